@@ -1,0 +1,102 @@
+// The frame format on the plugin stream, shared by the module and by every far side.
+//
+// A frame is a header of 16 bytes and `length` bytes of payload right behind it:
+//
+//   offset  size  field
+//        0     4  reserved, written as 0, never checked
+//        4     4  length of the payload in bytes
+//        8     4  id of the connection; 0 for frames that belong to none
+//       12     1  ConnectionType
+//       13     3  reserved, written as 0, never checked
+//       16     -  payload
+//
+// Integers travel in the byte order of the machine, which is little-endian on every supported one.
+// Everything here is a pure function over the caller's memory: any thread, no ownership.
+#ifndef GXMOD_FRAMES_H
+#define GXMOD_FRAMES_H
+
+#include <cstddef>
+#include <cstdint>
+#include <cstring>
+
+namespace gxmod {
+
+inline constexpr std::size_t kFrameHeaderBytes = 16;
+inline constexpr std::size_t kTestRespondHeaderBytes = 8;
+
+enum class ConnectionType : std::uint8_t {
+  Connect = 1,      // module to far side: open a connection; payload: target as host:port, no terminator
+  Data = 2,         // either way: payload: bytes of the connection
+  Close = 3,        // either way: the connection has ended; no payload
+  TestChannel = 4,  // module to far side, id 0: payload: text of the test
+  TestRespond = 5,  // far side to module: payload: a test response, see below
+  ChannelList = 6,  // either way, id 0: payload: text of the channel list
+};
+
+struct FrameHeader {
+  std::uint32_t length = 0;  // of the payload, bytes
+  std::uint32_t connection_id = 0;
+  ConnectionType type{};  // on receipt any value of one byte; the unknown ones are read in full and dropped
+};
+
+// Writes kFrameHeaderBytes at `out`.
+inline void EncodeFrameHeader(const FrameHeader& header, void* out) {
+  unsigned char* bytes = static_cast<unsigned char*>(out);
+  std::memset(bytes, 0, kFrameHeaderBytes);
+  std::memcpy(bytes + 4, &header.length, sizeof header.length);
+  std::memcpy(bytes + 8, &header.connection_id, sizeof header.connection_id);
+  bytes[12] = static_cast<unsigned char>(header.type);
+}
+
+// Reads kFrameHeaderBytes at `in`.
+inline FrameHeader DecodeFrameHeader(const void* in) {
+  const unsigned char* bytes = static_cast<const unsigned char*>(in);
+  FrameHeader header;
+  std::memcpy(&header.length, bytes + 4, sizeof header.length);
+  std::memcpy(&header.connection_id, bytes + 8, sizeof header.connection_id);
+  header.type = static_cast<ConnectionType>(bytes[12]);
+  return header;
+}
+
+// The payload of a TestRespond frame: status (32 bits, 0 = the channel works), offset and length of a message
+// (16 bits each, the offset counted from the start of the payload), then bytes among which the message lies.
+struct TestResponse {
+  std::uint32_t status = 0;
+  const char* text = nullptr;   // points into the payload; not terminated
+  std::size_t text_length = 0;  // bytes up to the first NUL inside the range
+};
+
+// False: the payload is too short or the message lies outside it; `out` is untouched.
+inline bool DecodeTestResponse(const void* payload, std::size_t length, TestResponse* out) {
+  if (payload == nullptr || length < kTestRespondHeaderBytes) return false;
+  const char* bytes = static_cast<const char*>(payload);
+  std::uint16_t text_offset = 0;
+  std::uint16_t text_length = 0;
+  std::memcpy(&text_offset, bytes + 4, sizeof text_offset);
+  std::memcpy(&text_length, bytes + 6, sizeof text_length);
+  // Their sum may exceed 16 bits, so it is taken in std::size_t.
+  if (std::size_t{text_offset} + text_length > length) return false;
+  std::memcpy(&out->status, bytes, sizeof out->status);
+  out->text = bytes + text_offset;
+  const void* nul = text_length == 0 ? nullptr : std::memchr(out->text, '\0', text_length);
+  out->text_length =
+      nul == nullptr ? text_length : static_cast<std::size_t>(static_cast<const char*>(nul) - out->text);
+  return true;
+}
+
+// Writes a response whose message lies right behind its fields. `out` has room for kTestRespondHeaderBytes +
+// `text_length` bytes, which is what this returns.
+inline std::size_t EncodeTestResponse(std::uint32_t status, const char* text, std::uint16_t text_length,
+                                      void* out) {
+  char* bytes = static_cast<char*>(out);
+  const std::uint16_t text_offset = kTestRespondHeaderBytes;
+  std::memcpy(bytes, &status, sizeof status);
+  std::memcpy(bytes + 4, &text_offset, sizeof text_offset);
+  std::memcpy(bytes + 6, &text_length, sizeof text_length);
+  if (text_length != 0) std::memcpy(bytes + kTestRespondHeaderBytes, text, text_length);
+  return kTestRespondHeaderBytes + text_length;
+}
+
+}  // namespace gxmod
+
+#endif  // GXMOD_FRAMES_H
