@@ -1,0 +1,35 @@
+# What every target of the project has in common, and the two ways to declare one.
+
+add_library(gx_options INTERFACE)
+target_compile_features(gx_options INTERFACE cxx_std_20)
+target_compile_options(gx_options INTERFACE
+  -Wall -Wextra -Wpedantic -Wshadow -Wconversion
+  $<$<CXX_COMPILER_ID:Clang>:-Wthread-safety>
+  # GCC 12 sees an overlap in std::string's operator+ that is not there.
+  $<$<CXX_COMPILER_ID:GNU>:-Wno-restrict>
+  $<$<BOOL:${GX_WERROR}>:-Werror>
+  # The module exports one function, and dlclose has to unmap it: no unique symbols.
+  -fvisibility=hidden -fvisibility-inlines-hidden
+  $<$<CXX_COMPILER_ID:GNU>:-fno-gnu-unique>)
+if(GX_SANITIZE)
+  target_compile_options(gx_options INTERFACE
+    -fsanitize=${GX_SANITIZE} -fno-sanitize-recover=all -fno-omit-frame-pointer)
+  target_link_options(gx_options INTERFACE -fsanitize=${GX_SANITIZE})
+endif()
+
+# One folder under src/: a static library gx_<folder> that stands on the libraries named after DEPENDS.
+function(gx_library name)
+  cmake_parse_arguments(ARG "" "" "SOURCES;DEPENDS" ${ARGN})
+  add_library(gx_${name} STATIC ${ARG_SOURCES})
+  target_include_directories(gx_${name} PUBLIC ${PROJECT_SOURCE_DIR}/src)
+  target_link_libraries(gx_${name} PUBLIC ${ARG_DEPENDS} PRIVATE gx_options)
+endfunction()
+
+# One test program tests/<folder>, found by ctest under the names of its cases.
+function(gx_test name)
+  cmake_parse_arguments(ARG "" "" "SOURCES;DEPENDS" ${ARGN})
+  add_executable(${name} ${ARG_SOURCES})
+  target_include_directories(${name} PRIVATE ${PROJECT_SOURCE_DIR}/tests)
+  target_link_libraries(${name} PRIVATE ${ARG_DEPENDS} gx_options GTest::gmock GTest::gtest_main)
+  gtest_discover_tests(${name} DISCOVERY_TIMEOUT 60 PROPERTIES TIMEOUT 120)
+endfunction()

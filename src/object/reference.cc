@@ -1,0 +1,15 @@
+#include "object/reference.h"
+
+std::int64_t CReference::AddRef() { return references_.fetch_add(1, std::memory_order_relaxed) + 1; }
+
+std::int64_t CReference::Release() {
+  // acq_rel: what any thread did to the object before its Release has happened before the destructor runs.
+  const std::int64_t left = references_.fetch_sub(1, std::memory_order_acq_rel) - 1;
+  if (left != 0) return left;
+  if (DropHold() == 0) delete this;
+  return 0;
+}
+
+std::int64_t CReference::AddHold() { return holds_.fetch_add(1, std::memory_order_relaxed) + 1; }
+
+std::int64_t CReference::DropHold() { return holds_.fetch_sub(1, std::memory_order_acq_rel) - 1; }
