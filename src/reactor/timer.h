@@ -1,0 +1,25 @@
+// Timer tasks and the service that fires them.
+#ifndef GX_REACTOR_TIMER_H
+#define GX_REACTOR_TIMER_H
+
+#include "gxmod/reference.h"
+
+class ITask : public virtual IReference {
+ public:
+  virtual void MarkedForDeletion() = 0;
+  // What the timer does when it fires; on the reactor's work thread.
+  virtual void Done() = 0;
+};
+
+// Threads: any.
+class ITimer {
+ public:
+  virtual ~ITimer() = default;
+  // Arms a timer that holds a reference on `task`. `once`: fires once; otherwise again every `interval_ms`.
+  // A task armed twice has two timers. Always true.
+  virtual bool SetTimer(ITask* task, unsigned long long interval_ms, bool once) = 0;
+  // Cancels every timer of that task. Always true.
+  virtual bool KillTimer(ITask* task) = 0;
+};
+
+#endif  // GX_REACTOR_TIMER_H

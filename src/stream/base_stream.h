@@ -1,0 +1,156 @@
+// Everything about a stream that does not depend on its transport.
+#ifndef GX_STREAM_BASE_STREAM_H
+#define GX_STREAM_BASE_STREAM_H
+
+#include <atomic>
+#include <cstdint>
+#include <list>
+
+#include "base/mutex_lock.h"
+#include "object/object_monitor.h"
+#include "object/reference.h"
+#include "stream/ibase_stream.h"
+
+// Keeps the queues of requests, their time-outs, the connection's status, the allocator, the properties and the
+// ownership token. A transport derives from it, supplies the five pure operations at the end, sets the status
+// when it connects, and calls RecvRout and SendRout when it can move bytes again.
+//
+// Requests of one direction complete in the order in which they were queued, drained by one thread at a time;
+// any thread may queue, and any thread's call may be the one that drains. No lock is held while the transport
+// or the handler is called.
+class CBaseStream : public IBaseStream,
+                    private CReference,
+                    public IPropertyList_Impl,
+                    public IBaseStream::IUserDataImpl,
+                    public IBaseStream::IHandlerImpl,
+                    public IBaseStream::IIOOperatorImpl,
+                    public IBaseStream::IStatusImpl,
+                    public IThreadSaftyImpl {
+ public:
+  // The default allocator of every stream.
+  static CRefObj<IMemAlloctor> s_bufAlloc;
+
+  // `connected`: the transport is connected already.
+  CBaseStream(StreamType type, bool connected);
+  ~CBaseStream() override;
+  GX_FORWARD_REFERENCE();
+
+  IBaseStream::IUserDataImpl* UserDataImpl() override { return this; }
+  IBaseStream::IHandlerImpl* HandlerImpl() override { return this; }
+  IPropertyList_Impl* PropertyListImpl() override { return this; }
+  IBaseStream::IIOOperatorImpl* IOOperatorImpl() override { return this; }
+  IBaseStream::IStatusImpl* StatusImpl() override { return this; }
+  IThreadSafty* ThreadSaftyImpl() override;
+
+  bool AddProperty(::IReference* property) override;
+  bool DelProperty(::IReference* property) override;
+  bool DeleteAll() override;
+
+  using IBaseStream::Write;
+
+  // Replaces what ThreadSaftyImpl returns. Null changes nothing and returns false.
+  virtual bool ChangeThreadSaftyImpl(IThreadSafty* safty);
+  // Queues a copy of `length` bytes at `data`. Null and 0: the empty write. kNotConnected also without memory.
+  virtual unsigned long Write(const void* data, unsigned long length, unsigned long timeout_ms);
+
+  unsigned long Write_impl(_WRITE_BUF* list, unsigned long count, unsigned long timeout_ms) override;
+  unsigned long Read_impl(IBuffer* buffer, unsigned long length, unsigned long timeout_ms) override;
+  unsigned long Peek_impl(IBuffer* buffer, unsigned long length, unsigned long timeout_ms) override;
+  unsigned long Write_impl(IBuffer* buffer, unsigned long length, unsigned long timeout_ms) override;
+  void* SetUserData_impl(void* data) override;
+  void* GetUserData_impl() const override;
+  IBaseHandler* Handler_impl() const override;
+  IBaseHandler* Handler_impl(IBaseHandler* handler) override;
+  bool IsConnect_impl() const override;
+  bool IsClosed_impl() const override;
+  bool HadConnected_impl() const override;
+  // True: `*out` is a buffer of `length` bytes, counted for the caller.
+  virtual bool GetFreeBuffer(IBuffer** out, unsigned long length);
+  StreamType GetStreamType_impl() const override { return type_; }
+  // Marks the stream closed. The reason is for the transport, which overrides this to close its connection.
+  bool Disconnect_impl(unsigned int reason) override;
+  // Milliseconds to the next deadline at `now_ms` (monotonic); 0: it has passed; kNoTimeout: there is none.
+  // While a read is pending only its deadline counts.
+  virtual bool timeout(unsigned long now_ms);
+  virtual unsigned long timeleft(unsigned long now_ms);
+  const char* GetStreamName_impl() const override { return ""; }
+  const char* GetPeerName_impl() const override { return ""; }
+
+  // Drain the queue of one direction as far as the transport goes. They return the bytes moved by this call, or
+  // kNotConnected. `from_reactor`: the transport has become ready, so if another thread is draining it must
+  // look once more.
+  virtual unsigned long RecvRout(bool from_reactor);
+  virtual unsigned long SendRout(bool from_reactor);
+
+  // All ones: no limit. The first bounds the time to connect, the second is the transport's, the third replaces
+  // the time-out of every later request. Restarts the clock of the first.
+  void SetConnectTimeout(unsigned long connect_ms, unsigned long transport_ms, unsigned long request_ms);
+  // Null leaves the stream without an allocator. Returns the previous one.
+  CRefObj<IMemAlloctor> SetMemAlloc(IMemAlloctor* allocator);
+  void SetReadFlag(bool on) { read_flag_.store(on, std::memory_order_relaxed); }
+
+  // The contract for transports. `*count` is 0 when called. True with 0 bytes: the transport is busy and will
+  // call RecvRout or SendRout with true when it is ready. False: failed or ended, errno tells why.
+  virtual bool read(char* data, long length, long& count, long timeout_ms) = 0;
+  virtual bool peek(char* data, long length, long& count, long timeout_ms) = 0;
+  virtual bool write(const char* data, long length, long& count, long timeout_ms, long flags) = 0;
+  // Hooks for the handler's notifications.
+  virtual bool read_done(IBuffer* buffer, unsigned long length) = 0;
+  virtual bool write_done(IBuffer* buffer, unsigned long length) = 0;
+  virtual bool read_step(IBuffer* /*buffer*/, unsigned long /*length*/) { return true; }
+  virtual bool peek_done(IBuffer* /*buffer*/, unsigned long /*length*/) { return true; }
+  virtual bool write_step(IBuffer* /*buffer*/, unsigned long /*length*/) { return true; }
+
+ protected:
+  // For the transport: the connection stands (again).
+  void SetConnected(bool had_connected);
+  void SetHadConnected() { had_connected_.store(true, std::memory_order_release); }
+
+ private:
+  // One queued request.
+  struct CItem {
+    std::uint64_t done = 0;
+    std::uint64_t remaining = 0;
+    std::uint64_t offset = 0;  // writes: position in the buffer of the next byte
+    std::uint64_t timeout_ms = kNoTimeout;
+    std::uint64_t queued_at_ms = 0;
+    bool peek = false;
+    CRefObj<IBuffer> buffer;
+  };
+
+  // One direction. The current item has left the queue; the thread that is inside owns it, but its figures
+  // change under the queue lock because timeleft reads them.
+  struct CTransfer {
+    std::list<CItem> queue;
+    CItem current;
+    bool has_current = false;
+    bool inside = false;  // some thread is draining
+    bool again = false;   // the transport became ready meanwhile
+  };
+
+  struct Direction;  // what the two directions do differently
+
+  std::uint64_t RequestTimeout(unsigned long timeout_ms) const;
+  unsigned long QueueRead(IBuffer* buffer, unsigned long length, unsigned long timeout_ms, bool peek);
+
+  CPropertyList properties_;
+  std::atomic<IThreadSafty*> thread_safty_;
+  std::atomic<IBaseHandler*> handler_{nullptr};
+  std::atomic<void*> user_data_{nullptr};
+  std::atomic<bool> had_connected_;
+  std::atomic<bool> closed_{false};
+  std::atomic<bool> read_flag_{false};
+  const StreamType type_;
+
+  mutable CMutexLock queue_lock_;
+  CTransfer receive_ GUARDED_BY(queue_lock_);
+  CTransfer send_ GUARDED_BY(queue_lock_);
+  CRefObj<IMemAlloctor> allocator_ GUARDED_BY(queue_lock_);
+  std::uint64_t start_tick_ms_ GUARDED_BY(queue_lock_);
+  std::uint64_t connect_timeout_ms_ GUARDED_BY(queue_lock_) = kNoTimeout;
+  std::uint64_t transport_timeout_ms_ GUARDED_BY(queue_lock_) = kNoTimeout;
+  std::uint64_t request_timeout_ms_ GUARDED_BY(queue_lock_) = kNoTimeout;
+  OBJECT_MONITOR<CBaseStream> monitor_;
+};
+
+#endif  // GX_STREAM_BASE_STREAM_H

@@ -1,0 +1,100 @@
+// Buffers on the heap: one malloc for each block, one free at its end, no pool.
+#ifndef GX_STREAM_MEM_BUFFER_H
+#define GX_STREAM_MEM_BUFFER_H
+
+#include <cstddef>
+#include <cstdint>
+#include <cstdlib>
+#include <limits>
+#include <new>
+
+#include "object/reference.h"
+#include "stream/ibuffer.h"
+
+// Made by an allocator, which it keeps alive and which frees its block. Both views of the block are the same.
+class CMemBuffer final : public IBuffer, private CReference {
+ public:
+  // Takes over `block` of `size` bytes.
+  CMemBuffer(IMemAlloctor* allocator, void* block, std::size_t size);
+  ~CMemBuffer() override;
+  GX_FORWARD_REFERENCE();
+
+  void* GetPointer() const override { return pointer_; }
+  std::size_t GetSize() const override { return size_; }
+  std::size_t SetSize(std::size_t size) override;
+  std::size_t GetBufferSize() const override { return buffer_size_; }
+  std::size_t GetActualSize() const override { return buffer_size_; }
+  void* GetActualPointer() const override { return pointer_; }
+  CRefObj<IMemAlloctor> GetCurAlloctor() const override { return allocator_; }
+  void* Realloc(std::size_t size) override;
+  void* Reset(void* pointer, std::size_t size) override;
+
+ private:
+  CRefObj<IMemAlloctor> allocator_;
+  void* pointer_;
+  std::size_t size_ = 0;
+  std::size_t buffer_size_;
+};
+
+// The allocator of buffers of class T. Threads: any, except that the accounted bytes are a plain figure that
+// only Realloc changes and nothing reads.
+template <class T>
+class CMemAlloctorEx : public IMemAlloctor, private CReference {
+ public:
+  explicit CMemAlloctorEx(std::size_t max_buffer_size = std::numeric_limits<std::size_t>::max())
+      : max_buffer_size_(max_buffer_size) {}
+  GX_FORWARD_REFERENCE();
+
+  CRefObj<IBuffer> GetFreeBuffer(std::size_t size) override { return CreateBuffer(size); }
+  bool FreeBuff(IBuffer* buffer) override;
+  std::size_t GetMaxBufferSize() override { return max_buffer_size_; }
+  void* Realloc(IBuffer* buffer, std::size_t size) override;
+  CRefObj<IBuffer> CreateBuffer(std::size_t size) override;
+
+ private:
+  std::size_t accounted_bytes_ = 0;
+  std::size_t max_buffer_size_;
+};
+
+// The process-wide allocator.
+extern CRefObj<IMemAlloctor> g_pMemAlloctor;
+
+// A fresh buffer that holds a copy of `size` bytes at `data`. Empty: no allocator or no memory. The allocator's
+// maximum must not be below `size`.
+CRefObj<IBuffer> cpy2buf(IMemAlloctor* allocator, const void* data, std::size_t size);
+CRefObj<IBuffer> cpy2buf(const void* data, std::size_t size);
+
+template <class T>
+bool CMemAlloctorEx<T>::FreeBuff(IBuffer* buffer) {
+  if (buffer == nullptr) return false;
+  std::free(buffer->GetActualPointer());
+  return true;
+}
+
+template <class T>
+void* CMemAlloctorEx<T>::Realloc(IBuffer* buffer, std::size_t size) {
+  if (buffer == nullptr) return nullptr;
+  void* block = std::realloc(buffer->GetActualPointer(), size);
+  if (size != 0 && block == nullptr) return nullptr;
+  accounted_bytes_ -= buffer->GetActualSize();
+  buffer->Reset(block, size);
+  accounted_bytes_ += buffer->GetActualSize();
+  return block;
+}
+
+template <class T>
+CRefObj<IBuffer> CMemAlloctorEx<T>::CreateBuffer(std::size_t size) {
+  const std::size_t maximum = GetMaxBufferSize();
+  if (maximum < size) size = maximum;
+  void* block = nullptr;
+  if (size != 0) {
+    block = std::malloc(size);
+    if (block == nullptr) block = std::malloc(size);  // one retry: another thread may just have freed memory
+    if (block == nullptr) return {};
+  }
+  T* buffer = new (std::nothrow) T(this, block, size);
+  if (buffer == nullptr) std::free(block);
+  return buffer;
+}
+
+#endif  // GX_STREAM_MEM_BUFFER_H
