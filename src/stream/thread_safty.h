@@ -2,8 +2,7 @@
 #ifndef GX_STREAM_THREAD_SAFTY_H
 #define GX_STREAM_THREAD_SAFTY_H
 
-#include <atomic>
-#include <cstdint>
+#include "base/mutex_lock.h"
 
 class IThreadSafty {
  public:
@@ -24,8 +23,9 @@ class IThreadSaftyImpl : public IThreadSafty {
   void Relinquish() override;
 
  private:
-  std::atomic<std::int64_t> count_{0};
-  std::atomic<long> owner_{0};
+  mutable CStdMutex mutex_;
+  long count_ GUARDED_BY(mutex_) = 0;  // how often the owner has it
+  long owner_ GUARDED_BY(mutex_) = 0;
 };
 
 #endif  // GX_STREAM_THREAD_SAFTY_H
