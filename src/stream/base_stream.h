@@ -5,6 +5,7 @@
 #include <atomic>
 #include <cstdint>
 #include <list>
+#include <optional>
 
 #include "base/mutex_lock.h"
 #include "object/object_monitor.h"
@@ -17,7 +18,8 @@
 //
 // Requests of one direction complete in the order in which they were queued, drained by one thread at a time;
 // any thread may queue, and any thread's call may be the one that drains. No lock is held while the transport
-// or the handler is called.
+// or the handler is called. Callers hold a reference until their call returns, even if the handler drops its
+// own.
 class CBaseStream : public IBaseStream,
                     private CReference,
                     public IPropertyList_Impl,
@@ -111,27 +113,47 @@ class CBaseStream : public IBaseStream,
   struct CItem {
     std::uint64_t done = 0;
     std::uint64_t remaining = 0;
-    std::uint64_t offset = 0;  // writes: position in the buffer of the next byte
     std::uint64_t timeout_ms = kNoTimeout;
     std::uint64_t queued_at_ms = 0;
     bool peek = false;
     CRefObj<IBuffer> buffer;
   };
 
-  // One direction. The current item has left the queue; the thread that is inside owns it, but its figures
-  // change under the queue lock because timeleft reads them.
+  // One direction. A request leaves the queue when it becomes current. Only the thread that is inside moves it
+  // on, but does so under the queue lock, because timeleft reads it.
   struct CTransfer {
     std::list<CItem> queue;
-    CItem current;
-    bool has_current = false;
+    std::optional<CItem> current;
     bool inside = false;  // some thread is draining
     bool again = false;   // the transport became ready meanwhile
   };
 
   struct Direction;  // what the two directions do differently
+  struct Deadline;   // what timeleft looks at
 
-  std::uint64_t RequestTimeout(unsigned long timeout_ms) const;
+  static CItem MakeItem(IBuffer* buffer, unsigned long length, unsigned long timeout_ms, bool peek = false);
+
   unsigned long QueueRead(IBuffer* buffer, unsigned long length, unsigned long timeout_ms, bool peek);
+  CRefObj<IBuffer> NewBuffer(unsigned long length);
+  void Append(const Direction& way, std::list<CItem> items);
+
+  // The transfer routine and its steps, in their order.
+  unsigned long Drain(const Direction& way, bool from_reactor);
+  // False: somebody is draining.
+  bool Enter(const Direction& way, bool from_reactor);
+  // A copy of the request to work on. Empty: there is none, and the entrance has been left.
+  std::optional<CItem> Current(const Direction& way);
+  // One operation of the transport. False: the stream is closed now.
+  bool Step(const Direction& way, const CItem& item, long& moved);
+  void Account(const Direction& way, long moved);
+  void Complete(const Direction& way, const CItem& item);
+  // False: the transport has become ready since, the entrance is still held.
+  bool LeaveUnlessReady(const Direction& way);
+  void Leave(const Direction& way);
+
+  bool Fail(unsigned code);  // disconnects; always false
+  CTransfer& Transfer(const Direction& way) REQUIRES(queue_lock_);
+  Deadline NextDeadline() const;
 
   CPropertyList properties_;
   std::atomic<IThreadSafty*> thread_safty_;

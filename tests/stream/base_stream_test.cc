@@ -1,0 +1,398 @@
+#include "stream/base_stream.h"
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstring>
+#include <functional>
+#include <limits>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "base/clock.h"
+#include "stream/mem_buffer.h"
+#include "support/log_capture.h"
+
+namespace {
+
+using testing::ElementsAre;
+using testing::IsEmpty;
+using testing::Pair;
+using Story = std::vector<std::string>;
+
+constexpr long kUnlimited = std::numeric_limits<long>::max();
+
+// A transport in memory that cuts, waits and fails as a test tells it to, and writes down what it is told.
+class FakeStream : public CBaseStream {
+ public:
+  explicit FakeStream(bool connected) : CBaseStream(/*type=*/5, connected) {}
+
+  std::string incoming;       // what can be read
+  std::string sent;           // what was written
+  long piece = kUnlimited;    // the most bytes that one operation moves
+  long credit = kUnlimited;   // the bytes that writes may still take
+  int fails_with = 0;         // the errno with which every operation fails
+  long given_timeout_ms = 0;  // of the last operation
+  Story story;                // of hooks and disconnects
+  std::function<void(const std::string& event)> on_event = [](const std::string&) {};
+  std::function<void()> on_busy = [] {};  // an operation found nothing to move and is about to return
+
+  using CBaseStream::SetConnected;
+
+  bool Disconnect_impl(unsigned int reason) override {
+    return CBaseStream::Disconnect_impl(reason) && Note("disconnect", reason);
+  }
+  bool read(char* data, long length, long& count, long timeout_ms) override {
+    if (!peek(data, length, count, timeout_ms)) return false;
+    incoming.erase(0, static_cast<std::size_t>(count));
+    return true;
+  }
+  bool peek(char* data, long length, long& count, long timeout_ms) override {
+    count = std::min({length, piece, static_cast<long>(incoming.size())});
+    std::memcpy(data, incoming.data(), static_cast<std::size_t>(count));
+    return Result(count, timeout_ms);
+  }
+  bool write(const char* data, long length, long& count, long timeout_ms, long) override {
+    count = std::min({length, piece, credit});
+    sent.append(data, static_cast<std::size_t>(count));
+    credit -= count;
+    return Result(count, timeout_ms);
+  }
+  bool read_done(IBuffer*, unsigned long length) override { return Note("read done", length); }
+  bool write_done(IBuffer*, unsigned long length) override { return Note("write done", length); }
+  bool read_step(IBuffer*, unsigned long length) override { return Note("read", length); }
+  bool peek_done(IBuffer*, unsigned long length) override { return Note("peek done", length); }
+  bool write_step(IBuffer*, unsigned long length) override { return Note("wrote", length); }
+
+ private:
+  bool Result(long count, long timeout_ms) {
+    given_timeout_ms = timeout_ms;
+    if (count == 0) on_busy();
+    errno = fails_with;
+    return fails_with == 0;
+  }
+  bool Note(const char* what, unsigned long figure) {
+    story.push_back(std::string(what) + ' ' + std::to_string(figure));
+    on_event(story.back());
+    return true;
+  }
+};
+
+std::string Text(const CRefObj<IBuffer>& buffer) {
+  return {static_cast<const char*>(buffer->GetPointer()), buffer->GetSize()};
+}
+
+CRefObj<IBuffer> Room(std::size_t size) { return g_pMemAlloctor->GetFreeBuffer(size); }
+
+std::int64_t References(const CRefObj<IBuffer>& buffer) {
+  buffer->AddRef();
+  return buffer->Release();
+}
+
+class BaseStreamTest : public testing::Test {
+ protected:
+  // A fresh stream, connected unless told otherwise.
+  void Restart(bool connected = true) { stream_ = new FakeStream(connected); }
+  void SetUp() override { Restart(); }
+
+  unsigned long Send(const std::string& text, unsigned long timeout_ms = kNoTimeout) {
+    return stream_->Write(text.data(), text.size(), timeout_ms);
+  }
+
+  LogCapture log_;
+  CRefObj<FakeStream> stream_;
+};
+
+TEST_F(BaseStreamTest, RequestsCompleteInOrderHoweverTheTransportCuts) {
+  for (const long piece : {1L, 2L, 4L, kUnlimited}) {
+    Restart();
+    stream_->piece = piece;
+    stream_->incoming = "hello, world";
+    const CRefObj<IBuffer> first = cpy2buf("> ", 2);
+    const CRefObj<IBuffer> second = Room(7);
+    first->Realloc(7);
+    EXPECT_EQ(stream_->Read(first.get(), 5, kNoTimeout), 5U);
+    EXPECT_EQ(stream_->Read(second.get(), 7, kNoTimeout), 7U);
+    EXPECT_EQ(Text(first), "> hello") << "a read appends";
+    EXPECT_EQ(Text(second), ", world");
+
+    IBaseStream::_WRITE_BUF list[] = {{first.get(), 7}, {second.get(), 3}};
+    EXPECT_EQ(stream_->Write(list, 2, kNoTimeout), 10U);
+    EXPECT_EQ(stream_->Write(list, 0, kNoTimeout), 0U);
+    EXPECT_EQ(Send("!"), 1U);
+    EXPECT_EQ(stream_->sent, "> hello, w!");
+
+    Story done;
+    for (const std::string& event : stream_->story) {
+      if (event.find("done") != std::string::npos) done.push_back(event);
+    }
+    EXPECT_THAT(done,
+                ElementsAre("read done 5", "read done 7", "write done 7", "write done 3", "write done 1"));
+    EXPECT_EQ(References(first), 1) << "a completed request still holds its buffer";
+  }
+}
+
+TEST_F(BaseStreamTest, WaitsForTheTransportAndGoesOn) {
+  stream_->credit = 2;
+  EXPECT_EQ(Send("hello"), 2U);
+  EXPECT_EQ(Send("!"), 0U);
+  EXPECT_EQ(stream_->Read(nullptr, 4, kNoTimeout), 0U);
+  stream_->incoming = "abc";
+  EXPECT_EQ(stream_->RecvRout(true), 3U);
+  stream_->credit = kUnlimited;
+  EXPECT_EQ(stream_->SendRout(true), 4U);
+  stream_->incoming = "de";
+  EXPECT_EQ(stream_->RecvRout(true), 1U);
+  EXPECT_EQ(stream_->sent, "hello!");
+  EXPECT_EQ(stream_->incoming, "e");
+  EXPECT_THAT(stream_->story, ElementsAre("wrote 2", "read 3", "wrote 3", "write done 5", "wrote 1",
+                                          "write done 1", "read 1", "read done 4"));
+}
+
+// The reactor may be quicker than the operation that asked it for a call, and then finds the entrance taken.
+TEST_F(BaseStreamTest, AWakeUpDuringTheLastOperationIsNotLost) {
+  stream_->on_busy = [this] {
+    stream_->incoming = "ab";
+    stream_->credit = 1;
+    std::thread([this] {
+      EXPECT_EQ(stream_->RecvRout(true), 0U);
+      EXPECT_EQ(stream_->SendRout(true), 0U);
+    }).join();
+  };
+  const CRefObj<IBuffer> buffer = Room(2);
+  EXPECT_EQ(stream_->Read(buffer.get(), 2, kNoTimeout), 2U);
+  EXPECT_EQ(Text(buffer), "ab");
+  stream_->credit = 0;
+  EXPECT_EQ(Send("xyz"), 3U);
+}
+
+TEST_F(BaseStreamTest, APeekTakesWhatThereIsAndConsumesNothing) {
+  const CRefObj<IBuffer> buffer = Room(4);
+  stream_->incoming = "abcdef";
+  stream_->piece = 2;
+  EXPECT_EQ(stream_->Peek(buffer.get(), 4, kNoTimeout), 2U);
+  EXPECT_EQ(Text(buffer), "ab");
+  EXPECT_EQ(stream_->Read(buffer.get(), 2, kNoTimeout), 2U);
+  EXPECT_EQ(Text(buffer), "abab");
+  EXPECT_THAT(stream_->story, ElementsAre("peek done 2", "read 2", "read done 2"));
+}
+
+TEST_F(BaseStreamTest, TheEmptyWriteEndsTheStreamBehindQueuedData) {
+  stream_->credit = 2;
+  Send("hello");
+  EXPECT_EQ(stream_->Write(static_cast<const void*>(nullptr), 0, kNoTimeout), 0U);
+  EXPECT_TRUE(stream_->IsConnect());
+  stream_->credit = kUnlimited;
+  EXPECT_EQ(stream_->SendRout(true), 3U);
+  EXPECT_EQ(stream_->story.back(), "disconnect 49152");
+  EXPECT_EQ(stream_->sent, "hello");
+
+  Restart();
+  EXPECT_EQ(stream_->WriteEnd(), 0U);
+  EXPECT_THAT(stream_->story, ElementsAre("disconnect 49152"));
+}
+
+TEST_F(BaseStreamTest, EachFailureHasItsCode) {
+  const CRefObj<IBuffer> half = cpy2buf("half", 4);
+  half->Realloc(8);
+  stream_->incoming = "abcdefgh";
+  stream_->Read(half.get(), 5, kNoTimeout);
+  EXPECT_THAT(stream_->story, ElementsAre("disconnect 49152")) << "no room";
+
+  // The filled size of a buffer may lie above its capacity after a Reset.
+  Restart();
+  char small[2];
+  void* block = half->Reset(small, sizeof small);
+  stream_->Read(half.get(), 1, kNoTimeout);
+  half->Reset(block, 8);
+  EXPECT_THAT(stream_->story, ElementsAre("disconnect 49152")) << "no room";
+
+  const std::vector<std::pair<int, const char*>> failures = {
+      {EAGAIN, "disconnect 49152"},     {EHOSTDOWN, "disconnect 57348"},  {EHOSTUNREACH, "disconnect 57348"},
+      {ETIMEDOUT, "disconnect 57351"},  {ECONNRESET, "disconnect 57448"}, {EPIPE, "disconnect 58343"},
+      {EINPROGRESS, "disconnect 58343"}};
+  for (const auto& [error, story] : failures) {
+    for (const bool receive : {true, false}) {
+      Restart();
+      stream_->fails_with = error;
+      EXPECT_EQ(receive ? stream_->Read(nullptr, 1, kNoTimeout) : Send("x"), 0U);
+      EXPECT_THAT(stream_->story, ElementsAre(story)) << std::strerror(error);
+
+      stream_->fails_with = 0;
+      stream_->incoming = "x";
+      stream_->SetConnected(true);
+      EXPECT_EQ(receive ? stream_->RecvRout(true) : stream_->SendRout(true), 1U)
+          << "the entrance is still held";
+    }
+  }
+  EXPECT_THAT(log_.Lines(), IsEmpty());
+}
+
+TEST_F(BaseStreamTest, OnlyTheTimeOutIsLogged) {
+  const std::string line =
+      "[tarn][erroCode] errorcode=TARN_ERROR_KWSTREAM_TIMEOUT(57348), product=0, type=3, inner code=4 ";
+  stream_->Read(nullptr, 4, 0);
+  EXPECT_THAT(stream_->story, ElementsAre("disconnect 57348"));
+  EXPECT_THAT(log_.Lines(), ElementsAre(Pair(kGXModLogInfo, line + "[RecvRout:315]")));
+
+  // The transport gets ready too late.
+  Restart();
+  stream_->credit = 0;
+  Send("hello", 1);
+  const std::uint64_t start = gettickcount();
+  while (gettickcount() <= start + 1) std::this_thread::yield();
+  stream_->credit = kUnlimited;
+  stream_->SendRout(true);
+  EXPECT_THAT(stream_->story, ElementsAre("disconnect 57348"));
+  EXPECT_THAT(log_.Lines(), ElementsAre(Pair(kGXModLogInfo, line + "[SendRout:495]")));
+}
+
+TEST_F(BaseStreamTest, TheTransportIsToldTheTimeLeft) {
+  stream_->Read(nullptr, 1, kNoTimeout);
+  EXPECT_EQ(stream_->given_timeout_ms, -1);
+  for (const unsigned long timeout_ms : {60000UL, kNoTimeout - 1}) {
+    Restart();
+    stream_->Read(nullptr, 1, timeout_ms);
+    EXPECT_GT(stream_->given_timeout_ms, 0);
+    EXPECT_LE(static_cast<unsigned long>(stream_->given_timeout_ms), timeout_ms);
+  }
+}
+
+TEST_F(BaseStreamTest, TheDeadlineOfAReadGoesBeforeThatOfAWrite) {
+  const unsigned long now = gettickcount();
+  EXPECT_EQ(stream_->timeleft(now), kNoTimeout);
+  stream_->credit = 0;
+  Send("x", 60000);
+  EXPECT_GT(stream_->timeleft(now), 30000U);
+  EXPECT_LE(stream_->timeleft(gettickcount()), 60000U);
+  stream_->Read(nullptr, 1, 900000);
+  EXPECT_GT(stream_->timeleft(now + 100000), 700000U) << "the write's deadline has passed, the read's counts";
+  EXPECT_THAT(log_.Lines(), IsEmpty());
+
+  EXPECT_TRUE(stream_->timeout(now + 1000000));
+  stream_->incoming = "a";
+  stream_->RecvRout(true);
+  EXPECT_TRUE(stream_->timeout(now + 100000));
+  EXPECT_THAT(log_.Lines(), ElementsAre(Pair(kGXModLogError, "[basestream] read data timeout, 900000"),
+                                        Pair(kGXModLogError, "[basestream] write data timeout, 60000")));
+  EXPECT_TRUE(stream_->IsConnect()) << "it is for the transport to act on a missed deadline";
+}
+
+TEST_F(BaseStreamTest, SettingsBoundTheConnectAndEveryRequest) {
+  Restart(/*connected=*/false);
+  EXPECT_EQ(stream_->timeleft(gettickcount()), kNoTimeout);
+  stream_->SetConnectTimeout(1000, 1, 60000);
+  EXPECT_LE(stream_->timeleft(gettickcount()), 1000U);
+  EXPECT_EQ(stream_->timeleft(gettickcount() + 1000), 0U);
+  EXPECT_THAT(log_.Lines(), ElementsAre(Pair(kGXModLogError, "[basestream] connect server timeout, 1000")));
+
+  stream_->SetConnected(true);
+  for (const unsigned long ignored : {0UL, kNoTimeout}) {
+    stream_->Read(nullptr, 1, ignored);
+    EXPECT_GT(stream_->timeleft(gettickcount()), 30000U);
+    EXPECT_LE(stream_->timeleft(gettickcount()), 60000U);
+    stream_->incoming = "a";
+    stream_->RecvRout(true);
+  }
+  EXPECT_TRUE(stream_->IsConnect());
+}
+
+TEST_F(BaseStreamTest, WithoutAConnectionRequestsAreRefused) {
+  const auto expect_refusals = [this] {
+    const CRefObj<IBuffer> buffer = cpy2buf("x", 1);
+    IBaseStream::_WRITE_BUF list{buffer.get(), 1};
+    for (const unsigned long result :
+         {stream_->Read(nullptr, 1, kNoTimeout), stream_->Peek(nullptr, 1, kNoTimeout), Send("x"), Send(""),
+          stream_->Write(&list, 1, kNoTimeout), stream_->Write(buffer.get(), 1, kNoTimeout),
+          stream_->WriteEnd(), stream_->RecvRout(true), stream_->SendRout(true)}) {
+      EXPECT_EQ(result, kNotConnected);
+    }
+    EXPECT_EQ(References(buffer), 1);
+    EXPECT_FALSE(stream_->IsConnect());
+  };
+  Restart(/*connected=*/false);
+  expect_refusals();
+
+  Restart();
+  EXPECT_TRUE(stream_->Disconnect(7));
+  EXPECT_FALSE(stream_->Disconnect(8));
+  EXPECT_TRUE(stream_->IsClosed());
+  expect_refusals();
+  EXPECT_THAT(stream_->story, ElementsAre("disconnect 7"));
+
+  stream_->SetConnected(true);
+  EXPECT_EQ(Send("x"), 1U);
+}
+
+TEST_F(BaseStreamTest, BuffersComeFromTheStreamsAllocator) {
+  EXPECT_EQ(stream_->Read(nullptr, 0, kNoTimeout), 0U);
+  EXPECT_EQ(stream_->SetMemAlloc(nullptr), CBaseStream::s_bufAlloc);
+  IBuffer* none = nullptr;
+  EXPECT_FALSE(stream_->GetFreeBuffer(&none, 1));
+  EXPECT_EQ(Send("x"), kNotConnected);
+  EXPECT_EQ(stream_->Read(nullptr, 4, kNoTimeout), 0U);
+  stream_->incoming = "abcd";
+  EXPECT_EQ(stream_->RecvRout(true), 0U) << "nothing was queued";
+
+  stream_->SetMemAlloc(CRefObj<IMemAlloctor>(new CMemAlloctorEx<CMemBuffer>(/*max_buffer_size=*/4)).get());
+  EXPECT_FALSE(stream_->GetFreeBuffer(nullptr, 1));
+  EXPECT_EQ(stream_->Read(nullptr, 4, kNoTimeout), 4U);
+  EXPECT_EQ(Send("12345"), kNotConnected) << "a copy that does not fit";
+  EXPECT_EQ(Send("1234"), 4U);
+  EXPECT_EQ(stream_->sent, "1234");
+}
+
+TEST_F(BaseStreamTest, AHookMayRequestMoreAndHoldsNoLock) {
+  int depth = 0;
+  stream_->incoming = "abcdef";
+  stream_->on_event = [&](const std::string& event) {
+    if (event != "read done 2") return;
+    EXPECT_EQ(++depth, 1) << "requests of a hook are drained by whoever called it";
+    std::thread([this] { EXPECT_EQ(stream_->timeleft(gettickcount()), kNoTimeout); }).join();
+    EXPECT_EQ(stream_->Read(nullptr, 2, kNoTimeout), 0U);
+    --depth;
+  };
+  EXPECT_EQ(stream_->Read(nullptr, 2, kNoTimeout), 6U);
+  EXPECT_EQ(stream_->incoming, "");
+}
+
+TEST_F(BaseStreamTest, AfterADisconnectNothingMoves) {
+  stream_->incoming = "abcdef";
+  stream_->piece = 2;
+  stream_->on_event = [&](const std::string& event) {
+    if (event == "read 2") stream_->Disconnect(0);
+  };
+  EXPECT_EQ(stream_->Read(nullptr, 6, kNoTimeout), 2U);
+  EXPECT_THAT(stream_->story, ElementsAre("read 2", "disconnect 0"));
+  EXPECT_EQ(stream_->incoming, "cdef");
+}
+
+TEST_F(BaseStreamTest, LeavesNothingBehind) {
+  // Its last words need a stream that still answers.
+  class Property : public CReference {
+   public:
+    Property(IBaseStream* stream, std::string& answer) : stream_(stream), answer_(answer) {}
+    ~Property() override { answer_ = stream_->IsConnect() ? "connected" : "closed"; }
+
+   private:
+    IBaseStream* stream_;
+    std::string& answer_;
+  };
+  std::string answer;
+  stream_->AddProperty(new Property(stream_.get(), answer));
+  stream_->credit = 0;
+  const CRefObj<IBuffer> buffers[] = {Room(1), Room(1), cpy2buf("x", 1), cpy2buf("y", 1)};
+  for (int i = 0; i < 2; ++i) {
+    stream_->Read(buffers[i].get(), 1, kNoTimeout);
+    stream_->Write(buffers[2 + i].get(), 1, kNoTimeout);
+  }
+  for (const CRefObj<IBuffer>& buffer : buffers) EXPECT_EQ(References(buffer), 2);
+  stream_ = nullptr;
+  for (const CRefObj<IBuffer>& buffer : buffers) EXPECT_EQ(References(buffer), 1);
+  EXPECT_EQ(answer, "connected");
+}
+
+}  // namespace
