@@ -27,14 +27,20 @@ class AllSignalsBlocked {
   sigset_t previous_;
 };
 
+// Memory may run out inside a hook or a step. The host's process must not end for that; the thread does.
+template <class Work>
+void Contain(Work work) {
+  try {
+    work();
+  } catch (...) {
+  }
+}
+
 }  // namespace
 
 bool CBaseThread::Run() { return Run_(false); }
 
-bool CBaseThread::Stop() {
-  if (!started_) return true;
-  return Stop(kNoLimit);
-}
+bool CBaseThread::Stop() { return CBaseThread::Stop(kNoLimit); }
 
 bool CBaseThread::Stop(unsigned long timeout_ms) {
   if (!started_) return true;
@@ -57,13 +63,14 @@ bool CBaseThread::Run_(bool detach) {
     handle_ = pthread_t{};
     return false;
   }
+  joinable_ = !detach;
   return true;
 }
 
 bool CBaseThread::WaitForStop(unsigned long /*timeout_ms*/) {
   if (!started_) return true;
   stop_requested_.store(true, std::memory_order_release);
-  if (!detached_) pthread_join(handle_, nullptr);
+  JoinOnce();
   return true;
 }
 
@@ -77,8 +84,14 @@ bool CBaseThread::WaitForTimeOut(unsigned long ms) {
 }
 
 bool CBaseThread::WaitThreadEnd(unsigned long /*timeout_ms*/) {
-  if (started_ && !detached_) pthread_join(handle_, nullptr);
+  if (started_) JoinOnce();
   return true;
+}
+
+void CBaseThread::JoinOnce() {
+  // A second join of the same thread is undefined, and the three operations that wait may follow each other.
+  if (joinable_) pthread_join(handle_, nullptr);
+  joinable_ = false;
 }
 
 bool CBaseThread::IsRunning() const { return started_ && !exited_; }
@@ -91,19 +104,15 @@ void* CBaseThread::ThreadFunc(void* self) {
   auto* thread = static_cast<CBaseThread*>(self);
   thread->own_id_ = GetCurrentThreadNumber();
   if (thread->detached_) pthread_detach(pthread_self());
-  thread->OnBegin();
-  thread->RunLoop();
+  Contain([thread] { thread->RunLoop(); });
   thread->exited_.store(true, std::memory_order_release);
-  thread->OnExit();
+  Contain([thread] { thread->OnExit(); });
   return nullptr;
 }
 
 void CBaseThread::RunLoop() {
-  try {
-    // A detached thread takes one step only: its ThreadLoop keeps its own loop inside.
-    while (!IsStopRequested() && ThreadLoop() && !detached_) {
-    }
-  } catch (...) {
-    // Memory has run out inside a step. The host's process must not end for that; the thread does.
+  OnBegin();
+  // A detached thread takes one step only: its ThreadLoop keeps its own loop inside.
+  while (!IsStopRequested() && ThreadLoop() && !detached_) {
   }
 }

@@ -12,9 +12,9 @@
 
 // States: not started -> Run -> running -> (a step returned false, or stop requested) exited -> Stop -> not
 // started. The thread blocks every signal, so that the host's handlers run on the host's threads. An exception
-// that leaves a step ends the thread as if the step had returned false. Threads: one owner calls everything but
-// the On... hooks and ThreadLoop, which run on the new thread. The destructor does not stop the thread: the
-// most derived class calls Stop in its own destructor.
+// that leaves a step or a hook ends it, and the thread too, as if a step had returned false. Threads: one owner
+// calls everything but the On... hooks and ThreadLoop, which run on the new thread. The destructor does not
+// stop the thread: the most derived class calls Stop in its own destructor.
 class CBaseThread {
  public:
   CBaseThread() = default;
@@ -59,8 +59,10 @@ class CBaseThread {
  private:
   static void* ThreadFunc(void* self);
   void RunLoop();
+  void JoinOnce();
 
   pthread_t handle_{};
+  bool joinable_ = false;  // owner only: a thread runs or has run and nobody has joined it
   std::atomic<bool> started_{false};
   std::atomic<bool> stop_requested_{false};
   std::atomic<bool> exited_{false};
