@@ -22,7 +22,7 @@ StreamResult Report(std::size_t size, std::size_t moved, bool at_end, std::size_
 
 bool FileStream::Open(const std::string& path, const char* mode, int* error) {
   Close();
-  file_.reset(std::fopen(path.c_str(), mode));
+  file_.reset(std::fopen(path.c_str(), (std::string(mode) + "e").c_str()));  // e: close on exec
   if (file_ == nullptr && error != nullptr) *error = errno;
   return file_ != nullptr;
 }
