@@ -29,15 +29,14 @@ bool IPFromString(const std::string& text, IPAddress* out) {
   if (out == nullptr) return false;
   in_addr ipv4;
   in6_addr ipv6;
+  *out = IPAddress();
+  if (text.find('\0') != std::string::npos) return false;  // inet_pton would see only what is before it
   if (talk_base::inet_pton(AF_INET, text.c_str(), &ipv4) == 1) {
     *out = IPAddress(ipv4);
   } else if (talk_base::inet_pton(AF_INET6, text.c_str(), &ipv6) == 1) {
     *out = IPAddress(ipv6);
-  } else {
-    *out = IPAddress();
-    return false;
   }
-  return true;
+  return out->family() != AF_UNSPEC;
 }
 
 bool IPIsAny(const IPAddress& ip) {
