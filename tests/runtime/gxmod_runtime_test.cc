@@ -1,0 +1,100 @@
+#include "runtime/gxmod_runtime.h"
+
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <string>
+#include <thread>
+#include <utility>
+#include <vector>
+
+namespace {
+
+class Host final : public IGXModRuntime {
+ public:
+  void Log(int level, const char* text) override {
+    if (busy_.exchange(true)) overlapped_ = true;
+    lines_.emplace_back(level, text);
+    busy_ = false;
+  }
+  int GetConfig(bool scope, const char* section, const char* key, IGXModData** out,
+                const char* fallback) override {
+    asked_ = std::string(scope ? "true " : "false ") + section + " " + key + " " + fallback;
+    *out = nullptr;
+    return 11;
+  }
+  int SaveConfig(bool scope, const char* section, const char* key, const char* value) override {
+    asked_ = std::string(scope ? "true " : "false ") + section + " " + key + " " + value;
+    return 12;
+  }
+  const char* GetEnv(const char* name) override {
+    asked_ = name;
+    return "value";
+  }
+
+  std::vector<std::pair<int, std::string>> lines_;
+  std::string asked_;
+  std::atomic<bool> busy_{false};
+  std::atomic<bool> overlapped_{false};
+};
+
+class RuntimeTest : public testing::Test {
+ protected:
+  RuntimeTest() { runtime_->SetHost(&host_); }
+  ~RuntimeTest() override { runtime_->SetHost(nullptr); }
+
+  CGXModRuntime* const runtime_ = CSingleton_T<CGXModRuntime>::Instance();
+  Host host_;
+};
+
+TEST_F(RuntimeTest, LogFormatsAndCutsAt4095Characters) {
+  GXModLog(kGXModLogWarning, "[test] %d %s", 7, "seven");
+  GXModLog(kGXModLogTrace, "%s", std::string(4095, 'a').c_str());
+  GXModLog(kGXModLogTrace, "%s", std::string(5000, 'b').c_str());
+  ASSERT_EQ(host_.lines_.size(), 3u);
+  EXPECT_EQ(host_.lines_[0], std::make_pair(2, std::string("[test] 7 seven")));
+  EXPECT_EQ(host_.lines_[1].second, std::string(4095, 'a'));
+  EXPECT_EQ(host_.lines_[2], std::make_pair(8, std::string(4095, 'b')));
+}
+
+TEST_F(RuntimeTest, EverythingElseReachesTheHostUnchanged) {
+  int dummy = 0;
+  IGXModData* out = reinterpret_cast<IGXModData*>(&dummy);
+  EXPECT_EQ(runtime_->GetConfig(true, "section", "key", &out, "fallback"), 11);
+  EXPECT_EQ(host_.asked_, "true section key fallback");
+  EXPECT_EQ(out, nullptr);
+  EXPECT_EQ(runtime_->SaveConfig(false, "section", "key", "value"), 12);
+  EXPECT_EQ(host_.asked_, "false section key value");
+  EXPECT_STREQ(runtime_->GetEnv("NAME"), "value");
+  EXPECT_EQ(host_.asked_, "NAME");
+}
+
+TEST_F(RuntimeTest, CallsIntoTheHostNeverOverlap) {
+  std::vector<std::thread> threads;
+  for (int i = 0; i < 4; ++i) {
+    threads.emplace_back([] {
+      for (int n = 0; n < 200; ++n) GXModLog(kGXModLogInfo, "%d", n);
+    });
+  }
+  for (std::thread& thread : threads) thread.join();
+  EXPECT_EQ(host_.lines_.size(), 800u);
+  EXPECT_FALSE(host_.overlapped_);
+}
+
+TEST_F(RuntimeTest, WithoutAHostLinesGoToStandardOutputAndTheRestDoesNothing) {
+  runtime_->SetHost(nullptr);
+  testing::internal::CaptureStdout();
+  GXModLog(kGXModLogError, "[test] %s", "100% bare");
+  EXPECT_EQ(testing::internal::GetCapturedStdout(), "[test] 100% bare\n");
+  EXPECT_TRUE(host_.lines_.empty());
+
+  int dummy = 0;
+  IGXModData* const untouched = reinterpret_cast<IGXModData*>(&dummy);
+  IGXModData* out = untouched;
+  EXPECT_EQ(runtime_->GetConfig(true, "section", "key", &out, "fallback"), 0);
+  EXPECT_EQ(out, untouched);
+  EXPECT_EQ(runtime_->SaveConfig(true, "section", "key", "value"), 0);
+  EXPECT_EQ(runtime_->GetEnv("PATH"), nullptr);
+}
+
+}  // namespace
