@@ -1,0 +1,56 @@
+#include "base/mutex_lock.h"
+
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <thread>
+#include <vector>
+
+#include "base/singleton.h"
+
+namespace {
+
+// The kind of the mutex shows in what a second Lock does: a recursive one would need two Unlocks, a plain one
+// would never return.
+TEST(MutexLockTest, ASecondLockOnTheSameThreadIsRefusedSilently) NO_THREAD_SAFETY_ANALYSIS {
+  CMutexLock lock;
+  EXPECT_TRUE(lock.Lock());
+  EXPECT_TRUE(lock.Lock());
+  EXPECT_TRUE(lock.Unlock());
+  std::thread([&lock]() NO_THREAD_SAFETY_ANALYSIS {
+    EXPECT_TRUE(lock.Lock());
+    EXPECT_TRUE(lock.Unlock());
+  }).join();
+}
+
+TEST(MutexLockTest, Excludes) {
+  CMutexLock lock;
+  int count = 0;
+  std::vector<std::thread> threads;
+  for (int i = 0; i < 4; ++i) {
+    threads.emplace_back([&] {
+      for (int n = 0; n < 1000; ++n) {
+        const CAutoLock held(lock);
+        ++count;
+      }
+    });
+  }
+  for (std::thread& thread : threads) thread.join();
+  EXPECT_EQ(count, 4000);
+}
+
+struct Slow {
+  Slow() { ++built; }
+  inline static std::atomic<int> built{0};
+};
+
+TEST(SingletonTest, ManyThreadsGetOneInstance) {
+  std::atomic<Slow*> seen[4] = {};
+  std::vector<std::thread> threads;
+  for (auto& place : seen) threads.emplace_back([&place] { place = CSingleton_T<Slow>::Instance(); });
+  for (std::thread& thread : threads) thread.join();
+  for (const auto& place : seen) EXPECT_EQ(place, CSingleton_T<Slow>::Instance());
+  EXPECT_EQ(Slow::built, 1);
+}
+
+}  // namespace
