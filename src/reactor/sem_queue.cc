@@ -1,0 +1,40 @@
+#include "reactor/sem_queue.h"
+
+#include <utility>
+
+template <class T>
+bool sem_queue<T>::open(int) {
+  CStdLock lock(mutex_);
+  return !std::exchange(opened_, true);
+}
+
+template <class T>
+bool sem_queue<T>::push(const T& task, bool to_back) {
+  CStdLock lock(mutex_);
+  if (!opened_) return false;
+  items_.insert(to_back ? items_.end() : items_.begin(), task);
+  return true;
+}
+
+template <class T>
+bool sem_queue<T>::peek(T& out) {
+  T front;
+  {
+    CStdLock lock(mutex_);
+    if (items_.empty()) return false;
+    front = std::move(items_.front());
+    items_.pop_front();
+  }
+  out = std::move(front);
+  return true;
+}
+
+template <class T>
+bool sem_queue<T>::close() {
+  std::list<T> dropped;  // outlives the lock
+  CStdLock lock(mutex_);
+  items_.swap(dropped);
+  return std::exchange(opened_, false);
+}
+
+template class sem_queue<CTCPTask>;

@@ -1,0 +1,96 @@
+#include "reactor/task_timed_queue.h"
+
+#include <gtest/gtest.h>
+
+#include <string>
+
+#include "reactor_support.h"
+
+namespace {
+
+std::uint64_t g_now_ms;
+
+class TaskTimedQueueTest : public testing::Test {
+ protected:
+  TaskTimedQueueTest() { g_now_ms = 1000; }
+
+  // A timer task that writes its name into the story.
+  CRefObj<ITask> Named(char name) {
+    return new FakeTimer([this, name] { story_ += name; });
+  }
+
+  // The names of the timers that fire after `ms` more milliseconds, at most 3.
+  std::string After(std::uint64_t ms) {
+    g_now_ms += ms;
+    story_.clear();
+    CRefObj<ITask> task;
+    while (story_.size() < 3 && queue_.pop(task)) task->Done();
+    return story_;
+  }
+
+  task_timed_queue queue_{[] { return g_now_ms; }};
+  std::string story_;
+};
+
+TEST_F(TaskTimedQueueTest, FiresByDueTimeThenByOrderOfArming) {
+  EXPECT_EQ(queue_.next_pop_time(), task_timed_queue::kNoTimer);
+  queue_.push(Named('a'), 5, true);
+  queue_.push(Named('b'), 3, true);
+  queue_.push(Named('c'), 5, true);
+  queue_.push(Named('d'), 3, true);
+  EXPECT_EQ(queue_.next_pop_time(), 3u);
+  EXPECT_EQ(After(2), "");
+  EXPECT_EQ(After(1), "bd");
+  EXPECT_EQ(After(1), "");
+  g_now_ms += 10;
+  EXPECT_EQ(queue_.next_pop_time(), 0u);
+  EXPECT_EQ(After(0), "ac");
+  EXPECT_EQ(After(100), "");
+}
+
+TEST_F(TaskTimedQueueTest, RepeatsFromTheTimeOfFiring) {
+  const CRefObj<ITask> slow = Named('s');
+  queue_.push(slow, 10, false);
+  EXPECT_EQ(After(14), "s");
+  EXPECT_EQ(queue_.next_pop_time(), 10u);
+  EXPECT_EQ(After(10), "s");
+  queue_.erase(slow);
+  queue_.push(Named('z'), 0, false);
+  EXPECT_EQ(After(0), "zzz") << "with interval 0 it is always due";
+}
+
+TEST_F(TaskTimedQueueTest, EraseCancelsEveryTimerOfTheTask) {
+  const CRefObj<ITask> twice = Named('t');
+  queue_.erase(twice);
+  queue_.push(twice, 5, true);
+  queue_.push(twice, 6, false);
+  queue_.push(Named('o'), 7, true);
+  queue_.erase(twice);
+  EXPECT_EQ(queue_.next_pop_time(), 5u) << "a cancelled timer counts until a pop meets it";
+  EXPECT_EQ(After(0), "");
+  EXPECT_EQ(queue_.next_pop_time(), 7u);
+  EXPECT_EQ(After(7), "o");
+}
+
+TEST_F(TaskTimedQueueTest, AFarTimerDoesNotLookLikeNone) {
+  for (const unsigned long long interval : {0xFFFFFFFFULL, 0x1'0000'0000ULL, 0x5'FFFF'FFFFULL}) {
+    queue_.clean();
+    queue_.push(Named('f'), interval, true);
+    EXPECT_EQ(queue_.next_pop_time(), task_timed_queue::kNoTimer - 1) << interval;
+  }
+}
+
+// A task that arms a timer in its destructor waits for itself when the queue lets go of it under the lock.
+TEST_F(TaskTimedQueueTest, DropsTasksOutsideTheLock) {
+  const auto arm_clingy = [this](unsigned long long interval) {
+    queue_.push(new FakeTimer({}, [this] { queue_.push(Named('n'), 0, true); }), interval, true);
+  };
+  arm_clingy(50);
+  queue_.clean();
+  EXPECT_EQ(After(0), "n");
+  arm_clingy(0);
+  queue_.push(Named('a'), 0, true);
+  EXPECT_EQ(After(0), "an") << "the first task goes when the second one takes its place";
+}
+
+}  // namespace
