@@ -1,0 +1,98 @@
+// The engine of the reactor: one pass of waiting for descriptors, timers and new work.
+#ifndef GX_REACTOR_SELECT_TRACKER_H
+#define GX_REACTOR_SELECT_TRACKER_H
+
+#include <atomic>
+#include <cstdint>
+#include <memory>
+#include <vector>
+
+#include "base/event.h"
+#include "reactor/descriptor_set.h"
+#include "reactor/sem_queue.h"
+#include "reactor/task_timed_queue.h"
+#include "reactor/tcp_task.h"
+#include "reactor/timer.h"
+#include "reactor/udp_loopback.h"
+
+// States:    stopped (at first); running, from Start to Shutdown. A stopped tracker refuses tasks; it takes
+//            timers, but the next Start drops them.
+// Threads:   SetTimer, KillTimer and AddTask of the derived class are anybody's. GetComeleted is for one thread
+//            at a time, the select thread. Start and Shutdown are the owner's; Start only while
+//            nobody is in GetComeleted.
+// Ownership: one reference per waiting task and per timer. No lock is held while a pass waits or calls a task.
+template <class Task>
+class select_tracker : public ITimer {
+ public:
+  // Throws std::bad_alloc when the system has no wake event to give.
+  select_tracker();
+  select_tracker(const select_tracker&) = delete;
+  select_tracker& operator=(const select_tracker&) = delete;
+  ~select_tracker() override;
+
+  // Accepts tasks from now on, without timers. False (logged): running already. The argument is not used.
+  bool Start(unsigned long);
+  bool SetTimer(ITask* task, unsigned long long interval_ms, bool once) override;
+  bool KillTimer(ITask* task) override;
+
+  // One pass: fires the timers that are due (on the calling thread), then waits until a task is ready, a timer
+  // is due, or something was added or taken away. True: ask again; `out` is the next ready task, or as it was
+  // when none is ready. False: stopped, or waiting has failed (logged); ask no more before the next Start.
+  bool GetComeleted(Task& out);
+
+  // Ends the pass that waits and drops every task and timer, without doing it. Nothing when stopped already.
+  void Shutdown();
+
+ protected:
+  // False: stopped, and the task is not kept.
+  bool Enqueue(const Task& task);
+
+ private:
+  // What a control datagram says: a signed 32-bit integer in host byte order. All end a select; ie_stop also
+  // stops the tracker.
+  enum inner_event_type : std::int32_t {
+    ie_stop = 0,
+    ie_set_timer = 1,
+    ie_kill_timer = 2,
+    ie_add_task = 3,
+  };
+  struct Waiters;
+  struct Pass;
+
+  struct EventDeleter {
+    void operator()(tarn::event_t* event) const { tarn::event_destroy(event); }
+  };
+
+  bool IsStopped() const { return stopped_.load(std::memory_order_acquire); }
+  void Wake(inner_event_type event);
+  bool _read_event(inner_event_type& event);
+
+  void FireTimers();
+  void Collect(Pass& pass);
+  unsigned int WaitLimit(const Pass& pass);
+  bool IdlePass(Pass& pass, Task& out);
+  bool SelectPass(Pass& pass, Task& out);
+  bool OpenWakeUpSocket(Pass& pass);
+  bool HandleSelectError(const Pass& pass, int result, int error);
+  bool HandleControlEvent(const Pass& pass);
+  void RequeueValid(const Waiters& waiters);
+  void Dispatch(const Waiters& waiters, const DescriptorSet& failed);
+  void Complete(const std::vector<Task>& tasks);
+
+  std::atomic<bool> stopped_{true};
+  const std::unique_ptr<tarn::event_t, EventDeleter> event_;  // ends an idle pass
+  CUdpLoopback loopback_;                                     // ends a select pass; closed by idle passes
+  sem_queue<Task> uncompleted_;                               // to be entered into the next pass
+  sem_queue<Task> completed_;                                 // ready to be done
+  task_timed_queue timers_;
+};
+
+extern template class select_tracker<CTCPTask>;
+
+// The tracker that streams and acceptors hand their tasks to.
+class tcp_select_tracker : public select_tracker<CTCPTask>, public ITCPTaskTracker {
+ public:
+  bool AddTask(const CTCPTask& task) override { return Enqueue(task); }
+};
+
+#endif  // GX_REACTOR_SELECT_TRACKER_H

@@ -1,0 +1,225 @@
+#include "reactor/select_tracker.h"
+
+#include <arpa/inet.h>
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <netinet/in.h>
+
+#include <future>
+#include <thread>
+
+#include "reactor_support.h"
+#include "support/log_capture.h"
+
+namespace {
+
+using testing::Contains;
+using testing::Pair;
+
+class SelectTrackerTest : public testing::Test {
+ protected:
+  SelectTrackerTest() { EXPECT_TRUE(tracker_.Start(0)); }
+
+  // Adds a task that waits as `op` says; it counts in gone_ when it has been destroyed.
+  CRefObj<FakeTask> Add(int descriptor, SelectOp op) {
+    const CRefObj<FakeTask> task = new FakeTask(descriptor, op, {}, [this] { ++gone_; });
+    EXPECT_TRUE(tracker_.AddTask(CTCPTask(task.get())));
+    return task;
+  }
+
+  // The descriptor of the next ready task, after any number of passes; -1 when the tracker has stopped.
+  int Next(SelectOp* op = nullptr) {
+    CTCPTask task;
+    while (!task) {
+      if (!tracker_.GetComeleted(task)) return -1;
+    }
+    if (op != nullptr) *op = task.selectop();
+    return task.socket();
+  }
+
+  // One pass. True: it made no task ready, and the tracker goes on.
+  bool PassWithoutTask() {
+    CTCPTask task;
+    return tracker_.GetComeleted(task) && !task;
+  }
+
+  LogCapture log_;
+  int gone_ = 0;
+  tcp_select_tracker tracker_;
+};
+
+TEST_F(SelectTrackerTest, DeliversWhatIsReadyAndKeepsTheRest) {
+  const SocketPair quiet, readable, writable;
+  readable.Send();
+  const auto waiting = Add(quiet.descriptor(), kSelectReadable);
+  Add(readable.descriptor(), kSelectReadable);
+  Add(writable.descriptor(), kSelectWritable);
+  SelectOp op = kSelectNone;
+  EXPECT_EQ(Next(&op), readable.descriptor());
+  EXPECT_EQ(op, kSelectReadable);
+  EXPECT_EQ(Next(&op), writable.descriptor());
+  EXPECT_EQ(op, kSelectWritable);
+  quiet.Send();
+  EXPECT_EQ(Next(), quiet.descriptor());
+}
+
+TEST_F(SelectTrackerTest, ATaskWhoseTimeHasPassedWaitsForNobody) {
+  const SocketPair quiet, other;
+  for (const bool with_waiter : {false, true}) {
+    if (with_waiter) Add(other.descriptor(), kSelectReadable);
+    const CRefObj<FakeTask> late = new FakeTask(quiet.descriptor(), kSelectReadable);
+    late->timed_out = true;
+    tracker_.AddTask(CTCPTask(late.get()));
+    EXPECT_EQ(Next(), quiet.descriptor());
+  }
+}
+
+TEST_F(SelectTrackerTest, ARefusedConnectArrivesAsError) {
+  sockaddr_in address{};
+  address.sin_family = AF_INET;
+  address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+  socklen_t length = sizeof address;
+  auto* const generic = reinterpret_cast<sockaddr*>(&address);
+  // A bound socket that does not listen keeps the port, and refuses.
+  const int deaf = socket(AF_INET, SOCK_STREAM, 0);
+  ASSERT_EQ(bind(deaf, generic, length), 0);
+  ASSERT_EQ(getsockname(deaf, generic, &length), 0);
+  const int client = socket(AF_INET, SOCK_STREAM | SOCK_NONBLOCK, 0);
+  ASSERT_NE(connect(client, generic, length), 0);
+
+  Add(client, kSelectConnect);
+  SelectOp op = kSelectNone;
+  EXPECT_EQ(Next(&op), client);
+  EXPECT_EQ(op, kSelectError);
+  close(client);
+  close(deaf);
+}
+
+TEST_F(SelectTrackerTest, ABadDescriptorIsDroppedAndTheOthersStay) {
+  const SocketPair first, second;
+  const int bad = fcntl(first.descriptor(), F_DUPFD_CLOEXEC, 500);  // a number that nobody reuses
+  Add(first.descriptor(), kSelectReadable);
+  Add(bad, kSelectReadable);
+  Add(bad, kSelectWritable);
+  Add(second.descriptor(), kSelectReadable);
+  close(bad);
+  EXPECT_TRUE(PassWithoutTask());
+  EXPECT_EQ(gone_, 2);
+  EXPECT_THAT(log_.Lines(), Contains(Pair(kGXModLogTrace, "[select_tracker] select return -1, cause 9")));
+  second.Send();
+  EXPECT_EQ(Next(), second.descriptor());
+  first.Send();
+  EXPECT_EQ(Next(), first.descriptor());
+}
+
+TEST_F(SelectTrackerTest, DescriptorsThatSelectCannotHoldWaitForTheirTimeLimit) {
+  const SocketPair pair;
+  const auto big = Add(FD_SETSIZE, kSelectReadable);
+  const auto bigger = Add(5 * FD_SETSIZE, kSelectWritable);
+  const auto negative = Add(-1, kSelectWritable);
+  pair.Send();
+  Add(pair.descriptor(), kSelectReadable);
+  EXPECT_EQ(Next(), pair.descriptor());
+  for (const auto& task : {big, bigger, negative}) {
+    task->timed_out = true;
+    EXPECT_EQ(Next(), task->socket);
+  }
+}
+
+TEST_F(SelectTrackerTest, ATaskOfUnknownTypeIsDropped) {
+  const SocketPair pair;
+  Add(pair.descriptor(), kSelectReadable)->write_interest = 2;
+  EXPECT_TRUE(PassWithoutTask());
+  EXPECT_EQ(gone_, 1);
+}
+
+// More tasks than one pass takes: those left over must not wait for an event of those that were taken.
+TEST_F(SelectTrackerTest, ACrowdStarvesNobody) {
+  const SocketPair quiet, busy;
+  for (int i = 0; i < 1500; ++i) Add(quiet.descriptor(), kSelectReadable);
+  Add(busy.descriptor(), kSelectReadable);
+  busy.Send();
+  EXPECT_TRUE(PassWithoutTask()) << "the first pass does not reach the last task";
+  EXPECT_EQ(Next(), busy.descriptor());
+}
+
+TEST_F(SelectTrackerTest, ShutdownEndsBothKindsOfWait) {
+  for (const bool in_select : {false, true}) {
+    const SocketPair quiet, ready;
+    CRefObj<FakeTask> late = new FakeTask(ready.descriptor(), kSelectReadable);
+    if (in_select) Add(quiet.descriptor(), kSelectReadable);
+    auto result = std::async(std::launch::async, [&] { return Next(); });
+    tracker_.Shutdown();
+    EXPECT_EQ(result.get(), -1);
+    EXPECT_FALSE(tracker_.AddTask(CTCPTask(late.get())));
+    EXPECT_TRUE(tracker_.Start(0));
+  }
+}
+
+// A change that comes after the tasks have been collected and before the wake-up socket is open finds nothing
+// that it could wake. A dropped task goes at that very moment; its destructor makes the change.
+TEST_F(SelectTrackerTest, AChangeBeforeTheWakeUpSocketOpensIsNotMissed) {
+  const SocketPair quiet, writable;
+  const auto change_while_opening = [&](const Action& change) {
+    Add(quiet.descriptor(), kSelectReadable);
+    const CRefObj<FakeTask> dropped = new FakeTask(quiet.descriptor(), kSelectReadable, {}, change);
+    dropped->write_interest = 2;
+    tracker_.AddTask(CTCPTask(dropped.get()));
+  };
+  change_while_opening([&] { Add(writable.descriptor(), kSelectWritable); });
+  EXPECT_EQ(Next(), writable.descriptor());
+
+  tracker_.Shutdown();
+  EXPECT_TRUE(tracker_.Start(0));
+  change_while_opening([&] { tracker_.Shutdown(); });
+  EXPECT_EQ(Next(), -1);
+}
+
+// The stop event that nobody has read stays in the wake-up socket; it belongs to the run that is over.
+TEST_F(SelectTrackerTest, AStopDoesNotReachTheNextRun) {
+  const SocketPair pair;
+  pair.Send();
+  Add(pair.descriptor(), kSelectReadable);
+  EXPECT_EQ(Next(), pair.descriptor());
+  tracker_.Shutdown();
+  ASSERT_TRUE(tracker_.Start(0));
+  for (int i = 0; i < 3; ++i) {
+    Add(pair.descriptor(), kSelectReadable);
+    EXPECT_EQ(Next(), pair.descriptor());
+  }
+}
+
+// The port of the wake-up socket, which is the only datagram socket around.
+sockaddr_in FindWakeUpSocket() {
+  for (int descriptor = 0; descriptor < FD_SETSIZE; ++descriptor) {
+    int type = 0;
+    socklen_t length = sizeof type;
+    if (getsockopt(descriptor, SOL_SOCKET, SO_TYPE, &type, &length) != 0 || type != SOCK_DGRAM) continue;
+    sockaddr_in address{};
+    length = sizeof address;
+    getsockname(descriptor, reinterpret_cast<sockaddr*>(&address), &length);
+    if (address.sin_family == AF_INET) return address;
+  }
+  ADD_FAILURE() << "no wake-up socket";
+  return {};
+}
+
+TEST_F(SelectTrackerTest, AStrangersStopEventDoesNotStop) {
+  const SocketPair pair;
+  pair.Send();
+  Add(pair.descriptor(), kSelectReadable);
+  EXPECT_EQ(Next(), pair.descriptor());
+
+  const sockaddr_in target = FindWakeUpSocket();
+  const int stranger = socket(AF_INET, SOCK_DGRAM, 0);
+  const std::int32_t stop = 0;
+  for (int i = 0; i < 5; ++i) {
+    const auto* const generic = reinterpret_cast<const sockaddr*>(&target);
+    EXPECT_EQ(sendto(stranger, &stop, sizeof stop, 0, generic, sizeof target), 4);
+    Add(pair.descriptor(), kSelectReadable);
+    EXPECT_EQ(Next(), pair.descriptor());
+  }
+  close(stranger);
+}
+
+}  // namespace
