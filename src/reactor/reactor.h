@@ -7,6 +7,7 @@
 #include <memory>
 
 #include "base/base_thread.h"
+#include "base/mutex_lock.h"
 #include "reactor/select_tracker.h"
 
 // States: created; running, from a successful Run to Stop; stopped, until the next Run. A work thread that the
@@ -25,7 +26,8 @@ class CReactor_T : public Tracker {
   bool Stop();
   bool IsRunning() const { return running_.load(std::memory_order_acquire); }
 
-  // The work of one thread until the tracker sends it away; then false.
+  // The work of one thread until the tracker sends it away; then false. An exception that a task lets out is
+  // logged and the work goes on.
   bool DoWork();
 
  private:
@@ -42,12 +44,17 @@ class CReactor_T : public Tracker {
     CReactor_T* const reactor_;
   };
 
-  unsigned long thread_count_ = 0;
-  std::list<std::unique_ptr<CWorkThread>> threads_;
+  bool NextTask(CTCPTask& task);
+
+  // One work thread at a time waits, and fires timers; the others run a task or wait for their turn. Only work
+  // threads take it.
+  CStdMutex turn_;
+  unsigned long thread_count_ = 0;                   // as the last Run asked for
+  std::list<std::unique_ptr<CWorkThread>> threads_;  // only Run and Stop, on the owner's thread
   std::atomic<bool> stopping_{false};
   std::atomic<bool> running_{false};
 };
 
-#include "reactor/reactor_inl.h"
+extern template class CReactor_T<tcp_select_tracker>;
 
 #endif  // GX_REACTOR_REACTOR_H

@@ -1,0 +1,54 @@
+#include "reactor/reactor.h"
+
+#include "runtime/gxmod_runtime.h"
+
+template <class Tracker>
+bool CReactor_T<Tracker>::Run(unsigned long threads) {
+  if (IsRunning()) return true;
+  stopping_.store(false, std::memory_order_release);
+  thread_count_ = threads;
+  this->Start(threads);  // a tracker that runs already goes on as it is
+  while (threads_.size() < thread_count_) {
+    auto thread = std::make_unique<CWorkThread>(this);
+    if (!thread->Run()) break;
+    threads_.push_back(std::move(thread));
+  }
+  running_.store(!threads_.empty(), std::memory_order_release);
+  return IsRunning();
+}
+
+template <class Tracker>
+bool CReactor_T<Tracker>::Stop() {
+  if (!IsRunning()) return true;
+  stopping_.store(true, std::memory_order_release);
+  this->Shutdown();
+  bool all_ended = true;
+  for (; !threads_.empty(); threads_.pop_front()) {
+    all_ended = threads_.front()->Stop() && all_ended;
+  }
+  running_.store(false, std::memory_order_release);
+  return all_ended;
+}
+
+template <class Tracker>
+bool CReactor_T<Tracker>::DoWork() {
+  if (stopping_.load(std::memory_order_acquire)) return false;
+  for (;;) {
+    try {
+      CTCPTask task;
+      if (!NextTask(task)) return false;
+      if (task) task->Done();
+    } catch (...) {
+      // One handler's accident must not end everybody's connections.
+      GXModLog(kGXModLogError, "[reactor] a task ended with an exception");
+    }
+  }
+}
+
+template <class Tracker>
+bool CReactor_T<Tracker>::NextTask(CTCPTask& task) {
+  CStdLock lock(turn_);
+  return this->GetComeleted(task);
+}
+
+template class CReactor_T<tcp_select_tracker>;

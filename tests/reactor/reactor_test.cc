@@ -1,0 +1,163 @@
+#include "reactor/reactor.h"
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <filesystem>
+#include <iterator>
+#include <optional>
+#include <stdexcept>
+#include <thread>
+#include <vector>
+
+#include "reactor_support.h"
+#include "support/log_capture.h"
+
+namespace {
+
+auto EntriesIn(const char* directory) {
+  const std::filesystem::directory_iterator entries(directory);
+  return std::distance(begin(entries), end(entries));
+}
+
+// The kernel lists a thread for a moment after it has been joined.
+bool ThreadsComeTo(std::ptrdiff_t expected) {
+  const auto limit = std::chrono::steady_clock::now() + std::chrono::seconds(20);
+  while (EntriesIn("/proc/self/task") != expected) {
+    if (std::chrono::steady_clock::now() > limit) return false;
+    std::this_thread::yield();
+  }
+  return true;
+}
+
+class ReactorTest : public testing::Test {
+ protected:
+  // Makes the reactor run a task, or a timer, and waits for that.
+  bool CompletesTask() {
+    const SocketPair pair;
+    Counter done;
+    EXPECT_TRUE(
+        reactor_->AddTask(CTCPTask(new FakeTask(pair.descriptor(), kSelectWritable, [&] { done.Add(); }))));
+    return done.WaitFor(1);
+  }
+  bool CompletesTimer() {
+    Counter done;
+    EXPECT_TRUE(reactor_->SetTimer(new FakeTimer([&] { done.Add(); }), 0, true));
+    return done.WaitFor(1);
+  }
+
+  LogCapture log_;
+  std::optional<CReactor_T<tcp_select_tracker>> reactor_{std::in_place};
+};
+
+TEST_F(ReactorTest, RunsStopsAndRunsAgainWithoutLeavingAnything) {
+  EXPECT_TRUE(reactor_->Stop()) << "never run";
+  const SocketPair quiet;
+  const auto descriptors = EntriesIn("/proc/self/fd");
+  reactor_->Run(1);
+  EXPECT_TRUE(CompletesTask());
+  // Counted with the work thread: the first thread of a process may bring one of the system's along.
+  const auto threads = EntriesIn("/proc/self/task") - 1;
+  EXPECT_TRUE(reactor_->Stop());
+  Counter fired, gone;
+  for (int run = 1; run <= 3; ++run) {
+    EXPECT_TRUE(reactor_->Run(1));
+    EXPECT_TRUE(reactor_->Run(1));
+    EXPECT_TRUE(ThreadsComeTo(threads + 1));
+    EXPECT_TRUE(CompletesTimer());
+    EXPECT_TRUE(CompletesTask());
+    reactor_->AddTask(CTCPTask(new FakeTask(quiet.descriptor(), kSelectReadable, {}, [&] { gone.Add(); })));
+    reactor_->SetTimer(new FakeTimer({}, [&] { gone.Add(); }), 3'600'000, true);
+    EXPECT_TRUE(reactor_->Stop());
+    EXPECT_FALSE(reactor_->IsRunning());
+    EXPECT_TRUE(ThreadsComeTo(threads));
+    EXPECT_EQ(gone.Get(), 2 * run) << "a stop drops what waits";
+    const CTCPTask late(new FakeTask(quiet.descriptor(), kSelectWritable, [&] { fired.Add(); }));
+    EXPECT_FALSE(reactor_->AddTask(late));
+    EXPECT_TRUE(reactor_->SetTimer(new FakeTimer([&] { fired.Add(); }), 0, true));
+  }
+  reactor_.reset();
+  EXPECT_EQ(EntriesIn("/proc/self/fd"), descriptors);
+  EXPECT_EQ(fired.Get(), 0) << "what was armed while stopped is gone after the restart";
+}
+
+TEST_F(ReactorTest, ATimerMayCancelItselfWhileItFires) {
+  ASSERT_TRUE(reactor_->Run(1));
+  Counter fired;
+  CRefObj<FakeTimer> timer;
+  timer = new FakeTimer([&] {
+    fired.Add();
+    if (fired.Get() == 3) reactor_->KillTimer(timer.get());
+  });
+  reactor_->SetTimer(timer.get(), 0, false);
+  EXPECT_TRUE(fired.WaitFor(3));
+  EXPECT_TRUE(CompletesTimer());
+  EXPECT_EQ(fired.Get(), 3);
+  EXPECT_TRUE(reactor_->Stop());
+}
+
+TEST_F(ReactorTest, ATimerThatIsAlwaysDueDoesNotHinderAStop) {
+  Counter fired;
+  CRefObj<FakeTimer> timer;
+  timer = new FakeTimer([&] {
+    fired.Add();
+    reactor_->SetTimer(timer.get(), 0, true);
+  });
+  for (const bool once : {false, true}) {
+    ASSERT_TRUE(reactor_->Run(1));
+    reactor_->SetTimer(timer.get(), 0, once);
+    EXPECT_TRUE(fired.WaitFor(fired.Get() + 10));
+    EXPECT_TRUE(reactor_->Stop());
+  }
+  reactor_.reset();
+}
+
+TEST_F(ReactorTest, ATaskThatThrowsIsLoggedAndTheOthersAreServed) {
+  ASSERT_TRUE(reactor_->Run(1));
+  const SocketPair pair;
+  const Action accident = [] { throw std::runtime_error("accident"); };
+  reactor_->AddTask(CTCPTask(new FakeTask(pair.descriptor(), kSelectWritable, accident)));
+  reactor_->SetTimer(new FakeTimer(accident), 0, true);
+  EXPECT_TRUE(CompletesTimer());
+  EXPECT_TRUE(CompletesTask());
+  EXPECT_TRUE(CompletesTask());
+  EXPECT_TRUE(reactor_->Stop());
+  using testing::Contains, testing::Pair, testing::HasSubstr;
+  EXPECT_THAT(log_.Lines(), Contains(Pair(kGXModLogError, HasSubstr("exception"))).Times(2));
+}
+
+// Changes that come while the reactor turns from one kind of wait to the other must wake it by themselves: a
+// lost one shows as a wait that ends only at the Counter's limit.
+TEST_F(ReactorTest, NoChangeIsMissedWheneverItComes) {
+  ASSERT_TRUE(reactor_->Run(1));
+  bool missed = false;
+  for (int i = 0; i < 4000 && !missed; ++i) {
+    const SocketPair socket;
+    Counter received;
+    // Out of the idle wait into select, which may be opening its wake-up socket when the second change comes.
+    reactor_->AddTask(CTCPTask(new FakeTask(socket.descriptor(), kSelectReadable, [&] { received.Add(); })));
+    for (std::atomic<int> delay = i % 500 * 40; delay > 0; --delay) {
+    }
+    missed = !(i % 2 == 0 ? CompletesTask() : CompletesTimer());
+    socket.Send();
+    EXPECT_TRUE(received.WaitFor(1));
+  }
+  EXPECT_FALSE(missed);
+  EXPECT_TRUE(reactor_->Stop());
+}
+
+TEST_F(ReactorTest, ServesManyThreadsWithSeveral) {
+  ASSERT_TRUE(reactor_->Run(3));
+  std::atomic<bool> missed{false};
+  std::vector<std::thread> users;
+  for (int user = 0; user < 3; ++user) {
+    users.emplace_back([&] {
+      for (int i = 0; i < 500 && !missed; ++i) missed = !CompletesTask() || !CompletesTimer() || missed;
+    });
+  }
+  for (std::thread& user : users) user.join();
+  EXPECT_FALSE(missed);
+  EXPECT_TRUE(reactor_->Stop());
+}
+
+}  // namespace
