@@ -124,7 +124,7 @@ bool CBaseStream::ChangeThreadSaftyImpl(IThreadSafty* safty) {
 }
 
 unsigned long CBaseStream::Write(const void* data, unsigned long length, unsigned long timeout_ms) {
-  if (data == nullptr && length == 0) return Write_impl(static_cast<IBuffer*>(nullptr), 0, kNoTimeout);
+  if (data == nullptr) return length == 0 ? WriteEnd() : kNotConnected;
   const CRefObj<IBuffer> copy = NewBuffer(length);
   // An allocator with a maximum may have given less.
   if (!copy || copy->SetSize(length) != length) return kNotConnected;
