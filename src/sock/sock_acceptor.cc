@@ -1,0 +1,315 @@
+#include "sock/sock_acceptor.h"
+
+#include <arpa/inet.h>
+#include <errno.h>
+#include <fcntl.h>
+#include <netinet/in.h>
+#include <netinet/tcp.h>
+#include <signal.h>
+#include <sys/ioctl.h>
+#include <sys/select.h>
+#include <sys/socket.h>
+#include <sys/time.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <utility>
+
+#include "base/socket_address.h"
+#include "runtime/gxmod_runtime.h"
+#include "sock/tcp_acceptor_task.h"
+
+namespace {
+
+constexpr int kBacklog = 128;
+constexpr unsigned long kDescriptorPauseMs = 5000;
+constexpr int kWinsockInvalid = 10022;
+constexpr const char* kAcceptTag = "[CSockAcceptor::Accept] ";
+
+// A peer that goes away while we write is an error of that connection, not the end of the host's process.
+struct CInitSocket {
+  CInitSocket() {
+    struct sigaction action;
+    std::memset(&action, 0, sizeof action);
+    action.sa_handler = SIG_IGN;
+    sigaction(SIGPIPE, &action, nullptr);
+  }
+};
+const CInitSocket g_initSocket;
+
+// A descriptor that is closed unless somebody takes it.
+class Descriptor {
+ public:
+  explicit Descriptor(int value) : value_(value) {}
+  Descriptor(const Descriptor&) = delete;
+  Descriptor& operator=(const Descriptor&) = delete;
+  ~Descriptor() {
+    if (value_ >= 0) close(value_);
+  }
+  int get() const { return value_; }
+  int Take() { return std::exchange(value_, -1); }
+
+ private:
+  int value_;
+};
+
+bool SetNonBlocking(int socket) {
+  int on = 1;
+  return ioctl(socket, FIONBIO, &on) == 0;
+}
+
+void SetCloseOnExec(int socket) {
+  const int flags = fcntl(socket, F_GETFD);
+  if (flags != -1) fcntl(socket, F_SETFD, flags | FD_CLOEXEC);
+}
+
+int AcceptCloseOnExec(int listen_socket) {
+#if defined(__linux__)
+  return accept4(listen_socket, nullptr, nullptr, SOCK_CLOEXEC);
+#else
+  const int socket = accept(listen_socket, nullptr, nullptr);
+  if (socket >= 0) SetCloseOnExec(socket);
+  return socket;
+#endif
+}
+
+bool BindTo(int socket, const talk_base::SocketAddress& address) {
+  if (address.ipaddr().family() == AF_INET6) {
+    sockaddr_in6 ipv6;
+    std::memset(&ipv6, 0, sizeof ipv6);
+    ipv6.sin6_family = AF_INET6;
+    ipv6.sin6_addr = address.ipaddr().ipv6_address();
+    ipv6.sin6_port = htons(address.port());
+    return bind(socket, reinterpret_cast<const sockaddr*>(&ipv6), sizeof ipv6) == 0;
+  }
+  sockaddr_in ipv4;
+  address.ToSockAddr(&ipv4);
+  return bind(socket, reinterpret_cast<const sockaddr*>(&ipv4), sizeof ipv4) == 0;
+}
+
+// An IPv6 socket is read through the same IPv4 view: its port is right, its address shows as 0.0.0.0.
+std::string BoundAddress(int socket) {
+  sockaddr_in address;
+  std::memset(&address, 0, sizeof address);
+  socklen_t length = sizeof address;
+  getsockname(socket, reinterpret_cast<sockaddr*>(&address), &length);
+  char ip[INET_ADDRSTRLEN];
+  const char* text = inet_ntop(AF_INET, &address.sin_addr, ip, sizeof ip);
+  return std::string(text != nullptr ? text : "<NULL>") + ":" + std::to_string(ntohs(address.sin_port));
+}
+
+// Splits "host:port", "[host]:port" or "[host]".
+bool SplitHostPort(const std::string& text, std::string& host, int& port) {
+  std::size_t colon;
+  if (text.empty() || text[0] != '[') {
+    colon = text.find(':');
+    if (colon == std::string::npos) return false;
+    host = text.substr(0, colon);
+  } else {
+    const std::size_t bracket = text.find(']');
+    if (bracket == std::string::npos) return false;
+    host = text.substr(1, bracket - 1);
+    colon = text.find(':', bracket);
+  }
+  port = colon == std::string::npos ? 0 : static_cast<std::uint16_t>(std::atoi(text.c_str() + colon + 1));
+  return true;
+}
+
+}  // namespace
+
+CSockAcceptor::~CSockAcceptor() { CSockAcceptor::Stop(); }
+
+bool CSockAcceptor::StartListen(const char* host, int port, ITCPTaskTracker* tracker, bool reuse_port) {
+  if (running_) return true;
+  Descriptor listener(ListenSock(host, port, reuse_port));
+  if (listener.get() == -1) return false;
+  if (tracker != nullptr && listener.get() >= FD_SETSIZE) {
+    GXModLog(kGXModLogError, "[CSockAcceptor] listening socket %d is beyond what select can watch",
+             listener.get());
+    return false;
+  }
+  tracker_ = tracker;
+  port_ = port;
+  address_ = BoundAddress(listener.get());
+  {
+    CStdLock lock(mutex_);
+    listen_socket_ = listener.Take();
+    ++listening_;
+    running_ = true;
+  }
+  // The caller is a thread of the host: it must not sit out a pause, which the reactor can do as well.
+  return AcceptWaiting(false);
+}
+
+bool CSockAcceptor::StartListen(const char* host_port, ITCPTaskTracker* tracker) {
+  std::string host;
+  int port = 0;
+  if (host_port == nullptr || !SplitHostPort(host_port, host, port)) return false;
+  return StartListen(host.c_str(), port, tracker, false);
+}
+
+bool CSockAcceptor::Stop() {
+  CStdLock lock(mutex_);
+  if (!running_) return true;
+  running_ = false;
+  stopped_.notify_all();
+  shutdown(listen_socket_, SHUT_RDWR);  // ends a select that waits for it
+  close(listen_socket_);
+  listen_socket_ = -1;
+  return true;
+}
+
+bool CSockAcceptor::OnAccept(CRefObj<CSockStream> stream) {
+  if (IBaseStream::IBaseHandler* handler = stream->Handler()) {
+    handler->Handle(stream.get(), IBaseStream::kConnected, nullptr, 0);
+  }
+  return true;
+}
+
+bool CSockAcceptor::CreateStream(CRefObj<CSockStream>& out, int socket, ITCPTaskTracker* tracker) {
+  if (!CreateStream(out, IBaseStream::StreamType{0})) return false;
+  out->SetSocket(socket, true);
+  out->SetTracker(tracker);
+  return static_cast<bool>(out);
+}
+
+bool CSockAcceptor::CreateStream(CRefObj<CSockStream>& out, IBaseStream::StreamType type) {
+  out = CRefObj<CSockStream>(new CSockStream(type));
+  return true;
+}
+
+bool CSockAcceptor::Accept() { return AcceptWaiting(true); }
+
+bool CSockAcceptor::AcceptWaiting(bool may_pause) {
+  for (;;) {
+    const int socket = AcceptOne();
+    if (socket >= 0) {
+      if (TakeConnection(socket)) continue;
+      Stop();  // nobody is left to accept: clients must be refused instead of left waiting
+      return false;
+    }
+    const int error = errno;
+    if (!running_) return true;
+    switch (error) {
+      case EINTR:
+      case ECONNABORTED:  // the client has gone again; the others are still waiting
+        continue;
+      case EAGAIN:
+        WaitInTracker(kNoTimeout);
+        return true;
+      case EMFILE:
+      case ENFILE:
+      case ENOBUFS:
+      case ENOMEM:
+        std::printf("accept failed with WSAEMFILE\n");
+        if (may_pause) Pause();
+        WaitInTracker(kDescriptorPauseMs);
+        return true;
+      default:
+        std::printf("accept failed with %d\n", error);
+        LogFailure("", "accept", error, 438);
+        // Not an errno of any POSIX system; kept as it has always been.
+        if (error == kWinsockInvalid) std::exit(0);  // NOLINT(concurrency-mt-unsafe)
+        Stop();
+        return false;
+    }
+  }
+}
+
+// The next waiting connection; -1: none, see errno.
+int CSockAcceptor::AcceptOne() {
+  CStdLock lock(mutex_);
+  const int socket = running_ ? AcceptCloseOnExec(listen_socket_) : -1;
+  if (socket != 0) return socket;
+  // A host without a standard input: to a stream, descriptor 0 means that there is no socket.
+  const Descriptor zero(socket);
+  return fcntl(zero.get(), F_DUPFD_CLOEXEC, 1);
+}
+
+bool CSockAcceptor::TakeConnection(int socket) {
+  Descriptor connection(socket);
+  ITCPTaskTracker* tracker = tracker_;
+  if (tracker != nullptr && socket >= FD_SETSIZE) {
+    GXModLog(kGXModLogError,
+             "[CSockAcceptor::Accept] connection refused: socket %d is beyond what select can watch", socket);
+    return true;
+  }
+  if (!SetNonBlocking(socket)) {
+    LogFailure(kAcceptTag, "ioctlsocket", errno, 449);
+    return false;
+  }
+  const int on = 1;
+  if (setsockopt(socket, IPPROTO_TCP, TCP_NODELAY, &on, sizeof on) != 0) {
+    std::printf("[CSockAcceptor::Accept] setsockopt nodelay failed with %d, line:%d", errno, 458);
+  }
+  CRefObj<CSockStream> stream;
+  if (!CreateStream(stream, connection.Take(), tracker)) {
+    LogFailure(kAcceptTag, "CreateStream", errno,
+               465);  // the socket stays open: whoever refused may have taken it
+    return false;
+  }
+  return OnAccept(stream);
+}
+
+void CSockAcceptor::WaitInTracker(unsigned long timeout_ms) {
+  ITCPTaskTracker* tracker = tracker_;
+  if (tracker == nullptr) return;
+  int listen_socket;
+  {
+    CStdLock lock(mutex_);
+    if (!running_) return;
+    listen_socket = listen_socket_;
+  }
+  tracker->AddTask(CTCPTask(new CTCPAcceptorTask(listen_socket, this, timeout_ms)));
+}
+
+// Every descriptor of the process is taken. To accept at once again would only spin.
+void CSockAcceptor::Pause() {
+  const auto until = std::chrono::steady_clock::now() + std::chrono::milliseconds(kDescriptorPauseMs);
+  std::unique_lock<std::mutex> lock(mutex_.native());
+  stopped_.wait_until(lock, until, [this] { return !running_.load(); });
+}
+
+bool CSockAcceptor::WaitTimeout(unsigned int ms) {
+  timeval now;
+  gettimeofday(&now, nullptr);
+  timespec deadline;
+  deadline.tv_sec = now.tv_sec + static_cast<decltype(now.tv_sec)>(ms / 1000);
+  // Kept as it has always been: whole seconds are not carried, and the system then refuses the wait.
+  deadline.tv_nsec = static_cast<long>(ms % 1000) * 1'000'000 + static_cast<long>(now.tv_usec) * 1000;
+  std::unique_lock<std::mutex> lock(mutex_.native());
+  return pthread_cond_timedwait(stopped_.native_handle(), lock.mutex()->native_handle(), &deadline) != 0;
+}
+
+void CSockAcceptor::LogFailure(const char* tag, const char* what, int error, int line) {
+  int listen_socket;
+  {
+    CStdLock lock(mutex_);
+    listen_socket = listen_socket_;
+  }
+  GXModLog(kGXModLogError, "%sm_sListen:%d,port:%d %s failed with WSAGetLastError(): %d,at line %d", tag,
+           listen_socket, port_, what, error, line);
+}
+
+int CSockAcceptor::ListenSock(const char* host, int port, bool reuse_port) {
+  const talk_base::SocketAddress address(host != nullptr ? host : "0.0.0.0", port);
+  const int family = address.ipaddr().family();
+  Descriptor listener(socket(family, SOCK_STREAM, IPPROTO_TCP));
+  if (listener.get() == -1 || !SetNonBlocking(listener.get())) return -1;
+  SetCloseOnExec(listener.get());
+  const std::int64_t on = 1;  // 8 bytes; the system reads the first 4
+  setsockopt(listener.get(), SOL_SOCKET, SO_REUSEADDR, &on, sizeof on);
+  if (reuse_port) setsockopt(listener.get(), SOL_SOCKET, SO_REUSEPORT, &on, sizeof on);
+  const int v6_only = 1;
+  if (family == AF_INET6 &&
+      setsockopt(listener.get(), IPPROTO_IPV6, IPV6_V6ONLY, &v6_only, sizeof v6_only) != 0) {
+    std::perror("setsockopt");
+    listener.Take();  // kept as it has always been: left open
+    return -1;
+  }
+  if (!BindTo(listener.get(), address) || listen(listener.get(), kBacklog) != 0) return -1;
+  return listener.Take();
+}

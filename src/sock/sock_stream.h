@@ -1,0 +1,70 @@
+// The stream over one connected TCP socket.
+#ifndef GX_SOCK_SOCK_STREAM_H
+#define GX_SOCK_SOCK_STREAM_H
+
+#include <atomic>
+#include <cstdint>
+#include <string>
+
+#include "object/object_monitor.h"
+#include "reactor/tcp_task.h"
+#include "stream/base_stream.h"
+
+// Owns its socket, which it expects to be non-blocking. What would block is handed to the tracker as a task;
+// while a task of one direction is pending, further calls in that direction return true with nothing done.
+// Without a tracker, a call that would block waits. Every stream is disconnected before its last reference
+// goes; see the destructor.
+class CSockStream : public CBaseStream {
+ public:
+  // Live streams of the process.
+  static std::atomic<std::int64_t> s_socket_stream_count;
+
+  // `tracker` may be null. `connected`: the socket is connected already.
+  CSockStream(ITCPTaskTracker* tracker, int socket, StreamType type, bool connected);
+  // Without a socket; SetSocket and SetTracker follow.
+  explicit CSockStream(StreamType type);
+  // Closes the socket. A stream that was never disconnected disconnects now, with kStreamDestroyed.
+  ~CSockStream() override;
+
+  // Takes over `socket`; one that is held already is closed first. Always true.
+  bool SetSocket(int socket, bool connected);
+  // Not owned. Returns the previous one.
+  ITCPTaskTracker* SetTracker(ITCPTaskTracker* tracker);
+  // The socket has become ready for `op`. Reactor's work thread; the caller holds a reference.
+  void do_op(SelectOp op);
+
+  // Shuts the socket down both ways and tells the handler, once.
+  bool Disconnect_impl(unsigned int reason) override;
+  // The socket's own and its peer's address as text, "127.0.0.1:22".
+  const char* GetStreamName_impl() const override { return local_name_.c_str(); }
+  const char* GetPeerName_impl() const override { return peer_name_.c_str(); }
+
+  bool read(char* data, long length, long& count, long timeout_ms) override;
+  bool peek(char* data, long length, long& count, long timeout_ms) override;
+  bool write(const char* data, long length, long& count, long timeout_ms, long flags) override;
+  bool read_done(IBuffer* buffer, unsigned long length) override;
+  bool write_done(IBuffer* buffer, unsigned long length) override;
+  bool read_step(IBuffer* buffer, unsigned long length) override;
+  bool peek_done(IBuffer* buffer, unsigned long length) override;
+  bool write_step(IBuffer* buffer, unsigned long length) override;
+  // `flags` are those of recv.
+  virtual bool readbyflag(char* data, long length, long& count, long timeout_ms, int flags);
+
+ private:
+  static constexpr int kNoSocket = 0;
+
+  void ReadNames();
+  bool WaitInTracker(SelectOp op, std::atomic<bool>& pending);
+  bool Notify(NotifyType type, IBuffer* buffer, unsigned long length, bool without_handler);
+
+  std::string local_name_;
+  std::string peer_name_;
+  std::atomic<bool> read_pending_{false};
+  std::atomic<bool> write_pending_{false};
+  std::atomic<std::int64_t> read_burst_{0};  // bytes read since the reactor last came by
+  std::atomic<int> socket_{kNoSocket};
+  std::atomic<ITCPTaskTracker*> tracker_{nullptr};
+  OBJECT_MONITOR<CSockStream> monitor_;
+};
+
+#endif  // GX_SOCK_SOCK_STREAM_H

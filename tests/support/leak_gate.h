@@ -1,0 +1,62 @@
+// Fails a test that leaves a descriptor, a thread or a live object of the module behind.
+#ifndef GX_TESTS_SUPPORT_LEAK_GATE_H
+#define GX_TESTS_SUPPORT_LEAK_GATE_H
+
+#include <dirent.h>
+#include <gtest/gtest.h>
+
+#include <cstdint>
+#include <memory>
+#include <thread>
+
+#include "object/object_monitor.h"
+#include "support/wait.h"
+
+namespace gxtest {
+
+// Entries of a directory; of /proc/self/fd that is the open descriptors and the one used to count them.
+inline int CountEntries(const char* directory) {
+  int count = 0;
+  const std::unique_ptr<DIR, int (*)(DIR*)> open(opendir(directory), closedir);
+  while (open && readdir(open.get()) != nullptr) ++count;
+  return count;
+}
+
+inline int OpenDescriptors() { return CountEntries("/proc/self/fd"); }
+inline int Threads() { return CountEntries("/proc/self/task"); }
+
+inline std::int64_t LiveObjects() {
+  std::int64_t alive = 0;
+  for (std::int64_t id = 0; id < __MonitoringObjectIndex__() && id < kMaxMonitoredClasses; ++id) {
+    const ICObjectMonitor* monitor = __MonitorintObjects__()[id].monitor;
+    if (monitor != nullptr) alive += monitor->NewCount() - monitor->DeleteCount();
+  }
+  return alive;
+}
+
+// A fixture whose tests start and end with the same figures. The kernel takes a joined thread out of /proc a
+// moment late, so the end is waited for.
+class LeakGate : public testing::Test {
+ protected:
+  // A sanitizer starts its own thread together with the first one of the program.
+  static void SetUpTestSuite() {
+    std::thread([] {}).join();
+  }
+
+  void TearDown() override {
+    EXPECT_TRUE(Eventually([&] { return Threads() <= threads_; })) << Threads() << " threads, not " << threads_;
+    EXPECT_TRUE(Eventually([&] { return OpenDescriptors() <= descriptors_; }))
+        << OpenDescriptors() << " descriptors, not " << descriptors_;
+    EXPECT_TRUE(Eventually([&] { return LiveObjects() <= objects_; }))
+        << LiveObjects() << " objects, not " << objects_;
+  }
+
+ private:
+  const int descriptors_ = OpenDescriptors();
+  const int threads_ = Threads();
+  const std::int64_t objects_ = LiveObjects();
+};
+
+}  // namespace gxtest
+
+#endif  // GX_TESTS_SUPPORT_LEAK_GATE_H

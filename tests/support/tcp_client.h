@@ -1,0 +1,120 @@
+// A plain TCP client with bounded waits.
+#ifndef GX_TESTS_SUPPORT_TCP_CLIENT_H
+#define GX_TESTS_SUPPORT_TCP_CLIENT_H
+
+#include <arpa/inet.h>
+#include <netinet/in.h>
+#include <poll.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <cstring>
+#include <optional>
+#include <string>
+#include <utility>
+
+#include "support/wait.h"
+
+namespace gxtest {
+
+class TcpClient {
+ public:
+  // Connects to a port of 127.0.0.1.
+  explicit TcpClient(int port) : socket_(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0)) {
+    sockaddr_in address;
+    std::memset(&address, 0, sizeof address);
+    address.sin_family = AF_INET;
+    address.sin_port = htons(static_cast<std::uint16_t>(port));
+    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    if (connect(socket_, reinterpret_cast<const sockaddr*>(&address), sizeof address) != 0) Close();
+  }
+  // "127.0.0.1:port"
+  explicit TcpClient(const std::string& address)
+      : TcpClient(std::stoi(address.substr(address.rfind(':') + 1))) {}
+  TcpClient(TcpClient&& other) noexcept : socket_(std::exchange(other.socket_, -1)) {}
+  TcpClient& operator=(TcpClient&& other) noexcept {
+    std::swap(socket_, other.socket_);
+    return *this;
+  }
+  ~TcpClient() { Close(); }
+
+  bool IsConnected() const { return socket_ >= 0; }
+  int socket_handle() const { return socket_; }
+
+  bool Send(const std::string& bytes) {
+    for (std::size_t done = 0; done < bytes.size();) {
+      if (!WaitFor(POLLOUT)) return false;
+      const ssize_t sent = send(socket_, bytes.data() + done, bytes.size() - done, MSG_NOSIGNAL | MSG_DONTWAIT);
+      if (sent <= 0) return false;
+      done += static_cast<std::size_t>(sent);
+    }
+    return true;
+  }
+
+  // Exactly `length` bytes, or fewer when the connection ends or nothing comes in time.
+  std::string Receive(std::size_t length) {
+    std::string bytes;
+    while (bytes.size() < length) {
+      const std::optional<std::string> part = ReceiveSome(length - bytes.size());
+      if (!part || part->empty()) break;
+      bytes += *part;
+    }
+    return bytes;
+  }
+
+  // Everything up to the end of the connection; nothing when the end does not come in time, or as a reset.
+  std::optional<std::string> ReceiveToEnd() {
+    std::string bytes;
+    for (;;) {
+      const std::optional<std::string> part = ReceiveSome(64 * 1024);
+      if (!part) return std::nullopt;
+      if (part->empty()) return bytes;
+      bytes += *part;
+    }
+  }
+
+  // The other side has ended the connection, in whatever way.
+  bool WaitForEnd() {
+    for (;;) {
+      char byte;
+      if (!WaitFor(POLLIN)) return false;
+      if (recv(socket_, &byte, 1, MSG_DONTWAIT) <= 0) return true;
+    }
+  }
+
+  void FinishSending() { shutdown(socket_, SHUT_WR); }
+
+  void Close() {
+    if (socket_ >= 0) close(socket_);
+    socket_ = -1;
+  }
+
+  // Ends the connection with a reset.
+  void Reset() {
+    const linger hard{1, 0};
+    setsockopt(socket_, SOL_SOCKET, SO_LINGER, &hard, sizeof hard);
+    Close();
+  }
+
+ private:
+  bool WaitFor(short events) const {
+    pollfd waiter{socket_, events, 0};
+    return poll(&waiter, 1, static_cast<int>(std::chrono::milliseconds(kPatience).count())) == 1;
+  }
+
+  // Empty: the end of the connection. Nothing: a reset, or nothing came in time.
+  std::optional<std::string> ReceiveSome(std::size_t at_most) {
+    std::string part(at_most, '\0');
+    if (!WaitFor(POLLIN)) return std::nullopt;
+    const ssize_t got = recv(socket_, part.data(), part.size(), MSG_DONTWAIT);
+    if (got < 0) return std::nullopt;
+    part.resize(static_cast<std::size_t>(got));
+    return part;
+  }
+
+  int socket_;
+};
+
+}  // namespace gxtest
+
+#endif  // GX_TESTS_SUPPORT_TCP_CLIENT_H
