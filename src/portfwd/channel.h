@@ -1,0 +1,109 @@
+// One forwarding rule: a name, a target on the remote side, and a local port.
+#ifndef GX_PORTFWD_CHANNEL_H
+#define GX_PORTFWD_CHANNEL_H
+
+#include <atomic>
+#include <cstdint>
+#include <string>
+
+#include "base/mutex_lock.h"
+#include "object/reference.h"
+#include "sock/sock_acceptor.h"
+
+class CPortForwardClientRaw;
+
+// A text that a getter returns is valid until the next put (or get_LocalAddress) of that text; a null text
+// counts as empty.
+class IChannelRaw : public IReference {
+ public:
+  virtual const char* get_Name() = 0;
+  virtual void put_Name(const char* name) = 0;
+  virtual const char* get_RemoteAddress() = 0;  // host:port
+  virtual void put_RemoteAddress(const char* address) = 0;
+  // The local port as "127.0.0.1:port"; empty while the channel has never listened.
+  virtual const char* get_LocalAddress() = 0;
+  virtual const char* get_Protocol() = 0;
+  virtual void put_Protocol(const char* protocol) = 0;
+  // Not 0: other machines may connect. A change listens on a fresh port at once, also when the channel is
+  // stopped.
+  virtual short get_AllowShare() = 0;
+  virtual void put_AllowShare(short share) = 0;
+  virtual std::uint32_t get_Index() = 0;
+  virtual void put_Index(std::uint32_t index) = 0;
+  // Listens on 127.0.0.1, whatever the allow-share value. False: no client, or no port. True while running.
+  virtual bool Run() = 0;
+  // Closes the port; connections go on. Always true.
+  virtual bool Stop() = 0;
+  // Stop, and leave the client's list. The channel may be gone when this returns.
+  virtual std::uint32_t Erase() = 0;
+};
+
+class CChannelRaw final : public IChannelRaw, private CReference {
+ public:
+  CChannelRaw() = default;
+  ~CChannelRaw() override;
+  GX_FORWARD_REFERENCE();
+
+  const char* get_Name() override { return name_.c_str(); }
+  void put_Name(const char* name) override { PutText(name_, name); }
+  const char* get_RemoteAddress() override { return remote_address_.c_str(); }
+  void put_RemoteAddress(const char* address) override { PutText(remote_address_, address); }
+  const char* get_LocalAddress() override;
+  const char* get_Protocol() override { return protocol_.c_str(); }
+  void put_Protocol(const char* protocol) override { PutText(protocol_, protocol); }
+  short get_AllowShare() override { return allow_share_; }
+  void put_AllowShare(short share) override;
+  std::uint32_t get_Index() override { return index_; }
+  void put_Index(std::uint32_t index) override { index_ = index; }
+  bool Run() override;
+  bool Stop() override;
+  std::uint32_t Erase() override;
+
+  // Not counted. The client takes itself back with Detach before it goes.
+  void put_PortForwardClient(CPortForwardClientRaw* client) { client_ = client; }
+  // Stops, and forgets the client for good: whoever still holds the channel cannot reach the client through it.
+  void Detach();
+  // Hands a new connection to the client.
+  void OnAccept(CRefObj<CSockStream> stream);
+  // The texts as they are at one moment. Threads: any.
+  struct Texts {
+    std::string name;
+    std::string protocol;
+    std::string remote_address;
+  };
+  Texts GetTexts() const;
+
+ private:
+  // Counted: a task in the reactor may outlive the channel.
+  class SELECT_ACCEPTOR final : public CSockAcceptor, private CReference {
+   public:
+    explicit SELECT_ACCEPTOR(CChannelRaw* channel) : channel_(channel) {}
+    GX_FORWARD_REFERENCE();
+    bool OnAccept(CRefObj<CSockStream> stream) override;
+    // Waits for an OnAccept that is with the channel, and keeps every later one from it.
+    void Detach();
+
+   private:
+    CStdMutex mutex_;  // held while the channel is called
+    CChannelRaw* channel_ GUARDED_BY(mutex_);
+  };
+
+  void PutText(std::string& text, const char* value);
+  SELECT_ACCEPTOR& SelectAcceptor() REQUIRES(lock_);
+  static bool Listen(SELECT_ACCEPTOR& acceptor, CPortForwardClientRaw& client, const char* host_port);
+
+  CMutexLock lock_;
+  CRefObj<SELECT_ACCEPTOR> acceptor_ GUARDED_BY(lock_);  // made on first need
+  std::atomic<CPortForwardClientRaw*> client_{nullptr};
+  std::string local_address_;
+  std::atomic<std::uint32_t> index_{0};
+  std::atomic<short> allow_share_{0};
+  std::atomic<bool> running_{false};
+
+  mutable CMutexLock text_lock_;  // writers, and GetTexts; taken last
+  std::string name_;
+  std::string protocol_;
+  std::string remote_address_;
+};
+
+#endif  // GX_PORTFWD_CHANNEL_H

@@ -1,0 +1,83 @@
+// A forwarding client on a scripted plugin stream.
+#ifndef GX_TESTS_SUPPORT_FORWARDING_H
+#define GX_TESTS_SUPPORT_FORWARDING_H
+
+#include <string>
+
+#include "portfwd/port_forward_client.h"
+#include "support/leak_gate.h"
+#include "support/log_capture.h"
+#include "support/plugin_stream.h"
+#include "support/tcp_client.h"
+
+namespace gxtest {
+
+using gxmod::ConnectionType;
+
+// The client runs, and one channel "ssh" listens; everything is gone before the leaks are counted.
+class ForwardingTest : public LeakGate {
+ protected:
+  void SetUp() override { Start({}); }
+
+  void TearDown() override {
+    Stop();
+    LeakGate::TearDown();
+  }
+
+  void Start(const CPortForwardClientRaw::Limits& limits) {
+    Stop();
+    stream_ = CRefObj<PluginStream>(new PluginStream);
+    client_ = CRefObj<CPortForwardClientRaw>(new CPortForwardClientRaw(limits));
+    ASSERT_EQ(client_->InitInstance(stream_.get()), kGXModOk);
+    ASSERT_EQ(client_->Run(), kGXModOk);
+    IChannelRaw* channel = client_->NewChannel("ssh", "", "10.0.0.1:22");
+    ASSERT_NE(channel, nullptr);
+    address_ = channel->get_LocalAddress();
+    ASSERT_TRUE(stream_->Receive(ConnectionType::ChannelList));
+  }
+
+  void Stop() {
+    if (client_) client_->ExitInstance();
+    client_ = nullptr;
+    stream_ = nullptr;
+  }
+
+  // A local connection and its id.
+  struct Connection {
+    TcpClient local;
+    std::uint32_t id;
+  };
+  Connection Connect() {
+    TcpClient local(address_);
+    const auto frame = stream_->Receive();
+    EXPECT_TRUE(frame && frame->type == ConnectionType::Connect);
+    return {std::move(local), frame ? frame->id : 0};
+  }
+
+  // What the far side gets of a connection until its data is `length` bytes.
+  std::string ReceiveData(std::uint32_t id, std::size_t length) {
+    std::string data;
+    while (data.size() < length) {
+      const auto frame = stream_->Receive(ConnectionType::Data);
+      if (!frame) break;
+      if (frame->id == id) data += frame->payload;
+    }
+    return data;
+  }
+
+  LogCapture log_;
+  CRefObj<PluginStream> stream_;
+  CRefObj<CPortForwardClientRaw> client_;
+  std::string address_;  // of the channel's port
+};
+
+// Bytes that tell loss, duplication and exchange apart.
+inline std::string Pattern(std::size_t length, unsigned seed = 1) {
+  std::string bytes(length, '\0');
+  for (std::size_t i = 0; i < length; ++i) bytes[i] = static_cast<char>(i * 31 + i / 251 + seed * 7);
+  return bytes;
+}
+
+}  // namespace gxtest
+
+#endif  // GX_TESTS_SUPPORT_FORWARDING_H
