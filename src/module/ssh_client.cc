@@ -1,0 +1,84 @@
+#include "module/ssh_client.h"
+
+#include <cstdlib>
+#include <cstring>
+
+#include "module/parse_address.h"
+#include "runtime/gxmod_runtime.h"
+
+namespace {
+
+constexpr const char* kChannelName = "ssh";
+constexpr const char* kDefaultTarget = "127.0.0.1:22";
+
+// The host may be built without exceptions; memory that runs out becomes a result code.
+template <class Operation>
+std::uint32_t WithoutExceptions(Operation operation) noexcept {
+  try {
+    return operation();
+  } catch (...) {
+    return kGXModFail;
+  }
+}
+
+}  // namespace
+
+std::uint32_t CSSHClientRaw::InitInstance(IPluginStreamRaw* stream) {
+  GXModLog(kGXModLogInfo, "[SSH] call %s ", "InitInstance");
+  return WithoutExceptions([&]() -> std::uint32_t {
+    plugin_stream_ = CRefObj<IPluginStreamRaw>(stream);
+    client_ = CreatePortForwardClient();
+    if (!client_) return kGXModNothingDone;
+    client_->InitInstance(stream);  // a null stream is the client's to refuse, in Run
+    return kGXModOk;
+  });
+}
+
+std::uint32_t CSSHClientRaw::Run() {
+  GXModLog(kGXModLogInfo, "[SSH] call %s ", "Run");
+  if (!client_) return kGXModNothingDone;
+  return WithoutExceptions([&]() -> std::uint32_t {
+    client_->Run();
+    const std::uint32_t result = OpenChannel();
+    if (result == kGXModOk && listener_) listener_->OnLocalAddress(local_address_.c_str(), local_port_);
+    return result;
+  });
+}
+
+std::uint32_t CSSHClientRaw::ExitInstance() {
+  GXModLog(kGXModLogInfo, "[SSH] call %s ", "ExitInstance");
+  WithoutExceptions([&]() -> std::uint32_t {
+    if (plugin_stream_) plugin_stream_->Close();
+    if (client_) client_->ExitInstance();
+    if (listener_) listener_->OnExit();
+    return kGXModOk;
+  });
+  return kGXModOk;
+}
+
+bool CSSHClientRaw::GetInterface(const char* name, void** out) {
+  if (name == nullptr || out == nullptr || std::strcmp(name, kControlSshInterfaceName) != 0) return false;
+  AddRef();
+  *out = static_cast<IControlSshPlugin*>(this);
+  return true;
+}
+
+// Opens the channel and learns where it listens.
+std::uint32_t CSSHClientRaw::OpenChannel() {
+  IChannelRaw* channel = client_->NewChannel(kChannelName, "", Target().c_str());
+  if (channel == nullptr) return kGXModFail;
+  const char* text = channel->get_LocalAddress();
+  const std::string address = text != nullptr ? text : "";
+  if (address.empty()) return kGXModFail;
+  std::string host;
+  std::string port;
+  ParseAddress(address, host, port);
+  if (!port.empty()) local_port_ = static_cast<std::uint16_t>(std::atoi(port.c_str()));
+  if (!host.empty()) local_address_ = host;
+  return kGXModOk;
+}
+
+std::string CSSHClientRaw::Target() const {
+  const std::string target = listener_ ? listener_->GetRemoteAddress() : "";
+  return target.empty() ? kDefaultTarget : target;
+}
