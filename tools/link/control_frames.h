@@ -1,0 +1,33 @@
+// Frames that gx-ssh and gx-ssh-peer exchange beside those of gxmod/frames.h. Their connection id is 0. The
+// module drops unknown types, so a far side may send them; gx-ssh keeps them away from the module all the same.
+#ifndef GX_LINK_CONTROL_FRAMES_H
+#define GX_LINK_CONTROL_FRAMES_H
+
+#include <gxmod/frames.h>
+
+#include <cstddef>
+#include <cstdint>
+#include <string>
+#include <string_view>
+
+namespace gxtool {
+
+inline constexpr auto kPingFrame =
+    static_cast<gxmod::ConnectionType>(0xF0);  // payload: kPingBytes opaque bytes
+inline constexpr auto kPongFrame = static_cast<gxmod::ConnectionType>(0xF1);  // payload: that of the ping
+inline constexpr auto kGoodbyeFrame =
+    static_cast<gxmod::ConnectionType>(0xF2);  // payload: reason, ASCII; comes last
+
+inline constexpr std::size_t kPingBytes = 8;
+
+// True for the types of this header.
+constexpr bool IsControlFrame(gxmod::ConnectionType type) {
+  return type == kPingFrame || type == kPongFrame || type == kGoodbyeFrame;
+}
+
+// A whole frame, header and payload.
+std::string MakeFrame(gxmod::ConnectionType type, std::uint32_t connection_id, std::string_view payload);
+
+}  // namespace gxtool
+
+#endif  // GX_LINK_CONTROL_FRAMES_H

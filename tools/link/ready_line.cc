@@ -1,0 +1,57 @@
+#include "link/ready_line.h"
+
+#include <algorithm>
+
+#include "link/escape.h"
+
+namespace gxtool {
+namespace {
+
+constexpr std::size_t kLineBytes = 64;  // a longer line is noise
+
+std::string_view Name(Side side) { return side == Side::kHost ? "GX-SSH-HOST " : "GX-SSH-PEER "; }
+
+}  // namespace
+
+std::string ReadyLine(Side side) { return std::string(Name(side)) + std::to_string(kProtocolVersion) + '\n'; }
+
+ReadyLineFinder::ReadyLineFinder(Side other)
+    : expected_(ReadyLine(other)), own_(ReadyLine(other == Side::kHost ? Side::kPeer : Side::kHost)) {}
+
+std::size_t ReadyLineFinder::Feed(std::string_view bytes) {
+  std::size_t taken = 0;
+  while (taken < bytes.size() && state_ == State::kSearching) TakeByte(bytes[taken++]);
+  return taken;
+}
+
+void ReadyLineFinder::TakeByte(char byte) {
+  if (line_.size() < kLineBytes) line_ += byte;
+  if (byte == '\n') JudgeLine();
+  if (state_ == State::kFound) return;
+  if (noise_.size() == kQuoteBytes) noise_.erase(0, 1);
+  noise_ += byte;
+  if (++skipped_ == kNoiseBytes && state_ == State::kSearching) state_ = State::kTooMuchNoise;
+}
+
+void ReadyLineFinder::JudgeLine() {
+  std::string line;
+  line.swap(line_);
+  if (line == expected_) {
+    state_ = State::kFound;
+    return;
+  }
+  const bool carriage_return = line.size() > 1 && line[line.size() - 2] == '\r';
+  if (carriage_return) line.erase(line.size() - 2, 1);
+  if (line == own_) echoed_ = true;
+  if (line == expected_) state_ = State::kNotClean;
+  if (state_ != State::kSearching) return;
+
+  const std::size_t name_length = expected_.find(' ') + 1;
+  if (line.size() < name_length + 2 || line.compare(0, name_length, expected_, 0, name_length) != 0) return;
+  std::string version = line.substr(name_length, line.size() - name_length - 1);
+  if (!std::all_of(version.begin(), version.end(), [](char c) { return c >= '0' && c <= '9'; })) return;
+  version_ = std::move(version);
+  state_ = State::kOtherVersion;
+}
+
+}  // namespace gxtool
