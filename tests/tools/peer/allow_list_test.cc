@@ -1,0 +1,54 @@
+#include "peer/allow_list.h"
+
+#include <gtest/gtest.h>
+
+namespace gxtool {
+namespace {
+
+AllowList ListOf(std::initializer_list<const char*> entries) {
+  AllowList list;
+  for (const char* entry : entries) {
+    std::string why;
+    EXPECT_TRUE(list.Add(entry, &why)) << entry << ": " << why;
+  }
+  return list;
+}
+
+bool Passes(const AllowList& list, const char* text) {
+  const auto target = ParseHostPort(text);
+  return target && list.Permits(*target);
+}
+
+TEST(AllowListTest, PermitsWhatWasNamedHoweverItIsSpelled) {
+  const AllowList list = ListOf({"127.0.0.1:22", "[::1]:22", "DB.example:5432", "*:80", "10.0.0.1:*"});
+  for (const char* text : {"127.0.0.1:22", "[::1]:22", "[0::0:1]:22", "db.EXAMPLE:5432", "anything:80",
+                           "[fe80::1]:80", "10.0.0.1:1", "10.0.0.1:65535"}) {
+    EXPECT_TRUE(Passes(list, text)) << text;
+  }
+  for (const char* text :
+       {"127.0.0.1:23", "127.0.0.2:22", "localhost:22", "[::1]:23", "[::]:22", "0.0.0.0:22", "[::127.0.0.1]:22",
+        "db.example:22", "x.db.example:5432", "db:5432", "anything:81", "10.0.0.2:1"}) {
+    EXPECT_FALSE(Passes(list, text)) << text;
+  }
+}
+
+TEST(AllowListTest, DefaultAndAny) {
+  EXPECT_TRUE(Passes(AllowList::Default(), "127.0.0.1:22"));
+  EXPECT_TRUE(Passes(AllowList::Default(), "[::1]:22"));
+  EXPECT_FALSE(Passes(AllowList::Default(), "127.0.0.1:80"));
+  EXPECT_TRUE(Passes(AllowList::Any(), "10.1.2.3:4"));
+  EXPECT_FALSE(Passes(AllowList(), "127.0.0.1:22"));
+}
+
+TEST(AllowListTest, RefusesEntriesThatAreNone) {
+  for (const char* entry : {"", "*", "*:*", "[*]:22", "127.0.0.*:22", "*.example:22", "127.0.0.1:22,80",
+                            "127.1:22", "127.0.0.1:022", "[::ffff:127.0.0.1]:22", "::1:22", "host"}) {
+    AllowList list;
+    std::string why;
+    EXPECT_FALSE(list.Add(entry, &why)) << entry;
+    EXPECT_FALSE(why.empty()) << entry;
+  }
+}
+
+}  // namespace
+}  // namespace gxtool

@@ -1,0 +1,291 @@
+#include "peer/peer.h"
+
+#include "tools/peer/rig.h"
+
+namespace gxtool {
+namespace {
+
+using gxmod::ConnectionType;
+using ::testing::ElementsAre;
+using ::testing::HasSubstr;
+using ::testing::IsEmpty;
+
+// Answers every connection with what it says, until it ends.
+class EchoServer {
+ public:
+  explicit EchoServer(int connections) : thread_([this, connections] { Serve(connections); }) {}
+  ~EchoServer() { thread_.join(); }
+  const Target& target() const { return target_; }
+
+ private:
+  void Serve(int connections) {
+    std::vector<std::thread> threads;
+    for (int i = 0; i < connections; ++i) {
+      threads.emplace_back([fd = target_.Accept()] {
+        for (std::string piece = ReadSome(fd.get()); !piece.empty(); piece = ReadSome(fd.get())) {
+          if (!WriteAll(fd.get(), piece)) break;
+        }
+      });
+    }
+    for (std::thread& thread : threads) thread.join();
+  }
+
+  Target target_;
+  std::thread thread_;
+};
+
+TEST(PeerTest, CarriesManyConnectionsBothWaysAtOnce) {
+  constexpr std::uint32_t kConnections = 32;
+  constexpr std::size_t kBytes = 512 * 1024;
+  EchoServer server(kConnections);
+  Rig rig;
+  std::map<std::uint32_t, std::string> sent;
+  for (std::uint32_t id = 1; id <= kConnections; ++id) sent[id] = Pattern(kBytes, id);
+
+  std::thread writer([&] {
+    for (const auto& [id, bytes] : sent) rig.Send(ConnectionType::Connect, id, server.target().Address());
+    // Frames of many sizes, the connections interleaved.
+    std::map<std::uint32_t, std::size_t> at;
+    for (std::size_t round = 0; at[kConnections] < kBytes; ++round) {
+      for (const auto& [id, bytes] : sent) {
+        const std::size_t size = std::min(kBytes - at[id], std::size_t{1} + (round * 7919) % 20'000);
+        rig.Send(ConnectionType::Data, id, std::string_view(bytes).substr(at[id], size));
+        at[id] += size;
+      }
+    }
+  });
+  std::map<std::uint32_t, std::string> received;
+  for (std::size_t total = 0; total < kConnections * kBytes;) {
+    const Frame frame = rig.Next();
+    if (frame.type != static_cast<int>(ConnectionType::Data)) break;
+    EXPECT_LE(frame.payload.size(), 65536U);
+    received[frame.id] += frame.payload;
+    total += frame.payload.size();
+  }
+  writer.join();
+  EXPECT_TRUE(received == sent);
+  EXPECT_EQ(rig.End(), kPeerEnded);
+}
+
+TEST(PeerTest, RefusesTargetsOutsideTheListAndNamesTheWayIn) {
+  const Target target;
+  PeerOptions options = Rig::Options();
+  options.allow = AllowList::Default();
+  Rig rig(std::move(options));
+  const std::string long_text(65536, 'x');
+  rig.Send(ConnectionType::Connect, 1, target.Address());
+  rig.Send(ConnectionType::Connect, 2, std::string("127.0.0.1:22\0", 13));
+  rig.Send(ConnectionType::Connect, 3, long_text);
+  rig.Send(ConnectionType::Connect, 4, "");
+  rig.Send(ConnectionType::Connect, 5, "\x1b]0;pwned\a:22");
+  for (std::uint32_t id = 1; id <= 5; ++id) EXPECT_EQ(rig.Next(), Of(ConnectionType::Close, id));
+  EXPECT_FALSE(target.HasCaller(0));
+  rig.End();
+  EXPECT_THAT(rig.lines(), ElementsAre(HasSubstr("--allow " + target.Address()), HasSubstr("127.0.0.1:22\\x00"),
+                                       HasSubstr("\"xxx"), HasSubstr("\"\""), HasSubstr("\\x1b]0;pwned\\x07")));
+  for (const std::string& line : rig.lines()) EXPECT_LT(line.size(), 1000U);
+}
+
+TEST(PeerTest, ClosesWhatCannotBeReached) {
+  std::string address = Target().Address();  // nobody listens there any more
+  Rig rig;
+  rig.Send(ConnectionType::Connect, 1, address);
+  rig.Send(ConnectionType::Data, 1, "lost");
+  EXPECT_EQ(rig.Next(), Of(ConnectionType::Close, 1));
+  rig.Send(ConnectionType::Connect, 2, "no-such-host.invalid:22");
+  EXPECT_EQ(rig.Next(), Of(ConnectionType::Close, 2));
+}
+
+TEST(PeerTest, FixedTargetOverridesWhatIsAsked) {
+  const Target target;
+  PeerOptions options = Rig::Options();
+  options.allow = AllowList();
+  options.target = ParseHostPort("localhost:" + std::to_string(target.port()));
+  Rig rig(std::move(options));
+  rig.Send(ConnectionType::Connect, 1, "whatever this is");
+  rig.Send(ConnectionType::Data, 1, "hello");
+  const Fd connection = target.Accept();
+  EXPECT_EQ(ReadExactly(connection.get(), 5), "hello");
+}
+
+TEST(PeerTest, EndOfATargetComesAfterAllItsBytes) {
+  const Target target;
+  Rig rig;
+  Fd connection = rig.Connect(1, target);
+  const std::string bytes = Pattern(24 << 20, 1);
+  const std::size_t taken = WriteUntilStuck(connection.get(), bytes);
+  EXPECT_LT(taken, bytes.size());
+  std::thread writer([&] {
+    EXPECT_TRUE(WriteAll(connection.get(), std::string_view(bytes).substr(taken)));
+    connection = Fd();
+  });
+  EXPECT_TRUE(rig.Data(1, bytes.size()) == bytes);
+  EXPECT_EQ(rig.Next(), Of(ConnectionType::Close, 1));
+  writer.join();
+}
+
+TEST(PeerTest, CloseFlushesWhatIsQueuedFirst) {
+  const Target target;
+  Rig rig;
+  const Fd connection = rig.Connect(1, target);
+  const std::string bytes = Pattern(6 << 20, 1);
+  rig.Send(ConnectionType::Data, 1, bytes);
+  rig.Send(ConnectionType::Close, 1);
+  EXPECT_TRUE(WriteAll(connection.get(), "an answer that nobody waits for"));
+  EXPECT_TRUE(ReadToEnd(connection.get()) == bytes);
+  // A target that was still being opened gets its bytes as well.
+  rig.Send(ConnectionType::Connect, 2, target.Address());
+  rig.Send(ConnectionType::Data, 2, "last words");
+  rig.Send(ConnectionType::Close, 2);
+  EXPECT_EQ(ReadToEnd(target.Accept().get()), "last words");
+}
+
+TEST(PeerTest, SlowTargetCostsBoundedMemoryAndNoByte) {
+  const Target target;
+  Rig rig;
+  const Fd slow = rig.Connect(1, target);
+  const Fd other = rig.Connect(2, target);
+  std::string frames;
+  std::string expected;
+  for (std::uint32_t i = 0; i < 1024; ++i) {
+    expected += Pattern(65536, i);
+    frames += MakeFrame(ConnectionType::Data, 1, std::string_view(expected).substr(65536 * i));
+  }
+  const std::size_t taken = WriteUntilStuck(rig.host(), frames);
+  EXPECT_GT(taken, std::size_t{8} << 20);
+  EXPECT_LT(taken, std::size_t{20} << 20);  // the queue, and what the system holds
+
+  // The way back is not held up.
+  EXPECT_TRUE(WriteAll(other.get(), "still here"));
+  EXPECT_EQ(rig.Data(2, 10), "still here");
+
+  std::thread writer([&] { EXPECT_TRUE(WriteAll(rig.host(), std::string_view(frames).substr(taken))); });
+  EXPECT_TRUE(ReadExactly(slow.get(), expected.size()) == expected);
+  writer.join();
+}
+
+TEST(PeerTest, TargetThatStallsAllOthersIsCut) {
+  const Target target;
+  PeerOptions options = Rig::Options();
+  options.stall_timeout = std::chrono::milliseconds(200);
+  Rig rig(std::move(options));
+  const Fd stalled = rig.Connect(1, target);
+  const Fd other = rig.Connect(2, target);
+  const std::string bytes(65536, 'x');
+  for (int i = 0; i < 1024; ++i) rig.Send(ConnectionType::Data, 1, bytes);
+  rig.Send(ConnectionType::Data, 2, "my turn");
+  EXPECT_EQ(ReadExactly(other.get(), 7), "my turn");
+  EXPECT_EQ(rig.Next(), Of(ConnectionType::Close, 1));
+}
+
+TEST(PeerTest, SmallFrameIsNotHeldBackByABulkTransfer) {
+  const Target target;
+  Rig rig;
+  const Fd bulk = rig.Connect(1, target);
+  const Fd small = rig.Connect(2, target);
+  WriteUntilStuck(bulk.get(), std::string(64 << 20, 'x'));
+  EXPECT_TRUE(WriteAll(small.get(), "key"));
+  std::size_t ahead = 0;
+  Frame frame;
+  while ((frame = rig.Next()).id == 1) ahead += frame.payload.size();
+  EXPECT_EQ(frame, Of(ConnectionType::Data, 2, "key"));
+  EXPECT_LT(ahead, std::size_t{1} << 20);  // the queue, and what the socket pair holds
+}
+
+TEST(PeerTest, StrangeFramesDoNoHarm) {
+  const Target target;
+  Rig rig;
+  const Fd connection = rig.Connect(1, target);
+  for (int type = 0; type < 256; ++type) {
+    const auto strange = static_cast<ConnectionType>(type);
+    const bool known = type >= 1 && type <= 4;
+    for (const std::size_t length : {0U, 1U, 100U}) {
+      if (!known && !IsControlFrame(strange)) rig.Send(strange, 1, std::string(length, 'x'));
+    }
+  }
+  rig.Send(ConnectionType::Data, 99, "for nobody");
+  rig.Send(ConnectionType::Close, 99);
+  rig.Send(ConnectionType::Data, 1);
+  rig.Send(ConnectionType::Connect, 1, target.Address());
+  rig.Send(kPingFrame, 0, "short");
+  rig.Send(kGoodbyeFrame, 0);
+  rig.Send(ConnectionType::Data, 1, "ok");
+  EXPECT_EQ(ReadExactly(connection.get(), 2), "ok");
+  EXPECT_FALSE(target.HasCaller(0));
+  EXPECT_TRUE(WriteAll(connection.get(), "yes"));
+  EXPECT_EQ(rig.Next(), Of(ConnectionType::Data, 1, "yes"));
+  EXPECT_THAT(rig.lines(), ElementsAre(HasSubstr("second Connect for connection 1")));
+}
+
+TEST(PeerTest, PromisedLengthCostsNothing) {
+  const Target target;
+  Rig rig;
+  const Fd connection = rig.Connect(1, target);
+  char header[gxmod::kFrameHeaderBytes];
+  gxmod::EncodeFrameHeader({0xffffffff, 1, ConnectionType::Data}, header);
+  EXPECT_TRUE(WriteAll(rig.host(), {header, sizeof header}));
+  const std::string bytes = Pattern(100'000, 1);
+  EXPECT_TRUE(WriteAll(rig.host(), bytes));
+  EXPECT_TRUE(ReadExactly(connection.get(), bytes.size()) == bytes);
+  EXPECT_EQ(rig.End(), kPeerLinkLost);
+}
+
+TEST(PeerTest, AnswersTestsAndPings) {
+  Rig rig;
+  rig.Send(ConnectionType::TestChannel, 0, "are you there?");
+  const Frame answer = rig.Next();
+  gxmod::TestResponse response;
+  ASSERT_TRUE(gxmod::DecodeTestResponse(answer.payload.data(), answer.payload.size(), &response));
+  EXPECT_EQ(answer.type, static_cast<int>(ConnectionType::TestRespond));
+  EXPECT_EQ(response.status, 0U);
+  EXPECT_EQ(std::string(response.text, response.text_length), "are you there?");
+  rig.Send(kPingFrame, 0, "8 bytes.");
+  EXPECT_EQ(rig.Next(), Of(kPongFrame, 0, "8 bytes."));
+}
+
+TEST(PeerTest, AnswersThatNobodyTakesDoNotPileUp) {
+  Rig rig;
+  std::string frames;
+  for (int i = 0; i < 4096; ++i) frames += MakeFrame(ConnectionType::TestChannel, 0, std::string(1024, 'x'));
+  const std::size_t taken = WriteUntilStuck(rig.host(), frames);
+  EXPECT_LT(taken, frames.size());
+  std::thread writer([&] { EXPECT_TRUE(WriteAll(rig.host(), std::string_view(frames).substr(taken))); });
+  for (int i = 0; i < 4096; ++i) EXPECT_EQ(rig.Next().payload.size(), 1024 + gxmod::kTestRespondHeaderBytes);
+  writer.join();
+}
+
+TEST(PeerTest, EndsWithItsInput) {
+  const Target target;
+  const auto start = std::chrono::steady_clock::now();
+  {
+    Rig idle;
+    EXPECT_EQ(idle.End(), kPeerEnded);
+  }
+  {
+    Rig cut;
+    EXPECT_TRUE(WriteAll(cut.host(), "half a"));
+    EXPECT_EQ(cut.End(), kPeerLinkLost);
+  }
+  {
+    // The target still gets what was sent, and its answer still gets out.
+    Rig answered;
+    const Fd connection = answered.Connect(1, target);
+    answered.Send(ConnectionType::Data, 1, "question");
+    ::shutdown(answered.host(), SHUT_WR);
+    EXPECT_EQ(ReadToEnd(connection.get()), "question");
+    EXPECT_TRUE(WriteAll(connection.get(), "answer"));
+    EXPECT_EQ(answered.Next(), Of(ConnectionType::Data, 1, "answer"));
+  }
+  {
+    // Nobody is left at the other end, and the input waits for a slow target.
+    Rig gone;
+    const Fd connection = gone.Connect(1, target);
+    WriteUntilStuck(gone.host(), MakeFrame(ConnectionType::Data, 1, std::string(32 << 20, 'x')));
+    gone.HangUp();
+    gone.Join();
+  }
+  EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(10));
+}
+
+}  // namespace
+}  // namespace gxtool

@@ -1,0 +1,43 @@
+// The targets that the other side may ask for.
+//
+// An entry reads HOST:PORT in the strict form of link/host_port.h; `*` stands for any host or for any port.
+// Entries and targets are compared after parsing. A name permits that name and not its addresses, an address
+// that address and not its names: nothing is looked up to answer Permits.
+#ifndef GX_PEER_ALLOW_LIST_H
+#define GX_PEER_ALLOW_LIST_H
+
+#include <cstdint>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "link/host_port.h"
+
+namespace gxtool {
+
+class AllowList {
+ public:
+  // Permits nothing.
+  AllowList() = default;
+  // This computer's own SSH service: 127.0.0.1:22 and [::1]:22.
+  static AllowList Default();
+  static AllowList Any();
+
+  // False: `entry` is none, `*why` tells the reason.
+  bool Add(std::string_view entry, std::string* why);
+
+  bool Permits(const HostPort& target) const;
+
+ private:
+  struct Entry {
+    std::optional<std::string> host;    // nothing: any
+    std::optional<std::uint16_t> port;  // nothing: any
+  };
+
+  std::vector<Entry> entries_;
+};
+
+}  // namespace gxtool
+
+#endif  // GX_PEER_ALLOW_LIST_H

@@ -1,0 +1,20 @@
+// The parts of Asio that the far side uses, bound to io_context's own executor: the type-erased default costs
+// an indirection for every operation.
+#ifndef GX_PEER_ASIO_TYPES_H
+#define GX_PEER_ASIO_TYPES_H
+
+#include <asio.hpp>
+#include <chrono>
+
+namespace gxtool {
+
+using Clock = std::chrono::steady_clock;
+using Executor = asio::io_context::executor_type;
+using Descriptor = asio::posix::basic_stream_descriptor<Executor>;
+using StreamSocket = asio::basic_stream_socket<asio::generic::stream_protocol, Executor>;
+using TcpSocket = asio::basic_stream_socket<asio::ip::tcp, Executor>;
+using Timer = asio::basic_waitable_timer<Clock, asio::wait_traits<Clock>, Executor>;
+
+}  // namespace gxtool
+
+#endif  // GX_PEER_ASIO_TYPES_H

@@ -1,0 +1,26 @@
+#include "peer/borrowed_fd.h"
+
+#include <fcntl.h>
+
+#include <cerrno>
+#include <system_error>
+
+namespace gxtool {
+namespace {
+
+int Checked(int result, const char* what) {
+  if (result < 0) throw std::system_error(errno, std::generic_category(), what);
+  return result;
+}
+
+}  // namespace
+
+BorrowedFd::BorrowedFd(int fd) : fd_(fd), flags_(Checked(fcntl(fd, F_GETFL), "stream descriptor")) {
+  fcntl(fd_, F_SETFL, flags_ | O_NONBLOCK);
+}
+
+BorrowedFd::~BorrowedFd() { fcntl(fd_, F_SETFL, flags_); }
+
+int BorrowedFd::Duplicate() const { return Checked(fcntl(fd_, F_DUPFD_CLOEXEC, 3), "stream descriptor"); }
+
+}  // namespace gxtool

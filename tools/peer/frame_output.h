@@ -1,0 +1,83 @@
+// The outgoing half of the stream.
+//
+// Frames are built where they are written from: a payload is read from its target straight into the space
+// behind its header, and whole runs of frames leave in one write. While one half of the memory is written, the
+// other half is filled; no more than that is ever queued ahead of a new frame, except for answers that must not
+// wait (AddControl). Threads: the one that runs the io_context.
+#ifndef GX_PEER_FRAME_OUTPUT_H
+#define GX_PEER_FRAME_OUTPUT_H
+
+#include <gxmod/frames.h>
+
+#include <cstddef>
+#include <cstdint>
+#include <memory>
+#include <span>
+#include <string>
+#include <string_view>
+
+#include "peer/asio_types.h"
+
+namespace gxtool {
+
+inline constexpr std::size_t kDataBytes = 64 * 1024;  // most payload of one Data frame
+
+class FrameOutput {
+ public:
+  // Both are called from the event loop, never from within a call of the owner's.
+  class Owner {
+   public:
+    // Something was written: Room may have grown, owed and idle may have changed.
+    virtual void OnOutputProgress() = 0;
+    // Nobody will read what is still queued.
+    virtual void OnOutputBroken() = 0;
+
+   protected:
+    ~Owner() = default;
+  };
+
+  // Takes `fd` over, which does not block. `owner` is not owned.
+  FrameOutput(asio::io_context& io, int fd, Owner* owner);
+
+  // Where the payload of a Data frame may be put now; empty: not before OnOutputProgress.
+  std::span<char> Room();
+  // Queues the first `count` bytes of Room as a Data frame.
+  void AddData(std::uint32_t connection_id, std::size_t count);
+  // Queues a frame behind all others, room or no room.
+  void AddControl(gxmod::ConnectionType type, std::uint32_t connection_id, std::string_view payload = {});
+  // Queues bytes that are no frame.
+  void AddText(std::string_view text);
+
+  // Bytes of control frames that found no room.
+  std::size_t owed() const { return overflow_.size(); }
+  // All is written.
+  bool idle() const { return writing_.unwritten() == 0 && filling_.unwritten() == 0 && overflow_.empty(); }
+
+ private:
+  struct Half {
+    std::size_t unwritten() const { return end - begin; }
+
+    std::unique_ptr<char[]> data;
+    std::size_t begin = 0;
+    std::size_t end = 0;
+  };
+
+  void ScheduleFlush();
+  void Flush();
+  bool Refill();
+  void WaitWritable();
+  void Break();
+
+  asio::io_context& io_;
+  Descriptor fd_;
+  Owner* const owner_;
+  Half writing_;
+  Half filling_;
+  std::string overflow_;  // comes after filling_; no data is added while there is some
+  bool flush_pending_ = false;
+  bool broken_ = false;
+};
+
+}  // namespace gxtool
+
+#endif  // GX_PEER_FRAME_OUTPUT_H

@@ -1,0 +1,360 @@
+#include "peer/session.h"
+
+#include <algorithm>
+#include <utility>
+
+#include "link/control_frames.h"
+#include "link/duration.h"
+#include "link/escape.h"
+
+namespace gxtool {
+namespace {
+
+using asio::ip::tcp;
+using gxmod::ConnectionType;
+using std::chrono::milliseconds;
+
+constexpr std::size_t kTextBytes = 1024;                   // of a frame that is taken as a whole
+constexpr std::size_t kQueueMark = 8 * 1024 * 1024;        // for one target; past it the input waits
+constexpr std::size_t kTotalQueueMark = 64 * 1024 * 1024;  // for all targets
+constexpr std::size_t kOwedMark = 1024 * 1024;             // answers that the other side does not take
+constexpr auto kTick = milliseconds(50);
+constexpr auto kCloseTime = std::chrono::seconds(5);  // for a target to take what is queued and to end
+constexpr auto kStopTime = milliseconds(1700);        // for what is under way when a stop is asked for
+constexpr auto kInputEndTime = milliseconds(1000);    // the same at the end of the input
+constexpr auto kEndTime = milliseconds(200);          // for the last frames
+constexpr auto kQuietTime = milliseconds(250);        // without a byte moving: nothing is under way
+
+std::vector<tcp::endpoint> Endpoints(const std::vector<std::string>& addresses, std::uint16_t port) {
+  std::vector<tcp::endpoint> endpoints;
+  for (const std::string& text : addresses) {
+    asio::error_code error;
+    const asio::ip::address address = asio::ip::make_address(text, error);
+    if (!error) endpoints.emplace_back(address, port);
+  }
+  return endpoints;
+}
+
+std::string Label(const Connection& connection) { return "connection " + std::to_string(connection.id()); }
+
+}  // namespace
+
+PeerSession::PeerSession(PeerOptions options, int read_fd, int write_fd)
+    : options_(std::move(options)),
+      read_fd_(read_fd),
+      write_fd_(write_fd),
+      input_(io_, read_fd_.Duplicate(), this),
+      output_(io_, write_fd_.Duplicate(), this),
+      tick_(io_),
+      resolver_(io_, options_.lookup) {}
+
+int PeerSession::Run() {
+  input_.Start();
+  io_.run();
+  for (const auto& [id, connection] : live_) connection->Abort();
+  for (const ConnectionPtr& connection : closing_) connection->Abort();
+  return result_;
+}
+
+void PeerSession::RequestStop() {
+  asio::post(io_, [this] {
+    if (stop_requested_) return io_.stop();
+    stop_requested_ = true;
+    if (phase_ == Phase::kRunning) StartDraining(kStopTime);
+  });
+}
+
+void PeerSession::OnBytes(std::string_view bytes) {
+  frames_.Feed(bytes);
+  for (const ConnectionPtr& connection : gathering_) connection->Deliver();
+  gathering_.clear();
+  PauseOrResumeInput();
+}
+
+void PeerSession::OnFrame(const gxmod::FrameHeader& header) {
+  frame_ = header;
+  text_.clear();
+  data_connection_ = nullptr;
+  if (header.type != ConnectionType::Data) return;
+  if (const auto found = live_.find(header.connection_id); found != live_.end())
+    data_connection_ = found->second;
+}
+
+void PeerSession::OnPayload(std::string_view piece) {
+  if (data_connection_ != nullptr) {
+    if (!data_connection_->gathering()) gathering_.push_back(data_connection_);
+    data_connection_->Gather(piece);
+  } else if (frame_.type != ConnectionType::Data) {
+    text_.append(piece.substr(0, kTextBytes - text_.size()));
+  }
+}
+
+void PeerSession::OnFrameEnd() {
+  data_connection_ = nullptr;
+  switch (frame_.type) {
+    case ConnectionType::Connect:
+      return Connect(frame_.connection_id, text_);
+    case ConnectionType::TestChannel:
+      return AnswerTest();
+    case ConnectionType::Close:
+      if (const auto found = live_.find(frame_.connection_id); found != live_.end()) {
+        found->second->Deliver();
+        StartClosing(*found->second, "ended by the other side");
+      }
+      return;
+    default:
+      return OnControlFrame();
+  }
+}
+
+void PeerSession::OnControlFrame() {
+  if (frame_.type != kPingFrame || text_.size() != kPingBytes) return;
+  output_.AddControl(kPongFrame, 0, text_);
+}
+
+void PeerSession::Connect(std::uint32_t id, const std::string& text) {
+  if (live_.contains(id)) {
+    return Log(LogLevel::kWarning, "a second Connect for connection " + std::to_string(id) + " was ignored");
+  }
+  const auto target = JudgeTarget(id, text);
+  if (!target) return;
+  const auto connection = std::make_shared<Connection>(io_, id, static_cast<Connection::Owner*>(this));
+  live_.emplace(id, connection);
+  NeedTick();
+  OpenTarget(*connection, *target);
+}
+
+// Nothing: the connection was refused.
+std::optional<HostPort> PeerSession::JudgeTarget(std::uint32_t id, const std::string& text) {
+  std::string why;
+  const auto target = options_.target ? options_.target : ParseHostPort(text, &why);
+  if (!target) {
+    Refuse(id, "refused \"" + Escape(text) + "\": " + why);
+  } else if (!options_.target && !options_.allow.Permits(*target)) {
+    Refuse(id, "refused " + target->ToString() + ": to permit it, start with --allow " + target->ToString());
+  } else if (phase_ != Phase::kRunning) {
+    Refuse(id, "refused " + target->ToString() + ": stopping");
+  } else if (live_.size() >= options_.max_connections) {
+    Refuse(id, "refused " + target->ToString() + ": " + std::to_string(live_.size()) +
+                   " connections are open, more need a higher --max-connections");
+  } else {
+    return target;
+  }
+  return std::nullopt;
+}
+
+void PeerSession::Refuse(std::uint32_t id, const std::string& line) {
+  Log(LogLevel::kWarning, line);
+  output_.AddControl(ConnectionType::Close, id);
+}
+
+void PeerSession::OpenTarget(Connection& connection, const HostPort& target) {
+  Log(LogLevel::kInfo, Label(connection) + " to " + target.ToString());
+  if (target.IsNumeric()) return connection.Open(Endpoints({target.host}, target.port));
+  resolver_.Resolve(target.host,
+                    [this, held = connection.weak_from_this(), target](const LookupResult& result) {
+                      const ConnectionPtr waiting = held.lock();
+                      if (waiting == nullptr || waiting->state() == Connection::State::kGone) return;
+                      if (result.addresses.empty()) Log(LogLevel::kWarning, target.host + ": " + result.error);
+                      waiting->Open(Endpoints(result.addresses, target.port));
+                    });
+}
+
+// The channel is this very stream, so it works; the text goes back for the asker to know its tests apart.
+void PeerSession::AnswerTest() {
+  std::string payload(gxmod::kTestRespondHeaderBytes + text_.size(), '\0');
+  gxmod::EncodeTestResponse(0, text_.data(), static_cast<std::uint16_t>(text_.size()), payload.data());
+  output_.AddControl(ConnectionType::TestRespond, 0, payload);
+}
+
+void PeerSession::OnOpen(Connection& connection) { Log(LogLevel::kDebug, Label(connection) + " is open"); }
+
+void PeerSession::OnOpenFailed(Connection& connection, asio::error_code error) {
+  Drop(connection, "could not be opened: " + error.message());
+}
+
+void PeerSession::OnReadable(Connection& connection) {
+  readable_.push_back(connection.shared_from_this());
+  ReadTargets();
+}
+
+// Round robin, one frame a turn, for as long as the output has room.
+void PeerSession::ReadTargets() {
+  for (std::span<char> room; !readable_.empty() && !(room = output_.Room()).empty();) {
+    const ConnectionPtr connection = std::move(readable_.front());
+    readable_.pop_front();
+    if (connection->state() == Connection::State::kOpen) ReadTarget(connection, room);
+  }
+}
+
+void PeerSession::ReadTarget(const ConnectionPtr& connection, std::span<char> room) {
+  const auto count = connection->Read(room);
+  if (!count) return End(*connection, "ended by the target");
+  if (*count != 0) output_.AddData(connection->id(), *count);
+  if (*count == room.size()) {
+    readable_.push_back(connection);
+  } else {
+    connection->WaitReadable();
+  }
+}
+
+void PeerSession::End(Connection& connection, const std::string& why) {
+  output_.AddControl(ConnectionType::Close, connection.id());
+  StartClosing(connection, why);
+}
+
+void PeerSession::StartClosing(Connection& connection, const std::string& why) {
+  Log(LogLevel::kInfo, Label(connection) + ' ' + why + ", " + std::to_string(connection.sent()) +
+                           " bytes there, " + std::to_string(connection.received()) + " back");
+  const ConnectionPtr held = connection.shared_from_this();
+  live_.erase(held->id());
+  held->close_until = Clock::now() + kCloseTime;
+  closing_.push_back(held);
+  held->Close();
+  // Targets that do not end must not add up.
+  if (closing_.size() > options_.max_connections) AbortOldestClosing();
+  NeedTick();
+}
+
+void PeerSession::AbortOldestClosing() {
+  closing_.front()->Abort();
+  closing_.pop_front();
+}
+
+void PeerSession::Drop(Connection& connection, const std::string& why) {
+  Log(LogLevel::kWarning, Label(connection) + ' ' + why);
+  output_.AddControl(ConnectionType::Close, connection.id());
+  const ConnectionPtr held = connection.shared_from_this();
+  live_.erase(held->id());
+  held->Abort();
+}
+
+void PeerSession::OnGone(Connection& connection) {
+  closing_.erase(std::find(closing_.begin(), closing_.end(), connection.shared_from_this()));
+  CheckPhase(Clock::now());
+}
+
+void PeerSession::OnQueued(Connection& connection, std::ptrdiff_t delta) {
+  queued_ += static_cast<std::size_t>(delta);
+  const bool was_over = connection.over_mark;
+  if (connection.queued() > kQueueMark) connection.over_mark = true;
+  if (connection.queued() <= kQueueMark / 2) connection.over_mark = false;
+  over_mark_ += static_cast<std::size_t>(connection.over_mark) - static_cast<std::size_t>(was_over);
+  if (delta < 0) PauseOrResumeInput();
+}
+
+void PeerSession::OnOutputProgress() {
+  PauseOrResumeInput();
+  ReadTargets();
+  CheckPhase(Clock::now());
+}
+
+void PeerSession::OnOutputBroken() {
+  if (phase_ == Phase::kRunning) {
+    result_ = kPeerLinkLost;
+    Log(LogLevel::kInfo, "nobody reads the stream any more");
+  }
+  if (phase_ != Phase::kEnding) EndAll();
+}
+
+// Each mark is let go at its half, so that the input does not stop and start for every byte.
+void PeerSession::PauseOrResumeInput() {
+  const std::size_t part = input_.paused() ? 2 : 1;
+  const bool wait = over_mark_ != 0 || queued_ > kTotalQueueMark / part || output_.owed() > kOwedMark / part;
+  if (wait == input_.paused()) return;
+  Log(LogLevel::kDebug, wait ? "the input waits for a slow target" : "the input goes on");
+  if (!wait) return input_.Resume();
+  paused_since_ = Clock::now();
+  input_.Pause();
+  NeedTick();
+}
+
+void PeerSession::NeedTick() {
+  if (tick_armed_) return;
+  tick_armed_ = true;
+  tick_.expires_after(kTick);
+  tick_.async_wait([this](asio::error_code) { OnTick(); });
+}
+
+void PeerSession::OnTick() {
+  tick_armed_ = false;
+  const Clock::time_point now = Clock::now();
+  std::vector<ConnectionPtr> connections;
+  for (const auto& [id, connection] : live_) connections.push_back(connection);
+  bool opening = false;
+  for (const ConnectionPtr& connection : connections) {
+    CheckConnection(*connection, now);
+    opening = opening || connection->state() == Connection::State::kOpening;
+  }
+  while (!closing_.empty() && closing_.front()->close_until <= now) AbortOldestClosing();
+  CheckPhase(now);
+  const bool idle_counts = options_.idle_timeout.count() != 0 && !live_.empty();
+  if (opening || idle_counts || !closing_.empty() || input_.paused() || phase_ != Phase::kRunning) NeedTick();
+}
+
+void PeerSession::CheckConnection(Connection& connection, Clock::time_point now) {
+  const auto over = [](milliseconds limit, Clock::duration time) {
+    return limit.count() != 0 && time >= limit;
+  };
+  const auto still = now - connection.last_move();
+  if (connection.state() == Connection::State::kOpening) {
+    if (over(options_.connect_timeout, still)) {
+      Drop(connection, "could not be opened within " + FormatDuration(options_.connect_timeout));
+    }
+  } else if (input_.paused() && connection.queued() != 0 &&
+             now - std::max(paused_since_, connection.last_taken()) >= options_.stall_timeout) {
+    Drop(connection, "was cut: its target takes nothing, and all others wait for it");
+  } else if (over(options_.idle_timeout, still)) {
+    End(connection, "was idle for " + FormatDuration(options_.idle_timeout));
+  }
+}
+
+void PeerSession::OnEnd() {
+  // While the input waited, what is unread is lost with its writer.
+  if (!input_.paused() && !frames_.AtFrameEnd()) {
+    result_ = kPeerLinkLost;
+    Log(LogLevel::kWarning, "the stream ended inside a frame");
+  }
+  input_.Stop();
+  input_ended_ = true;
+  if (phase_ != Phase::kRunning) return CheckPhase(Clock::now());
+  for (const auto& [id, connection] : live_) connection->FinishWriting();
+  StartDraining(kInputEndTime);
+}
+
+void PeerSession::StartDraining(Clock::duration time) {
+  phase_ = Phase::kDraining;
+  phase_end_ = Clock::now() + time;
+  NeedTick();
+  CheckPhase(Clock::now());
+}
+
+void PeerSession::CheckPhase(Clock::time_point now) {
+  if (phase_ == Phase::kDraining && (now >= phase_end_ || NothingUnderWay(now))) EndAll();
+  if (phase_ != Phase::kEnding) return;
+  if (now >= phase_end_ || (live_.empty() && closing_.empty() && output_.idle())) io_.stop();
+}
+
+bool PeerSession::NothingUnderWay(Clock::time_point now) const {
+  if (input_ended_) return live_.empty() && closing_.empty();
+  return readable_.empty() && output_.idle() &&
+         std::all_of(live_.begin(), live_.end(), [now](const auto& entry) {
+           const Connection& connection = *entry.second;
+           return connection.state() == Connection::State::kOpen && connection.queued() == 0 &&
+                  now - connection.last_move() >= kQuietTime;
+         });
+}
+
+void PeerSession::EndAll() {
+  phase_ = Phase::kEnding;
+  phase_end_ = Clock::now() + kEndTime;
+  input_.Stop();
+  while (!live_.empty()) End(*live_.begin()->second, "ended with the link");
+  NeedTick();
+}
+
+void PeerSession::Log(LogLevel level, const std::string& line) const {
+  if (options_.log) options_.log(level, line);
+}
+
+}  // namespace gxtool

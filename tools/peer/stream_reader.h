@@ -1,0 +1,55 @@
+// The incoming half of the stream: a socket, a pipe, a terminal or a file, read in big pieces.
+// Threads: the one that runs the io_context.
+#ifndef GX_PEER_STREAM_READER_H
+#define GX_PEER_STREAM_READER_H
+
+#include <cstddef>
+#include <memory>
+#include <string_view>
+#include <variant>
+
+#include "peer/asio_types.h"
+
+namespace gxtool {
+
+class StreamReader {
+ public:
+  class Owner {
+   public:
+    // `bytes` are valid for the call.
+    virtual void OnBytes(std::string_view bytes) = 0;
+    // The writer has ended or is gone; also while the reader pauses.
+    virtual void OnEnd() = 0;
+
+   protected:
+    ~Owner() = default;
+  };
+
+  // Takes `fd` over, which does not block. `owner` is not owned.
+  StreamReader(asio::io_context& io, int fd, Owner* owner);
+
+  void Start() { Read(); }
+
+  // No more OnBytes until Resume; both may be called from OnBytes.
+  void Pause();
+  void Resume();
+  bool paused() const { return paused_; }
+  // No more calls at all.
+  void Stop();
+
+ private:
+  void Read();
+  void WatchHangUp();
+
+  std::variant<Descriptor, StreamSocket> end_;
+  Owner* const owner_;
+  const std::unique_ptr<char[]> buffer_;
+  bool paused_ = false;
+  bool reading_ = false;
+  bool watching_ = false;
+  bool stopped_ = false;
+};
+
+}  // namespace gxtool
+
+#endif  // GX_PEER_STREAM_READER_H
