@@ -1,0 +1,342 @@
+"""Real programs for the end-to-end tests: an OpenSSH server, the tunnel to it, and clients that go through.
+
+Everything lives in one temporary folder and ends with its `with` block. No wait is without a bound: what has
+no time-out of its own is cut short by the alarm that `bounded` sets.
+"""
+
+import contextlib
+import fcntl
+import glob
+import os
+import pwd
+import re
+import shutil
+import signal
+import socket
+import subprocess
+import threading
+
+READY_S = 30  # until a program that was started is ready
+END_S = 30  # until a program that was told to end is gone
+TRANSFER_S = 300  # until a client has done its work
+
+
+class Failure(Exception):
+    """What went wrong, for people."""
+
+
+@contextlib.contextmanager
+def bounded(seconds):
+    """Turns the alarm, SIGTERM and SIGHUP into failures, so that the clean-up of every `with` block runs."""
+
+    def fail(number, _frame):
+        for each in (signal.SIGALRM, signal.SIGTERM, signal.SIGHUP):
+            signal.signal(each, signal.SIG_IGN)
+        reason = f"not done after {seconds} s" if number == signal.SIGALRM else signal.Signals(number).name
+        raise Failure(reason)
+
+    for each in (signal.SIGALRM, signal.SIGTERM, signal.SIGHUP):
+        signal.signal(each, fail)
+    signal.alarm(seconds)
+    yield
+    signal.alarm(0)
+
+
+class Lines:
+    """Collects the lines of a pipe on a thread of its own. The pipe ends when nobody can write to it any more."""
+
+    def __init__(self, open_pipe):
+        self._lines = []
+        self._ended = False
+        self._changed = threading.Condition()
+        threading.Thread(target=self._collect, args=(open_pipe,), daemon=True).start()
+
+    def _collect(self, open_pipe):
+        with open_pipe() as pipe:
+            for line in pipe:
+                with self._changed:
+                    self._lines.append(line.rstrip("\r\n"))
+                    self._changed.notify_all()
+        with self._changed:
+            self._ended = True
+            self._changed.notify_all()
+
+    def _find(self, pattern):
+        return next(filter(None, (re.search(pattern, line) for line in self._lines)), None)
+
+    def wait_for(self, pattern, timeout):
+        """The match of the first line that has one; None when none came in time."""
+        with self._changed:
+            self._changed.wait_for(lambda: self._find(pattern) or self._ended, timeout)
+            return self._find(pattern)
+
+    def wait_for_end(self, timeout):
+        with self._changed:
+            return self._changed.wait_for(lambda: self._ended, timeout)
+
+    def text(self):
+        with self._changed:
+            return "\n".join(self._lines)
+
+
+class Child:
+    """A program in a session of its own. Leaving the `with` block kills whatever is left of it."""
+
+    def __init__(self, command, env=None):
+        self.name = os.path.basename(command[0])
+        self._process = subprocess.Popen(
+            command, stdin=subprocess.PIPE, stdout=subprocess.PIPE, stderr=subprocess.PIPE,
+            env=env, text=True, errors="replace", start_new_session=True)
+        self.stdin = self._process.stdin
+        self.out = Lines(lambda: self._process.stdout)
+        self.err = Lines(lambda: self._process.stderr)
+
+    def __enter__(self):
+        return self
+
+    def __exit__(self, *_):
+        with contextlib.suppress(ProcessLookupError):
+            os.killpg(self._process.pid, signal.SIGKILL)
+        with contextlib.suppress(BrokenPipeError):
+            self.stdin.close()
+        self._process.wait()
+
+    def expect(self, lines, pattern, timeout=READY_S):
+        """Waits for a line and returns its match."""
+        match = lines.wait_for(pattern, timeout)
+        if match is None:
+            raise Failure(f"{self.name} printed no line like {pattern!r}; it said:\n{self.err.text()}")
+        return match
+
+    def send(self, text):
+        self.stdin.write(text)
+        self.stdin.flush()
+
+    def signal(self, number):
+        self._process.send_signal(number)
+
+    def wait(self, timeout=END_S):
+        """The exit status, once the program and all that shares its output are gone."""
+        try:
+            status = self._process.wait(timeout)
+        except subprocess.TimeoutExpired:
+            raise Failure(f"{self.name} still runs after {timeout} s; it said:\n{self.err.text()}") from None
+        if not (self.out.wait_for_end(timeout) and self.err.wait_for_end(timeout)):
+            raise Failure(f"{self.name} ended, but something that it started still runs")
+        return status
+
+    def expect_status(self, expected, timeout=END_S):
+        status = self.wait(timeout)
+        if status != expected:
+            raise Failure(f"{self.name} ended with {status}, not {expected}; it said:\n{self.err.text()}")
+
+
+def run(command, timeout=TRANSFER_S, **options):
+    """Runs a program to its end and returns what it printed; any status but 0 is a failure."""
+    try:
+        done = subprocess.run(command, timeout=timeout, text=True, capture_output=True,
+                              stdin=subprocess.DEVNULL, check=False, **options)
+    except subprocess.TimeoutExpired:
+        raise Failure(f"{command[0]} still ran after {timeout} s") from None
+    if done.returncode != 0:
+        raise Failure(f"{' '.join(command)} ended with {done.returncode}: {done.stderr.strip()}")
+    return done.stdout
+
+
+def write(path, text):
+    with open(path, "w", encoding="utf-8") as file:
+        file.write(text)
+
+
+@contextlib.contextmanager
+def privilege_separation_folder():
+    """As root, sshd needs /run/sshd, which is not there before the machine's own sshd has run once.
+
+    Servers of this kind run one at a time: the one that made the folder removes it.
+    """
+    if os.geteuid() != 0:
+        yield
+        return
+    lock = os.open("/run", os.O_RDONLY | os.O_DIRECTORY)
+    made = False
+    try:
+        fcntl.flock(lock, fcntl.LOCK_EX)
+        if not os.path.isdir("/run/sshd"):
+            os.mkdir("/run/sshd", 0o755)
+            made = True
+        yield
+    finally:
+        if made:
+            os.rmdir("/run/sshd")
+        os.close(lock)
+
+
+def free_port():
+    with socket.socket() as probe:
+        probe.bind(("127.0.0.1", 0))
+        return probe.getsockname()[1]
+
+
+def user_name():
+    return pwd.getpwuid(os.geteuid()).pw_name
+
+
+class SshServer:
+    """An OpenSSH server on 127.0.0.1 with keys of its own, which lets in whoever runs this and nobody else."""
+
+    def __init__(self, folder):
+        self.folder = folder
+        self.port = 0
+        self._exits = contextlib.ExitStack()
+
+    def __enter__(self):
+        with contextlib.ExitStack() as undo:
+            undo.enter_context(privilege_separation_folder())
+            for key in ("host_key", "user_key"):
+                run(["ssh-keygen", "-q", "-t", "ed25519", "-N", "", "-C", key, "-f", f"{self.folder}/{key}"])
+            self._daemon = undo.enter_context(self._start())
+            self._exits = undo.pop_all()
+        return self
+
+    def __exit__(self, *failure):
+        with self._exits:
+            self._daemon.signal(signal.SIGTERM)
+            if failure[0] is None:
+                self._daemon.wait()
+
+    def _start(self):
+        # Another program may take the port between the probe and sshd's bind.
+        for _ in range(5):
+            self.port = free_port()
+            self._write_config()
+            daemon = Child([self._program(), "-D", "-e", "-f", f"{self.folder}/sshd_config"])
+            if daemon.err.wait_for(r"^Server listening on ", READY_S):
+                return daemon
+            with daemon:
+                if "Address already in use" not in daemon.err.text():
+                    raise Failure(f"sshd does not start: {daemon.err.text()}")
+        raise Failure("no free port for sshd")
+
+    @staticmethod
+    def _program():
+        # sshd runs itself anew for each connection and wants to be called by its full path.
+        program = shutil.which("sshd", path=os.environ.get("PATH", "") + ":/usr/sbin:/usr/local/sbin")
+        if program is None:
+            raise Failure("no sshd here; scripts/bootstrap installs it")
+        return program
+
+    def _write_config(self):
+        # Without StrictModes, which rejects keys below a temporary folder that everybody may write to.
+        write(f"{self.folder}/sshd_config", f"""
+            ListenAddress 127.0.0.1:{self.port}
+            HostKey "{self.folder}/host_key"
+            AuthorizedKeysFile "{self.folder}/user_key.pub"
+            AllowUsers {user_name()}
+            PermitRootLogin prohibit-password
+            AuthenticationMethods publickey
+            StrictModes no
+            UsePAM no
+            UseDNS no
+            PidFile none
+            PrintMotd no
+            PrintLastLog no
+            MaxStartups 100
+            Subsystem sftp internal-sftp
+            """)
+
+
+class Tunnel:
+    """gx-ssh between clients and the server, with gx-ssh-peer as a process of its own or, `local`, inside."""
+
+    def __init__(self, tools, server, local=False):
+        self.server = server
+        self.folder = server.folder
+        self._client_config = f"{self.folder}/ssh_config"
+        target = f"127.0.0.1:{server.port}"
+        # The shell writes the process number that gx-ssh-peer takes over from it, along with the open pipe.
+        self._peer_life = f"{self.folder}/peer.life"
+        peer = ["sh", "-c", 'exec 9>"$0" && echo $$ >&9 && exec "$@"', self._peer_life,
+                tools.gx_ssh_peer, "--allow", target]
+        self._command = [tools.gx_ssh, "--target", target] + (["--local"] if local else ["--", *peer])
+        self._local = local
+        self._over = False
+
+    def __enter__(self):
+        if not self._local:
+            os.mkfifo(self._peer_life)
+            self._peer = Lines(lambda: open(self._peer_life, encoding="ascii"))
+        self.host = Child(self._command, env=self._environment())
+        try:
+            self.port = self.host.expect(self.host.out, r"^127\.0\.0\.1:(\d+)$").group(1)
+            self._write_client_config()
+        except BaseException:
+            self.host.__exit__()
+            raise
+        return self
+
+    def __exit__(self, *failure):
+        with self.host:
+            if failure[0] is None and not self._over:
+                self.stop()
+        if failure[0] is None:
+            self._expect_no_peer()
+            self._expect_no_reports()
+
+    def stop(self, number=signal.SIGTERM):
+        """Ends the tunnel as a user does."""
+        self._over = True
+        self.host.signal(number)
+        self.host.expect_status(0)
+
+    def kill_peer(self):
+        """Kills the far side and returns the status with which gx-ssh ends and what it said."""
+        self._over = True
+        os.kill(int(self._peer.text()), signal.SIGKILL)
+        return self.host.wait(), self.host.err.text()
+
+    def _environment(self):
+        # Built with a sanitizer, the tools write its reports to files, so that none is overlooked.
+        env = dict(os.environ)
+        for name in ("ASAN_OPTIONS", "TSAN_OPTIONS", "UBSAN_OPTIONS"):
+            env[name] = ":".join(filter(None, [env.get(name), f"log_path={self.folder}/report"]))
+        return env
+
+    def _expect_no_peer(self):
+        if not (self._local or self._peer.wait_for_end(END_S)):
+            raise Failure("gx-ssh has ended, but gx-ssh-peer still runs")
+
+    def _expect_no_reports(self):
+        for path in glob.glob(f"{glob.escape(self.folder)}/report.*"):
+            with open(path, encoding="utf-8", errors="replace") as file:
+                raise Failure(f"a sanitizer reported:\n{file.read()}")
+
+    def _write_client_config(self):
+        with open(f"{self.folder}/host_key.pub", encoding="ascii") as file:
+            write(f"{self.folder}/known_hosts", f"throwaway {file.read()}")
+        write(self._client_config, f"""
+            Host far
+              HostName 127.0.0.1
+              Port {self.port}
+              User {user_name()}
+              HostKeyAlias throwaway
+              UserKnownHostsFile "{self.folder}/known_hosts"
+              GlobalKnownHostsFile none
+              StrictHostKeyChecking yes
+              IdentityFile "{self.folder}/user_key"
+              IdentitiesOnly yes
+              IdentityAgent none
+              BatchMode yes
+              ConnectTimeout {READY_S}
+              LogLevel ERROR
+            """)
+
+    def command(self, program, *arguments):
+        """The command line of ssh, scp or sftp; it knows the far side by the name `far`."""
+        return [program, "-F", self._client_config, *arguments]
+
+    def run(self, program, *arguments):
+        return run(self.command(program, *arguments))
+
+    def session(self, *arguments):
+        """An ssh session as a child to talk to."""
+        return Child(self.command("ssh", *arguments))
