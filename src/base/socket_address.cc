@@ -1,7 +1,9 @@
 #include "base/socket_address.h"
 
 #include <arpa/inet.h>
+#include <netdb.h>
 
+#include <algorithm>
 #include <cstring>
 
 namespace talk_base {
@@ -37,6 +39,16 @@ bool IPFromString(const std::string& text, IPAddress* out) {
     *out = IPAddress(ipv6);
   }
   return out->family() != AF_UNSPEC;
+}
+
+bool IPFromAddrInfo(const addrinfo* info, IPAddress* out) {
+  if (info == nullptr || info->ai_addr == nullptr || out == nullptr) return false;
+  sockaddr_storage storage{};
+  std::memcpy(&storage, info->ai_addr, std::min(std::size_t{info->ai_addrlen}, sizeof storage));
+  SocketAddress address;
+  if (!SocketAddressFromSockAddrStorage(storage, &address)) return false;
+  *out = address.ipaddr();
+  return true;
 }
 
 bool IPIsAny(const IPAddress& ip) {

@@ -8,6 +8,8 @@
 #include <cstdint>
 #include <string>
 
+struct addrinfo;
+
 namespace talk_base {
 
 // An IPv4 or IPv6 address, or the unspecified one (family 0, all zero).
@@ -30,6 +32,8 @@ class IPAddress {
 
 // True when `text` is an IPv4 or IPv6 literal; otherwise `*out` becomes unspecified.
 bool IPFromString(const std::string& text, IPAddress* out);
+// The address of one entry of a resolver's list. False, and `*out` is unchanged, for another family.
+bool IPFromAddrInfo(const addrinfo* info, IPAddress* out);
 // True for 0.0.0.0 and ::.
 bool IPIsAny(const IPAddress& ip);
 
