@@ -1,0 +1,19 @@
+// Host names to addresses, through the DNS cache.
+#ifndef GX_BASE_RESOLVE_H
+#define GX_BASE_RESOLVE_H
+
+#include <string>
+#include <vector>
+
+#include "base/socket_address.h"
+
+namespace talk_base {
+
+// Replaces `*addresses` with those of `hostname` that are of `family` (0: any), in the resolver's order; the
+// resolver may list an address several times. 0, or the resolver's code (EAI_...). Blocks while the resolver
+// does. Threads: any.
+int ResolveHostname(const std::string& hostname, int family, std::vector<IPAddress>* addresses);
+
+}  // namespace talk_base
+
+#endif  // GX_BASE_RESOLVE_H

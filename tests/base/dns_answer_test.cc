@@ -1,0 +1,179 @@
+#include "base/dns_answer.h"
+
+#include <arpa/inet.h>
+#include <gtest/gtest.h>
+#include <netinet/in.h>
+
+#include <cstdint>
+#include <memory>
+#include <string>
+
+#include "base/socket_address.h"
+
+namespace {
+
+using talk_base::IPAddress;
+
+// `count` addresses that differ; every `ipv6_every`th is IPv6 (0: none).
+DnsRecord RecordOf(int count, int ipv6_every, const std::string& name = "host.example") {
+  DnsRecord record{name, {}, 1};
+  for (int i = 1; i <= count; ++i) {
+    const bool ipv6 = ipv6_every != 0 && i % ipv6_every == 0;
+    const std::string low = std::to_string(1 + i / 250) + (ipv6 ? ":" : ".") + std::to_string(1 + i % 250);
+    record.ips.push_back((ipv6 ? "2001:db8::" : "10.0.") + low);
+  }
+  return record;
+}
+
+bool LiesIn(const void* piece, std::size_t size, const void* block, std::size_t block_size) {
+  const auto at = reinterpret_cast<std::uintptr_t>(piece);
+  const auto begin = reinterpret_cast<std::uintptr_t>(block);
+  return at >= begin && at + size <= begin + block_size;
+}
+
+// The addresses of a list, after a look at everything that a caller of connect relies on.
+std::vector<std::string> Walk(const addrinfo* list, const DnsAddrInfo& block, const DnsQuery& query) {
+  std::vector<std::string> ips;
+  EXPECT_TRUE(list == nullptr || static_cast<const void*>(list) == &block);
+  for (const addrinfo* info = list; info != nullptr; info = info->ai_next) {
+    EXPECT_TRUE(LiesIn(info, sizeof *info, &block, sizeof block));
+    EXPECT_TRUE(LiesIn(info->ai_addr, info->ai_addrlen, &block, sizeof block));
+    EXPECT_EQ(reinterpret_cast<std::uintptr_t>(info) % alignof(addrinfo), 0u);
+    EXPECT_EQ(reinterpret_cast<std::uintptr_t>(info->ai_addr) % alignof(sockaddr_in6), 0u);
+    EXPECT_EQ(info->ai_socktype, query.socktype);
+    EXPECT_EQ(info->ai_protocol, query.protocol);
+    EXPECT_EQ(info->ai_addr->sa_family, info->ai_family);
+    EXPECT_EQ(info->ai_addrlen, info->ai_family == AF_INET ? sizeof(sockaddr_in) : sizeof(sockaddr_in6));
+    EXPECT_EQ(reinterpret_cast<const sockaddr_in*>(info->ai_addr)->sin_port, query.port);
+    IPAddress ip;
+    EXPECT_TRUE(talk_base::IPFromAddrInfo(info, &ip));
+    ips.push_back(ip.ToString());
+  }
+  return ips;
+}
+
+DnsQuery QueryFor(int family) { return {family, SOCK_STREAM, IPPROTO_TCP, htons(22), false}; }
+
+std::vector<std::string> Fill(const DnsRecord& record, const DnsQuery& query) {
+  const auto block = std::make_unique<DnsAddrInfo>();
+  return Walk(block->FillRecord(record, query), *block, query);
+}
+
+TEST(DnsAnswerTest, AListHoldsTheFamilyAskedInTheRecordsOrder) {
+  const DnsRecord record{"a", {"1.1.1.1", "::2", "nonsense", "3.3.3.3", "::4"}, 1};
+  using List = std::vector<std::string>;
+  EXPECT_EQ(Fill(record, QueryFor(AF_UNSPEC)), (List{"1.1.1.1", "::2", "3.3.3.3", "::4"}));
+  EXPECT_EQ(Fill(record, QueryFor(AF_INET)), (List{"1.1.1.1", "3.3.3.3"}));
+  EXPECT_EQ(Fill(record, QueryFor(AF_INET6)), (List{"::2", "::4"}));
+  EXPECT_EQ(Fill(record, QueryFor(AF_UNIX)), List{});
+  EXPECT_EQ(Fill({"a", {"1.1.1.1"}, 1}, QueryFor(AF_INET6)), List{});
+  EXPECT_EQ(Fill({"a", {}, 1}, QueryFor(AF_UNSPEC)), List{});
+}
+
+TEST(DnsAnswerTest, AsManyAddressesAsFitAreGiven) {
+  constexpr std::size_t kBlock = 5120;
+  constexpr std::size_t kIpv4Entry = sizeof(addrinfo) + sizeof(sockaddr_in);
+  constexpr std::size_t kIpv6Entry = sizeof(addrinfo) + (sizeof(sockaddr_in6) + 7) / 8 * 8;
+  EXPECT_EQ(Fill(RecordOf(1000, 0), QueryFor(AF_INET)).size(), kBlock / kIpv4Entry);
+  EXPECT_EQ(Fill(RecordOf(1000, 1), QueryFor(AF_INET6)).size(), kBlock / kIpv6Entry);
+
+  // Whatever the mixture and wherever it ends, the list is a beginning of the record, but for what is too
+  // large.
+  for (int every = 2; every < 12; ++every) {
+    const DnsRecord record = RecordOf(1000, every);
+    const std::vector<std::string> ips = Fill(record, QueryFor(AF_UNSPEC));
+    EXPECT_GE(ips.size(), kBlock / kIpv6Entry);
+    EXPECT_TRUE(std::equal(ips.begin(), ips.end() - 1, record.ips.begin())) << every;
+  }
+}
+
+TEST(DnsAnswerTest, TheNameIsGivenOnRequest) {
+  DnsQuery query = QueryFor(AF_INET);
+  const auto block = std::make_unique<DnsAddrInfo>();
+  EXPECT_EQ(block->FillRecord(RecordOf(3, 0), query)->ai_canonname, nullptr);
+  query.wants_name = true;
+  for (const std::size_t length : {0u, 1u, 7u, 1000u, 4000u, 5055u}) {
+    const std::string name(length, 'n');
+    const addrinfo* list = block->FillRecord(RecordOf(1000, 0, name), query);
+    ASSERT_NE(list, nullptr) << length;
+    EXPECT_EQ(list->ai_canonname, name);
+    EXPECT_TRUE(LiesIn(list->ai_canonname, length + 1, block.get(), sizeof *block));
+    EXPECT_EQ(Walk(list, *block, query).front(), "10.0.1.2");
+  }
+  for (const std::size_t length : {5056u, 5120u, 1'000'000u}) {
+    EXPECT_EQ(block->FillRecord(RecordOf(3, 0, std::string(length, 'n')), query), nullptr) << length;
+  }
+}
+
+TEST(DnsAnswerTest, AHostentHoldsTheIpv4Addresses) {
+  const auto block = std::make_unique<DnsHostent>();
+  const hostent* host = block->FillRecord({"name", {"::1", "1.2.3.4", "5.6.7.8"}, 1});
+  ASSERT_NE(host, nullptr);
+  EXPECT_STREQ(host->h_name, "name");
+  EXPECT_EQ(*host->h_aliases, nullptr);
+  EXPECT_EQ(host->h_addrtype, AF_INET);
+  EXPECT_EQ(host->h_length, 4);
+  EXPECT_STREQ(inet_ntoa(*reinterpret_cast<in_addr*>(host->h_addr_list[0])), "1.2.3.4");
+  EXPECT_STREQ(inet_ntoa(*reinterpret_cast<in_addr*>(host->h_addr_list[1])), "5.6.7.8");
+  EXPECT_EQ(host->h_addr_list[2], nullptr);
+  EXPECT_EQ(block->FillRecord({"name", {"::1"}, 1}), nullptr);
+}
+
+TEST(DnsAnswerTest, AHostentHoldsAsManyAsFitBesideTheName) {
+  const auto block = std::make_unique<DnsHostent>();
+  for (std::size_t length = 0; length < 1500; ++length) {
+    const hostent* host = block->FillRecord(RecordOf(500, 0, std::string(length, 'n')));
+    const std::size_t used = sizeof(hostent) + 2 * sizeof(char*) + length + 1;
+    const std::size_t expected = used < 1424 ? (1424 - used) / (sizeof(char*) + sizeof(in_addr)) : 0;
+    ASSERT_EQ(host != nullptr, expected != 0) << length;
+    if (host == nullptr) continue;
+    ASSERT_TRUE(LiesIn(host->h_name, length + 1, block.get(), sizeof *block));
+    ASSERT_EQ(std::string(host->h_name).size(), length);
+    std::size_t count = 0;
+    for (; host->h_addr_list[count] != nullptr; ++count) {
+      ASSERT_TRUE(LiesIn(host->h_addr_list[count], sizeof(in_addr), block.get(), sizeof *block));
+    }
+    ASSERT_TRUE(LiesIn(&host->h_addr_list[count], sizeof(char*), block.get(), sizeof *block));
+    EXPECT_EQ(count, expected) << length;
+  }
+}
+
+TEST(DnsQueryTest, TheSystemTellsPortTypeAndProtocol) {
+  const struct {
+    const char* service;
+    int socktype;
+    int protocol;
+    int flags;
+    int expected_port;  // -1: no such service
+    int expected_type;
+    int expected_protocol;
+  } cases[] = {
+      {"22", SOCK_STREAM, 0, 0, 22, SOCK_STREAM, IPPROTO_TCP},
+      {"65535", SOCK_DGRAM, 0, AI_NUMERICSERV, 65535, SOCK_DGRAM, IPPROTO_UDP},
+      {"0", 0, IPPROTO_UDP, 0, 0, SOCK_DGRAM, IPPROTO_UDP},
+      {nullptr, 0, 0, 0, 0, SOCK_STREAM, IPPROTO_TCP},
+      {"no-such-service", SOCK_STREAM, 0, 0, -1, 0, 0},
+      {"ssh", SOCK_STREAM, 0, AI_NUMERICSERV, -1, 0, 0},
+      {"22", SOCK_STREAM, IPPROTO_UDP, 0, -1, 0, 0},
+  };
+  for (const auto& c : cases) {
+    addrinfo hints{};
+    hints.ai_flags = c.flags;
+    hints.ai_family = AF_INET6;
+    hints.ai_socktype = c.socktype;
+    hints.ai_protocol = c.protocol;
+    const std::optional<DnsQuery> query = DnsQuery::Make(c.service, &hints);
+    ASSERT_EQ(query.has_value(), c.expected_port >= 0) << c.service;
+    if (!query) continue;
+    EXPECT_EQ(ntohs(query->port), c.expected_port);
+    EXPECT_EQ(query->socktype, c.expected_type);
+    EXPECT_EQ(query->protocol, c.expected_protocol);
+    EXPECT_EQ(query->family, AF_INET6);
+  }
+  const std::optional<DnsQuery> plain = DnsQuery::Make("22", nullptr);
+  ASSERT_TRUE(plain);
+  EXPECT_EQ(plain->family, AF_UNSPEC);
+  EXPECT_EQ(plain->socktype, SOCK_STREAM);
+}
+
+}  // namespace

@@ -1,0 +1,367 @@
+#include "base/dns_cache.h"
+
+#include <arpa/inet.h>
+#include <errno.h>
+#include <gtest/gtest.h>
+#include <time.h>
+
+#include <cstdint>
+#include <fstream>
+#include <iterator>
+#include <memory>
+#include <stdexcept>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "base/resolve.h"
+#include "support/temp_dir.h"
+
+namespace {
+
+using Ips = std::vector<std::string>;
+
+class ScriptedStorage final : public DnsCacheStorage {
+ public:
+  bool Read(std::string* text) override {
+    ++reads_;
+    if (throws_) throw std::runtime_error("read");
+    *text = text_;
+    return readable_;
+  }
+  bool Write(const std::string& text) override {
+    if (throws_) throw std::runtime_error("write");
+    if (writable_) text_ = text;
+    return writable_;
+  }
+
+  std::string text_;
+  bool readable_ = true;
+  bool writable_ = true;
+  bool throws_ = false;
+  int reads_ = 0;
+};
+
+std::uint32_t Now() { return static_cast<std::uint32_t>(time(nullptr)); }
+
+std::string Text(const std::string& name, const Ips& ips, std::uint32_t timestamp) {
+  return FormatDnsRecords({{name, {name, ips, timestamp}}});
+}
+
+// A live answer as the system would give it.
+class LiveAnswer {
+ public:
+  explicit LiveAnswer(const std::string& ip) {
+    addrinfo hints{};
+    hints.ai_flags = AI_NUMERICHOST;
+    hints.ai_socktype = SOCK_STREAM;
+    EXPECT_EQ(getaddrinfo(ip.c_str(), nullptr, &hints, &list_), 0);
+  }
+  LiveAnswer(const LiveAnswer&) = delete;
+  LiveAnswer& operator=(const LiveAnswer&) = delete;
+  ~LiveAnswer() { freeaddrinfo(list_); }
+
+  addrinfo* list_ = nullptr;
+};
+
+class DnsCacheTest : public testing::Test {
+ protected:
+  // The live look-up of `name` found `ip`.
+  void Succeed(const std::string& name, const std::string& ip) {
+    LiveAnswer live(ip);
+    addrinfo* const before = live.list_;
+    EXPECT_EQ(cache_.getaddrinfo_local(name.c_str(), nullptr, nullptr, &live.list_, 0), 0);
+    EXPECT_EQ(live.list_, before);
+  }
+
+  // The live look-up of `name` failed: the addresses that the cache gives.
+  Ips Fail(const std::string& name) { return FailIn(cache_, name); }
+
+  static Ips FailIn(DnsCache& cache, const std::string& name) {
+    addrinfo* list = nullptr;
+    const int code = cache.getaddrinfo_local(name.c_str(), "22", nullptr, &list, EAI_AGAIN);
+    EXPECT_EQ(code, list != nullptr ? 0 : EAI_AGAIN);
+    Ips ips;
+    for (const addrinfo* info = list; info != nullptr; info = info->ai_next) {
+      talk_base::IPAddress ip;
+      EXPECT_TRUE(talk_base::IPFromAddrInfo(info, &ip));
+      ips.push_back(ip.ToString());
+    }
+    cache.freeaddrinfo_local(list);
+    return ips;
+  }
+
+  std::string FileText() const {
+    std::ifstream file(path_, std::ios::binary);
+    return {std::istreambuf_iterator<char>(file), {}};
+  }
+  void SetFileText(const std::string& text) const { std::ofstream(path_, std::ios::binary) << text; }
+
+  const TempDir dir_;
+  const std::string path_ = dir_.path() + "/dnscache.json";
+  ScriptedStorage storage_;
+  DnsCache cache_;
+};
+
+TEST_F(DnsCacheTest, AGoodAnswerIsSavedAndAnotherProcessAnswersFromIt) {
+  EXPECT_TRUE(cache_.Init(path_, 0, 0));
+  const std::uint32_t before = Now();
+  Succeed("host.example", "192.0.2.7");
+  const DnsRecords saved = ParseDnsRecords(FileText());
+  ASSERT_EQ(saved.size(), 1u);
+  EXPECT_EQ(saved.at("host.example").ips, Ips{"192.0.2.7"});
+  EXPECT_GE(saved.at("host.example").timestamp, before);
+  EXPECT_LE(saved.at("host.example").timestamp, Now());
+
+  DnsCache other;
+  EXPECT_TRUE(other.Init(path_, 0, 0));
+  EXPECT_EQ(FailIn(other, "host.example"), Ips{"192.0.2.7"});
+  EXPECT_EQ(FailIn(other, "unknown.example"), Ips{});
+
+  Succeed("host.example", "2001:db8::1");
+  EXPECT_EQ(Fail("host.example"), Ips{"2001:db8::1"}) << "the last answer counts";
+  EXPECT_EQ(ParseDnsRecords(FileText()).size(), 1u);
+}
+
+TEST_F(DnsCacheTest, AnAnswerFromTheCacheIsFitForConnect) {
+  cache_.Init(&storage_, 0, 0);
+  storage_.text_ = Text("host", {"127.0.0.1", "::1"}, 1);
+  addrinfo hints{};
+  hints.ai_family = AF_INET6;
+  hints.ai_socktype = SOCK_DGRAM;
+  addrinfo* list = nullptr;
+  ASSERT_EQ(cache_.getaddrinfo_local("host", "5353", &hints, &list, EAI_AGAIN), 0);
+  EXPECT_EQ(list->ai_family, AF_INET6);
+  EXPECT_EQ(list->ai_socktype, SOCK_DGRAM);
+  EXPECT_EQ(list->ai_protocol, IPPROTO_UDP);
+  EXPECT_EQ(reinterpret_cast<const sockaddr_in6*>(list->ai_addr)->sin6_port, htons(5353));
+  EXPECT_EQ(list->ai_next, nullptr);
+  cache_.freeaddrinfo_local(list);
+
+  list = nullptr;
+  hints.ai_socktype = SOCK_STREAM;
+  EXPECT_EQ(cache_.getaddrinfo_local("host", "no-such-service", &hints, &list, EAI_AGAIN), EAI_AGAIN);
+  EXPECT_EQ(list, nullptr);
+}
+
+TEST_F(DnsCacheTest, WhatCannotBeAnsweredKeepsTheResolversCode) {
+  addrinfo* list = nullptr;
+  storage_.text_ = Text("host", {"1.2.3.4"}, 1);
+  EXPECT_EQ(Fail("host"), Ips{}) << "not enabled yet";
+  EXPECT_FALSE(cache_.Init("", 0, 0));
+  EXPECT_FALSE(cache_.Init(static_cast<DnsCacheStorage*>(nullptr), 0, 0));
+  EXPECT_EQ(Fail("host"), Ips{}) << "still not";
+
+  EXPECT_TRUE(cache_.Init(&storage_, 0, 0));
+  errno = ENOMSG;
+  EXPECT_EQ(cache_.getaddrinfo_local("unknown", nullptr, nullptr, &list, EAI_SYSTEM), EAI_SYSTEM);
+  EXPECT_EQ(errno, ENOMSG) << "it explains EAI_SYSTEM";
+  EXPECT_EQ(cache_.getaddrinfo_local("host", nullptr, nullptr, nullptr, EAI_FAIL), EAI_FAIL);
+  EXPECT_EQ(cache_.getaddrinfo_local(nullptr, "22", nullptr, &list, EAI_FAIL), EAI_FAIL);
+  LiveAnswer live("127.0.0.1");
+  EXPECT_EQ(cache_.getaddrinfo_local(nullptr, "22", nullptr, &live.list_, 0), 0) << "nothing to remember";
+  EXPECT_EQ(ParseDnsRecords(storage_.text_).size(), 1u);
+  EXPECT_EQ(Fail("host"), Ips{"1.2.3.4"});
+}
+
+TEST_F(DnsCacheTest, AnOldRecordIsPrunedOnlyAmongMoreThanTwoHundred) {
+  const std::uint32_t now = Now();
+  for (const int extra : {0, 1}) {
+    for (const unsigned max_age : {0u, 1000u}) {
+      DnsRecords records;
+      const auto add = [&](const std::string& name, std::uint32_t stamp) {
+        records[name] = {name, {"1.1.1.1"}, stamp};
+      };
+      add("old", now - 2000);
+      add("future", now + 1000);
+      for (int i = 0; i < 198 + extra; ++i) add("host" + std::to_string(i), now - 100);
+      storage_.text_ = FormatDnsRecords(records);
+      DnsCache cache;
+      cache.Init(&storage_, max_age, 0);
+      const bool pruned = extra == 1 && max_age != 0;
+      EXPECT_EQ(FailIn(cache, "old").empty(), pruned) << extra << " " << max_age;
+      EXPECT_EQ(FailIn(cache, "future").empty(), pruned) << extra << " " << max_age;
+      EXPECT_EQ(FailIn(cache, "host0").empty(), false);
+    }
+  }
+}
+
+TEST_F(DnsCacheTest, TheRefreshIntervalKeepsNoAnswerFromBeingSaved) {
+  cache_.Init(&storage_, 0, 1'000'000);
+  Succeed("host", "1.1.1.1");
+  Succeed("host", "2.2.2.2");
+  EXPECT_EQ(ParseDnsRecords(storage_.text_).at("host").ips, Ips{"2.2.2.2"});
+}
+
+TEST_F(DnsCacheTest, AFileIsReadUpToFiveMebibytes) {
+  constexpr std::size_t kLimit = 0x500000;
+  std::string text = Text("host", {"1.2.3.4"}, 1);
+  text.resize(kLimit, ' ');
+  cache_.Init(path_, 0, 0);
+  SetFileText(text + " ");
+  EXPECT_EQ(Fail("host"), Ips{});
+  SetFileText(text);
+  EXPECT_EQ(Fail("host"), Ips{"1.2.3.4"});
+}
+
+TEST_F(DnsCacheTest, AFileThatIsNoneIsAnEmptyCache) {
+  cache_.Init(dir_.path(), 0, 0);
+  EXPECT_EQ(Fail("host"), Ips{}) << "a directory";
+  cache_.Init(dir_.path() + "/no/such/folder/file", 0, 0);
+  EXPECT_EQ(Fail("host"), Ips{});
+  Succeed("host", "1.2.3.4");
+  EXPECT_EQ(Fail("host"), Ips{"1.2.3.4"}) << "known, though it could not be saved";
+  cache_.Init(path_, 0, 0);
+  SetFileText("");
+  EXPECT_EQ(Fail("other"), Ips{});
+}
+
+TEST_F(DnsCacheTest, AFailedSaveLosesNothingInMemory) {
+  cache_.Init(&storage_, 0, 0);
+  storage_.text_ = Text("kept", {"1.1.1.1"}, 1);
+  EXPECT_EQ(Fail("kept"), Ips{"1.1.1.1"});
+  storage_.writable_ = false;
+  Succeed("kept", "2.2.2.2");
+  Succeed("new", "3.3.3.3");
+  EXPECT_EQ(Fail("unknown"), Ips{}) << "this reads the old text again";
+  EXPECT_EQ(Fail("kept"), Ips{"2.2.2.2"});
+
+  storage_.text_ = storage_.text_.substr(0, storage_.text_.size() / 2);  // cut off half-way
+  EXPECT_EQ(Fail("unknown"), Ips{});
+  storage_.writable_ = true;
+  Succeed("newer", "4.4.4.4");
+  const DnsRecords saved = ParseDnsRecords(storage_.text_);
+  EXPECT_EQ(saved.size(), 3u);
+  EXPECT_EQ(saved.at("kept").ips, Ips{"2.2.2.2"});
+}
+
+TEST_F(DnsCacheTest, AnUnreadableOrThrowingStorageChangesNoResult) {
+  cache_.Init(&storage_, 0, 0);
+  storage_.text_ = Text("host", {"1.2.3.4"}, 1);
+  storage_.readable_ = false;
+  EXPECT_EQ(Fail("host"), Ips{});
+  storage_.throws_ = true;
+  EXPECT_EQ(Fail("host"), Ips{});
+  Succeed("host", "5.6.7.8");
+  hostent* const live = gethostbyname("127.0.0.1");
+  EXPECT_EQ(cache_.gethostbyname_local("other", live), live);
+  EXPECT_EQ(cache_.gethostbyname_local("third", nullptr), nullptr);
+}
+
+TEST_F(DnsCacheTest, TheLastInitCounts) {
+  storage_.text_ = Text("host", {"1.1.1.1"}, 1);
+  SetFileText(Text("file", {"2.2.2.2"}, 1));
+  cache_.Init(&storage_, 0, 0);
+  EXPECT_EQ(Fail("file"), Ips{});
+  cache_.Init(path_, 0, 0);
+  const int reads = storage_.reads_;
+  EXPECT_EQ(Fail("file"), Ips{"2.2.2.2"});
+  EXPECT_EQ(storage_.reads_, reads) << "it may be gone by now";
+}
+
+TEST_F(DnsCacheTest, HostentsBelongToTheirThread) {
+  cache_.Init(&storage_, 0, 0);
+  storage_.text_ = Text("host", {"1.2.3.4"}, 1);
+  hostent* const mine = cache_.gethostbyname_local("host", nullptr);
+  ASSERT_NE(mine, nullptr);
+  EXPECT_EQ(cache_.gethostbyname_local("host", nullptr), mine) << "one block per thread";
+  std::thread([&] {
+    hostent* const theirs = cache_.gethostbyname_local("host", nullptr);
+    EXPECT_NE(theirs, mine);
+    cache_.freehost_local(mine);  // not this thread's: nothing happens
+  }).join();
+  EXPECT_STREQ(mine->h_name, "host");
+  cache_.freehost_local(mine);
+  cache_.freehost_local(nullptr);
+  EXPECT_EQ(cache_.gethostbyname_local("unknown", nullptr), nullptr);
+  EXPECT_EQ(cache_.gethostbyname_local(nullptr, nullptr), nullptr);
+}
+
+// A name that no resolver knows; it fails without a packet, because the label is too long for one.
+const std::string kUnknown = std::string(70, 'x') + ".invalid";
+
+// The singleton and the system's resolver. Everything that has to do with them is here.
+class DnsCacheSystemTest : public DnsCacheTest {
+ protected:
+  DnsCacheSystemTest() { dnscache_init(&storage_, 0, 0); }
+  ~DnsCacheSystemTest() override { dnscache_init(static_cast<DnsCacheStorage*>(nullptr), 0, 0); }
+};
+
+TEST_F(DnsCacheSystemTest, LooksUpLiveRemembersAndFallsBack) {
+  addrinfo hints{};
+  hints.ai_socktype = SOCK_STREAM;
+  for (const char* name : {"127.0.0.1", "::1", "localhost"}) {
+    addrinfo* list = nullptr;
+    ASSERT_EQ(dnscache_getaddrinfo(name, "22", &hints, &list), 0) << name;
+    EXPECT_EQ(ParseDnsRecords(storage_.text_).count(name), 1u) << storage_.text_;
+    dnscache_freeaddrinfo(list);
+
+    list = nullptr;
+    ASSERT_EQ(dnscache_getaddrinfo_local(name, "22", &hints, &list, EAI_AGAIN), 0) << "the resolver is down";
+    EXPECT_EQ(reinterpret_cast<const sockaddr_in*>(list->ai_addr)->sin_port, htons(22));
+    dnscache_freeaddrinfo(list);
+  }
+  addrinfo* list = nullptr;
+  const int code = getaddrinfo(kUnknown.c_str(), nullptr, &hints, &list);
+  EXPECT_NE(code, 0);
+  EXPECT_EQ(dnscache_getaddrinfo(kUnknown.c_str(), nullptr, &hints, &list), code);
+  dnscache_freeaddrinfo(nullptr);
+}
+
+TEST_F(DnsCacheSystemTest, GetHostByNameDoesTheSame) {
+  const hostent* host = dnscache_gethostbyname("localhost");
+  ASSERT_NE(host, nullptr);
+  dnscache_freehost(const_cast<hostent*>(host));
+  host = dnscache_gethostbyname_local("localhost", nullptr);
+  ASSERT_NE(host, nullptr);
+  EXPECT_STREQ(inet_ntoa(*reinterpret_cast<in_addr*>(host->h_addr_list[0])), "127.0.0.1");
+  dnscache_freehost(const_cast<hostent*>(host));
+  EXPECT_EQ(dnscache_gethostbyname(kUnknown.c_str()), nullptr);
+}
+
+TEST_F(DnsCacheSystemTest, ResolveHostnameReachesANameThatOnlyTheCacheKnows) {
+  std::vector<talk_base::IPAddress> ips;
+  EXPECT_NE(talk_base::ResolveHostname(kUnknown, AF_UNSPEC, &ips), 0);
+  storage_.text_ = Text(kUnknown, {"192.0.2.1", "2001:db8::1"}, 1);
+  EXPECT_EQ(talk_base::ResolveHostname(kUnknown, AF_INET6, &ips), 0);
+  ASSERT_EQ(ips.size(), 1u);
+  EXPECT_EQ(ips[0].ToString(), "2001:db8::1");
+
+  EXPECT_EQ(talk_base::ResolveHostname("127.0.0.1", AF_UNSPEC, &ips), 0);
+  ASSERT_FALSE(ips.empty());
+  EXPECT_EQ(ips[0].ToString(), "127.0.0.1");
+  EXPECT_NE(talk_base::ResolveHostname(std::string("127.0.0.1\0.evil", 15), AF_UNSPEC, &ips), 0);
+  EXPECT_TRUE(ips.empty());
+  EXPECT_NE(talk_base::ResolveHostname("localhost", AF_INET, nullptr), 0);
+}
+
+TEST_F(DnsCacheSystemTest, ThreadsMayLookUpAtOnce) {
+  storage_.text_ = Text("only-cached", {"192.0.2.1"}, 1);
+  const auto work = [](const std::string& name) {
+    for (int i = 0; i < 100; ++i) {
+      addrinfo* list = nullptr;
+      EXPECT_EQ(dnscache_getaddrinfo(name.c_str(), "22", nullptr, &list), 0);
+      dnscache_freeaddrinfo(list);
+      list = nullptr;
+      EXPECT_EQ(dnscache_getaddrinfo_local("only-cached", "22", nullptr, &list, EAI_AGAIN), 0);
+      dnscache_freeaddrinfo(list);
+      EXPECT_NE(dnscache_gethostbyname_local("only-cached", nullptr), nullptr);
+    }
+  };
+  std::thread first(work, "127.0.0.1");
+  std::thread second(work, "localhost");
+  first.join();
+  second.join();
+  EXPECT_EQ(ParseDnsRecords(storage_.text_).count("localhost"), 1u);
+}
+
+TEST_F(DnsCacheTest, ListsThatAreStillOutGoWithTheCache) {
+  DnsCache cache;
+  cache.Init(&storage_, 0, 0);
+  storage_.text_ = Text("host", {"1.2.3.4"}, 1);
+  addrinfo* list = nullptr;
+  EXPECT_EQ(cache.getaddrinfo_local("host", nullptr, nullptr, &list, EAI_AGAIN), 0);
+  EXPECT_NE(cache.gethostbyname_local("host", nullptr), nullptr);
+}
+
+}  // namespace
