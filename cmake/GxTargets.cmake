@@ -18,6 +18,9 @@ if(GX_SANITIZE)
     -fsanitize=${GX_SANITIZE} -fno-sanitize-recover=all -fno-omit-frame-pointer)
   target_link_options(gx_options INTERFACE -fsanitize=${GX_SANITIZE})
 endif()
+if(GX_BUILD_FUZZERS)
+  target_compile_options(gx_options INTERFACE -fsanitize=fuzzer-no-link)
+endif()
 
 # One folder under src/: a static library gx_<folder> that stands on the libraries named after DEPENDS.
 function(gx_library name)
