@@ -1,0 +1,100 @@
+#include "gx-ssh/child.h"
+
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <signal.h>
+#include <unistd.h>
+
+#include <algorithm>
+
+#include "gx-ssh/descriptor.h"
+#include "gx-ssh/failure.h"
+#include "stream_fixture.h"
+
+namespace gxtool {
+namespace {
+
+using std::chrono::milliseconds;
+
+// What a command prints.
+std::string Output(const std::string& command,
+                   const std::vector<std::pair<std::string, std::string>>& more = {}) {
+  Pipe pipe = MakePipe();
+  Child child({{"sh", "-c", command}, 0, pipe.write.get(), 2, more});
+  pipe.write.Reset();
+  std::string all = ReadAll(pipe.read.get());
+  child.End(kPatience);
+  return all;
+}
+
+int WaitStatus(const std::string& command) {
+  Child child({{"sh", "-c", command}});
+  child.End(kPatience);
+  return *child.Poll();
+}
+
+TEST(ChildTest, TellsHowItEnded) {
+  EXPECT_EQ(Child::Describe(WaitStatus("exit 3")), "exit status 3");
+  EXPECT_EQ(Child::Describe(WaitStatus("kill -9 $$")), "signal 9 (Killed)");
+  EXPECT_EQ(Child::ExitStatus(WaitStatus("exit 3")), 3);
+  EXPECT_EQ(Child::ExitStatus(WaitStatus("kill -9 $$")), 137);
+}
+
+TEST(ChildTest, ProgramThatCannotRunSaysWhy) {
+  const std::vector<std::pair<std::string, ExitStatus>> cases = {{"no-such-program", kExitNotFound},
+                                                                 {"/no/such/program", kExitNotFound},
+                                                                 {"/etc/passwd", kExitNotExecutable}};
+  for (const auto& [name, status] : cases) {
+    try {
+      Child child({{name}});
+      ADD_FAILURE() << name;
+    } catch (const Failure& failure) {
+      EXPECT_EQ(failure.status(), status) << name;
+    }
+  }
+}
+
+TEST(ChildTest, StartsWithACleanSlate) {
+  signal(SIGPIPE, SIG_IGN);
+  sigset_t mask;
+  sigset_t before;
+  sigemptyset(&mask);
+  sigaddset(&mask, SIGTERM);
+  pthread_sigmask(SIG_BLOCK, &mask, &before);
+  EXPECT_EQ(Output("grep -E 'Sig(Blk|Ign)' /proc/self/status | tr -d '\\t\\n'"),
+            "SigBlk:0000000000000000SigIgn:0000000000000000");
+  pthread_sigmask(SIG_SETMASK, &before, nullptr);
+}
+
+TEST(ChildTest, InheritsNoDescriptorOfOurs) {
+  // Whoever started this test may have left it some, which are passed on.
+  std::ptrdiff_t inherited = 0;
+  for (int fd = 0; fd < 1024; ++fd) {
+    const int flags = fcntl(fd, F_GETFD);
+    if (flags >= 0 && (flags & FD_CLOEXEC) == 0) ++inherited;
+  }
+  const Pipe ours = MakePipe();
+  const auto [one, other] = MakeSocketPair();
+  const std::string list = Output("exec ls /proc/self/fd");
+  EXPECT_EQ(std::count(list.begin(), list.end(), '\n'), inherited + 1) << "one is the folder itself: " << list;
+}
+
+TEST(ChildTest, EnvironmentIsOursAndMore) {
+  setenv("GX_TEST_OLD", "old", 1);
+  EXPECT_EQ(Output("echo $GX_TEST_OLD $GX_TEST_NEW", {{"GX_TEST_NEW", "new"}}), "old new\n");
+  EXPECT_EQ(Output("echo $GX_TEST_OLD", {{"GX_TEST_OLD", "other"}}), "other\n");
+  unsetenv("GX_TEST_OLD");
+}
+
+TEST(ChildTest, EndsEvenWhatDoesNotListen) {
+  Pipe pipe = MakePipe();
+  Child child({{"sh", "-c", "trap '' TERM; echo ready; while :; do sleep 1; done"}, 0, pipe.write.get(), 2});
+  ReadAll(pipe.read.get(), 6);
+  const auto start = std::chrono::steady_clock::now();
+  child.End(milliseconds(10));
+  EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(5));
+  EXPECT_EQ(Child::Describe(*child.Poll()), "signal 9 (Killed)");
+}
+
+}  // namespace
+}  // namespace gxtool

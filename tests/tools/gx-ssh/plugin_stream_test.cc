@@ -1,0 +1,131 @@
+#include "gx-ssh/plugin_stream.h"
+
+#include "stream_fixture.h"
+
+namespace gxtool {
+namespace {
+
+using gxmod::ConnectionType;
+using PluginStreamTest = StreamFixture;
+
+const std::string kPing = MakeFrame(kPingFrame, 0, "12345678");
+const std::string kList = MakeFrame(ConnectionType::ChannelList, 0, std::string(100'000, 'x'));
+
+// The module must never see a byte of what the tools say to each other, however it reads and the bytes come.
+TEST_F(PluginStreamTest, OnlyTheModulesFramesReachIt) {
+  const std::string data = DataFrame(7, "hello") + DataFrame(8, "");
+  const std::string close = MakeFrame(ConnectionType::Close, 7, "");
+  const std::string foreign =
+      kPing + MakeFrame(kPongFrame, 0, "") + MakeFrame(kGoodbyeFrame, 0, std::string(1000, 'g'));
+  for (const unsigned step : {1u, 5u, 16u, 17u, 4096u}) {
+    for (const std::size_t received : {0u, 3u, 16u, 24u, 50u}) {
+      const std::string wire = kPing + data + foreign + close;
+      Open({}, wire.substr(0, received));
+      Send(std::string_view(wire).substr(received));
+      EndOfFarSide();
+      EXPECT_EQ(ReadModule(step), data + close) << step << " " << received;
+    }
+  }
+}
+
+TEST_F(PluginStreamTest, ChannelListsPassOnlyWhenAllowed) {
+  for (const bool allowed : {false, true}) {
+    Open({.allow_channel_list = allowed});
+    const std::string end = DataFrame(1, "x");
+    auto module = std::async(std::launch::async, [this] { return ReadModule(4096); });
+    Send(kList + end);
+    EndOfFarSide();
+    EXPECT_EQ(module.get(), allowed ? kList + end : end);
+  }
+}
+
+TEST_F(PluginStreamTest, TellsWhatPasses) {
+  Open();
+  Send(DataFrame(3, "abc") + MakeFrame(kGoodbyeFrame, 0, "idle"));
+  EndOfFarSide();
+  EXPECT_TRUE(WriteModule(MakeFrame(ConnectionType::Connect, 9, "127.0.0.1:22")));
+  ReadModule(4096);
+  EXPECT_EQ(diary_.Take(), "sent 1/9; received 2/3; goodbye idle; end: end of the stream; ");
+  ReadModule(4096);
+  EXPECT_EQ(diary_.Take(), "") << "the end is told once";
+}
+
+TEST_F(PluginStreamTest, AnswersPingsBetweenFramesOnly) {
+  Open();
+  const std::string frame = DataFrame(1, "0123456789");
+  EXPECT_TRUE(WriteModule(frame.substr(0, 20)));
+  Send(kPing);
+  EndOfFarSide();
+  ReadModule(4096);  // the answer waits for the end of the frame
+  EXPECT_TRUE(WriteModule(frame.substr(20)));
+  stream_->Finish("done", kPatience);
+  stream_ = {};
+  EXPECT_EQ(ReadAll(far_.get()),
+            frame + MakeFrame(kPongFrame, 0, "12345678") + MakeFrame(kGoodbyeFrame, 0, "done"));
+}
+
+TEST_F(PluginStreamTest, RawStreamsCarryNothingButTheModulesFrames) {
+  Open({.raw = true});
+  stream_->Ping();
+  EXPECT_TRUE(WriteModule(DataFrame(1, "x")));
+  stream_->Finish("done", kPatience);
+  stream_ = {};
+  EXPECT_EQ(ReadAll(far_.get()), DataFrame(1, "x"));
+}
+
+// A far side that does not read fills everything that lies in between; what was taken arrives uncut all the
+// same.
+TEST_F(PluginStreamTest, SlowFarSideGetsEveryByteInOrder) {
+  Open();
+  std::string expected;
+  for (std::uint32_t id = 1; id <= 300; ++id)
+    expected += DataFrame(id, std::string(id * 97, static_cast<char>(id)));
+  auto module = std::async(std::launch::async, [&] {
+    for (std::size_t at = 0; at < expected.size(); at += 10'000) {
+      if (!WriteModule(std::string_view(expected).substr(at, 10'000))) return false;
+    }
+    return true;
+  });
+  EXPECT_TRUE(ReadAll(far_.get(), expected.size()) == expected);
+  EXPECT_TRUE(module.get());
+}
+
+TEST_F(PluginStreamTest, CloseReleasesWhoWaits) {
+  Open();
+  auto reader = std::async(std::launch::async, [this] { return ReadModule(16); });
+  auto writer = std::async(std::launch::async, [this] {
+    while (WriteModule(DataFrame(1, std::string(60'000, 'x')))) {
+    }
+  });
+  // The far side takes something first, so that both are surely at work.
+  ReadAll(far_.get(), 1'000'000);
+  stream_->Close();
+  EXPECT_EQ(reader.wait_for(kPatience), std::future_status::ready);
+  EXPECT_EQ(writer.wait_for(kPatience), std::future_status::ready);
+  EXPECT_FALSE(WriteModule("x"));
+  EXPECT_EQ(ReadModule(16), "");
+  EXPECT_EQ(diary_.Take().find("end"), std::string::npos) << "our own close is no news";
+}
+
+TEST_F(PluginStreamTest, VanishedFarSideIsToldOnce) {
+  Open();
+  far_.Reset();
+  EXPECT_FALSE(WriteModule(DataFrame(1, "x")));
+  EXPECT_FALSE(WriteModule(DataFrame(1, "x")));
+  EXPECT_EQ(diary_.Take(), "sent 2/1; failed: Broken pipe; sent 2/1; ");
+}
+
+TEST_F(PluginStreamTest, SilenceCountsOnlyWhileTheModuleWaits) {
+  Open();
+  EXPECT_EQ(stream_->silence().count(), 0);
+  auto reader = std::async(std::launch::async, [this] { return ReadModule(16); });
+  const auto limit = std::chrono::steady_clock::now() + kPatience;
+  while (stream_->silence().count() < 20 && std::chrono::steady_clock::now() < limit) usleep(1000);
+  EXPECT_GE(stream_->silence().count(), 20);
+  EndOfFarSide();
+  reader.get();
+  EXPECT_EQ(stream_->silence().count(), 0);
+}
+
+}  // namespace
+}  // namespace gxtool

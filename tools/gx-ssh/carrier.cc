@@ -1,0 +1,88 @@
+#include "gx-ssh/carrier.h"
+
+#include <fcntl.h>
+#include <spdlog/spdlog.h>
+
+#include <asio/buffer.hpp>
+
+#include "link/escape.h"
+
+namespace gxtool {
+namespace {
+
+constexpr std::chrono::milliseconds kEndPatience{1000};
+constexpr std::size_t kLastLines = 3;
+constexpr std::size_t kLineBytes = 1000;
+
+// Larger than the system's default, so that a burst passes in fewer system calls. A refusal does no harm.
+void Enlarge([[maybe_unused]] const Pipe& pipe) {
+#ifdef F_SETPIPE_SZ
+  fcntl(pipe.write.get(), F_SETPIPE_SZ, 1024 * 1024);
+#endif
+}
+
+}  // namespace
+
+Carrier::Carrier(asio::io_context& io, const std::vector<std::string>& command, std::function<void()> on_quiet)
+    : Carrier(io, command, std::move(on_quiet), MakePipe()) {}
+
+Carrier::Carrier(asio::io_context& io, const std::vector<std::string>& command, std::function<void()> on_quiet,
+                 Pipe errors)
+    : name_(command.front()),
+      child_({command, input_.read.get(), output_.write.get(), errors.write.get()}),
+      errors_(io, errors.read.Release()),
+      on_quiet_(std::move(on_quiet)) {
+  Enlarge(input_);
+  Enlarge(output_);
+  input_.read.Reset();
+  output_.write.Reset();
+  ReadErrors();
+}
+
+void Carrier::End() {
+  child_.End(kEndPatience);
+  // Its last words, as far as they are there already: something that it started may hold the pipe open.
+  asio::error_code error;
+  errors_.non_blocking(true, error);
+  while (errors_.is_open() && !error) {
+    const std::size_t got = errors_.read_some(asio::buffer(chunk_), error);
+    TakeErrors({chunk_.data(), got});
+  }
+  errors_.close(error);
+}
+
+std::string Carrier::Describe() {
+  std::string text = "carrier \"" + Escape(name_) + "\"";
+  if (const auto status = child_.Poll()) text += ", " + Child::Describe(*status);
+  const char* divider = ": ";
+  for (const std::string& line : last_lines_) text += std::exchange(divider, " | ") + line;
+  return text;
+}
+
+void Carrier::ReadErrors() {
+  errors_.async_read_some(asio::buffer(chunk_),
+                          lifetime_.Guard([this](asio::error_code error, std::size_t got) {
+                            TakeErrors({chunk_.data(), got});
+                            if (!error) return ReadErrors();
+                            if (!line_.empty()) TakeLine();
+                            errors_.close(error);
+                            on_quiet_();
+                          }));
+}
+
+void Carrier::TakeErrors(std::string_view text) {
+  for (const char byte : text) {
+    if (byte == '\n' || line_.size() == kLineBytes) TakeLine();
+    if (byte != '\n' && byte != '\r') line_ += byte;
+  }
+}
+
+void Carrier::TakeLine() {
+  const std::string line = std::exchange(line_, {});
+  spdlog::info("{}: {}", Escape(name_), Escape(line, kLineBytes));
+  if (line.empty()) return;
+  last_lines_.push_back(Escape(line));
+  if (last_lines_.size() > kLastLines) last_lines_.pop_front();
+}
+
+}  // namespace gxtool

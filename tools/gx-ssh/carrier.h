@@ -1,0 +1,58 @@
+// The command that carries the stream to the far side.
+#ifndef GX_SSH_CARRIER_H
+#define GX_SSH_CARRIER_H
+
+#include <array>
+#include <asio/io_context.hpp>
+#include <asio/posix/stream_descriptor.hpp>
+#include <deque>
+#include <functional>
+#include <string>
+#include <string_view>
+#include <utility>
+#include <vector>
+
+#include "gx-ssh/child.h"
+#include "gx-ssh/far_side.h"
+#include "gx-ssh/lifetime.h"
+
+namespace gxtool {
+
+// Its standard input and output are the stream. What it writes to standard error is said line by line, made
+// harmless; the last lines are kept for the message about its end.
+class Carrier final : public FarSide {
+ public:
+  // Throws Failure when the command cannot be run. `on_quiet` is called once, when its standard error has
+  // ended.
+  Carrier(asio::io_context& io, const std::vector<std::string>& command, std::function<void()> on_quiet);
+
+  Descriptor TakeInput() override { return std::move(output_.read); }
+  Descriptor TakeOutput() override { return std::move(input_.write); }
+  bool Exited() override { return child_.Poll().has_value(); }
+  bool Ended() override { return Exited() && !errors_.is_open(); }
+  void End() override;
+  std::string Describe() override;
+
+ private:
+  Carrier(asio::io_context& io, const std::vector<std::string>& command, std::function<void()> on_quiet,
+          Pipe errors);
+
+  void ReadErrors();
+  void TakeErrors(std::string_view text);
+  void TakeLine();
+
+  const std::string name_;
+  Pipe input_ = MakePipe();
+  Pipe output_ = MakePipe();
+  Child child_;
+  asio::posix::stream_descriptor errors_;
+  const std::function<void()> on_quiet_;
+  std::array<char, 4096> chunk_;
+  std::string line_;
+  std::deque<std::string> last_lines_;
+  Lifetime lifetime_;
+};
+
+}  // namespace gxtool
+
+#endif  // GX_SSH_CARRIER_H

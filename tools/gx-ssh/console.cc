@@ -1,0 +1,70 @@
+#include "gx-ssh/console.h"
+
+#include <unistd.h>
+
+#include <algorithm>
+#include <cstdlib>
+#include <utility>
+
+#include "link/escape.h"
+
+namespace gxtool {
+namespace {
+
+// One system call per piece, so that lines of several programs on one terminal do not mix.
+void WriteOut(std::string_view text) {
+  while (!text.empty()) {
+    const ssize_t taken = write(STDERR_FILENO, text.data(), text.size());
+    if (taken <= 0) return;  // nobody to tell
+    text.remove_prefix(static_cast<std::size_t>(taken));
+  }
+}
+
+}  // namespace
+
+std::shared_ptr<Console> Console::SetUp(bool quiet, int verbosity) {
+  auto console = std::make_shared<Console>();
+  auto logger = std::make_shared<spdlog::logger>("gx-ssh", console);
+  logger->set_pattern("gx-ssh: %v");
+  logger->set_level(quiet            ? spdlog::level::err
+                    : verbosity >= 2 ? spdlog::level::trace
+                    : verbosity == 1 ? spdlog::level::debug
+                                     : spdlog::level::info);
+  spdlog::set_default_logger(std::move(logger));
+  return console;
+}
+
+void Console::SetStatus(std::string lines) {
+  const std::lock_guard lock(mutex_);
+  Wipe();
+  status_ = std::move(lines);
+  Draw();
+}
+
+void Console::sink_it_(const spdlog::details::log_msg& message) {
+  spdlog::memory_buf_t line;
+  formatter_->format(message, line);
+  Wipe();
+  WriteOut({line.data(), line.size()});
+  Draw();
+}
+
+void Console::Draw() {
+  if (!status_.empty()) WriteOut(status_ + "\n");
+}
+
+void Console::Wipe() {
+  if (status_.empty()) return;
+  const auto lines = 1 + std::count(status_.begin(), status_.end(), '\n');
+  WriteOut("\x1b[" + std::to_string(lines) + "A\x1b[J");
+}
+
+void ModuleLog::Log(int level, const char* text) {
+  const bool trouble = level == kGXModLogWarning || level == kGXModLogError;
+  const int needed = trouble ? 1 : level == kGXModLogInfo ? 2 : 3;
+  if (verbosity_ >= needed) spdlog::debug("{}", Escape(text, 4096));
+}
+
+const char* ModuleLog::GetEnv(const char* name) { return std::getenv(name); }
+
+}  // namespace gxtool

@@ -1,0 +1,141 @@
+#include "gx-ssh/link.h"
+
+#include <asio/post.hpp>
+#include <chrono>
+#include <utility>
+
+#include "gx-ssh/carrier.h"
+#include "gx-ssh/counted.h"
+#include "gx-ssh/local_peer.h"
+#include "link/duration.h"
+#include "link/escape.h"
+
+namespace gxtool {
+namespace {
+
+using std::chrono::milliseconds;
+
+constexpr milliseconds kFarewell{300};   // for what is queued and the goodbye
+constexpr milliseconds kLastWords{700};  // for the carrier's exit status and error lines
+
+class Target final : public Counted<IControlSshListener> {
+ public:
+  explicit Target(std::string target) : target_(std::move(target)) {}
+
+  void OnLocalAddress(const char*, std::uint16_t) override {}
+  void OnExit() override {}
+  const char* GetRemoteAddress() override { return target_.c_str(); }
+
+ private:
+  const std::string target_;
+};
+
+}  // namespace
+
+Link::Link(asio::io_context& io, const Options& options, ModuleLibrary& module, Owner& owner)
+    : io_(io), options_(options), module_(module), owner_(owner), keepalive_timer_(io), end_timer_(io) {
+  // What ends on another thread or inside a handler is looked at from the event loop.
+  auto check = [this] { CheckFarSide(); };
+  auto on_ended = [&io, check = lifetime_.Guard(check)] { asio::post(io, check); };
+  if (options.local) {
+    far_side_ = std::make_unique<LocalPeer>(options.target, options.raw, on_ended);
+  } else {
+    far_side_ = std::make_unique<Carrier>(io, options.carrier, on_ended);
+  }
+  output_ = far_side_->TakeOutput();
+  if (options.raw) {
+    asio::post(io_, lifetime_.Guard([this] { RunModule(far_side_->TakeInput(), {}); }));
+    return;
+  }
+  handshake_ = std::make_unique<Handshake>(
+      io, far_side_->TakeInput(), output_.get(), options.connect_timeout,
+      Handshake::Result{
+          [this](Descriptor ready, const std::string& received) { RunModule(std::move(ready), received); },
+          [this](const std::string& problem) {
+            BeginEnd(kExitNotReady, "the far side is not ready: " + problem);
+          }});
+}
+
+Link::~Link() {
+  if (stream_) stream_->Finish("gx-ssh has stopped", kFarewell);
+  if (plugin_) plugin_->ExitInstance();
+  plugin_ = {};
+  stream_ = {};
+  handshake_.reset();
+  output_.Reset();
+  far_side_->End();
+}
+
+void Link::RunModule(Descriptor input, const std::string& received) {
+  handshake_.reset();
+  stream_ = CRefObj<PluginStream>(new PluginStream(std::move(input), std::move(output_), received,
+                                                   {options_.raw, options_.allow_channel_list}, *this));
+  plugin_ = module_.CreatePlugin();
+  if (!plugin_) return GoDown(Failure(kExitModule, "the module makes no plugin; -v shows its log"));
+  const CRefObj<Target> target(new Target(options_.target));
+  plugin_->SetListener(target.get());
+  if (plugin_->InitInstance(stream_.get()) != kGXModOk) {
+    return GoDown(Failure(kExitModule, "the module does not take the stream; -v shows its log"));
+  }
+  if (plugin_->Run() != kGXModOk) {
+    return GoDown(Failure(kExitListen, "the module cannot open a local port; -v shows its log"));
+  }
+  if (!options_.raw && options_.keepalive > milliseconds(0)) KeepAlive();
+  owner_.OnLinkUp(plugin_->GetLocalAddress(), plugin_->GetLocalPort());
+}
+
+void Link::KeepAlive() {
+  const milliseconds limit = options_.keepalive * options_.keepalive_count;
+  const milliseconds silence = stream_->silence();
+  if (silence >= limit) {
+    return GoDown(
+        Failure(kExitLinkLost, "link lost: no sign of life from the far side for " + FormatDuration(limit)));
+  }
+  stream_->Ping();
+  keepalive_timer_.expires_after(std::min(options_.keepalive, limit - silence));
+  keepalive_timer_.async_wait(lifetime_.Guard([this](asio::error_code error) {
+    if (!error) KeepAlive();
+  }));
+}
+
+void Link::BeginEnd(ExitStatus status, const std::string& reason) {
+  if (!end_) {
+    end_.emplace(status, reason);
+    end_timer_.expires_after(kLastWords);
+    end_timer_.async_wait(lifetime_.Guard([this](asio::error_code) { GoDown(Summary()); }));
+  }
+  if (far_side_->Ended() && (!stream_ || input_ended_)) GoDown(Summary());
+}
+
+void Link::CheckFarSide() {
+  if (end_ || far_side_->Exited()) BeginEnd(kExitLinkLost, "link lost");
+}
+
+void Link::GoDown(const Failure& why) {
+  if (std::exchange(down_, true)) return;
+  asio::post(io_, lifetime_.Guard([&owner = owner_, why] { owner.OnLinkDown(why); }));
+}
+
+Failure Link::Summary() {
+  if (goodbye_) return Failure(kExitOk, "the far side has ended: " + Escape(*goodbye_));
+  return Failure(end_->status(), std::string(end_->what()) + "; " + far_side_->Describe());
+}
+
+// The next three come from threads of the module.
+
+void Link::OnGoodbye(const std::string& reason) {
+  asio::post(io_, lifetime_.Guard([this, reason] { goodbye_ = reason; }));
+}
+
+void Link::OnInputEnd(const std::string& reason) {
+  asio::post(io_, lifetime_.Guard([this, reason] {
+    input_ended_ = true;
+    BeginEnd(kExitLinkLost, "link lost: " + reason);
+  }));
+}
+
+void Link::OnOutputFailed(const std::string& reason) {
+  asio::post(io_, lifetime_.Guard([this, reason] { BeginEnd(kExitLinkLost, "link lost: " + reason); }));
+}
+
+}  // namespace gxtool

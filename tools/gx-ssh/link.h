@@ -1,0 +1,85 @@
+// One link to the far side, from the start of its carrier to its end.
+#ifndef GX_SSH_LINK_H
+#define GX_SSH_LINK_H
+
+#include <gxmod/control_ssh.h>
+
+#include <asio/io_context.hpp>
+#include <asio/steady_timer.hpp>
+#include <cstdint>
+#include <memory>
+#include <optional>
+#include <string>
+
+#include "gx-ssh/descriptor.h"
+#include "gx-ssh/failure.h"
+#include "gx-ssh/far_side.h"
+#include "gx-ssh/handshake.h"
+#include "gx-ssh/lifetime.h"
+#include "gx-ssh/module_library.h"
+#include "gx-ssh/options.h"
+#include "gx-ssh/plugin_stream.h"
+
+namespace gxtool {
+
+// States: starting (the far side is being waited for), up (the module works on the stream), ending (something
+// has broken; for a moment the carrier's exit status and last words are waited for), down. Threads: the one
+// that runs `io`.
+class Link final : StreamObserver {
+ public:
+  class Owner {
+   public:
+    // The module listens there.
+    virtual void OnLinkUp(const std::string& address, std::uint16_t port) = 0;
+    // Once; the link may then be destroyed. Status kExitOk: the far side has ended in order.
+    virtual void OnLinkDown(const Failure& why) = 0;
+    // Every frame of the module's, either way. On threads of the module.
+    virtual void OnFrame(const gxmod::FrameHeader& header, bool sent) = 0;
+
+   protected:
+    ~Owner() = default;
+  };
+
+  // All arguments outlive the link. Throws Failure when the carrier cannot be run.
+  Link(asio::io_context& io, const Options& options, ModuleLibrary& module, Owner& owner);
+  // Ends everything in order, within 2 s.
+  ~Link();
+
+  // After SIGCHLD.
+  void OnChildEnded() { CheckFarSide(); }
+
+ private:
+  void RunModule(Descriptor input, const std::string& received);
+  void KeepAlive();
+  void BeginEnd(ExitStatus status, const std::string& reason);
+  void CheckFarSide();
+  void GoDown(const Failure& why);
+  Failure Summary();
+
+  void OnFrameSent(const gxmod::FrameHeader& header) override { owner_.OnFrame(header, true); }
+  void OnFrameReceived(const gxmod::FrameHeader& header) override { owner_.OnFrame(header, false); }
+  void OnGoodbye(const std::string& reason) override;
+  void OnInputEnd(const std::string& reason) override;
+  void OnOutputFailed(const std::string& reason) override;
+
+  asio::io_context& io_;
+  const Options& options_;
+  ModuleLibrary& module_;
+  Owner& owner_;
+  Lifetime lifetime_;
+  std::unique_ptr<FarSide> far_side_;
+  Descriptor output_;  // to the far side, until the stream takes it
+  std::unique_ptr<Handshake> handshake_;
+  CRefObj<PluginStream> stream_;
+  CRefObj<IControlSshPlugin> plugin_;
+  asio::steady_timer keepalive_timer_;
+  asio::steady_timer end_timer_;
+  std::optional<Failure> end_;  // the first cause
+  std::optional<std::string> goodbye_;
+  bool input_ended_ = false;
+  bool down_ = false;
+};
+
+}  // namespace gxtool
+
+#endif  // GX_SSH_LINK_H

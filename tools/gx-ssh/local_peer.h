@@ -1,0 +1,44 @@
+// The far side inside this process, for --local.
+#ifndef GX_SSH_LOCAL_PEER_H
+#define GX_SSH_LOCAL_PEER_H
+
+#include <atomic>
+#include <functional>
+#include <string>
+#include <thread>
+#include <utility>
+
+#include "gx-ssh/far_side.h"
+#include "peer/peer.h"
+
+namespace gxtool {
+
+// A far side on a thread of its own that allows one target.
+class LocalPeer final : public FarSide {
+ public:
+  // `on_ended` is called on that thread when the far side has ended.
+  LocalPeer(const std::string& target, bool raw, const std::function<void()>& on_ended);
+  ~LocalPeer() override;
+
+  Descriptor TakeInput() override { return std::move(input_); }
+  Descriptor TakeOutput() override { return std::move(output_); }
+  bool Exited() override { return exited_; }
+  bool Ended() override { return exited_; }
+  void End() override;
+  std::string Describe() override { return "far side inside gx-ssh"; }
+
+ private:
+  LocalPeer(const std::string& target, bool raw, const std::function<void()>& on_ended,
+            std::pair<Descriptor, Descriptor> ends);
+
+  Descriptor input_;
+  Descriptor output_;
+  Descriptor peer_end_;
+  Peer peer_;
+  std::atomic<bool> exited_{false};
+  std::thread thread_;
+};
+
+}  // namespace gxtool
+
+#endif  // GX_SSH_LOCAL_PEER_H

@@ -1,0 +1,200 @@
+#include "gx-ssh/options.h"
+
+#include <CLI/CLI.hpp>
+#include <algorithm>
+#include <charconv>
+#include <cstdio>
+#include <map>
+#include <memory>
+
+#include "gx-ssh/failure.h"
+#include "gx-ssh/module_library.h"
+#include "link/duration.h"
+#include "link/host_port.h"
+
+namespace gxtool {
+namespace {
+
+using std::chrono::milliseconds;
+
+constexpr const char* kUsage =
+    "Usage: gx-ssh [OPTIONS] -- CARRIER [ARG...]\n"
+    "       gx-ssh -W [OPTIONS] -- CARRIER [ARG...]\n"
+    "       gx-ssh --run 'CMD' [OPTIONS] -- CARRIER [ARG...]\n"
+    "       gx-ssh --local [OPTIONS]\n";
+constexpr const char* kHint = "usage: gx-ssh [OPTIONS] -- CARRIER [ARG...]; gx-ssh --help tells more";
+constexpr const char* kDescription =
+    "Forwards local TCP connections through the standard input and output of CARRIER, a command\n"
+    "that runs gx-ssh-peer on the far side. Prints the local address and runs until it is stopped.";
+constexpr const char* kFooter =
+    "Durations read 500ms, 15s, 2m.\n"
+    "Exit status: 0 stopped in order, 1 link lost, 2 usage, 3 module missing or wrong, 4 far side never "
+    "ready,\n"
+    "5 cannot listen, 126 or 127 carrier not executable or not found; with --run that of CMD, 255 when the\n"
+    "tunnel failed first.";
+
+const std::map<std::string, PrintFormat> kPrintFormats{{"addr", PrintFormat::kAddress},
+                                                       {"port", PrintFormat::kPort},
+                                                       {"json", PrintFormat::kJson},
+                                                       {"env", PrintFormat::kEnvironment},
+                                                       {"ssh-config", PrintFormat::kSshConfig},
+                                                       {"none", PrintFormat::kNothing}};
+
+std::string Target(const std::string& text) {
+  std::string why;
+  const auto target = ParseHostPort(text, &why);
+  if (!target) throw CLI::ValidationError("--target \"" + text + "\": " + why);
+  return target->ToString();
+}
+
+ListenAddress Listen(const std::string& text) {
+  ListenAddress result;
+  if (text.starts_with("unix:")) {
+    result.unix_path = text.substr(5);
+    if (result.unix_path.empty()) throw CLI::ValidationError("--listen \"unix:\": a path is missing");
+    return result;
+  }
+  std::string why;
+  const auto halves = SplitHostPort(text, &why);
+  const auto host = halves ? ParseHost(halves->host, halves->bracketed, &why) : std::nullopt;
+  const bool any_port = halves && halves->port == "0";
+  const auto port = !host || any_port ? std::optional<std::uint16_t>(0) : ParsePort(halves->port, &why);
+  if (host && !HostPort{*host, 1}.IsNumeric()) why = "the address must be numeric";
+  if (!why.empty()) throw CLI::ValidationError("--listen \"" + text + "\": " + why);
+  result.address = *host;
+  result.port = *port;
+  return result;
+}
+
+int Attempts(const std::string& text) {
+  int attempts = 0;
+  const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), attempts);
+  if (error != std::errc() || end != text.data() + text.size() || attempts < 1) {
+    throw CLI::ValidationError("--reconnect=\"" + text + "\": not a number of attempts");
+  }
+  return attempts;
+}
+
+class HelpText : public CLI::Formatter {
+ public:
+  HelpText() { column_width(34); }
+  std::string make_usage(const CLI::App*, std::string) const override { return kUsage; }
+};
+
+// An option whose text `convert` turns into `value`.
+template <class Value, class Convert>
+CLI::Option* AddText(CLI::App& app, const std::string& name, Value& value, Convert convert, const char* type,
+                     const char* help) {
+  const auto take = [&value, convert](const std::string& text) { value = convert(text); };
+  return app.add_option_function<std::string>(name, take, help)->option_text(type);
+}
+
+CLI::Option* AddDuration(CLI::App& app, const std::string& name, milliseconds& value, const char* help) {
+  const auto convert = [name](const std::string& text) {
+    const auto duration = ParseDuration(text);
+    if (!duration) throw CLI::ValidationError(name + " \"" + text + "\": not a duration (500ms, 15s, 2m)");
+    return *duration;
+  };
+  return AddText(app, name, value, convert, "TIME", help);
+}
+
+void DeclareModes(CLI::App& app, Options& options) {
+  app.add_flag("-W,--stdio", options.standard_io,
+               "Carry one connection on standard input and output (ProxyCommand of ssh)");
+  app.add_option("--run", options.run, "Run the shell command CMD when the port is up, end with its status")
+      ->option_text("CMD");
+  app.add_flag("--local", options.local, "Be the far side, too: no carrier");
+}
+
+void DeclareLink(CLI::App& app, Options& options) {
+  AddText(app, "--target", options.target, Target, "HOST:PORT",
+          "Where the far side connects to (127.0.0.1:22)");
+  app.add_option("--module", options.module_path, "The module to load (the one built with this program)")
+      ->option_text("PATH");
+  app.add_flag("--raw", options.raw, "The far side speaks frames from the first byte and nothing else");
+  AddDuration(app, "--connect-timeout", options.connect_timeout, "Wait so long for the far side (10s)");
+  AddDuration(app, "--keepalive", options.keepalive,
+              "Ask a silent far side for a sign of life so often (15s); 0s: never");
+  app.add_option("--keepalive-count", options.keepalive_count,
+                 "Give a link up after so many without an answer (3)")
+      ->option_text("N")
+      ->check(CLI::Range(1, 1000));
+  app.add_option_function<std::string>(
+         "--reconnect",
+         [&options](const std::string& text) {
+           options.reconnect = true;
+           options.reconnect_attempts = text.empty() ? 0 : Attempts(text);
+         },
+         "Start a lost link again, N times in a row at most")
+      ->expected(0, 1)
+      ->option_text("[=N]");
+  app.add_flag("--allow-channel-list", options.allow_channel_list, "Let the far side open further ports here");
+}
+
+void DeclareOutput(CLI::App& app, Options& options) {
+  AddText(app, "--listen", options.listen, Listen, "ADDR:PORT|unix:PATH",
+          "Listen there (any port of 127.0.0.1)");
+  app.add_option("--print", options.print,
+                 "What standard output tells: addr, port, json, env, ssh-config, none")
+      ->option_text("FORMAT")
+      ->transform(CLI::CheckedTransformer(kPrintFormats));
+  app.add_flag("--json", options.json, "Events on standard output, one object a line");
+  app.add_option("--port-file", options.port_file, "Write the address to FILE while the port is open")
+      ->option_text("FILE");
+  app.add_flag("-q,--quiet", options.quiet, "Say nothing but errors");
+  app.add_flag("-v,--verbose", options.verbosity, "Say more: connections; twice, thrice: the module's log");
+  app.add_flag("--version", options.show_version, "Print name, version, protocol and the module found");
+}
+
+// What no single option can tell. Empty: all is well.
+std::string Contradiction(const Options& options) {
+  if (options.local && !options.carrier.empty()) return "--local takes no carrier";
+  if (!options.local && options.carrier.empty()) return "a carrier is missing: a command behind --, or --local";
+  if (options.standard_io && !options.run.empty()) return "-W and --run exclude each other";
+  if (options.standard_io &&
+      (options.listen || options.reconnect || options.json || !options.port_file.empty())) {
+    return "-W opens no port: --listen, --reconnect, --json and --port-file do not go with it";
+  }
+  if (options.quiet && options.verbosity > 0) return "-q and -v exclude each other";
+  if (options.listen && !options.listen->unix_path.empty() && options.print == PrintFormat::kPort) {
+    return "--print port: a Unix socket has none";
+  }
+  return {};
+}
+
+int Complain(const std::string& mistake) {
+  std::fprintf(stderr, "gx-ssh: %s\n%s\n", mistake.c_str(), kHint);
+  return kExitUsage;
+}
+
+}  // namespace
+
+std::variant<Options, int> ParseOptions(int argc, const char* const* argv) {
+  Options options;
+  options.module_path = DefaultModulePath();
+  // The carrier's own options are none of ours, so the line is cut before it is parsed.
+  const char* const* end = argv + argc;
+  const char* const* divider = std::find(argv, end, std::string_view("--"));
+  if (divider != end) options.carrier.assign(divider + 1, end);
+
+  CLI::App app(kDescription, "gx-ssh");
+  app.formatter(std::make_shared<HelpText>());
+  app.footer(kFooter);
+  DeclareModes(app, options);
+  DeclareLink(app, options);
+  DeclareOutput(app, options);
+  try {
+    app.parse(static_cast<int>(divider - argv), argv);
+  } catch (const CLI::CallForHelp&) {
+    std::fputs(app.help().c_str(), stdout);
+    return kExitOk;
+  } catch (const CLI::ParseError& error) {
+    return Complain(error.what());
+  }
+  if (options.show_version) return options;
+  const std::string contradiction = Contradiction(options);
+  if (!contradiction.empty()) return Complain(contradiction);
+  return options;
+}
+
+}  // namespace gxtool

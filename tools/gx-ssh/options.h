@@ -1,0 +1,56 @@
+// The command line of gx-ssh.
+#ifndef GX_SSH_OPTIONS_H
+#define GX_SSH_OPTIONS_H
+
+#include <chrono>
+#include <cstdint>
+#include <optional>
+#include <string>
+#include <variant>
+#include <vector>
+
+namespace gxtool {
+
+// Where gx-ssh listens itself, instead of the module.
+struct ListenAddress {
+  std::string unix_path;   // empty: `address` and `port`
+  std::string address;     // numeric
+  std::uint16_t port = 0;  // 0: any
+};
+
+enum class PrintFormat { kAddress, kPort, kJson, kEnvironment, kSshConfig, kNothing };
+
+struct Options {
+  std::vector<std::string> carrier;  // empty with `local`
+  bool local = false;
+  std::string target = "127.0.0.1:22";
+  std::string module_path;
+
+  bool standard_io = false;  // -W
+  std::string run;           // a shell command; empty: none
+
+  std::optional<ListenAddress> listen;
+  bool reconnect = false;
+  int reconnect_attempts = 0;  // in a row; 0: no limit
+
+  bool raw = false;
+  bool allow_channel_list = false;
+  std::chrono::milliseconds connect_timeout{10'000};
+  std::chrono::milliseconds keepalive{15'000};  // 0: none
+  int keepalive_count = 3;
+
+  PrintFormat print = PrintFormat::kAddress;
+  bool json = false;
+  std::string port_file;
+  bool quiet = false;
+  int verbosity = 0;
+  bool show_version = false;
+};
+
+// Either what was asked for, or the status with which to end: help has been printed, or one line about the
+// mistake and a hint.
+std::variant<Options, int> ParseOptions(int argc, const char* const* argv);
+
+}  // namespace gxtool
+
+#endif  // GX_SSH_OPTIONS_H

@@ -1,0 +1,109 @@
+#include "gx-ssh/plugin_input.h"
+
+#include <poll.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstring>
+
+namespace gxtool {
+namespace {
+
+std::int64_t NowMs() {
+  const auto now = std::chrono::steady_clock::now().time_since_epoch();
+  return std::chrono::duration_cast<std::chrono::milliseconds>(now).count();
+}
+
+}  // namespace
+
+PluginInput::PluginInput(int fd, const StopSignal& stop, Handler& handler, std::string_view received)
+    : fd_(fd), stop_(stop), handler_(handler), buffer_(new char[kBufferBytes]) {
+  end_ = received.copy(buffer_.get(), kBufferBytes);
+}
+
+std::size_t PluginInput::Read(void* data, std::size_t length) {
+  while (passing_ == 0) {
+    if (!NextFrame()) return 0;
+  }
+  std::size_t got = static_cast<std::size_t>(std::min<std::uint64_t>(length, passing_));
+  if (buffered() == 0) {
+    // One system call for the rest of this frame, straight into the module's memory, and for what follows it.
+    iovec parts[2] = {{data, got}, {buffer_.get(), kBufferBytes}};
+    const std::size_t received = Receive(parts, 2);
+    begin_ = 0;
+    end_ = received - std::min(received, got);
+    got = std::min(received, got);
+  } else {
+    got = std::min(got, buffered());
+    std::memcpy(data, buffer_.get() + begin_, got);
+    begin_ += got;
+  }
+  passing_ -= got;
+  return got;
+}
+
+std::chrono::milliseconds PluginInput::silence() const {
+  const std::int64_t since = waiting_since_ms_;
+  return std::chrono::milliseconds(since == 0 ? 0 : NowMs() - since);
+}
+
+bool PluginInput::NextFrame() {
+  if (!Buffer(gxmod::kFrameHeaderBytes)) return false;
+  const gxmod::FrameHeader header = gxmod::DecodeFrameHeader(buffer_.get() + begin_);
+  if (handler_.Passes(header)) {
+    passing_ = gxmod::kFrameHeaderBytes + std::uint64_t{header.length};
+    return true;
+  }
+  begin_ += gxmod::kFrameHeaderBytes;
+  const std::size_t kept = std::min<std::size_t>(header.length, kTakenPayloadBytes);
+  if (!Buffer(kept)) return false;
+  handler_.OnTaken(header, {buffer_.get() + begin_, kept});
+  return Skip(header.length);
+}
+
+bool PluginInput::Buffer(std::size_t bytes) {
+  if (buffered() >= bytes) return true;
+  std::memmove(buffer_.get(), buffer_.get() + begin_, buffered());
+  end_ = buffered();
+  begin_ = 0;
+  while (end_ < bytes) {
+    iovec part{buffer_.get() + end_, kBufferBytes - end_};
+    const std::size_t received = Receive(&part, 1);
+    if (received == 0) return false;
+    end_ += received;
+  }
+  return true;
+}
+
+bool PluginInput::Skip(std::uint64_t bytes) {
+  while (bytes > 0) {
+    if (!Buffer(1)) return false;
+    const std::size_t step = static_cast<std::size_t>(std::min<std::uint64_t>(bytes, buffered()));
+    begin_ += step;
+    bytes -= step;
+  }
+  return true;
+}
+
+std::size_t PluginInput::Receive(iovec* parts, int count) {
+  while (!stop_.raised()) {
+    const ssize_t received = readv(fd_, parts, count);
+    if (received > 0) return static_cast<std::size_t>(received);
+    if (received == 0) {
+      end_reason_ = "end of the stream";
+      return 0;
+    }
+    if (errno == EAGAIN) {
+      waiting_since_ms_ = NowMs();
+      stop_.WaitFor(fd_, POLLIN);
+      waiting_since_ms_ = 0;
+    } else if (errno != EINTR) {
+      end_reason_ = std::strerror(errno);
+      return 0;
+    }
+  }
+  end_reason_ = "closed";
+  return 0;
+}
+
+}  // namespace gxtool

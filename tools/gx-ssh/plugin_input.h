@@ -1,0 +1,74 @@
+// The receiving half of the plugin stream: bytes from a descriptor, without the frames that are not the
+// module's.
+#ifndef GX_SSH_PLUGIN_INPUT_H
+#define GX_SSH_PLUGIN_INPUT_H
+
+#include <gxmod/frames.h>
+#include <sys/uio.h>
+
+#include <atomic>
+#include <chrono>
+#include <cstddef>
+#include <cstdint>
+#include <memory>
+#include <string>
+#include <string_view>
+
+#include "gx-ssh/stop_signal.h"
+
+namespace gxtool {
+
+// Reads ahead, so that small frames do not cost two system calls each, and looks at every header that passes.
+// Threads: Read on one; silence on any.
+class PluginInput {
+ public:
+  // Called from inside Read.
+  class Handler {
+   public:
+    // A frame has begun to arrive. True: the module gets it. False: it is taken out, see OnTaken.
+    virtual bool Passes(const gxmod::FrameHeader& header) = 0;
+    // A frame that was taken out has come: its payload, or the first kTakenPayloadBytes of it.
+    virtual void OnTaken(const gxmod::FrameHeader& header, std::string_view payload) = 0;
+
+   protected:
+    ~Handler() = default;
+  };
+  static constexpr std::size_t kTakenPayloadBytes = 256;
+
+  // `fd` is non-blocking; descriptor, `stop` and `handler` outlive the reader. `received` are bytes of the
+  // stream that have been read from `fd` already, at most kBufferBytes.
+  PluginInput(int fd, const StopSignal& stop, Handler& handler, std::string_view received);
+
+  // Blocks until at least one byte is there; returns how many are in `data`, 0 at the end. A frame that is
+  // taken out is never seen, not even in part.
+  std::size_t Read(void* data, std::size_t length);
+
+  // Why Read returned 0, for a message.
+  const std::string& end_reason() const { return end_reason_; }
+
+  // For how long Read has been waiting for bytes that do not come. Zero while nobody reads.
+  std::chrono::milliseconds silence() const;
+
+  static constexpr std::size_t kBufferBytes = 256 * 1024;
+
+ private:
+  bool NextFrame();                // decides on the frame at the front of the buffer
+  bool Buffer(std::size_t bytes);  // makes at least that many available
+  bool Skip(std::uint64_t bytes);  // drops that many
+  std::size_t Receive(iovec* parts, int count);
+  std::size_t buffered() const { return end_ - begin_; }
+
+  const int fd_;
+  const StopSignal& stop_;
+  Handler& handler_;
+  std::unique_ptr<char[]> buffer_;
+  std::size_t begin_ = 0;
+  std::size_t end_ = 0;
+  std::uint64_t passing_ = 0;  // bytes of the current frame that the module has still to get
+  std::string end_reason_;
+  std::atomic<std::int64_t> waiting_since_ms_{0};  // of the monotonic clock; 0: not waiting
+};
+
+}  // namespace gxtool
+
+#endif  // GX_SSH_PLUGIN_INPUT_H

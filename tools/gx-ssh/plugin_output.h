@@ -1,0 +1,93 @@
+// The sending half of the plugin stream: frames to a descriptor, in order and uncut.
+#ifndef GX_SSH_PLUGIN_OUTPUT_H
+#define GX_SSH_PLUGIN_OUTPUT_H
+
+#include <gxmod/frames.h>
+
+#include <chrono>
+#include <condition_variable>
+#include <cstddef>
+#include <cstdint>
+#include <mutex>
+#include <string>
+#include <string_view>
+#include <thread>
+#include <utility>
+
+#include "gx-ssh/stop_signal.h"
+#include "link/frame_reader.h"
+
+namespace gxtool {
+
+// A frame that the descriptor takes at once is written by the caller itself. Only when the far side is slow do
+// frames queue up; a thread of the writer's then sends as many of them as one system call takes.
+// Threads: Write one call at a time, everything else on any.
+class PluginOutput : FrameReader::Handler {
+ public:
+  class Handler {
+   public:
+    // A frame begins to go out. From inside Write.
+    virtual void OnFrameSent(const gxmod::FrameHeader& header) = 0;
+    // The descriptor takes no more, `reason` for a message. Once; on a caller's thread or the writer's own.
+    virtual void OnWriteFailed(const std::string& reason) = 0;
+
+   protected:
+    ~Handler() = default;
+  };
+
+  // `fd` is non-blocking; descriptor, `stop` and `handler` outlive the writer.
+  PluginOutput(int fd, StopSignal& stop, Handler& handler);
+  virtual ~PluginOutput();
+
+  // Takes the whole block, which may begin and end anywhere in a frame. Blocks while kQueueBytes or more wait.
+  // False: closed, finished or broken.
+  bool Write(const void* data, std::size_t length);
+
+  // Puts a whole frame between those of Write, as soon as none of them is cut by it. Never blocks.
+  void Insert(std::string_view frame);
+
+  // Refuses further calls of Write and puts `frame` (may be empty) behind what is queued. True: everything went
+  // out within `limit`.
+  bool Finish(std::string_view frame, std::chrono::milliseconds limit);
+
+  // Makes blocked and later calls of Write fail. Call it after the stop signal was raised.
+  void Close();
+
+  static constexpr std::size_t kQueueBytes = 1024 * 1024;
+
+ private:
+  void OnFrame(const gxmod::FrameHeader& header) override { handler_.OnFrameSent(header); }
+  void OnPayload(std::string_view) override {}
+  void OnFrameEnd() override {}
+
+  using Lock = std::unique_lock<std::mutex>;
+
+  bool closed() const { return broken_ || stop_.raised(); }
+  std::size_t queued() const { return queue_.size() - sent_; }
+  void Put(std::string_view bytes);  // sends or queues
+  std::size_t Send(std::string_view bytes);
+  void Flush();  // thread of the writer: sends what is queued
+  // Tells the handler, without the lock, of a failure that is new. False: the descriptor takes no more.
+  bool Report(Lock& lock);
+
+  const int fd_;
+  StopSignal& stop_;
+  Handler& handler_;
+
+  FrameReader scanner_{this};  // of what Write brings; only in Write
+
+  std::mutex mutex_;  // guards what follows
+  std::condition_variable changed_;
+  std::string queue_;  // bytes to send, from sent_ on
+  std::size_t sent_ = 0;
+  std::string inserts_;  // frames that wait for the end of the one that is being written
+  bool between_frames_ = true;
+  bool finished_ = false;
+  bool broken_ = false;
+  std::string failure_;  // why, until the handler has been told
+  std::thread flusher_;
+};
+
+}  // namespace gxtool
+
+#endif  // GX_SSH_PLUGIN_OUTPUT_H

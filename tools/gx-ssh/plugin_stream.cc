@@ -1,0 +1,60 @@
+#include "gx-ssh/plugin_stream.h"
+
+#include <utility>
+
+#include "link/control_frames.h"
+
+namespace gxtool {
+
+PluginStream::PluginStream(Descriptor input, Descriptor output, std::string_view received,
+                           StreamSettings settings, StreamObserver& observer)
+    : input_fd_(std::move(input)),
+      output_fd_(std::move(output)),
+      settings_(settings),
+      observer_(observer),
+      input_(input_fd_.get(), stop_, *this, received),
+      output_(output_fd_.get(), stop_, *this) {
+  SetNonBlocking(input_fd_.get(), true);
+  SetNonBlocking(output_fd_.get(), true);
+}
+
+std::uint32_t PluginStream::Read(void* data, unsigned length, unsigned* got, unsigned /*flags*/) {
+  *got = static_cast<unsigned>(input_.Read(data, length));
+  if (*got > 0 || length == 0) return kGXModOk;
+  if (!stop_.raised() && !std::exchange(input_ended_, true)) observer_.OnInputEnd(input_.end_reason());
+  return kGXModFail;
+}
+
+std::uint32_t PluginStream::Write(const void* data, unsigned length, unsigned* written, unsigned /*flags*/) {
+  const bool taken = output_.Write(data, length);
+  *written = taken ? length : 0;
+  return taken ? kGXModOk : kGXModFail;
+}
+
+std::uint32_t PluginStream::Close() {
+  stop_.Raise();
+  output_.Close();
+  return kGXModOk;
+}
+
+void PluginStream::Ping() {
+  if (!settings_.raw) output_.Insert(MakeFrame(kPingFrame, 0, std::string(kPingBytes, '\0')));
+}
+
+void PluginStream::Finish(std::string_view reason, std::chrono::milliseconds limit) {
+  output_.Finish(settings_.raw ? std::string() : MakeFrame(kGoodbyeFrame, 0, reason), limit);
+}
+
+bool PluginStream::Passes(const gxmod::FrameHeader& header) {
+  if (IsControlFrame(header.type)) return false;
+  if (header.type == gxmod::ConnectionType::ChannelList) return settings_.allow_channel_list;
+  observer_.OnFrameReceived(header);
+  return true;
+}
+
+void PluginStream::OnTaken(const gxmod::FrameHeader& header, std::string_view payload) {
+  if (header.type == kPingFrame) output_.Insert(MakeFrame(kPongFrame, 0, payload));
+  if (header.type == kGoodbyeFrame) observer_.OnGoodbye(std::string(payload));
+}
+
+}  // namespace gxtool

@@ -1,0 +1,79 @@
+// The byte stream that the module works on, over two descriptors.
+#ifndef GX_SSH_PLUGIN_STREAM_H
+#define GX_SSH_PLUGIN_STREAM_H
+
+#include <gxmod/control_ssh.h>
+#include <gxmod/frames.h>
+
+#include <chrono>
+#include <string>
+#include <string_view>
+
+#include "gx-ssh/counted.h"
+#include "gx-ssh/descriptor.h"
+#include "gx-ssh/plugin_input.h"
+#include "gx-ssh/plugin_output.h"
+#include "gx-ssh/stop_signal.h"
+
+namespace gxtool {
+
+// What the program learns from the stream. Called on threads of the module, which wait meanwhile.
+class StreamObserver {
+ public:
+  virtual void OnFrameSent(const gxmod::FrameHeader& header) = 0;
+  virtual void OnFrameReceived(const gxmod::FrameHeader& header) = 0;
+  // The far side ends in order; the end of the stream follows.
+  virtual void OnGoodbye(const std::string& reason) = 0;
+  // Nothing more comes, and not because of Close. Once; `reason` is for a message.
+  virtual void OnInputEnd(const std::string& reason) = 0;
+  // Nothing more can be sent. Once.
+  virtual void OnOutputFailed(const std::string& reason) = 0;
+
+ protected:
+  ~StreamObserver() = default;
+};
+
+struct StreamSettings {
+  bool raw = false;                 // send no frames but the module's
+  bool allow_channel_list = false;  // otherwise lists from the far side, which open ports here, are dropped
+};
+
+// Write takes the whole block at once. Frames that only the two tools exchange never reach the module: pings
+// are answered, the rest is reported. Threads: as IPluginStreamRaw says; Ping, Finish and silence on any.
+class PluginStream final : public Counted<IPluginStreamRaw>, PluginInput::Handler, PluginOutput::Handler {
+ public:
+  // Owns the descriptors. `received` is what has been read from `input` already. `observer` outlives the
+  // stream.
+  PluginStream(Descriptor input, Descriptor output, std::string_view received, StreamSettings settings,
+               StreamObserver& observer);
+
+  std::uint32_t Read(void* data, unsigned length, unsigned* got, unsigned flags) override;
+  std::uint32_t Write(const void* data, unsigned length, unsigned* written, unsigned flags) override;
+  std::uint32_t Close() override;
+
+  // Asks the far side for a sign of life.
+  void Ping();
+  // For how long the far side has been silent while the module was waiting for it.
+  std::chrono::milliseconds silence() const { return input_.silence(); }
+  // Takes no more from the module, says goodbye and waits until all is sent, at most `limit`.
+  void Finish(std::string_view reason, std::chrono::milliseconds limit);
+
+ private:
+  bool Passes(const gxmod::FrameHeader& header) override;
+  void OnTaken(const gxmod::FrameHeader& header, std::string_view payload) override;
+  void OnFrameSent(const gxmod::FrameHeader& header) override { observer_.OnFrameSent(header); }
+  void OnWriteFailed(const std::string& reason) override { observer_.OnOutputFailed(reason); }
+
+  const Descriptor input_fd_;
+  const Descriptor output_fd_;
+  const StreamSettings settings_;
+  StreamObserver& observer_;
+  StopSignal stop_;
+  PluginInput input_;
+  PluginOutput output_;
+  bool input_ended_ = false;  // only in Read
+};
+
+}  // namespace gxtool
+
+#endif  // GX_SSH_PLUGIN_STREAM_H

@@ -1,0 +1,35 @@
+// A switch that wakes threads that wait in poll.
+#ifndef GX_SSH_STOP_SIGNAL_H
+#define GX_SSH_STOP_SIGNAL_H
+
+#include <atomic>
+
+#include "gx-ssh/descriptor.h"
+
+namespace gxtool {
+
+// Thrown once, for good. Threads: any.
+class StopSignal {
+ public:
+  StopSignal() : pipe_(MakePipe()) {}
+
+  void Raise() {
+    // Closing the far end makes `fd` readable for everyone who waits, now and later.
+    if (!raised_.exchange(true)) pipe_.write.Reset();
+  }
+  bool raised() const { return raised_; }
+
+  // Becomes readable when the switch is thrown.
+  int fd() const { return pipe_.read.get(); }
+
+  // Waits until `fd` is ready for `events` (of poll). False: the switch was thrown.
+  bool WaitFor(int fd, short events) const;
+
+ private:
+  Pipe pipe_;
+  std::atomic<bool> raised_{false};
+};
+
+}  // namespace gxtool
+
+#endif  // GX_SSH_STOP_SIGNAL_H
