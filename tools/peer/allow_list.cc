@@ -1,8 +1,29 @@
 #include "peer/allow_list.h"
 
+#include <arpa/inet.h>
+#include <netinet/in.h>
+
 #include <algorithm>
 
 namespace gxtool {
+namespace {
+
+bool IsNearV4(std::uint32_t address) {
+  const std::uint32_t net = address >> 24;
+  return net == 0 || net == 127 || net >= 224 || address >> 16 == 0xa9fe;
+}
+
+// Addresses that never leave this computer or its link. What is no plain address counts as one.
+bool IsNear(const std::string& text) {
+  in_addr v4;
+  in6_addr v6;
+  if (inet_pton(AF_INET, text.c_str(), &v4) == 1) return IsNearV4(ntohl(v4.s_addr));
+  if (inet_pton(AF_INET6, text.c_str(), &v6) != 1) return true;
+  return IN6_IS_ADDR_UNSPECIFIED(&v6) || IN6_IS_ADDR_LOOPBACK(&v6) || IN6_IS_ADDR_LINKLOCAL(&v6) ||
+         IN6_IS_ADDR_MULTICAST(&v6) || IN6_IS_ADDR_V4MAPPED(&v6) || IN6_IS_ADDR_V4COMPAT(&v6);
+}
+
+}  // namespace
 
 AllowList AllowList::Default() {
   AllowList list;
@@ -36,6 +57,10 @@ bool AllowList::Permits(const HostPort& target) const {
   return std::any_of(entries_.begin(), entries_.end(), [&target](const Entry& entry) {
     return (!entry.host || *entry.host == target.host) && (!entry.port || *entry.port == target.port);
   });
+}
+
+bool AllowList::PermitsAddress(const HostPort& target, const std::string& address) const {
+  return target.host == "localhost" || !IsNear(address) || Permits({address, target.port});
 }
 
 }  // namespace gxtool

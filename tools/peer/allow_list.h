@@ -29,6 +29,11 @@ class AllowList {
 
   bool Permits(const HostPort& target) const;
 
+  // Whether `target`, a name that Permits, may be reached at `address`. Whoever runs the name's server could
+  // have it lead to services of this computer, so loopback, link-local, multicast and unspecified addresses
+  // must be permitted by themselves. "localhost" is what it says.
+  bool PermitsAddress(const HostPort& target, const std::string& address) const;
+
  private:
   struct Entry {
     std::optional<std::string> host;    // nothing: any

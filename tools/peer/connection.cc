@@ -34,8 +34,8 @@ std::size_t TotalBytes(std::span<const iovec> pieces) {
 
 }  // namespace
 
-Connection::Connection(asio::io_context& io, std::uint32_t id, Owner* owner)
-    : id_(id), owner_(owner), socket_(io) {}
+Connection::Connection(asio::io_context& io, std::uint32_t id, std::string name, Owner* owner)
+    : id_(id), name_(std::move(name)), owner_(owner), socket_(io) {}
 
 void Connection::Open(std::vector<asio::ip::tcp::endpoint> endpoints) {
   endpoints_ = std::move(endpoints);
@@ -70,10 +70,18 @@ void Connection::TryNext(asio::error_code last) {
   }
   const asio::ip::tcp::endpoint endpoint = endpoints_[next_endpoint_++];
   if (const asio::error_code error = OpenSocket(endpoint)) return TryNext(error);
+  tried_at_ = Clock::now();
   socket_.async_connect(endpoint, [self = shared_from_this()](asio::error_code error) {
     if (self->state_ == State::kGone) return;
     error ? self->TryNext(error) : self->OnConnected();
   });
+}
+
+void Connection::Hurry(Clock::duration time) {
+  if (connected_ || next_endpoint_ == endpoints_.size()) return;
+  const auto share = time / static_cast<Clock::duration::rep>(endpoints_.size());
+  asio::error_code ignored;
+  if (Clock::now() - tried_at_ >= share) socket_.cancel(ignored);
 }
 
 void Connection::OnConnected() {

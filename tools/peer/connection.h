@@ -19,6 +19,7 @@
 #include <memory>
 #include <optional>
 #include <span>
+#include <string>
 #include <string_view>
 #include <vector>
 
@@ -47,10 +48,11 @@ class Connection : public std::enable_shared_from_this<Connection> {
     ~Owner() = default;
   };
 
-  // `owner` is not owned and outlives the connection.
-  Connection(asio::io_context& io, std::uint32_t id, Owner* owner);
+  // `name` is for people. `owner` is not owned and outlives the connection.
+  Connection(asio::io_context& io, std::uint32_t id, std::string name, Owner* owner);
 
   std::uint32_t id() const { return id_; }
+  const std::string& name() const { return name_; }
   State state() const { return state_; }
   // Bytes that the target has not taken yet.
   std::size_t queued() const { return queue_.size(); }
@@ -64,6 +66,8 @@ class Connection : public std::enable_shared_from_this<Connection> {
 
   // Tries the endpoints one after the other.
   void Open(std::vector<asio::ip::tcp::endpoint> endpoints);
+  // Goes on to the next endpoint, if there is one, when this one has kept silent for its share of `time`.
+  void Hurry(Clock::duration time);
 
   // Gathers bytes for the target without a copy; they stay valid until Deliver.
   void Gather(std::string_view bytes);
@@ -101,11 +105,13 @@ class Connection : public std::enable_shared_from_this<Connection> {
   void Leave();
 
   const std::uint32_t id_;
+  const std::string name_;
   Owner* const owner_;
   State state_ = State::kOpening;
   TcpSocket socket_;
   std::vector<asio::ip::tcp::endpoint> endpoints_;
   std::size_t next_endpoint_ = 0;
+  Clock::time_point tried_at_;  // the current endpoint
   bool connected_ = false;
   bool read_waiting_ = false;
   bool write_waiting_ = false;

@@ -1,62 +1,111 @@
 // gx-ssh-peer: the far side of the tunnel as a program. Frames on stdin and stdout, words on stderr.
+#include <fcntl.h>
 #include <spdlog/sinks/stdout_sinks.h>
 #include <spdlog/spdlog.h>
+#include <sys/resource.h>
+#include <termios.h>
 #include <unistd.h>
 
-#include <CLI/CLI.hpp>
+#include <algorithm>
 #include <csignal>
+#include <cstdio>
+#include <exception>
 #include <string>
-#include <vector>
+#include <utility>
 
+#include "peer/command_line.h"
 #include "peer/peer.h"
 
 namespace {
 
-constexpr int kUsageError = 2;
+constexpr int kUsageStatus = 2;
 
-void SetUpLogging(spdlog::level::level_enum level) {
-  spdlog::set_default_logger(spdlog::stderr_logger_st("gx-ssh-peer"));
+void SetUpLog() {
+  spdlog::set_default_logger(spdlog::stderr_logger_mt("gx-ssh-peer"));
   spdlog::set_pattern("%n: %v");
-  spdlog::set_level(level);
 }
 
-int UsageError(const std::string& line) {
-  spdlog::critical("{} (try gx-ssh-peer --help)", line);
-  return kUsageError;
+spdlog::level::level_enum LogThreshold(const gxtool::CommandLine& line) {
+  if (line.quiet) return spdlog::level::err;
+  const spdlog::level::level_enum levels[] = {spdlog::level::warn, spdlog::level::info, spdlog::level::debug};
+  return levels[std::min(line.verbosity, 2)];
+}
+
+void Log(gxtool::LogLevel level, const std::string& line) {
+  switch (level) {
+    case gxtool::LogLevel::kError:
+      return spdlog::error("{}", line);
+    case gxtool::LogLevel::kWarning:
+      return spdlog::warn("{}", line);
+    case gxtool::LogLevel::kInfo:
+      return spdlog::info("{}", line);
+    case gxtool::LogLevel::kDebug:
+      return spdlog::debug("{}", line);
+  }
+}
+
+int FailUsage(const std::string& line) {
+  spdlog::error("{} (see gx-ssh-peer --help)", line);
+  return kUsageStatus;
+}
+
+// A terminal in its usual mode edits lines and changes line ends. A serial line in raw mode is fine.
+bool IsEditingTerminal(int fd) {
+  termios mode{};
+  return tcgetattr(fd, &mode) == 0 && ((mode.c_lflag & (ICANON | ECHO)) != 0 || (mode.c_oflag & OPOST) != 0);
+}
+
+// Every connection takes a descriptor, also while it closes.
+void RaiseDescriptorLimit(std::size_t connections) {
+  rlimit limit{};
+  const rlim_t wanted = 2 * connections + 64;
+  if (getrlimit(RLIMIT_NOFILE, &limit) != 0 || limit.rlim_cur >= wanted) return;
+  limit.rlim_cur = std::min(limit.rlim_max, wanted);
+  setrlimit(RLIMIT_NOFILE, &limit);
+}
+
+// A connection must not get the number of a standard stream that was closed: words would go there.
+void FillStandardStreams() {
+  int fd = 0;
+  while ((fd = open("/dev/null", O_RDWR | O_CLOEXEC)) >= 0 && fd <= STDERR_FILENO) {
+  }
+  if (fd >= 0) close(fd);
+}
+
+int Main(int argc, const char* const* argv) {
+  gxtool::CommandLine line = gxtool::ParseCommandLine(argc, argv);
+  if (!line.text.empty()) {
+    std::fputs(line.text.c_str(), stdout);
+    return std::fflush(stdout) == 0 ? 0 : 1;
+  }
+  spdlog::set_level(LogThreshold(line));
+  for (const int fd : {STDIN_FILENO, STDOUT_FILENO}) {
+    if (IsEditingTerminal(fd)) {
+      return FailUsage(
+          std::string(fd == STDIN_FILENO ? "stdin" : "stdout") +
+          " is a terminal: frames need a clean byte stream, so gx-ssh starts this program; ssh -T, docker "
+          "exec -i without -t, and stty raw on a serial line give one");
+    }
+  }
+  RaiseDescriptorLimit(line.options.max_connections);
+  line.options.handle_signals = true;
+  line.options.log = Log;
+  gxtool::Peer peer(std::move(line.options), STDIN_FILENO, STDOUT_FILENO);
+  return peer.Run();
 }
 
 }  // namespace
 
 int main(int argc, char** argv) {
-  SetUpLogging(spdlog::level::warn);
+  FillStandardStreams();
+  SetUpLog();
   std::signal(SIGPIPE, SIG_IGN);
-
-  CLI::App app(
-      "The far side of gx-ssh: speaks frames on stdin and stdout and opens the connections they ask for.",
-      "gx-ssh-peer");
-  std::vector<std::string> allow;
-  bool raw = false;
-  app.add_option("--allow", allow, "A target that may be asked for")
-      ->type_name("HOST:PORT")
-      ->allow_extra_args(false);
-  app.add_flag("--raw", raw, "Frames from the first byte: no ready line");
   try {
-    app.parse(argc, argv);
-  } catch (const CLI::ParseError& error) {
-    if (error.get_exit_code() == 0) return app.exit(error);
-    return UsageError(error.what());
+    return Main(argc, argv);
+  } catch (const gxtool::UsageError& error) {
+    return FailUsage(error.what());
+  } catch (const std::exception& error) {
+    spdlog::error("{}", error.what());
+    return gxtool::kPeerLinkLost;
   }
-
-  gxtool::PeerOptions options;
-  if (!allow.empty()) options.allow = gxtool::AllowList();
-  for (const std::string& entry : allow) {
-    std::string why;
-    if (!options.allow.Add(entry, &why)) return UsageError("--allow " + entry + ": " + why);
-  }
-  options.raw = raw;
-  options.log = [](gxtool::LogLevel level, const std::string& line) {
-    spdlog::log(level == gxtool::LogLevel::kWarning ? spdlog::level::warn : spdlog::level::info, "{}", line);
-  };
-  gxtool::Peer peer(std::move(options), STDIN_FILENO, STDOUT_FILENO);
-  return peer.Run();
 }

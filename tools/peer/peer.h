@@ -19,7 +19,7 @@
 
 namespace gxtool {
 
-enum class LogLevel { kWarning, kInfo, kDebug };
+enum class LogLevel { kError, kWarning, kInfo, kDebug };  // kError: why Run ends
 
 // What Run returns; also the program's exit status.
 inline constexpr int kPeerEnded = 0;     // the stream ended between two frames, or Stop

@@ -1,6 +1,7 @@
 #include "peer/session.h"
 
 #include <algorithm>
+#include <csignal>
 #include <utility>
 
 #include "link/control_frames.h"
@@ -35,7 +36,9 @@ std::vector<tcp::endpoint> Endpoints(const std::vector<std::string>& addresses, 
   return endpoints;
 }
 
-std::string Label(const Connection& connection) { return "connection " + std::to_string(connection.id()); }
+std::string Label(const Connection& connection) {
+  return "connection " + std::to_string(connection.id()) + " to " + connection.name();
+}
 
 }  // namespace
 
@@ -45,10 +48,18 @@ PeerSession::PeerSession(PeerOptions options, int read_fd, int write_fd)
       write_fd_(write_fd),
       input_(io_, read_fd_.Duplicate(), this),
       output_(io_, write_fd_.Duplicate(), this),
+      keepalive_(io_, options_.raw ? milliseconds(0) : options_.keepalive, options_.keepalive_count, this),
       tick_(io_),
-      resolver_(io_, options_.lookup) {}
+      resolver_(io_, options_.lookup),
+      phase_(options_.raw ? Phase::kRunning : Phase::kGreeting) {}
 
 int PeerSession::Run() {
+  if (phase_ == Phase::kGreeting) {
+    output_.AddText(ReadyLine(Side::kPeer));
+    phase_end_ = Clock::now() + options_.connect_timeout;
+    NeedTick();
+  }
+  if (options_.handle_signals) WatchSignals();
   input_.Start();
   io_.run();
   for (const auto& [id, connection] : live_) connection->Abort();
@@ -57,18 +68,66 @@ int PeerSession::Run() {
 }
 
 void PeerSession::RequestStop() {
-  asio::post(io_, [this] {
-    if (stop_requested_) return io_.stop();
-    stop_requested_ = true;
-    if (phase_ == Phase::kRunning) StartDraining(kStopTime);
+  asio::post(io_, [this] { Stop(); });
+}
+
+void PeerSession::Stop() {
+  if (stop_requested_) return io_.stop();
+  stop_requested_ = true;
+  if (IsWorking()) StartDraining(kStopTime);
+}
+
+void PeerSession::WatchSignals() {
+  for (const int number : {SIGTERM, SIGINT, SIGHUP}) {
+    struct sigaction present {};
+    // nohup and the like have a signal ignored on purpose.
+    if (sigaction(number, nullptr, &present) == 0 && present.sa_handler != SIG_IGN) signals_.add(number);
+  }
+  WaitForSignal();
+}
+
+void PeerSession::WaitForSignal() {
+  signals_.async_wait([this](asio::error_code error, int) {
+    if (error) return;
+    Stop();
+    WaitForSignal();
   });
 }
 
 void PeerSession::OnBytes(std::string_view bytes) {
-  frames_.Feed(bytes);
+  keepalive_.OnReceived();
+  if (phase_ == Phase::kGreeting) Greet(&bytes);
+  if (phase_ == Phase::kRunning || phase_ == Phase::kDraining) frames_.Feed(bytes);
   for (const ConnectionPtr& connection : gathering_) connection->Deliver();
   gathering_.clear();
   PauseOrResumeInput();
+}
+
+void PeerSession::Greet(std::string_view* bytes) {
+  bytes->remove_prefix(greeting_.Feed(*bytes));
+  switch (greeting_.state()) {
+    case ReadyLineFinder::State::kSearching:
+      return;
+    case ReadyLineFinder::State::kFound:
+      phase_ = Phase::kRunning;
+      return keepalive_.Start();
+    case ReadyLineFinder::State::kOtherVersion:
+      return FailGreeting("gx-ssh speaks version " + greeting_.version() +
+                          " of the protocol, this program version " + std::to_string(kProtocolVersion) +
+                          ": install the same release on both sides");
+    case ReadyLineFinder::State::kNotClean:
+      return FailGreeting(
+          "a terminal lies in between and changes bytes: use ssh -T, docker exec -i without -t");
+    case ReadyLineFinder::State::kTooMuchNoise:
+      return FailGreeting("no ready line of gx-ssh among the first " + std::to_string(kNoiseBytes) + " bytes");
+  }
+}
+
+void PeerSession::FailGreeting(const std::string& why) {
+  result_ = kPeerNotReady;
+  const std::string noise = Escape(greeting_.noise());
+  Log(LogLevel::kError, why + (noise.empty() ? "" : "; what came ends in \"" + noise + '"'));
+  EndAll({});
 }
 
 void PeerSession::OnFrame(const gxmod::FrameHeader& header) {
@@ -108,6 +167,7 @@ void PeerSession::OnFrameEnd() {
 }
 
 void PeerSession::OnControlFrame() {
+  if (frame_.type == kGoodbyeFrame) Log(LogLevel::kInfo, "the other side ends: " + Escape(text_));
   if (frame_.type != kPingFrame || text_.size() != kPingBytes) return;
   output_.AddControl(kPongFrame, 0, text_);
 }
@@ -118,7 +178,8 @@ void PeerSession::Connect(std::uint32_t id, const std::string& text) {
   }
   const auto target = JudgeTarget(id, text);
   if (!target) return;
-  const auto connection = std::make_shared<Connection>(io_, id, static_cast<Connection::Owner*>(this));
+  const auto connection =
+      std::make_shared<Connection>(io_, id, target->ToString(), static_cast<Connection::Owner*>(this));
   live_.emplace(id, connection);
   NeedTick();
   OpenTarget(*connection, *target);
@@ -149,15 +210,30 @@ void PeerSession::Refuse(std::uint32_t id, const std::string& line) {
 }
 
 void PeerSession::OpenTarget(Connection& connection, const HostPort& target) {
-  Log(LogLevel::kInfo, Label(connection) + " to " + target.ToString());
   if (target.IsNumeric()) return connection.Open(Endpoints({target.host}, target.port));
   resolver_.Resolve(target.host,
                     [this, held = connection.weak_from_this(), target](const LookupResult& result) {
                       const ConnectionPtr waiting = held.lock();
-                      if (waiting == nullptr || waiting->state() == Connection::State::kGone) return;
-                      if (result.addresses.empty()) Log(LogLevel::kWarning, target.host + ": " + result.error);
-                      waiting->Open(Endpoints(result.addresses, target.port));
+                      if (waiting != nullptr && waiting->state() != Connection::State::kGone)
+                        OnResolved(*waiting, target, result);
                     });
+}
+
+void PeerSession::OnResolved(Connection& connection, const HostPort& target, const LookupResult& result) {
+  std::vector<std::string> addresses;
+  std::string why = result.error;
+  for (const std::string& address : result.addresses) {
+    if (options_.target || options_.allow.PermitsAddress(target, address)) {
+      addresses.push_back(address);
+    } else {
+      const std::string place = HostPort{address, target.port}.ToString();
+      why = "it leads to " + place + "; to permit that, start with --allow " + place;
+    }
+  }
+  if (addresses.empty() && connection.state() == Connection::State::kOpening) {
+    return Drop(connection, "could not be opened: " + why);
+  }
+  connection.Open(Endpoints(addresses, target.port));
 }
 
 // The channel is this very stream, so it works; the text goes back for the asker to know its tests apart.
@@ -167,7 +243,7 @@ void PeerSession::AnswerTest() {
   output_.AddControl(ConnectionType::TestRespond, 0, payload);
 }
 
-void PeerSession::OnOpen(Connection& connection) { Log(LogLevel::kDebug, Label(connection) + " is open"); }
+void PeerSession::OnOpen(Connection& connection) { Log(LogLevel::kInfo, Label(connection) + " is open"); }
 
 void PeerSession::OnOpenFailed(Connection& connection, asio::error_code error) {
   Drop(connection, "could not be opened: " + error.message());
@@ -250,11 +326,26 @@ void PeerSession::OnOutputProgress() {
 }
 
 void PeerSession::OnOutputBroken() {
-  if (phase_ == Phase::kRunning) {
-    result_ = kPeerLinkLost;
-    Log(LogLevel::kInfo, "nobody reads the stream any more");
-  }
-  if (phase_ != Phase::kEnding) EndAll();
+  if (IsWorking()) return Lose(LogLevel::kInfo, "nobody reads the stream any more");
+  if (phase_ == Phase::kDraining) EndAll({});
+  CheckPhase(Clock::now());
+}
+
+void PeerSession::OnQuiet() {
+  // What waits to be written shows as well that this side lives.
+  if (IsWorking() && output_.idle()) output_.AddControl(kPingFrame, 0, std::string(kPingBytes, '\0'));
+}
+
+void PeerSession::OnSilent() {
+  if (!IsWorking()) return;
+  const std::string time = FormatDuration(options_.keepalive * options_.keepalive_count);
+  Lose(LogLevel::kError, "nothing came for " + time + ": the link is lost");
+}
+
+void PeerSession::Lose(LogLevel level, const std::string& why) {
+  result_ = kPeerLinkLost;
+  Log(level, why);
+  EndAll({});
 }
 
 // Each mark is let go at its half, so that the input does not stop and start for every byte.
@@ -297,7 +388,9 @@ void PeerSession::CheckConnection(Connection& connection, Clock::time_point now)
     return limit.count() != 0 && time >= limit;
   };
   const auto still = now - connection.last_move();
+  if (!live_.contains(connection.id())) return;
   if (connection.state() == Connection::State::kOpening) {
+    if (options_.connect_timeout.count() != 0) connection.Hurry(options_.connect_timeout);
     if (over(options_.connect_timeout, still)) {
       Drop(connection, "could not be opened within " + FormatDuration(options_.connect_timeout));
     }
@@ -310,16 +403,16 @@ void PeerSession::CheckConnection(Connection& connection, Clock::time_point now)
 }
 
 void PeerSession::OnEnd() {
+  if (phase_ == Phase::kGreeting) return FailGreeting("the stream ended before the ready line of gx-ssh");
   // While the input waited, what is unread is lost with its writer.
   if (!input_.paused() && !frames_.AtFrameEnd()) {
     result_ = kPeerLinkLost;
-    Log(LogLevel::kWarning, "the stream ended inside a frame");
+    Log(LogLevel::kError, "the stream ended inside a frame");
   }
   input_.Stop();
   input_ended_ = true;
-  if (phase_ != Phase::kRunning) return CheckPhase(Clock::now());
   for (const auto& [id, connection] : live_) connection->FinishWriting();
-  StartDraining(kInputEndTime);
+  IsWorking() ? StartDraining(kInputEndTime) : CheckPhase(Clock::now());
 }
 
 void PeerSession::StartDraining(Clock::duration time) {
@@ -330,7 +423,13 @@ void PeerSession::StartDraining(Clock::duration time) {
 }
 
 void PeerSession::CheckPhase(Clock::time_point now) {
-  if (phase_ == Phase::kDraining && (now >= phase_end_ || NothingUnderWay(now))) EndAll();
+  if (phase_ == Phase::kGreeting && options_.connect_timeout.count() != 0 && now >= phase_end_) {
+    FailGreeting("no ready line of gx-ssh within " + FormatDuration(options_.connect_timeout) +
+                 ": gx-ssh starts this program itself; for another far side use --raw on both");
+  }
+  if (phase_ == Phase::kDraining && (now >= phase_end_ || NothingUnderWay(now))) {
+    EndAll(stop_requested_ ? "stopped" : "end of input");
+  }
   if (phase_ != Phase::kEnding) return;
   if (now >= phase_end_ || (live_.empty() && closing_.empty() && output_.idle())) io_.stop();
 }
@@ -345,11 +444,12 @@ bool PeerSession::NothingUnderWay(Clock::time_point now) const {
          });
 }
 
-void PeerSession::EndAll() {
+void PeerSession::EndAll(std::string_view reason) {
   phase_ = Phase::kEnding;
   phase_end_ = Clock::now() + kEndTime;
   input_.Stop();
   while (!live_.empty()) End(*live_.begin()->second, "ended with the link");
+  if (!options_.raw && result_ == kPeerEnded) output_.AddControl(kGoodbyeFrame, 0, reason);
   NeedTick();
 }
 

@@ -1,7 +1,8 @@
 // The event loop behind Peer: frames in, frames out, connections in between.
 //
 //   phase      entered when                              left when
-//   kRunning   constructed                               the input ends; a stop is asked for; the output breaks
+//   kGreeting  constructed, unless raw                   the ready line has come; as kRunning
+//   kRunning   the ready line has come; constructed raw  the input ends; a stop is asked for; the link is lost
 //   kDraining  the input has ended; a stop was asked for nothing is under way any more; its time is over
 //   kEnding    every connection was told to close        all is written and closed; its time is over
 //
@@ -21,10 +22,12 @@
 #include <vector>
 
 #include "link/frame_reader.h"
+#include "link/ready_line.h"
 #include "peer/asio_types.h"
 #include "peer/borrowed_fd.h"
 #include "peer/connection.h"
 #include "peer/frame_output.h"
+#include "peer/keepalive.h"
 #include "peer/peer.h"
 #include "peer/resolver.h"
 #include "peer/stream_reader.h"
@@ -34,7 +37,8 @@ namespace gxtool {
 class PeerSession final : private StreamReader::Owner,
                           private FrameReader::Handler,
                           private FrameOutput::Owner,
-                          private Connection::Owner {
+                          private Connection::Owner,
+                          private Keepalive::Owner {
  public:
   PeerSession(PeerOptions options, int read_fd, int write_fd);
 
@@ -42,7 +46,7 @@ class PeerSession final : private StreamReader::Owner,
   void RequestStop();
 
  private:
-  enum class Phase { kRunning, kDraining, kEnding };
+  enum class Phase { kGreeting, kRunning, kDraining, kEnding };
   using ConnectionPtr = std::shared_ptr<Connection>;
 
   void OnBytes(std::string_view bytes) override;
@@ -61,12 +65,24 @@ class PeerSession final : private StreamReader::Owner,
   void OnQueued(Connection& connection, std::ptrdiff_t delta) override;
   void OnGone(Connection& connection) override;
 
+  void OnQuiet() override;
+  void OnSilent() override;
+  bool IsDeaf() const override { return input_.paused(); }
+
+  // Takes the ready line off the front of `bytes`.
+  void Greet(std::string_view* bytes);
+  void FailGreeting(const std::string& why);
+  void Stop();
+  void WatchSignals();
+  void WaitForSignal();
+
   // What frames ask for.
   void OnControlFrame();
   void Connect(std::uint32_t id, const std::string& text);
   std::optional<HostPort> JudgeTarget(std::uint32_t id, const std::string& text);
   void Refuse(std::uint32_t id, const std::string& line);
   void OpenTarget(Connection& connection, const HostPort& target);
+  void OnResolved(Connection& connection, const HostPort& target, const LookupResult& result);
   void AnswerTest();
 
   // Data from targets.
@@ -87,9 +103,12 @@ class PeerSession final : private StreamReader::Owner,
   void CheckConnection(Connection& connection, Clock::time_point now);
 
   void StartDraining(Clock::duration time);
+  void Lose(LogLevel level, const std::string& why);
   void CheckPhase(Clock::time_point now);
+  bool IsWorking() const { return phase_ == Phase::kGreeting || phase_ == Phase::kRunning; }
   bool NothingUnderWay(Clock::time_point now) const;
-  void EndAll();
+  // Ends every connection and says goodbye, unless the link was lost.
+  void EndAll(std::string_view reason);
 
   void Log(LogLevel level, const std::string& line) const;
 
@@ -99,9 +118,12 @@ class PeerSession final : private StreamReader::Owner,
   asio::io_context io_{1};
   StreamReader input_;
   FrameOutput output_;
+  Keepalive keepalive_;
   Timer tick_;
   bool tick_armed_ = false;
   Resolver resolver_;
+  asio::signal_set signals_{io_};
+  ReadyLineFinder greeting_{Side::kHost};
 
   FrameReader frames_{this};
   gxmod::FrameHeader frame_;              // the one being read
@@ -118,7 +140,7 @@ class PeerSession final : private StreamReader::Owner,
 
   bool stop_requested_ = false;
   bool input_ended_ = false;
-  Phase phase_ = Phase::kRunning;
+  Phase phase_;
   Clock::time_point phase_end_;
   int result_ = kPeerEnded;
 };

@@ -40,6 +40,22 @@ TEST(AllowListTest, DefaultAndAny) {
   EXPECT_FALSE(Passes(AllowList(), "127.0.0.1:22"));
 }
 
+// A name that was permitted may not lead to services of this computer that were not.
+TEST(AllowListTest, JudgesWhereNamesLead) {
+  const AllowList list = ListOf({"db.example:22", "127.0.0.1:22", "localhost:80"});
+  const HostPort name{"db.example", 22};
+  for (const char* address : {"10.0.0.1", "192.168.1.1", "8.8.8.8", "2001:db8::1", "127.0.0.1"}) {
+    EXPECT_TRUE(list.PermitsAddress(name, address)) << address;
+  }
+  for (const char* address :
+       {"127.0.0.2", "0.0.0.0", "0.1.2.3", "169.254.169.254", "224.0.0.1", "255.255.255.255", "::", "::1",
+        "fe80::1", "fe80::1%lo", "ff02::1", "::ffff:10.0.0.1", "::10.0.0.1", ""}) {
+    EXPECT_FALSE(list.PermitsAddress(name, address)) << address;
+  }
+  EXPECT_TRUE(list.PermitsAddress({"localhost", 80}, "127.0.0.1"));
+  EXPECT_TRUE(AllowList::Any().PermitsAddress(name, "127.0.0.2"));
+}
+
 TEST(AllowListTest, RefusesEntriesThatAreNone) {
   for (const char* entry : {"", "*", "*:*", "[*]:22", "127.0.0.*:22", "*.example:22", "127.0.0.1:22,80",
                             "127.1:22", "127.0.0.1:022", "[::ffff:127.0.0.1]:22", "::1:22", "host"}) {

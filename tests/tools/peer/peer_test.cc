@@ -1,5 +1,7 @@
 #include "peer/peer.h"
 
+#include <condition_variable>
+
 #include "tools/peer/rig.h"
 
 namespace gxtool {
@@ -285,6 +287,205 @@ TEST(PeerTest, EndsWithItsInput) {
     gone.Join();
   }
   EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(10));
+}
+
+PeerOptions Cooked() {
+  PeerOptions options = Rig::Options();
+  options.raw = false;
+  return options;
+}
+
+TEST(PeerLinkTest, GreetsThenSpeaksFramesAndSaysGoodbye) {
+  const Target target;
+  Rig rig(Cooked());
+  EXPECT_EQ(rig.Line(), ReadyLine(Side::kPeer));
+  EXPECT_TRUE(WriteAll(rig.host(), "banner\n" + ReadyLine(Side::kHost) +
+                                       MakeFrame(ConnectionType::Connect, 1, target.Address()) +
+                                       MakeFrame(ConnectionType::Data, 1, "hi")));
+  Fd connection = target.Accept();
+  EXPECT_EQ(ReadExactly(connection.get(), 2), "hi");
+  ::shutdown(rig.host(), SHUT_WR);
+  EXPECT_EQ(ReadToEnd(connection.get()), "");
+  connection = Fd();
+  EXPECT_EQ(rig.Next(), Of(ConnectionType::Close, 1));
+  EXPECT_EQ(rig.Next(), Of(kGoodbyeFrame, 0, "end of input"));
+  EXPECT_EQ(rig.Next(), Frame());
+  EXPECT_EQ(rig.Join(), kPeerEnded);
+}
+
+TEST(PeerLinkTest, TellsWhyNobodyWasFound) {
+  const std::pair<const char*, const char*> cases[] = {
+      {"GX-SSH-HOST 7\n", "version 7"},
+      {"GX-SSH-HOST 1\r\n", "terminal"},
+      {"\x1b[1mwho are you?", "within 200ms.*x1b\\[1mwho are you"},
+  };
+  for (const auto& [text, reason] : cases) {
+    PeerOptions options = Cooked();
+    options.connect_timeout = std::chrono::milliseconds(200);
+    Rig rig(std::move(options));
+    EXPECT_TRUE(WriteAll(rig.host(), text));
+    EXPECT_EQ(rig.Join(), kPeerNotReady);
+    EXPECT_THAT(rig.lines(), ElementsAre(::testing::ContainsRegex(reason)));
+  }
+  Rig mute(Cooked());
+  EXPECT_EQ(mute.End(), kPeerNotReady);
+}
+
+TEST(PeerLinkTest, NoticesASilentLinkButNotABusyOrAnsweringOne) {
+  PeerOptions options = Cooked();
+  options.keepalive = std::chrono::milliseconds(100);
+  Rig rig(std::move(options));
+  EXPECT_EQ(rig.Line(), ReadyLine(Side::kPeer));
+  EXPECT_TRUE(WriteAll(rig.host(), ReadyLine(Side::kHost)));
+  for (int i = 0; i < 5; ++i) {
+    const Frame ping = rig.Next();
+    EXPECT_EQ(ping.type, static_cast<int>(kPingFrame));
+    rig.Send(kPongFrame, 0, ping.payload);
+  }
+  EXPECT_EQ(rig.Join(), kPeerLinkLost);
+  EXPECT_THAT(rig.lines(), ElementsAre(HasSubstr("nothing came for 300ms")));
+}
+
+TEST(PeerLinkTest, StopLetsWhatIsUnderWayFinish) {
+  const Target target;
+  Rig rig(Cooked());
+  EXPECT_EQ(rig.Line(), ReadyLine(Side::kPeer));
+  EXPECT_TRUE(WriteAll(rig.host(), ReadyLine(Side::kHost)));
+  const Fd busy = rig.Connect(1, target);
+  const Fd idle = rig.Connect(2, target);
+  const std::string bytes = Pattern(16 << 20, 1);
+  const std::size_t taken = WriteUntilStuck(busy.get(), bytes);
+  const auto start = std::chrono::steady_clock::now();
+  rig.peer().Stop();
+  rig.Send(ConnectionType::Connect, 3, target.Address());
+  std::thread writer([&] { EXPECT_TRUE(WriteAll(busy.get(), std::string_view(bytes).substr(taken))); });
+  std::string received;
+  std::vector<Frame> rest;
+  for (Frame frame = rig.Next(); frame.type != -1; frame = rig.Next()) {
+    frame.id == 1 && !frame.payload.empty() ? void(received += frame.payload) : rest.push_back(frame);
+  }
+  writer.join();
+  EXPECT_TRUE(received == bytes);
+  EXPECT_THAT(rest,
+              ::testing::UnorderedElementsAre(Of(ConnectionType::Close, 1), Of(ConnectionType::Close, 2),
+                                              Of(ConnectionType::Close, 3), Of(kGoodbyeFrame, 0, "stopped")));
+  EXPECT_EQ(rest.back().type, static_cast<int>(kGoodbyeFrame));
+  EXPECT_EQ(rig.Join(), kPeerEnded);
+  EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(10));
+}
+
+TEST(PeerLinkTest, StopDoesNotWaitForWhatNeverEnds) {
+  const Target target;
+  Rig rig;
+  const Fd deaf = rig.Connect(1, target);
+  const Fd endless = rig.Connect(2, target);
+  WriteUntilStuck(rig.host(), MakeFrame(ConnectionType::Data, 1, std::string(32 << 20, 'x')));
+  WriteUntilStuck(endless.get(), std::string(8 << 20, 'x'));
+  const auto start = std::chrono::steady_clock::now();
+  rig.peer().Stop();
+  EXPECT_EQ(rig.Join(), kPeerEnded);
+  EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(5));  // 2 on an idle machine
+}
+
+TEST(PeerLimitsTest, ConnectionsAreCounted) {
+  const Target target;
+  PeerOptions options = Rig::Options();
+  options.max_connections = 2;
+  Rig rig(std::move(options));
+  const Fd first = rig.Connect(1, target);
+  const Fd second = rig.Connect(2, target);
+  rig.Send(ConnectionType::Connect, 3, target.Address());
+  EXPECT_EQ(rig.Next(), Of(ConnectionType::Close, 3));
+  EXPECT_THAT(rig.lines(), ElementsAre(HasSubstr("--max-connections")));
+  rig.Send(ConnectionType::Close, 1);
+  EXPECT_EQ(ReadToEnd(first.get()), "");
+  EXPECT_GE(rig.Connect(4, target).get(), 0);
+}
+
+TEST(PeerLimitsTest, IdleConnectionsEndAndBusyOnesDoNot) {
+  const Target target;
+  PeerOptions options = Rig::Options();
+  options.idle_timeout = std::chrono::milliseconds(300);
+  Rig rig(std::move(options));
+  const Fd idle = rig.Connect(1, target);
+  const Fd busy = rig.Connect(2, target);
+  Frame frame = Of(ConnectionType::Data, 2, "tick");
+  while (frame == Of(ConnectionType::Data, 2, "tick")) {
+    EXPECT_TRUE(WriteAll(busy.get(), "tick"));
+    frame = rig.Next();
+  }
+  EXPECT_EQ(frame, Of(ConnectionType::Close, 1));
+}
+
+TEST(PeerLimitsTest, SilentTargetIsGivenUp) {
+  // A listener whose queue is full answers nobody.
+  const Target target;
+  ASSERT_EQ(::listen(target.fd(), 0), 0);
+  std::vector<Fd> fillers;
+  for (int i = 0; i < 4; ++i) {
+    fillers.emplace_back(::socket(AF_INET, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0));
+    const sockaddr_in address = target.address();
+    ::connect(fillers.back().get(), reinterpret_cast<const sockaddr*>(&address), sizeof address);
+  }
+  PeerOptions options = Rig::Options();
+  options.connect_timeout = std::chrono::milliseconds(300);
+  Rig rig(std::move(options));
+  rig.Send(ConnectionType::Connect, 1, target.Address());
+  EXPECT_EQ(rig.Next(), Of(ConnectionType::Close, 1));
+  EXPECT_THAT(rig.lines(), ElementsAre(HasSubstr("within 300ms")));
+}
+
+TEST(PeerNamesTest, AddressesAreTriedInTurnAndJudged) {
+  const Target target;
+  const std::string port = std::to_string(target.port());
+  PeerOptions options = Rig::Options();
+  options.allow = AllowList();
+  std::string why;
+  ASSERT_TRUE(options.allow.Add("db.example:" + port, &why));
+  ASSERT_TRUE(options.allow.Add("rebound.example:" + port, &why));
+  ASSERT_TRUE(options.allow.Add("127.0.0.1:*", &why));
+  options.lookup = [](const std::string& name) {
+    if (name == "db.example") return LookupResult{{"127.0.0.2", "garbage", "127.0.0.1"}, ""};
+    return LookupResult{{"127.0.0.3"}, ""};
+  };
+  Rig rig(std::move(options));
+  rig.Send(ConnectionType::Connect, 1, "DB.example:" + port);
+  rig.Send(ConnectionType::Data, 1, "found");
+  EXPECT_EQ(ReadExactly(target.Accept().get(), 5), "found");
+  EXPECT_EQ(rig.Next(), Of(ConnectionType::Close, 1));
+  rig.Send(ConnectionType::Connect, 2, "rebound.example:" + port);
+  EXPECT_EQ(rig.Next(), Of(ConnectionType::Close, 2));
+  EXPECT_THAT(rig.lines(), ::testing::Contains(HasSubstr("--allow 127.0.0.3:" + port)));
+}
+
+TEST(PeerNamesTest, LookupThatHangsHoldsNothingUp) {
+  struct Gate {
+    std::mutex mutex;
+    std::condition_variable open;
+    bool is_open = false;
+    bool passed = false;
+  };
+  const auto gate = std::make_shared<Gate>();
+  const Target target;
+  PeerOptions options = Rig::Options();
+  options.lookup = [gate](const std::string&) {
+    std::unique_lock lock(gate->mutex);
+    gate->open.wait(lock, [&] { return gate->is_open; });
+    gate->passed = true;
+    gate->open.notify_all();
+    return LookupResult{};
+  };
+  Rig rig(std::move(options));
+  rig.Send(ConnectionType::Connect, 1, "slow.example:22");
+  const Fd connection = rig.Connect(2, target);
+  EXPECT_TRUE(WriteAll(connection.get(), "at once"));
+  EXPECT_EQ(rig.Next(), Of(ConnectionType::Data, 2, "at once"));
+  rig.End();
+  // The thread that asks ends by itself when the answer comes.
+  std::unique_lock lock(gate->mutex);
+  gate->is_open = true;
+  gate->open.notify_all();
+  EXPECT_TRUE(gate->open.wait_for(lock, std::chrono::milliseconds(kBoundMs), [&] { return gate->passed; }));
 }
 
 }  // namespace

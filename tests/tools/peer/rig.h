@@ -23,6 +23,7 @@
 #include <vector>
 
 #include "link/control_frames.h"
+#include "link/ready_line.h"
 #include "peer/peer.h"
 
 namespace gxtool {
@@ -105,18 +106,18 @@ inline std::string Pattern(std::size_t length, std::uint32_t seed) {
 class Target {
  public:
   Target() : fd_(::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0)) {
-    sockaddr_in address{};
-    address.sin_family = AF_INET;
-    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    socklen_t length = sizeof address;
-    EXPECT_EQ(::bind(fd_.get(), reinterpret_cast<sockaddr*>(&address), length), 0);
+    address_.sin_family = AF_INET;
+    address_.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    socklen_t length = sizeof address_;
+    EXPECT_EQ(::bind(fd_.get(), reinterpret_cast<sockaddr*>(&address_), length), 0);
     EXPECT_EQ(::listen(fd_.get(), 1024), 0);
-    EXPECT_EQ(::getsockname(fd_.get(), reinterpret_cast<sockaddr*>(&address), &length), 0);
-    port_ = ntohs(address.sin_port);
+    EXPECT_EQ(::getsockname(fd_.get(), reinterpret_cast<sockaddr*>(&address_), &length), 0);
   }
 
-  std::string Address() const { return "127.0.0.1:" + std::to_string(port_); }
-  int port() const { return port_; }
+  std::string Address() const { return "127.0.0.1:" + std::to_string(port()); }
+  int port() const { return ntohs(address_.sin_port); }
+  int fd() const { return fd_.get(); }
+  const sockaddr_in& address() const { return address_; }
   bool HasCaller(int bound_ms) const { return WaitFor(fd_.get(), POLLIN, bound_ms); }
   Fd Accept() const {
     return Fd(HasCaller(kBoundMs) ? ::accept4(fd_.get(), nullptr, nullptr, SOCK_CLOEXEC) : -1);
@@ -124,7 +125,7 @@ class Target {
 
  private:
   Fd fd_;
-  int port_ = 0;
+  sockaddr_in address_{};
 };
 
 struct Frame {
@@ -157,7 +158,7 @@ class Rig {
     peer_fd_ = Fd(pair[1]);
     options.log = [this](LogLevel level, const std::string& line) {
       const std::lock_guard lock(mutex_);
-      if (level == LogLevel::kWarning) lines_.push_back(line);
+      if (level <= LogLevel::kWarning) lines_.push_back(line);
     };
     peer_ = std::make_unique<Peer>(std::move(options), peer_fd_.get(), peer_fd_.get());
     thread_ = std::thread([this] {
@@ -182,6 +183,7 @@ class Rig {
     return target.Accept();
   }
 
+  std::string Line() { return ReadExactly(host(), ReadyLine(Side::kPeer).size()); }
   Frame Next() {
     const std::string bytes = ReadExactly(host(), gxmod::kFrameHeaderBytes);
     if (bytes.size() < gxmod::kFrameHeaderBytes) return {};

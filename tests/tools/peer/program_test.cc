@@ -1,0 +1,174 @@
+// gx-ssh-peer as a process: what its options, its descriptors and signals do.
+#include <fcntl.h>
+#include <pty.h>
+#include <sys/wait.h>
+
+#include <cstdlib>
+
+#include "tools/peer/rig.h"
+
+namespace gxtool {
+namespace {
+
+using gxmod::ConnectionType;
+using ::testing::HasSubstr;
+
+struct Pipe {
+  Pipe() {
+    int ends[2] = {-1, -1};
+    EXPECT_EQ(::pipe2(ends, O_CLOEXEC), 0);
+    out = Fd(ends[0]);
+    in = Fd(ends[1]);
+  }
+  Fd out;
+  Fd in;
+};
+
+class Program {
+ public:
+  // Runs with these as stdin and stdout. `arguments` does not hold the program's own name.
+  Program(std::vector<std::string> arguments, int in, int out) {
+    Pipe words;
+    stderr_ = std::move(words.out);
+    std::vector<char*> argv{const_cast<char*>(GX_PEER_PROGRAM)};
+    for (std::string& argument : arguments) argv.push_back(argument.data());
+    argv.push_back(nullptr);
+    pid_ = ::fork();
+    if (pid_ == 0) {
+      ::dup2(in, STDIN_FILENO);
+      ::dup2(out, STDOUT_FILENO);
+      ::dup2(words.in.get(), STDERR_FILENO);
+      ::execv(argv[0], argv.data());
+      ::_exit(127);
+    }
+  }
+  ~Program() {
+    if (pid_ > 0) {
+      ::kill(pid_, SIGKILL);
+      ::waitpid(pid_, nullptr, 0);
+    }
+  }
+
+  void Signal(int number) const { ::kill(pid_, number); }
+  // Waits for its end; its exit status, or -1 when a signal ended it.
+  int Status() {
+    words_ = ReadToEnd(stderr_.get());
+    int status = 0;
+    ::waitpid(std::exchange(pid_, -1), &status, 0);
+    return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+  }
+  // After Status.
+  const std::string& words() const { return words_; }
+
+ private:
+  pid_t pid_;
+  Fd stderr_;
+  std::string words_;
+};
+
+TEST(PeerProgramTest, WrongCommandLinesGetOneLineAndStatus2) {
+  const std::pair<std::vector<std::string>, const char*> cases[] = {
+      {{"--allow", "127.1:22"}, "--allow 127.1:22: an IPv4 address"},
+      {{"--allow", "*:*"}, "--allow-any"},
+      {{"--allow", "a:1", "--allow-any"}, "excludes"},
+      {{"--target", "a:1", "--allow", "b:1"}, "excludes"},
+      {{"--target", "host"}, "HOST:PORT"},
+      {{"--connect-timeout", "soon"}, "15s"},
+      {{"--max-connections", "0"}, "--max-connections"},
+      {{"--keepalive-count", "-1"}, "--keepalive-count"},
+      {{"--no\nsuch\x1b"}, "--no\\nsuch\\x1b"},
+      {{"word"}, "word"},
+  };
+  for (const auto& [arguments, reason] : cases) {
+    Pipe in;
+    Pipe out;
+    Program program(arguments, in.out.get(), out.in.get());
+    EXPECT_EQ(program.Status(), 2) << reason;
+    EXPECT_THAT(program.words(), HasSubstr(reason));
+    EXPECT_EQ(program.words().find('\n'), program.words().size() - 1) << program.words();
+    EXPECT_THAT(program.words(), ::testing::StartsWith("gx-ssh-peer: "));
+  }
+}
+
+TEST(PeerProgramTest, RefusesATerminalThatEditsLines) {
+  int master = -1;
+  int slave = -1;
+  ASSERT_EQ(::openpty(&master, &slave, nullptr, nullptr, nullptr), 0);
+  const Fd master_end(master);
+  const Fd slave_end(slave);
+  const Pipe out;
+  Program program({}, slave, out.in.get());
+  EXPECT_EQ(program.Status(), 2);
+  EXPECT_THAT(program.words(), HasSubstr("docker exec -i without -t"));
+}
+
+// The open file may be shared with a shell, which does not expect to find it non-blocking.
+TEST(PeerProgramTest, LeavesItsDescriptorsAsTheyWere) {
+  Pipe in;
+  Pipe out;
+  const Target target;
+  Program program({"--raw", "-v", "--allow", target.Address()}, in.out.get(), out.in.get());
+  const std::string frames = MakeFrame(ConnectionType::Connect, 1, target.Address()) +
+                             MakeFrame(ConnectionType::Data, 1, "through pipes");
+  EXPECT_EQ(::write(in.in.get(), frames.data(), frames.size()), static_cast<ssize_t>(frames.size()));
+  Fd connection = target.Accept();
+  EXPECT_EQ(ReadExactly(connection.get(), 13), "through pipes");
+  EXPECT_NE(::fcntl(in.out.get(), F_GETFL) & O_NONBLOCK, 0);
+  connection = Fd();
+  EXPECT_EQ(ReadExactly(out.out.get(), gxmod::kFrameHeaderBytes).size(), gxmod::kFrameHeaderBytes);
+  in.in = Fd();
+  EXPECT_EQ(program.Status(), 0);
+  EXPECT_THAT(program.words(), HasSubstr("connection 1 to " + target.Address() + " is open"));
+  EXPECT_EQ(::fcntl(in.out.get(), F_GETFL) & O_NONBLOCK, 0);
+  EXPECT_EQ(::fcntl(out.in.get(), F_GETFL) & O_NONBLOCK, 0);
+}
+
+TEST(PeerProgramTest, SpeaksToFilesToo) {
+  char path[] = "/tmp/gx-peer-test-XXXXXX";
+  const Fd file(::mkstemp(path));
+  ASSERT_GE(file.get(), 0);
+  ::unlink(path);
+  const std::string frames =
+      MakeFrame(ConnectionType::Connect, 1, "refused:1") + MakeFrame(kPingFrame, 0, "8 bytes.");
+  EXPECT_EQ(::write(file.get(), frames.data(), frames.size()), static_cast<ssize_t>(frames.size()));
+  ::lseek(file.get(), 0, SEEK_SET);
+  Program program({"--raw"}, file.get(), file.get());
+  EXPECT_EQ(program.Status(), 0);
+  EXPECT_THAT(program.words(), HasSubstr("--allow refused:1"));
+}
+
+TEST(PeerProgramTest, SigtermEndsItInOrderAndAClosedStdoutQuietly) {
+  {
+    Pipe in;
+    Pipe out;
+    Program program({}, in.out.get(), out.in.get());
+    EXPECT_EQ(ReadExactly(out.out.get(), 14), ReadyLine(Side::kPeer));
+    program.Signal(SIGTERM);
+    EXPECT_EQ(program.Status(), 0);
+    const std::string goodbye = MakeFrame(kGoodbyeFrame, 0, "stopped");
+    EXPECT_EQ(ReadExactly(out.out.get(), goodbye.size()), goodbye);
+    EXPECT_EQ(program.words(), "");
+  }
+  {
+    Pipe in;
+    Pipe out;
+    out.out = Fd();
+    Program program({}, in.out.get(), out.in.get());
+    EXPECT_EQ(program.Status(), 1);
+    EXPECT_EQ(program.words(), "");
+  }
+}
+
+TEST(PeerProgramTest, QuietSaysNothing) {
+  Pipe in;
+  Pipe out;
+  Program program({"--raw", "-q"}, in.out.get(), out.in.get());
+  const std::string frame = MakeFrame(ConnectionType::Connect, 1, "refused:1");
+  EXPECT_EQ(::write(in.in.get(), frame.data(), frame.size()), static_cast<ssize_t>(frame.size()));
+  in.in = Fd();
+  EXPECT_EQ(program.Status(), 0);
+  EXPECT_EQ(program.words(), "");
+}
+
+}  // namespace
+}  // namespace gxtool

@@ -1,0 +1,133 @@
+#include "peer/command_line.h"
+
+#include <CLI/CLI.hpp>
+#include <chrono>
+#include <functional>
+#include <memory>
+#include <utility>
+#include <vector>
+
+#include "link/duration.h"
+#include "link/escape.h"
+#include "link/ready_line.h"
+
+namespace gxtool {
+namespace {
+
+using std::chrono::milliseconds;
+
+constexpr char kAbout[] =
+    "The far side of gx-ssh: takes frames from stdin, opens the connections that they\n"
+    "ask for, and answers on stdout. gx-ssh starts it where the targets are in reach:\n\n"
+    "  gx-ssh -- ssh -T HOST gx-ssh-peer\n"
+    "  gx-ssh -- docker exec -i CONTAINER gx-ssh-peer --allow 127.0.0.1:8080\n";
+
+constexpr char kFooter[] =
+    "A host is a name, an IPv4 address of four decimal numbers, or an IPv6 address in\n"
+    "brackets. A TIME reads 500ms, 15s or 2m; 0 is no limit.\n\n"
+    "Exit status: 0 the stream ended or a stop was asked for, 1 link lost, 2 usage,\n"
+    "4 gx-ssh never answered.\n";
+
+// CLI11's own notes on types and exclusions make the lines too long to read.
+class HelpFormatter : public CLI::Formatter {
+ public:
+  HelpFormatter() { column_width(27); }
+  std::string make_option_opts(const CLI::Option* option) const override {
+    return option->get_type_name().empty() ? "" : ' ' + option->get_type_name();
+  }
+};
+
+// An option whose text `read` turns into a value; what it throws names the option.
+void AddText(CLI::App& app, const std::string& name, const char* type, const std::string& help,
+             std::function<void(const std::string&)> read) {
+  const auto call = [name, read = std::move(read)](const std::vector<std::string>& texts) {
+    for (const std::string& text : texts) {
+      try {
+        read(text);
+      } catch (const UsageError& error) {
+        throw UsageError(name + " " + Escape(text) + ": " + error.what());
+      }
+    }
+  };
+  app.add_option_function<std::vector<std::string>>(name, call, help)->type_name(type)->allow_extra_args(false);
+}
+
+void AddDuration(CLI::App& app, const std::string& name, const std::string& help, milliseconds* out) {
+  const std::string preset = out->count() == 0 ? "" : " [" + FormatDuration(*out) + "]";
+  AddText(app, name, "TIME", help + preset, [out](const std::string& text) {
+    const auto value = ParseDuration(text);
+    if (!value) throw UsageError("a duration reads 500ms, 15s or 2m");
+    *out = *value;
+  });
+}
+
+void AddTargets(CLI::App& app, CommandLine* line) {
+  PeerOptions* const options = &line->options;
+  AddText(app, "--allow", "HOST:PORT",
+          "Permit this target; may be repeated. '*' stands for any\n"
+          "host or any port [127.0.0.1:22 and [::1]:22]",
+          [options, first = true](const std::string& text) mutable {
+            if (std::exchange(first, false)) options->allow = AllowList();
+            std::string why;
+            if (!options->allow.Add(text, &why)) throw UsageError(why);
+          });
+  app.add_flag_callback(
+         "--allow-any", [options] { options->allow = AllowList::Any(); }, "Permit every target")
+      ->excludes("--allow");
+  AddText(app, "--target", "HOST:PORT",
+          "Open this target, whatever is asked for; for command=\n"
+          "in authorized_keys",
+          [options](const std::string& text) {
+            std::string why;
+            options->target = ParseHostPort(text, &why);
+            if (!options->target) throw UsageError(why);
+          });
+  app.get_option("--target")->excludes("--allow")->excludes("--allow-any");
+}
+
+void AddLimits(CLI::App& app, CommandLine* line) {
+  PeerOptions* const options = &line->options;
+  AddDuration(app, "--connect-timeout", "Wait so long for a target, and for gx-ssh at first",
+              &options->connect_timeout);
+  app.add_option("--max-connections", options->max_connections,
+                 "Refuse more connections at once than these [256]")
+      ->check(CLI::Range(1, 100'000).description(""))
+      ->type_name("COUNT");
+  AddDuration(app, "--idle-timeout", "End connections on which nothing moves for so long",
+              &options->idle_timeout);
+  AddDuration(app, "--keepalive", "Ask for a sign of life after so long a silence", &options->keepalive);
+  app.add_option("--keepalive-count", options->keepalive_count,
+                 "Take the link for lost after so many of them [3]")
+      ->check(CLI::Range(1, 1000).description(""))
+      ->type_name("COUNT");
+}
+
+}  // namespace
+
+CommandLine ParseCommandLine(int argc, const char* const* argv) {
+  CommandLine line;
+  CLI::App app(kAbout, "gx-ssh-peer");
+  app.footer(kFooter);
+  app.formatter(std::make_shared<HelpFormatter>());
+  app.set_help_flag("-h,--help", "Print this text");
+  app.set_version_flag("--version",
+                       "gx-ssh-peer " GX_VERSION " (protocol " + std::to_string(kProtocolVersion) + ")",
+                       "Print the version");
+  AddTargets(app, &line);
+  AddLimits(app, &line);
+  app.add_flag("--raw", line.options.raw, "Frames only: no ready line, signs of life, goodbye");
+  app.add_flag("-q,--quiet", line.quiet, "Say nothing while it works");
+  app.add_flag("-v,--verbose", line.verbosity, "Say more: connections; twice: the stream");
+  try {
+    app.parse(argc, argv);
+  } catch (const CLI::CallForHelp&) {
+    line.text = app.help();
+  } catch (const CLI::CallForVersion& version) {
+    line.text = std::string(version.what()) + '\n';
+  } catch (const CLI::ParseError& error) {
+    throw UsageError(Escape(error.what()));
+  }
+  return line;
+}
+
+}  // namespace gxtool

@@ -1,0 +1,29 @@
+// The options of gx-ssh-peer.
+#ifndef GX_PEER_COMMAND_LINE_H
+#define GX_PEER_COMMAND_LINE_H
+
+#include <stdexcept>
+#include <string>
+
+#include "peer/peer.h"
+
+namespace gxtool {
+
+struct CommandLine {
+  PeerOptions options;
+  bool quiet = false;
+  int verbosity = 0;
+  std::string text;  // not empty: what --help or --version asked to print, and nothing else is to be done
+};
+
+// One line that tells what is wrong with the command line.
+struct UsageError : std::runtime_error {
+  using std::runtime_error::runtime_error;
+};
+
+// Throws UsageError.
+CommandLine ParseCommandLine(int argc, const char* const* argv);
+
+}  // namespace gxtool
+
+#endif  // GX_PEER_COMMAND_LINE_H
