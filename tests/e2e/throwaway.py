@@ -256,8 +256,8 @@ class Tunnel:
         # The shell writes the process number that gx-ssh-peer takes over from it, along with the open pipe.
         self._peer_life = f"{self.folder}/peer.life"
         peer = ["sh", "-c", 'exec 9>"$0" && echo $$ >&9 && exec "$@"', self._peer_life,
-                tools.gx_ssh_peer, "--raw", "--allow", target]
-        self._command = [tools.gx_ssh, "--raw", "--target", target] + (["--local"] if local else ["--", *peer])
+                tools.gx_ssh_peer, "--allow", target]
+        self._command = [tools.gx_ssh, "--target", target] + (["--local"] if local else ["--", *peer])
         self._local = local
         self._over = False
 
