@@ -102,6 +102,19 @@ void AddLimits(CLI::App& app, CommandLine* line) {
       ->type_name("COUNT");
 }
 
+void AddDnsCache(CLI::App& app, DnsCacheOptions* options) {
+  AddText(app, "--dns-cache", "FILE", "Keep the addresses of names, for when the resolver fails",
+          [options](const std::string& text) {
+            if (text.empty()) throw UsageError("this takes the name of a file");
+            options->file = text;
+          });
+  app.add_option("--dns-max-age", options->max_age, "Drop older ones once there are more than 200")
+      ->type_name("SECONDS");
+  app.add_option("--dns-refresh", options->refresh, "For the cache, which saves every new answer anyway")
+      ->type_name("SECONDS");
+  for (const char* name : {"--dns-max-age", "--dns-refresh"}) app.get_option(name)->needs("--dns-cache");
+}
+
 }  // namespace
 
 CommandLine ParseCommandLine(int argc, const char* const* argv) {
@@ -115,6 +128,7 @@ CommandLine ParseCommandLine(int argc, const char* const* argv) {
                        "Print the version");
   AddTargets(app, &line);
   AddLimits(app, &line);
+  AddDnsCache(app, &line.dns_cache);
   app.add_flag("--raw", line.options.raw, "Frames only: no ready line, signs of life, goodbye");
   app.add_flag("-q,--quiet", line.quiet, "Say nothing while it works");
   app.add_flag("-v,--verbose", line.verbosity, "Say more: connections; twice: the stream");

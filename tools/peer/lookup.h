@@ -2,6 +2,8 @@
 #ifndef GX_PEER_LOOKUP_H
 #define GX_PEER_LOOKUP_H
 
+#include <netdb.h>
+
 #include <functional>
 #include <string>
 #include <vector>
@@ -19,6 +21,11 @@ using Lookup = std::function<LookupResult(const std::string& host)>;
 
 // Asks the system's resolver.
 LookupResult SystemLookup(const std::string& host);
+
+// Asks a resolver with the two functions of the system's.
+using GetAddrInfo = int (*)(const char* node, const char* service, const addrinfo* hints, addrinfo** list);
+using FreeAddrInfo = void (*)(addrinfo* list);
+LookupResult LookupWith(GetAddrInfo get, FreeAddrInfo free, const std::string& host);
 
 }  // namespace gxtool
 

@@ -9,6 +9,7 @@
 #include <algorithm>
 #include <csignal>
 #include <cstdio>
+#include <cstdlib>
 #include <exception>
 #include <string>
 #include <utility>
@@ -90,6 +91,7 @@ int Main(int argc, const char* const* argv) {
   RaiseDescriptorLimit(line.options.max_connections);
   line.options.handle_signals = true;
   line.options.log = Log;
+  if (!line.dns_cache.file.empty()) line.options.lookup = gxtool::CachedLookup(line.dns_cache);
   gxtool::Peer peer(std::move(line.options), STDIN_FILENO, STDOUT_FILENO);
   return peer.Run();
 }
@@ -101,7 +103,7 @@ int main(int argc, char** argv) {
   SetUpLog();
   std::signal(SIGPIPE, SIG_IGN);
   try {
-    return Main(argc, argv);
+    std::_Exit(Main(argc, argv));  // static objects stay: a look-up that hangs may come back and use them
   } catch (const gxtool::UsageError& error) {
     return FailUsage(error.what());
   } catch (const std::exception& error) {

@@ -4,7 +4,10 @@
 #include <sys/wait.h>
 
 #include <cstdlib>
+#include <fstream>
+#include <iterator>
 
+#include "support/temp_dir.h"
 #include "tools/peer/rig.h"
 
 namespace gxtool {
@@ -76,6 +79,10 @@ TEST(PeerProgramTest, WrongCommandLinesGetOneLineAndStatus2) {
       {{"--connect-timeout", "soon"}, "15s"},
       {{"--max-connections", "0"}, "--max-connections"},
       {{"--keepalive-count", "-1"}, "--keepalive-count"},
+      {{"--dns-cache", ""}, "--dns-cache"},
+      {{"--dns-cache", "file", "--dns-max-age", "-1"}, "--dns-max-age"},
+      {{"--dns-cache", "file", "--dns-refresh", "4294967296"}, "--dns-refresh"},
+      {{"--dns-max-age", "5"}, "--dns-cache"},
       {{"--no\nsuch\x1b"}, "--no\\nsuch\\x1b"},
       {{"word"}, "word"},
   };
@@ -157,6 +164,67 @@ TEST(PeerProgramTest, SigtermEndsItInOrderAndAClosedStdoutQuietly) {
     EXPECT_EQ(program.Status(), 1);
     EXPECT_EQ(program.words(), "");
   }
+}
+
+// The resolver knows no name under .invalid, nor does it ask for long.
+class PeerDnsCacheTest : public testing::Test {
+ protected:
+  PeerDnsCacheTest() { ::setenv("RES_OPTIONS", "timeout:1 attempts:1", 1); }
+  ~PeerDnsCacheTest() override { ::unsetenv("RES_OPTIONS"); }
+
+  // What the peer says to a Connect frame for `host`; when it opens the target, "hello" is sent through.
+  std::string Ask(const std::string& host, const std::vector<std::string>& allowed_hosts) {
+    const std::string port = std::to_string(target_.port());
+    std::vector<std::string> arguments = {"--raw", "-v", "--dns-cache", file_};
+    for (const std::string& allowed : allowed_hosts) {
+      arguments.insert(arguments.end(), {"--allow", allowed + ":" + port});
+    }
+    Pipe in;
+    Pipe out;
+    Program program(arguments, in.out.get(), out.in.get());
+    const std::string frames =
+        MakeFrame(ConnectionType::Connect, 1, host + ":" + port) + MakeFrame(ConnectionType::Data, 1, "hello");
+    EXPECT_EQ(::write(in.in.get(), frames.data(), frames.size()), static_cast<ssize_t>(frames.size()));
+    pollfd ends[2] = {{target_.fd(), POLLIN, 0}, {out.out.get(), POLLIN, 0}};
+    EXPECT_GT(::poll(ends, 2, kBoundMs), 0);
+    if (ends[0].revents != 0) {
+      EXPECT_EQ(ReadExactly(target_.Accept().get(), 5), "hello");
+    }
+    in.in = Fd();
+    EXPECT_EQ(program.Status(), 0);
+    return program.words();
+  }
+
+  void Know(const std::string& host, const std::string& ip) const {
+    std::ofstream(file_) << R"({"cache": [{"name": ")" << host << R"(", "ips": [")" << ip
+                         << R"("], "timestamp": 1}]})";
+  }
+
+  const TempDir dir_;
+  const std::string file_ = dir_.path() + "/names.json";
+  const Target target_;
+};
+
+TEST_F(PeerDnsCacheTest, ReachesANameThatOnlyTheFileKnows) {
+  const std::string host = "only-the-file.invalid";
+  EXPECT_THAT(Ask(host, {host, "127.0.0.1"}), HasSubstr("could not be opened"));
+  Know(host, "127.0.0.1");
+  EXPECT_THAT(Ask(host, {host, "127.0.0.1"}), HasSubstr("is open"));
+}
+
+TEST_F(PeerDnsCacheTest, WhatTheFileSaysIsJudgedTwice) {
+  const std::string host = "only-the-file.invalid";
+  Know(host, "127.0.0.1");
+  EXPECT_THAT(Ask(host, {"127.0.0.1"}), HasSubstr("refused " + host)) << "as asked";
+  EXPECT_THAT(Ask(host, {host}), HasSubstr("start with --allow " + target_.Address())) << "as resolved";
+}
+
+TEST_F(PeerDnsCacheTest, RemembersWhatItReached) {
+  EXPECT_THAT(Ask("localhost", {"localhost"}), HasSubstr("is open"));
+  std::ifstream file(file_);
+  const std::string text(std::istreambuf_iterator<char>(file), {});
+  EXPECT_THAT(text, HasSubstr("\"localhost\""));
+  EXPECT_THAT(text, HasSubstr("\"127.0.0.1\""));
 }
 
 TEST(PeerProgramTest, QuietSaysNothing) {
