@@ -212,7 +212,7 @@ bool CSockAcceptor::AcceptWaiting(bool may_pause) {
         std::printf("accept failed with %d\n", error);
         LogFailure("", "accept", error, 438);
         // Not an errno of any POSIX system; kept as it has always been.
-        if (error == kWinsockInvalid) std::exit(0);  // NOLINT(concurrency-mt-unsafe)
+        if (error == kWinsockInvalid) std::exit(0);
         Stop();
         return false;
     }
