@@ -188,7 +188,7 @@ void PeerSession::Connect(std::uint32_t id, const std::string& text) {
 // Nothing: the connection was refused.
 std::optional<HostPort> PeerSession::JudgeTarget(std::uint32_t id, const std::string& text) {
   std::string why;
-  const auto target = options_.target ? options_.target : ParseHostPort(text, &why);
+  auto target = options_.target ? options_.target : ParseHostPort(text, &why);
   if (!target) {
     Refuse(id, "refused \"" + Escape(text) + "\": " + why);
   } else if (!options_.target && !options_.allow.Permits(*target)) {
