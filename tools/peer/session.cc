@@ -189,19 +189,20 @@ void PeerSession::Connect(std::uint32_t id, const std::string& text) {
 std::optional<HostPort> PeerSession::JudgeTarget(std::uint32_t id, const std::string& text) {
   std::string why;
   auto target = options_.target ? options_.target : ParseHostPort(text, &why);
-  if (!target) {
-    Refuse(id, "refused \"" + Escape(text) + "\": " + why);
-  } else if (!options_.target && !options_.allow.Permits(*target)) {
-    Refuse(id, "refused " + target->ToString() + ": to permit it, start with --allow " + target->ToString());
-  } else if (phase_ != Phase::kRunning) {
-    Refuse(id, "refused " + target->ToString() + ": stopping");
-  } else if (live_.size() >= options_.max_connections) {
-    Refuse(id, "refused " + target->ToString() + ": " + std::to_string(live_.size()) +
-                   " connections are open, more need a higher --max-connections");
-  } else {
-    return target;
-  }
+  if (target) why = WhyNot(*target);
+  if (why.empty()) return target;
+  Refuse(id, "refused " + (target ? target->ToString() : '"' + Escape(text) + '"') + ": " + why);
   return std::nullopt;
+}
+
+// Empty: the target may be opened.
+std::string PeerSession::WhyNot(const HostPort& target) const {
+  if (!options_.target && !options_.allow.Permits(target)) {
+    return "to permit it, start with --allow " + target.ToString();
+  }
+  if (phase_ != Phase::kRunning) return "stopping";
+  if (live_.size() < options_.max_connections) return {};
+  return std::to_string(live_.size()) + " connections are open, more need a higher --max-connections";
 }
 
 void PeerSession::Refuse(std::uint32_t id, const std::string& line) {
@@ -214,8 +215,8 @@ void PeerSession::OpenTarget(Connection& connection, const HostPort& target) {
   resolver_.Resolve(target.host,
                     [this, held = connection.weak_from_this(), target](const LookupResult& result) {
                       const ConnectionPtr waiting = held.lock();
-                      if (waiting != nullptr && waiting->state() != Connection::State::kGone)
-                        OnResolved(*waiting, target, result);
+                      if (waiting == nullptr || waiting->state() == Connection::State::kGone) return;
+                      OnResolved(*waiting, target, result);
                     });
 }
 
@@ -227,7 +228,8 @@ void PeerSession::OnResolved(Connection& connection, const HostPort& target, con
       addresses.push_back(address);
     } else {
       const std::string place = HostPort{address, target.port}.ToString();
-      why = "it leads to " + place + "; to permit that, start with --allow " + place;
+      why = "it leads to ";
+      why.append(place).append("; to permit that, start with --allow ").append(place);
     }
   }
   if (addresses.empty() && connection.state() == Connection::State::kOpening) {

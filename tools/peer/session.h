@@ -80,6 +80,7 @@ class PeerSession final : private StreamReader::Owner,
   void OnControlFrame();
   void Connect(std::uint32_t id, const std::string& text);
   std::optional<HostPort> JudgeTarget(std::uint32_t id, const std::string& text);
+  std::string WhyNot(const HostPort& target) const;
   void Refuse(std::uint32_t id, const std::string& line);
   void OpenTarget(Connection& connection, const HostPort& target);
   void OnResolved(Connection& connection, const HostPort& target, const LookupResult& result);
