@@ -1,5 +1,6 @@
-// Frames that gx-ssh and gx-ssh-peer exchange beside those of gxmod/frames.h. Their connection id is 0. The
-// module drops unknown types, so a far side may send them; gx-ssh keeps them away from the module all the same.
+// Frames that gx-ssh and gx-ssh-peer exchange beside those of gxmod/frames.h. Their connection id is 0 unless
+// told otherwise. The module drops unknown types, so a far side may send them; gx-ssh keeps them away from the
+// module all the same.
 #ifndef GX_LINK_CONTROL_FRAMES_H
 #define GX_LINK_CONTROL_FRAMES_H
 
@@ -18,11 +19,15 @@ inline constexpr auto kPongFrame = static_cast<gxmod::ConnectionType>(0xF1);  //
 inline constexpr auto kGoodbyeFrame =
     static_cast<gxmod::ConnectionType>(0xF2);  // payload: reason, ASCII; comes last
 
+// gx-ssh to gx-ssh-peer: no more bytes will come for that connection id, but its target may go on sending.
+// Back: the target has taken all of them and knows. No payload.
+inline constexpr auto kEndOfInputFrame = static_cast<gxmod::ConnectionType>(0xF3);
+
 inline constexpr std::size_t kPingBytes = 8;
 
 // True for the types of this header.
 constexpr bool IsControlFrame(gxmod::ConnectionType type) {
-  return type == kPingFrame || type == kPongFrame || type == kGoodbyeFrame;
+  return type >= kPingFrame && type <= kEndOfInputFrame;
 }
 
 // A whole frame, header and payload.

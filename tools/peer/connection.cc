@@ -181,6 +181,7 @@ void Connection::AfterWrite() {
     finish_writing_ = false;
     asio::error_code ignored;
     socket_.shutdown(TcpSocket::shutdown_send, ignored);
+    if (state_ == State::kOpen && !write_failed_) owner_->OnWritten(*this);
   }
 }
 

@@ -39,6 +39,8 @@ class Connection : public std::enable_shared_from_this<Connection> {
     virtual void OnOpenFailed(Connection& connection, asio::error_code error) = 0;
     // Once after WaitReadable, in kOpen: Read will not come back with nothing to say.
     virtual void OnReadable(Connection& connection) = 0;
+    // After FinishWriting, in kOpen: the target has taken every byte and knows that it was the last one.
+    virtual void OnWritten(Connection& connection) = 0;
     // queued() has changed by `delta`.
     virtual void OnQueued(Connection& connection, std::ptrdiff_t delta) = 0;
     // kClosing was left for kGone, other than by Abort.
@@ -91,6 +93,7 @@ class Connection : public std::enable_shared_from_this<Connection> {
   // For the owner's use.
   Clock::time_point close_until;
   bool over_mark = false;
+  bool answer_when_written = false;
 
  private:
   asio::error_code OpenSocket(const asio::ip::tcp::endpoint& endpoint);

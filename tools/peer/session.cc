@@ -168,8 +168,21 @@ void PeerSession::OnFrameEnd() {
 
 void PeerSession::OnControlFrame() {
   if (frame_.type == kGoodbyeFrame) Log(LogLevel::kInfo, "the other side ends: " + Escape(text_));
+  if (frame_.type == kEndOfInputFrame) EndOfInput();
   if (frame_.type != kPingFrame || text_.size() != kPingBytes) return;
   output_.AddControl(kPongFrame, 0, text_);
+}
+
+void PeerSession::EndOfInput() {
+  const auto found = live_.find(frame_.connection_id);
+  if (found == live_.end()) return;
+  found->second->answer_when_written = true;
+  found->second->Deliver();
+  found->second->FinishWriting();
+}
+
+void PeerSession::OnWritten(Connection& connection) {
+  if (connection.answer_when_written) output_.AddControl(kEndOfInputFrame, connection.id());
 }
 
 void PeerSession::Connect(std::uint32_t id, const std::string& text) {

@@ -62,6 +62,7 @@ class PeerSession final : private StreamReader::Owner,
   void OnOpen(Connection& connection) override;
   void OnOpenFailed(Connection& connection, asio::error_code error) override;
   void OnReadable(Connection& connection) override;
+  void OnWritten(Connection& connection) override;
   void OnQueued(Connection& connection, std::ptrdiff_t delta) override;
   void OnGone(Connection& connection) override;
 
@@ -78,6 +79,7 @@ class PeerSession final : private StreamReader::Owner,
 
   // What frames ask for.
   void OnControlFrame();
+  void EndOfInput();
   void Connect(std::uint32_t id, const std::string& text);
   std::optional<HostPort> JudgeTarget(std::uint32_t id, const std::string& text);
   std::string WhyNot(const HostPort& target) const;

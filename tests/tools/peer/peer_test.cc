@@ -142,6 +142,21 @@ TEST(PeerTest, CloseFlushesWhatIsQueuedFirst) {
   EXPECT_EQ(ReadToEnd(target.Accept().get()), "last words");
 }
 
+TEST(PeerTest, EndOfInputLeavesTheWayBackOpen) {
+  const Target target;
+  Rig rig;
+  Fd connection = rig.Connect(1, target);
+  const std::string bytes = Pattern(6 << 20, 1);
+  rig.Send(ConnectionType::Data, 1, bytes);
+  rig.Send(kEndOfInputFrame, 1);
+  EXPECT_TRUE(ReadToEnd(connection.get()) == bytes);
+  EXPECT_EQ(rig.Next(), Of(kEndOfInputFrame, 1)) << "the target has everything";
+  EXPECT_TRUE(WriteAll(connection.get(), "answer"));
+  EXPECT_EQ(rig.Data(1, 6), "answer");
+  connection = Fd();
+  EXPECT_EQ(rig.Next(), Of(ConnectionType::Close, 1));
+}
+
 TEST(PeerTest, SlowTargetCostsBoundedMemoryAndNoByte) {
   const Target target;
   Rig rig;
