@@ -4,13 +4,13 @@
 #include <spdlog/spdlog.h>
 
 #include <asio/buffer.hpp>
+#include <filesystem>
 
 #include "link/escape.h"
 
 namespace gxtool {
 namespace {
 
-constexpr std::chrono::milliseconds kEndPatience{1000};
 constexpr std::size_t kLastLines = 3;
 constexpr std::size_t kLineBytes = 1000;
 
@@ -28,7 +28,7 @@ Carrier::Carrier(asio::io_context& io, const std::vector<std::string>& command, 
 
 Carrier::Carrier(asio::io_context& io, const std::vector<std::string>& command, std::function<void()> on_quiet,
                  Pipe errors)
-    : name_(command.front()),
+    : name_(Escape(std::filesystem::path(command.front()).filename().string())),
       child_({command, input_.read.get(), output_.write.get(), errors.write.get()}),
       errors_(io, errors.read.Release()),
       on_quiet_(std::move(on_quiet)) {
@@ -40,7 +40,7 @@ Carrier::Carrier(asio::io_context& io, const std::vector<std::string>& command, 
 }
 
 void Carrier::End() {
-  child_.End(kEndPatience);
+  child_.End();
   // Its last words, as far as they are there already: something that it started may hold the pipe open.
   asio::error_code error;
   errors_.non_blocking(true, error);
@@ -52,7 +52,7 @@ void Carrier::End() {
 }
 
 std::string Carrier::Describe() {
-  std::string text = "carrier \"" + Escape(name_) + "\"";
+  std::string text = "carrier \"" + name_ + "\"";
   if (const auto status = child_.Poll()) text += ", " + Child::Describe(*status);
   const char* divider = ": ";
   for (const std::string& line : last_lines_) text += std::exchange(divider, " | ") + line;
@@ -79,7 +79,8 @@ void Carrier::TakeErrors(std::string_view text) {
 
 void Carrier::TakeLine() {
   const std::string line = std::exchange(line_, {});
-  spdlog::info("{}: {}", Escape(name_), Escape(line, kLineBytes));
+  const std::string prefix = name_ + ": ";
+  spdlog::info("{}{}", line.starts_with(prefix) ? "" : prefix, Escape(line, kLineBytes));
   if (line.empty()) return;
   last_lines_.push_back(Escape(line));
   if (last_lines_.size() > kLastLines) last_lines_.pop_front();

@@ -41,7 +41,7 @@ class Carrier final : public FarSide {
   void TakeErrors(std::string_view text);
   void TakeLine();
 
-  const std::string name_;
+  const std::string name_;  // of the program, for people
   Pipe input_ = MakePipe();
   Pipe output_ = MakePipe();
   Child child_;

@@ -2,6 +2,7 @@
 
 #include <fcntl.h>
 #include <signal.h>
+#include <sys/socket.h>
 #include <sys/wait.h>
 #include <unistd.h>
 #ifdef __linux__
@@ -10,22 +11,16 @@
 
 #include <array>
 #include <cerrno>
-#include <cstdlib>
 #include <cstring>
 #include <system_error>
-#include <thread>
 
-#include "gx-ssh/descriptor.h"
 #include "gx-ssh/failure.h"
+#include "gx-ssh/keeper.h"
 
 extern char** environ;
 
 namespace gxtool {
 namespace {
-
-using std::chrono::milliseconds;
-
-constexpr milliseconds kTermPatience{500};
 
 std::vector<char*> Pointers(std::vector<std::string>& texts) {
   std::vector<char*> result;
@@ -46,23 +41,43 @@ std::vector<std::string> Environment(const std::vector<std::pair<std::string, st
   return result;
 }
 
-// From here to exec only what a signal handler may call: other threads held locks when fork copied the memory.
+// Blocks every signal while it lives: between fork and exec no handler of ours may run in the other process.
+class SignalsBlocked {
+ public:
+  SignalsBlocked() {
+    sigset_t all;
+    sigfillset(&all);
+    pthread_sigmask(SIG_SETMASK, &all, &before_);
+  }
+  ~SignalsBlocked() { pthread_sigmask(SIG_SETMASK, &before_, nullptr); }
+
+ private:
+  sigset_t before_;
+};
+
+bool ReadInt(int fd, int* value) {
+  ssize_t got = 0;
+  do {
+    got = read(fd, value, sizeof *value);
+  } while (got < 0 && errno == EINTR);
+  return got == sizeof *value;
+}
+
+// From here on, down to the end of this namespace: only what a signal handler may call. Other threads held
+// locks when fork copied the memory.
 
 void ResetSignals() {
-  struct sigaction defaults {};
-  defaults.sa_handler = SIG_DFL;
-  sigaction(SIGPIPE, &defaults, nullptr);
+  for (int number = 1; number < NSIG; ++number) {
+    struct sigaction action {};
+    if (sigaction(number, nullptr, &action) != 0) continue;
+    if (action.sa_handler == SIG_IGN && number != SIGPIPE) continue;  // as nohup wants it
+    action = {};
+    action.sa_handler = SIG_DFL;
+    sigaction(number, &action, nullptr);
+  }
   sigset_t none;
   sigemptyset(&none);
   sigprocmask(SIG_SETMASK, &none, nullptr);
-}
-
-// Nothing of a carrier may stay behind, not even when this process is killed.
-void DieWith([[maybe_unused]] pid_t parent) {
-#ifdef __linux__
-  prctl(PR_SET_PDEATHSIG, SIGKILL);
-  if (getppid() != parent) _exit(127);
-#endif
 }
 
 [[noreturn]] void Execute(const std::array<int, 3>& standard, char* const* arguments, int report) {
@@ -76,60 +91,79 @@ void DieWith([[maybe_unused]] pid_t parent) {
   _exit(127);
 }
 
+void BecomeKeeper() {
+#ifdef __linux__
+  prctl(PR_SET_CHILD_SUBREAPER, 1);
+  prctl(PR_SET_NAME, "gx-ssh-keeper");
+#endif
+}
+
+void DieWith([[maybe_unused]] pid_t parent) {
+#ifdef __linux__
+  prctl(PR_SET_PDEATHSIG, SIGKILL);
+  if (getppid() != parent) _exit(127);
+#endif
+}
+
 }  // namespace
 
 Child::Child(const Start& start) {
-  std::vector<std::string> arguments = start.arguments;
-  std::vector<std::string> environment = Environment(start.environment);
-  const std::vector<char*> argument_pointers = Pointers(arguments);
-  std::vector<char*> environment_pointers = Pointers(environment);
   Pipe report = MakePipe();  // closed by a successful exec; otherwise it brings the reason
-
-  const pid_t parent = getpid();
-  pid_ = fork();
-  if (pid_ < 0) throw std::system_error(errno, std::generic_category(), "fork");
-  if (pid_ == 0) {
-    ResetSignals();
-    DieWith(parent);
-    environ = environment_pointers.data();
-    Execute({start.input, start.output, start.errors}, argument_pointers.data(), report.write.get());
-  }
+  auto [ours, keepers] = MakeSocketPair();
+  control_ = std::move(ours);
+  Launch(start, report.write.get(), keepers.get());
   report.write.Reset();
+  keepers.Reset();
   int reason = 0;
-  ssize_t got = 0;
-  do {
-    got = read(report.read.get(), &reason, sizeof reason);
-  } while (got < 0 && errno == EINTR);
-  if (got != sizeof reason) return;
-  WaitFor(milliseconds::max());
+  if (!ReadInt(report.read.get(), &reason)) return;
+  End();
   throw Failure(reason == ENOENT ? kExitNotFound : kExitNotExecutable,
                 "cannot run \"" + start.arguments[0] + "\": " + std::strerror(reason));
 }
 
-Child::~Child() { End(milliseconds(0)); }
+void Child::Launch(const Start& start, int report, int keeper_control) {
+  std::vector<std::string> arguments = start.arguments;
+  std::vector<std::string> environment = Environment(start.environment);
+  const std::vector<char*> argument_pointers = Pointers(arguments);
+  std::vector<char*> environment_pointers = Pointers(environment);
 
-std::optional<int> Child::Poll() {
-  int status = 0;
-  if (!status_ && waitpid(pid_, &status, WNOHANG) == pid_) status_ = status;
-  return status_;
+  const SignalsBlocked blocked;
+  keeper_ = fork();
+  if (keeper_ < 0) throw std::system_error(errno, std::generic_category(), "fork");
+  if (keeper_ > 0) return;
+  BecomeKeeper();
+  const pid_t parent = getpid();
+  const pid_t program = fork();
+  if (program == 0) {
+    ResetSignals();
+    DieWith(parent);
+    environ = environment_pointers.data();
+    Execute({start.input, start.output, start.errors}, argument_pointers.data(), report);
+  }
+  if (program < 0) _exit(126);
+  Keep(program, keeper_control);
 }
 
-void Child::End(milliseconds patience) {
-  if (WaitFor(patience)) return;
-  Signal(SIGTERM);
-  if (WaitFor(kTermPatience)) return;
-  Signal(SIGKILL);
-  WaitFor(milliseconds::max());
-}
+std::optional<int> Child::Poll() { return Wait(WNOHANG); }
 
 void Child::Signal(int number) {
-  if (!status_) kill(pid_, number);
+  const auto byte = static_cast<unsigned char>(number);
+  [[maybe_unused]] const ssize_t written = write(control_.get(), &byte, 1);
 }
 
-bool Child::WaitFor(milliseconds limit) {
-  constexpr milliseconds kStep{5};
-  for (milliseconds waited{0}; !Poll() && waited < limit; waited += kStep) std::this_thread::sleep_for(kStep);
-  return status_.has_value();
+void Child::End() {
+  if (!status_) shutdown(control_.get(), SHUT_WR);
+  while (!Wait(0)) {
+  }
+}
+
+std::optional<int> Child::Wait(int flags) {
+  int status = 0;
+  if (status_ || waitpid(keeper_, &status, flags) != keeper_) return status_;
+  // A keeper that was killed itself has left no word, and has taken the program with it.
+  ReadInt(control_.get(), &status);
+  status_ = status;
+  return status_;
 }
 
 std::string Child::Describe(int wait_status) {

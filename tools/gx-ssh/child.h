@@ -4,17 +4,18 @@
 
 #include <sys/types.h>
 
-#include <chrono>
 #include <optional>
 #include <string>
 #include <utility>
 #include <vector>
 
+#include "gx-ssh/descriptor.h"
+
 namespace gxtool {
 
-// One program. It gets the default SIGPIPE, an empty signal mask and no descriptor of ours but 0, 1 and 2. It
-// does not outlive this object, nor (on Linux) the process, however that ends. Threads: the one that started
-// it, which must live as long as the process.
+// One program, under a keeper. It gets the default SIGPIPE, an empty signal mask and no descriptor of ours but
+// 0, 1 and 2. Neither it nor what it has started outlives this object or the process, however that ends, by
+// more than 1.5 s. Threads: the one that started it.
 class Child {
  public:
   struct Start {
@@ -28,17 +29,17 @@ class Child {
   // Throws Failure (kExitNotFound, kExitNotExecutable).
   explicit Child(const Start& start);
   // Ends it, see End.
-  ~Child();
+  ~Child() { End(); }
   Child(const Child&) = delete;
   Child& operator=(const Child&) = delete;
 
-  // The status that waitpid gave, once the program has ended. Never blocks; call it after SIGCHLD.
+  // The status that waitpid gives, once the program has ended. Never blocks; call it after SIGCHLD.
   std::optional<int> Poll();
 
-  // Waits for the end for `patience`; then asks with SIGTERM, and soon after ends it with SIGKILL.
-  void End(std::chrono::milliseconds patience);
-
   void Signal(int number);
+
+  // Waits for the end, and brings it about if it does not come by itself.
+  void End();
 
   // "exit status 3", "signal 9 (Killed)"
   static std::string Describe(int wait_status);
@@ -46,9 +47,11 @@ class Child {
   static int ExitStatus(int wait_status);
 
  private:
-  bool WaitFor(std::chrono::milliseconds limit);
+  void Launch(const Start& start, int report, int keeper_control);
+  std::optional<int> Wait(int flags);
 
-  pid_t pid_ = -1;
+  pid_t keeper_ = -1;
+  Descriptor control_;  // to the keeper
   std::optional<int> status_;
 };
 

@@ -14,7 +14,12 @@
 namespace gxtool {
 namespace {
 
-using std::chrono::milliseconds;
+// The status with which a child ends by itself.
+int Await(Child& child) {
+  const auto limit = std::chrono::steady_clock::now() + kPatience;
+  while (!child.Poll() && std::chrono::steady_clock::now() < limit) usleep(1000);
+  return child.Poll().value_or(-1);
+}
 
 // What a command prints.
 std::string Output(const std::string& command,
@@ -22,15 +27,12 @@ std::string Output(const std::string& command,
   Pipe pipe = MakePipe();
   Child child({{"sh", "-c", command}, 0, pipe.write.get(), 2, more});
   pipe.write.Reset();
-  std::string all = ReadAll(pipe.read.get());
-  child.End(kPatience);
-  return all;
+  return ReadAll(pipe.read.get());
 }
 
 int WaitStatus(const std::string& command) {
   Child child({{"sh", "-c", command}});
-  child.End(kPatience);
-  return *child.Poll();
+  return Await(child);
 }
 
 TEST(ChildTest, TellsHowItEnded) {
@@ -86,14 +88,39 @@ TEST(ChildTest, EnvironmentIsOursAndMore) {
   unsetenv("GX_TEST_OLD");
 }
 
-TEST(ChildTest, EndsEvenWhatDoesNotListen) {
+// Whatever a child does to stay, and however it is ended: the pipe that all its descendants hold comes to its
+// end.
+TEST(ChildTest, LeavesNothingBehind) {
+  const std::string stubborn = "trap '' TERM HUP INT; echo ready; while :; do sleep 60; done";
+  const std::string parent = "(" + stubborn + ") & ";
+  for (const std::string& command :
+       {stubborn, parent + "wait", parent + "sleep 0.1", std::string("echo ready; sleep 60; :")}) {
+    Pipe pipe = MakePipe();
+    Child child({{"sh", "-c", command}, 0, pipe.write.get(), 2});
+    pipe.write.Reset();
+    EXPECT_EQ(ReadAll(pipe.read.get(), 6), "ready\n");
+    const auto start = std::chrono::steady_clock::now();
+    child.End();
+    EXPECT_EQ(ReadAll(pipe.read.get()), "") << command;
+    EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(5)) << command;
+  }
+}
+
+TEST(ChildTest, WhatWantsToStayMayStay) {
   Pipe pipe = MakePipe();
-  Child child({{"sh", "-c", "trap '' TERM; echo ready; while :; do sleep 1; done"}, 0, pipe.write.get(), 2});
+  Child child({{"sh", "-c", "setsid sh -c 'echo $$; exec sleep 60' & sleep 60"}, 0, pipe.write.get(), 2});
+  const pid_t stays = std::stoi(ReadLine(pipe.read.get()));
+  child.End();
+  EXPECT_EQ(kill(stays, SIGKILL), 0);
+}
+
+TEST(ChildTest, SignalsReachTheProgram) {
+  Pipe pipe = MakePipe();
+  Child child(
+      {{"sh", "-c", "trap 'exit 7' TERM; echo ready; while :; do sleep 0.01; done"}, 0, pipe.write.get(), 2});
   ReadAll(pipe.read.get(), 6);
-  const auto start = std::chrono::steady_clock::now();
-  child.End(milliseconds(10));
-  EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(5));
-  EXPECT_EQ(Child::Describe(*child.Poll()), "signal 9 (Killed)");
+  child.Signal(SIGTERM);
+  EXPECT_EQ(Child::ExitStatus(Await(child)), 7);
 }
 
 }  // namespace

@@ -33,6 +33,12 @@ inline std::string ReadAll(int fd, std::size_t limit = std::string::npos) {
   return all;
 }
 
+inline std::string ReadLine(int fd) {
+  std::string line;
+  for (std::string byte; (byte = ReadAll(fd, 1)) != "" && byte != "\n";) line += byte;
+  return line;
+}
+
 // Writes down what the stream tells.
 class Diary : public StreamObserver {
  public:
