@@ -4,8 +4,8 @@
 #include <spdlog/spdlog.h>
 
 #include <asio/buffer.hpp>
-#include <filesystem>
 
+#include "gx-ssh/report.h"
 #include "link/escape.h"
 
 namespace gxtool {
@@ -28,7 +28,7 @@ Carrier::Carrier(asio::io_context& io, const std::vector<std::string>& command, 
 
 Carrier::Carrier(asio::io_context& io, const std::vector<std::string>& command, std::function<void()> on_quiet,
                  Pipe errors)
-    : name_(Escape(std::filesystem::path(command.front()).filename().string())),
+    : name_(ProgramName(command.front())),
       child_({command, input_.read.get(), output_.write.get(), errors.write.get()}),
       errors_(io, errors.read.Release()),
       on_quiet_(std::move(on_quiet)) {

@@ -1,9 +1,11 @@
 #include "gx-ssh/console.h"
 
+#include <sys/ioctl.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <cstdlib>
+#include <sstream>
 #include <utility>
 
 #include "link/escape.h"
@@ -20,6 +22,20 @@ void WriteOut(std::string_view text) {
   }
 }
 
+// No line may be wider than the terminal: it would take two, and Wipe would not know.
+std::string Fit(const std::string& lines) {
+  winsize size{};
+  const bool known = ioctl(STDERR_FILENO, TIOCGWINSZ, &size) == 0 && size.ws_col > 1;
+  const std::size_t width = known ? size.ws_col - 1u : 79u;
+  std::string fitting;
+  std::istringstream stream(lines);
+  for (std::string line; std::getline(stream, line);) {
+    if (!fitting.empty()) fitting += '\n';
+    fitting += line.substr(0, width);
+  }
+  return fitting;
+}
+
 }  // namespace
 
 std::shared_ptr<Console> Console::SetUp(bool quiet, int verbosity) {
@@ -34,10 +50,10 @@ std::shared_ptr<Console> Console::SetUp(bool quiet, int verbosity) {
   return console;
 }
 
-void Console::SetStatus(std::string lines) {
+void Console::SetStatus(const std::string& lines) {
   const std::lock_guard lock(mutex_);
   Wipe();
-  status_ = std::move(lines);
+  status_ = Fit(lines);
   Draw();
 }
 

@@ -20,8 +20,9 @@ class Console final : public spdlog::sinks::base_sink<std::mutex> {
   // connections and the module's warnings, 2 the module's news, 3 its trace.
   static std::shared_ptr<Console> SetUp(bool quiet, int verbosity);
 
-  // Shows `lines` (with line ends between them) below what was said last; the empty text takes them away.
-  void SetStatus(std::string lines);
+  // Shows `lines` (with line ends between them) below what was said last, each cut to the
+  // width of the terminal; the empty text takes them away.
+  void SetStatus(const std::string& lines);
 
  protected:
   void sink_it_(const spdlog::details::log_msg& message) override;

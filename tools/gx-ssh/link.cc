@@ -1,5 +1,8 @@
 #include "gx-ssh/link.h"
 
+#include <spdlog/spdlog.h>
+
+#include <algorithm>
 #include <asio/post.hpp>
 #include <chrono>
 #include <utility>
@@ -16,7 +19,7 @@ namespace {
 using std::chrono::milliseconds;
 
 constexpr milliseconds kFarewell{300};   // for what is queued and the goodbye
-constexpr milliseconds kLastWords{700};  // for the carrier's exit status and error lines
+constexpr milliseconds kLastWords{500};  // for the carrier's exit status and error lines
 
 class Target final : public Counted<IControlSshListener> {
  public:
@@ -64,6 +67,11 @@ Link::~Link() {
   handshake_.reset();
   output_.Reset();
   far_side_->End();
+}
+
+bool Link::EndInput(std::uint32_t connection) {
+  if (stream_) stream_->EndInput(connection);
+  return !options_.raw;
 }
 
 void Link::RunModule(Descriptor input, const std::string& received) {
@@ -121,7 +129,15 @@ Failure Link::Summary() {
   return Failure(end_->status(), std::string(end_->what()) + "; " + far_side_->Describe());
 }
 
-// The next three come from threads of the module.
+// The next five come from threads of the module.
+
+void Link::OnChannelListDropped() {
+  spdlog::warn("the far side wants to open ports here; --allow-channel-list lets it");
+}
+
+void Link::OnInputDelivered(std::uint32_t) {
+  asio::post(io_, lifetime_.Guard([this] { owner_.OnInputDelivered(); }));
+}
 
 void Link::OnGoodbye(const std::string& reason) {
   asio::post(io_, lifetime_.Guard([this, reason] { goodbye_ = reason; }));

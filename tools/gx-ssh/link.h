@@ -33,6 +33,8 @@ class Link final : StreamObserver {
     virtual void OnLinkUp(const std::string& address, std::uint16_t port) = 0;
     // Once; the link may then be destroyed. Status kExitOk: the far side has ended in order.
     virtual void OnLinkDown(const Failure& why) = 0;
+    // The target has all the bytes that were sent before EndInput.
+    virtual void OnInputDelivered() = 0;
     // Every frame of the module's, either way. On threads of the module.
     virtual void OnFrame(const gxmod::FrameHeader& header, bool sent) = 0;
 
@@ -44,6 +46,10 @@ class Link final : StreamObserver {
   Link(asio::io_context& io, const Options& options, ModuleLibrary& module, Owner& owner);
   // Ends everything in order, within 2 s.
   ~Link();
+
+  // No more bytes will come for the connection, but its answer is waited for. False: the far side cannot be
+  // told, and there will be no OnInputDelivered.
+  bool EndInput(std::uint32_t connection);
 
   // After SIGCHLD.
   void OnChildEnded() { CheckFarSide(); }
@@ -58,6 +64,8 @@ class Link final : StreamObserver {
 
   void OnFrameSent(const gxmod::FrameHeader& header) override { owner_.OnFrame(header, true); }
   void OnFrameReceived(const gxmod::FrameHeader& header) override { owner_.OnFrame(header, false); }
+  void OnInputDelivered(std::uint32_t connection) override;
+  void OnChannelListDropped() override;
   void OnGoodbye(const std::string& reason) override;
   void OnInputEnd(const std::string& reason) override;
   void OnOutputFailed(const std::string& reason) override;

@@ -1,32 +1,41 @@
 // gx-ssh: forwards local TCP connections through the standard input and output of a command.
 
 #include <signal.h>
-#include <spdlog/spdlog.h>
 
-#include <exception>
+#include <cstdio>
 #include <variant>
 
 #include "gx-ssh/app.h"
 #include "gx-ssh/console.h"
 #include "gx-ssh/descriptor.h"
 #include "gx-ssh/failure.h"
+#include "gx-ssh/module_library.h"
 #include "gx-ssh/options.h"
+#include "link/ready_line.h"
+
+namespace {
+
+int PrintVersion(const gxtool::Options& options) {
+  gxtool::ModuleLog log(0);
+  std::printf("gx-ssh %s\nprotocol %d\n", GX_VERSION, gxtool::kProtocolVersion);
+  try {
+    const gxtool::ModuleLibrary module(options.module_path, log);
+    std::printf("module %s (%s)\n", module.Description().c_str(), module.path().c_str());
+  } catch (const gxtool::Failure& failure) {
+    std::printf("module none: %s\n", failure.what());
+  }
+  return gxtool::kExitOk;
+}
+
+}  // namespace
 
 int main(int argc, char** argv) {
   using namespace gxtool;
   signal(SIGPIPE, SIG_IGN);
-  try {
-    FillStandardDescriptors();
-    const auto parsed = ParseOptions(argc, argv);
-    if (const int* status = std::get_if<int>(&parsed)) return *status;
-    const Options& options = std::get<Options>(parsed);
-    Console::SetUp(options.quiet, options.verbosity);
-    return App(options).Run();
-  } catch (const Failure& failure) {
-    spdlog::error("{}", failure.what());
-    return failure.status();
-  } catch (const std::exception& error) {
-    spdlog::error("{}", error.what());
-    return kExitLinkLost;
-  }
+  FillStandardDescriptors();
+  const auto parsed = ParseOptions(argc, argv);
+  if (const int* status = std::get_if<int>(&parsed)) return *status;
+  const Options& options = std::get<Options>(parsed);
+  if (options.show_version) return PrintVersion(options);
+  return App(options, Console::SetUp(options.quiet, options.verbosity)).Run();
 }

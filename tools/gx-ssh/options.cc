@@ -66,6 +66,14 @@ ListenAddress Listen(const std::string& text) {
   return result;
 }
 
+PrintFormat Print(const std::string& text) {
+  const auto found = kPrintFormats.find(text);
+  if (found == kPrintFormats.end()) {
+    throw CLI::ValidationError("--print \"" + text + "\": it is addr, port, json, env, ssh-config or none");
+  }
+  return found->second;
+}
+
 int Attempts(const std::string& text) {
   int attempts = 0;
   const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), attempts);
@@ -134,10 +142,10 @@ void DeclareLink(CLI::App& app, Options& options) {
 void DeclareOutput(CLI::App& app, Options& options) {
   AddText(app, "--listen", options.listen, Listen, "ADDR:PORT|unix:PATH",
           "Listen there (any port of 127.0.0.1)");
-  app.add_option("--print", options.print,
-                 "What standard output tells: addr, port, json, env, ssh-config, none")
-      ->option_text("FORMAT")
-      ->transform(CLI::CheckedTransformer(kPrintFormats));
+  AddText(app, "--print", options.print, Print, "FORMAT",
+          "What standard output tells: addr, port, json, env, ssh-config, none (addr)");
+  app.add_option("--name", options.name, "Name of the far side for ssh-config and its host key (gx-ssh)")
+      ->option_text("NAME");
   app.add_flag("--json", options.json, "Events on standard output, one object a line");
   app.add_option("--port-file", options.port_file, "Write the address to FILE while the port is open")
       ->option_text("FILE");
@@ -151,9 +159,9 @@ std::string Contradiction(const Options& options) {
   if (options.local && !options.carrier.empty()) return "--local takes no carrier";
   if (!options.local && options.carrier.empty()) return "a carrier is missing: a command behind --, or --local";
   if (options.standard_io && !options.run.empty()) return "-W and --run exclude each other";
-  if (options.standard_io &&
-      (options.listen || options.reconnect || options.json || !options.port_file.empty())) {
-    return "-W opens no port: --listen, --reconnect, --json and --port-file do not go with it";
+  const bool prints = options.json || options.print != PrintFormat::kNothing;
+  if (options.standard_io && (options.listen || options.reconnect || prints || !options.port_file.empty())) {
+    return "-W opens no port: --listen, --reconnect, --print, --json and --port-file do not go with it";
   }
   if (options.quiet && options.verbosity > 0) return "-q and -v exclude each other";
   if (options.listen && !options.listen->unix_path.empty() && options.print == PrintFormat::kPort) {
@@ -185,9 +193,14 @@ std::variant<Options, int> ParseOptions(int argc, const char* const* argv) {
   DeclareOutput(app, options);
   try {
     app.parse(static_cast<int>(divider - argv), argv);
+    // Standard output belongs to the connection, the command or the events.
+    const bool taken = options.standard_io || !options.run.empty() || options.json;
+    if (taken && app.count("--print") == 0) options.print = PrintFormat::kNothing;
   } catch (const CLI::CallForHelp&) {
     std::fputs(app.help().c_str(), stdout);
     return kExitOk;
+  } catch (const CLI::ExtrasError&) {
+    return Complain("unknown argument \"" + app.remaining().front() + "\"; a carrier stands behind --");
   } catch (const CLI::ParseError& error) {
     return Complain(error.what());
   }

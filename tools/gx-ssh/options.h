@@ -39,7 +39,8 @@ struct Options {
   std::chrono::milliseconds keepalive{15'000};  // 0: none
   int keepalive_count = 3;
 
-  PrintFormat print = PrintFormat::kAddress;
+  PrintFormat print = PrintFormat::kAddress;  // kNothing where standard output is somebody else's
+  std::string name = "gx-ssh";                // of the far side, in ssh's configuration
   bool json = false;
   std::string port_file;
   bool quiet = false;

@@ -19,6 +19,7 @@ PluginOutput::~PluginOutput() {
 
 bool PluginOutput::Write(const void* data, std::size_t length) {
   const std::string_view block(static_cast<const char*>(data), length);
+  begun_.clear();
   scanner_.Feed(block);
   Lock lock(mutex_);
   changed_.wait(lock, [this] { return closed() || finished_ || queued() < kQueueBytes; });
@@ -26,7 +27,11 @@ bool PluginOutput::Write(const void* data, std::size_t length) {
   Put(block);
   between_frames_ = scanner_.AtFrameEnd();
   if (between_frames_ && !inserts_.empty()) Put(std::exchange(inserts_, {}));
-  return Report(lock);
+  if (!Report(lock)) return false;
+  lock.unlock();
+  // Only now, so that what the handler inserts in answer comes behind the block.
+  for (const gxmod::FrameHeader& header : begun_) handler_.OnFrameSent(header);
+  return true;
 }
 
 void PluginOutput::Insert(std::string_view frame) {

@@ -13,6 +13,7 @@
 #include <string_view>
 #include <thread>
 #include <utility>
+#include <vector>
 
 #include "gx-ssh/stop_signal.h"
 #include "link/frame_reader.h"
@@ -26,7 +27,7 @@ class PluginOutput : FrameReader::Handler {
  public:
   class Handler {
    public:
-    // A frame begins to go out. From inside Write.
+    // A frame has begun to go out, at least its header. From inside Write.
     virtual void OnFrameSent(const gxmod::FrameHeader& header) = 0;
     // The descriptor takes no more, `reason` for a message. Once; on a caller's thread or the writer's own.
     virtual void OnWriteFailed(const std::string& reason) = 0;
@@ -56,7 +57,7 @@ class PluginOutput : FrameReader::Handler {
   static constexpr std::size_t kQueueBytes = 1024 * 1024;
 
  private:
-  void OnFrame(const gxmod::FrameHeader& header) override { handler_.OnFrameSent(header); }
+  void OnFrame(const gxmod::FrameHeader& header) override { begun_.push_back(header); }
   void OnPayload(std::string_view) override {}
   void OnFrameEnd() override {}
 
@@ -74,7 +75,8 @@ class PluginOutput : FrameReader::Handler {
   StopSignal& stop_;
   Handler& handler_;
 
-  FrameReader scanner_{this};  // of what Write brings; only in Write
+  FrameReader scanner_{this};              // of what Write brings; only in Write
+  std::vector<gxmod::FrameHeader> begun_;  // in this call of Write; only there
 
   std::mutex mutex_;  // guards what follows
   std::condition_variable changed_;

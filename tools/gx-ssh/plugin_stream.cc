@@ -41,6 +41,10 @@ void PluginStream::Ping() {
   if (!settings_.raw) output_.Insert(MakeFrame(kPingFrame, 0, std::string(kPingBytes, '\0')));
 }
 
+void PluginStream::EndInput(std::uint32_t connection) {
+  if (!settings_.raw) output_.Insert(MakeFrame(kEndOfInputFrame, connection, {}));
+}
+
 void PluginStream::Finish(std::string_view reason, std::chrono::milliseconds limit) {
   output_.Finish(settings_.raw ? std::string() : MakeFrame(kGoodbyeFrame, 0, reason), limit);
 }
@@ -53,7 +57,9 @@ bool PluginStream::Passes(const gxmod::FrameHeader& header) {
 }
 
 void PluginStream::OnTaken(const gxmod::FrameHeader& header, std::string_view payload) {
+  if (header.type == gxmod::ConnectionType::ChannelList) observer_.OnChannelListDropped();
   if (header.type == kPingFrame) output_.Insert(MakeFrame(kPongFrame, 0, payload));
+  if (header.type == kEndOfInputFrame) observer_.OnInputDelivered(header.connection_id);
   if (header.type == kGoodbyeFrame) observer_.OnGoodbye(std::string(payload));
 }
 

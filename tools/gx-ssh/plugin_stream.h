@@ -22,6 +22,10 @@ class StreamObserver {
  public:
   virtual void OnFrameSent(const gxmod::FrameHeader& header) = 0;
   virtual void OnFrameReceived(const gxmod::FrameHeader& header) = 0;
+  // The target of a connection has got everything that was sent before EndInput.
+  virtual void OnInputDelivered(std::uint32_t connection) = 0;
+  // A channel list from the far side was dropped.
+  virtual void OnChannelListDropped() = 0;
   // The far side ends in order; the end of the stream follows.
   virtual void OnGoodbye(const std::string& reason) = 0;
   // Nothing more comes, and not because of Close. Once; `reason` is for a message.
@@ -39,7 +43,8 @@ struct StreamSettings {
 };
 
 // Write takes the whole block at once. Frames that only the two tools exchange never reach the module: pings
-// are answered, the rest is reported. Threads: as IPluginStreamRaw says; Ping, Finish and silence on any.
+// are answered, the rest is reported. Threads: as IPluginStreamRaw says; Ping, EndInput, Finish and silence on
+// any.
 class PluginStream final : public Counted<IPluginStreamRaw>, PluginInput::Handler, PluginOutput::Handler {
  public:
   // Owns the descriptors. `received` is what has been read from `input` already. `observer` outlives the
@@ -53,6 +58,9 @@ class PluginStream final : public Counted<IPluginStreamRaw>, PluginInput::Handle
 
   // Asks the far side for a sign of life.
   void Ping();
+  // Tells the far side that no more bytes will come for a connection that stays open for the answer. It
+  // replies, see OnInputDelivered.
+  void EndInput(std::uint32_t connection);
   // For how long the far side has been silent while the module was waiting for it.
   std::chrono::milliseconds silence() const { return input_.silence(); }
   // Takes no more from the module, says goodbye and waits until all is sent, at most `limit`.

@@ -44,6 +44,8 @@ class Diary : public StreamObserver {
  public:
   void OnFrameSent(const gxmod::FrameHeader& header) override { Add("sent " + Name(header)); }
   void OnFrameReceived(const gxmod::FrameHeader& header) override { Add("received " + Name(header)); }
+  void OnInputDelivered(std::uint32_t id) override { Add("delivered " + std::to_string(id)); }
+  void OnChannelListDropped() override { Add("list dropped"); }
   void OnGoodbye(const std::string& reason) override { Add("goodbye " + reason); }
   void OnInputEnd(const std::string& reason) override { Add("end: " + reason); }
   void OnOutputFailed(const std::string& reason) override { Add("failed: " + reason); }

@@ -1,0 +1,90 @@
+#include "gx-ssh/options.h"
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include "gx-ssh/failure.h"
+
+namespace gxtool {
+namespace {
+
+using testing::ElementsAre;
+using testing::HasSubstr;
+using Words = std::vector<const char*>;
+
+std::variant<Options, int> Parse(Words words) {
+  words.insert(words.begin(), "gx-ssh");
+  return ParseOptions(static_cast<int>(words.size()), words.data());
+}
+
+Options Parsed(const Words& words) {
+  const auto result = Parse(words);
+  EXPECT_TRUE(std::holds_alternative<Options>(result));
+  return std::holds_alternative<Options>(result) ? std::get<Options>(result) : Options();
+}
+
+TEST(OptionsTest, CarrierKeepsItsOwnOptions) {
+  const Options options = Parsed({"-v", "--", "ssh", "-v", "--", "--json"});
+  EXPECT_THAT(options.carrier, ElementsAre("ssh", "-v", "--", "--json"));
+  EXPECT_EQ(options.verbosity, 1);
+  EXPECT_FALSE(options.json);
+}
+
+TEST(OptionsTest, ReadsValues) {
+  const Options options =
+      Parsed({"--local", "--target", "[0:0::1]:2222", "--keepalive", "1m", "--connect-timeout", "500ms",
+              "--reconnect=3", "--listen", "[::1]:0", "-vvv", "--print", "port"});
+  EXPECT_EQ(options.target, "[::1]:2222");
+  EXPECT_EQ(options.keepalive, std::chrono::minutes(1));
+  EXPECT_EQ(options.connect_timeout, std::chrono::milliseconds(500));
+  EXPECT_TRUE(options.reconnect);
+  EXPECT_EQ(options.reconnect_attempts, 3);
+  EXPECT_EQ(options.listen->address, "::1");
+  EXPECT_EQ(options.listen->port, 0);
+  EXPECT_EQ(options.verbosity, 3);
+  EXPECT_EQ(options.print, PrintFormat::kPort);
+  EXPECT_EQ(Parsed({"--local", "--reconnect"}).reconnect_attempts, 0);
+}
+
+TEST(OptionsTest, StandardOutputIsLeftToWhomItBelongs) {
+  EXPECT_EQ(Parsed({"--local"}).print, PrintFormat::kAddress);
+  EXPECT_EQ(Parsed({"--local", "-W"}).print, PrintFormat::kNothing);
+  EXPECT_EQ(Parsed({"--local", "--run", "x"}).print, PrintFormat::kNothing);
+  EXPECT_EQ(Parsed({"--local", "--json"}).print, PrintFormat::kNothing);
+  EXPECT_EQ(Parsed({"--local", "--json", "--print", "port"}).print, PrintFormat::kPort);
+}
+
+TEST(OptionsTest, EachMistakeHasOneLineAndAHint) {
+  const std::vector<std::pair<Words, std::string>> mistakes = {
+      {{}, "a carrier is missing"},
+      {{"--"}, "a carrier is missing"},
+      {{"--local", "--", "ssh"}, "--local takes no carrier"},
+      {{"ssh", "host"}, "unknown argument \"ssh\"; a carrier stands behind --"},
+      {{"--nonsense", "--", "ssh"}, "unknown argument \"--nonsense\""},
+      {{"--local", "--target", "box"}, "--target \"box\""},
+      {{"--local", "--target", "127.0.0.1:0"}, "--target \"127.0.0.1:0\""},
+      {{"--local", "--keepalive", "often"}, "--keepalive \"often\": not a duration"},
+      {{"--local", "--keepalive-count", "0"}, "--keepalive-count"},
+      {{"--local", "--reconnect=no"}, "not a number of attempts"},
+      {{"--local", "--listen", "localhost:1"}, "must be numeric"},
+      {{"--local", "--listen", "unix:"}, "a path is missing"},
+      {{"--local", "--print", "xml"}, "addr, port, json"},
+      {{"--local", "--print", "port", "--listen", "unix:/x"}, "has none"},
+      {{"--local", "-W", "--run", "x"}, "-W and --run"},
+      {{"--local", "-W", "--json"}, "-W opens no port"},
+      {{"--local", "-W", "--print", "port"}, "-W opens no port"},
+      {{"--local", "-q", "-v"}, "-q and -v"},
+  };
+  for (const auto& [words, complaint] : mistakes) {
+    testing::internal::CaptureStderr();
+    const auto result = Parse(words);
+    const std::string said = testing::internal::GetCapturedStderr();
+    ASSERT_TRUE(std::holds_alternative<int>(result)) << complaint;
+    EXPECT_EQ(std::get<int>(result), kExitUsage);
+    EXPECT_THAT(said, HasSubstr(complaint));
+    EXPECT_EQ(std::count(said.begin(), said.end(), '\n'), 2) << said;
+  }
+}
+
+}  // namespace
+}  // namespace gxtool

@@ -1,0 +1,342 @@
+// gx-ssh as people use it: the real module, the real far side, and far sides that fail.
+
+#include <arpa/inet.h>
+#include <fcntl.h>
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <netinet/in.h>
+#include <signal.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <sys/un.h>
+#include <unistd.h>
+
+#include <filesystem>
+#include <fstream>
+#include <list>
+#include <thread>
+
+#include "gx-ssh/child.h"
+#include "gx-ssh/descriptor.h"
+#include "gx-ssh/failure.h"
+#include "gx-ssh/relay.h"
+#include "stream_fixture.h"
+
+namespace gxtool {
+namespace {
+
+using testing::HasSubstr;
+using Arguments = std::vector<std::string>;
+
+// Sends back what it gets, until it gets no more.
+class EchoServer {
+ public:
+  EchoServer() : listener_(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0)) {
+    sockaddr_in address{};
+    address.sin_family = AF_INET;
+    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    socklen_t size = sizeof address;
+    auto* const generic = reinterpret_cast<sockaddr*>(&address);
+    EXPECT_EQ(bind(listener_.get(), generic, size), 0);
+    EXPECT_EQ(listen(listener_.get(), 100), 0);
+    EXPECT_EQ(getsockname(listener_.get(), generic, &size), 0);
+    address_ = "127.0.0.1:" + std::to_string(ntohs(address.sin_port));
+    thread_ = std::thread([this] { Serve(); });
+  }
+  ~EchoServer() {
+    shutdown(listener_.get(), SHUT_RDWR);
+    thread_.join();
+    for (std::thread& client : clients_) client.join();
+  }
+  const std::string& address() const { return address_; }
+
+ private:
+  void Serve() {
+    int client = -1;
+    while ((client = accept4(listener_.get(), nullptr, nullptr, SOCK_CLOEXEC)) >= 0) {
+      clients_.emplace_back([socket = Descriptor(client)] {
+        char chunk[65536];
+        for (ssize_t got = 0; (got = read(socket.get(), chunk, sizeof chunk)) > 0;) {
+          if (send(socket.get(), chunk, static_cast<std::size_t>(got), MSG_NOSIGNAL) != got) break;
+        }
+      });
+    }
+  }
+
+  Descriptor listener_;
+  std::string address_;
+  std::list<std::thread> clients_;
+  std::thread thread_;
+};
+
+class Program {
+ public:
+  explicit Program(Arguments arguments, int input = 0)
+      : child_({Prepend(std::move(arguments)), input, output_.write.get(), errors_.write.get()}) {
+    output_.write.Reset();
+    errors_.write.Reset();
+  }
+
+  std::string Line() { return ReadLine(output_.read.get()); }
+  std::string Output() { return ReadAll(output_.read.get()); }
+  int errors() const { return errors_.read.get(); }
+  std::string Errors() { return ReadAll(errors_.read.get()); }
+  void Signal(int number) { child_.Signal(number); }
+  int Status() {
+    const auto limit = std::chrono::steady_clock::now() + kPatience;
+    while (!child_.Poll() && std::chrono::steady_clock::now() < limit) usleep(1000);
+    return child_.Poll() ? Child::ExitStatus(*child_.Poll()) : -1;
+  }
+
+ private:
+  static Arguments Prepend(Arguments arguments) {
+    arguments.insert(arguments.begin(), GX_SSH_PROGRAM);
+    return arguments;
+  }
+
+  Pipe output_ = MakePipe();
+  Pipe errors_ = MakePipe();
+  Child child_;
+};
+
+Descriptor Connect(const std::string& address) {
+  const std::size_t colon = address.rfind(':');
+  Descriptor connection =
+      ConnectTo(address.substr(0, colon), static_cast<std::uint16_t>(std::stoi(address.substr(colon + 1))));
+  SetNonBlocking(connection.get(), false);
+  return connection;
+}
+
+Descriptor ConnectUnix(const std::string& path) {
+  sockaddr_un address{};
+  address.sun_family = AF_UNIX;
+  path.copy(address.sun_path, sizeof address.sun_path - 1);
+  Descriptor connection(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
+  EXPECT_EQ(connect(connection.get(), reinterpret_cast<sockaddr*>(&address), sizeof address), 0);
+  return connection;
+}
+
+// What comes back for `text` from an echo server at the other end.
+std::string Echo(const Descriptor& connection, const std::string& text) {
+  EXPECT_EQ(send(connection.get(), text.data(), text.size(), MSG_NOSIGNAL), static_cast<ssize_t>(text.size()));
+  return ReadAll(connection.get(), text.size());
+}
+
+class ProgramTest : public testing::Test {
+ protected:
+  ProgramTest() {
+    std::string name = testing::TempDir() + "gx-ssh-XXXXXX";
+    folder_ = mkdtemp(name.data());
+  }
+  ~ProgramTest() override { std::filesystem::remove_all(folder_); }
+
+  // Options, then the real far side for the echo server.
+  Arguments WithPeer(Arguments options) const {
+    const Arguments more = {"--target", echo_.address(), "--", GX_PEER_PROGRAM, "--allow", echo_.address()};
+    options.insert(options.end(), more.begin(), more.end());
+    return options;
+  }
+  // Options, then a far side made of shell commands.
+  static Arguments WithShell(Arguments options, const std::string& commands) {
+    const Arguments more = {"--", "sh", "-c", commands};
+    options.insert(options.end(), more.begin(), more.end());
+    return options;
+  }
+  // A descriptor with that content to read.
+  Descriptor Input(const std::string& content) const {
+    std::ofstream(folder_ + "/input") << content;
+    return Descriptor(open((folder_ + "/input").c_str(), O_RDONLY | O_CLOEXEC));
+  }
+
+  EchoServer echo_;
+  std::string folder_;
+};
+
+const std::string kReady = "printf 'GX-SSH-PEER 1\\n'; ";
+
+TEST_F(ProgramTest, ForwardsUntilItIsStopped) {
+  for (const int number : {SIGTERM, SIGINT, SIGHUP}) {
+    Program program(WithPeer({}));
+    const std::string address = program.Line();
+    EXPECT_EQ(Echo(Connect(address), "hello"), "hello");
+    program.Signal(number);
+    EXPECT_EQ(program.Errors(), "");
+    EXPECT_EQ(program.Output(), "") << "one line is all that standard output gets";
+    EXPECT_EQ(program.Status(), kExitOk);
+  }
+}
+
+TEST_F(ProgramTest, LocalFarSideNeedsNoCarrier) {
+  Program program({"--local", "--target", echo_.address()});
+  EXPECT_EQ(Echo(Connect(program.Line()), "hello"), "hello");
+  program.Signal(SIGTERM);
+  EXPECT_EQ(program.Status(), kExitOk);
+}
+
+// The end of the input comes long before the answer, which must be whole all the same.
+TEST_F(ProgramTest, StandardIoCarriesEverythingAndTheAnswer) {
+  for (const std::size_t size : {0u, 5u, 3'000'000u}) {
+    const std::string sent(size, 'x');
+    Program program(WithPeer({"-W"}), Input(sent).get());
+    EXPECT_TRUE(program.Output() == sent) << size;
+    EXPECT_EQ(program.Errors(), "");
+    EXPECT_EQ(program.Status(), kExitOk);
+  }
+}
+
+TEST_F(ProgramTest, StandardIoThatReachesNothingIsNoSuccess) {
+  Program program({"-W", "--target", echo_.address(), "--", GX_PEER_PROGRAM}, Input("unheard").get());
+  EXPECT_EQ(program.Output(), "");
+  EXPECT_THAT(program.Errors(), HasSubstr("--allow " + echo_.address()));
+  EXPECT_EQ(program.Status(), kExitLinkLost);
+}
+
+TEST_F(ProgramTest, RunsACommandAndEndsWithItsStatus) {
+  const Descriptor input = Input("typed");
+  Program program(WithPeer({"--run", "cat; test $GX_SSH_ADDR = $GX_SSH_HOST:$GX_SSH_PORT && exit 7"}),
+                  input.get());
+  EXPECT_EQ(program.Output(), "typed");
+  EXPECT_EQ(program.Status(), 7);
+}
+
+TEST_F(ProgramTest, FailedTunnelEndsTheCommand) {
+  for (const std::string& far_side :
+       {kReady + "sleep 0.1", std::string("exit 1"), std::string("no-such-program")}) {
+    Program program(WithShell({"--run", "sleep 60; :"}, far_side));
+    EXPECT_EQ(program.Output(), "");
+    EXPECT_EQ(program.Status(), kExitTunnel) << far_side;
+  }
+}
+
+struct BadFarSide {
+  Arguments options;
+  std::string commands;
+  int status;
+  std::string complaint;
+};
+
+TEST_F(ProgramTest, EachBadFarSideHasItsOwnMessage) {
+  const std::vector<BadFarSide> cases = {
+      {{},
+       "echo oh >&2; exit 3",
+       kExitNotReady,
+       R"(it has ended before it was ready; carrier "sh", exit status 3: oh)"},
+      {{"--connect-timeout", "200ms"},
+       "printf 'Welcome\\033[1m\\n'; sleep 60",
+       kExitNotReady,
+       R"(it has not said that it is ready within 200ms; it said "Welcome\x1b[1m\n")"},
+      {{}, "printf 'GX-SSH-PEER 9\\n'; sleep 60", kExitNotReady, "it speaks version 9 of the protocol"},
+      {{}, "printf 'GX-SSH-PEER 1\\r\\n'; sleep 60", kExitNotReady, "a terminal lies in between"},
+      {{}, "yes | tr -d '\\n'", kExitNotReady, "it sends something else"},
+      // The status of the carrier says nothing: without a goodbye the link is lost.
+      {{}, kReady + "echo last words >&2; exit 0", kExitLinkLost, R"(carrier "sh", exit status 0: last words)"},
+      {{}, kReady + "kill -9 $$", kExitLinkLost, "signal 9 (Killed)"},
+      {{"--keepalive", "100ms", "--keepalive-count", "2"},
+       kReady + "sleep 60",
+       kExitLinkLost,
+       "no sign of life from the far side for 200ms"},
+      {{"--raw"}, "sleep 0.1", kExitLinkLost, "link lost: end of the stream"},
+  };
+  for (const BadFarSide& bad : cases) {
+    Program program(WithShell(bad.options, bad.commands));
+    const std::string errors = program.Errors();
+    EXPECT_THAT(errors, HasSubstr(bad.complaint));
+    EXPECT_EQ(program.Status(), bad.status) << errors;
+  }
+}
+
+TEST_F(ProgramTest, CarrierThatCannotRunHasTheShellsStatus) {
+  for (const auto& [carrier, status] : {std::pair{"no-such-program", 127}, std::pair{"/etc/passwd", 126}}) {
+    Program program({"--", carrier});
+    EXPECT_THAT(program.Errors(), HasSubstr(std::string("gx-ssh: cannot run \"") + carrier));
+    EXPECT_EQ(program.Status(), status);
+  }
+}
+
+TEST_F(ProgramTest, FarSideThatSaysGoodbyeIsNoLoss) {
+  const std::string peer = "timeout -s TERM 0.2 " GX_PEER_PROGRAM "; exit 9";
+  Program program(WithShell({}, peer));
+  EXPECT_EQ(program.Errors(), "gx-ssh: the far side has ended: stopped\n");
+  EXPECT_EQ(program.Status(), kExitOk);
+}
+
+TEST_F(ProgramTest, ReconnectsAtTheSameAddress) {
+  const std::string pid_file = folder_ + "/pid";
+  Arguments arguments = {"--reconnect", "--target", echo_.address()};
+  const std::string peer =
+      "echo $$ > " + pid_file + "; exec " + GX_PEER_PROGRAM + " --allow " + echo_.address();
+  Program program(WithShell(arguments, peer));
+  const std::string address = program.Line();
+  for (int round = 0; round < 3; ++round) {
+    const Descriptor connection = Connect(address);
+    EXPECT_EQ(Echo(connection, "hello"), "hello") << round;
+    pid_t far_side = 0;
+    std::ifstream(pid_file) >> far_side;
+    kill(far_side, SIGKILL);
+    EXPECT_EQ(ReadAll(connection.get()), "") << "a connection of the lost link is closed";
+  }
+  program.Signal(SIGTERM);
+  EXPECT_THAT(program.Errors(), HasSubstr("the link is up again"));
+  EXPECT_EQ(program.Status(), kExitOk);
+}
+
+TEST_F(ProgramTest, GivesUpAfterSoManyAttempts) {
+  Program program(WithShell({"--reconnect=2"}, "exit 1"));
+  const std::string errors = program.Errors();
+  EXPECT_EQ(std::count(errors.begin(), errors.end(), '\n'), 3) << errors;
+  EXPECT_EQ(program.Status(), kExitNotReady);
+}
+
+TEST_F(ProgramTest, UnixSocketIsTheOwnersAndGoesAway) {
+  const std::string path = folder_ + "/socket";
+  for (int round = 0; round < 2; ++round) {
+    Program program(WithPeer({"--listen", "unix:" + path}));
+    EXPECT_EQ(program.Line(), "unix:" + path);
+    struct stat info {};
+    EXPECT_EQ(stat(path.c_str(), &info), 0);
+    EXPECT_EQ(info.st_mode & 0777, 0600u);
+    EXPECT_EQ(Echo(ConnectUnix(path), "hello"), "hello");
+    Program second(WithPeer({"--listen", "unix:" + path}));
+    EXPECT_EQ(second.Status(), kExitListen) << "somebody listens there";
+    program.Signal(round == 0 ? SIGKILL : SIGTERM);
+    program.Status();
+    EXPECT_EQ(std::filesystem::exists(path), round == 0) << "what a killed one left does not matter";
+  }
+}
+
+TEST_F(ProgramTest, ScriptsGetEventsAndAPortFile) {
+  const std::string port_file = folder_ + "/port";
+  Program program(WithPeer({"--json", "--port-file", port_file}));
+  EXPECT_THAT(program.Line(), HasSubstr(R"({"event":"link",)"));
+  EXPECT_THAT(program.Line(), HasSubstr(R"("state":"up"})"));
+  EXPECT_THAT(program.Line(), HasSubstr(R"({"event":"listening",)"));
+  std::string address;
+  std::ifstream(port_file) >> address;
+  struct stat info {};
+  EXPECT_EQ(stat(port_file.c_str(), &info), 0);
+  EXPECT_EQ(info.st_mode & 0777, 0600u);
+  EXPECT_EQ(Echo(Connect(address), "hello"), "hello");
+  EXPECT_THAT(program.Line(), HasSubstr(R"({"event":"open",)"));
+  const std::string close = program.Line();
+  EXPECT_THAT(close, HasSubstr(R"({"event":"close",)"));
+  EXPECT_THAT(close, HasSubstr(R"("sent":5,"received":5,"seconds":)"));
+  program.Signal(SIGUSR1);
+  EXPECT_THAT(ReadLine(program.errors()), HasSubstr("received"));
+  program.Signal(SIGTERM);
+  EXPECT_THAT(program.Output(), HasSubstr(R"("status":0,"reason":"stopped"})"));
+  EXPECT_FALSE(std::filesystem::exists(port_file));
+}
+
+// Everything that the carrier has started holds standard error, so its end is theirs.
+TEST_F(ProgramTest, KilledProgramLeavesNothingBehind) {
+  const std::string stubborn = "trap '' TERM HUP INT; while :; do sleep 60; done";
+  Program program(WithShell({}, "(" + stubborn + ") & " + kReady + stubborn));
+  EXPECT_THAT(program.Line(), HasSubstr("127.0.0.1:"));
+  program.Signal(SIGKILL);
+  const auto start = std::chrono::steady_clock::now();
+  program.Errors();
+  EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(10));
+}
+
+}  // namespace
+}  // namespace gxtool

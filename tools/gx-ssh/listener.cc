@@ -1,0 +1,118 @@
+#include "gx-ssh/listener.h"
+
+#include <fcntl.h>
+#include <spdlog/spdlog.h>
+#include <sys/stat.h>
+#include <sys/un.h>
+#include <unistd.h>
+
+#include <asio/ip/tcp.hpp>
+#include <asio/local/stream_protocol.hpp>
+#include <cerrno>
+#include <chrono>
+#include <cstring>
+#include <system_error>
+#include <utility>
+
+#include "gx-ssh/failure.h"
+
+namespace gxtool {
+namespace {
+
+constexpr mode_t kOwnerOnly = 0177;
+
+std::string Text(const ListenAddress& address) {
+  if (!address.unix_path.empty()) return "unix:" + address.unix_path;
+  return address.address + " port " + std::to_string(address.port);
+}
+
+// A socket that nobody listens at is what a killed process left behind.
+void RemoveIfStale(const std::string& path, const asio::generic::stream_protocol::endpoint& endpoint) {
+  struct stat info {};
+  if (lstat(path.c_str(), &info) != 0 || !S_ISSOCK(info.st_mode)) return;
+  const Descriptor probe(socket(AF_UNIX, SOCK_STREAM, 0));
+  const auto size = static_cast<socklen_t>(endpoint.size());
+  if (connect(probe.get(), endpoint.data(), size) != 0 && errno == ECONNREFUSED) unlink(path.c_str());
+}
+
+}  // namespace
+
+Listener::Listener(asio::io_context& io, const ListenAddress& address)
+    : io_(io), address_(address), acceptor_(io), pause_(io) {
+  const bool is_unix = !address_.unix_path.empty();
+  try {
+    const Protocol::endpoint endpoint = Endpoint();
+    acceptor_.open(endpoint.protocol());
+    fcntl(acceptor_.native_handle(), F_SETFD, FD_CLOEXEC);
+    if (is_unix) RemoveIfStale(address_.unix_path, endpoint);
+    if (!is_unix) acceptor_.set_option(asio::socket_base::reuse_address(true));
+    // The socket is born with its mode: there is no moment at which somebody else could connect.
+    const mode_t before = umask(kOwnerOnly);
+    asio::error_code error;
+    acceptor_.bind(endpoint, error);
+    umask(before);
+    if (error) throw std::system_error(error);
+    acceptor_.listen();
+    if (!is_unix) {
+      asio::ip::tcp::endpoint bound;
+      const Protocol::endpoint local = acceptor_.local_endpoint();
+      std::memcpy(bound.data(), local.data(), local.size());
+      address_.port = bound.port();
+    }
+  } catch (const std::system_error& error) {
+    throw Failure(kExitListen, "cannot listen at " + Text(address_) + ": " + error.code().message());
+  }
+}
+
+Listener::~Listener() {
+  if (!address_.unix_path.empty()) unlink(address_.unix_path.c_str());
+}
+
+void Listener::Open(const std::string& address, std::uint16_t port) {
+  module_address_ = address;
+  module_port_ = port;
+  open_ = true;
+  Accept();
+}
+
+void Listener::Close() {
+  open_ = false;
+  acceptor_.cancel();
+  pause_.cancel();
+  relays_.clear();
+}
+
+Listener::Protocol::endpoint Listener::Endpoint() const {
+  if (!address_.unix_path.empty()) return asio::local::stream_protocol::endpoint(address_.unix_path);
+  return asio::ip::tcp::endpoint(asio::ip::make_address(address_.address), address_.port);
+}
+
+void Listener::Accept() {
+  acceptor_.async_accept(lifetime_.Guard([this](asio::error_code error, Protocol::socket client) {
+    if (!open_) return;
+    if (!error) {
+      Serve(client.native_handle());
+      return Accept();
+    }
+    // Out of descriptors, most likely: the client waits, and so does this for a moment.
+    spdlog::warn("cannot take a connection: {}", error.message());
+    pause_.expires_after(std::chrono::seconds(1));
+    pause_.async_wait(lifetime_.Guard([this](asio::error_code stopped) {
+      if (!stopped && open_) Accept();
+    }));
+  }));
+}
+
+void Listener::Serve(int client) {
+  try {
+    Descriptor module = ConnectTo(module_address_, module_port_);
+    const auto relay = relays_.insert(relays_.end(), nullptr);
+    const auto ended = lifetime_.Guard([this, relay] { relays_.erase(relay); });
+    *relay = std::make_unique<Relay>(io_, Duplicate(client), Duplicate(client), std::move(module),
+                                     Relay::Events{{}, ended});
+  } catch (const std::system_error& error) {
+    spdlog::warn("cannot connect a client to the module: {}", error.code().message());
+  }
+}
+
+}  // namespace gxtool

@@ -1,0 +1,163 @@
+#include "gx-ssh/report.h"
+
+#include <spdlog/fmt/fmt.h>
+
+#include <array>
+#include <filesystem>
+
+#include "link/escape.h"
+
+namespace gxtool {
+namespace {
+
+// A JSON string. Bytes that are not ASCII are passed on: the program's texts are UTF-8.
+std::string Quote(std::string_view text) {
+  std::string result = "\"";
+  for (const char c : text) {
+    if (c == '"' || c == '\\') {
+      result += {'\\', c};
+    } else if (static_cast<unsigned char>(c) < 0x20) {
+      result += fmt::format("\\u{:04x}", static_cast<int>(c));
+    } else {
+      result += c;
+    }
+  }
+  return result + '"';
+}
+
+std::string SshConfig(const ListenAddress& address, const std::string& name) {
+  std::string text = "Host " + name + "\n";
+  if (address.unix_path.empty()) {
+    text += fmt::format("  HostName {}\n  Port {}\n", address.address, address.port);
+  } else {
+    text += fmt::format("  ProxyCommand nc -U \"{}\"\n", address.unix_path);
+  }
+  // The port is another one each time, so the key is kept under a name of its own.
+  return text + fmt::format("  HostKeyAlias {}\n", name);
+}
+
+}  // namespace
+
+std::string ProgramName(const std::string& path) {
+  return Escape(std::filesystem::path(path).filename().string());
+}
+
+std::string AddressText(const ListenAddress& address) {
+  if (!address.unix_path.empty()) return "unix:" + address.unix_path;
+  const bool v6 = address.address.find(':') != std::string::npos;
+  return v6 ? fmt::format("[{}]:{}", address.address, address.port)
+            : fmt::format("{}:{}", address.address, address.port);
+}
+
+JsonObject AddressObject(const ListenAddress& address) {
+  JsonObject object;
+  if (address.unix_path.empty()) object.Add("host", address.address).Add("port", std::uint64_t{address.port});
+  return object.Add("address", AddressText(address));
+}
+
+std::string Announcement(PrintFormat format, const ListenAddress& address, const std::string& name) {
+  switch (format) {
+    case PrintFormat::kAddress:
+      return AddressText(address) + "\n";
+    case PrintFormat::kPort:
+      return fmt::format("{}\n", address.port);
+    case PrintFormat::kJson:
+      return AddressObject(address).Text() + "\n";
+    case PrintFormat::kEnvironment: {
+      std::string line;
+      for (const auto& [key, value] : AddressVariables(address)) line += fmt::format("{}='{}' ", key, value);
+      line.back() = '\n';
+      return line;
+    }
+    case PrintFormat::kSshConfig:
+      return SshConfig(address, name);
+    case PrintFormat::kNothing:
+      break;
+  }
+  return {};
+}
+
+std::vector<std::pair<std::string, std::string>> AddressVariables(const ListenAddress& address) {
+  std::vector<std::pair<std::string, std::string>> result;
+  if (address.unix_path.empty()) {
+    result.emplace_back("GX_SSH_HOST", address.address);
+    result.emplace_back("GX_SSH_PORT", std::to_string(address.port));
+  }
+  result.emplace_back("GX_SSH_ADDR", AddressText(address));
+  return result;
+}
+
+std::string FormatBytes(double bytes) {
+  constexpr std::array<const char*, 5> kUnits{"B", "KiB", "MiB", "GiB", "TiB"};
+  std::size_t unit = 0;
+  // What would be rounded to 1024.0 is one of the next unit.
+  while (bytes >= 1023.95 && unit + 1 < kUnits.size()) {
+    bytes /= 1024;
+    ++unit;
+  }
+  return fmt::format("{:.{}f} {}", bytes, unit == 0 ? 0 : 1, kUnits[unit]);
+}
+
+std::string FormatSeconds(double seconds) {
+  if (seconds < 10) return fmt::format("{:.1f}s", seconds);
+  const auto whole = static_cast<std::uint64_t>(seconds);
+  if (whole < 60) return fmt::format("{}s", whole);
+  if (whole < 3600) return fmt::format("{}m {}s", whole / 60, whole % 60);
+  return fmt::format("{}h {}m", whole / 3600, whole % 3600 / 60);
+}
+
+std::string ConnectionLine(const Traffic::Change& change) {
+  const Traffic::Connection& connection = change.connection;
+  if (change.opened) return fmt::format("connection {} open", connection.id);
+  return fmt::format("connection {} closed after {}: {} sent, {} received", connection.id,
+                     FormatSeconds(connection.Seconds()), FormatBytes(static_cast<double>(connection.sent)),
+                     FormatBytes(static_cast<double>(connection.received)));
+}
+
+std::vector<std::string> Table(const std::vector<Traffic::Connection>& open, const Traffic::Totals& totals) {
+  constexpr const char* kRow = "{:>10}  {:>8}  {:>10}  {:>10}";
+  const auto row = [&](const std::string& id, const std::string& age, std::uint64_t sent,
+                       std::uint64_t received) {
+    return fmt::format(kRow, id, age, FormatBytes(static_cast<double>(sent)),
+                       FormatBytes(static_cast<double>(received)));
+  };
+  std::vector<std::string> lines{fmt::format(kRow, "connection", "age", "sent", "received")};
+  for (const Traffic::Connection& connection : open) {
+    lines.push_back(row(std::to_string(connection.id), FormatSeconds(connection.Seconds()), connection.sent,
+                        connection.received));
+  }
+  lines.push_back(row(fmt::format("all {}", totals.connections), "", totals.sent, totals.received));
+  return lines;
+}
+
+std::string StatusLines(const std::string& route, const std::string& link_state, const Traffic::Totals& totals,
+                        double sent_rate, double received_rate) {
+  return fmt::format("{}   {}\n{} open, {} in all   sent {} ({}/s)   received {} ({}/s)", route, link_state,
+                     totals.open, totals.connections, FormatBytes(static_cast<double>(totals.sent)),
+                     FormatBytes(sent_rate), FormatBytes(static_cast<double>(totals.received)),
+                     FormatBytes(received_rate));
+}
+
+JsonObject& JsonObject::Add(std::string_view name, std::string_view text) { return AddRaw(name, Quote(text)); }
+
+JsonObject& JsonObject::Add(std::string_view name, std::uint64_t number) {
+  return AddRaw(name, fmt::format("{}", number));
+}
+
+JsonObject& JsonObject::Add(std::string_view name, double number) {
+  return AddRaw(name, fmt::format("{:.3f}", number));
+}
+
+JsonObject& JsonObject::Add(const JsonObject& other) {
+  if (!members_.empty() && !other.members_.empty()) members_ += ',';
+  members_ += other.members_;
+  return *this;
+}
+
+JsonObject& JsonObject::AddRaw(std::string_view name, const std::string& value) {
+  if (!members_.empty()) members_ += ',';
+  members_ += Quote(name) + ":" + value;
+  return *this;
+}
+
+}  // namespace gxtool

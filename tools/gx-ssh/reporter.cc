@@ -1,0 +1,115 @@
+#include "gx-ssh/reporter.h"
+
+#include <spdlog/spdlog.h>
+#include <unistd.h>
+
+#include <cstdio>
+#include <cstdlib>
+#include <string_view>
+
+namespace gxtool {
+namespace {
+
+constexpr std::chrono::milliseconds kTick{500};
+constexpr unsigned kTicksPerStatistics = 20;
+
+const std::string kStarting = "starting";
+
+bool HasTerminal(const Options& options) {
+  const char* terminal = std::getenv("TERM");
+  // The command of --run and what talks through -W have the terminal for themselves.
+  const bool ours = !options.quiet && !options.standard_io && options.run.empty();
+  return ours && isatty(STDERR_FILENO) && terminal != nullptr && std::string_view(terminal) != "dumb";
+}
+
+}  // namespace
+
+Reporter::Reporter(asio::io_context& io, const Options& options, Console& console, const Traffic& traffic)
+    : options_(options), console_(console), traffic_(traffic), live_(HasTerminal(options)), timer_(io) {
+  route_ = options_.local ? "far side inside" : ProgramName(options_.carrier.front());
+  if (live_ || options_.json) Tick();
+}
+
+void Reporter::OnListening(const ListenAddress& address) {
+  route_ = AddressText(address) + " -> " + options_.target + " through " + route_;
+  PrintOut(Announcement(options_.print, address, options_.name));
+  Emit("listening", AddressObject(address));
+}
+
+void Reporter::OnLink(const std::string& state, const std::string& detail) {
+  link_state_ = state;
+  if (state == kStarting) console_.SetStatus({});
+  link_since_ = Clock::now();
+  JsonObject object;
+  object.Add("state", state);
+  if (!detail.empty()) object.Add("detail", detail);
+  Emit("link", object);
+}
+
+void Reporter::OnConnection(const Traffic::Change& change) {
+  spdlog::debug("{}", ConnectionLine(change));
+  const Traffic::Connection& connection = change.connection;
+  JsonObject object;
+  object.Add("connection", std::uint64_t{connection.id});
+  if (change.opened) return Emit("open", object);
+  object.Add("sent", connection.sent).Add("received", connection.received).Add("seconds", connection.Seconds());
+  Emit("close", object);
+}
+
+void Reporter::OnExit(int status, const std::string& reason) {
+  timer_.cancel();
+  console_.SetStatus({});
+  if (options_.json) EmitStatistics(traffic_.totals());
+  JsonObject object;
+  Emit("exit", object.Add("status", static_cast<std::uint64_t>(status)).Add("reason", reason));
+}
+
+void Reporter::PrintOut(const std::string& text) {
+  // Both may be one terminal; the next tick shows the status again, below this.
+  if (!text.empty()) console_.SetStatus({});
+  std::fputs(text.c_str(), stdout);
+  std::fflush(stdout);
+}
+
+void Reporter::PrintTable() {
+  // Asked for, so it is said with -q as well.
+  for (const std::string& line : Table(traffic_.open(), traffic_.totals())) spdlog::critical("{}", line);
+}
+
+void Reporter::Tick() {
+  const Traffic::Totals totals = traffic_.totals();
+  // A carrier that starts may ask for a password, and wants the terminal to itself.
+  if (live_ && link_state_ != kStarting) ShowStatus(totals);
+  if (options_.json && ++ticks_ % kTicksPerStatistics == 0) EmitStatistics(totals);
+  last_totals_ = totals;
+  timer_.expires_after(kTick);
+  timer_.async_wait([this](asio::error_code error) {
+    if (!error) Tick();
+  });
+}
+
+void Reporter::ShowStatus(const Traffic::Totals& totals) {
+  const auto rate = [](std::uint64_t now, std::uint64_t before) {
+    return static_cast<double>(now - before) / std::chrono::duration<double>(kTick).count();
+  };
+  const double seconds = std::chrono::duration<double>(Clock::now() - link_since_).count();
+  console_.SetStatus(StatusLines(route_, link_state_ + " " + FormatSeconds(seconds), totals,
+                                 rate(totals.sent, last_totals_.sent),
+                                 rate(totals.received, last_totals_.received)));
+}
+
+void Reporter::Emit(const char* event, const JsonObject& details) {
+  if (!options_.json) return;
+  const auto now = std::chrono::system_clock::now().time_since_epoch();
+  JsonObject object;
+  object.Add("event", event).Add("time", std::chrono::duration<double>(now).count()).Add(details);
+  PrintOut(object.Text() + "\n");
+}
+
+void Reporter::EmitStatistics(const Traffic::Totals& totals) {
+  JsonObject object;
+  object.Add("open", totals.open).Add("connections", totals.connections);
+  Emit("stats", object.Add("sent", totals.sent).Add("received", totals.received));
+}
+
+}  // namespace gxtool

@@ -1,0 +1,57 @@
+// Tells people and scripts how things stand.
+#ifndef GX_SSH_REPORTER_H
+#define GX_SSH_REPORTER_H
+
+#include <asio/io_context.hpp>
+#include <asio/steady_timer.hpp>
+#include <chrono>
+#include <memory>
+#include <string>
+
+#include "gx-ssh/console.h"
+#include "gx-ssh/options.h"
+#include "gx-ssh/report.h"
+#include "gx-ssh/traffic.h"
+
+namespace gxtool {
+
+// The address on standard output, events with --json, connections with -v, and a status on a terminal that is
+// kept up to date. Threads: the one that runs `io`.
+class Reporter {
+ public:
+  // All arguments outlive the reporter.
+  Reporter(asio::io_context& io, const Options& options, Console& console, const Traffic& traffic);
+
+  void OnListening(const ListenAddress& address);
+  // `state` is one word: starting, up, lost, ended. `detail` may be empty.
+  void OnLink(const std::string& state, const std::string& detail);
+  void OnConnection(const Traffic::Change& change);
+  // The last word.
+  void OnExit(int status, const std::string& reason);
+
+  void PrintTable();
+
+ private:
+  using Clock = std::chrono::steady_clock;
+
+  void PrintOut(const std::string& text);
+  void Tick();
+  void ShowStatus(const Traffic::Totals& totals);
+  void Emit(const char* event, const JsonObject& details);
+  void EmitStatistics(const Traffic::Totals& totals);
+
+  const Options& options_;
+  Console& console_;
+  const Traffic& traffic_;
+  const bool live_;  // there is a status to show
+  asio::steady_timer timer_;
+  unsigned ticks_ = 0;
+  Traffic::Totals last_totals_;
+  std::string route_;
+  std::string link_state_ = "starting";
+  Clock::time_point link_since_ = Clock::now();
+};
+
+}  // namespace gxtool
+
+#endif  // GX_SSH_REPORTER_H
