@@ -277,8 +277,12 @@ TEST_F(DnsCacheTest, HostentsBelongToTheirThread) {
   EXPECT_EQ(cache_.gethostbyname_local(nullptr, nullptr), nullptr);
 }
 
-// A name that no resolver knows; it fails without a packet, because the label is too long for one.
-const std::string kUnknown = std::string(70, 'x') + ".invalid";
+// A name that no resolver knows; it fails without a packet, because the label is too long for one. The cache is
+// the process's and forgets nothing, so each name is new.
+std::string UnknownName() {
+  static int count = 0;
+  return std::string(70, 'x') + std::to_string(++count) + ".invalid";
+}
 
 // The singleton and the system's resolver. Everything that has to do with them is here.
 class DnsCacheSystemTest : public DnsCacheTest {
@@ -302,9 +306,10 @@ TEST_F(DnsCacheSystemTest, LooksUpLiveRemembersAndFallsBack) {
     dnscache_freeaddrinfo(list);
   }
   addrinfo* list = nullptr;
-  const int code = getaddrinfo(kUnknown.c_str(), nullptr, &hints, &list);
+  const std::string unknown = UnknownName();
+  const int code = getaddrinfo(unknown.c_str(), nullptr, &hints, &list);
   EXPECT_NE(code, 0);
-  EXPECT_EQ(dnscache_getaddrinfo(kUnknown.c_str(), nullptr, &hints, &list), code);
+  EXPECT_EQ(dnscache_getaddrinfo(unknown.c_str(), nullptr, &hints, &list), code);
   dnscache_freeaddrinfo(nullptr);
 }
 
@@ -316,14 +321,15 @@ TEST_F(DnsCacheSystemTest, GetHostByNameDoesTheSame) {
   ASSERT_NE(host, nullptr);
   EXPECT_STREQ(inet_ntoa(*reinterpret_cast<in_addr*>(host->h_addr_list[0])), "127.0.0.1");
   dnscache_freehost(const_cast<hostent*>(host));
-  EXPECT_EQ(dnscache_gethostbyname(kUnknown.c_str()), nullptr);
+  EXPECT_EQ(dnscache_gethostbyname(UnknownName().c_str()), nullptr);
 }
 
 TEST_F(DnsCacheSystemTest, ResolveHostnameReachesANameThatOnlyTheCacheKnows) {
+  const std::string unknown = UnknownName();
   std::vector<talk_base::IPAddress> ips;
-  EXPECT_NE(talk_base::ResolveHostname(kUnknown, AF_UNSPEC, &ips), 0);
-  storage_.text_ = Text(kUnknown, {"192.0.2.1", "2001:db8::1"}, 1);
-  EXPECT_EQ(talk_base::ResolveHostname(kUnknown, AF_INET6, &ips), 0);
+  EXPECT_NE(talk_base::ResolveHostname(unknown, AF_UNSPEC, &ips), 0);
+  storage_.text_ = Text(unknown, {"192.0.2.1", "2001:db8::1"}, 1);
+  EXPECT_EQ(talk_base::ResolveHostname(unknown, AF_INET6, &ips), 0);
   ASSERT_EQ(ips.size(), 1u);
   EXPECT_EQ(ips[0].ToString(), "2001:db8::1");
 
