@@ -3,6 +3,7 @@
 #include <signal.h>
 
 #include <cstdio>
+#include <exception>
 #include <variant>
 
 #include "gx-ssh/app.h"
@@ -27,9 +28,7 @@ int PrintVersion(const gxtool::Options& options) {
   return gxtool::kExitOk;
 }
 
-}  // namespace
-
-int main(int argc, char** argv) {
+int Run(int argc, char** argv) {
   using namespace gxtool;
   signal(SIGPIPE, SIG_IGN);
   FillStandardDescriptors();
@@ -38,4 +37,15 @@ int main(int argc, char** argv) {
   const Options& options = std::get<Options>(parsed);
   if (options.show_version) return PrintVersion(options);
   return App(options, Console::SetUp(options.quiet, options.verbosity)).Run();
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  try {
+    return Run(argc, argv);
+  } catch (const std::exception& error) {
+    std::fprintf(stderr, "gx-ssh: %s\n", error.what());
+    return gxtool::kExitLinkLost;
+  }
 }

@@ -7,6 +7,7 @@ namespace {
 
 std::vector<Traffic::Connection> List(const std::map<std::uint32_t, Traffic::Connection>& connections) {
   std::vector<Traffic::Connection> result;
+  result.reserve(connections.size());
   for (const auto& [id, connection] : connections) result.push_back(connection);
   return result;
 }
