@@ -11,7 +11,7 @@ import sys
 import tempfile
 import time
 
-from throwaway import Failure, SshServer, Tunnel, bounded
+from throwaway import Clients, Failure, ProxyCommand, SshServer, Tunnel, bounded, free_port, run
 
 SCENARIOS = {}
 
@@ -34,6 +34,12 @@ def random_file(path, size_mib):
     with open(path, "wb") as file:
         for _ in range(size_mib):
             file.write(secrets.token_bytes(1 << 20))
+
+
+def wait_for_path(path):
+    """Bounded by the alarm of the whole run."""
+    while not os.path.exists(path):
+        time.sleep(0.01)
 
 
 def sha256(path):
@@ -159,6 +165,46 @@ def interrupted(tools, server):
         session.expect(session.out, "^hello$")
         tunnel.stop(signal.SIGINT)
         expect(session.wait() != 0, "the session ended with 0 although its tunnel was closed")
+
+
+@scenario
+def proxy_command(tools, server):
+    """ssh starts gx-ssh -W itself: one after the other, many at once, and what builds on ssh."""
+    with ProxyCommand(tools, server) as proxy, contextlib.ExitStack() as open_sessions:
+        for number in range(20):
+            expect(proxy.run("ssh", "far", f"echo {number}") == f"{number}\n", "a command printed something else")
+        sessions = [open_sessions.enter_context(proxy.session("far", "cat; exit 42")) for _ in range(20)]
+        for number, session in enumerate(sessions):
+            session.send(f"text {number}\n")
+            session.expect(session.out, f"^text {number}$", timeout=120)
+            session.stdin.close()
+        for session in sessions:
+            session.expect_status(42)
+
+        tree, there, clone = (f"{server.folder}/{name}" for name in ("tree", "there", "clone"))
+        make_tree(tree)
+        proxy.run("scp", "-q", "-p", "-r", tree, f"far:{there}")
+        expect(describe_tree(tree) == describe_tree(there), "the trees differ")
+        run(["git", "init", "-q", tree])
+        run(["git", "-C", tree, "add", "."])
+        run(["git", "-C", tree, "-c", "user.name=x", "-c", "user.email=x", "commit", "-q", "-m", "x"])
+        run(["git", "-c", f"core.sshCommand=ssh -F {proxy.config}", "clone", "-q", f"far:{tree}", clone])
+        expect(os.path.exists(f"{clone}/a/b/c/large"), "git cloned nothing")
+
+
+@scenario
+def shared_proxy(tools, server):
+    """Sessions that share one ssh connection through gx-ssh -W, and a forwarded port inside it."""
+    port = free_port()
+    control = ("-o", f"ControlPath={server.folder}/control")
+    with ProxyCommand(tools, server) as proxy:
+        with proxy.session("-M", "-N", *control, "-L", f"{port}:127.0.0.1:{server.port}", "far") as master:
+            wait_for_path(f"{server.folder}/control")
+            expect(proxy.run("ssh", *control, "far", "echo shared") == "shared\n", "the shared session failed")
+            inner = Clients(server, "HostName 127.0.0.1", f"Port {port}")
+            expect(inner.run("ssh", "far", "echo inner") == "inner\n", "the forwarded port does not lead to sshd")
+            proxy.run("ssh", *control, "-O", "exit", "far")
+            master.wait()
 
 
 def parse_arguments():

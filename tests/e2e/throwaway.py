@@ -14,6 +14,7 @@ import shutil
 import signal
 import socket
 import subprocess
+import tempfile
 import threading
 
 READY_S = 30  # until a program that was started is ready
@@ -245,78 +246,21 @@ class SshServer:
             """)
 
 
-class Tunnel:
-    """gx-ssh between clients and the server, with gx-ssh-peer as a process of its own or, `local`, inside."""
+class Clients:
+    """ssh, scp and what builds on them, set up to know the server by the name `far`."""
 
-    def __init__(self, tools, server, local=False):
+    def __init__(self, server, *way):
+        """`way` are the lines of the configuration that tell how to get there."""
         self.server = server
         self.folder = server.folder
-        self._client_config = f"{self.folder}/ssh_config"
-        target = f"127.0.0.1:{server.port}"
-        # The shell writes the process number that gx-ssh-peer takes over from it, along with the open pipe.
-        self._peer_life = f"{self.folder}/peer.life"
-        peer = ["sh", "-c", 'exec 9>"$0" && echo $$ >&9 && exec "$@"', self._peer_life,
-                tools.gx_ssh_peer, "--allow", target]
-        self._command = [tools.gx_ssh, "--target", target] + (["--local"] if local else ["--", *peer])
-        self._local = local
-        self._over = False
-
-    def __enter__(self):
-        if not self._local:
-            os.mkfifo(self._peer_life)
-            self._peer = Lines(lambda: open(self._peer_life, encoding="ascii"))
-        self.host = Child(self._command, env=self._environment())
-        try:
-            self.port = self.host.expect(self.host.out, r"^127\.0\.0\.1:(\d+)$").group(1)
-            self._write_client_config()
-        except BaseException:
-            self.host.__exit__()
-            raise
-        return self
-
-    def __exit__(self, *failure):
-        with self.host:
-            if failure[0] is None and not self._over:
-                self.stop()
-        if failure[0] is None:
-            self._expect_no_peer()
-            self._expect_no_reports()
-
-    def stop(self, number=signal.SIGTERM):
-        """Ends the tunnel as a user does."""
-        self._over = True
-        self.host.signal(number)
-        self.host.expect_status(0)
-
-    def kill_peer(self):
-        """Kills the far side and returns the status with which gx-ssh ends and what it said."""
-        self._over = True
-        os.kill(int(self._peer.text()), signal.SIGKILL)
-        return self.host.wait(), self.host.err.text()
-
-    def _environment(self):
-        # Built with a sanitizer, the tools write its reports to files, so that none is overlooked.
-        env = dict(os.environ)
-        for name in ("ASAN_OPTIONS", "TSAN_OPTIONS", "UBSAN_OPTIONS"):
-            env[name] = ":".join(filter(None, [env.get(name), f"log_path={self.folder}/report"]))
-        return env
-
-    def _expect_no_peer(self):
-        if not (self._local or self._peer.wait_for_end(END_S)):
-            raise Failure("gx-ssh has ended, but gx-ssh-peer still runs")
-
-    def _expect_no_reports(self):
-        for path in glob.glob(f"{glob.escape(self.folder)}/report.*"):
-            with open(path, encoding="utf-8", errors="replace") as file:
-                raise Failure(f"a sanitizer reported:\n{file.read()}")
-
-    def _write_client_config(self):
         with open(f"{self.folder}/host_key.pub", encoding="ascii") as file:
             write(f"{self.folder}/known_hosts", f"throwaway {file.read()}")
-        write(self._client_config, f"""
+        indent = "\n              "
+        with tempfile.NamedTemporaryFile("w", dir=self.folder, prefix="ssh_config.", delete=False) as file:
+            self.config = file.name
+            file.write(f"""
             Host far
-              HostName 127.0.0.1
-              Port {self.port}
+              {indent.join(way)}
               User {user_name()}
               HostKeyAlias throwaway
               UserKnownHostsFile "{self.folder}/known_hosts"
@@ -331,8 +275,8 @@ class Tunnel:
             """)
 
     def command(self, program, *arguments):
-        """The command line of ssh, scp or sftp; it knows the far side by the name `far`."""
-        return [program, "-F", self._client_config, *arguments]
+        """The command line of ssh, scp or sftp."""
+        return [program, "-F", self.config, *arguments]
 
     def run(self, program, *arguments):
         return run(self.command(program, *arguments))
@@ -340,3 +284,102 @@ class Tunnel:
     def session(self, *arguments):
         """An ssh session as a child to talk to."""
         return Child(self.command("ssh", *arguments))
+
+
+def report_environment(folder):
+    """Built with a sanitizer, the tools write its reports to files, so that none is overlooked."""
+    env = dict(os.environ)
+    for name in ("ASAN_OPTIONS", "TSAN_OPTIONS", "UBSAN_OPTIONS"):
+        env[name] = ":".join(filter(None, [env.get(name), f"log_path={folder}/report"]))
+    return env
+
+
+def expect_no_reports(folder):
+    for path in glob.glob(f"{glob.escape(folder)}/report.*"):
+        with open(path, encoding="utf-8", errors="replace") as file:
+            raise Failure(f"a sanitizer reported:\n{file.read()}")
+
+
+class ProxyCommand(Clients):
+    """ssh starts gx-ssh -W for each connection, and gx-ssh starts gx-ssh-peer. Both hold a pipe as long as they live."""
+
+    def __init__(self, tools, server):
+        target = f"127.0.0.1:{server.port}"
+        self._life = f"{server.folder}/life"
+        self._program = f"{server.folder}/proxy"
+        super().__init__(server, f"ProxyCommand {self._program}")
+        os.environ.update(report_environment(server.folder))
+        write(self._program, f"""#!/bin/sh
+            exec 9>"{self._life}"
+            exec "{tools.gx_ssh}" -q -W --target {target} -- "{tools.gx_ssh_peer}" -q --allow {target}
+            """)
+        os.chmod(self._program, 0o700)
+
+    def __enter__(self):
+        os.mkfifo(self._life)
+        reader = os.open(self._life, os.O_RDONLY | os.O_NONBLOCK)
+        os.set_blocking(reader, True)
+        # Held open here until the end, so that the pipe does not end between two of them.
+        self._holder = os.open(self._life, os.O_WRONLY)
+        self._lives = Lines(lambda: open(reader, encoding="ascii"))
+        return self
+
+    def __exit__(self, *failure):
+        os.close(self._holder)
+        if failure[0] is None:
+            if not self._lives.wait_for_end(END_S):
+                raise Failure("ssh has ended, but gx-ssh or gx-ssh-peer still runs")
+            expect_no_reports(self.folder)
+
+
+class Tunnel(Clients):
+    """gx-ssh between clients and the server, with gx-ssh-peer as a process of its own or, `local`, inside."""
+
+    def __init__(self, tools, server, local=False):
+        self.folder = server.folder
+        self.server = server
+        target = f"127.0.0.1:{server.port}"
+        # The shell writes the process number that gx-ssh-peer takes over from it, along with the open pipe.
+        self._peer_life = f"{self.folder}/peer.life"
+        peer = ["sh", "-c", 'exec 9>"$0" && echo $$ >&9 && exec "$@"', self._peer_life,
+                tools.gx_ssh_peer, "--allow", target]
+        self._command = [tools.gx_ssh, "--target", target] + (["--local"] if local else ["--", *peer])
+        self._local = local
+        self._over = False
+
+    def __enter__(self):
+        if not self._local:
+            os.mkfifo(self._peer_life)
+            self._peer = Lines(lambda: open(self._peer_life, encoding="ascii"))
+        self.host = Child(self._command, env=report_environment(self.folder))
+        try:
+            self.port = self.host.expect(self.host.out, r"^127\.0\.0\.1:(\d+)$").group(1)
+            super().__init__(self.server, "HostName 127.0.0.1", f"Port {self.port}")
+        except BaseException:
+            self.host.__exit__()
+            raise
+        return self
+
+    def __exit__(self, *failure):
+        with self.host:
+            if failure[0] is None and not self._over:
+                self.stop()
+        if failure[0] is None:
+            self._expect_no_peer()
+            expect_no_reports(self.folder)
+
+    def stop(self, number=signal.SIGTERM):
+        """Ends the tunnel as a user does."""
+        self._over = True
+        self.host.signal(number)
+        self.host.expect_status(0)
+
+    def kill_peer(self):
+        """Kills the far side and returns the status with which gx-ssh ends and what it said."""
+        self._over = True
+        os.kill(int(self._peer.text()), signal.SIGKILL)
+        return self.host.wait(), self.host.err.text()
+
+    def _expect_no_peer(self):
+        if not (self._local or self._peer.wait_for_end(END_S)):
+            raise Failure("gx-ssh has ended, but gx-ssh-peer still runs")
