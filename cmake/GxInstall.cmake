@@ -1,0 +1,21 @@
+# What an installed tree holds beside the targets: how host authors find it, manual pages, completions. All paths in
+# it are relative to where it lies, so the tree may be moved.
+include(CMakePackageConfigHelpers)
+
+set(GX_CMAKE_DIR ${CMAKE_INSTALL_LIBDIR}/cmake/gxmod)
+set(GX_PC_DIR ${CMAKE_INSTALL_LIBDIR}/pkgconfig)
+set(GX_INSTALLED_MODULE ${CMAKE_INSTALL_LIBDIR}/gxmod/libgx-control-ssh${CMAKE_SHARED_MODULE_SUFFIX})
+
+configure_package_config_file(cmake/gxmodConfig.cmake.in gxmodConfig.cmake
+  INSTALL_DESTINATION ${GX_CMAKE_DIR} PATH_VARS GX_INSTALLED_MODULE)
+write_basic_package_version_file(gxmodConfigVersion.cmake COMPATIBILITY SameMajorVersion)
+install(EXPORT gxmodTargets NAMESPACE gxmod:: DESTINATION ${GX_CMAKE_DIR} COMPONENT dev)
+install(FILES ${PROJECT_BINARY_DIR}/gxmodConfig.cmake ${PROJECT_BINARY_DIR}/gxmodConfigVersion.cmake
+  DESTINATION ${GX_CMAKE_DIR} COMPONENT dev)
+
+file(RELATIVE_PATH GX_PREFIX_FROM_PC /${GX_PC_DIR} /)
+string(REGEX REPLACE "/$" "" GX_PREFIX_FROM_PC ${GX_PREFIX_FROM_PC})
+configure_file(cmake/gxmod.pc.in gxmod.pc @ONLY)
+install(FILES ${PROJECT_BINARY_DIR}/gxmod.pc DESTINATION ${GX_PC_DIR} COMPONENT dev)
+install(FILES examples/minimal_host.cc examples/CMakeLists.txt
+  DESTINATION ${CMAKE_INSTALL_DATADIR}/doc/gx-control-ssh-dev/examples COMPONENT dev)

@@ -1,0 +1,142 @@
+#!/usr/bin/env python3
+"""Installs the build, moves the tree, builds the example host against it and sends bytes through."""
+
+import argparse
+import contextlib
+import glob
+import os
+import secrets
+import signal
+import socket
+import subprocess
+import tempfile
+import threading
+
+LIMIT_S = 120
+
+
+def run(*command, **options):
+    done = subprocess.run(command, stdout=subprocess.PIPE, stderr=subprocess.PIPE, text=True, timeout=LIMIT_S, **options)
+    if done.returncode != 0:
+        raise SystemExit(f"{' '.join(command)}: status {done.returncode}\n{done.stdout}{done.stderr}")
+    return done.stdout
+
+
+def install(arguments, scratch):
+    """The tree is moved after it was installed: no path in it may point to where it was."""
+    run(arguments.cmake, "--install", arguments.build, "--prefix", f"{scratch}/first")
+    os.rename(f"{scratch}/first", f"{scratch}/moved")
+    return f"{scratch}/moved"
+
+
+def the_one(pattern):
+    found = glob.glob(pattern, recursive=True)
+    if len(found) != 1:
+        raise SystemExit(f"{pattern}: {found}")
+    return found[0]
+
+
+def build_with_cmake(arguments, prefix, scratch):
+    source = os.path.dirname(the_one(f"{prefix}/share/doc/**/minimal_host.cc"))
+    build = f"{scratch}/build"
+    run(arguments.cmake, "-S", source, "-B", build, f"-DCMAKE_PREFIX_PATH={prefix}",
+        f"-DCMAKE_CXX_COMPILER={arguments.compiler}", f"-DCMAKE_CXX_FLAGS={arguments.flags}")
+    run(arguments.cmake, "--build", build)
+    return f"{build}/minimal_host"
+
+
+def build_with_pkg_config(arguments, prefix, scratch):
+    where = dict(os.environ, PKG_CONFIG_PATH=os.path.dirname(the_one(f"{prefix}/**/gxmod.pc")))
+    flags = run("pkg-config", "--cflags", "--libs", "gxmod", env=where).split()
+    module = run("pkg-config", "--variable=module", "gxmod", env=where).strip()
+    source = the_one(f"{prefix}/share/doc/**/minimal_host.cc")
+    program = f"{scratch}/minimal_host"
+    run(arguments.compiler, *arguments.flags.split(), "-std=c++17", f'-DGXMOD_MODULE="{module}"', source, *flags,
+        "-ldl", "-o", program)
+    return program
+
+
+@contextlib.contextmanager
+def echo_server():
+    """Sends back whatever one client says."""
+    with socket.create_server(("127.0.0.1", 0)) as listener:
+        listener.settimeout(LIMIT_S)
+
+        def serve():
+            client = listener.accept()[0]
+            with client:
+                client.settimeout(LIMIT_S)
+                while chunk := client.recv(65536):
+                    client.sendall(chunk)
+
+        thread = threading.Thread(target=serve, daemon=True)
+        thread.start()
+        yield listener.getsockname()[1]
+        thread.join(LIMIT_S)
+
+
+def end_input(process):
+    process.stdin.close()
+
+
+def interrupt(process):
+    process.send_signal(signal.SIGINT)
+
+
+@contextlib.contextmanager
+def host(end, command):
+    """The program, and the first line that it prints. It is told to `end` behind the `with` block."""
+    process = subprocess.Popen(command, stdin=subprocess.PIPE, stdout=subprocess.PIPE, start_new_session=True, text=True)
+    alarm = threading.Timer(LIMIT_S, os.killpg, (process.pid, signal.SIGKILL))
+    alarm.start()
+    try:
+        yield process.stdout.readline().strip()
+        end(process)
+        process.wait()
+    finally:
+        alarm.cancel()
+        with contextlib.suppress(ProcessLookupError):
+            os.killpg(process.pid, signal.SIGKILL)
+        process.wait()
+    if process.returncode != 0:
+        raise SystemExit(f"{command[0]}: status {process.returncode}")
+
+
+def echo_through(address, size=1 << 20):
+    name, port = address.split(":")
+    sent = secrets.token_bytes(size)
+    received = b""
+    with socket.create_connection((name, int(port)), LIMIT_S) as client:
+        sender = threading.Thread(target=client.sendall, args=(sent,), daemon=True)
+        sender.start()
+        while len(received) < size and (chunk := client.recv(65536)):
+            received += chunk
+        sender.join(LIMIT_S)
+    if received != sent:
+        raise SystemExit(f"{len(received)} of {size} bytes came back, or other ones")
+
+
+def main():
+    parser = argparse.ArgumentParser(description=__doc__)
+    for name in ("--build", "--cmake", "--compiler"):
+        parser.add_argument(name, required=True)
+    parser.add_argument("--flags", default="")
+    parser.add_argument("finder", choices=("cmake", "pkg-config"))
+    arguments = parser.parse_args()
+
+    with tempfile.TemporaryDirectory(dir=arguments.build) as scratch:
+        prefix = install(arguments, scratch)
+        build = build_with_cmake if arguments.finder == "cmake" else build_with_pkg_config
+        program = build(arguments, prefix, scratch)
+        for end in (end_input, interrupt):
+            with echo_server() as port:
+                target = f"127.0.0.1:{port}"
+                peer = [f"{prefix}/bin/gx-ssh-peer", "--raw", "--allow", target]
+                with host(end, [program, target, *peer]) as address:
+                    echo_through(address)
+        with echo_server() as port:  # with the module that it finds in its own tree
+            with host(interrupt, [f"{prefix}/bin/gx-ssh", "--local", "--target", f"127.0.0.1:{port}"]) as address:
+                echo_through(address)
+
+
+main()
