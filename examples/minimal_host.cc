@@ -88,7 +88,7 @@ struct Listener final : Counted<IControlSshListener> {
 
 // Starts the far side; its standard input and output are the other ends of the stream.
 CRefObj<Stream> StartFarSide(char** command, const sigset_t& signal_mask, pid_t* child) {
-  int from_child[2], to_child[2];
+  int from_child[2] = {-1, -1}, to_child[2] = {-1, -1};
   for (int* pair : {from_child, to_child}) socketpair(AF_UNIX, SOCK_STREAM, 0, pair);
   *child = fork();
   if (*child == 0) {
