@@ -1,0 +1,47 @@
+# Completion of gx-ssh and gx-ssh-peer for bash.
+
+# The options among $2..., or the names of files.
+_gx_ssh_offer() {
+  local current=$1
+  shift
+  case $current in
+    -*) mapfile -t COMPREPLY < <(compgen -W "$*" -- "$current") ;;
+    *) mapfile -t COMPREPLY < <(compgen -f -- "$current") ;;
+  esac
+}
+
+_gx_ssh() {
+  local current=${COMP_WORDS[COMP_CWORD]} word index
+  # Behind -- stands a command of its own.
+  for ((index = 1; index < COMP_CWORD; index++)); do
+    [[ ${COMP_WORDS[index]} == -- ]] || continue
+    if declare -F _command_offset >/dev/null; then
+      _command_offset $((index + 1))
+    elif ((COMP_CWORD == index + 1)); then
+      mapfile -t COMPREPLY < <(compgen -c -- "$current")
+    fi
+    return
+  done
+  word=${COMP_WORDS[COMP_CWORD - 1]}
+  case $word in
+    --print) mapfile -t COMPREPLY < <(compgen -W "addr port json env ssh-config none" -- "$current") ;;
+    --run) mapfile -t COMPREPLY < <(compgen -c -- "$current") ;;
+    --target | --connect-timeout | --keepalive | --keepalive-count | --listen) COMPREPLY=() ;;
+    *) _gx_ssh_offer "$current" -W --stdio --run --local --target --module --raw --connect-timeout --keepalive \
+      --keepalive-count --reconnect --allow-channel-list --listen --print --json --port-file -q --quiet \
+      -v --verbose --version -h --help -- ;;
+  esac
+}
+
+_gx_ssh_peer() {
+  case ${COMP_WORDS[COMP_CWORD - 1]} in
+    --allow | --target | --connect-timeout | --max-connections | --idle-timeout | --keepalive | \
+      --keepalive-count | --dns-max-age | --dns-refresh) COMPREPLY=() ;;
+    *) _gx_ssh_offer "${COMP_WORDS[COMP_CWORD]}" --allow --allow-any --target --connect-timeout \
+      --max-connections --idle-timeout --keepalive --keepalive-count --dns-cache --dns-max-age --dns-refresh \
+      --raw -q --quiet -v --verbose --version -h --help ;;
+  esac
+}
+
+complete -o filenames -F _gx_ssh gx-ssh
+complete -o filenames -F _gx_ssh_peer gx-ssh-peer
