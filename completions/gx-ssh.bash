@@ -28,7 +28,7 @@ _gx_ssh() {
     --run) mapfile -t COMPREPLY < <(compgen -c -- "$current") ;;
     --target | --connect-timeout | --keepalive | --keepalive-count | --listen) COMPREPLY=() ;;
     *) _gx_ssh_offer "$current" -W --stdio --run --local --target --module --raw --connect-timeout --keepalive \
-      --keepalive-count --reconnect --allow-channel-list --listen --print --json --port-file -q --quiet \
+      --keepalive-count --reconnect --allow-channel-list --listen --print --name --json --port-file -q --quiet \
       -v --verbose --version -h --help -- ;;
   esac
 }
