@@ -18,6 +18,8 @@ namespace {
 
 using std::chrono::milliseconds;
 
+const std::string kNotReady = "the far side is not ready: ";
+const std::string kLinkLost = "link lost: ";
 constexpr milliseconds kFarewell{300};   // for what is queued and the goodbye
 constexpr milliseconds kLastWords{500};  // for the carrier's exit status and error lines
 
@@ -55,7 +57,8 @@ Link::Link(asio::io_context& io, const Options& options, ModuleLibrary& module, 
       Handshake::Result{
           [this](Descriptor ready, const std::string& received) { RunModule(std::move(ready), received); },
           [this](const std::string& problem) {
-            BeginEnd(kExitNotReady, "the far side is not ready: " + problem);
+            input_ended_ = true;
+            Fail(kExitNotReady, kNotReady + problem);
           }});
 }
 
@@ -97,7 +100,7 @@ void Link::KeepAlive() {
   const milliseconds silence = stream_->silence();
   if (silence >= limit) {
     return GoDown(
-        Failure(kExitLinkLost, "link lost: no sign of life from the far side for " + FormatDuration(limit)));
+        Failure(kExitLinkLost, kLinkLost + "no sign of life from the far side for " + FormatDuration(limit)));
   }
   stream_->Ping();
   keepalive_timer_.expires_after(std::min(options_.keepalive, limit - silence));
@@ -106,17 +109,23 @@ void Link::KeepAlive() {
   }));
 }
 
-void Link::BeginEnd(ExitStatus status, const std::string& reason) {
-  if (!end_) {
-    end_.emplace(status, reason);
+void Link::Fail(ExitStatus status, const std::string& reason) {
+  if (!cause_) cause_.emplace(status, reason);
+  BeginEnd();
+}
+
+void Link::BeginEnd() {
+  if (!std::exchange(ending_, true)) {
     end_timer_.expires_after(kLastWords);
     end_timer_.async_wait(lifetime_.Guard([this](asio::error_code) { GoDown(Summary()); }));
   }
-  if (far_side_->Ended() && (!stream_ || input_ended_)) GoDown(Summary());
+  if (far_side_->Ended() && input_ended_) GoDown(Summary());
 }
 
+// The end of the carrier is only the cause if its stream does not end too: a child of its own may hold that
+// open.
 void Link::CheckFarSide() {
-  if (end_ || far_side_->Exited()) BeginEnd(kExitLinkLost, "link lost");
+  if (ending_ || far_side_->Exited()) BeginEnd();
 }
 
 void Link::GoDown(const Failure& why) {
@@ -126,7 +135,11 @@ void Link::GoDown(const Failure& why) {
 
 Failure Link::Summary() {
   if (goodbye_) return Failure(kExitOk, "the far side has ended: " + Escape(*goodbye_));
-  return Failure(end_->status(), std::string(end_->what()) + "; " + far_side_->Describe());
+  if (!cause_) {
+    cause_ = stream_ ? Failure(kExitLinkLost, kLinkLost + "the carrier has ended")
+                     : Failure(kExitNotReady, kNotReady + "the carrier has ended");
+  }
+  return Failure(cause_->status(), std::string(cause_->what()) + "; " + far_side_->Describe());
 }
 
 // The next five come from threads of the module.
@@ -146,12 +159,12 @@ void Link::OnGoodbye(const std::string& reason) {
 void Link::OnInputEnd(const std::string& reason) {
   asio::post(io_, lifetime_.Guard([this, reason] {
     input_ended_ = true;
-    BeginEnd(kExitLinkLost, "link lost: " + reason);
+    Fail(kExitLinkLost, kLinkLost + reason);
   }));
 }
 
 void Link::OnOutputFailed(const std::string& reason) {
-  asio::post(io_, lifetime_.Guard([this, reason] { BeginEnd(kExitLinkLost, "link lost: " + reason); }));
+  asio::post(io_, lifetime_.Guard([this, reason] { Fail(kExitLinkLost, kLinkLost + reason); }));
 }
 
 }  // namespace gxtool

@@ -57,7 +57,8 @@ class Link final : StreamObserver {
  private:
   void RunModule(Descriptor input, const std::string& received);
   void KeepAlive();
-  void BeginEnd(ExitStatus status, const std::string& reason);
+  void Fail(ExitStatus status, const std::string& reason);
+  void BeginEnd();
   void CheckFarSide();
   void GoDown(const Failure& why);
   Failure Summary();
@@ -82,8 +83,9 @@ class Link final : StreamObserver {
   CRefObj<IControlSshPlugin> plugin_;
   asio::steady_timer keepalive_timer_;
   asio::steady_timer end_timer_;
-  std::optional<Failure> end_;  // the first cause
+  std::optional<Failure> cause_;  // the first one
   std::optional<std::string> goodbye_;
+  bool ending_ = false;
   bool input_ended_ = false;
   bool down_ = false;
 };
