@@ -293,20 +293,28 @@ unsigned long CBaseStream::Drain(const Direction& way, bool from_reactor) {
   if (!IsConnect()) return kNotConnected;
   if (!Enter(way, from_reactor)) return 0;
   unsigned long total = 0;
+  try {
+    Advance(way, total);
+  } catch (...) {
+    // Bytes may have moved that nobody was told of. Going on would lose them without a word.
+    GXModLog(kGXModLogError, "[basestream] a transfer ended with an exception, the stream is disconnected");
+    Disconnect(kStreamOtherError);
+    Leave(way);
+  }
+  return total;
+}
+
+void CBaseStream::Advance(const Direction& way, unsigned long& total) {
   while (const std::optional<CItem> item = Current(way)) {
     if (item->buffer && item->remaining == 0) {
       Complete(way, *item);
       continue;
     }
     long moved = 0;
-    if (!Step(way, *item, moved)) {
-      Leave(way);
-      break;
-    }
+    if (!Step(way, *item, moved)) return Leave(way);
     total += static_cast<unsigned long>(moved);
-    if (moved == 0 && LeaveUnlessReady(way)) break;
+    if (moved == 0 && LeaveUnlessReady(way)) return;
   }
-  return total;
 }
 
 bool CBaseStream::Enter(const Direction& way, bool from_reactor) {

@@ -80,7 +80,8 @@ class CBaseStream : public IBaseStream,
 
   // Drain the queue of one direction as far as the transport goes. They return the bytes moved by this call, or
   // kNotConnected. `from_reactor`: the transport has become ready, so if another thread is draining it must
-  // look once more.
+  // look once more. An exception out of the transport or the handler goes no further: it is logged and ends the
+  // stream.
   virtual unsigned long RecvRout(bool from_reactor);
   virtual unsigned long SendRout(bool from_reactor);
 
@@ -141,6 +142,8 @@ class CBaseStream : public IBaseStream,
   unsigned long Drain(const Direction& way, bool from_reactor);
   // False: somebody is draining.
   bool Enter(const Direction& way, bool from_reactor);
+  // Moves what can be moved, counts it in `total`, and leaves the entrance.
+  void Advance(const Direction& way, unsigned long& total);
   // A copy of the request to work on. Empty: there is none, and the entrance has been left.
   std::optional<CItem> Current(const Direction& way);
   // One operation of the transport. False: the stream is closed now.

@@ -8,6 +8,7 @@
 #include <cstring>
 #include <functional>
 #include <limits>
+#include <new>
 #include <string>
 #include <thread>
 #include <vector>
@@ -368,6 +369,28 @@ TEST_F(BaseStreamTest, AfterADisconnectNothingMoves) {
   EXPECT_EQ(stream_->Read(nullptr, 6, kNoTimeout), 2U);
   EXPECT_THAT(stream_->story, ElementsAre("read 2", "disconnect 0"));
   EXPECT_EQ(stream_->incoming, "cdef");
+}
+
+// The entrance of a direction stayed taken, and the stream silent, when a hook ran out of memory. Going on with
+// the request would lose the bytes that the hook was not told of.
+TEST_F(BaseStreamTest, AnExceptionOutOfAHookEndsTheStreamAlone) {
+  for (const char* place : {"read 1", "read done 1", "wrote 1", "write done 1"}) {
+    Restart();
+    stream_->incoming = "x";
+    stream_->on_event = [&](const std::string& event) {
+      if (event == place) throw std::bad_alloc();
+    };
+    stream_->Read(nullptr, 1, kNoTimeout);
+    Send("x");
+    EXPECT_EQ(stream_->story.back(), "disconnect 58343") << place;
+    EXPECT_THAT(log_.Lines(), ElementsAre(Pair(kGXModLogError, testing::HasSubstr("exception"))));
+    stream_->SetConnected(true);
+    stream_->on_event = [](const std::string&) {};
+    stream_->incoming = "y";
+    stream_->Read(nullptr, 1, kNoTimeout);
+    EXPECT_EQ(stream_->incoming, "") << "the entrance is still held: " << place;
+    EXPECT_EQ(Send("y"), 1U) << "the entrance is still held: " << place;
+  }
 }
 
 TEST_F(BaseStreamTest, LeavesNothingBehind) {
