@@ -4,9 +4,11 @@
 #include <utility>
 
 void task_timed_queue::push(CRefObj<ITask> task, unsigned long long interval, bool once) {
-  const auto item = std::make_shared<timer_item>(timer_item{0, interval, 0, once, false, std::move(task)});
+  const auto item = std::make_shared<timer_item>(timer_item{0, interval, 0, once, false, std::move(task), {}});
   CStdLock lock(mutex_);
-  index_.emplace(item->task.get(), item);
+  // Room first: a timer that is in one of the two only could not be cancelled, or would never fire.
+  if (heap_.size() == heap_.capacity()) heap_.reserve(2 * heap_.size() + 1);
+  item->entry = index_.emplace(item->task.get(), item);
   Arm(item);
 }
 
@@ -29,7 +31,7 @@ bool task_timed_queue::pop(CRefObj<ITask>& out) {
     if (heap_.empty() || heap_.front()->due_time > now_()) return false;
     const ItemPtr item = TakeFront();
     if (item->once) {
-      RemoveFromIndex(item);
+      index_.erase(item->entry);
       due = std::move(item->task);
     } else {
       due = item->task;
@@ -51,7 +53,7 @@ unsigned int task_timed_queue::next_pop_time() {
 
 void task_timed_queue::clean() {
   std::vector<ItemPtr> heap;  // these two outlive the lock
-  std::multimap<ITask*, ItemPtr> index;
+  Index index;
   CStdLock lock(mutex_);
   heap_.swap(heap);
   index_.swap(index);
@@ -69,10 +71,4 @@ task_timed_queue::ItemPtr task_timed_queue::TakeFront() {
   ItemPtr item = std::move(heap_.back());
   heap_.pop_back();
   return item;
-}
-
-void task_timed_queue::RemoveFromIndex(const ItemPtr& item) {
-  const auto [first, last] = index_.equal_range(item->task.get());
-  const auto entry = std::find_if(first, last, [&](const auto& candidate) { return candidate.second == item; });
-  if (entry != last) index_.erase(entry);
 }

@@ -37,15 +37,19 @@ class task_timed_queue {
   void clean();
 
  private:
+  struct timer_item;
+  using ItemPtr = std::shared_ptr<timer_item>;
+  using Index = std::multimap<ITask*, ItemPtr>;
+
   struct timer_item {
     std::uint64_t sequence;
     std::uint64_t interval;
     std::uint64_t due_time;
     bool once;
     bool cancelled;
-    CRefObj<ITask> task;  // empty once cancelled
+    CRefObj<ITask> task;    // empty once cancelled
+    Index::iterator entry;  // its own in the index, while it has one
   };
-  using ItemPtr = std::shared_ptr<timer_item>;
 
   // Puts the soonest timer to the front of a standard heap.
   struct timer_item_less {
@@ -56,12 +60,11 @@ class task_timed_queue {
 
   void Arm(ItemPtr item) REQUIRES(mutex_);
   ItemPtr TakeFront() REQUIRES(mutex_);
-  void RemoveFromIndex(const ItemPtr& item) REQUIRES(mutex_);
 
   const Clock now_;
   CStdMutex mutex_;
   std::vector<ItemPtr> heap_ GUARDED_BY(mutex_);  // cancelled timers stay until they reach the front
-  std::multimap<ITask*, ItemPtr> index_ GUARDED_BY(mutex_);
+  Index index_ GUARDED_BY(mutex_);
   std::uint64_t next_sequence_ GUARDED_BY(mutex_) = 0;
 };
 
