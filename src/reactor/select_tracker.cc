@@ -4,6 +4,7 @@
 #include <sys/socket.h>
 
 #include <algorithm>
+#include <list>
 #include <new>
 #include <utility>
 
@@ -13,6 +14,7 @@ namespace {
 
 constexpr int kMaxTasksPerPass = 1023;  // with the wake-up socket 1024, what an fd_set holds on most systems
 constexpr unsigned int kCrowdedWaitMs = 10;
+constexpr unsigned int kDeafWaitMs = 10;  // for want of a wake-up socket
 
 bool IsBadDescriptor(int descriptor) {
   if (!IsSelectable(descriptor)) return false;
@@ -34,27 +36,35 @@ bool HasConnectFailed(int descriptor) {
 // that are ready after it.
 template <class Task>
 struct select_tracker<Task>::Waiters {
-  std::vector<Task> tasks;
+  std::list<Task> tasks;
   DescriptorSet ready;
 };
 
-// What one pass has collected.
+// What one pass has collected. The entries of the queues themselves travel through it: a pass that needed
+// memory of its own could lose everybody's tasks for want of it.
 template <class Task>
 struct select_tracker<Task>::Pass {
   bool IsFull() const { return collected == kMaxTasksPerPass; }
   bool HasWaiters() const { return !readers.tasks.empty() || !writers.tasks.empty(); }
 
-  void Enter(const Task& task) {
+  // Takes over the one task of `entry`; one that waits for nothing known is dropped.
+  void Enter(std::list<Task> entry) {
     ++collected;
+    const Task& task = entry.front();
     if (task && task->timeout()) {
-      timed_out.push_back(task);
+      timed_out.splice(timed_out.end(), entry);
     } else if (task.type() == kWaitWritable) {
-      Watch(task.socket(), writers.ready);
-      writers.tasks.push_back(task);
+      Wait(writers, entry);
     } else if (task.type() == kWaitReadable) {
-      Watch(task.socket(), readers.ready);
-      readers.tasks.push_back(task);
+      Wait(readers, entry);
     }
+  }
+
+  void Wait(Waiters& waiters, std::list<Task>& entry) {
+    const Task& task = entry.front();
+    Watch(task.socket(), waiters.ready);
+    if (task) limit_ms = std::min<std::uint64_t>(limit_ms, task->timeleft());
+    waiters.tasks.splice(waiters.tasks.end(), entry);
   }
 
   void Watch(int descriptor, DescriptorSet& ready) {
@@ -63,20 +73,21 @@ struct select_tracker<Task>::Pass {
     if (IsSelectable(descriptor)) highest = std::max(highest, descriptor);
   }
 
-  int Select(unsigned int limit_ms) {
+  int Select(std::uint64_t wait_ms) {
     timeval limit;
-    limit.tv_sec = static_cast<decltype(limit.tv_sec)>(limit_ms / 1000);
-    limit.tv_usec = static_cast<decltype(limit.tv_usec)>(limit_ms % 1000 * 1000);
+    limit.tv_sec = static_cast<decltype(limit.tv_sec)>(wait_ms / 1000);
+    limit.tv_usec = static_cast<decltype(limit.tv_usec)>(wait_ms % 1000 * 1000);
     return select(highest + 1, readers.ready.get(), writers.ready.get(), failed.get(),
-                  limit_ms == task_timed_queue::kNoTimer ? nullptr : &limit);
+                  wait_ms == task_timed_queue::kNoTimer ? nullptr : &limit);
   }
 
   int collected = 0;
   Waiters readers;
   Waiters writers;
-  std::vector<Task> timed_out;
+  std::list<Task> timed_out;
   DescriptorSet failed;  // as `ready`, for all descriptors
   int highest = 0;
+  std::uint64_t limit_ms = task_timed_queue::kNoTimer;  // until the first of the waiters is out of time
 };
 
 template <class Task>
@@ -182,8 +193,7 @@ void select_tracker<Task>::FireTimers() {
 
 template <class Task>
 void select_tracker<Task>::Collect(Pass& pass) {
-  Task task;
-  while (!pass.IsFull() && uncompleted_.peek(task)) pass.Enter(task);
+  for (std::list<Task> entry; !pass.IsFull() && uncompleted_.take(entry);) pass.Enter(std::exchange(entry, {}));
 }
 
 // Milliseconds until this pass has to end by itself. A task whose time has passed does not wait for the others,
@@ -191,8 +201,10 @@ void select_tracker<Task>::Collect(Pass& pass) {
 template <class Task>
 unsigned int select_tracker<Task>::WaitLimit(const Pass& pass) {
   if (!pass.timed_out.empty()) return 0;
-  const unsigned int next = timers_.next_pop_time();
-  return pass.IsFull() ? std::min(next, kCrowdedWaitMs) : next;
+  unsigned int limit = timers_.next_pop_time();
+  if (pass.limit_ms < limit) limit = static_cast<unsigned int>(pass.limit_ms);
+  if (pass.IsFull()) limit = std::min(limit, kCrowdedWaitMs);
+  return pass.HasWaiters() && deaf_ ? std::min(limit, kDeafWaitMs) : limit;
 }
 
 template <class Task>
@@ -200,94 +212,86 @@ bool select_tracker<Task>::IdlePass(Pass& pass, Task& out) {
   loopback_.Destroy();
   tarn::event_timedwait(event_.get(), static_cast<long>(WaitLimit(pass)));
   if (IsStopped()) return false;
-  Complete(pass.timed_out);
+  completed_.append(pass.timed_out);
   completed_.peek(out);
   return true;
 }
 
 template <class Task>
 bool select_tracker<Task>::SelectPass(Pass& pass, Task& out) {
-  if (!OpenWakeUpSocket(pass)) return false;
+  OpenWakeUpSocket(pass);
+  if (IsStopped()) return false;
   const int result = pass.Select(WaitLimit(pass));
+  const int error = errno;
   if (result < 0) {
-    if (!HandleSelectError(pass, result, errno)) return false;
+    GXModLog(kGXModLogTrace, "[select_tracker] select return %d, cause %u", result,
+             static_cast<unsigned>(error));
+    RepairAfter(error, pass);
   } else {
-    if (IsStopped() || !HandleControlEvent(pass)) return false;
+    HandleControlEvent(pass);
     Dispatch(pass.readers, pass.failed);
     Dispatch(pass.writers, pass.failed);
-    Complete(pass.timed_out);
   }
+  if (IsStopped()) return false;
+  completed_.append(pass.timed_out);
   completed_.peek(out);
   return true;
 }
 
+// A process that has run out of descriptors must go on with the connections that it has.
 template <class Task>
-bool select_tracker<Task>::OpenWakeUpSocket(Pass& pass) {
+void select_tracker<Task>::OpenWakeUpSocket(Pass& pass) {
   const bool was_closed = loopback_.GetHandle() == -1;
-  if (!loopback_.CreateIfNot()) {
-    GXModLog(kGXModLogError, "[select_tracker] udp loopback create failed");
-    return false;
-  }
+  const bool was_deaf = std::exchange(deaf_, !loopback_.CreateIfNot());
+  if (deaf_ && !was_deaf) GXModLog(kGXModLogError, "[select_tracker] udp loopback create failed");
   pass.Watch(loopback_.GetHandle(), pass.readers.ready);
   if (was_closed) Collect(pass);  // what came meanwhile could not be announced
-  return !IsStopped();
 }
 
-// True: select failed for a bad descriptor, whose tasks are dropped while the others wait again. Tasks whose
-// time has passed are given up with the pass.
+// Everybody waits again, but for the tasks whose descriptor is bad.
 template <class Task>
-bool select_tracker<Task>::HandleSelectError(const Pass& pass, int result, int error) {
-  GXModLog(kGXModLogTrace, "[select_tracker] select return %d, cause %u", result, static_cast<unsigned>(error));
-  if (error != EBADF) return false;
-  loopback_.Destroy();  // the bad one may be our own, closed by somebody's mistake
-  RequeueValid(pass.readers);
-  RequeueValid(pass.writers);
-  return true;
+void select_tracker<Task>::RepairAfter(int error, Pass& pass) {
+  if (error == EBADF) {
+    loopback_.Destroy();  // the bad one may be our own, closed by somebody's mistake
+    const auto is_bad = [](const Task& task) { return IsBadDescriptor(task.socket()); };
+    pass.readers.tasks.remove_if(is_bad);
+    pass.writers.tasks.remove_if(is_bad);
+  } else if (error != EINTR) {  // a change of user ids interrupts every thread, whatever signals it blocks
+    tarn::event_timedwait(event_.get(), kCrowdedWaitMs);  // nothing that trying at once would cure
+  }
+  uncompleted_.append(pass.readers.tasks);
+  uncompleted_.append(pass.writers.tasks);
 }
 
-// One datagram per pass; the next ones end the next selects. False: stop.
+// One datagram per pass; the next ones end the next selects.
 template <class Task>
-bool select_tracker<Task>::HandleControlEvent(const Pass& pass) {
+void select_tracker<Task>::HandleControlEvent(const Pass& pass) {
   const int handle = loopback_.GetHandle();
   inner_event_type event;
   if (pass.readers.ready.Has(handle) && _read_event(event) && event == ie_stop) {
     stopped_.store(true, std::memory_order_release);
     GXModLog(kGXModLogInfo, "[select_tracker] control event : Stop");
-    return false;
-  }
-  if (pass.failed.Has(handle)) {
+  } else if (pass.failed.Has(handle)) {
     GXModLog(kGXModLogInfo, "[select_tracker] control event socket be closed");
-    return false;
-  }
-  return true;
-}
-
-template <class Task>
-void select_tracker<Task>::RequeueValid(const Waiters& waiters) {
-  for (const Task& task : waiters.tasks) {
-    if (!IsBadDescriptor(task.socket())) uncompleted_.push(task, true);
+    loopback_.Destroy();
   }
 }
 
 template <class Task>
-void select_tracker<Task>::Dispatch(const Waiters& waiters, const DescriptorSet& failed) {
-  for (const Task& task : waiters.tasks) {
-    const int descriptor = task.socket();
+void select_tracker<Task>::Dispatch(Waiters& waiters, const DescriptorSet& failed) {
+  std::list<Task> ready;
+  for (auto next = waiters.tasks.begin(); next != waiters.tasks.end();) {
+    const auto entry = next++;
+    const int descriptor = entry->socket();
     const bool error = failed.Has(descriptor);
-    if (!error && !waiters.ready.Has(descriptor)) {
-      uncompleted_.push(task, true);
-      continue;
+    if (!error && !waiters.ready.Has(descriptor)) continue;
+    if (error || (entry->selectop() == kSelectConnect && HasConnectFailed(descriptor))) {
+      entry->selectop() = kSelectError;
     }
-    if (error || (task.selectop() == kSelectConnect && HasConnectFailed(descriptor))) {
-      task.selectop() = kSelectError;
-    }
-    completed_.push(task, true);
+    ready.splice(ready.end(), waiters.tasks, entry);
   }
-}
-
-template <class Task>
-void select_tracker<Task>::Complete(const std::vector<Task>& tasks) {
-  for (const Task& task : tasks) completed_.push(task, true);
+  completed_.append(ready);
+  uncompleted_.append(waiters.tasks);
 }
 
 template class select_tracker<CTCPTask>;

@@ -5,7 +5,6 @@
 #include <atomic>
 #include <cstdint>
 #include <memory>
-#include <vector>
 
 #include "base/event.h"
 #include "reactor/descriptor_set.h"
@@ -35,9 +34,13 @@ class select_tracker : public ITimer {
   bool SetTimer(ITask* task, unsigned long long interval_ms, bool once) override;
   bool KillTimer(ITask* task) override;
 
-  // One pass: fires the timers that are due (on the calling thread), then waits until a task is ready, a timer
-  // is due, or something was added or taken away. True: ask again; `out` is the next ready task, or as it was
-  // when none is ready. False: stopped, or waiting has failed (logged); ask no more before the next Start.
+  // One pass: fires the timers that are due (on the calling thread), then waits until a task is ready or out of
+  // time, a timer is due, or something was added or taken away. True: ask again; `out` is the next ready task,
+  // or as it was when none is ready. False: stopped; ask no more before the next Start.
+  //
+  // Nothing but a stop ends the service. While there is no descriptor for the wake-up socket (logged once), the
+  // waits are cut short instead. When select fails (logged) its tasks wait again, except those whose descriptor
+  // is bad, which are dropped.
   bool GetComeleted(Task& out);
 
   // Ends the pass that waits and drops every task and timer, without doing it. Nothing when stopped already.
@@ -72,16 +75,15 @@ class select_tracker : public ITimer {
   unsigned int WaitLimit(const Pass& pass);
   bool IdlePass(Pass& pass, Task& out);
   bool SelectPass(Pass& pass, Task& out);
-  bool OpenWakeUpSocket(Pass& pass);
-  bool HandleSelectError(const Pass& pass, int result, int error);
-  bool HandleControlEvent(const Pass& pass);
-  void RequeueValid(const Waiters& waiters);
-  void Dispatch(const Waiters& waiters, const DescriptorSet& failed);
-  void Complete(const std::vector<Task>& tasks);
+  void OpenWakeUpSocket(Pass& pass);
+  void RepairAfter(int error, Pass& pass);
+  void HandleControlEvent(const Pass& pass);
+  void Dispatch(Waiters& waiters, const DescriptorSet& failed);
 
   std::atomic<bool> stopped_{true};
   const std::unique_ptr<tarn::event_t, EventDeleter> event_;  // ends an idle pass
   CUdpLoopback loopback_;                                     // ends a select pass; closed by idle passes
+  bool deaf_ = false;                                         // no wake-up socket to be had; select thread only
   sem_queue<Task> uncompleted_;                               // to be entered into the next pass
   sem_queue<Task> completed_;                                 // ready to be done
   task_timed_queue timers_;

@@ -30,6 +30,23 @@ bool sem_queue<T>::peek(T& out) {
 }
 
 template <class T>
+bool sem_queue<T>::take(std::list<T>& out) {
+  CStdLock lock(mutex_);
+  if (items_.empty()) return false;
+  out.splice(out.end(), items_, items_.begin());
+  return true;
+}
+
+template <class T>
+bool sem_queue<T>::append(std::list<T>& tasks) {
+  std::list<T> dropped;  // outlives the lock
+  CStdLock lock(mutex_);
+  std::list<T>& target = opened_ ? items_ : dropped;
+  target.splice(target.end(), tasks);
+  return opened_;
+}
+
+template <class T>
 bool sem_queue<T>::close() {
   std::list<T> dropped;  // outlives the lock
   CStdLock lock(mutex_);

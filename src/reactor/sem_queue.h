@@ -20,6 +20,11 @@ class sem_queue {
   bool push(const T& task, bool to_back);
   // Moves the front task into `out`. False: closed or empty, and `out` is as it was.
   bool peek(T& out);
+  // These two move entries instead of copying tasks, so they need no memory and never throw.
+  // The front entry to the end of `out`. False: closed or empty.
+  bool take(std::list<T>& out);
+  // All entries of `tasks` to the back. False: closed, and the tasks are dropped.
+  bool append(std::list<T>& tasks);
   // Refuses tasks from now on and drops what is queued. False: it was closed.
   bool close();
 

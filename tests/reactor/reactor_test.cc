@@ -2,7 +2,9 @@
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <unistd.h>
 
+#include <algorithm>
 #include <filesystem>
 #include <iterator>
 #include <optional>
@@ -11,7 +13,9 @@
 #include <vector>
 
 #include "reactor_support.h"
+#include "support/descriptor_limit.h"
 #include "support/log_capture.h"
+#include "support/wait.h"
 
 namespace {
 
@@ -124,6 +128,44 @@ TEST_F(ReactorTest, ATaskThatThrowsIsLoggedAndTheOthersAreServed) {
   EXPECT_TRUE(reactor_->Stop());
   using testing::Contains, testing::Pair, testing::HasSubstr;
   EXPECT_THAT(log_.Lines(), Contains(Pair(kGXModLogError, HasSubstr("exception"))).Times(2));
+}
+
+// The system tells every thread of a change of user ids with a signal that nobody can block.
+TEST_F(ReactorTest, AChangeOfUserIdsEndsNothing) {
+  ASSERT_TRUE(reactor_->Run(1));
+  const SocketPair quiet;
+  reactor_->AddTask(CTCPTask(new FakeTask(quiet.descriptor(), kSelectReadable)));
+  const auto interrupted = [&] {
+    EXPECT_EQ(setresuid(static_cast<uid_t>(-1), static_cast<uid_t>(-1), static_cast<uid_t>(-1)), 0);
+    const auto lines = log_.Lines();
+    return std::find(lines.begin(), lines.end(),
+                     LogCapture::Line(kGXModLogTrace, "[select_tracker] select return -1, cause 4")) !=
+           lines.end();
+  };
+  EXPECT_TRUE(gxtest::Eventually(interrupted)) << "not one select was interrupted";
+  EXPECT_TRUE(CompletesTask());
+  EXPECT_TRUE(CompletesTimer());
+}
+
+// Where no descriptor is left for the wake-up socket the connections that there are must be served on.
+TEST_F(ReactorTest, WithoutADescriptorForItsSocketItGoesOn) {
+  const SocketPair quiet, writable;
+  {
+    const gxtest::DescriptorLimit none(gxtest::LowestFreeDescriptor());
+    ASSERT_TRUE(reactor_->Run(1));
+    reactor_->AddTask(CTCPTask(new FakeTask(quiet.descriptor(), kSelectReadable)));
+    for (int i = 0; i < 10; ++i) {
+      Counter done;
+      reactor_->AddTask(CTCPTask(new FakeTask(writable.descriptor(), kSelectWritable, [&] { done.Add(); })));
+      EXPECT_TRUE(done.WaitFor(1));
+      EXPECT_TRUE(CompletesTimer());
+    }
+  }
+  EXPECT_TRUE(CompletesTask());
+  EXPECT_TRUE(reactor_->Stop());
+  using testing::Contains, testing::Pair;
+  EXPECT_THAT(log_.Lines(),
+              Contains(Pair(kGXModLogError, "[select_tracker] udp loopback create failed")).Times(1));
 }
 
 // Changes that come while the reactor turns from one kind of wait to the other must wake it by themselves: a
