@@ -16,6 +16,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <new>
 #include <utility>
 
 #include "base/socket_address.h"
@@ -26,6 +27,8 @@ namespace {
 
 constexpr int kBacklog = 128;
 constexpr unsigned long kDescriptorPauseMs = 5000;
+constexpr int kNoSocket = -1;
+constexpr int kTaskAttempts = 2;
 constexpr int kWinsockInvalid = 10022;
 constexpr const char* kAcceptTag = "[CSockAcceptor::Accept] ";
 
@@ -140,8 +143,7 @@ bool CSockAcceptor::StartListen(const char* host, int port, ITCPTaskTracker* tra
     ++listening_;
     running_ = true;
   }
-  // The caller is a thread of the host: it must not sit out a pause, which the reactor can do as well.
-  return AcceptWaiting(false);
+  return Accept();
 }
 
 bool CSockAcceptor::StartListen(const char* host_port, ITCPTaskTracker* tracker) {
@@ -170,8 +172,12 @@ bool CSockAcceptor::OnAccept(CRefObj<CSockStream> stream) {
 }
 
 bool CSockAcceptor::CreateStream(CRefObj<CSockStream>& out, int socket, ITCPTaskTracker* tracker) {
-  if (!CreateStream(out, IBaseStream::StreamType{0})) return false;
-  out->SetSocket(socket, true);
+  Descriptor connection(socket);  // until the stream has it
+  if (!CreateStream(out, IBaseStream::StreamType{0})) {
+    connection.Take();  // stays open: whoever refused may have taken it
+    return false;
+  }
+  out->SetSocket(connection.Take(), true);
   out->SetTracker(tracker);
   return static_cast<bool>(out);
 }
@@ -181,9 +187,7 @@ bool CSockAcceptor::CreateStream(CRefObj<CSockStream>& out, IBaseStream::StreamT
   return true;
 }
 
-bool CSockAcceptor::Accept() { return AcceptWaiting(true); }
-
-bool CSockAcceptor::AcceptWaiting(bool may_pause) {
+bool CSockAcceptor::Accept() {
   for (;;) {
     const int socket = AcceptOne();
     if (socket >= 0) {
@@ -198,16 +202,13 @@ bool CSockAcceptor::AcceptWaiting(bool may_pause) {
       case ECONNABORTED:  // the client has gone again; the others are still waiting
         continue;
       case EAGAIN:
-        WaitInTracker(kNoTimeout);
-        return true;
+        return WaitInTracker(kForConnections);
       case EMFILE:
       case ENFILE:
       case ENOBUFS:
       case ENOMEM:
         std::printf("accept failed with WSAEMFILE\n");
-        if (may_pause) Pause();
-        WaitInTracker(kDescriptorPauseMs);
-        return true;
+        return Pause();
       default:
         std::printf("accept failed with %d\n", error);
         LogFailure("", "accept", error, 438);
@@ -246,31 +247,52 @@ bool CSockAcceptor::TakeConnection(int socket) {
     std::printf("[CSockAcceptor::Accept] setsockopt nodelay failed with %d, line:%d", errno, 458);
   }
   CRefObj<CSockStream> stream;
-  if (!CreateStream(stream, connection.Take(), tracker)) {
-    LogFailure(kAcceptTag, "CreateStream", errno,
-               465);  // the socket stays open: whoever refused may have taken it
-    return false;
+  try {
+    if (!CreateStream(stream, connection.Take(), tracker)) {
+      LogFailure(kAcceptTag, "CreateStream", errno, 465);
+      return false;
+    }
+    return OnAccept(stream);
+  } catch (...) {
+    GXModLog(kGXModLogError, "[CSockAcceptor::Accept] connection refused: it met an exception");
+    if (stream) stream->Disconnect(kStreamOtherError);
+    return true;
   }
-  return OnAccept(stream);
 }
 
-void CSockAcceptor::WaitInTracker(unsigned long timeout_ms) {
+// False: there is no memory for a task. A port that nobody watches would leave its clients waiting, so it is
+// closed then, and they are refused.
+bool CSockAcceptor::WaitInTracker(Until until) {
   ITCPTaskTracker* tracker = tracker_;
-  if (tracker == nullptr) return;
+  if (tracker == nullptr) return true;
   int listen_socket;
   {
     CStdLock lock(mutex_);
-    if (!running_) return;
+    if (!running_) return true;
     listen_socket = listen_socket_;
   }
-  tracker->AddTask(CTCPTask(new CTCPAcceptorTask(listen_socket, this, timeout_ms)));
+  for (int attempt = 1; attempt <= kTaskAttempts; ++attempt) {
+    try {
+      tracker->AddTask(CTCPTask(until == kForConnections
+                                    ? new CTCPAcceptorTask(listen_socket, this, kNoTimeout)
+                                    : new CTCPAcceptorTask(kNoSocket, this, kDescriptorPauseMs)));
+      return true;
+    } catch (const std::bad_alloc&) {  // another thread may just have freed memory
+    }
+  }
+  LogFailure(kAcceptTag, "AddTask", ENOMEM, __LINE__);
+  Stop();
+  return false;
 }
 
-// Every descriptor of the process is taken. To accept at once again would only spin.
-void CSockAcceptor::Pause() {
+// Every descriptor of the process is taken. To accept at once again would only spin. A reactor has others to
+// serve meanwhile, so there the pause is a task that waits for nothing but the end of its time.
+bool CSockAcceptor::Pause() {
+  if (tracker_ != nullptr) return WaitInTracker(kForDescriptors);
   const auto until = std::chrono::steady_clock::now() + std::chrono::milliseconds(kDescriptorPauseMs);
   std::unique_lock<std::mutex> lock(mutex_.native());
   stopped_.wait_until(lock, until, [this] { return !running_.load(); });
+  return true;
 }
 
 bool CSockAcceptor::WaitTimeout(unsigned int ms) {

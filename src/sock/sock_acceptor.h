@@ -35,15 +35,15 @@ class CSockAcceptor : public IReference {
   virtual bool Stop();
   // A connection has come. False ends accepting. By default tells the stream's handler that it is connected.
   virtual bool OnAccept(CRefObj<CSockStream> stream);
-  // The stream for an accepted socket, which it takes over.
+  // The stream for an accepted socket, which it takes over, also when it throws. False: the socket stays open.
   virtual bool CreateStream(CRefObj<CSockStream>& out, int socket, ITCPTaskTracker* tracker);
   virtual bool CreateStream(CRefObj<CSockStream>& out, IBaseStream::StreamType type);
   // "127.0.0.1:40123"; empty before the first StartListen. Changed by StartListen only.
   virtual const char* GetAddress() const { return address_.c_str(); }
 
   // Accepts every waiting connection, then waits for the next in the tracker. When descriptors have run out it
-  // pauses for 5 s, on the calling thread, and goes on later. False: the acceptor has stopped, the cause is
-  // logged.
+  // pauses for 5 s, in the tracker or, without one, on the calling thread. A connection that meets an exception
+  // is closed, and the next one accepted. False: the acceptor has stopped, the cause is logged.
   bool Accept();
   // Waits for Stop. True: the time has passed, or the wait failed.
   bool WaitTimeout(unsigned int ms);
@@ -55,11 +55,12 @@ class CSockAcceptor : public IReference {
   static int ListenSock(const char* host, int port, bool reuse_port);
 
  private:
-  bool AcceptWaiting(bool may_pause);
+  enum Until { kForConnections, kForDescriptors };
+
   int AcceptOne();
   bool TakeConnection(int socket);
-  void WaitInTracker(unsigned long timeout_ms);
-  void Pause();
+  bool WaitInTracker(Until until);
+  bool Pause();
   void LogFailure(const char* tag, const char* what, int error, int line);
 
   std::string address_;

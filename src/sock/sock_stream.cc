@@ -117,7 +117,11 @@ void CSockStream::do_op(SelectOp op) {
 bool CSockStream::Disconnect_impl(unsigned int reason) {
   if (!CBaseStream::Disconnect_impl(reason)) return false;
   shutdown(socket_, SHUT_RDWR);
-  Notify(kDisconnected, nullptr, reason, false);
+  try {
+    Notify(kDisconnected, nullptr, reason, false);
+  } catch (...) {  // whoever disconnects has others to disconnect, too
+    GXModLog(kGXModLogError, "[CSockStream] a handler ended with an exception when told of the disconnect");
+  }
   return true;
 }
 
@@ -229,7 +233,12 @@ bool CSockStream::WaitInTracker(SelectOp op, std::atomic<bool>& pending) {
   ITCPTaskTracker* tracker = tracker_;
   if (tracker == nullptr) return false;
   pending = true;  // before the task is out: the reactor may run it at once
-  tracker->AddTask(CTCPTask(new CTCPStreamTask(socket_, op, this)));
+  try {
+    tracker->AddTask(CTCPTask(new CTCPStreamTask(socket_, op, this)));
+  } catch (...) {
+    pending = false;
+    throw;
+  }
   return true;
 }
 

@@ -33,7 +33,7 @@ class CSockStream : public CBaseStream {
   // The socket has become ready for `op`. Reactor's work thread; the caller holds a reference.
   void do_op(SelectOp op);
 
-  // Shuts the socket down both ways and tells the handler, once.
+  // Shuts the socket down both ways and tells the handler, once. Never throws.
   bool Disconnect_impl(unsigned int reason) override;
   // The socket's own and its peer's address as text, "127.0.0.1:22".
   const char* GetStreamName_impl() const override { return local_name_.c_str(); }

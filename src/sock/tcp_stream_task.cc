@@ -40,14 +40,12 @@ bool CTCPStreamTask::Done() {
   return true;
 }
 
-bool CTCPStreamTask::timeout() {
-  if (timed_out_ || !stream_) return timed_out_;
-  timed_out_ = stream_->timeout(gettickcount());
-  if (timed_out_) GXModLog(kGXModLogError, "[CTCPStreamTask::timeout] read/write timeout");
-  return timed_out_;
-}
+bool CTCPStreamTask::timeout() { return timeleft() == 0; }
 
 unsigned long CTCPStreamTask::timeleft() {
-  if (timeout()) return 0;
-  return stream_ ? stream_->timeleft(gettickcount()) : kNoTimeout;
+  if (timed_out_) return 0;
+  const unsigned long left = stream_ ? stream_->timeleft(gettickcount()) : kNoTimeout;
+  timed_out_ = left == 0;
+  if (timed_out_) GXModLog(kGXModLogError, "[CTCPStreamTask::timeout] read/write timeout");
+  return left;
 }

@@ -1,18 +1,18 @@
 #include "sock/sock_acceptor.h"
 
-#include <fcntl.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
-#include <sys/resource.h>
-#include <unistd.h>
 
 #include <atomic>
 #include <mutex>
+#include <new>
+#include <optional>
 #include <string>
 #include <thread>
 #include <vector>
 
 #include "reactor/reactor.h"
+#include "support/descriptor_limit.h"
 #include "support/leak_gate.h"
 #include "support/log_capture.h"
 #include "support/tcp_client.h"
@@ -20,7 +20,10 @@
 
 namespace {
 
+using gxtest::DescriptorLimit;
 using gxtest::Eventually;
+using gxtest::LowestFreeDescriptor;
+using gxtest::TakenDescriptors;
 using gxtest::TcpClient;
 
 // Keeps every stream, in the order in which they came.
@@ -39,6 +42,11 @@ class KeepingAcceptor final : public CSockAcceptor {
     std::vector<std::string> names;
     for (const auto& stream : streams_) names.emplace_back(stream->GetPeerName());
     return names;
+  }
+  std::size_t Count() { return Peers().size(); }
+  void WriteToAll(const std::string& bytes) {
+    const std::lock_guard lock(mutex_);
+    for (const auto& stream : streams_) stream->Write(bytes.data(), bytes.size(), kNoTimeout);
   }
 
  private:
@@ -120,49 +128,34 @@ TEST_F(SockAcceptorTest, RestartsAfterStop) {
   }
   ASSERT_TRUE(acceptor.StartListen("127.0.0.1:0", &reactor));
   const TcpClient client(acceptor.GetAddress());
-  EXPECT_TRUE(Eventually([&] { return acceptor.Peers().size() == 1; }));
+  EXPECT_TRUE(Eventually([&] { return acceptor.Count() == 1; }));
   reactor.Stop();
 }
 
-int LowestFreeDescriptor() {
-  const int descriptor = open("/dev/null", O_RDONLY | O_CLOEXEC);
-  close(descriptor);
-  return descriptor;
-}
-
-// Only descriptors below `limit` can be opened while it lives.
-class DescriptorLimit {
- public:
-  explicit DescriptorLimit(int limit) {
-    getrlimit(RLIMIT_NOFILE, &before_);
-    const rlimit wanted{static_cast<rlim_t>(limit), before_.rlim_max};
-    EXPECT_EQ(setrlimit(RLIMIT_NOFILE, &wanted), 0);
-  }
-  ~DescriptorLimit() { setrlimit(RLIMIT_NOFILE, &before_); }
-
- private:
-  rlimit before_;
-};
-
-TEST_F(SockAcceptorTest, RunningOutOfDescriptorsKeepsTheListener) {
+// Whoever is connected already must not wait for descriptors, too.
+TEST_F(SockAcceptorTest, RunningOutOfDescriptorsStopsOnlyAccepting) {
   CReactor_T<tcp_select_tracker> reactor;
   ASSERT_TRUE(reactor.Run(1));
   KeepingAcceptor acceptor;
   ASSERT_TRUE(acceptor.StartListen("127.0.0.1:0", &reactor));
-  TcpClient waiting(acceptor.GetAddress());
-  ASSERT_TRUE(Eventually([&] { return acceptor.Peers().size() == 1; }));
+  TcpClient first(acceptor.GetAddress());
+  ASSERT_TRUE(Eventually([&] { return acceptor.Count() == 1; }));
   // The next client takes the last descriptor, so the acceptor finds none for its own end.
   testing::internal::CaptureStdout();
   std::optional<TcpClient> unlucky;
+  const auto ran_out = std::chrono::steady_clock::now();
   {
     const DescriptorLimit one_left(LowestFreeDescriptor() + 1);
     unlucky.emplace(acceptor.GetAddress());
     EXPECT_TRUE(unlucky->IsConnected());
-    EXPECT_FALSE(Eventually([&] { return acceptor.Peers().size() == 2; }, std::chrono::milliseconds(200)));
+    std::this_thread::sleep_for(std::chrono::milliseconds(200));  // the acceptor has met the limit by then
+    acceptor.WriteToAll("hello");
+    EXPECT_EQ(first.Receive(5), "hello");
+    EXPECT_LT(std::chrono::steady_clock::now() - ran_out, std::chrono::seconds(3)) << "served during the pause";
+    EXPECT_EQ(acceptor.Count(), 1U);
   }
-  EXPECT_TRUE(Eventually([&] { return acceptor.Peers().size() == 2; }));
+  EXPECT_TRUE(Eventually([&] { return acceptor.Count() == 2; }, std::chrono::seconds(6)));
   EXPECT_EQ(testing::internal::GetCapturedStdout(), "accept failed with WSAEMFILE\n");
-  EXPECT_TRUE(TcpClient(acceptor.GetAddress()).IsConnected());
   reactor.Stop();
 }
 
@@ -194,32 +187,85 @@ TEST_F(SockAcceptorTest, StopEndsThePause) {
   EXPECT_EQ(testing::internal::GetCapturedStdout(), "accept failed with WSAEMFILE\n");
 }
 
-// A descriptor that select cannot watch would never be served: better refused than left hanging.
+// A descriptor that select cannot watch would never be served: better refused than left hanging. That takes a
+// reactor that is at work, also where its own wake-up socket would lie beyond select.
 TEST_F(SockAcceptorTest, DescriptorsBeyondSelectAreRefused) {
   const DescriptorLimit plenty(FD_SETSIZE + 100);
-  LogCapture log;
-  CReactor_T<tcp_select_tracker> reactor;
-  ASSERT_TRUE(reactor.Run(1));
-  KeepingAcceptor acceptor;
-  ASSERT_TRUE(acceptor.StartListen("127.0.0.1:0", &reactor));
-  const TcpClient first(acceptor.GetAddress());
-  ASSERT_TRUE(Eventually([&] { return acceptor.Peers().size() == 1; }));  // the reactor has its wake-up socket
-  std::vector<int> fillers;
-  do fillers.push_back(open("/dev/null", O_RDONLY | O_CLOEXEC));
-  while (fillers.back() < FD_SETSIZE);
+  for (const bool with_wake_up_socket : {true, false}) {
+    LogCapture log;
+    CReactor_T<tcp_select_tracker> reactor;
+    ASSERT_TRUE(reactor.Run(1));
+    KeepingAcceptor acceptor;
+    {
+      const TakenDescriptors taken(FD_SETSIZE, with_wake_up_socket ? 2 : 1);
+      ASSERT_TRUE(acceptor.StartListen("127.0.0.1:0", &reactor));
+      Eventually([&] { return LowestFreeDescriptor() >= FD_SETSIZE; });
+      TcpClient refused(acceptor.GetAddress());
+      EXPECT_TRUE(refused.WaitForEnd());
+      EXPECT_EQ(acceptor.Count(), 0U);
+      KeepingAcceptor late;
+      EXPECT_FALSE(late.StartListen("127.0.0.1:0", &reactor));
+    }
+    EXPECT_THAT(log.Lines(),
+                testing::IsSupersetOf({testing::Pair(kGXModLogError, testing::HasSubstr("refused")),
+                                       testing::Pair(kGXModLogError, testing::HasSubstr("listening"))}));
+    const TcpClient served(acceptor.GetAddress());
+    EXPECT_TRUE(Eventually([&] { return acceptor.Count() == 1; }));
+    reactor.Stop();
+  }
+}
 
-  TcpClient refused(acceptor.GetAddress());
-  EXPECT_TRUE(refused.WaitForEnd());
-  EXPECT_EQ(acceptor.Peers().size(), 1U);
-  KeepingAcceptor late;
-  EXPECT_FALSE(late.StartListen("127.0.0.1:0", &reactor));
-  EXPECT_THAT(log.Lines(),
-              testing::IsSupersetOf({testing::Pair(kGXModLogError, testing::HasSubstr("refused")),
-                                     testing::Pair(kGXModLogError, testing::HasSubstr("listening"))}));
-  for (const int filler : fillers) close(filler);
-  const TcpClient served(acceptor.GetAddress());
-  EXPECT_TRUE(Eventually([&] { return acceptor.Peers().size() == 2; }));
-  reactor.Stop();
+// Fails as often as it is told to, wherever memory is asked for.
+class PoorAcceptor final : public CSockAcceptor, public ITCPTaskTracker {
+ public:
+  enum Place { kMake, kTell, kQueue };
+  PoorAcceptor(Place place, int failures) : place_(place), failures_(failures) {}
+
+  bool CreateStream(CRefObj<CSockStream>& out, IBaseStream::StreamType type) override {
+    Fail(kMake);
+    return CSockAcceptor::CreateStream(out, type);
+  }
+  using CSockAcceptor::CreateStream;
+  bool OnAccept(CRefObj<CSockStream> stream) override {
+    stream->Write("hello", 5, kNoTimeout);
+    kept_ = stream;
+    Fail(kTell);
+    return true;
+  }
+  bool AddTask(const CTCPTask&) override {
+    Fail(kQueue);
+    return true;
+  }
+  CRefObj<CSockStream> kept_;
+
+ private:
+  void Fail(Place here) {
+    if (place_ == here && failures_-- > 0) throw std::bad_alloc();
+  }
+  const Place place_;
+  int failures_;
+};
+
+TEST_F(SockAcceptorTest, WithoutMemoryOneConnectionIsLostAndTheNextIsAccepted) {
+  LogCapture log;
+  for (const auto place : {PoorAcceptor::kMake, PoorAcceptor::kTell, PoorAcceptor::kQueue}) {
+    PoorAcceptor acceptor(place, 1);
+    ASSERT_TRUE(acceptor.StartListen("127.0.0.1:0", &acceptor));
+    if (place != PoorAcceptor::kQueue) {
+      TcpClient unlucky(acceptor.GetAddress());
+      EXPECT_TRUE(acceptor.Accept());
+      EXPECT_TRUE(unlucky.WaitForEnd());
+      EXPECT_THAT(log.Lines(), testing::Contains(testing::Pair(kGXModLogError, testing::HasSubstr("refused"))));
+    }
+    TcpClient next(acceptor.GetAddress());
+    EXPECT_TRUE(acceptor.Accept());
+    EXPECT_EQ(next.Receive(5), "hello");
+    acceptor.kept_->Disconnect(0);
+  }
+  // Nobody would watch the port: clients must be refused instead of left waiting.
+  PoorAcceptor hopeless(PoorAcceptor::kQueue, 1000);
+  EXPECT_FALSE(hopeless.StartListen("127.0.0.1:0", &hopeless));
+  EXPECT_FALSE(TcpClient(hopeless.GetAddress()).IsConnected());
 }
 
 }  // namespace

@@ -8,6 +8,7 @@
 
 #include <condition_variable>
 #include <mutex>
+#include <new>
 #include <string>
 #include <thread>
 
@@ -157,16 +158,30 @@ TEST_F(SockStreamTest, TaskTimeOutDisconnects) {
   {
     const CRefObj<CSockStream> stream = MakeStream(&reactor);
     stream->Handler(&recorder);
-    // The read's task waits for the socket; its limit is looked at when something else ends the wait.
+    const auto before = std::chrono::steady_clock::now();
     stream->Read(nullptr, 10, 200);
-    ASSERT_TRUE(Eventually([&] {
-      reactor.KillTimer(nullptr);
-      return !recorder.Reasons().empty();
-    }));
+    ASSERT_TRUE(Eventually([&] { return !recorder.Reasons().empty(); })) << "nothing else ends the wait";
+    EXPECT_GE(std::chrono::steady_clock::now() - before, std::chrono::milliseconds(199));
     EXPECT_THAT(recorder.Reasons(), testing::ElementsAre(kStreamTimeout));
     EXPECT_THAT(log.Lines(), Contains(Pair(kGXModLogError, "[CTCPStreamTask::timeout] read/write timeout")));
   }
   reactor.Stop();
+}
+
+// A task that cannot be queued leaves nobody waiting for it: the stream ends, and says so.
+TEST_F(SockStreamTest, WithoutMemoryForATaskTheStreamEnds) {
+  class FullTracker final : public ITCPTaskTracker {
+   public:
+    bool AddTask(const CTCPTask&) override { throw std::bad_alloc(); }
+  };
+  LogCapture log;
+  FullTracker tracker;
+  Recorder recorder;
+  const CRefObj<CSockStream> stream = MakeStream(&tracker);
+  stream->Handler(&recorder);
+  EXPECT_EQ(stream->Read(nullptr, 10, kNoTimeout), 0U);
+  EXPECT_THAT(recorder.Reasons(), testing::ElementsAre(kStreamOtherError));
+  EXPECT_THAT(log.Lines(), Contains(Pair(kGXModLogError, HasSubstr("exception"))));
 }
 
 // One sender that never pauses keeps its stream readable; a timer must come through all the same.
