@@ -29,14 +29,15 @@ bool MayPass(ExitStatus status) {
 
 }  // namespace
 
-App::App(const Options& options, std::shared_ptr<Console> console)
+App::App(const Options& options, int output, std::shared_ptr<Console> console)
     : options_(options),
+      standard_output_(output),
       console_(std::move(console)),
       signals_(io_, SIGINT, SIGTERM, SIGCHLD),
       reconnect_timer_(io_),
       patience_timer_(io_),
       module_log_(options.verbosity),
-      reporter_(io_, options, *console_, traffic_) {
+      reporter_(io_, options, *console_, output, traffic_) {
   signals_.add(SIGUSR1);
   if (!IsIgnored(SIGHUP)) signals_.add(SIGHUP);  // nohup asks for that
 }
@@ -180,6 +181,7 @@ void App::Announce(const ListenAddress& address) {
   if (options_.run.empty()) return;
   Child::Start start{{"/bin/sh", "-c", options_.run}};
   start.input = standard_input_.get();
+  start.output = standard_output_;
   start.environment = AddressVariables(address);
   command_ = std::make_unique<Child>(start);
 }
@@ -191,7 +193,7 @@ void App::StartStandardIo(const std::string& address, std::uint16_t port) {
     Fail(Failure(kExitLinkLost, "the far side closed the connection to " + options_.target +
                                     " at once; does it allow it (--allow) and does something listen there?"));
   };
-  standard_io_.emplace(io_, standard_input_.get(), STDOUT_FILENO, ConnectTo(address, port), traffic_,
+  standard_io_.emplace(io_, standard_input_.get(), standard_output_, ConnectTo(address, port), traffic_,
                        StandardIo::Events{tell, ended});
 }
 

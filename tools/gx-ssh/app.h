@@ -31,7 +31,8 @@ namespace gxtool {
 // Threads: one, the program's main thread, which also starts every child.
 class App final : public Link::Owner {
  public:
-  App(const Options& options, std::shared_ptr<Console> console);
+  // `output` is standard output, borrowed.
+  App(const Options& options, int output, std::shared_ptr<Console> console);
 
   // Returns the exit status, after a failure was told.
   int Run();
@@ -60,6 +61,7 @@ class App final : public Link::Owner {
   void StartStandardIo(const std::string& address, std::uint16_t port);
 
   const Options& options_;
+  const int standard_output_;
   const std::shared_ptr<Console> console_;
   asio::io_context io_;
   asio::signal_set signals_;

@@ -6,21 +6,16 @@
 #include <algorithm>
 #include <cstdlib>
 #include <sstream>
+#include <string_view>
 #include <utility>
 
+#include "gx-ssh/descriptor.h"
 #include "link/escape.h"
 
 namespace gxtool {
 namespace {
 
-// One system call per piece, so that lines of several programs on one terminal do not mix.
-void WriteOut(std::string_view text) {
-  while (!text.empty()) {
-    const ssize_t taken = write(STDERR_FILENO, text.data(), text.size());
-    if (taken <= 0) return;  // nobody to tell
-    text.remove_prefix(static_cast<std::size_t>(taken));
-  }
-}
+void WriteOut(std::string_view text) { WriteAll(STDERR_FILENO, text); }
 
 // No line may be wider than the terminal: it would take two, and Wipe would not know.
 std::string Fit(const std::string& lines) {

@@ -1,6 +1,7 @@
 #include "gx-ssh/descriptor.h"
 
 #include <fcntl.h>
+#include <poll.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
@@ -51,11 +52,31 @@ void SetNonBlocking(int fd, bool on) {
   Check(fcntl(fd, F_SETFL, on ? flags | O_NONBLOCK : flags & ~O_NONBLOCK), "fcntl");
 }
 
+void WriteAll(int fd, std::string_view text) {
+  while (!text.empty()) {
+    const ssize_t taken = write(fd, text.data(), text.size());
+    pollfd wait{fd, POLLOUT, 0};
+    if (taken >= 0) {
+      text.remove_prefix(static_cast<std::size_t>(taken));
+    } else if (errno == EAGAIN) {
+      poll(&wait, 1, -1);
+    } else if (errno != EINTR) {
+      return;
+    }
+  }
+}
+
 void FillStandardDescriptors() {
   // Opening takes the lowest free number, so this ends at the first one above the standard three.
   int fd = Check(open("/dev/null", O_RDWR), "/dev/null");
   while (fd <= 2) fd = Check(open("/dev/null", O_RDWR), "/dev/null");
   close(fd);
+}
+
+Descriptor TakeStandardOutput() {
+  Descriptor output = Duplicate(1);
+  Check(dup2(2, 1), "dup2");
+  return output;
 }
 
 Descriptor TakeStandardInput() {

@@ -2,6 +2,7 @@
 #ifndef GX_SSH_DESCRIPTOR_H
 #define GX_SSH_DESCRIPTOR_H
 
+#include <string_view>
 #include <utility>
 
 namespace gxtool {
@@ -42,9 +43,16 @@ Descriptor Duplicate(int fd);
 
 void SetNonBlocking(int fd, bool on);
 
+// Blocks until all of `text` is written, whatever mode `fd` is in, or nobody takes any more.
+void WriteAll(int fd, std::string_view text);
+
 // Puts /dev/null where 0, 1 or 2 is closed, so that nothing else that is opened later lands there and is then
 // taken for standard input or output.
 void FillStandardDescriptors();
+
+// Moves standard output to a descriptor above the standard three and leaves standard error at 1: libraries
+// print there, and what gx-ssh prints is read by programs.
+Descriptor TakeStandardOutput();
 
 // Moves standard input to a descriptor above the standard three and leaves /dev/null at 0. The module may shut
 // down descriptor 0 in an unlucky moment, so nothing of value may stay there.

@@ -16,14 +16,14 @@
 
 namespace {
 
-int PrintVersion(const gxtool::Options& options) {
+int PrintVersion(const gxtool::Options& options, int output) {
   gxtool::ModuleLog log(0);
-  std::printf("gx-ssh %s\nprotocol %d\n", GX_VERSION, gxtool::kProtocolVersion);
+  dprintf(output, "gx-ssh %s\nprotocol %d\n", GX_VERSION, gxtool::kProtocolVersion);
   try {
     const gxtool::ModuleLibrary module(options.module_path, log);
-    std::printf("module %s (%s)\n", module.Description().c_str(), module.path().c_str());
+    dprintf(output, "module %s (%s)\n", module.Description().c_str(), module.path().c_str());
   } catch (const gxtool::Failure& failure) {
-    std::printf("module none: %s\n", failure.what());
+    dprintf(output, "module none: %s\n", failure.what());
   }
   return gxtool::kExitOk;
 }
@@ -35,8 +35,9 @@ int Run(int argc, char** argv) {
   const auto parsed = ParseOptions(argc, argv);
   if (const int* status = std::get_if<int>(&parsed)) return *status;
   const Options& options = std::get<Options>(parsed);
-  if (options.show_version) return PrintVersion(options);
-  return App(options, Console::SetUp(options.quiet, options.verbosity)).Run();
+  const Descriptor output = TakeStandardOutput();
+  if (options.show_version) return PrintVersion(options, output.get());
+  return App(options, output.get(), Console::SetUp(options.quiet, options.verbosity)).Run();
 }
 
 }  // namespace

@@ -3,9 +3,10 @@
 #include <spdlog/spdlog.h>
 #include <unistd.h>
 
-#include <cstdio>
 #include <cstdlib>
 #include <string_view>
+
+#include "gx-ssh/descriptor.h"
 
 namespace gxtool {
 namespace {
@@ -24,8 +25,14 @@ bool HasTerminal(const Options& options) {
 
 }  // namespace
 
-Reporter::Reporter(asio::io_context& io, const Options& options, Console& console, const Traffic& traffic)
-    : options_(options), console_(console), traffic_(traffic), live_(HasTerminal(options)), timer_(io) {
+Reporter::Reporter(asio::io_context& io, const Options& options, Console& console, int output,
+                   const Traffic& traffic)
+    : options_(options),
+      console_(console),
+      output_(output),
+      traffic_(traffic),
+      live_(HasTerminal(options)),
+      timer_(io) {
   route_ = options_.local ? "far side inside" : ProgramName(options_.carrier.front());
   if (live_ || options_.json) Tick();
 }
@@ -67,8 +74,7 @@ void Reporter::OnExit(int status, const std::string& reason) {
 void Reporter::PrintOut(const std::string& text) {
   // Both may be one terminal; the next tick shows the status again, below this.
   if (!text.empty()) console_.SetStatus({});
-  std::fputs(text.c_str(), stdout);
-  std::fflush(stdout);
+  WriteAll(output_, text);
 }
 
 void Reporter::PrintTable() {

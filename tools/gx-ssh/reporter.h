@@ -19,8 +19,8 @@ namespace gxtool {
 // kept up to date. Threads: the one that runs `io`.
 class Reporter {
  public:
-  // All arguments outlive the reporter.
-  Reporter(asio::io_context& io, const Options& options, Console& console, const Traffic& traffic);
+  // All arguments outlive the reporter; `output` is standard output.
+  Reporter(asio::io_context& io, const Options& options, Console& console, int output, const Traffic& traffic);
 
   void OnListening(const ListenAddress& address);
   // `state` is one word: starting, up, lost, ended. `detail` may be empty.
@@ -42,6 +42,7 @@ class Reporter {
 
   const Options& options_;
   Console& console_;
+  const int output_;
   const Traffic& traffic_;
   const bool live_;  // there is a status to show
   asio::steady_timer timer_;

@@ -2,6 +2,7 @@
 
 #include <gxmod/control_ssh.h>
 
+#include <cstdio>
 #include <cstdlib>
 #include <string_view>
 #include <thread>
@@ -52,6 +53,8 @@ std::string_view Fault() {
 }
 
 bool Init(void* runtime) {
+  std::puts("a careless library");
+  std::fflush(stdout);
   g_runtime = static_cast<IGXModRuntime*>(runtime);
   return Fault() != "init";
 }

@@ -166,6 +166,14 @@ TEST_F(ProgramTest, ForwardsUntilItIsStopped) {
   }
 }
 
+TEST_F(ProgramTest, WhatTheModulePrintsIsNotOutput) {
+  Program program({"--local", "--module", GX_FAKE_MODULE});
+  EXPECT_EQ(program.Line(), "127.0.0.1:7");
+  program.Signal(SIGTERM);
+  EXPECT_EQ(program.Output(), "");
+  EXPECT_EQ(program.Errors(), "a careless library\n");
+}
+
 TEST_F(ProgramTest, LocalFarSideNeedsNoCarrier) {
   Program program({"--local", "--target", echo_.address()});
   EXPECT_EQ(Echo(Connect(program.Line()), "hello"), "hello");
