@@ -2,6 +2,7 @@
 
 #include <fcntl.h>
 #include <spdlog/spdlog.h>
+#include <sys/wait.h>
 
 #include <asio/buffer.hpp>
 
@@ -39,6 +40,11 @@ Carrier::Carrier(asio::io_context& io, const std::vector<std::string>& command, 
   ReadErrors();
 }
 
+bool Carrier::Killed() {
+  const auto status = child_.Poll();
+  return status && WIFSIGNALED(*status);
+}
+
 void Carrier::End() {
   child_.End();
   // Its last words, as far as they are there already: something that it started may hold the pipe open.
@@ -52,8 +58,8 @@ void Carrier::End() {
 }
 
 std::string Carrier::Describe() {
-  std::string text = "carrier \"" + name_ + "\"";
-  if (const auto status = child_.Poll()) text += ", " + Child::Describe(*status);
+  const auto status = child_.Poll();
+  std::string text = "carrier \"" + name_ + '"' + (status ? ", " + Child::Describe(*status) : " still runs");
   const char* divider = ": ";
   for (const std::string& line : last_lines_) text += std::exchange(divider, " | ") + line;
   return text;

@@ -29,6 +29,7 @@ class Carrier final : public FarSide {
   Descriptor TakeInput() override { return std::move(output_.read); }
   Descriptor TakeOutput() override { return std::move(input_.write); }
   bool Exited() override { return child_.Poll().has_value(); }
+  bool Killed() override;
   bool Ended() override { return Exited() && !errors_.is_open(); }
   void End() override;
   std::string Describe() override;

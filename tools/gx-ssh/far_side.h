@@ -19,6 +19,8 @@ class FarSide {
 
   // It has ended. Call it after SIGCHLD.
   virtual bool Exited() = 0;
+  // It was ended by a signal, and so not by itself.
+  virtual bool Killed() = 0;
   // It has ended and its last word has come.
   virtual bool Ended() = 0;
   // Makes it end, within 2 s at most. The descriptors of the stream are closed before.

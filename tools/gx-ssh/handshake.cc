@@ -14,14 +14,17 @@ namespace gxtool {
 
 Handshake::Handshake(asio::io_context& io, Descriptor input, int output, std::chrono::milliseconds timeout,
                      Result result)
-    : input_(io, input.Release()), timer_(io, timeout), result_(std::move(result)) {
+    : input_(io, input.Release()), timer_(io), result_(std::move(result)) {
   // It fits into an empty pipe. If nobody is there to read it, the input ends as well, and that is reported.
   const std::string line = ReadyLine(Side::kHost);
   [[maybe_unused]] const ssize_t written = write(output, line.data(), line.size());
-  timer_.async_wait(lifetime_.Guard([this, timeout](asio::error_code) {
-    Fail("it has not said that it is ready within " + FormatDuration(timeout));
-  }));
   Read();
+  if (timeout.count() == 0) return;
+  timer_.expires_after(timeout);
+  timer_.async_wait(lifetime_.Guard([this, timeout](asio::error_code) {
+    Fail("it has not said that it is ready within " + FormatDuration(timeout) +
+         "; does it run gx-ssh-peer, or something else that needs --raw?");
+  }));
 }
 
 void Handshake::Read() {

@@ -26,7 +26,7 @@ class Handshake {
     std::function<void(const std::string& problem)> failed;             // with a hint
   };
 
-  // Owns `input`; `output` is borrowed.
+  // Owns `input`; `output` is borrowed. A timeout of 0 is none.
   Handshake(asio::io_context& io, Descriptor input, int output, std::chrono::milliseconds timeout,
             Result result);
 

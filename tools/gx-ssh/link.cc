@@ -99,8 +99,8 @@ void Link::KeepAlive() {
   const milliseconds limit = options_.keepalive * options_.keepalive_count;
   const milliseconds silence = stream_->silence();
   if (silence >= limit) {
-    return GoDown(
-        Failure(kExitLinkLost, kLinkLost + "no sign of life from the far side for " + FormatDuration(limit)));
+    cause_.emplace(kExitLinkLost, kLinkLost + "no sign of life from the far side for " + FormatDuration(limit));
+    return GoDown(Summary());
   }
   stream_->Ping();
   keepalive_timer_.expires_after(std::min(options_.keepalive, limit - silence));
@@ -134,7 +134,8 @@ void Link::GoDown(const Failure& why) {
 }
 
 Failure Link::Summary() {
-  if (goodbye_) return Failure(kExitOk, "the far side has ended: " + Escape(*goodbye_));
+  // A carrier that was killed takes the far side with it, which then says goodbye.
+  if (goodbye_ && !far_side_->Killed()) return Failure(kExitOk, "the far side has ended: " + Escape(*goodbye_));
   if (!cause_) {
     cause_ = stream_ ? Failure(kExitLinkLost, kLinkLost + "the carrier has ended")
                      : Failure(kExitNotReady, kNotReady + "the carrier has ended");

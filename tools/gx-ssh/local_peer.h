@@ -23,6 +23,7 @@ class LocalPeer final : public FarSide {
   Descriptor TakeInput() override { return std::move(input_); }
   Descriptor TakeOutput() override { return std::move(output_); }
   bool Exited() override { return exited_; }
+  bool Killed() override { return false; }
   bool Ended() override { return exited_; }
   void End() override;
   std::string Describe() override { return "far side inside gx-ssh"; }

@@ -120,7 +120,8 @@ void DeclareLink(CLI::App& app, Options& options) {
   app.add_option("--module", options.module_path, "The module to load (the one built with this program)")
       ->option_text("PATH");
   app.add_flag("--raw", options.raw, "The far side speaks frames from the first byte and nothing else");
-  AddDuration(app, "--connect-timeout", options.connect_timeout, "Wait so long for the far side (10s)");
+  AddDuration(app, "--connect-timeout", options.connect_timeout,
+              "Wait so long for the far side (10s); 0s: for ever");
   AddDuration(app, "--keepalive", options.keepalive,
               "Ask a silent far side for a sign of life so often (15s); 0s: never");
   app.add_option("--keepalive-count", options.keepalive_count,

@@ -152,7 +152,19 @@ class ProgramTest : public testing::Test {
   std::string folder_;
 };
 
-const std::string kReady = "printf 'GX-SSH-PEER 1\\n'; ";
+// A shell command that prints `bytes`.
+std::string Print(const std::string& bytes) {
+  std::string command = "printf '";
+  char octal[5];
+  for (const char byte : bytes) {
+    std::snprintf(octal, sizeof octal, "\\%03o", static_cast<unsigned>(static_cast<unsigned char>(byte)));
+    command += octal;
+  }
+  return command + "'; ";
+}
+
+const std::string kReady = Print("GX-SSH-PEER 1\n");
+const std::string kGoodbye = Print(MakeFrame(kGoodbyeFrame, 0, "bye"));
 
 TEST_F(ProgramTest, ForwardsUntilItIsStopped) {
   for (const int number : {SIGTERM, SIGINT, SIGHUP}) {
@@ -230,19 +242,21 @@ TEST_F(ProgramTest, EachBadFarSideHasItsOwnMessage) {
        kExitNotReady,
        R"(it has ended before it was ready; carrier "sh", exit status 3: oh)"},
       {{"--connect-timeout", "200ms"},
-       "printf 'Welcome\\033[1m\\n'; sleep 60",
+       "printf 'Welcome\\033[1m\\n'; cat >/dev/null",
        kExitNotReady,
-       R"(it has not said that it is ready within 200ms; it said "Welcome\x1b[1m\n")"},
-      {{}, "printf 'GX-SSH-PEER 9\\n'; sleep 60", kExitNotReady, "it speaks version 9 of the protocol"},
-      {{}, "printf 'GX-SSH-PEER 1\\r\\n'; sleep 60", kExitNotReady, "a terminal lies in between"},
+       R"(is ready within 200ms; does it run gx-ssh-peer, or something else that needs --raw?; it said "Welcome\x1b[1m\n")"},
+      {{}, "script -qec " GX_PEER_PROGRAM " /dev/null", kExitNotReady, "stdin is a terminal"},
+      {{}, "printf 'GX-SSH-PEER 9\\n'; cat >/dev/null", kExitNotReady, "it speaks version 9 of the protocol"},
+      {{}, "printf 'GX-SSH-PEER 1\\r\\n'; cat >/dev/null", kExitNotReady, "a terminal lies in between"},
       {{}, "yes | tr -d '\\n'", kExitNotReady, "it sends something else"},
       // The status of the carrier says nothing: without a goodbye the link is lost.
       {{}, kReady + "echo last words >&2; exit 0", kExitLinkLost, R"(carrier "sh", exit status 0: last words)"},
       {{}, kReady + "kill -9 $$", kExitLinkLost, "signal 9 (Killed)"},
+      {{}, kReady + kGoodbye + "kill -9 $$", kExitLinkLost, "signal 9 (Killed)"},
       {{"--keepalive", "100ms", "--keepalive-count", "2"},
-       kReady + "sleep 60",
+       kReady + "cat >/dev/null",
        kExitLinkLost,
-       "no sign of life from the far side for 200ms"},
+       R"(no sign of life from the far side for 200ms; carrier "sh" still runs)"},
       {{"--raw"}, "sleep 0.1", kExitLinkLost, "link lost: end of the stream"},
   };
   for (const BadFarSide& bad : cases) {
