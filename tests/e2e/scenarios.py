@@ -5,12 +5,15 @@ import argparse
 import contextlib
 import hashlib
 import os
+import random
 import secrets
+import shutil
 import signal
 import sys
 import tempfile
 import time
 
+from kills import VICTIMS, WAYS, KillRound
 from throwaway import Clients, Failure, ProxyCommand, SshServer, Tunnel, bounded, free_port, run
 
 SCENARIOS = {}
@@ -92,14 +95,18 @@ def parallel_sessions(tools, server):
 
 
 @scenario
-def interactive_session(tools, server):
-    """A terminal on the far side, and the status with which its shell ends."""
-    with Tunnel(tools, server, local=True) as tunnel:
-        with tunnel.session("-tt", "far") as session:
-            session.send("echo typed-'by'-hand\n")
-            session.expect(session.out, "typed-by-hand")
-            session.send("exit 7\n")
-            session.expect_status(7)
+def sessions(tools, server):
+    """A command's two outputs and its status, a terminal and its shell's status; through a port and through -W."""
+    for way in (Tunnel(tools, server), ProxyCommand(tools, server)):
+        with way, way.session("far", "echo out; echo err >&2; exit 42") as command, \
+                way.session("-tt", "far") as terminal:
+            command.expect_status(42)
+            expect(command.out.text() == "out", "its standard output did not come through")
+            expect("err" in command.err.text().split(), "its standard error did not come through")
+            terminal.send("echo typed-'by'-hand\n")
+            terminal.expect(terminal.out, "typed-by-hand")
+            terminal.send("exit 7\n")
+            terminal.expect_status(7)
 
 
 def make_tree(root):
@@ -125,36 +132,26 @@ def describe_tree(root):
 
 
 @scenario
-def tree_copy(tools, server):
-    """scp -r of a tree, there and back."""
-    tree, there, back = (f"{server.folder}/{name}" for name in ("tree", "there", "back"))
+def tree_copies(tools, server):
+    """A tree there and back by scp, rsync and git."""
+    tree, there, back, clone = (f"{server.folder}/{name}" for name in ("tree", "there", "back", "clone"))
     make_tree(tree)
-    with Tunnel(tools, server, local=True) as tunnel:
-        tunnel.run("scp", "-q", "-p", "-r", tree, f"far:{there}")
-        tunnel.run("scp", "-q", "-p", "-r", f"far:{there}", back)
-    expect(describe_tree(tree) == describe_tree(there) == describe_tree(back), "the trees differ")
-
-
-@scenario
-def exit_status(tools, server):
-    """What a remote command prints and how it ends comes through, its two outputs apart."""
-    with Tunnel(tools, server) as tunnel:
-        with tunnel.session("far", "echo out; echo err >&2; exit 42") as session:
-            session.expect_status(42)
-            expect("out" in session.out.text().split(), "its standard output did not come through")
-            expect("err" in session.err.text().split(), "its standard error did not come through")
-
-
-@scenario
-def far_side_killed(tools, server):
-    """With a session open, the far side dies: the session and gx-ssh end, and gx-ssh says why."""
-    with Tunnel(tools, server) as tunnel, tunnel.session("far", "cat") as session:
-        session.send("hello\n")
-        session.expect(session.out, "^hello$")
-        status, words = tunnel.kill_peer()
-        expect(status > 0, f"gx-ssh ended with {status} although the far side was killed")
-        expect("gx-ssh: " in words, f"gx-ssh did not say why it ended, only: {words}")
-        expect(session.wait() != 0, "the session ended with 0 although the far side was killed")
+    with ProxyCommand(tools, server) as proxy:
+        ssh = f"ssh -F {proxy.config}"
+        for command in (proxy.command("scp", "-q", "-p", "-r"), ["rsync", "-a", "-e", ssh]):
+            # rsync copies what is in a folder whose name ends in a slash, scp the folder itself.
+            slash = "/" if command[0] == "rsync" else ""
+            run([*command, tree + slash, f"far:{there}"])
+            run([*command, f"far:{there}{slash}", back])
+            expect(describe_tree(tree) == describe_tree(there) == describe_tree(back), f"{command[0]}: trees differ")
+            shutil.rmtree(there)
+            shutil.rmtree(back)
+        git = ["git", "-C", tree, "-c", "user.name=x", "-c", "user.email=x", "-c", f"core.sshCommand={ssh}"]
+        run([*git, "init", "-q"])
+        run([*git, "add", "."])
+        run([*git, "commit", "-q", "-m", "x"])
+        run([*git, "clone", "-q", f"far:{tree}", clone])
+        expect(sha256(f"{clone}/a/b/c/large") == sha256(f"{tree}/a/b/c/large"), "git cloned something else")
 
 
 @scenario
@@ -169,27 +166,18 @@ def interrupted(tools, server):
 
 @scenario
 def proxy_command(tools, server):
-    """ssh starts gx-ssh -W itself: one after the other, many at once, and what builds on ssh."""
+    """ssh starts gx-ssh -W itself: one after the other, and many at once."""
     with ProxyCommand(tools, server) as proxy, contextlib.ExitStack() as open_sessions:
-        for number in range(20):
+        for number in range(tools.rounds):
             expect(proxy.run("ssh", "far", f"echo {number}") == f"{number}\n", "a command printed something else")
-        sessions = [open_sessions.enter_context(proxy.session("far", "cat; exit 42")) for _ in range(20)]
-        for number, session in enumerate(sessions):
+        sessions_at_once = [open_sessions.enter_context(proxy.session("far", "cat; exit 42"))
+                            for _ in range(tools.rounds)]
+        for number, session in enumerate(sessions_at_once):
             session.send(f"text {number}\n")
             session.expect(session.out, f"^text {number}$", timeout=120)
             session.stdin.close()
-        for session in sessions:
+        for session in sessions_at_once:
             session.expect_status(42)
-
-        tree, there, clone = (f"{server.folder}/{name}" for name in ("tree", "there", "clone"))
-        make_tree(tree)
-        proxy.run("scp", "-q", "-p", "-r", tree, f"far:{there}")
-        expect(describe_tree(tree) == describe_tree(there), "the trees differ")
-        run(["git", "init", "-q", tree])
-        run(["git", "-C", tree, "add", "."])
-        run(["git", "-C", tree, "-c", "user.name=x", "-c", "user.email=x", "commit", "-q", "-m", "x"])
-        run(["git", "-c", f"core.sshCommand=ssh -F {proxy.config}", "clone", "-q", f"far:{tree}", clone])
-        expect(os.path.exists(f"{clone}/a/b/c/large"), "git cloned nothing")
 
 
 @scenario
@@ -207,11 +195,23 @@ def shared_proxy(tools, server):
             master.wait()
 
 
+@scenario
+def kills(tools, server):
+    """At some moment the far side, the carrier or gx-ssh is killed: everything else ends soon, and says why."""
+    slowest = 0
+    for _ in range(tools.rounds):
+        for victim in VICTIMS:
+            for way in WAYS:
+                slowest = max(slowest, KillRound(tools, server, way).kill(victim, random.random() * 0.4))
+    say(f"all was over {slowest:.2f} s after a kill, at the latest")
+
+
 def parse_arguments():
     parser = argparse.ArgumentParser(description=__doc__)
     parser.add_argument("--gx-ssh", required=True, help="the program")
     parser.add_argument("--gx-ssh-peer", required=True, help="the program")
     parser.add_argument("--size-mib", type=int, default=64, help="size of the file that the demo copies")
+    parser.add_argument("--rounds", type=int, default=20, help="how often a scenario repeats what it repeats")
     parser.add_argument("--limit-s", type=int, default=240, help="fail when this takes longer")
     parser.add_argument("scenario", choices=SCENARIOS)
     return parser.parse_args()

@@ -172,6 +172,11 @@ def privilege_separation_folder():
         os.close(lock)
 
 
+def write_script(path, text):
+    write(path, f"#!/bin/sh\n{text}\n")
+    os.chmod(path, 0o700)
+
+
 def free_port():
     with socket.socket() as probe:
         probe.bind(("127.0.0.1", 0))
@@ -309,11 +314,11 @@ class ProxyCommand(Clients):
         self._program = f"{server.folder}/proxy"
         super().__init__(server, f"ProxyCommand {self._program}")
         os.environ.update(report_environment(server.folder))
-        write(self._program, f"""#!/bin/sh
+        write_script(self._program, f"""
             exec 9>"{self._life}"
-            exec "{tools.gx_ssh}" -q -W --target {target} -- "{tools.gx_ssh_peer}" -q --allow {target}
+            exec "{tools.gx_ssh}" -q -W --target {target} -- \\
+              sh -c 'echo "a banner"; exec "$@"' sh "{tools.gx_ssh_peer}" -q --allow {target}
             """)
-        os.chmod(self._program, 0o700)
 
     def __enter__(self):
         os.mkfifo(self._life)
@@ -373,12 +378,6 @@ class Tunnel(Clients):
         self._over = True
         self.host.signal(number)
         self.host.expect_status(0)
-
-    def kill_peer(self):
-        """Kills the far side and returns the status with which gx-ssh ends and what it said."""
-        self._over = True
-        os.kill(int(self._peer.text()), signal.SIGKILL)
-        return self.host.wait(), self.host.err.text()
 
     def _expect_no_peer(self):
         if not (self._local or self._peer.wait_for_end(END_S)):
