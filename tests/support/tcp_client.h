@@ -75,11 +75,11 @@ class TcpClient {
 
   // The other side has ended the connection, in whatever way.
   bool WaitForEnd() {
-    for (;;) {
-      char byte;
-      if (!WaitFor(POLLIN)) return false;
-      if (recv(socket_, &byte, 1, MSG_DONTWAIT) <= 0) return true;
+    char bytes[4096];
+    while (WaitFor(POLLIN)) {
+      if (recv(socket_, bytes, sizeof bytes, MSG_DONTWAIT) <= 0) return true;
     }
+    return false;
   }
 
   void FinishSending() { shutdown(socket_, SHUT_WR); }
