@@ -7,6 +7,7 @@
 #include "portfwd/port_forward_client.h"
 #include "support/leak_gate.h"
 #include "support/log_capture.h"
+#include "support/pattern.h"
 #include "support/plugin_stream.h"
 #include "support/tcp_client.h"
 
@@ -70,13 +71,6 @@ class ForwardingTest : public LeakGate {
   CRefObj<CPortForwardClientRaw> client_;
   std::string address_;  // of the channel's port
 };
-
-// Bytes that tell loss, duplication and exchange apart.
-inline std::string Pattern(std::size_t length, unsigned seed = 1) {
-  std::string bytes(length, '\0');
-  for (std::size_t i = 0; i < length; ++i) bytes[i] = static_cast<char>(i * 31 + i / 251 + seed * 7);
-  return bytes;
-}
 
 }  // namespace gxtest
 

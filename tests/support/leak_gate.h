@@ -1,9 +1,11 @@
-// Fails a test that leaves a descriptor, a thread or a live object of the module behind.
+// Fails a test that leaves a descriptor, a thread, a child process or a live object of the module behind.
 #ifndef GX_TESTS_SUPPORT_LEAK_GATE_H
 #define GX_TESTS_SUPPORT_LEAK_GATE_H
 
 #include <dirent.h>
+#include <errno.h>
 #include <gtest/gtest.h>
+#include <sys/wait.h>
 
 #include <cstdint>
 #include <memory>
@@ -24,6 +26,12 @@ inline int CountEntries(const char* directory) {
 
 inline int OpenDescriptors() { return CountEntries("/proc/self/fd"); }
 inline int Threads() { return CountEntries("/proc/self/task"); }
+
+// Running, or ended and not yet waited for.
+inline bool HasChildren() {
+  siginfo_t info;
+  return waitid(P_ALL, 0, &info, WEXITED | WNOHANG | WNOWAIT) == 0 || errno != ECHILD;
+}
 
 inline std::int64_t LiveObjects() {
   std::int64_t alive = 0;
@@ -49,6 +57,7 @@ class LeakGate : public testing::Test {
         << OpenDescriptors() << " descriptors, not " << descriptors_;
     EXPECT_TRUE(Eventually([&] { return LiveObjects() <= objects_; }))
         << LiveObjects() << " objects, not " << objects_;
+    EXPECT_FALSE(HasChildren());
   }
 
  private:

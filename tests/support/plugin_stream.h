@@ -6,10 +6,13 @@
 #include <atomic>
 #include <condition_variable>
 #include <cstring>
+#include <initializer_list>
 #include <limits>
 #include <mutex>
 #include <optional>
+#include <random>
 #include <string>
+#include <thread>
 
 #include "gxmod/control_ssh.h"
 #include "gxmod/frames.h"
@@ -33,34 +36,92 @@ inline std::string Encode(const Frame& frame) {
   return bytes + frame.payload;
 }
 
+// A queue of bytes; what has been taken off its front is given back now and then.
+class ByteQueue {
+ public:
+  std::size_t size() const { return bytes_.size() - head_; }
+  bool empty() const { return size() == 0; }
+  const char* data() const { return bytes_.data() + head_; }
+  void Append(const char* bytes, std::size_t count) { bytes_.append(bytes, count); }
+  void Drop(std::size_t count) {
+    head_ += count;
+    if (head_ < bytes_.size() - head_) return;
+    bytes_.erase(0, head_);
+    head_ = 0;
+  }
+
+ private:
+  std::string bytes_;
+  std::size_t head_ = 0;
+};
+
+// Watches the road out for a thread that writes inside the frame of another one.
+class FrameWatch {
+ public:
+  // False: this thread writes on inside somebody else's frame.
+  bool Write(const char* bytes, std::size_t count) {
+    const std::thread::id writer = std::this_thread::get_id();
+    if ((!header_.empty() || left_ != 0) && writer != writer_) return false;
+    writer_ = writer;
+    while (count != 0) {
+      std::size_t part = std::min(count, left_);
+      if (left_ != 0) {
+        left_ -= part;
+      } else {
+        part = std::min(count, gxmod::kFrameHeaderBytes - header_.size());
+        header_.append(bytes, part);
+        if (header_.size() == gxmod::kFrameHeaderBytes) {
+          left_ = gxmod::DecodeFrameHeader(header_.data()).length;
+          header_.clear();
+        }
+      }
+      bytes += part;
+      count -= part;
+    }
+    return true;
+  }
+
+ private:
+  std::thread::id writer_;
+  std::string header_;    // as far as it has come
+  std::size_t left_ = 0;  // of the payload
+};
+
 // The module's side is IPluginStreamRaw; everything else is the test's. Bytes wait in memory both ways.
 class PluginStream final : public IPluginStreamRaw, private CReference {
  public:
   GX_FORWARD_REFERENCE();
 
+  static constexpr std::size_t kNoLimit = std::numeric_limits<std::size_t>::max();
+
   // What the stream does to the module; set before the traffic that it shall concern.
   struct Behaviour {
-    std::size_t read_at_most = std::numeric_limits<unsigned>::max();      // bytes per Read
-    std::size_t write_at_most = std::numeric_limits<unsigned>::max();     // bytes per Write
-    std::size_t fail_read_at = std::numeric_limits<std::size_t>::max();   // offset in the stream
-    std::size_t fail_write_at = std::numeric_limits<std::size_t>::max();  // likewise
-    std::size_t capacity =
-        std::numeric_limits<std::size_t>::max();  // bytes that wait for the far side; then Write blocks
+    std::size_t read_at_most = kNoLimit;   // bytes per Read; 0: Read stalls
+    std::size_t write_at_most = kNoLimit;  // bytes per Write
+    std::size_t fail_read_at = kNoLimit;   // offset in the stream
+    std::size_t fail_write_at = kNoLimit;  // likewise
+    std::size_t capacity = kNoLimit;       // bytes that wait for the far side; then Write blocks
+    std::size_t send_capacity = kNoLimit;  // bytes that wait for the module; then Send blocks
+    unsigned cut_seed = 0;                 // not 0: Read and Write take a random part of what they could
+    unsigned zero_every = 0;  // not 0: so many calls of Read, or Write, and one succeeds with 0 bytes
   };
   void Behave(const Behaviour& behaviour) {
     const std::lock_guard lock(mutex_);
     behaviour_ = behaviour;
+    random_.seed(behaviour.cut_seed);
     changed_.notify_all();
   }
 
   std::uint32_t Read(void* data, unsigned length, unsigned* got, unsigned) override {
     std::unique_lock lock(mutex_);
-    changed_.wait(lock, [&] { return closed_ || ended_ || !to_module_.empty() || ReadFails(); });
+    changed_.wait(lock, [&] {
+      return closed_ || ReadFails() || (behaviour_.read_at_most != 0 && (ended_ || !to_module_.empty()));
+    });
     if (closed_ || ReadFails() || to_module_.empty()) return 1;
-    std::size_t count = std::min({std::size_t{length}, to_module_.size(), behaviour_.read_at_most});
-    count = std::min(count, behaviour_.fail_read_at - read_);
-    to_module_.copy(static_cast<char*>(data), count);
-    to_module_.erase(0, count);
+    const std::size_t count =
+        Cut(reads_, {length, to_module_.size(), behaviour_.read_at_most, behaviour_.fail_read_at - read_});
+    std::memcpy(data, to_module_.data(), count);
+    to_module_.Drop(count);
     changed_.notify_all();
     read_ += count;
     *got = static_cast<unsigned>(count);
@@ -70,15 +131,16 @@ class PluginStream final : public IPluginStreamRaw, private CReference {
   std::uint32_t Write(const void* data, unsigned length, unsigned* written, unsigned) override {
     if (writers_.fetch_add(1) != 0) overlapped_ = true;
     std::unique_lock lock(mutex_);
-    blocked_ = from_module_.size() >= behaviour_.capacity;
+    blocked_ = Room() == 0;
     changed_.notify_all();
-    changed_.wait(lock, [&] { return closed_ || from_module_.size() < behaviour_.capacity; });
+    changed_.wait(lock, [&] { return closed_ || Room() != 0; });
     blocked_ = false;
     --writers_;
-    const std::size_t room = behaviour_.fail_write_at - std::min(behaviour_.fail_write_at, written_);
-    if (closed_ || room == 0) return 1;
-    const std::size_t count = std::min({std::size_t{length}, behaviour_.write_at_most, room});
-    from_module_.append(static_cast<const char*>(data), count);
+    const std::size_t until_failure = behaviour_.fail_write_at - std::min(behaviour_.fail_write_at, written_);
+    if (closed_ || until_failure == 0) return 1;
+    const std::size_t count = Cut(writes_, {length, behaviour_.write_at_most, Room(), until_failure});
+    if (!watch_.Write(static_cast<const char*>(data), count)) overlapped_ = true;
+    from_module_.Append(static_cast<const char*>(data), count);
     written_ += count;
     *written = static_cast<unsigned>(count);
     changed_.notify_all();
@@ -92,10 +154,17 @@ class PluginStream final : public IPluginStreamRaw, private CReference {
     return 0;
   }
 
+  // Waits for room when the road to the module is bounded. Once the stream is closed the bytes go nowhere.
   void Send(const std::string& bytes) {
-    const std::lock_guard lock(mutex_);
-    to_module_ += bytes;
-    changed_.notify_all();
+    std::unique_lock lock(mutex_);
+    for (std::size_t done = 0; done < bytes.size();) {
+      changed_.wait(lock, [&] { return closed_ || to_module_.size() < behaviour_.send_capacity; });
+      if (closed_) return;
+      const std::size_t count = std::min(bytes.size() - done, behaviour_.send_capacity - to_module_.size());
+      to_module_.Append(bytes.data() + done, count);
+      done += count;
+      changed_.notify_all();
+    }
   }
   void Send(const Frame& frame) { Send(Encode(frame)); }
   // The far side ends the stream once everything sent has been read.
@@ -105,16 +174,21 @@ class PluginStream final : public IPluginStreamRaw, private CReference {
     changed_.notify_all();
   }
 
-  // The next frame from the module; nothing when none comes in time or the stream is closed.
+  // The next frame from the module; nothing when none comes in time or the stream is closed. While it waits it
+  // takes what comes, so a frame may be larger than the road out.
   std::optional<Frame> Receive(std::chrono::milliseconds patience = kPatience) {
     std::unique_lock lock(mutex_);
-    changed_.wait_for(lock, patience, [&] { return closed_ || HasFrame(); });
+    changed_.wait_for(lock, patience, [&] {
+      if (Waiting() != 0) changed_.notify_all();
+      taken_ = from_module_.size();
+      return closed_ || HasFrame();
+    });
     if (!HasFrame()) return std::nullopt;
     const gxmod::FrameHeader header = gxmod::DecodeFrameHeader(from_module_.data());
     Frame frame{header.type, header.connection_id,
-                from_module_.substr(gxmod::kFrameHeaderBytes, header.length)};
-    from_module_.erase(0, gxmod::kFrameHeaderBytes + header.length);
-    changed_.notify_all();
+                std::string(from_module_.data() + gxmod::kFrameHeaderBytes, header.length)};
+    from_module_.Drop(gxmod::kFrameHeaderBytes + header.length);
+    taken_ = from_module_.size();
     return frame;
   }
   // The next frame of one type; others are dropped.
@@ -136,17 +210,26 @@ class PluginStream final : public IPluginStreamRaw, private CReference {
   }
   std::string Written() {
     const std::lock_guard lock(mutex_);
-    return from_module_;
+    return {from_module_.data(), from_module_.size()};
   }
   bool IsClosed() {
     const std::lock_guard lock(mutex_);
     return closed_;
   }
-  // Two threads have been inside Write at the same time.
+  // Two threads have been inside Write, or inside one frame, at the same time.
   bool Overlapped() const { return overlapped_; }
 
  private:
   bool ReadFails() const { return read_ >= behaviour_.fail_read_at; }
+  // In the road out, not taken by a far side that waits for a frame.
+  std::size_t Waiting() const { return from_module_.size() - taken_; }
+  std::size_t Room() const { return behaviour_.capacity - std::min(behaviour_.capacity, Waiting()); }
+  // How much the `calls`-th call moves when it could move the least of `limits`.
+  std::size_t Cut(unsigned& calls, std::initializer_list<std::size_t> limits) {
+    if (behaviour_.zero_every != 0 && ++calls % behaviour_.zero_every == 0) return 0;
+    const std::size_t most = std::min(limits);
+    return behaviour_.cut_seed == 0 ? most : 1 + random_() % most;
+  }
   bool HasFrame() const {
     return from_module_.size() >= gxmod::kFrameHeaderBytes &&
            from_module_.size() - gxmod::kFrameHeaderBytes >=
@@ -156,8 +239,13 @@ class PluginStream final : public IPluginStreamRaw, private CReference {
   std::mutex mutex_;
   std::condition_variable changed_;
   Behaviour behaviour_;
-  std::string to_module_;
-  std::string from_module_;
+  std::minstd_rand random_;
+  ByteQueue to_module_;
+  ByteQueue from_module_;
+  std::size_t taken_ = 0;
+  FrameWatch watch_;
+  unsigned reads_ = 0;
+  unsigned writes_ = 0;
   std::size_t read_ = 0;
   std::size_t written_ = 0;
   bool closed_ = false;

@@ -1,0 +1,133 @@
+// A far side on its own thread that answers what the module sends and keeps account of it.
+#ifndef GX_TESTS_SUPPORT_FAR_SIDE_H
+#define GX_TESTS_SUPPORT_FAR_SIDE_H
+
+#include <atomic>
+#include <cstdint>
+#include <functional>
+#include <map>
+#include <mutex>
+#include <string>
+#include <thread>
+
+#include "support/pattern.h"
+#include "support/plugin_stream.h"
+
+namespace gxtest {
+
+// Every connection is expected to be one Connect, Data that is one pattern, one Close; what differs is a fault.
+// Threads: the answer runs on the far side's own, all else on any.
+class FarSide {
+ public:
+  using Answer = std::function<void(PluginStream& stream, const Frame& frame)>;
+
+  // Sends back what comes.
+  static void Echo(PluginStream& stream, const Frame& frame) {
+    if (frame.type == gxmod::ConnectionType::Data) stream.Send(frame);
+  }
+  // Takes everything, says nothing.
+  static void Sink(PluginStream&, const Frame&) {}
+  // Gives every connection the pattern of its id and ends it.
+  static Answer Source(std::size_t bytes, std::size_t frame_bytes = 32 * 1024) {
+    return [=](PluginStream& stream, const Frame& frame) {
+      if (frame.type != gxmod::ConnectionType::Connect) return;
+      for (std::size_t at = 0; at < bytes; at += frame_bytes) {
+        const std::size_t length = std::min(frame_bytes, bytes - at);
+        stream.Send({gxmod::ConnectionType::Data, frame.id, Pattern(length, frame.id, at)});
+      }
+      stream.Send({gxmod::ConnectionType::Close, frame.id, ""});
+    };
+  }
+
+  explicit FarSide(CRefObj<PluginStream> stream, Answer answer = Echo)
+      : stream_(std::move(stream)), answer_(std::move(answer)), thread_([this] { Run(); }) {}
+  FarSide(const FarSide&) = delete;
+  FarSide& operator=(const FarSide&) = delete;
+  ~FarSide() { Stop(); }
+
+  // Takes no more frames.
+  void Stop() {
+    stop_ = true;
+    if (thread_.joinable()) thread_.join();
+  }
+
+  struct Totals {
+    std::size_t connects = 0;
+    std::size_t closes = 0;
+    std::uint64_t bytes = 0;  // of data
+    std::string fault;        // the first one; empty: none
+  };
+  Totals Total() const {
+    const std::lock_guard lock(mutex_);
+    return totals_;
+  }
+  // So many connections have ended.
+  bool WaitForCloses(std::size_t count, std::chrono::milliseconds patience = kPatience) const {
+    return Eventually([&] { return Total().closes >= count; }, patience);
+  }
+
+ private:
+  struct Connection {
+    std::uint64_t bytes = 0;
+    std::uint32_t seed = 0;
+    bool closed = false;
+  };
+
+  void Run() {
+    while (!stop_ && !stream_->IsClosed()) {
+      const auto frame = stream_->Receive(std::chrono::milliseconds(50));
+      if (!frame) continue;
+      {
+        const std::lock_guard lock(mutex_);
+        const std::string fault = Account(*frame);
+        if (totals_.fault.empty()) totals_.fault = fault;
+      }
+      answer_(*stream_, *frame);
+    }
+  }
+
+  // What is wrong with the frame; empty: nothing.
+  std::string Account(const Frame& frame) {
+    const std::string name = std::to_string(frame.id);
+    const auto known = connections_.find(frame.id);
+    switch (frame.type) {
+      case gxmod::ConnectionType::ChannelList:
+      case gxmod::ConnectionType::TestChannel:
+        return {};
+      case gxmod::ConnectionType::Connect:
+        ++totals_.connects;
+        return connections_.try_emplace(frame.id).second ? "" : "a second Connect of " + name;
+      case gxmod::ConnectionType::Close:
+        ++totals_.closes;
+        if (known == connections_.end()) return "Close of nobody " + name;
+        return std::exchange(known->second.closed, true) ? "a second Close of " + name : "";
+      case gxmod::ConnectionType::Data:
+        totals_.bytes += frame.payload.size();
+        if (known == connections_.end() || known->second.closed) return "data outside the life of " + name;
+        return AccountData(known->second, frame.payload);
+      default:
+        return "a frame of type " + std::to_string(static_cast<int>(frame.type));
+    }
+  }
+
+  // Who sends the pattern shows in its first word.
+  static std::string AccountData(Connection& connection, const std::string& data) {
+    if (connection.bytes == 0 && data.size() >= PatternWord::kBytes) {
+      if (const auto first = PatternWord::Decode(data.data())) connection.seed = first->seed;
+    }
+    const std::uint64_t at = std::exchange(connection.bytes, connection.bytes + data.size());
+    return connection.seed != 0 ? PatternFault(data, connection.seed, at) : "";
+  }
+
+  const CRefObj<PluginStream> stream_;
+  const Answer answer_;
+  mutable std::mutex mutex_;
+  std::map<std::uint32_t, Connection> connections_;
+  Totals totals_;
+  std::atomic<bool> stop_{false};
+  std::thread thread_;  // the last one: it uses the others
+};
+
+}  // namespace gxtest
+
+#endif  // GX_TESTS_SUPPORT_FAR_SIDE_H

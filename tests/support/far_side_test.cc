@@ -1,0 +1,58 @@
+// The judges of the scenarios must see what they are there to see.
+#include "support/far_side.h"
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+namespace {
+
+using gxmod::ConnectionType;
+using gxtest::Encode;
+using gxtest::FarSide;
+using gxtest::Pattern;
+using gxtest::PluginStream;
+using testing::HasSubstr;
+using testing::IsEmpty;
+
+void Write(PluginStream& stream, const std::string& bytes) {
+  unsigned written = 0;
+  stream.Write(bytes.data(), static_cast<unsigned>(bytes.size()), &written, 0);
+}
+
+TEST(FarSideTest, SeesWhatAModuleMustNotDo) {
+  const std::string connect = Encode({ConnectionType::Connect, 1, "h:1"});
+  const std::string close = Encode({ConnectionType::Close, 1, ""});
+  const std::string first = Encode({ConnectionType::Data, 1, Pattern(96, 5)});
+  const std::string second = Encode({ConnectionType::Data, 1, Pattern(96, 5, 96)});
+  const struct {
+    std::string wire;
+    testing::Matcher<std::string> fault;
+  } cases[] = {
+      {connect + first + second + close, IsEmpty()},
+      {connect + second + close, HasSubstr("lost")},
+      {connect + first + first + close, HasSubstr("twice")},
+      {connect + connect + close, HasSubstr("a second Connect")},
+      {connect + close + close, HasSubstr("a second Close")},
+      {connect + close + first + close, HasSubstr("outside the life")},
+      {first + close, HasSubstr("outside the life")},
+  };
+  for (const auto& c : cases) {
+    const CRefObj<PluginStream> stream(new PluginStream);
+    const FarSide far(stream);
+    Write(*stream, c.wire);
+    EXPECT_TRUE(far.WaitForCloses(c.wire.ends_with(close + close) ? 2 : 1));
+    EXPECT_THAT(far.Total().fault, c.fault);
+  }
+}
+
+TEST(FarSideTest, StreamSeesAForeignHandInsideAFrame) {
+  const std::string frame = Encode({ConnectionType::Data, 1, "payload"});
+  for (std::size_t cut = 0; cut <= frame.size(); ++cut) {
+    const CRefObj<PluginStream> stream(new PluginStream);
+    std::thread([&] { Write(*stream, frame.substr(0, cut)); }).join();
+    Write(*stream, frame.substr(cut) + frame);
+    EXPECT_EQ(stream->Overlapped(), cut != 0 && cut != frame.size()) << cut;
+  }
+}
+
+}  // namespace
