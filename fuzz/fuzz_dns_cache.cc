@@ -1,19 +1,12 @@
 // The text of the DNS cache's file: whatever it says, reading it, answering from it and writing it again is
 // safe, and a second round through text changes nothing any more.
-#include <cstddef>
-#include <cstdint>
-#include <cstdlib>
 #include <memory>
-#include <string>
 
 #include "base/dns_cache.h"
 #include "base/socket_address.h"
+#include "check.h"
 
 namespace {
-
-void Check(bool holds) {
-  if (!holds) std::abort();
-}
 
 class TextStorage final : public DnsCacheStorage {
  public:
@@ -61,7 +54,7 @@ void AnswerThroughTheCache(const std::string& text, const std::string& name) {
 }  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
-  const std::string text(reinterpret_cast<const char*>(data), size);
+  const std::string text = Text(data, size);
   const DnsRecords records = ParseDnsRecords(text);
   for (const auto& [name, record] : records) Answer(record);
   // Names that are no UTF-8 are replaced when they are written first.

@@ -1,0 +1,78 @@
+// The peer's allow-list: lines of entries, and in the last line a target. Nothing passes that no entry names,
+// and no name is an address in the eyes of the system's resolver, which is stranger than ours.
+#include <netdb.h>
+
+#include <algorithm>
+#include <memory>
+#include <vector>
+
+#include "check.h"
+#include "peer/allow_list.h"
+
+using gxtool::AllowList;
+using gxtool::HostPort;
+using gxtool::ParseHostPort;
+
+namespace {
+
+// The address that the system's resolver takes the host for, in its canonical form; empty: a name.
+std::string NumericHost(const std::string& host) {
+  addrinfo hints{};
+  hints.ai_flags = AI_NUMERICHOST;
+  addrinfo* list = nullptr;
+  if (getaddrinfo(host.c_str(), nullptr, &hints, &list) != 0) return {};
+  const std::unique_ptr<addrinfo, decltype(&freeaddrinfo)> owner(list, &freeaddrinfo);
+  char text[NI_MAXHOST];
+  Check(getnameinfo(list->ai_addr, list->ai_addrlen, text, sizeof text, nullptr, 0, NI_NUMERICHOST) == 0);
+  return text;
+}
+
+void CheckTarget(const HostPort& target) {
+  Check(ParseHostPort(target.ToString()) == target);
+  Check(target.port != 0);
+  Check(NumericHost(target.host) == (target.IsNumeric() ? target.host : ""));
+}
+
+// Read without the list's help: a pattern of two parts, each of them the target's or a star.
+bool Names(const std::string& entry, const HostPort& target) {
+  const std::size_t colon = entry.rfind(':');
+  const std::string host = entry.substr(0, colon);
+  const std::string port = entry.substr(colon + 1);
+  const auto same = ParseHostPort((host == "*" ? "any" : host) + ':' + (port == "*" ? "1" : port));
+  return same && (host == "*" || same->host == target.host) && (port == "*" || same->port == target.port) &&
+         (host != "*" || port != "*");
+}
+
+std::vector<std::string> Lines(const std::string& text) {
+  std::vector<std::string> lines(1);
+  for (const char c : text) {
+    if (c == '\n') {
+      lines.emplace_back();
+    } else {
+      lines.back() += c;
+    }
+  }
+  return lines;
+}
+
+}  // namespace
+
+extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
+  std::vector<std::string> entries = Lines(Text(data, size));
+  const auto target = ParseHostPort(entries.back());
+  entries.pop_back();
+  AllowList list;
+  for (const std::string& entry : entries) {
+    std::string why;
+    Check(list.Add(entry, &why) == why.empty());
+  }
+  if (!target) return 0;
+  CheckTarget(*target);
+  const bool named = std::any_of(entries.begin(), entries.end(),
+                                 [&](const std::string& entry) { return Names(entry, *target); });
+  Check(list.Permits(*target) == named);
+
+  const bool local_named = list.Permits({"127.0.0.1", target->port});
+  Check(list.PermitsAddress(*target, "127.0.0.1") == (local_named || target->host == "localhost"));
+  return 0;
+}
