@@ -4,11 +4,14 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <cstdio>
 #include <cstdlib>
 #include <string>
 
-inline void Check(bool holds) {
-  if (!holds) std::abort();
+inline void Check(bool holds, const char* file = __builtin_FILE(), int line = __builtin_LINE()) {
+  if (holds) return;
+  std::fprintf(stderr, "%s:%d: does not hold\n", file, line);
+  std::abort();
 }
 
 inline std::string Text(const std::uint8_t* data, std::size_t size) {

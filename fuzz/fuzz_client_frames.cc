@@ -1,0 +1,225 @@
+// The frames that the module reads, from a far side that says whatever it likes, with a live client behind: a
+// real port, two real connections. Every byte goes to the connection that it was sent to and to no other, ports
+// open for channel lists only, and the listener hears exactly what was said.
+//
+// An input is a byte of options and then frames. The connections have the ids 1 and 2 there, whatever they
+// really are, and a frame is no longer than what there is. The client lives from input to input, unless the
+// input ends its stream.
+#include <algorithm>
+#include <array>
+#include <condition_variable>
+#include <mutex>
+#include <set>
+#include <utility>
+#include <vector>
+
+#include "check.h"
+#include "portfwd/channel_list.h"
+#include "portfwd/port_forward_client.h"
+#include "support/log_capture.h"
+#include "support/plugin_stream.h"
+#include "support/tcp_client.h"
+
+using gxmod::ConnectionType;
+using gxtest::Encode;
+using gxtest::PluginStream;
+using gxtest::TcpClient;
+
+namespace {
+
+constexpr std::uint8_t kReadAtMost = 0x0F;  // bytes at a time; 0: all that there are
+constexpr std::uint8_t kTalk = 0x10;        // the local side has something to say, too
+constexpr std::uint8_t kEndStream = 0xE0;   // when all three are set: the stream ends in the middle
+constexpr std::size_t kMostChannels = 4;    // in one list
+constexpr std::size_t kConnections = 2;
+
+using Frames = std::vector<gxtest::Frame>;
+
+struct Input {
+  Frames frames;
+  std::string tail;  // the beginning of a frame
+};
+
+Input Parse(const std::string& wire) {
+  Input input;
+  std::size_t at = 0;
+  while (wire.size() - at >= gxmod::kFrameHeaderBytes) {
+    const gxmod::FrameHeader header = gxmod::DecodeFrameHeader(&wire[at]);
+    at += gxmod::kFrameHeaderBytes;
+    const std::size_t length = std::min<std::size_t>(header.length, wire.size() - at);
+    std::string payload = wire.substr(at, length);
+    at += length;
+    const bool is_long = std::count(payload.begin(), payload.end(), ';') > std::ptrdiff_t{kMostChannels};
+    if (header.type == ConnectionType::ChannelList && is_long) continue;
+    input.frames.push_back({header.type, header.connection_id, std::move(payload)});
+  }
+  input.tail = wire.substr(at);
+  return input;
+}
+
+class Listener final : public IPortForwardClientRaw::IListener, private CReference {
+ public:
+  GX_FORWARD_REFERENCE();
+  void OnChannelsList(const char* text) override { Add(std::string("list ") + text); }
+  void OnTestRespond(const char* text, bool ok) override { Add(std::string(ok ? "works " : "fails ") + text); }
+
+  // Everything heard before `last`, which comes once.
+  std::vector<std::string> WaitFor(const std::string& last) {
+    std::unique_lock lock(mutex_);
+    Check(changed_.wait_for(lock, gxtest::kPatience, [&] { return !heard_.empty() && heard_.back() == last; }));
+    heard_.pop_back();
+    return std::exchange(heard_, {});
+  }
+
+ private:
+  void Add(std::string call) {
+    const std::lock_guard lock(mutex_);
+    heard_.push_back(std::move(call));
+    changed_.notify_all();
+  }
+  std::mutex mutex_;
+  std::condition_variable changed_;
+  std::vector<std::string> heard_;
+};
+
+class Fixture {
+ public:
+  Fixture() { Start(); }
+  ~Fixture() { Stop(); }
+
+  void Run(std::uint8_t options, const Input& input) {
+    const std::size_t at_most = options & kReadAtMost;
+    if (at_most != 0) stream_->Behave({.read_at_most = at_most});
+    Say(input.frames);
+    stream_->Behave({});
+    log_.Lines();
+    if ((options & kTalk) != 0) Talk();
+    if ((options & kEndStream) != kEndStream) return;
+    stream_->Send(input.tail);
+    stream_->End();
+    Check(stream_->WaitUntilRead());
+    Stop();
+    Start();
+  }
+
+ private:
+  struct Connection {
+    TcpClient local;
+    std::uint32_t id;
+  };
+
+  void Start() {
+    stream_ = CRefObj<PluginStream>(new PluginStream);
+    client_ = CRefObj<CPortForwardClientRaw>(new CPortForwardClientRaw);
+    client_->SetListener(listener_.get());
+    Check(client_->InitInstance(stream_.get()) == kGXModOk && client_->Run() == kGXModOk);
+    address_ = client_->NewChannel("ssh", "", "10.0.0.1:22")->get_LocalAddress();
+    for (std::size_t i = 0; i < kConnections; ++i) connections_.push_back(Open());
+  }
+
+  void Stop() {
+    client_->ExitInstance();
+    for (Connection& connection : connections_) Check(connection.local.WaitForEnd());
+    connections_.clear();
+    Check(!TcpClient(address_).IsConnected());
+  }
+
+  Connection Open() {
+    TcpClient local(address_);
+    Check(local.IsConnected());
+    const gxtest::Frame frame = Next(ConnectionType::Connect);
+    Check(frame.payload == "10.0.0.1:22");
+    return {std::move(local), frame.id};
+  }
+
+  // The client's next frame, which is of that type; but it tells of its channels at any time.
+  gxtest::Frame Next(ConnectionType type) {
+    for (;;) {
+      const auto frame = stream_->Receive();
+      Check(frame.has_value());
+      if (frame->type == type) return *frame;
+      Check(frame->type == ConnectionType::ChannelList && frame->id == 0);
+    }
+  }
+
+  // Lets the far side say all that, and compares with what comes of it.
+  void Say(Frames frames) {
+    std::array<std::string, kConnections> data;
+    std::array<bool, kConnections> closed{};
+    std::vector<std::string> heard;
+    std::size_t channels = 1;
+    std::string wire;
+    for (gxtest::Frame& frame : frames) {
+      const std::size_t index = frame.id - 1;
+      if (index < kConnections) frame.id = connections_[index].id;
+      if (frame.type == ConnectionType::Data && index < kConnections && !closed[index])
+        data[index] += frame.payload;
+      if (frame.type == ConnectionType::Close && index < kConnections) closed[index] = true;
+      if (frame.type == ConnectionType::TestRespond) Expect(&heard, frame.payload);
+      if (frame.type == ConnectionType::ChannelList) {
+        heard.push_back(std::string("list ") + frame.payload.c_str());
+        channels += ParseChannelList(frame.payload.c_str()).size();
+      }
+      wire += Encode(frame);
+    }
+    std::string last(gxmod::kTestRespondHeaderBytes + 4, '\0');
+    gxmod::EncodeTestResponse(0, "last", 4, last.data());
+    stream_->Send(wire + Encode({ConnectionType::TestRespond, 0, last}));
+    Check(listener_->WaitFor("works last") == heard);
+    CheckChannels(channels);
+    std::set<std::uint32_t> ended;
+    for (std::size_t i = 0; i < kConnections; ++i) {
+      if (closed[i]) ended.insert(connections_[i].id);
+    }
+    for (std::size_t count = ended.size(); count > 0; --count)
+      Check(ended.erase(Next(ConnectionType::Close).id) == 1);
+    for (std::size_t i = 0; i < kConnections; ++i) CheckConnection(connections_[i], data[i], closed[i]);
+  }
+
+  static void Expect(std::vector<std::string>* heard, const std::string& payload) {
+    gxmod::TestResponse response;
+    if (!gxmod::DecodeTestResponse(payload.data(), payload.size(), &response)) return;
+    heard->push_back((response.status == 0 ? "works " : "fails ") +
+                     std::string(response.text, response.text_length));
+  }
+
+  void CheckChannels(std::size_t count) {
+    Check(client_->GetChannelsCount() == count);
+    while (IChannelRaw* channel = client_->GetChannel(1)) {
+      const std::string address = channel->get_LocalAddress();
+      Check(address.starts_with("127.0.0.1:") && !address.ends_with(":0"));
+      client_->DeleteChannel2(channel->get_Index());
+    }
+  }
+
+  void CheckConnection(Connection& connection, const std::string& data, bool closed) {
+    if (!closed) return Check(connection.local.Receive(data.size()) == data);
+    Check(connection.local.ReceiveToEnd() == data);
+    connection.local.Reset();  // leaves no port behind that waits
+    connection = Open();
+  }
+
+  void Talk() {
+    for (Connection& connection : connections_) {
+      Check(connection.local.Send("here"));
+      const gxtest::Frame frame = Next(ConnectionType::Data);
+      Check(frame.id == connection.id && frame.payload == "here");
+    }
+  }
+
+  LogCapture log_;
+  const CRefObj<Listener> listener_{new Listener};
+  CRefObj<PluginStream> stream_;
+  CRefObj<CPortForwardClientRaw> client_;
+  std::string address_;
+  std::vector<Connection> connections_;
+};
+
+}  // namespace
+
+extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
+  static Fixture fixture;
+  if (size == 0) return 0;
+  fixture.Run(data[0], Parse(Text(data + 1, size - 1)));
+  return 0;
+}
