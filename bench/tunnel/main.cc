@@ -1,0 +1,93 @@
+// tunnel: loads a tunnel, checks every byte and prints figures. See --help.
+#include <sys/resource.h>
+
+#include <CLI/CLI.hpp>
+#include <iostream>
+#include <map>
+
+#include "tunnel/failure.h"
+#include "tunnel/target.h"
+#include "tunnel/workloads.h"
+
+namespace {
+
+using namespace gxbench;
+
+struct Options {
+  std::string workload;
+  std::string to;
+  std::uint16_t target_port = 0;
+  double seconds = 3;
+  std::size_t connections = 1;
+  std::vector<pid_t> pids;
+  bool json = false;
+};
+
+void Declare(CLI::App& app, Options& options) {
+  std::string workloads = "\n";
+  std::vector<std::string> names;
+  for (const Workload& each : Workloads()) {
+    names.emplace_back(each.name);
+    workloads += std::string("  ") + each.name + ": " + each.summary + "\n";
+  }
+  app.footer("Workloads:" + workloads +
+             "Exits with 1 and prints no figures when a byte is wrong or does not come.");
+  app.add_option("workload", options.workload, "What to do")->required()->check(CLI::IsMember(names));
+  app.add_option("--to", options.to, "ADDRESS:PORT where the tunnel begins; without it there is no tunnel");
+  app.add_option("--listen-target", options.target_port, "Port of 127.0.0.1 to which the tunnel leads");
+  app.add_option("--seconds", options.seconds, "How long, 3 by default")->check(CLI::Range(0.01, 86400.0));
+  app.add_option("--connections", options.connections, "How many of what the workload speaks of, 1 by default")
+      ->check(CLI::Range(0, 5000));
+  app.add_option("--pid", options.pids, "Process of the tunnel; its children count, too");
+  app.add_flag("--json", options.json, "Print one JSON object");
+}
+
+void Print(const Figures& figures, bool json) {
+  std::string text;
+  for (const auto& [name, value] : figures) {
+    char line[100];
+    std::snprintf(line, sizeof line, json ? "\"%s\": %.6g" : "%s %.6g", name.c_str(), value);
+    text += (text.empty() ? "" : json ? ", " : "\n") + std::string(line);
+  }
+  std::cout << (json ? "{" + text + "}" : text) << '\n';
+}
+
+// Each connection has two ends here.
+void AllowManyDescriptors() {
+  rlimit limit{};
+  getrlimit(RLIMIT_NOFILE, &limit);
+  limit.rlim_cur = limit.rlim_max;
+  setrlimit(RLIMIT_NOFILE, &limit);
+}
+
+Figures Run(const Options& options) {
+  constexpr std::size_t kSpare = 32;  // connections that are on their way out while others come
+  Target target(options.target_port, options.connections + kSpare);
+  Plan plan{target.address(), options.seconds, options.connections, Processes(options.pids)};
+  if (!options.to.empty()) plan.to = ParseAddress(options.to);
+  const auto run = std::ranges::find(Workloads(), options.workload, &Workload::name)->run;
+  try {
+    return run(plan);
+  } catch (const Failure&) {
+    // What the target saw is nearer to the reason than what became of the connection after it had given up.
+    if (target.failure().empty()) throw;
+    throw Failure("behind the tunnel: " + target.failure());
+  }
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  CLI::App app("Loads a tunnel, checks every byte and prints figures.");
+  Options options;
+  Declare(app, options);
+  CLI11_PARSE(app, argc, argv);
+  try {
+    AllowManyDescriptors();
+    Print(Run(options), options.json);
+    return 0;
+  } catch (const std::exception& failure) {
+    std::cerr << "tunnel: " << failure.what() << '\n';
+    return 1;
+  }
+}

@@ -1,0 +1,85 @@
+#include "tunnel/target.h"
+
+#include <chrono>
+
+#include "tunnel/failure.h"
+#include "tunnel/pattern.h"
+
+namespace gxbench {
+namespace {
+
+using Clock = std::chrono::steady_clock;
+
+void Echo(Socket& connection) {
+  std::byte bytes[4096];
+  while (const std::size_t count = connection.Receive(bytes)) connection.Send(std::span(bytes).first(count));
+}
+
+Clock::time_point EndOf(const Request& request) {
+  return Clock::now() + std::chrono::milliseconds(request.time_ms);
+}
+
+}  // namespace
+
+void SendPattern(Socket& connection, const Request& request) {
+  const auto end = EndOf(request);
+  PatternWriter writer(request.key);
+  while (Clock::now() < end) connection.Send(writer.Block());
+  connection.Send(writer.End());
+}
+
+Receipt ReceivePattern(Socket& connection, const Request& request) {
+  const auto end = EndOf(request);
+  PatternReader reader(request.key);
+  Receipt receipt;
+  while (!reader.ended()) {
+    const std::size_t count = connection.Receive(reader.Space());
+    if (count == 0) throw Failure("the stream ended too early");
+    reader.Take(count);
+    receipt.bytes += count;
+    if (Clock::now() < end) receipt.in_time += count;
+  }
+  return receipt;
+}
+
+Target::Target(std::uint16_t port, std::size_t connections) : listener_(port) {
+  for (std::size_t i = 0; i < connections; ++i) threads_.emplace_back([this] { Work(); });
+}
+
+Target::~Target() {
+  listener_.Shut();
+  for (std::thread& thread : threads_) thread.join();
+}
+
+std::string Target::failure() const {
+  const std::lock_guard lock(mutex_);
+  return failure_;
+}
+
+void Target::Work() {
+  for (Socket connection; listener_.Accept(connection); connection = Socket()) {
+    try {
+      Serve(connection);
+    } catch (const Failure& failure) {
+      const std::lock_guard lock(mutex_);
+      if (failure_.empty()) failure_ = failure.what();
+    }
+  }
+}
+
+void Target::Serve(Socket& connection) {
+  Request request{};
+  // Some tunnels connect ahead, and hang up when nobody needed the connection.
+  if (!ReceiveObject(connection, request)) return;
+  switch (request.service) {
+    case Service::kEcho:
+      return Echo(connection);
+    case Service::kSink:
+      return SendObject(connection, ReceivePattern(connection, request));
+    case Service::kSource:
+      return SendPattern(connection, request);
+  }
+  throw Failure("unknown service");
+}
+
+}  // namespace gxbench

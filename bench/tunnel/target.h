@@ -1,0 +1,63 @@
+// What stands behind the tunnel: a port of 127.0.0.1 that does what the first bytes of a connection ask for.
+//
+// Its threads all wait for connections, and each serves one at a time, start to end: no event loop whose passes
+// would grow with the number of connections, no thread that has to be started.
+#ifndef GX_BENCH_TUNNEL_TARGET_H
+#define GX_BENCH_TUNNEL_TARGET_H
+
+#include <cstdint>
+#include <mutex>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "tunnel/socket.h"
+
+namespace gxbench {
+
+enum class Service : std::uint64_t {
+  kEcho,    // every byte comes back
+  kSink,    // takes the pattern to its end, then answers with a Receipt
+  kSource,  // sends the pattern for a time, then its end
+};
+
+// The first bytes of a connection.
+struct Request {
+  Service service;
+  std::uint64_t key = 0;      // of the pattern
+  std::uint64_t time_ms = 0;  // for which the pattern is sent
+};
+
+struct Receipt {
+  std::uint64_t bytes = 0;    // all
+  std::uint64_t in_time = 0;  // those that came before the sender's time was over
+};
+
+class Target {
+ public:
+  // Serves up to `connections` at once; more of them wait.
+  Target(std::uint16_t port, std::size_t connections);
+  // Expects that the other ends of all connections are closed, or about to be.
+  ~Target();
+
+  const sockaddr_in& address() const { return listener_.address(); }
+  // What the first connection that failed here failed of; empty: none did.
+  std::string failure() const;
+
+ private:
+  void Work();
+  void Serve(Socket& connection);
+
+  Listener listener_;
+  mutable std::mutex mutex_;
+  std::string failure_;  // guarded by mutex_
+  std::vector<std::thread> threads_;
+};
+
+// The two ends of a bulk transfer.
+void SendPattern(Socket& connection, const Request& request);
+Receipt ReceivePattern(Socket& connection, const Request& request);
+
+}  // namespace gxbench
+
+#endif  // GX_BENCH_TUNNEL_TARGET_H
