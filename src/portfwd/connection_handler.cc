@@ -1,18 +1,15 @@
 #include "portfwd/connection_handler.h"
 
-#include <cstdlib>
 #include <memory>
+#include <new>
 
 #include "portfwd/plugin_writer.h"
 #include "portfwd/port_forward_client.h"
+#include "stream/mem_buffer.h"
 
 namespace {
 
-constexpr unsigned long kFirstReadBytes = 4096;
-
-struct Free {
-  void operator()(void* block) const { std::free(block); }
-};
+constexpr unsigned long kReadBytes = 4096;
 
 }  // namespace
 
@@ -25,17 +22,14 @@ bool MyHandler::Handle(IBaseStream* stream, IBaseStream::NotifyType type, IBuffe
     case IBaseStream::kDisconnected:
       OnDisconnected();
       break;
-    case IBaseStream::kReadStep: {
-      const char* end = static_cast<const char*>(buffer->GetPointer()) + buffer->GetSize();
-      SendFrame(gxmod::ConnectionType::Data, end - length, length);
+    case IBaseStream::kReadStep:
+      SendData(buffer, length);
       break;
-    }
     case IBaseStream::kWriteStep:
       owed_.fetch_sub(length, std::memory_order_relaxed);
       break;
     case IBaseStream::kReadDone:
-      buffer->SetSize(0);
-      stream->Read(buffer, buffer->GetBufferSize() - buffer->GetSize(), kNoTimeout);
+      ReadInto(*stream, *buffer);
       break;
     default:
       break;
@@ -64,21 +58,43 @@ void MyHandler::OnConnected() {
     stream_->WriteEnd();
     return;
   }
-  SendFrame(gxmod::ConnectionType::Connect, target_.data(), target_.size());
-  stream_->Read(nullptr, kFirstReadBytes, kNoTimeout);
+  SendFrame(gxmod::ConnectionType::Connect, target_);
+  const CRefObj<IBuffer> buffer = g_pMemAlloctor->GetFreeBuffer(gxmod::kFrameHeaderBytes + kReadBytes);
+  if (!buffer) return Disconnect();  // nobody would ever read from it
+  ReadInto(*stream_, *buffer);
+}
+
+// The room for a header stays in front, see SendData.
+void MyHandler::ReadInto(IBaseStream& stream, IBuffer& buffer) {
+  buffer.SetSize(gxmod::kFrameHeaderBytes);
+  stream.Read(&buffer, buffer.GetBufferSize() - buffer.GetSize(), kNoTimeout);
 }
 
 void MyHandler::OnDisconnected() {
   if (owner_ == nullptr) return;
   owner_->DeleteStream(id_);
-  SendFrame(gxmod::ConnectionType::Close, nullptr, 0);
+  SendFrame(gxmod::ConnectionType::Close, {});
+}
+
+// The header goes in front of the last `length` bytes of the buffer: into its spare room or over bytes that
+// have been sent. So the frame is written from where the socket has put it.
+void MyHandler::SendData(IBuffer* buffer, unsigned long length) {
+  const CRefObj<CPluginWriter> writer = Writer();
+  if (!writer) return;
+  const std::size_t frame_length = gxmod::kFrameHeaderBytes + length;
+  char* frame = static_cast<char*>(buffer->GetPointer()) + buffer->GetSize() - frame_length;
+  FillBuffer(gxmod::ConnectionType::Data, nullptr, frame, length);
+  writer->WriteFrame(frame, frame_length);
 }
 
 // Without memory or a plugin stream the frame is lost; the connection goes on.
-void MyHandler::SendFrame(gxmod::ConnectionType type, const void* payload, std::size_t length) {
-  const CRefObj<CPluginWriter> writer = owner_ != nullptr ? owner_->Writer() : nullptr;
+void MyHandler::SendFrame(gxmod::ConnectionType type, std::string_view payload) {
+  const CRefObj<CPluginWriter> writer = Writer();
   if (!writer) return;
-  const std::size_t frame_length = gxmod::kFrameHeaderBytes + length;
-  const std::unique_ptr<void, Free> frame(std::malloc(frame_length));
-  if (FillBuffer(type, payload, frame.get(), length)) writer->WriteFrame(frame.get(), frame_length);
+  const std::size_t frame_length = gxmod::kFrameHeaderBytes + payload.size();
+  const std::unique_ptr<char[]> frame(new (std::nothrow) char[frame_length]);
+  if (FillBuffer(type, payload.data(), frame.get(), payload.size()))
+    writer->WriteFrame(frame.get(), frame_length);
 }
+
+CRefObj<CPluginWriter> MyHandler::Writer() const { return owner_ != nullptr ? owner_->Writer() : nullptr; }

@@ -6,10 +6,12 @@
 #include <cstddef>
 #include <cstdint>
 #include <string>
+#include <string_view>
 
 #include "portfwd/frames.h"
 #include "stream/ibase_stream.h"
 
+class CPluginWriter;
 class CPortForwardClientRaw;
 
 // Turns what happens on a local stream into frames: Connect when it is connected, Data for every read step,
@@ -47,7 +49,10 @@ class MyHandler : public IBaseStream::IBaseHandler, public IReference {
  private:
   void OnConnected();
   void OnDisconnected();
-  void SendFrame(gxmod::ConnectionType type, const void* payload, std::size_t length);
+  static void ReadInto(IBaseStream& stream, IBuffer& buffer);
+  void SendData(IBuffer* buffer, unsigned long length);
+  void SendFrame(gxmod::ConnectionType type, std::string_view payload);
+  CRefObj<CPluginWriter> Writer() const;
 
   CPortForwardClientRaw* owner_ = nullptr;  // null: the client was stopping already and knows nothing of this
   std::uint32_t id_ = 0;
