@@ -19,10 +19,6 @@ std::atomic<std::int64_t> CSockStream::s_socket_stream_count{0};
 
 namespace {
 
-// A sender that never pauses must not keep the reactor from the other connections: after this much the stream
-// waits for its turn in the next pass.
-constexpr std::int64_t kReadBurstBytes = 64 * 1024;
-
 // The caller maps errno to a reason after a failure has been logged, and the host's log may change it.
 class ErrnoKept {
  public:
@@ -96,7 +92,7 @@ ITCPTaskTracker* CSockStream::SetTracker(ITCPTaskTracker* tracker) { return trac
 void CSockStream::do_op(SelectOp op) {
   switch (op) {
     case kSelectReadable:
-      read_burst_ = 0;
+      read_budget_ = kReadBurstBytes;
       read_pending_ = false;
       RecvRout(true);
       break;
@@ -136,14 +132,14 @@ bool CSockStream::peek(char* data, long length, long& count, long timeout_ms) {
 bool CSockStream::readbyflag(char* data, long length, long& count, long timeout_ms, int flags) {
   if (read_pending_) return true;
   count = 0;
-  if (read_burst_ >= kReadBurstBytes && timeout_ms != 0 && WaitInTracker(kSelectReadable, read_pending_))
-    return true;
+  if (read_budget_ <= 0 && timeout_ms != 0 && WaitInTracker(kSelectReadable, read_pending_)) return true;
 
   const ssize_t got = recv(socket_, data, static_cast<std::size_t>(length), flags);
   if (got == 0) return false;  // the peer closed; errno is whatever an earlier call left
   if (got > 0) {
-    read_burst_ += got;
     count = got;
+    // Less than was asked for: the socket is empty, and another look at it would only tell so.
+    read_budget_ = got < length ? 0 : read_budget_ - got;
     return true;
   }
 

@@ -52,6 +52,9 @@ class CSockStream : public CBaseStream {
 
  private:
   static constexpr int kNoSocket = 0;
+  // A sender that never pauses must not keep the reactor from the other connections: after this much the stream
+  // waits for its turn in the next pass.
+  static constexpr std::int64_t kReadBurstBytes = 64 * 1024;
 
   void ReadNames();
   bool WaitInTracker(SelectOp op, std::atomic<bool>& pending);
@@ -61,7 +64,7 @@ class CSockStream : public CBaseStream {
   std::string peer_name_;
   std::atomic<bool> read_pending_{false};
   std::atomic<bool> write_pending_{false};
-  std::atomic<std::int64_t> read_burst_{0};  // bytes read since the reactor last came by
+  std::atomic<std::int64_t> read_budget_{kReadBurstBytes};  // bytes to read before the reactor has to come by
   std::atomic<int> socket_{kNoSocket};
   std::atomic<ITCPTaskTracker*> tracker_{nullptr};
   OBJECT_MONITOR<CSockStream> monitor_;
