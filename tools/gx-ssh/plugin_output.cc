@@ -7,6 +7,15 @@
 #include <cstring>
 
 namespace gxtool {
+namespace {
+
+// The module hands over what one read of a connection has brought. A read that was filled is followed by the
+// next one at once, so what it brought may wait for that for a moment, and both leave in one system call.
+constexpr std::size_t kFullBlockBytes = 4096;
+constexpr std::size_t kBatchBytes = 64 * 1024;
+constexpr std::chrono::microseconds kLinger{50};
+
+}  // namespace
 
 PluginOutput::PluginOutput(int fd, StopSignal& stop, Handler& handler)
     : fd_(fd), stop_(stop), handler_(handler), flusher_([this] { Flush(); }) {}
@@ -22,11 +31,13 @@ bool PluginOutput::Write(const void* data, std::size_t length) {
   begun_.clear();
   scanner_.Feed(block);
   Lock lock(mutex_);
-  changed_.wait(lock, [this] { return closed() || finished_ || queued() < kQueueBytes; });
+  room_.wait(lock, [this] { return closed() || finished_ || queued() < kQueueBytes; });
   if (closed() || finished_) return false;
-  Put(block);
+  queue_ += block;
   between_frames_ = scanner_.AtFrameEnd();
-  if (between_frames_ && !inserts_.empty()) Put(std::exchange(inserts_, {}));
+  const bool more_to_come = inserts_.empty() && length >= kFullBlockBytes && queued() < kBatchBytes;
+  if (between_frames_) queue_ += std::exchange(inserts_, {});
+  more_to_come ? work_.notify_one() : Send();
   if (!Report(lock)) return false;
   lock.unlock();
   // Only now, so that what the handler inserts in answer comes behind the block.
@@ -37,65 +48,64 @@ bool PluginOutput::Write(const void* data, std::size_t length) {
 void PluginOutput::Insert(std::string_view frame) {
   Lock lock(mutex_);
   if (closed() || finished_) return;
-  if (between_frames_) {
-    Put(frame);
-  } else {
-    inserts_ += frame;
-  }
+  (between_frames_ ? queue_ : inserts_) += frame;
+  Send();
   Report(lock);
 }
 
 bool PluginOutput::Finish(std::string_view frame, std::chrono::milliseconds limit) {
   Lock lock(mutex_);
-  if (!closed() && !finished_ && between_frames_) Put(frame);
+  if (!closed() && !finished_ && between_frames_) {
+    queue_ += frame;
+    Send();
+  }
   finished_ = true;
-  changed_.notify_all();
-  changed_.wait_for(lock, limit, [this] { return closed() || queued() == 0; });
+  room_.notify_all();
+  room_.wait_for(lock, limit, [this] { return closed() || queued() == 0; });
   return !broken_ && queued() == 0;
 }
 
 void PluginOutput::Close() {
   Lock lock(mutex_);
-  changed_.notify_all();
+  room_.notify_all();
+  work_.notify_all();
 }
 
-void PluginOutput::Put(std::string_view bytes) {
-  if (queued() == 0) bytes.remove_prefix(Send(bytes));
-  if (bytes.empty()) return;
-  queue_ += bytes;
-  changed_.notify_all();
-}
-
-std::size_t PluginOutput::Send(std::string_view bytes) {
-  std::size_t sent = 0;
-  while (sent < bytes.size() && !broken_) {
-    const ssize_t step = write(fd_, bytes.data() + sent, bytes.size() - sent);
+void PluginOutput::Send() {
+  while (queued() > 0 && !broken_ && !full_) {
+    const ssize_t step = write(fd_, queue_.data() + sent_, queued());
     if (step >= 0) {
-      sent += static_cast<std::size_t>(step);
+      sent_ += static_cast<std::size_t>(step);
     } else if (errno == EAGAIN) {
-      break;
+      full_ = true;
     } else if (errno != EINTR) {
       broken_ = true;
       failure_ = std::strerror(errno);
     }
   }
-  return sent;
+  if (queued() == 0 || sent_ >= kQueueBytes) {
+    queue_.erase(0, sent_);
+    sent_ = 0;
+  }
+  room_.notify_all();
+  if (queued() > 0) work_.notify_one();
 }
 
 void PluginOutput::Flush() {
   Lock lock(mutex_);
   for (;;) {
-    changed_.wait(lock, [this] { return closed() || queued() > 0; });
+    work_.wait(lock, [this] { return closed() || queued() > 0; });
     if (closed()) return;
+    const bool full = full_;
     lock.unlock();
-    stop_.WaitFor(fd_, POLLOUT);
-    lock.lock();
-    sent_ += Send(std::string_view(queue_).substr(sent_));
-    if (queued() == 0 || sent_ >= kQueueBytes) {
-      queue_.erase(0, sent_);
-      sent_ = 0;
+    if (full) {
+      stop_.WaitFor(fd_, POLLOUT);
+    } else {
+      std::this_thread::sleep_for(kLinger);
     }
-    changed_.notify_all();
+    lock.lock();
+    if (full) full_ = false;
+    Send();
     if (!Report(lock)) return;
   }
 }

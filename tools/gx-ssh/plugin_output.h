@@ -20,9 +20,10 @@
 
 namespace gxtool {
 
-// A frame that the descriptor takes at once is written by the caller itself. Only when the far side is slow do
-// frames queue up; a thread of the writer's then sends as many of them as one system call takes.
-// Threads: Write one call at a time, everything else on any.
+// A lone frame is written by the caller itself, at once. Frames of a size that more of them follow are
+// collected first, until one system call is worth its price, the flow ebbs, or kLinger is over. What a slow far
+// side does not take, and what has lingered, is sent by a thread of the writer's. Threads: Write one call at a
+// time, everything else on any.
 class PluginOutput : FrameReader::Handler {
  public:
   class Handler {
@@ -65,9 +66,8 @@ class PluginOutput : FrameReader::Handler {
 
   bool closed() const { return broken_ || stop_.raised(); }
   std::size_t queued() const { return queue_.size() - sent_; }
-  void Put(std::string_view bytes);  // sends or queues
-  std::size_t Send(std::string_view bytes);
-  void Flush();  // thread of the writer: sends what is queued
+  void Send();   // what is queued, as far as the descriptor takes it
+  void Flush();  // the writer's own thread
   // Tells the handler, without the lock, of a failure that is new. False: the descriptor takes no more.
   bool Report(Lock& lock);
 
@@ -78,12 +78,14 @@ class PluginOutput : FrameReader::Handler {
   FrameReader scanner_{this};              // of what Write brings; only in Write
   std::vector<gxmod::FrameHeader> begun_;  // in this call of Write; only there
 
-  std::mutex mutex_;  // guards what follows
-  std::condition_variable changed_;
-  std::string queue_;  // bytes to send, from sent_ on
+  std::mutex mutex_;              // guards what follows
+  std::condition_variable room_;  // the queue is shorter, or nothing is taken any more
+  std::condition_variable work_;  // something is queued
+  std::string queue_;             // bytes to send, from sent_ on
   std::size_t sent_ = 0;
   std::string inserts_;  // frames that wait for the end of the one that is being written
   bool between_frames_ = true;
+  bool full_ = false;  // the descriptor, as far as is known
   bool finished_ = false;
   bool broken_ = false;
   std::string failure_;  // why, until the handler has been told
