@@ -14,6 +14,12 @@ std::int64_t NowMs() {
   return std::chrono::duration_cast<std::chrono::milliseconds>(now).count();
 }
 
+std::size_t TotalBytes(std::span<const iovec> parts) {
+  std::size_t total = 0;
+  for (const iovec& part : parts) total += part.iov_len;
+  return total;
+}
+
 }  // namespace
 
 PluginInput::PluginInput(int fd, const StopSignal& stop, Handler& handler, std::string_view received)
@@ -28,8 +34,8 @@ std::size_t PluginInput::Read(void* data, std::size_t length) {
   std::size_t got = static_cast<std::size_t>(std::min<std::uint64_t>(length, passing_));
   if (buffered() == 0) {
     // One system call for the rest of this frame, straight into the module's memory, and for what follows it.
-    iovec parts[2] = {{data, got}, {buffer_.get(), kBufferBytes}};
-    const std::size_t received = Receive(parts, 2);
+    iovec parts[] = {{data, got}, {buffer_.get(), kBufferBytes}};
+    const std::size_t received = Receive(parts);
     begin_ = 0;
     end_ = received - std::min(received, got);
     got = std::min(received, got);
@@ -67,8 +73,8 @@ bool PluginInput::Buffer(std::size_t bytes) {
   end_ = buffered();
   begin_ = 0;
   while (end_ < bytes) {
-    iovec part{buffer_.get() + end_, kBufferBytes - end_};
-    const std::size_t received = Receive(&part, 1);
+    iovec part[] = {{buffer_.get() + end_, kBufferBytes - end_}};
+    const std::size_t received = Receive(part);
     if (received == 0) return false;
     end_ += received;
   }
@@ -85,25 +91,30 @@ bool PluginInput::Skip(std::uint64_t bytes) {
   return true;
 }
 
-std::size_t PluginInput::Receive(iovec* parts, int count) {
+std::size_t PluginInput::Receive(std::span<iovec> parts) {
   while (!stop_.raised()) {
-    const ssize_t received = readv(fd_, parts, count);
+    if (drained_) Wait();
+    const ssize_t received = readv(fd_, parts.data(), static_cast<int>(parts.size()));
+    // Less than there was room for: the next call would only find nothing.
+    drained_ = received < 0 ? errno == EAGAIN : static_cast<std::size_t>(received) < TotalBytes(parts);
     if (received > 0) return static_cast<std::size_t>(received);
     if (received == 0) {
       end_reason_ = "end of the stream";
       return 0;
     }
-    if (errno == EAGAIN) {
-      waiting_since_ms_ = NowMs();
-      stop_.WaitFor(fd_, POLLIN);
-      waiting_since_ms_ = 0;
-    } else if (errno != EINTR) {
+    if (errno != EAGAIN && errno != EINTR) {
       end_reason_ = std::strerror(errno);
       return 0;
     }
   }
   end_reason_ = "closed";
   return 0;
+}
+
+void PluginInput::Wait() {
+  waiting_since_ms_ = NowMs();
+  stop_.WaitFor(fd_, POLLIN);
+  waiting_since_ms_ = 0;
 }
 
 }  // namespace gxtool

@@ -11,6 +11,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <memory>
+#include <span>
 #include <string>
 #include <string_view>
 
@@ -55,7 +56,8 @@ class PluginInput {
   bool NextFrame();                // decides on the frame at the front of the buffer
   bool Buffer(std::size_t bytes);  // makes at least that many available
   bool Skip(std::uint64_t bytes);  // drops that many
-  std::size_t Receive(iovec* parts, int count);
+  std::size_t Receive(std::span<iovec> parts);
+  void Wait();
   std::size_t buffered() const { return end_ - begin_; }
 
   const int fd_;
@@ -65,6 +67,7 @@ class PluginInput {
   std::size_t begin_ = 0;
   std::size_t end_ = 0;
   std::uint64_t passing_ = 0;  // bytes of the current frame that the module has still to get
+  bool drained_ = false;       // nothing was left to read
   std::string end_reason_;
   std::atomic<std::int64_t> waiting_since_ms_{0};  // of the monotonic clock; 0: not waiting
 };
