@@ -44,7 +44,7 @@ bool CTCPStreamTask::timeout() { return timeleft() == 0; }
 
 unsigned long CTCPStreamTask::timeleft() {
   if (timed_out_) return 0;
-  const unsigned long left = stream_ ? stream_->timeleft(gettickcount()) : kNoTimeout;
+  const unsigned long left = stream_ && stream_->HasLimits() ? stream_->timeleft(gettickcount()) : kNoTimeout;
   timed_out_ = left == 0;
   if (timed_out_) GXModLog(kGXModLogError, "[CTCPStreamTask::timeout] read/write timeout");
   return left;

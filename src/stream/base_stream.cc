@@ -236,6 +236,7 @@ void CBaseStream::SetConnectTimeout(unsigned long connect_ms, unsigned long tran
   CAutoLock lock(queue_lock_);
   start_tick_ms_ = gettickcount();
   connect_timeout_ms_ = connect_ms;
+  if (connect_ms != kNoTimeout) has_limits_.store(true, std::memory_order_relaxed);
   transport_timeout_ms_ = transport_ms;
   request_timeout_ms_ = request_ms;
 }
@@ -257,7 +258,7 @@ CBaseStream::CItem CBaseStream::MakeItem(IBuffer* buffer, unsigned long length, 
   return {.done = 0,
           .remaining = length,
           .timeout_ms = timeout_ms,
-          .queued_at_ms = gettickcount(),
+          .queued_at_ms = 0,
           .peek = peek,
           .buffer = buffer};
 }
@@ -282,11 +283,17 @@ CRefObj<IBuffer> CBaseStream::NewBuffer(unsigned long length) {
 // caller, who drains next, finds the entrance free.
 void CBaseStream::Append(const Direction& way, std::list<CItem> items) {
   CAutoLock lock(queue_lock_);
-  if (request_timeout_ms_ != kNoTimeout) {
-    for (CItem& item : items) item.timeout_ms = request_timeout_ms_;
+  for (CItem& item : items) {
+    if (request_timeout_ms_ != kNoTimeout) item.timeout_ms = request_timeout_ms_;
+    if (item.timeout_ms != kNoTimeout) StartClock(item);
   }
   std::list<CItem>& queue = Transfer(way).queue;
   queue.splice(queue.end(), items);
+}
+
+void CBaseStream::StartClock(CItem& item) {
+  item.queued_at_ms = gettickcount();
+  has_limits_.store(true, std::memory_order_relaxed);
 }
 
 unsigned long CBaseStream::Drain(const Direction& way, bool from_reactor) {
@@ -342,7 +349,8 @@ std::optional<CBaseStream::CItem> CBaseStream::Current(const Direction& way) {
 bool CBaseStream::Step(const Direction& way, const CItem& item, long& moved) {
   if (!IsConnect()) return false;  // a hook has disconnected: its handler shall hear of nothing more
   if (!item.buffer) return Fail(way.no_buffer_code);
-  const std::uint64_t left = TimeLeft(item.queued_at_ms, item.timeout_ms, gettickcount());
+  const std::uint64_t left =
+      item.timeout_ms == kNoTimeout ? kNoTimeout : TimeLeft(item.queued_at_ms, item.timeout_ms, gettickcount());
   if (left == 0) {
     Disconnect(kStreamTimeout);
     GXModLog(kGXModLogInfo, "[tarn][erroCode] errorcode=%s(%u), product=%u, type=%u, inner code=%u [%s:%s]",

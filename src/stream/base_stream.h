@@ -75,6 +75,8 @@ class CBaseStream : public IBaseStream,
   // While a read is pending only its deadline counts.
   virtual bool timeout(unsigned long now_ms);
   virtual unsigned long timeleft(unsigned long now_ms);
+  // False: nothing was ever given a limit, so that there is no deadline, and no need to look at the clock.
+  bool HasLimits() const { return has_limits_.load(std::memory_order_relaxed); }
   const char* GetStreamName_impl() const override { return ""; }
   const char* GetPeerName_impl() const override { return ""; }
 
@@ -115,7 +117,7 @@ class CBaseStream : public IBaseStream,
     std::uint64_t done = 0;
     std::uint64_t remaining = 0;
     std::uint64_t timeout_ms = kNoTimeout;
-    std::uint64_t queued_at_ms = 0;
+    std::uint64_t queued_at_ms = 0;  // only with a limit
     bool peek = false;
     CRefObj<IBuffer> buffer;
   };
@@ -137,6 +139,8 @@ class CBaseStream : public IBaseStream,
   unsigned long QueueRead(IBuffer* buffer, unsigned long length, unsigned long timeout_ms, bool peek);
   CRefObj<IBuffer> NewBuffer(unsigned long length);
   void Append(const Direction& way, std::list<CItem> items);
+
+  void StartClock(CItem& item);
 
   // The transfer routine and its steps, in their order.
   unsigned long Drain(const Direction& way, bool from_reactor);
@@ -165,6 +169,7 @@ class CBaseStream : public IBaseStream,
   std::atomic<bool> had_connected_;
   std::atomic<bool> closed_{false};
   std::atomic<bool> read_flag_{false};
+  std::atomic<bool> has_limits_{false};
   const StreamType type_;
 
   mutable CMutexLock queue_lock_;
