@@ -12,7 +12,8 @@
 
 namespace {
 
-constexpr int kMaxTasksPerPass = 1023;  // with the wake-up socket 1024, what an fd_set holds on most systems
+constexpr std::size_t kMaxTasksPerPass =
+    1023;  // with the wake-up socket 1024, what an fd_set holds on most systems
 constexpr unsigned int kCrowdedWaitMs = 10;
 constexpr unsigned int kDeafWaitMs = 10;  // for want of a wake-up socket
 
@@ -47,24 +48,29 @@ struct select_tracker<Task>::Pass {
   bool IsFull() const { return collected == kMaxTasksPerPass; }
   bool HasWaiters() const { return !readers.tasks.empty() || !writers.tasks.empty(); }
 
-  // Takes over the one task of `entry`; one that waits for nothing known is dropped.
-  void Enter(std::list<Task> entry) {
-    ++collected;
-    const Task& task = entry.front();
-    if (task && task->timeout()) {
-      timed_out.splice(timed_out.end(), entry);
-    } else if (task.type() == kWaitWritable) {
-      Wait(writers, entry);
-    } else if (task.type() == kWaitReadable) {
-      Wait(readers, entry);
+  // Takes over all of `tasks`; those that wait for nothing known are dropped.
+  void Enter(std::list<Task> tasks) {
+    collected += tasks.size();
+    while (!tasks.empty()) {
+      if (std::list<Task>* place = PlaceOf(tasks.front())) {
+        place->splice(place->end(), tasks, tasks.begin());
+      } else {
+        tasks.pop_front();
+      }
     }
   }
 
-  void Wait(Waiters& waiters, std::list<Task>& entry) {
-    const Task& task = entry.front();
+  std::list<Task>* PlaceOf(const Task& task) {
+    if (task && task->timeout()) return &timed_out;
+    if (task.type() == kWaitWritable) return &Wait(writers, task).tasks;
+    if (task.type() == kWaitReadable) return &Wait(readers, task).tasks;
+    return nullptr;
+  }
+
+  Waiters& Wait(Waiters& waiters, const Task& task) {
     Watch(task.socket(), waiters.ready);
     if (task) limit_ms = std::min<std::uint64_t>(limit_ms, task->timeleft());
-    waiters.tasks.splice(waiters.tasks.end(), entry);
+    return waiters;
   }
 
   void Watch(int descriptor, DescriptorSet& ready) {
@@ -81,7 +87,7 @@ struct select_tracker<Task>::Pass {
                   wait_ms == task_timed_queue::kNoTimer ? nullptr : &limit);
   }
 
-  int collected = 0;
+  std::size_t collected = 0;
   Waiters readers;
   Waiters writers;
   std::list<Task> timed_out;
@@ -142,7 +148,9 @@ bool select_tracker<Task>::GetComeleted(Task& out) {
   FireTimers();
   Pass pass;
   Collect(pass);
-  return pass.HasWaiters() ? SelectPass(pass, out) : IdlePass(pass, out);
+  const bool go_on = pass.HasWaiters() ? SelectPass(pass, out) : IdlePass(pass, out);
+  listening_ = false;
+  return go_on;
 }
 
 template <class Task>
@@ -163,11 +171,13 @@ bool select_tracker<Task>::Enqueue(const Task& task) {
 }
 
 // Called after every change: the event ends an idle pass, the datagram a select. A select pass that opens the
-// socket looks again afterwards, so a change that found no socket is not missed either.
+// socket looks again afterwards, so a change that found no socket is not missed either. Nobody needs the
+// datagram of a change that the select thread makes itself, of one between two passes, which the next pass sees
+// before it waits, or of the second one during one pass.
 template <class Task>
 void select_tracker<Task>::Wake(inner_event_type event) {
   tarn::event_set(event_.get());
-  loopback_.Write(&event, sizeof event);
+  if (listening_.exchange(false) || event == ie_stop) loopback_.Write(&event, sizeof event);
 }
 
 template <class Task>
@@ -193,7 +203,8 @@ void select_tracker<Task>::FireTimers() {
 
 template <class Task>
 void select_tracker<Task>::Collect(Pass& pass) {
-  for (std::list<Task> entry; !pass.IsFull() && uncompleted_.take(entry);) pass.Enter(std::exchange(entry, {}));
+  listening_ = true;  // before it looks: what comes too late to be seen finds it set
+  pass.Enter(uncompleted_.take(kMaxTasksPerPass - pass.collected));
 }
 
 // Milliseconds until this pass has to end by itself. A task whose time has passed does not wait for the others,

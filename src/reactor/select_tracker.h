@@ -81,6 +81,7 @@ class select_tracker : public ITimer {
   void Dispatch(Waiters& waiters, const DescriptorSet& failed);
 
   std::atomic<bool> stopped_{true};
+  std::atomic<bool> listening_{false};  // a pass waits, or is about to, and has not been told of a change yet
   const std::unique_ptr<tarn::event_t, EventDeleter> event_;  // ends an idle pass
   CUdpLoopback loopback_;                                     // ends a select pass; closed by idle passes
   bool deaf_ = false;                                         // no wake-up socket to be had; select thread only

@@ -1,5 +1,6 @@
 #include "reactor/sem_queue.h"
 
+#include <iterator>
 #include <utility>
 
 template <class T>
@@ -30,11 +31,13 @@ bool sem_queue<T>::peek(T& out) {
 }
 
 template <class T>
-bool sem_queue<T>::take(std::list<T>& out) {
+std::list<T> sem_queue<T>::take(std::size_t most) {
+  std::list<T> taken;
   CStdLock lock(mutex_);
-  if (items_.empty()) return false;
-  out.splice(out.end(), items_, items_.begin());
-  return true;
+  const auto end =
+      most < items_.size() ? std::next(items_.begin(), static_cast<std::ptrdiff_t>(most)) : items_.end();
+  taken.splice(taken.end(), items_, items_.begin(), end);
+  return taken;
 }
 
 template <class T>

@@ -2,6 +2,7 @@
 #ifndef GX_REACTOR_SEM_QUEUE_H
 #define GX_REACTOR_SEM_QUEUE_H
 
+#include <cstddef>
 #include <list>
 
 #include "base/mutex_lock.h"
@@ -21,8 +22,8 @@ class sem_queue {
   // Moves the front task into `out`. False: closed or empty, and `out` is as it was.
   bool peek(T& out);
   // These two move entries instead of copying tasks, so they need no memory and never throw.
-  // The front entry to the end of `out`. False: closed or empty.
-  bool take(std::list<T>& out);
+  // Entries from the front, `most` of them at most.
+  std::list<T> take(std::size_t most);
   // All entries of `tasks` to the back. False: closed, and the tasks are dropped.
   bool append(std::list<T>& tasks);
   // Refuses tasks from now on and drops what is queued. False: it was closed.
