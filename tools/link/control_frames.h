@@ -17,7 +17,7 @@ inline constexpr auto kPingFrame =
     static_cast<gxmod::ConnectionType>(0xF0);  // payload: kPingBytes opaque bytes
 inline constexpr auto kPongFrame = static_cast<gxmod::ConnectionType>(0xF1);  // payload: that of the ping
 inline constexpr auto kGoodbyeFrame =
-    static_cast<gxmod::ConnectionType>(0xF2);  // payload: reason, ASCII; comes last
+    static_cast<gxmod::ConnectionType>(0xF2);  // payload: reason, ASCII; comes last and closes every connection
 
 // gx-ssh to gx-ssh-peer: no more bytes will come for that connection id, but its target may go on sending.
 // Back: the target has taken all of them and knows. No payload.

@@ -19,6 +19,7 @@ constexpr std::size_t kTextBytes = 1024;                   // of a frame that is
 constexpr std::size_t kQueueMark = 8 * 1024 * 1024;        // for one target; past it the input waits
 constexpr std::size_t kTotalQueueMark = 64 * 1024 * 1024;  // for all targets
 constexpr std::size_t kOwedMark = 1024 * 1024;             // answers that the other side does not take
+constexpr char kWithTheLink[] = "ended with the link";
 constexpr auto kTick = milliseconds(50);
 constexpr auto kCloseTime = std::chrono::seconds(5);  // for a target to take what is queued and to end
 constexpr auto kStopTime = milliseconds(1700);        // for what is under way when a stop is asked for
@@ -463,7 +464,11 @@ void PeerSession::EndAll(std::string_view reason) {
   phase_ = Phase::kEnding;
   phase_end_ = Clock::now() + kEndTime;
   input_.Stop();
-  while (!live_.empty()) End(*live_.begin()->second, "ended with the link");
+  // The goodbye closes them all. A Close of its own would look like the target's end.
+  while (!live_.empty()) {
+    Connection& connection = *live_.begin()->second;
+    options_.raw ? End(connection, kWithTheLink) : StartClosing(connection, kWithTheLink);
+  }
   if (!options_.raw && result_ == kPeerEnded) output_.AddControl(kGoodbyeFrame, 0, reason);
   NeedTick();
 }

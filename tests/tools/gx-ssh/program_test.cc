@@ -130,17 +130,22 @@ class ProgramTest : public testing::Test {
   }
   ~ProgramTest() override { std::filesystem::remove_all(folder_); }
 
-  // Options, then the real far side for the echo server.
-  Arguments WithPeer(Arguments options) const {
-    const Arguments more = {"--target", echo_.address(), "--", GX_PEER_PROGRAM, "--allow", echo_.address()};
-    options.insert(options.end(), more.begin(), more.end());
-    return options;
-  }
   // Options, then a far side made of shell commands.
   static Arguments WithShell(Arguments options, const std::string& commands) {
     const Arguments more = {"--", "sh", "-c", commands};
     options.insert(options.end(), more.begin(), more.end());
     return options;
+  }
+  // Options, then the real far side for the echo server. The carrier's status says nothing.
+  Arguments WithPeer(Arguments options) const {
+    options.insert(options.end(), {"--target", echo_.address()});
+    return WithShell(options, "sh -c 'echo $$ >" + folder_ + "/pid; exec " + GX_PEER_PROGRAM + " --allow " +
+                                  echo_.address() + "'; exit 9");
+  }
+  void SignalPeer(int number) const {
+    pid_t peer = 0;
+    std::ifstream(folder_ + "/pid") >> peer;
+    EXPECT_EQ(kill(peer, number), 0);
   }
   // A descriptor with that content to read.
   Descriptor Input(const std::string& content) const {
@@ -211,6 +216,16 @@ TEST_F(ProgramTest, StandardIoThatReachesNothingIsNoSuccess) {
   EXPECT_EQ(program.Status(), kExitLinkLost);
 }
 
+TEST_F(ProgramTest, StandardIoThatTheFarSideCutsIsNoSuccess) {
+  const Pipe input = MakePipe();
+  Program program(WithPeer({"-W"}), input.read.get());
+  WriteAll(input.write.get(), "hello\n");
+  EXPECT_EQ(program.Line(), "hello");
+  SignalPeer(SIGTERM);
+  EXPECT_EQ(program.Errors(), "gx-ssh: the far side has ended: stopped\n");
+  EXPECT_EQ(program.Status(), kExitLinkLost);
+}
+
 TEST_F(ProgramTest, RunsACommandAndEndsWithItsStatus) {
   const Descriptor input = Input("typed");
   Program program(WithPeer({"--run", "cat; test $GX_SSH_ADDR = $GX_SSH_HOST:$GX_SSH_PORT && exit 7"}),
@@ -276,25 +291,20 @@ TEST_F(ProgramTest, CarrierThatCannotRunHasTheShellsStatus) {
 }
 
 TEST_F(ProgramTest, FarSideThatSaysGoodbyeIsNoLoss) {
-  const std::string peer = "timeout -s TERM 0.2 " GX_PEER_PROGRAM "; exit 9";
-  Program program(WithShell({}, peer));
+  Program program(WithPeer({}));
+  program.Line();
+  SignalPeer(SIGTERM);
   EXPECT_EQ(program.Errors(), "gx-ssh: the far side has ended: stopped\n");
   EXPECT_EQ(program.Status(), kExitOk);
 }
 
 TEST_F(ProgramTest, ReconnectsAtTheSameAddress) {
-  const std::string pid_file = folder_ + "/pid";
-  Arguments arguments = {"--reconnect", "--target", echo_.address()};
-  const std::string peer =
-      "echo $$ > " + pid_file + "; exec " + GX_PEER_PROGRAM + " --allow " + echo_.address();
-  Program program(WithShell(arguments, peer));
+  Program program(WithPeer({"--reconnect"}));
   const std::string address = program.Line();
   for (int round = 0; round < 3; ++round) {
     const Descriptor connection = Connect(address);
     EXPECT_EQ(Echo(connection, "hello"), "hello") << round;
-    pid_t far_side = 0;
-    std::ifstream(pid_file) >> far_side;
-    kill(far_side, SIGKILL);
+    SignalPeer(SIGKILL);
     EXPECT_EQ(ReadAll(connection.get()), "") << "a connection of the lost link is closed";
   }
   program.Signal(SIGTERM);

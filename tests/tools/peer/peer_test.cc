@@ -381,10 +381,7 @@ TEST(PeerLinkTest, StopLetsWhatIsUnderWayFinish) {
   }
   writer.join();
   EXPECT_TRUE(received == bytes);
-  EXPECT_THAT(rest,
-              ::testing::UnorderedElementsAre(Of(ConnectionType::Close, 1), Of(ConnectionType::Close, 2),
-                                              Of(ConnectionType::Close, 3), Of(kGoodbyeFrame, 0, "stopped")));
-  EXPECT_EQ(rest.back().type, static_cast<int>(kGoodbyeFrame));
+  EXPECT_THAT(rest, ElementsAre(Of(ConnectionType::Close, 3), Of(kGoodbyeFrame, 0, "stopped")));
   EXPECT_EQ(rig.Join(), kPeerEnded);
   EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(10));
 }
