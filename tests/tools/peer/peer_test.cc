@@ -88,6 +88,51 @@ TEST(PeerTest, RefusesTargetsOutsideTheListAndNamesTheWayIn) {
   for (const std::string& line : rig.lines()) EXPECT_LT(line.size(), 1000U);
 }
 
+std::vector<std::string> Split(std::string_view text, char divider) {
+  std::vector<std::string> parts(1);
+  for (const char c : text) c == divider ? void(parts.emplace_back()) : parts.back().push_back(c);
+  return parts;
+}
+
+// Each of these some resolver or C library would take for the one target that is permitted, or for one like it.
+TEST(PeerTest, NoOtherSpellingOfATargetPasses) {
+  using namespace std::string_view_literals;
+  const Target target;
+  const std::string port = std::to_string(target.port());
+  std::vector<std::string> hosts = Split(
+      "127.0.0.1||*|localhost|LOCALHOST|localhost.|.localhost|a..b|-a|a-|a b|a/b|user@127.0.0.1|127.1|127.0.1|"
+      "127.0.0.1.|127.0.0.1..|127.0.0.1.1|127.0.0.01|127.0.0.256|0177.0.0.1|0x7f.1|0X7F.0.0.1|0x7f000001|0x|"
+      "2130706433|017700000001|0.0.0.0|0| 127.0.0.1|127.0.0.1 |127.0.0.1\t|127.0.0.1\n|127.0.0.1\0|\0"
+      "127.0.0.1|127.0.0.1\0.example|127.0.0.1%lo|\xef\xbc\x91.0.0.1|b\xc3\xbc.example|::1|[::1]|[::]|[]|"
+      "[[::1]]|[::1|::1]|[:::1]|[00000::1]|[::1%lo]|[::1%1]|[::1\0]|[127.0.0.1]|[localhost]|[::127.0.0.1]|"
+      "[::ffff:127.0.0.1]|[::FFFF:7f00:1]|[0:0:0:0:0:ffff:7f00:0001]|[64:ff9b::7f00:1]"sv,
+      '|');
+  for (const char c : {'a', '[', '\0'}) hosts.emplace_back(65536, c);
+  // P stands for the port.
+  std::vector<std::string> ports = Split("P||0|0P|+P|-P| P|P |P\n|P\0|P:P|P,22|0x16|ssh|*"sv, '|');
+  ports.push_back(std::to_string(65536 + target.port()));
+  ports.emplace_back(65536, '2');
+
+  PeerOptions options = Rig::Options();
+  options.allow = AllowList();
+  std::string why;
+  ASSERT_TRUE(options.allow.Add(target.Address(), &why));
+  Rig rig(std::move(options));
+  std::uint32_t id = 0;
+  for (const std::string& host : hosts) {
+    for (std::string text : ports) {
+      for (std::size_t at = 0; (at = text.find('P')) != std::string::npos;) text.replace(at, 1, port);
+      text.insert(0, host + ':');
+      if (text == target.Address()) continue;
+      rig.Send(ConnectionType::Connect, ++id, text);
+      ASSERT_EQ(rig.Next(), Of(ConnectionType::Close, id)) << text.substr(0, 80);
+    }
+  }
+  EXPECT_GT(id, 1000U);
+  EXPECT_FALSE(target.HasCaller(0));
+  EXPECT_GE(rig.Connect(++id, target).get(), 0);
+}
+
 TEST(PeerTest, ClosesWhatCannotBeReached) {
   std::string address = Target().Address();  // nobody listens there any more
   Rig rig;
