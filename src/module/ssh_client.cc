@@ -38,7 +38,9 @@ std::uint32_t CSSHClientRaw::Run() {
   GXModLog(kGXModLogInfo, "[SSH] call %s ", "Run");
   if (!client_) return kGXModNothingDone;
   return WithoutExceptions([&]() -> std::uint32_t {
-    client_->Run();
+    // A client without a stream opens its port all the same and ends whoever comes; one without a reader would
+    // leave them waiting.
+    if (client_->Run() == kGXModFail) return kGXModFail;
     const std::uint32_t result = OpenChannel();
     if (result == kGXModOk && listener_) listener_->OnLocalAddress(local_address_.c_str(), local_port_);
     return result;
@@ -47,9 +49,10 @@ std::uint32_t CSSHClientRaw::Run() {
 
 std::uint32_t CSSHClientRaw::ExitInstance() {
   GXModLog(kGXModLogInfo, "[SSH] call %s ", "ExitInstance");
+  // Whatever the host's part of it does, the client must not run on.
+  WithoutExceptions([&] { return plugin_stream_ ? plugin_stream_->Close() : kGXModOk; });
+  WithoutExceptions([&] { return client_ ? client_->ExitInstance() : kGXModOk; });
   WithoutExceptions([&]() -> std::uint32_t {
-    if (plugin_stream_) plugin_stream_->Close();
-    if (client_) client_->ExitInstance();
     if (listener_) listener_->OnExit();
     return kGXModOk;
   });

@@ -87,14 +87,17 @@ void MyHandler::SendData(IBuffer* buffer, unsigned long length) {
   writer->WriteFrame(frame, frame_length);
 }
 
-// Without memory or a plugin stream the frame is lost; the connection goes on.
+// Without a plugin stream the frame is lost. Without memory the connection ends: the far side would not know of
+// it. The frame that tells of an end needs none.
 void MyHandler::SendFrame(gxmod::ConnectionType type, std::string_view payload) {
   const CRefObj<CPluginWriter> writer = Writer();
   if (!writer) return;
-  const std::size_t frame_length = gxmod::kFrameHeaderBytes + payload.size();
-  const std::unique_ptr<char[]> frame(new (std::nothrow) char[frame_length]);
-  if (FillBuffer(type, payload.data(), frame.get(), payload.size()))
-    writer->WriteFrame(frame.get(), frame_length);
+  char header[gxmod::kFrameHeaderBytes];
+  const std::size_t frame_length = sizeof header + payload.size();
+  const std::unique_ptr<char[]> block(payload.empty() ? nullptr : new (std::nothrow) char[frame_length]);
+  char* const frame = payload.empty() ? header : block.get();
+  if (!FillBuffer(type, payload.data(), frame, payload.size())) return Disconnect();
+  writer->WriteFrame(frame, frame_length);
 }
 
 CRefObj<CPluginWriter> MyHandler::Writer() const { return owner_ != nullptr ? owner_->Writer() : nullptr; }

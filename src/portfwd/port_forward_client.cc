@@ -51,8 +51,9 @@ std::uint32_t CPortForwardClientRaw::InitInstance(IPluginStreamRaw* stream) {
 
 std::uint32_t CPortForwardClientRaw::Run() {
   if (IsStopping() || !GetPluginStream()) return kGXModUnexpected;
-  reader_.Run();
-  return kGXModOk;
+  if (reader_.Run()) return kGXModOk;
+  GXModLog(kGXModLogError, "[portfwd] no thread for the reader of the plugin stream");
+  return kGXModFail;
 }
 
 std::uint32_t CPortForwardClientRaw::ExitInstance() {
@@ -232,8 +233,7 @@ void CPortForwardClientRaw::DeleteStream(std::uint32_t id) {
 CReactor_T<tcp_select_tracker>* CPortForwardClientRaw::get_Tracker() {
   CAutoLock lock(reactor_lock_);
   if (IsStopping()) return nullptr;
-  if (!reactor_.IsRunning()) reactor_.Run(kReactorThreads);
-  return &reactor_;
+  return reactor_.Run(kReactorThreads) ? &reactor_ : nullptr;
 }
 
 void CPortForwardClientRaw::OnReceiveChannelsList(const char* text) {

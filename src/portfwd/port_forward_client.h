@@ -68,7 +68,7 @@ class CPortForwardClientRaw final : public IPortForwardClientRaw, private CRefer
   std::uint32_t Load(const wchar_t* /*config*/) override { return kGXModOk; }
   // kGXModInvalidArgument for null, which drops the stream held so far.
   std::uint32_t InitInstance(IPluginStreamRaw* stream) override;
-  // kGXModUnexpected without a stream, or when stopped.
+  // kGXModUnexpected without a stream, or when stopped; kGXModFail when the system has no thread for the reader.
   std::uint32_t Run() override;
   std::uint32_t ExitInstance() override;
   CRefObj<IPluginStreamRaw> GetPluginStream() override;
@@ -84,7 +84,7 @@ class CPortForwardClientRaw final : public IPortForwardClientRaw, private CRefer
   // For channels. Any thread.
   void OnAccept(IBaseStream* stream, CChannelRaw* channel);
   std::uint32_t Erase(CChannelRaw* channel);
-  // The running reactor, started if need be; null when the client has stopped.
+  // The running reactor, started if need be; null when the client has stopped, or no thread can be had.
   CReactor_T<tcp_select_tracker>* get_Tracker();
 
   // For connections and the reader. Any thread.

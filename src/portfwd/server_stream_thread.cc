@@ -48,7 +48,14 @@ bool CServerStreamThread::ThreadLoop() {
   CRefObj<IBuffer> payload;
   if (header.length != 0 && !ReadPayload(header.length, payload)) return false;
   if (IsStopRequested()) return false;
-  Dispatch(header, payload.get());
+  try {
+    Dispatch(header, payload.get());
+  } catch (...) {  // out of memory: the frame is lost, and with it the connection that it was for
+    GXModLog(kGXModLogError, "[portfwd] a frame for connection %u met an exception", header.connection_id);
+    if (const CRefObj<MyHandler> connection = owner_->FindStream(header.connection_id)) {
+      connection->Disconnect();
+    }
+  }
   return true;
 }
 
