@@ -471,6 +471,7 @@ void PeerSession::EndAll(std::string_view reason) {
   }
   if (!options_.raw && result_ == kPeerEnded) output_.AddControl(kGoodbyeFrame, 0, reason);
   NeedTick();
+  asio::post(io_, [this] { CheckPhase(Clock::now()); });  // there may be nothing to wait for
 }
 
 void PeerSession::Log(LogLevel level, const std::string& line) const {
