@@ -1,6 +1,7 @@
 #include "portfwd/server_stream_thread.h"
 
 #include <string>
+#include <string_view>
 
 #include "base/clock.h"
 #include "portfwd/connection_handler.h"
@@ -18,8 +19,8 @@ constexpr std::uint64_t kBlockedWriteMs = 100;
 // Up to the first NUL byte.
 std::string TextOf(const IBuffer* payload) {
   if (payload == nullptr || payload->GetPointer() == nullptr) return {};
-  const std::string text(static_cast<const char*>(payload->GetPointer()), payload->GetSize());
-  return text.c_str();
+  const std::string_view text(static_cast<const char*>(payload->GetPointer()), payload->GetSize());
+  return std::string(text.substr(0, text.find('\0')));
 }
 
 }  // namespace
