@@ -5,9 +5,9 @@
 #include <iostream>
 #include <map>
 
-#include "tunnel/failure.h"
-#include "tunnel/target.h"
-#include "tunnel/workloads.h"
+#include "failure.h"
+#include "target.h"
+#include "workloads.h"
 
 namespace {
 

@@ -1,10 +1,10 @@
-#include "tunnel/pattern.h"
+#include "pattern.h"
 
 #include <algorithm>
 #include <cstring>
 #include <string>
 
-#include "tunnel/failure.h"
+#include "failure.h"
 
 namespace gxbench {
 

@@ -1,4 +1,4 @@
-#include "tunnel/processes.h"
+#include "processes.h"
 
 #include <unistd.h>
 
@@ -10,7 +10,7 @@
 #include <sstream>
 #include <string>
 
-#include "tunnel/failure.h"
+#include "failure.h"
 
 namespace gxbench {
 namespace {

@@ -1,4 +1,4 @@
-#include "tunnel/socket.h"
+#include "socket.h"
 
 #include <arpa/inet.h>
 #include <netinet/tcp.h>
@@ -9,7 +9,7 @@
 #include <charconv>
 #include <cstring>
 
-#include "tunnel/failure.h"
+#include "failure.h"
 
 namespace gxbench {
 namespace {

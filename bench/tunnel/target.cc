@@ -1,9 +1,9 @@
-#include "tunnel/target.h"
+#include "target.h"
 
 #include <chrono>
 
-#include "tunnel/failure.h"
-#include "tunnel/pattern.h"
+#include "failure.h"
+#include "pattern.h"
 
 namespace gxbench {
 namespace {

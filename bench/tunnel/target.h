@@ -11,7 +11,7 @@
 #include <thread>
 #include <vector>
 
-#include "tunnel/socket.h"
+#include "socket.h"
 
 namespace gxbench {
 

@@ -9,7 +9,7 @@
 #include <utility>
 #include <vector>
 
-#include "tunnel/processes.h"
+#include "processes.h"
 
 namespace gxbench {
 
