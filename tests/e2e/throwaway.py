@@ -88,6 +88,7 @@ class Child:
         self._process = subprocess.Popen(
             command, stdin=subprocess.PIPE, stdout=subprocess.PIPE, stderr=subprocess.PIPE,
             env=env, text=True, errors="replace", start_new_session=True)
+        self.pid = self._process.pid
         self.stdin = self._process.stdin
         self.out = Lines(lambda: self._process.stdout)
         self.err = Lines(lambda: self._process.stderr)
@@ -190,9 +191,11 @@ def user_name():
 class SshServer:
     """An OpenSSH server on 127.0.0.1 with keys of its own, which lets in whoever runs this and nobody else."""
 
-    def __init__(self, folder):
+    def __init__(self, folder, *settings):
+        """`settings` are lines of sshd_config that go before the others, and so over them."""
         self.folder = folder
         self.port = 0
+        self._settings = settings
         self._exits = contextlib.ExitStack()
 
     def __enter__(self):
@@ -203,6 +206,10 @@ class SshServer:
             self._daemon = undo.enter_context(self._start())
             self._exits = undo.pop_all()
         return self
+
+    @property
+    def pid(self):
+        return self._daemon.pid
 
     def __exit__(self, *failure):
         with self._exits:
@@ -233,7 +240,9 @@ class SshServer:
 
     def _write_config(self):
         # Without StrictModes, which rejects keys below a temporary folder that everybody may write to.
+        indent = "\n            "
         write(f"{self.folder}/sshd_config", f"""
+            {indent.join(self._settings)}
             ListenAddress 127.0.0.1:{self.port}
             HostKey "{self.folder}/host_key"
             AuthorizedKeysFile "{self.folder}/user_key.pub"

@@ -1,0 +1,241 @@
+"""The ways from a local port to the target: gx-ssh, what else there is, and none."""
+
+import contextlib
+import os
+import random
+import shutil
+import socket
+import subprocess
+import time
+
+from throwaway import END_S, READY_S, Child, Clients, Failure, run, write
+
+
+def quiet_port():
+    """A free port that no outgoing connection gets by chance."""
+    for _ in range(100):
+        port = random.randrange(20000, 32000)
+        with socket.socket() as probe, contextlib.suppress(OSError):
+            probe.bind(("127.0.0.1", port))
+            return port
+    raise Failure("no free port")
+
+
+def listens(port):
+    """Whether a port of 127.0.0.1 is open; a connection would already go through the tunnel."""
+    wanted = f"0100007F:{port:04X}"
+    with open("/proc/net/tcp", encoding="ascii") as table:
+        return any(line.split()[1] == wanted and line.split()[3] == "0A" for line in table)
+
+
+def wait_until(condition, what):
+    end = time.monotonic() + READY_S
+    while not condition():
+        if time.monotonic() > end:
+            raise Failure(f"not after {READY_S} s: {what}")
+        time.sleep(0.02)
+
+
+def children(pid):
+    with open(f"/proc/{pid}/task/{pid}/children", encoding="ascii") as file:
+        return [int(child) for child in file.read().split()]
+
+
+@contextlib.contextmanager
+def running(command):
+    """A program that ends with the block, as its user would end it."""
+    with Child([str(part) for part in command]) as child:
+        yield child
+        with contextlib.suppress(ProcessLookupError):
+            child.signal(15)
+        child.wait(END_S)
+
+
+@contextlib.contextmanager
+def listening(command, port):
+    with running(command) as child:
+        wait_until(lambda: listens(port), f"{child.name} listens")
+        yield child
+
+
+class Tunnel:
+    """One way. `open(world)` is a context of the local port and the processes that work for it."""
+
+    package = None  # to install when `program` is missing
+    program = None
+    most_connections = 100_000
+
+    def __init__(self, name):
+        self.name = name
+
+    def missing(self):
+        return self.program is not None and find(self.program) is None
+
+
+def find(program):
+    return shutil.which(program, path=os.environ.get("PATH", "") + ":/usr/sbin:/usr/local/sbin")
+
+
+class NoTunnel(Tunnel):
+    @contextlib.contextmanager
+    def open(self, world):
+        yield world.target_port, []
+
+
+class GxSsh(Tunnel):
+    @contextlib.contextmanager
+    def open(self, world):
+        target = f"127.0.0.1:{world.target_port}"
+        with running([world.gx_ssh, "-q", "--target", target, *self.far_side(world, target)]) as child:
+            port = child.expect(child.out, r"^127\.0\.0\.1:(\d+)$").group(1)
+            yield int(port), [child.pid]
+
+    @staticmethod
+    def far_side(world, target):
+        return ["--", world.gx_ssh_peer, "-q", "--allow", target, "--max-connections", "2000"]
+
+
+class GxSshLocal(GxSsh):
+    most_connections = 250  # of one far side, unless it is told otherwise
+
+    @staticmethod
+    def far_side(_world, _target):
+        return ["--local"]
+
+
+class Ssh(Tunnel):
+    program = "ssh"
+    package = "openssh-client"
+
+    @contextlib.contextmanager
+    def open(self, world):
+        port = quiet_port()
+        with listening(self.command(world, f"127.0.0.1:{port}:127.0.0.1:{world.target_port}"), port) as child:
+            yield port, [child.pid, *children(world.server.pid)]
+        wait_until(lambda: not children(world.server.pid), "sshd's session ends")
+
+    @staticmethod
+    def command(world, forward):
+        clients = Clients(world.server, "HostName 127.0.0.1", f"Port {world.server.port}")
+        return clients.command("ssh", "-N", "-c", "aes128-gcm@openssh.com", "-L", forward, "far")
+
+
+class Dbclient(Ssh):
+    program = "dbclient"
+    package = "dropbear-bin"
+
+    @staticmethod
+    def command(world, forward):
+        key = f"{world.folder}/dropbear_key"
+        if not os.path.exists(key):
+            run(["dropbearconvert", "openssh", "dropbear", f"{world.folder}/user_key", key])
+        return ["dbclient", "-N", "-y", "-y", "-i", key, "-L", forward, "-p", str(world.server.port), "127.0.0.1"]
+
+
+class Socat(Tunnel):
+    """Two of them in a row, like the two halves of the others."""
+
+    program = "socat"
+    package = "socat"
+
+    @contextlib.contextmanager
+    def open(self, world):
+        first, second = quiet_port(), quiet_port()
+        with (listening(self.hop(second, world.target_port), second) as far,
+              listening(self.hop(first, second), first) as near):
+            yield first, [near.pid, far.pid]
+
+    @staticmethod
+    def hop(port, onward):
+        return ["socat", f"TCP-LISTEN:{port},bind=127.0.0.1,fork,reuseaddr,backlog=1024,nodelay",
+                f"TCP:127.0.0.1:{onward},nodelay"]
+
+
+class Configured(Tunnel):
+    """A relay with a configuration file."""
+
+    @contextlib.contextmanager
+    def open(self, world):
+        port = quiet_port()
+        config = f"{world.folder}/{self.name}.conf"
+        write(config, self.config(world, port))
+        with listening([find(self.program), *self.options(world, config)], port) as child:
+            yield port, [child.pid]
+
+
+class Haproxy(Configured):
+    program = "haproxy"
+    package = "haproxy"
+
+    @staticmethod
+    def options(_world, config):
+        return ["-db", "-q", "-f", config]
+
+    @staticmethod
+    def config(world, port):
+        return f"""
+global
+    maxconn 4000
+defaults
+    mode tcp
+    timeout connect 10s
+    timeout client 1h
+    timeout server 1h
+listen tunnel
+    bind 127.0.0.1:{port}
+    server target 127.0.0.1:{world.target_port}
+"""
+
+
+class Nginx(Configured):
+    program = "nginx"
+    package = "libnginx-mod-stream"
+
+    @staticmethod
+    def options(world, config):
+        return ["-p", world.folder, "-e", "stderr", "-c", config]
+
+    @staticmethod
+    def config(world, port):
+        return f"""
+load_module /usr/lib/nginx/modules/ngx_stream_module.so;
+daemon off;
+pid {world.folder}/nginx.pid;
+events {{ worker_connections 4096; }}
+stream {{
+    server {{
+        listen 127.0.0.1:{port};
+        proxy_pass 127.0.0.1:{world.target_port};
+        proxy_timeout 1h;
+    }}
+}}
+"""
+
+
+ALL = [NoTunnel("none"), GxSsh("gx-ssh"), GxSshLocal("gx-ssh --local"), Ssh("ssh -L"), Dbclient("dbclient -L"),
+       Socat("2 socat"), Haproxy("haproxy"), Nginx("nginx")]
+
+POLICY = "/usr/sbin/policy-rc.d"
+
+
+def set_up(tunnels):
+    """Installs what is missing. What is new is neither started nor will it be when the machine starts."""
+    packages = sorted({each.package for each in tunnels if each.missing()})
+    if not packages:
+        return
+    apt = ["apt-get", "-qq", "-o", "DPkg::Lock::Timeout=300"]
+    environment = dict(os.environ, DEBIAN_FRONTEND="noninteractive")
+    forbid = not os.path.exists(POLICY)
+    try:
+        if forbid:
+            write(POLICY, "#!/bin/sh\nexit 101\n")
+            os.chmod(POLICY, 0o755)
+        run([*apt, "update"], env=environment)
+        run([*apt, "install", "-y", "--no-install-recommends", *packages], timeout=900, env=environment)
+    finally:
+        if forbid:
+            os.remove(POLICY)
+    for service in {"haproxy", "nginx"} & {each.program for each in tunnels if each.package in packages}:
+        for disable in (["update-rc.d", service, "disable"], ["systemctl", "--quiet", "disable", service]):
+            if find(disable[0]):
+                subprocess.run(disable, check=False, capture_output=True, timeout=60)
