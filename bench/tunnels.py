@@ -4,6 +4,7 @@ import contextlib
 import os
 import random
 import shutil
+import signal
 import socket
 import subprocess
 import time
@@ -44,10 +45,9 @@ def children(pid):
 @contextlib.contextmanager
 def running(command):
     """A program that ends with the block, as its user would end it."""
-    with Child([str(part) for part in command]) as child:
+    with Child(command) as child:
         yield child
-        with contextlib.suppress(ProcessLookupError):
-            child.signal(15)
+        child.signal(signal.SIGTERM)
         child.wait(END_S)
 
 
@@ -56,6 +56,18 @@ def listening(command, port):
     with running(command) as child:
         wait_until(lambda: listens(port), f"{child.name} listens")
         yield child
+
+
+class World:
+    """What the runs share: the programs, an SSH server, the port of the target, a folder."""
+
+    def __init__(self, build, folder, server):
+        self.folder = folder
+        self.server = server
+        self.load = f"{build}/bench/tunnel/tunnel"
+        self.gx_ssh = f"{build}/tools/gx-ssh/gx-ssh"
+        self.gx_ssh_peer = f"{build}/tools/peer/gx-ssh-peer"
+        self.target_port = quiet_port()
 
 
 class Tunnel:
@@ -89,6 +101,8 @@ class GxSsh(Tunnel):
         with running([world.gx_ssh, "-q", "--target", target, *self.far_side(world, target)]) as child:
             port = child.expect(child.out, r"^127\.0\.0\.1:(\d+)$").group(1)
             yield int(port), [child.pid]
+            child.signal(signal.SIGTERM)
+            child.expect_status(0)
 
     @staticmethod
     def far_side(world, target):
