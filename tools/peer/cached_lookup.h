@@ -9,6 +9,9 @@
 
 namespace gxtool {
 
+// False in a program that looks no names up.
+extern const bool kHasDnsCache;
+
 struct DnsCacheOptions {
   std::string file;      // empty: no cache
   unsigned max_age = 0;  // seconds; 0: none

@@ -128,7 +128,7 @@ CommandLine ParseCommandLine(int argc, const char* const* argv) {
                        "Print the version");
   AddTargets(app, &line);
   AddLimits(app, &line);
-  AddDnsCache(app, &line.dns_cache);
+  if (kHasDnsCache) AddDnsCache(app, &line.dns_cache);
   app.add_flag("--raw", line.options.raw, "Frames only: no ready line, signs of life, goodbye");
   app.add_flag("-q,--quiet", line.quiet, "Say nothing while it works");
   app.add_flag("-v,--verbose", line.verbosity, "Say more: connections; twice: the stream");
