@@ -18,15 +18,19 @@ string(REGEX REPLACE "/$" "" GX_PREFIX_FROM_PC ${GX_PREFIX_FROM_PC})
 configure_file(cmake/gxmod.pc.in gxmod.pc @ONLY)
 install(FILES ${PROJECT_BINARY_DIR}/gxmod.pc DESTINATION ${GX_PC_DIR} COMPONENT dev)
 install(FILES examples/minimal_host.cc examples/CMakeLists.txt
-  DESTINATION ${CMAKE_INSTALL_DATADIR}/doc/gx-control-ssh-dev/examples COMPONENT dev)
+  DESTINATION ${CMAKE_INSTALL_DATADIR}/doc/libgxmod-dev/examples COMPONENT dev)
 
-install(FILES docs/man/gx-ssh.1 docs/man/gx-ssh-peer.1 DESTINATION ${CMAKE_INSTALL_MANDIR}/man1)
-install(FILES docs/man/gx-control-ssh.7 DESTINATION ${CMAKE_INSTALL_MANDIR}/man7)
+install(FILES docs/frames.md docs/limits.md DESTINATION ${CMAKE_INSTALL_DATADIR}/doc/libgxmod-dev COMPONENT dev)
+
+install(FILES docs/man/gx-ssh.1 DESTINATION ${CMAKE_INSTALL_MANDIR}/man1 COMPONENT gx-ssh)
+install(FILES docs/man/gx-ssh-peer.1 DESTINATION ${CMAKE_INSTALL_MANDIR}/man1 COMPONENT peer)
+install(FILES docs/man/gx-control-ssh.7 DESTINATION ${CMAKE_INSTALL_MANDIR}/man7 COMPONENT module)
 
 # bash and fish look for a file with the name of the program.
 set(completions ${CMAKE_INSTALL_DATADIR}/bash-completion/completions)
-install(FILES completions/gx-ssh.bash DESTINATION ${completions} RENAME gx-ssh)
-install(FILES completions/gx-ssh.bash DESTINATION ${completions} RENAME gx-ssh-peer)
-install(FILES completions/_gx-ssh DESTINATION ${CMAKE_INSTALL_DATADIR}/zsh/vendor-completions)
-install(FILES completions/gx-ssh.fish completions/gx-ssh-peer.fish
-  DESTINATION ${CMAKE_INSTALL_DATADIR}/fish/vendor_completions.d)
+install(FILES completions/gx-ssh.bash DESTINATION ${completions} RENAME gx-ssh COMPONENT gx-ssh)
+install(FILES completions/gx-ssh.bash DESTINATION ${completions} RENAME gx-ssh-peer COMPONENT peer)
+install(FILES completions/_gx-ssh DESTINATION ${CMAKE_INSTALL_DATADIR}/zsh/vendor-completions COMPONENT gx-ssh)
+install(FILES completions/gx-ssh.fish DESTINATION ${CMAKE_INSTALL_DATADIR}/fish/vendor_completions.d COMPONENT gx-ssh)
+install(FILES completions/gx-ssh-peer.fish DESTINATION ${CMAKE_INSTALL_DATADIR}/fish/vendor_completions.d
+  COMPONENT peer)
