@@ -12,14 +12,15 @@
 
 // The name to ask `create` for (any letter case there), with major version 2.
 inline constexpr const char* kControlSshInterfaceName = "IControlSshPlugin";
+// The version to ask for; a module of another major version refuses.
 inline constexpr GXModVersion kControlSshVersion{2, 0, 0};
 
 // Result codes of the plugin's operations.
-inline constexpr std::uint32_t kGXModOk = 0;
-inline constexpr std::uint32_t kGXModNothingDone = 1;
-inline constexpr std::uint32_t kGXModFail = 0x80004005;
-inline constexpr std::uint32_t kGXModInvalidArgument = 0x80070057;
-inline constexpr std::uint32_t kGXModUnexpected = 0x8000FFFF;
+inline constexpr std::uint32_t kGXModOk = 0;                        // done
+inline constexpr std::uint32_t kGXModNothingDone = 1;               // too early, or there was nothing to do
+inline constexpr std::uint32_t kGXModFail = 0x80004005;             // failed; the reason is in the log
+inline constexpr std::uint32_t kGXModInvalidArgument = 0x80070057;  // null where an object is needed
+inline constexpr std::uint32_t kGXModUnexpected = 0x8000FFFF;       // out of order: no stream yet, or stopped
 
 // The byte stream to the far side. Implemented by the host; counted by the module while it is in use.
 // Lengths are bytes; `flags` is always 0. Read is called on one thread; Write on several, but one call at a
@@ -47,6 +48,7 @@ class IControlSshListener : public virtual IReference {
   virtual const char* GetRemoteAddress() = 0;
 };
 
+// What every plugin can be configured with.
 class IAutoConfigRaw : public virtual IReference {
  public:
   // Reserved. Does nothing and returns 0.
@@ -64,7 +66,9 @@ class IPluginRaw : public IAutoConfigRaw {
   // called from inside a callback of this plugin.
   virtual std::uint32_t ExitInstance() = 0;
 
+  // Reserved. Does nothing and returns 0.
   virtual std::uint32_t SetPermission(const char* /*name*/, int /*value*/) { return kGXModOk; }
+  // Reserved. Does nothing.
   virtual void Empty() {}
   // The stream given to InitInstance, counted; empty when there is none.
   virtual CRefObj<IPluginStreamRaw> GetPluginStream() { return {}; }
@@ -73,9 +77,10 @@ class IPluginRaw : public IAutoConfigRaw {
 // The interface that `create` hands out.
 class IControlSshPlugin : public virtual IPluginRaw, public virtual IGXModInterface {
  public:
-  // The address and port that local SSH clients connect to. Before a successful Run "127.0.0.1" and 22. The
-  // text is valid while the plugin lives and Run is not running.
+  // The address that local SSH clients connect to; "127.0.0.1" before a successful Run. The text is valid while
+  // the plugin lives and Run is not running.
   virtual const char* GetLocalAddress() = 0;
+  // The port that they connect to; 22 before a successful Run.
   virtual std::uint16_t GetLocalPort() = 0;
   // Takes a reference on `listener` and releases the previous one. Null clears it.
   virtual void SetListener(IControlSshListener* listener) = 0;

@@ -21,9 +21,10 @@
 
 namespace gxmod {
 
-inline constexpr std::size_t kFrameHeaderBytes = 16;
-inline constexpr std::size_t kTestRespondHeaderBytes = 8;
+inline constexpr std::size_t kFrameHeaderBytes = 16;       // in front of every payload
+inline constexpr std::size_t kTestRespondHeaderBytes = 8;  // in front of the message of a test response
 
+// What a frame says.
 enum class ConnectionType : std::uint8_t {
   Connect = 1,      // module to far side: open a connection; payload: target as host:port, no terminator
   Data = 2,         // either way: payload: bytes of the connection
@@ -33,9 +34,10 @@ enum class ConnectionType : std::uint8_t {
   ChannelList = 6,  // either way, id 0: payload: text of the channel list
 };
 
+// The fields of a header that mean something.
 struct FrameHeader {
-  std::uint32_t length = 0;  // of the payload, bytes
-  std::uint32_t connection_id = 0;
+  std::uint32_t length = 0;         // of the payload, bytes
+  std::uint32_t connection_id = 0;  // 0: of none
   ConnectionType type{};  // on receipt any value of one byte; the unknown ones are read in full and dropped
 };
 
@@ -61,7 +63,7 @@ inline FrameHeader DecodeFrameHeader(const void* in) {
 // The payload of a TestRespond frame: status (32 bits, 0 = the channel works), offset and length of a message
 // (16 bits each, the offset counted from the start of the payload), then bytes among which the message lies.
 struct TestResponse {
-  std::uint32_t status = 0;
+  std::uint32_t status = 0;     // 0: the channel works
   const char* text = nullptr;   // points into the payload; not terminated
   std::size_t text_length = 0;  // bytes up to the first NUL inside the range
 };

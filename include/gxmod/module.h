@@ -41,9 +41,10 @@ class IGXModRuntime {
  public:
   // Takes one log line, `text` without a line end. `level` is one of GXModLogLevel.
   virtual void Log(int level, const char* text) = 0;
-  // Reads, respectively writes, a value of the host's configuration. 0: nothing was done.
+  // Reads a value of the host's configuration. 0: nothing was done.
   virtual int GetConfig(bool scope, const char* section, const char* key, IGXModData** out,
                         const char* fallback) = 0;
+  // Writes a value of the host's configuration. 0: nothing was done.
   virtual int SaveConfig(bool scope, const char* section, const char* key, const char* value) = 0;
   // Returns null when nothing was found.
   virtual const char* GetEnv(const char* name) = 0;
@@ -59,7 +60,9 @@ class IGXModInterface : public virtual IReference {
   // True: `*out` is the named interface, counted for the caller. False: unknown name (letter case counts) or a
   // null argument; `*out` is untouched.
   virtual bool GetInterface(const char* name, void** out) = 0;
+  // Reserved. Keeps nothing and returns 0.
   virtual int SetProperty(const char* key, IGXModData* value) = 0;
+  // Reserved. Returns null.
   virtual IGXModData* GetProperty(const char* key) = 0;
 };
 
@@ -77,16 +80,18 @@ inline constexpr const char* kGXModPropertyInterfaceName = "gx.module.interface.
 
 // A version packed into 64 bits: major in bits 63-48, minor in bits 47-32, build in bits 31-0.
 struct GXModVersion {
-  std::uint16_t major_number = 0;
-  std::uint16_t minor_number = 0;
-  std::uint32_t build_number = 0;
+  std::uint16_t major_number = 0;  // of interfaces that fit together
+  std::uint16_t minor_number = 0;  // grows with what is added
+  std::uint32_t build_number = 0;  // grows with what is mended
 };
 
+// From three numbers to one.
 constexpr std::uint64_t GXModPackVersion(GXModVersion version) {
   return (static_cast<std::uint64_t>(version.major_number) << 48) |
          (static_cast<std::uint64_t>(version.minor_number) << 32) | version.build_number;
 }
 
+// And back.
 constexpr GXModVersion GXModUnpackVersion(std::uint64_t packed) {
   return {static_cast<std::uint16_t>(packed >> 48), static_cast<std::uint16_t>(packed >> 32),
           static_cast<std::uint32_t>(packed)};
@@ -95,7 +100,7 @@ constexpr GXModVersion GXModUnpackVersion(std::uint64_t packed) {
 // The entry record: one static, read-only object that lives as long as the module is loaded.
 struct gxlink_module_t {
   std::uint64_t version;  // packed
-  const char* name;
+  const char* name;       // "gx-control-ssh"
 
   // Gives the module its host's services. False for null. May be called again: the new runtime replaces the
   // old.
@@ -116,6 +121,7 @@ extern "C" const gxlink_module_t* gxmod_get_entrypoint();
 
 // The type to which a host casts what dlsym returns for kGXModEntryPoint.
 using gxmod_get_entrypoint_t = const gxlink_module_t* (*)();
+// The name to look the symbol up by.
 inline constexpr const char* kGXModEntryPoint = "gxmod_get_entrypoint";
 
 #endif  // GXMOD_MODULE_H

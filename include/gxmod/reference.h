@@ -29,16 +29,19 @@ class IReference {
 template <class T>
 class CRefObj {
  public:
-  CRefObj() noexcept = default;
-  CRefObj(std::nullptr_t) noexcept {}
+  CRefObj() noexcept = default;        // none
+  CRefObj(std::nullptr_t) noexcept {}  // none
 
   // Takes a reference of its own on `object`, which may be null.
   CRefObj(T* object) : object_(object) {
     if (object_ != nullptr) object_->AddRef();
   }
+  // Takes a reference of its own.
   CRefObj(const CRefObj& other) : CRefObj(other.object_) {}
+  // Takes over that of `other`, which is empty afterwards.
   CRefObj(CRefObj&& other) noexcept : object_(other.Detach()) {}
 
+  // Takes a reference of its own, to a base of the object.
   template <class U, class = std::enable_if_t<std::is_convertible<U*, T*>::value>>
   CRefObj(const CRefObj<U>& other) : CRefObj(static_cast<T*>(other.get())) {}
 
@@ -62,12 +65,14 @@ class CRefObj {
   // Hands the reference to the caller and leaves this pointer empty.
   [[nodiscard]] T* Detach() noexcept { return std::exchange(object_, nullptr); }
 
-  T* get() const noexcept { return object_; }
-  T* operator->() const noexcept { return object_; }
-  T& operator*() const noexcept { return *object_; }
-  explicit operator bool() const noexcept { return object_ != nullptr; }
+  T* get() const noexcept { return object_; }                             // borrowed; null when empty
+  T* operator->() const noexcept { return object_; }                      // not when empty
+  T& operator*() const noexcept { return *object_; }                      // not when empty
+  explicit operator bool() const noexcept { return object_ != nullptr; }  // false when empty
 
+  // The same object, or both empty.
   friend bool operator==(const CRefObj& a, const CRefObj& b) noexcept { return a.object_ == b.object_; }
+  // Not the same object.
   friend bool operator!=(const CRefObj& a, const CRefObj& b) noexcept { return a.object_ != b.object_; }
 
  private:
