@@ -20,7 +20,8 @@ install(FILES ${PROJECT_BINARY_DIR}/gxmod.pc DESTINATION ${GX_PC_DIR} COMPONENT 
 install(FILES examples/minimal_host.cc examples/CMakeLists.txt
   DESTINATION ${CMAKE_INSTALL_DATADIR}/doc/libgxmod-dev/examples COMPONENT dev)
 
-install(FILES docs/frames.md docs/limits.md DESTINATION ${CMAKE_INSTALL_DATADIR}/doc/libgxmod-dev COMPONENT dev)
+install(FILES docs/host-guide.md docs/frames.md docs/limits.md
+  DESTINATION ${CMAKE_INSTALL_DATADIR}/doc/libgxmod-dev COMPONENT dev)
 
 install(FILES docs/man/gx-ssh.1 DESTINATION ${CMAKE_INSTALL_MANDIR}/man1 COMPONENT gx-ssh)
 install(FILES docs/man/gx-ssh-peer.1 DESTINATION ${CMAKE_INSTALL_MANDIR}/man1 COMPONENT peer)
