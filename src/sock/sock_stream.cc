@@ -11,6 +11,7 @@
 
 #include "base/socket_address.h"
 #include "runtime/gxmod_runtime.h"
+#include "sock/tcp_linger_task.h"
 #include "sock/tcp_stream_task.h"
 
 GX_MONITOR_CLASS(4, CSockStream);
@@ -112,7 +113,9 @@ void CSockStream::do_op(SelectOp op) {
 
 bool CSockStream::Disconnect_impl(unsigned int reason) {
   if (!CBaseStream::Disconnect_impl(reason)) return false;
-  shutdown(socket_, SHUT_RDWR);
+  // The end of a write: all of it has left the stream, but perhaps not the system.
+  const bool lingers = reason == kStreamAgain && CTCPLingerTask::Start(socket_, tracker_);
+  if (!lingers) shutdown(socket_, SHUT_RDWR);
   try {
     Notify(kDisconnected, nullptr, reason, false);
   } catch (...) {  // whoever disconnects has others to disconnect, too

@@ -33,7 +33,9 @@ class CSockStream : public CBaseStream {
   // The socket has become ready for `op`. Reactor's work thread; the caller holds a reference.
   void do_op(SelectOp op);
 
-  // Shuts the socket down both ways and tells the handler, once. Never throws.
+  // Shuts the socket down both ways and tells the handler, once. At the end of a write (kStreamAgain) that the
+  // peer has not received in full yet, a CTCPLingerTask takes the receiving direction over instead. Never
+  // throws.
   bool Disconnect_impl(unsigned int reason) override;
   // The socket's own and its peer's address as text, "127.0.0.1:22".
   const char* GetStreamName_impl() const override { return local_name_.c_str(); }
