@@ -96,6 +96,8 @@ void CBaseThread::JoinOnce() {
 
 bool CBaseThread::IsRunning() const { return started_ && !exited_; }
 
+bool CBaseThread::IsCurrent() const { return own_id_ == GetCurrentThreadNumber(); }
+
 void CBaseThread::SetThreadName(const char* name) {
   if (name != nullptr) name_ = name;
 }

@@ -50,6 +50,8 @@ class CBaseThread {
   bool WaitThreadEnd(unsigned long timeout_ms);
   // Started and not yet exited.
   bool IsRunning() const;
+  // Called on this very thread. Any thread may ask.
+  bool IsCurrent() const;
   // Only stored; null is ignored.
   void SetThreadName(const char* name);
 

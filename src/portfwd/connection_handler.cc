@@ -73,7 +73,7 @@ void MyHandler::ReadInto(IBaseStream& stream, IBuffer& buffer) {
 void MyHandler::OnDisconnected() {
   if (owner_ == nullptr) return;
   owner_->DeleteStream(id_);
-  SendFrame(gxmod::ConnectionType::Close, {});
+  if (!owner_->LeaveCloseToReactor(id_)) SendFrame(gxmod::ConnectionType::Close, {});
 }
 
 // The header goes in front of the last `length` bytes of the buffer: into its spare room or over bytes that

@@ -1,11 +1,11 @@
 #include "portfwd/port_forward_client.h"
 
 #include <algorithm>
+#include <new>
 #include <utility>
 
 #include "portfwd/channel_list.h"
 #include "portfwd/frames.h"
-#include "portfwd/send_task.h"
 #include "portfwd/stream_decorator.h"
 #include "runtime/gxmod_runtime.h"
 #include "stream/mem_buffer.h"
@@ -184,7 +184,7 @@ unsigned long CPortForwardClientRaw::GetChannelsCount() {
 
 std::uint32_t CPortForwardClientRaw::TestChannel(const char* /*name*/, const char* /*protocol*/,
                                                  const char* text) {
-  PostControlFrame(gxmod::ConnectionType::TestChannel, text != nullptr ? text : "");
+  PostSendTask(reactor_, MakeSendTask(gxmod::ConnectionType::TestChannel, 0, text != nullptr ? text : ""));
   return kGXModOk;
 }
 
@@ -230,6 +230,18 @@ void CPortForwardClientRaw::DeleteStream(std::uint32_t id) {
   removed = connections_.extract(id);
 }
 
+// The far side may be waiting for the reader. The reactor may also hold data that it has just read and that
+// must not come behind the Close.
+bool CPortForwardClientRaw::LeaveCloseToReactor(std::uint32_t id) try {
+  if (!reader_.IsCurrent() || IsStopping()) return false;
+  SEND_TASK task = MakeSendTask(gxmod::ConnectionType::Close, id, "");
+  if (!task.frame) return false;
+  PostSendTask(reactor_, std::move(task));
+  return true;
+} catch (const std::bad_alloc&) {
+  return false;
+}
+
 CReactor_T<tcp_select_tracker>* CPortForwardClientRaw::get_Tracker() {
   CAutoLock lock(reactor_lock_);
   if (IsStopping()) return nullptr;
@@ -264,14 +276,16 @@ std::uint32_t CPortForwardClientRaw::SaveChannels() {
   }
   const std::string text = FormatChannelList(records);
   GXModLog(kGXModLogInfo, "[portfwd] channel list: %s", text.c_str());
-  PostControlFrame(gxmod::ConnectionType::ChannelList, text);
+  PostSendTask(reactor_, MakeSendTask(gxmod::ConnectionType::ChannelList, 0, text));
   return 0;
 }
 
-void CPortForwardClientRaw::PostControlFrame(gxmod::ConnectionType type, const std::string& payload) {
+// Without memory the task has no frame and does nothing.
+SEND_TASK CPortForwardClientRaw::MakeSendTask(gxmod::ConnectionType type, std::uint32_t id,
+                                              const std::string& payload) {
   const std::size_t frame_length = gxmod::kFrameHeaderBytes + payload.size();
   const CRefObj<IBuffer> frame = g_pMemAlloctor->GetFreeBuffer(frame_length);
-  if (!FillBuffer2(0, type, frame, 0, payload.data(), static_cast<std::uint32_t>(payload.size()))) return;
+  if (!FillBuffer2(id, type, frame, 0, payload.data(), static_cast<std::uint32_t>(payload.size()))) return {};
   frame->SetSize(frame_length);
-  PostSendTask(reactor_, {Writer(), frame});
+  return {Writer(), frame};
 }

@@ -14,6 +14,7 @@
 #include "portfwd/channel.h"
 #include "portfwd/connection_handler.h"
 #include "portfwd/plugin_writer.h"
+#include "portfwd/send_task.h"
 #include "portfwd/server_stream_thread.h"
 #include "reactor/reactor.h"
 
@@ -68,7 +69,8 @@ class CPortForwardClientRaw final : public IPortForwardClientRaw, private CRefer
   std::uint32_t Load(const wchar_t* /*config*/) override { return kGXModOk; }
   // kGXModInvalidArgument for null, which drops the stream held so far.
   std::uint32_t InitInstance(IPluginStreamRaw* stream) override;
-  // kGXModUnexpected without a stream, or when stopped; kGXModFail when the system has no thread for the reader.
+  // kGXModUnexpected without a stream, or when stopped; kGXModFail when the system has no thread for the
+  // reader.
   std::uint32_t Run() override;
   std::uint32_t ExitInstance() override;
   CRefObj<IPluginStreamRaw> GetPluginStream() override;
@@ -90,6 +92,9 @@ class CPortForwardClientRaw final : public IPortForwardClientRaw, private CRefer
   // For connections and the reader. Any thread.
   CRefObj<MyHandler> FindStream(std::uint32_t id);
   void DeleteStream(std::uint32_t id);
+  // Has the reactor write the Close frame when the reader calls, which must never wait for the far side. False:
+  // the caller has to write it.
+  bool LeaveCloseToReactor(std::uint32_t id);
   // Empty without a plugin stream.
   CRefObj<CPluginWriter> Writer();
   // The stream of the next frame. ExitInstance closes it also when another one has taken its place by then, so
@@ -110,7 +115,7 @@ class CPortForwardClientRaw final : public IPortForwardClientRaw, private CRefer
   template <class Matches>
   CRefObj<CChannelRaw> TakeChannel(Matches matches);
   std::uint32_t SaveChannels();
-  void PostControlFrame(gxmod::ConnectionType type, const std::string& payload);
+  SEND_TASK MakeSendTask(gxmod::ConnectionType type, std::uint32_t id, const std::string& payload);
   CRefObj<IListener> Listener();
 
   const Limits limits_;

@@ -1,4 +1,5 @@
-// Control frames are written by the reactor, so that whoever causes one never waits for the far side.
+// Frames that the reactor writes, so that whoever causes one never waits for the far side: control frames, and
+// the Close of a connection whose end the reader finds.
 #ifndef GX_PORTFWD_SEND_TASK_H
 #define GX_PORTFWD_SEND_TASK_H
 
