@@ -25,6 +25,17 @@ class FarSide {
   static void Echo(PluginStream& stream, const Frame& frame) {
     if (frame.type == gxmod::ConnectionType::Data) stream.Send(frame);
   }
+  // The same, and ends a connection when `bytes` of it have come.
+  static Answer EchoAndEnd(std::uint64_t bytes) {
+    return [bytes, left = std::map<std::uint32_t, std::uint64_t>()](PluginStream& stream,
+                                                                    const Frame& frame) mutable {
+      Echo(stream, frame);
+      if (frame.type != gxmod::ConnectionType::Data) return;
+      std::uint64_t& rest = left.try_emplace(frame.id, bytes).first->second;
+      rest -= std::min<std::uint64_t>(rest, frame.payload.size());
+      if (rest == 0) stream.Send({gxmod::ConnectionType::Close, frame.id, ""});
+    };
+  }
   // Takes everything, says nothing.
   static void Sink(PluginStream&, const Frame&) {}
   // Gives every connection the pattern of its id and ends it.

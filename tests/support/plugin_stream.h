@@ -117,7 +117,9 @@ class PluginStream final : public IPluginStreamRaw, private CReference {
     changed_.wait(lock, [&] {
       return closed_ || ReadFails() || (behaviour_.read_at_most != 0 && (ended_ || !to_module_.empty()));
     });
-    if (closed_ || ReadFails() || to_module_.empty()) return 1;
+    read_ended_ = closed_ || ReadFails() || to_module_.empty();
+    changed_.notify_all();
+    if (read_ended_) return 1;
     const std::size_t count =
         Cut(reads_, {length, to_module_.size(), behaviour_.read_at_most, behaviour_.fail_read_at - read_});
     std::memcpy(data, to_module_.data(), count);
@@ -156,6 +158,7 @@ class PluginStream final : public IPluginStreamRaw, private CReference {
 
   // Waits for room when the road to the module is bounded. Once the stream is closed the bytes go nowhere.
   void Send(const std::string& bytes) {
+    const std::lock_guard one_at_a_time(send_mutex_);
     std::unique_lock lock(mutex_);
     for (std::size_t done = 0; done < bytes.size();) {
       changed_.wait(lock, [&] { return closed_ || to_module_.size() < behaviour_.send_capacity; });
@@ -204,6 +207,11 @@ class PluginStream final : public IPluginStreamRaw, private CReference {
     std::unique_lock lock(mutex_);
     return changed_.wait_for(lock, kPatience, [&] { return to_module_.empty(); });
   }
+  // A Read has failed, or found the end.
+  bool WaitUntilReadEnds() {
+    std::unique_lock lock(mutex_);
+    return changed_.wait_for(lock, kPatience, [&] { return read_ended_; });
+  }
   bool WaitUntilWriteBlocks() {
     std::unique_lock lock(mutex_);
     return changed_.wait_for(lock, kPatience, [&] { return blocked_; });
@@ -211,6 +219,11 @@ class PluginStream final : public IPluginStreamRaw, private CReference {
   std::string Written() {
     const std::lock_guard lock(mutex_);
     return {from_module_.data(), from_module_.size()};
+  }
+  // Ever, whether taken by the far side or not.
+  std::size_t WrittenCount() {
+    const std::lock_guard lock(mutex_);
+    return written_;
   }
   bool IsClosed() {
     const std::lock_guard lock(mutex_);
@@ -236,6 +249,7 @@ class PluginStream final : public IPluginStreamRaw, private CReference {
                gxmod::DecodeFrameHeader(from_module_.data()).length;
   }
 
+  std::mutex send_mutex_;  // whole frames, before mutex_
   std::mutex mutex_;
   std::condition_variable changed_;
   Behaviour behaviour_;
@@ -250,6 +264,7 @@ class PluginStream final : public IPluginStreamRaw, private CReference {
   std::size_t written_ = 0;
   bool closed_ = false;
   bool ended_ = false;
+  bool read_ended_ = false;
   bool blocked_ = false;
   std::atomic<int> writers_{0};
   std::atomic<bool> overlapped_{false};

@@ -1,0 +1,175 @@
+// Many local connections, and every way to end one.
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <string>
+#include <thread>
+
+#include "support/far_side.h"
+#include "support/forwarding.h"
+#include "support/heap.h"
+#include "support/scale.h"
+#include "support/swarm.h"
+
+namespace {
+
+using gxtest::ConnectionType;
+using gxtest::Eventually;
+using gxtest::FarSide;
+using gxtest::Pattern;
+using gxtest::PatternFault;
+using gxtest::Rounds;
+using gxtest::Scale;
+using gxtest::Swarm;
+using gxtest::TcpClient;
+
+constexpr std::size_t kMebibyte = 1024 * 1024;
+constexpr std::chrono::minutes kSwarmPatience{10};  // it gives up by itself when nothing moves
+
+class ConnectionsTest : public gxtest::ForwardingTest {
+ protected:
+  void SetUp() override {
+    ForwardingTest::SetUp();
+    TcpClient(address_).Close();  // what is made once and kept is made now
+    ASSERT_TRUE(stream_->Receive(ConnectionType::Close));
+  }
+
+  // `clients` at once send `bytes` each and get them back; one Connect and one Close for each.
+  void EchoForAll(std::size_t clients, std::size_t bytes, FarSide::Answer answer = FarSide::Echo) {
+    const FarSide far(stream_, std::move(answer));
+    Swarm swarm(address_, clients, bytes);
+    EXPECT_TRUE(swarm.Succeeds(kSwarmPatience));
+    EXPECT_TRUE(far.WaitForCloses(clients));
+    const FarSide::Totals total = far.Total();
+    EXPECT_EQ(total.fault, "");
+    EXPECT_EQ(total.connects, clients);
+    EXPECT_EQ(total.closes, clients);
+    EXPECT_EQ(total.bytes, clients * bytes);
+    EXPECT_FALSE(stream_->Overlapped());
+  }
+};
+
+TEST_F(ConnectionsTest, TwoHundredAtOnce) { EchoForAll(200, Scale(kMebibyte / 64, kMebibyte)); }
+
+TEST_F(ConnectionsTest, NineHundredAtOnce) { EchoForAll(900, Scale(1000U, 20'000U)); }
+
+// Both roads of the carrier are always full, so each side has to go on while the other waits.
+TEST_F(ConnectionsTest, NarrowCarrierNeverStandsStill) {
+  stream_->Behave({.capacity = 4096, .send_capacity = 4096});
+  EchoForAll(64, Scale(kMebibyte / 16, 4 * kMebibyte));
+}
+
+// The reader must not stand still to report an end while the far side waits for it to read.
+TEST_F(ConnectionsTest, NarrowCarrierNeverStandsStillWhileTheFarSideEnds) {
+  stream_->Behave({.capacity = 4096, .send_capacity = 4096});
+  const std::size_t bytes = Scale(kMebibyte / 16, kMebibyte);
+  EchoForAll(64, bytes, FarSide::EchoAndEnd(bytes));
+}
+
+TEST_F(ConnectionsTest, ComingAndGoingLeavesNothing) {
+  const auto round_trip = [&](std::uint32_t seed) {
+    Connection connection = Connect();
+    const std::string bytes = Pattern(1000, seed);
+    ASSERT_TRUE(connection.local.Send(bytes));
+    ASSERT_EQ(ReceiveData(connection.id, bytes.size()), bytes);
+    stream_->Send({ConnectionType::Data, connection.id, bytes});
+    ASSERT_EQ(connection.local.Receive(bytes.size()), bytes);
+    connection.local.Close();
+    ASSERT_TRUE(stream_->Receive(ConnectionType::Close));
+    if (seed % 100 == 0) log_.Lines();
+  };
+  round_trip(100);
+  ASSERT_TRUE(stream_->WaitUntilRead());
+  const int descriptors = gxtest::OpenDescriptors();
+  const int threads = gxtest::Threads();
+  const std::int64_t objects = gxtest::LiveObjects();
+  const std::size_t heap = gxtest::HeapBytes();
+  const auto rounds = static_cast<std::uint32_t>(Rounds(1000, 20'000));
+  for (std::uint32_t round = 1; round <= rounds && !HasFatalFailure(); ++round) round_trip(round);
+  log_.Lines();
+  EXPECT_TRUE(Eventually([&] { return gxtest::LiveObjects() <= objects; })) << gxtest::LiveObjects() - objects;
+  EXPECT_LE(gxtest::OpenDescriptors(), descriptors);
+  EXPECT_EQ(gxtest::Threads(), threads);
+  constexpr std::size_t kCached = 64 * 1024;  // freed blocks that malloc keeps for the thread count as used
+  EXPECT_LE(gxtest::HeapBytes(), heap + kCached);
+}
+
+// The client ends in some way behind an upload; all of it arrives, and one Close.
+TEST_F(ConnectionsTest, EndsByTheClient) {
+  const int rounds = Rounds(200, 1000);
+  std::size_t total = 0;
+  const FarSide far(stream_, FarSide::Sink);
+  for (int round = 0; round < rounds && !HasFailure(); ++round) {
+    TcpClient local(address_);
+    const std::size_t length = round % 3 == 0 ? 0U : 50'000U;
+    ASSERT_TRUE(local.Send(Pattern(length, static_cast<std::uint32_t>(round + 1))));
+    switch (round % 4) {
+      case 0:
+        local.Close();
+        break;
+      case 1:
+        local.FinishSending();
+        EXPECT_EQ(local.ReceiveToEnd(), "");
+        break;
+      case 2:  // a reset may overtake what was sent, so that is waited for
+        EXPECT_TRUE(Eventually([&] { return far.Total().bytes == total + length; })) << far.Total().bytes;
+        local.Reset();
+        break;
+      default:
+        local.FinishSending();
+        local.Close();
+        break;
+    }
+    total += length;
+    EXPECT_TRUE(far.WaitForCloses(static_cast<std::size_t>(round + 1)));
+    EXPECT_EQ(far.Total().bytes, total) << round;
+    EXPECT_EQ(far.Total().fault, "");
+  }
+}
+
+// The far side ends behind a mebibyte, which a client gets in full, fast or slow.
+class FarSideEnds : public ConnectionsTest {
+ protected:
+  void ReadToTheEnd(bool sends_meanwhile, std::chrono::microseconds pause) {
+    TcpClient local(address_);
+    const int small = 64 * 1024;
+    setsockopt(local.socket_handle(), SOL_SOCKET, SO_RCVBUF, &small, sizeof small);
+    std::atomic<bool> stop{false};
+    std::thread sender([&] {
+      while (sends_meanwhile && !stop) {
+        send(local.socket_handle(), "still here", 10, MSG_NOSIGNAL | MSG_DONTWAIT);
+        std::this_thread::sleep_for(std::chrono::microseconds(50));
+      }
+    });
+    std::string received;
+    for (std::string part; received.size() < kMebibyte; received += part) {
+      part = local.Receive(std::min<std::size_t>(20'000, kMebibyte - received.size()));
+      if (part.empty()) break;
+      std::this_thread::sleep_for(pause);
+    }
+    stop = true;
+    sender.join();
+    ASSERT_EQ(received.size(), kMebibyte);
+    EXPECT_EQ(PatternFault(received, gxtest::PatternWord::Decode(received.data())->seed), "");
+    EXPECT_TRUE(local.WaitForEnd());
+  }
+
+  void ReadToTheEndInTurn(bool sends_meanwhile) {
+    const FarSide far(stream_, FarSide::Source(kMebibyte));
+    const std::size_t rounds = static_cast<std::size_t>(Rounds(20, 500));
+    for (std::size_t round = 1; round <= rounds && !HasFailure(); ++round) {
+      ReadToTheEnd(sends_meanwhile, std::chrono::microseconds(round % 2 * 200));
+      EXPECT_TRUE(far.WaitForCloses(round));
+      EXPECT_EQ(far.Total().closes, round);
+      EXPECT_EQ(far.Total().fault, "");
+    }
+  }
+};
+
+TEST_F(FarSideEnds, BehindAMebibyte) { ReadToTheEndInTurn(false); }
+
+// What it sends after the end must not reset the connection: the tail would be lost.
+TEST_F(FarSideEnds, BehindAMebibyteForAClientThatStillSends) { ReadToTheEndInTurn(true); }
+
+}  // namespace
