@@ -17,6 +17,8 @@ namespace {
 
 constexpr int kNoProgressMs = 10'000;
 constexpr std::size_t kPartBytes = 64 * 1024;
+constexpr std::size_t kWaitForAnswer =
+    100;  // clients; more could fill a backlog, and that takes a second to mend
 
 struct Client {
   int socket;
@@ -70,12 +72,13 @@ int main(int argc, char** argv) {
   descriptors.rlim_cur = descriptors.rlim_max;
   setrlimit(RLIMIT_NOFILE, &descriptors);
 
+  const std::size_t count = std::strtoull(argv[2], nullptr, 10);
   const std::size_t total = std::strtoull(argv[3], nullptr, 10);
   std::vector<Client> clients;
-  while (clients.size() < std::strtoull(argv[2], nullptr, 10)) {
-    clients.push_back(Connect(std::atoi(argv[1]), static_cast<std::uint32_t>(clients.size() + 1)));
-  }
-  for (std::size_t finished = 0; finished < clients.size();) {
+  for (std::size_t answered = 0, finished = 0; finished < count;) {
+    while (clients.size() < std::min(count, answered + kWaitForAnswer)) {
+      clients.push_back(Connect(std::atoi(argv[1]), static_cast<std::uint32_t>(clients.size() + 1)));
+    }
     std::vector<pollfd> waiters;
     for (const Client& client : clients) {
       const bool wants_answer = client.received < total;
@@ -88,10 +91,11 @@ int main(int argc, char** argv) {
         if (client.received < total) GiveUp(client, "nothing moves");
       }
     }
-    finished = 0;
+    answered = finished = 0;
     for (std::size_t i = 0; i < clients.size(); ++i) {
       if (waiters[i].revents & POLLOUT) SendPart(clients[i], total);
       if (waiters[i].revents & (POLLIN | POLLERR | POLLHUP)) ReceivePart(clients[i]);
+      if (clients[i].received != 0) ++answered;
       if (clients[i].received == total) ++finished;
     }
   }
