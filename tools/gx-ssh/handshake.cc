@@ -29,7 +29,7 @@ Handshake::Handshake(asio::io_context& io, Descriptor input, int output, std::ch
 
 void Handshake::Read() {
   input_.async_read_some(asio::buffer(chunk_), lifetime_.Guard([this](asio::error_code error, std::size_t got) {
-    error ? Fail("it has ended before it was ready") : Take({chunk_.data(), got});
+    error ? Fail("it has ended before it was ready; does it run gx-ssh-peer?") : Take({chunk_.data(), got});
   }));
 }
 

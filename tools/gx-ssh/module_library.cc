@@ -79,7 +79,10 @@ ModuleLibrary::ModuleLibrary(const std::string& path, IGXModRuntime& runtime)
     // A bare file name would be searched for in the system's folders.
     : path_(path.find('/') == std::string::npos ? "./" + path : path),
       handle_(dlopen(path_.c_str(), RTLD_NOW | RTLD_LOCAL)) {
-  if (!handle_) throw Failure(kExitModule, std::string("cannot load the module: ") + dlerror());
+  if (!handle_) {
+    throw Failure(kExitModule,
+                  std::string("cannot load the module: ") + dlerror() + "; --module PATH names another one");
+  }
   const auto get_entry = reinterpret_cast<gxmod_get_entrypoint_t>(dlsym(handle_.get(), kGXModEntryPoint));
   if (get_entry == nullptr) throw Failure(kExitModule, std::string("cannot load the module: ") + dlerror());
 

@@ -10,6 +10,7 @@
 #include "gx-ssh/failure.h"
 #include "gx-ssh/module_library.h"
 #include "link/duration.h"
+#include "link/escape.h"
 #include "link/host_port.h"
 
 namespace gxtool {
@@ -64,6 +65,16 @@ ListenAddress Listen(const std::string& text) {
   result.address = *host;
   result.port = *port;
   return result;
+}
+
+// It becomes a word in ssh's configuration.
+std::string Name(const std::string& text) {
+  const auto is_plain = [](char c) {
+    return (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || (c >= '0' && c <= '9') || c == '-' || c == '_' ||
+           c == '.';
+  };
+  if (!text.empty() && std::all_of(text.begin(), text.end(), is_plain)) return text;
+  throw CLI::ValidationError("--name \"" + text + "\": letters, digits, '-', '_' and '.' make a name");
 }
 
 PrintFormat Print(const std::string& text) {
@@ -145,8 +156,8 @@ void DeclareOutput(CLI::App& app, Options& options) {
           "Listen there (any port of 127.0.0.1)");
   AddText(app, "--print", options.print, Print, "FORMAT",
           "What standard output tells: addr, port, json, env, ssh-config, none (addr)");
-  app.add_option("--name", options.name, "Name of the far side for ssh-config and its host key (gx-ssh)")
-      ->option_text("NAME");
+  AddText(app, "--name", options.name, Name, "NAME",
+          "Name of the far side for ssh-config and its host key (gx-ssh)");
   app.add_flag("--json", options.json, "Events on standard output, one object a line");
   app.add_option("--port-file", options.port_file, "Write the address to FILE while the port is open")
       ->option_text("FILE");
@@ -172,7 +183,7 @@ std::string Contradiction(const Options& options) {
 }
 
 int Complain(const std::string& mistake) {
-  std::fprintf(stderr, "gx-ssh: %s\n%s\n", mistake.c_str(), kHint);
+  std::fprintf(stderr, "gx-ssh: %s\n%s\n", Escape(mistake, 1000).c_str(), kHint);
   return kExitUsage;
 }
 

@@ -68,6 +68,7 @@ TEST(OptionsTest, EachMistakeHasOneLineAndAHint) {
       {{"--local", "--reconnect=no"}, "not a number of attempts"},
       {{"--local", "--listen", "localhost:1"}, "must be numeric"},
       {{"--local", "--listen", "unix:"}, "a path is missing"},
+      {{"--local", "--name", "box\n  ProxyCommand x"}, "--name \"box\\n"},
       {{"--local", "--print", "xml"}, "addr, port, json"},
       {{"--local", "--print", "port", "--listen", "unix:/x"}, "has none"},
       {{"--local", "-W", "--run", "x"}, "-W and --run"},

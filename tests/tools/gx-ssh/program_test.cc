@@ -255,7 +255,7 @@ TEST_F(ProgramTest, EachBadFarSideHasItsOwnMessage) {
       {{},
        "echo oh >&2; exit 3",
        kExitNotReady,
-       R"(it has ended before it was ready; carrier "sh", exit status 3: oh)"},
+       R"(it has ended before it was ready; does it run gx-ssh-peer?; carrier "sh", exit status 3: oh)"},
       {{"--connect-timeout", "200ms"},
        "printf 'Welcome\\033[1m\\n'; cat >/dev/null",
        kExitNotReady,
