@@ -67,7 +67,8 @@ void Console::Draw() {
 void Console::Wipe() {
   if (status_.empty()) return;
   const auto lines = 1 + std::count(status_.begin(), status_.end(), '\n');
-  WriteOut("\x1b[" + std::to_string(lines) + "A\x1b[J");
+  // The terminal may have echoed a key since, and moved the cursor.
+  WriteOut("\r\x1b[" + std::to_string(lines) + "A\x1b[J");
 }
 
 void ModuleLog::Log(int level, const char* text) {
