@@ -32,6 +32,7 @@ constexpr std::uint8_t kTalk = 0x10;        // the local side has something to s
 constexpr std::uint8_t kEndStream = 0xE0;   // when all three are set: the stream ends in the middle
 constexpr std::size_t kMostChannels = 4;    // in one list
 constexpr std::size_t kConnections = 2;
+constexpr std::uint32_t kNobody = 0x8000'0000;  // in ids that no connection has, however many there have been
 
 using Frames = std::vector<gxtest::Frame>;
 
@@ -151,7 +152,7 @@ class Fixture {
     std::string wire;
     for (gxtest::Frame& frame : frames) {
       const std::size_t index = frame.id - 1;
-      if (index < kConnections) frame.id = connections_[index].id;
+      frame.id = index < kConnections ? connections_[index].id : frame.id | kNobody;
       if (frame.type == ConnectionType::Data && index < kConnections && !closed[index])
         data[index] += frame.payload;
       if (frame.type == ConnectionType::Close && index < kConnections) closed[index] = true;
