@@ -205,6 +205,7 @@ class Fixture {
     shutdown(ends[0], SHUT_WR);
     gxtool::PeerOptions options;
     std::string why;
+    options.allow = gxtool::AllowList();
     for (const std::string& entry : {echo_.address(), std::string(kName) + ":*"}) {
       Check(options.allow.Add(entry, &why));
     }
