@@ -97,10 +97,10 @@ def markdown(heading, lines):
     return "\n".join("| " + " | ".join(line) + " |" for line in table)
 
 
-def table(runs, tunnels):
-    """Medians, with the least and the greatest of the rounds in parentheses."""
+def table(runs, tunnels, some=None):
+    """Medians, with the least and the greatest of the rounds in parentheses. `some`: only these of the rows."""
     return markdown(["", *tunnels], [[f"{mode} {figure}"] + [cell(runs, mode, tunnel, figure) for tunnel in tunnels]
-                                     for mode, figure in rows(runs)])
+                                     for mode, figure in rows(runs) if some is None or (mode, figure) in some])
 
 
 def ratios(runs, tunnels):
@@ -136,6 +136,21 @@ def goals(runs):
         what = f"{goal.mode} {goal.figure}" + (f", / {goal.over}" if goal.over else "")
         lines.append([what, ("≥ " if goal.at_least else "≤ ") + f"{goal.bound:g}", number(value), verdict])
     return markdown(["goal", "bound", "is", ""], lines)
+
+
+# What goes into the documents: the goals' figures and a few that explain them.
+MAIN = {(goal.mode, goal.figure) for goal in GOALS} | {
+    ("trip", "p99.9_us"), ("trip", "cpu_us_per_trip"), ("trip-up", "p99_us"), ("trip-down", "p99_us"),
+    ("idle-0", "p50_us"), ("idle-100", "p50_us"), ("idle-400", "p50_us"), ("idle-900", "rss_mb")}
+
+BEGIN, END = "<!-- the last run -->\n", "<!-- up to here -->\n"
+
+
+def replace_section(text, about, runs, tunnels):
+    """A document with the figures of this run between its two marks."""
+    before, rest = text.split(BEGIN)
+    section = "\n\n".join([about, table(runs, tunnels, MAIN), goals(runs)])
+    return f"{before}{BEGIN}\n{section}\n\n{END}{rest.split(END)[1]}"
 
 
 def failures(runs):

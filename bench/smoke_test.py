@@ -113,6 +113,10 @@ class Results(unittest.TestCase):
         self.assertIn("| up-1 mb_per_s, / ssh -L | ≥ 1.2 | 1.30 | reached |", results.goals(runs))
         self.assertIn("| up-1 cpu_s_per_gb, / ssh -L | ≤ 0.8 | – | not measured |", results.goals(runs))
         self.assertEqual(results.failures(runs), ["up-1, nginx: wrong bytes at offset 3"])
+        old = f"before\n{results.BEGIN}old\n{results.END}after\n"
+        new = results.replace_section(old, "today", runs, ["gx-ssh"])
+        self.assertRegex(new, r"(?s)^before\n.*\ntoday\n\n\|.*\| up-1 mb_per_s \| 130 .*\nafter\n$")
+        self.assertEqual(results.replace_section(new, "today", runs, ["gx-ssh"]), new)
         runs["up-1", "gx-ssh"][0] = {"mb_per_s": 110}
         self.assertIn("| 1.10 | NOT reached |", results.goals(runs))
 

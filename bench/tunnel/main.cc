@@ -68,6 +68,8 @@ Figures Run(const Options& options) {
   const auto run = std::ranges::find(Workloads(), options.workload, &Workload::name)->run;
   try {
     return run(plan);
+  } catch (const WrongBytes&) {
+    throw;
   } catch (const Failure&) {
     // What the target saw is nearer to the reason than what became of the connection after it had given up.
     if (target.failure().empty()) throw;
