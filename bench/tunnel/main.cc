@@ -2,8 +2,12 @@
 #include <sys/resource.h>
 
 #include <CLI/CLI.hpp>
+#include <algorithm>
+#include <cstdint>
+#include <cstdio>
 #include <iostream>
-#include <map>
+#include <string>
+#include <vector>
 
 #include "failure.h"
 #include "target.h"
@@ -80,11 +84,11 @@ Figures Run(const Options& options) {
 }  // namespace
 
 int main(int argc, char** argv) {
-  CLI::App app("Loads a tunnel, checks every byte and prints figures.");
-  Options options;
-  Declare(app, options);
-  CLI11_PARSE(app, argc, argv);
   try {
+    CLI::App app("Loads a tunnel, checks every byte and prints figures.");
+    Options options;
+    Declare(app, options);
+    CLI11_PARSE(app, argc, argv);
     AllowManyDescriptors();
     Print(Run(options), options.json);
     return 0;

@@ -57,6 +57,7 @@ auto OnThreads(std::size_t count, const Body& body) {
   std::vector<std::future<Result>> running;
   for (std::size_t i = 0; i < count; ++i) running.push_back(std::async(std::launch::async, std::cref(body), i));
   std::vector<Result> results;
+  results.reserve(count);
   for (auto& each : running) results.push_back(each.get());
   return results;
 }
