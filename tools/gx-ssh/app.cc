@@ -160,7 +160,9 @@ void App::OnLinkDown(const Failure& why) {
 
 void App::OnFrame(const gxmod::FrameHeader& header, bool sent) {
   const auto change = traffic_.Count(header, sent);
-  if (change) asio::post(io_, [this, change = *change] { reporter_.OnConnection(change); });
+  // Waking the main thread costs more than all else that a short connection takes of this program.
+  if (change && reporter_.TellsConnections())
+    asio::post(io_, [this, change = *change] { reporter_.OnConnection(change); });
 }
 
 void App::Reconnect(const Failure& why) {

@@ -53,6 +53,8 @@ void Reporter::OnLink(const std::string& state, const std::string& detail) {
   Emit("link", object);
 }
 
+bool Reporter::TellsConnections() const { return options_.json || spdlog::should_log(spdlog::level::debug); }
+
 void Reporter::OnConnection(const Traffic::Change& change) {
   spdlog::debug("{}", ConnectionLine(change));
   const Traffic::Connection& connection = change.connection;

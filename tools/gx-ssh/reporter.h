@@ -25,6 +25,8 @@ class Reporter {
   void OnListening(const ListenAddress& address);
   // `state` is one word: starting, up, lost, ended. `detail` may be empty.
   void OnLink(const std::string& state, const std::string& detail);
+  // False: nobody would see what OnConnection tells. Any thread.
+  bool TellsConnections() const;
   void OnConnection(const Traffic::Change& change);
   // The last word.
   void OnExit(int status, const std::string& reason);
