@@ -237,22 +237,16 @@ class Fixture {
     std::vector<std::string> test_answers;
     std::vector<std::string> pongs;
     for (const Frame& frame : answered) {
-      switch (frame.type) {
-        case ConnectionType::TestRespond:
-          test_answers.push_back(frame.payload.substr(gxmod::kTestRespondHeaderBytes));
-          break;
-        case gxtool::kPongFrame:
-          pongs.push_back(frame.payload);
-          break;
-        case ConnectionType::Close:
-          Check(connects[frame.id]-- > 0);
-          break;
-        case ConnectionType::Data:
-        case gxtool::kEndOfInputFrame:
-          Check(connects[frame.id] > 0);
-          break;
-        default:
-          Check(frame.type == gxtool::kGoodbyeFrame && &frame == &answered.back());
+      if (frame.type == ConnectionType::TestRespond) {
+        test_answers.push_back(frame.payload.substr(gxmod::kTestRespondHeaderBytes));
+      } else if (frame.type == gxtool::kPongFrame) {
+        pongs.push_back(frame.payload);
+      } else if (frame.type == ConnectionType::Close) {
+        Check(connects[frame.id]-- > 0);
+      } else if (frame.type == ConnectionType::Data || frame.type == gxtool::kEndOfInputFrame) {
+        Check(connects[frame.id] > 0);
+      } else {
+        Check(frame.type == gxtool::kGoodbyeFrame && &frame == &answered.back());
       }
     }
     Check(test_answers == tests && pongs == pings);
