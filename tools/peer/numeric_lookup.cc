@@ -1,5 +1,5 @@
-// Stands in for lookup.cc and cached_lookup.cc in the static program. The C library's resolver loads parts of itself at
-// run time, from a system that is another one over there, so this program looks nothing up.
+// Stands in for lookup.cc and cached_lookup.cc in the static program. The C library's resolver loads parts of
+// itself at run time, from a system that is another one over there, so this program looks nothing up.
 #include "peer/cached_lookup.h"
 
 namespace gxtool {
