@@ -1,26 +1,14 @@
 """A tunnel with a busy session in it, of which something is killed."""
 
 import contextlib
-import glob
 import os
-import secrets
 import signal
 import time
 
-from throwaway import END_S, Child, Clients, Failure, write, write_script
+from throwaway import Child, Clients, Failure, nothing_left, wait_until_gone, write_script
 
 VICTIMS = ("gx-ssh", "carrier", "peer")
 WAYS = ("port", "run", "proxy")  # ssh comes from outside; gx-ssh starts it; it starts gx-ssh
-
-
-def started_with(marker):
-    """The processes that have `marker` in their environment."""
-    found = []
-    for path in glob.glob("/proc/[0-9]*/environ"):
-        with contextlib.suppress(OSError), open(path, "rb") as file:  # it may be gone, or another user's
-            if marker.encode() in file.read():
-                found.append(int(path.split("/")[2]))
-    return found
 
 
 class KillRound:
@@ -52,25 +40,19 @@ class KillRound:
 
     def kill(self, victim, delay):
         """Returns how many seconds after the kill everything was over."""
-        marker = secrets.token_hex(16)
-        env = {**os.environ, "GX_SSH_TEST": marker}
-        first = "session" if self._way == "proxy" else "gx-ssh"
-        with contextlib.ExitStack() as exits:
-            tunnel = exits.enter_context(Child([f"{self._folder}/{first}"], env=env))
+        with nothing_left(self._folder), contextlib.ExitStack() as exits:
+            tunnel = exits.enter_context(Child([f"{self._folder}/{'session' if self._way == 'proxy' else 'gx-ssh'}"]))
             pid = self._wait_for_pid(victim)
             time.sleep(delay / 2)
             port = self._way == "port" and tunnel.out.wait_for(r":(\d+)$", 0)
             if port:
-                env["GX_SSH_PORT"] = port.group(1)
-                exits.enter_context(Child([f"{self._folder}/session"], env=env))
+                os.environ["GX_SSH_PORT"] = port.group(1)
+                exits.enter_context(Child([f"{self._folder}/session"]))
             time.sleep(delay / 2)
             os.kill(pid, signal.SIGKILL)
             start = time.monotonic()
             status = tunnel.wait()
-            while left := started_with(marker):
-                if time.monotonic() > start + END_S:
-                    raise Failure(f"after the kill of {victim} ({self._way}) these still run: {left}")
-                time.sleep(0.01)
+            wait_until_gone(os.environ["GX_SSH_TEST"])
             took = time.monotonic() - start
         self._judge(victim, status, tunnel.err.text())
         return took

@@ -14,7 +14,7 @@ import tempfile
 import time
 
 from kills import VICTIMS, WAYS, KillRound
-from throwaway import Clients, Failure, ProxyCommand, SshServer, Tunnel, bounded, free_port, run
+from throwaway import Clients, Failure, ProxyCommand, SshServer, Tunnel, bounded, free_port, nothing_left, run
 
 SCENARIOS = {}
 
@@ -97,16 +97,17 @@ def parallel_sessions(tools, server):
 @scenario
 def sessions(tools, server):
     """A command's two outputs and its status, a terminal and its shell's status; through a port and through -W."""
-    for way in (Tunnel(tools, server), ProxyCommand(tools, server)):
-        with way, way.session("far", "echo out; echo err >&2; exit 42") as command, \
-                way.session("-tt", "far") as terminal:
-            command.expect_status(42)
-            expect(command.out.text() == "out", "its standard output did not come through")
-            expect("err" in command.err.text().split(), "its standard error did not come through")
-            terminal.send("echo typed-'by'-hand\n")
-            terminal.expect(terminal.out, "typed-by-hand")
-            terminal.send("exit 7\n")
-            terminal.expect_status(7)
+    with Tunnel(tools, server) as tunnel:
+        for way in (tunnel, ProxyCommand(tools, server)):
+            with way.session("far", "echo out; echo err >&2; exit 42") as command:
+                command.expect_status(42)
+                expect(command.out.text() == "out", "its standard output did not come through")
+                expect("err" in command.err.text().split(), "its standard error did not come through")
+            with way.session("-tt", "far") as terminal:
+                terminal.send("echo typed-'by'-hand\n")
+                terminal.expect(terminal.out, "typed-by-hand")
+                terminal.send("exit 7\n")
+                terminal.expect_status(7)
 
 
 def make_tree(root):
@@ -136,22 +137,22 @@ def tree_copies(tools, server):
     """A tree there and back by scp, rsync and git."""
     tree, there, back, clone = (f"{server.folder}/{name}" for name in ("tree", "there", "back", "clone"))
     make_tree(tree)
-    with ProxyCommand(tools, server) as proxy:
-        ssh = f"ssh -F {proxy.config}"
-        for command in (proxy.command("scp", "-q", "-p", "-r"), ["rsync", "-a", "-e", ssh]):
-            # rsync copies what is in a folder whose name ends in a slash, scp the folder itself.
-            slash = "/" if command[0] == "rsync" else ""
-            run([*command, tree + slash, f"far:{there}"])
-            run([*command, f"far:{there}{slash}", back])
-            expect(describe_tree(tree) == describe_tree(there) == describe_tree(back), f"{command[0]}: trees differ")
-            shutil.rmtree(there)
-            shutil.rmtree(back)
-        git = ["git", "-C", tree, "-c", "user.name=x", "-c", "user.email=x", "-c", f"core.sshCommand={ssh}"]
-        run([*git, "init", "-q"])
-        run([*git, "add", "."])
-        run([*git, "commit", "-q", "-m", "x"])
-        run([*git, "clone", "-q", f"far:{tree}", clone])
-        expect(sha256(f"{clone}/a/b/c/large") == sha256(f"{tree}/a/b/c/large"), "git cloned something else")
+    proxy = ProxyCommand(tools, server)
+    ssh = f"ssh -F {proxy.config}"
+    for command in (proxy.command("scp", "-q", "-p", "-r"), ["rsync", "-a", "-e", ssh]):
+        # rsync copies what is in a folder whose name ends in a slash, scp the folder itself.
+        slash = "/" if command[0] == "rsync" else ""
+        run([*command, tree + slash, f"far:{there}"])
+        run([*command, f"far:{there}{slash}", back])
+        expect(describe_tree(tree) == describe_tree(there) == describe_tree(back), f"{command[0]}: trees differ")
+        shutil.rmtree(there)
+        shutil.rmtree(back)
+    git = ["git", "-C", tree, "-c", "user.name=x", "-c", "user.email=x", "-c", f"core.sshCommand={ssh}"]
+    run([*git, "init", "-q"])
+    run([*git, "add", "."])
+    run([*git, "commit", "-q", "-m", "x"])
+    run([*git, "clone", "-q", f"far:{tree}", clone])
+    expect(sha256(f"{clone}/a/b/c/large") == sha256(f"{tree}/a/b/c/large"), "git cloned something else")
 
 
 @scenario
@@ -167,7 +168,8 @@ def interrupted(tools, server):
 @scenario
 def proxy_command(tools, server):
     """ssh starts gx-ssh -W itself: one after the other, and many at once."""
-    with ProxyCommand(tools, server) as proxy, contextlib.ExitStack() as open_sessions:
+    proxy = ProxyCommand(tools, server)
+    with contextlib.ExitStack() as open_sessions:
         for number in range(tools.rounds):
             expect(proxy.run("ssh", "far", f"echo {number}") == f"{number}\n", "a command printed something else")
         sessions_at_once = [open_sessions.enter_context(proxy.session("far", "cat; exit 42"))
@@ -185,14 +187,14 @@ def shared_proxy(tools, server):
     """Sessions that share one ssh connection through gx-ssh -W, and a forwarded port inside it."""
     port = free_port()
     control = ("-o", f"ControlPath={server.folder}/control")
-    with ProxyCommand(tools, server) as proxy:
-        with proxy.session("-M", "-N", *control, "-L", f"{port}:127.0.0.1:{server.port}", "far") as master:
-            wait_for_path(f"{server.folder}/control")
-            expect(proxy.run("ssh", *control, "far", "echo shared") == "shared\n", "the shared session failed")
-            inner = Clients(server, "HostName 127.0.0.1", f"Port {port}")
-            expect(inner.run("ssh", "far", "echo inner") == "inner\n", "the forwarded port does not lead to sshd")
-            proxy.run("ssh", *control, "-O", "exit", "far")
-            master.wait()
+    proxy = ProxyCommand(tools, server)
+    with proxy.session("-M", "-N", *control, "-L", f"{port}:127.0.0.1:{server.port}", "far") as master:
+        wait_for_path(f"{server.folder}/control")
+        expect(proxy.run("ssh", *control, "far", "echo shared") == "shared\n", "the shared session failed")
+        inner = Clients(server, "HostName 127.0.0.1", f"Port {port}")
+        expect(inner.run("ssh", "far", "echo inner") == "inner\n", "the forwarded port does not lead to sshd")
+        proxy.run("ssh", *control, "-O", "exit", "far")
+        master.wait()
 
 
 @scenario
@@ -221,7 +223,7 @@ def main():
     arguments = parse_arguments()
     try:
         with bounded(arguments.limit_s), tempfile.TemporaryDirectory(prefix="gx-ssh-") as folder:
-            with SshServer(folder) as server:
+            with SshServer(folder) as server, nothing_left(folder):
                 SCENARIOS[arguments.scenario](arguments, server)
         say(f"{arguments.scenario} succeeded")
     except Failure as failure:

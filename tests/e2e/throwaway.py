@@ -10,12 +10,14 @@ import glob
 import os
 import pwd
 import re
+import secrets
 import shutil
 import signal
 import socket
 import subprocess
 import tempfile
 import threading
+import time
 
 READY_S = 30  # until a program that was started is ready
 END_S = 30  # until a program that was told to end is gone
@@ -46,14 +48,14 @@ def bounded(seconds):
 class Lines:
     """Collects the lines of a pipe on a thread of its own. The pipe ends when nobody can write to it any more."""
 
-    def __init__(self, open_pipe):
+    def __init__(self, pipe):
         self._lines = []
         self._ended = False
         self._changed = threading.Condition()
-        threading.Thread(target=self._collect, args=(open_pipe,), daemon=True).start()
+        threading.Thread(target=self._collect, args=(pipe,), daemon=True).start()
 
-    def _collect(self, open_pipe):
-        with open_pipe() as pipe:
+    def _collect(self, pipe):
+        with pipe:
             for line in pipe:
                 with self._changed:
                     self._lines.append(line.rstrip("\r\n"))
@@ -83,15 +85,15 @@ class Lines:
 class Child:
     """A program in a session of its own. Leaving the `with` block kills whatever is left of it."""
 
-    def __init__(self, command, env=None):
+    def __init__(self, command):
         self.name = os.path.basename(command[0])
         self._process = subprocess.Popen(
             command, stdin=subprocess.PIPE, stdout=subprocess.PIPE, stderr=subprocess.PIPE,
-            env=env, text=True, errors="replace", start_new_session=True)
+            text=True, errors="replace", start_new_session=True)
         self.pid = self._process.pid
         self.stdin = self._process.stdin
-        self.out = Lines(lambda: self._process.stdout)
-        self.err = Lines(lambda: self._process.stderr)
+        self.out = Lines(self._process.stdout)
+        self.err = Lines(self._process.stderr)
 
     def __enter__(self):
         return self
@@ -300,94 +302,77 @@ class Clients:
         return Child(self.command("ssh", *arguments))
 
 
-def report_environment(folder):
-    """Built with a sanitizer, the tools write its reports to files, so that none is overlooked."""
-    env = dict(os.environ)
+def started_with(marker):
+    """The processes that have `marker` in their environment."""
+    found = []
+    for path in glob.glob("/proc/[0-9]*/environ"):
+        with contextlib.suppress(OSError), open(path, "rb") as file:  # it may be gone, or another user's
+            if marker.encode() in file.read():
+                found.append(int(path.split("/")[2]))
+    return found
+
+
+def wait_until_gone(marker):
+    limit = time.monotonic() + END_S
+    while left := started_with(marker):
+        if time.monotonic() > limit:
+            raise Failure(f"these processes still run: {left}")
+        time.sleep(0.01)
+
+
+@contextlib.contextmanager
+def nothing_left(folder):
+    """What is started inside has ended by itself when the block is left, and no sanitizer has complained."""
+    os.environ["GX_SSH_TEST"] = marker = secrets.token_hex(16)
     for name in ("ASAN_OPTIONS", "TSAN_OPTIONS", "UBSAN_OPTIONS"):
-        env[name] = ":".join(filter(None, [env.get(name), f"log_path={folder}/report"]))
-    return env
-
-
-def expect_no_reports(folder):
+        os.environ[name] = ":".join(filter(None, [os.environ.get(name), f"log_path={folder}/report"]))
+    yield
+    wait_until_gone(marker)
     for path in glob.glob(f"{glob.escape(folder)}/report.*"):
         with open(path, encoding="utf-8", errors="replace") as file:
             raise Failure(f"a sanitizer reported:\n{file.read()}")
 
 
 class ProxyCommand(Clients):
-    """ssh starts gx-ssh -W for each connection, and gx-ssh starts gx-ssh-peer. Both hold a pipe as long as they live."""
+    """ssh starts gx-ssh -W for each connection. There is a banner before the far side's first word."""
 
     def __init__(self, tools, server):
         target = f"127.0.0.1:{server.port}"
-        self._life = f"{server.folder}/life"
-        self._program = f"{server.folder}/proxy"
-        super().__init__(server, f"ProxyCommand {self._program}")
-        os.environ.update(report_environment(server.folder))
-        write_script(self._program, f"""
-            exec 9>"{self._life}"
+        program = f"{server.folder}/proxy"
+        super().__init__(server, f"ProxyCommand {program}")
+        write_script(program, f"""
             exec "{tools.gx_ssh}" -q -W --target {target} -- \\
               sh -c 'echo "a banner"; exec "$@"' sh "{tools.gx_ssh_peer}" -q --allow {target}
             """)
-
-    def __enter__(self):
-        os.mkfifo(self._life)
-        reader = os.open(self._life, os.O_RDONLY | os.O_NONBLOCK)
-        os.set_blocking(reader, True)
-        # Held open here until the end, so that the pipe does not end between two of them.
-        self._holder = os.open(self._life, os.O_WRONLY)
-        self._lives = Lines(lambda: open(reader, encoding="ascii"))
-        return self
-
-    def __exit__(self, *failure):
-        os.close(self._holder)
-        if failure[0] is None:
-            if not self._lives.wait_for_end(END_S):
-                raise Failure("ssh has ended, but gx-ssh or gx-ssh-peer still runs")
-            expect_no_reports(self.folder)
 
 
 class Tunnel(Clients):
     """gx-ssh between clients and the server, with gx-ssh-peer as a process of its own or, `local`, inside."""
 
     def __init__(self, tools, server, local=False):
-        self.folder = server.folder
-        self.server = server
+        self._server = server
         target = f"127.0.0.1:{server.port}"
-        # The shell writes the process number that gx-ssh-peer takes over from it, along with the open pipe.
-        self._peer_life = f"{self.folder}/peer.life"
-        peer = ["sh", "-c", 'exec 9>"$0" && echo $$ >&9 && exec "$@"', self._peer_life,
-                tools.gx_ssh_peer, "--allow", target]
-        self._command = [tools.gx_ssh, "--target", target] + (["--local"] if local else ["--", *peer])
-        self._local = local
+        far_side = ["--local"] if local else ["--", tools.gx_ssh_peer, "--allow", target]
+        self._command = [tools.gx_ssh, "--target", target, *far_side]
         self._over = False
 
     def __enter__(self):
-        if not self._local:
-            os.mkfifo(self._peer_life)
-            self._peer = Lines(lambda: open(self._peer_life, encoding="ascii"))
-        self.host = Child(self._command, env=report_environment(self.folder))
+        self._host = Child(self._command)
         try:
-            self.port = self.host.expect(self.host.out, r"^127\.0\.0\.1:(\d+)$").group(1)
-            super().__init__(self.server, "HostName 127.0.0.1", f"Port {self.port}")
+            self.port = self._host.expect(self._host.out, r"^127\.0\.0\.1:(\d+)$").group(1)
+            super().__init__(self._server, "HostName 127.0.0.1", f"Port {self.port}")
         except BaseException:
-            self.host.__exit__()
+            self._host.__exit__()
             raise
         return self
 
     def __exit__(self, *failure):
-        with self.host:
+        with self._host:
             if failure[0] is None and not self._over:
                 self.stop()
-        if failure[0] is None:
-            self._expect_no_peer()
-            expect_no_reports(self.folder)
 
     def stop(self, number=signal.SIGTERM):
         """Ends the tunnel as a user does."""
         self._over = True
-        self.host.signal(number)
-        self.host.expect_status(0)
-
-    def _expect_no_peer(self):
-        if not (self._local or self._peer.wait_for_end(END_S)):
-            raise Failure("gx-ssh has ended, but gx-ssh-peer still runs")
+        self._host.signal(number)
+        self._host.expect_status(0)

@@ -15,7 +15,7 @@
 namespace gxtool {
 namespace {
 
-void WriteOut(std::string_view text) { WriteAll(STDERR_FILENO, text); }
+void WriteOut(std::string_view text) { WriteText(STDERR_FILENO, text); }
 
 // No line may be wider than the terminal: it would take two, and Wipe would not know.
 std::string Fit(const std::string& lines) {

@@ -52,7 +52,7 @@ void SetNonBlocking(int fd, bool on) {
   Check(fcntl(fd, F_SETFL, on ? flags | O_NONBLOCK : flags & ~O_NONBLOCK), "fcntl");
 }
 
-void WriteAll(int fd, std::string_view text) {
+void WriteText(int fd, std::string_view text) {
   while (!text.empty()) {
     const ssize_t taken = write(fd, text.data(), text.size());
     pollfd wait{fd, POLLOUT, 0};

@@ -44,7 +44,7 @@ Descriptor Duplicate(int fd);
 void SetNonBlocking(int fd, bool on);
 
 // Blocks until all of `text` is written, whatever mode `fd` is in, or nobody takes any more.
-void WriteAll(int fd, std::string_view text);
+void WriteText(int fd, std::string_view text);
 
 // Puts /dev/null where 0, 1 or 2 is closed, so that nothing else that is opened later lands there and is then
 // taken for standard input or output.

@@ -76,7 +76,7 @@ void Reporter::OnExit(int status, const std::string& reason) {
 void Reporter::PrintOut(const std::string& text) {
   // Both may be one terminal; the next tick shows the status again, below this.
   if (!text.empty()) console_.SetStatus({});
-  WriteAll(output_, text);
+  WriteText(output_, text);
 }
 
 void Reporter::PrintTable() {

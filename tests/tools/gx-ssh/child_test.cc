@@ -9,7 +9,7 @@
 
 #include "gx-ssh/descriptor.h"
 #include "gx-ssh/failure.h"
-#include "stream_fixture.h"
+#include "tools/io.h"
 
 namespace gxtool {
 namespace {
@@ -27,7 +27,7 @@ std::string Output(const std::string& command,
   Pipe pipe = MakePipe();
   Child child({{"sh", "-c", command}, 0, pipe.write.get(), 2, more});
   pipe.write.Reset();
-  return ReadAll(pipe.read.get());
+  return ReadToEnd(pipe.read.get());
 }
 
 int WaitStatus(const std::string& command) {
@@ -98,10 +98,10 @@ TEST(ChildTest, LeavesNothingBehind) {
     Pipe pipe = MakePipe();
     Child child({{"sh", "-c", command}, 0, pipe.write.get(), 2});
     pipe.write.Reset();
-    EXPECT_EQ(ReadAll(pipe.read.get(), 6), "ready\n");
+    EXPECT_EQ(ReadExactly(pipe.read.get(), 6), "ready\n");
     const auto start = std::chrono::steady_clock::now();
     child.End();
-    EXPECT_EQ(ReadAll(pipe.read.get()), "") << command;
+    EXPECT_EQ(ReadToEnd(pipe.read.get()), "") << command;
     EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(5)) << command;
   }
 }
@@ -118,7 +118,7 @@ TEST(ChildTest, SignalsReachTheProgram) {
   Pipe pipe = MakePipe();
   Child child(
       {{"sh", "-c", "trap 'exit 7' TERM; echo ready; while :; do sleep 0.01; done"}, 0, pipe.write.get(), 2});
-  ReadAll(pipe.read.get(), 6);
+  ReadExactly(pipe.read.get(), 6);
   child.Signal(SIGTERM);
   EXPECT_EQ(Child::ExitStatus(Await(child)), 7);
 }

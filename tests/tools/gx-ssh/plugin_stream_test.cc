@@ -60,7 +60,7 @@ TEST_F(PluginStreamTest, AnswersPingsBetweenFramesOnly) {
   EXPECT_TRUE(WriteModule(frame.substr(20)));
   stream_->Finish("done", kPatience);
   stream_ = {};
-  EXPECT_EQ(ReadAll(far_.get()),
+  EXPECT_EQ(ReadToEnd(far_.get()),
             frame + MakeFrame(kPongFrame, 0, "12345678") + MakeFrame(kGoodbyeFrame, 0, "done"));
 }
 
@@ -70,7 +70,7 @@ TEST_F(PluginStreamTest, RawStreamsCarryNothingButTheModulesFrames) {
   EXPECT_TRUE(WriteModule(DataFrame(1, "x")));
   stream_->Finish("done", kPatience);
   stream_ = {};
-  EXPECT_EQ(ReadAll(far_.get()), DataFrame(1, "x"));
+  EXPECT_EQ(ReadToEnd(far_.get()), DataFrame(1, "x"));
 }
 
 // A far side that does not read fills everything that lies in between; what was taken arrives uncut all the
@@ -86,7 +86,7 @@ TEST_F(PluginStreamTest, SlowFarSideGetsEveryByteInOrder) {
     }
     return true;
   });
-  EXPECT_TRUE(ReadAll(far_.get(), expected.size()) == expected);
+  EXPECT_TRUE(ReadExactly(far_.get(), expected.size()) == expected);
   EXPECT_TRUE(module.get());
 }
 
@@ -98,7 +98,7 @@ TEST_F(PluginStreamTest, CloseReleasesWhoWaits) {
     }
   });
   // The far side takes something first, so that both are surely at work.
-  ReadAll(far_.get(), 1'000'000);
+  ReadExactly(far_.get(), 1'000'000);
   stream_->Close();
   EXPECT_EQ(reader.wait_for(kPatience), std::future_status::ready);
   EXPECT_EQ(writer.wait_for(kPatience), std::future_status::ready);

@@ -1,10 +1,8 @@
 // gx-ssh as people use it: the real module, the real far side, and far sides that fail.
 
-#include <arpa/inet.h>
 #include <fcntl.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
-#include <netinet/in.h>
 #include <signal.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
@@ -13,91 +11,18 @@
 
 #include <filesystem>
 #include <fstream>
-#include <list>
-#include <thread>
 
-#include "gx-ssh/child.h"
-#include "gx-ssh/descriptor.h"
 #include "gx-ssh/failure.h"
 #include "gx-ssh/relay.h"
-#include "stream_fixture.h"
+#include "link/control_frames.h"
+#include "support/temp_dir.h"
+#include "tools/io.h"
 
 namespace gxtool {
 namespace {
 
 using testing::HasSubstr;
 using Arguments = std::vector<std::string>;
-
-// Sends back what it gets, until it gets no more.
-class EchoServer {
- public:
-  EchoServer() : listener_(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0)) {
-    sockaddr_in address{};
-    address.sin_family = AF_INET;
-    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    socklen_t size = sizeof address;
-    auto* const generic = reinterpret_cast<sockaddr*>(&address);
-    EXPECT_EQ(bind(listener_.get(), generic, size), 0);
-    EXPECT_EQ(listen(listener_.get(), 100), 0);
-    EXPECT_EQ(getsockname(listener_.get(), generic, &size), 0);
-    address_ = "127.0.0.1:" + std::to_string(ntohs(address.sin_port));
-    thread_ = std::thread([this] { Serve(); });
-  }
-  ~EchoServer() {
-    shutdown(listener_.get(), SHUT_RDWR);
-    thread_.join();
-    for (std::thread& client : clients_) client.join();
-  }
-  const std::string& address() const { return address_; }
-
- private:
-  void Serve() {
-    int client = -1;
-    while ((client = accept4(listener_.get(), nullptr, nullptr, SOCK_CLOEXEC)) >= 0) {
-      clients_.emplace_back([socket = Descriptor(client)] {
-        char chunk[65536];
-        for (ssize_t got = 0; (got = read(socket.get(), chunk, sizeof chunk)) > 0;) {
-          if (send(socket.get(), chunk, static_cast<std::size_t>(got), MSG_NOSIGNAL) != got) break;
-        }
-      });
-    }
-  }
-
-  Descriptor listener_;
-  std::string address_;
-  std::list<std::thread> clients_;
-  std::thread thread_;
-};
-
-class Program {
- public:
-  explicit Program(Arguments arguments, int input = 0)
-      : child_({Prepend(std::move(arguments)), input, output_.write.get(), errors_.write.get()}) {
-    output_.write.Reset();
-    errors_.write.Reset();
-  }
-
-  std::string Line() { return ReadLine(output_.read.get()); }
-  std::string Output() { return ReadAll(output_.read.get()); }
-  int errors() const { return errors_.read.get(); }
-  std::string Errors() { return ReadAll(errors_.read.get()); }
-  void Signal(int number) { child_.Signal(number); }
-  int Status() {
-    const auto limit = std::chrono::steady_clock::now() + kPatience;
-    while (!child_.Poll() && std::chrono::steady_clock::now() < limit) usleep(1000);
-    return child_.Poll() ? Child::ExitStatus(*child_.Poll()) : -1;
-  }
-
- private:
-  static Arguments Prepend(Arguments arguments) {
-    arguments.insert(arguments.begin(), GX_SSH_PROGRAM);
-    return arguments;
-  }
-
-  Pipe output_ = MakePipe();
-  Pipe errors_ = MakePipe();
-  Child child_;
-};
 
 Descriptor Connect(const std::string& address) {
   const std::size_t colon = address.rfind(':');
@@ -119,17 +44,11 @@ Descriptor ConnectUnix(const std::string& path) {
 // What comes back for `text` from an echo server at the other end.
 std::string Echo(const Descriptor& connection, const std::string& text) {
   EXPECT_EQ(send(connection.get(), text.data(), text.size(), MSG_NOSIGNAL), static_cast<ssize_t>(text.size()));
-  return ReadAll(connection.get(), text.size());
+  return ReadExactly(connection.get(), text.size());
 }
 
 class ProgramTest : public testing::Test {
  protected:
-  ProgramTest() {
-    std::string name = testing::TempDir() + "gx-ssh-XXXXXX";
-    folder_ = mkdtemp(name.data());
-  }
-  ~ProgramTest() override { std::filesystem::remove_all(folder_); }
-
   // Options, then a far side made of shell commands.
   static Arguments WithShell(Arguments options, const std::string& commands) {
     const Arguments more = {"--", "sh", "-c", commands};
@@ -138,23 +57,23 @@ class ProgramTest : public testing::Test {
   }
   // Options, then the real far side for the echo server. The carrier's status says nothing.
   Arguments WithPeer(Arguments options) const {
-    options.insert(options.end(), {"--target", echo_.address()});
-    return WithShell(options, "sh -c 'echo $$ >" + folder_ + "/pid; exec " + GX_PEER_PROGRAM + " --allow " +
-                                  echo_.address() + "'; exit 9");
+    options.insert(options.end(), {"--target", server_.target().Address()});
+    return WithShell(options, "sh -c 'echo $$ >" + folder_.path() + "/pid; exec " + GX_PEER_PROGRAM +
+                                  " --allow " + server_.target().Address() + "'; exit 9");
   }
   void SignalPeer(int number) const {
     pid_t peer = 0;
-    std::ifstream(folder_ + "/pid") >> peer;
+    std::ifstream(folder_.path() + "/pid") >> peer;
     EXPECT_EQ(kill(peer, number), 0);
   }
   // A descriptor with that content to read.
   Descriptor Input(const std::string& content) const {
-    std::ofstream(folder_ + "/input") << content;
-    return Descriptor(open((folder_ + "/input").c_str(), O_RDONLY | O_CLOEXEC));
+    std::ofstream(folder_.path() + "/input") << content;
+    return Descriptor(open((folder_.path() + "/input").c_str(), O_RDONLY | O_CLOEXEC));
   }
 
-  EchoServer echo_;
-  std::string folder_;
+  const EchoServer server_;
+  const TempDir folder_;
 };
 
 // A shell command that prints `bytes`.
@@ -173,7 +92,7 @@ const std::string kGoodbye = Print(MakeFrame(kGoodbyeFrame, 0, "bye"));
 
 TEST_F(ProgramTest, ForwardsUntilItIsStopped) {
   for (const int number : {SIGTERM, SIGINT, SIGHUP}) {
-    Program program(WithPeer({}));
+    Program program(GX_SSH_PROGRAM, WithPeer({}));
     const std::string address = program.Line();
     EXPECT_EQ(Echo(Connect(address), "hello"), "hello");
     program.Signal(number);
@@ -184,25 +103,18 @@ TEST_F(ProgramTest, ForwardsUntilItIsStopped) {
 }
 
 TEST_F(ProgramTest, WhatTheModulePrintsIsNotOutput) {
-  Program program({"--local", "--module", GX_FAKE_MODULE});
+  Program program(GX_SSH_PROGRAM, {"--local", "--module", GX_FAKE_MODULE});
   EXPECT_EQ(program.Line(), "127.0.0.1:7");
   program.Signal(SIGTERM);
   EXPECT_EQ(program.Output(), "");
   EXPECT_EQ(program.Errors(), "a careless library\n");
 }
 
-TEST_F(ProgramTest, LocalFarSideNeedsNoCarrier) {
-  Program program({"--local", "--target", echo_.address()});
-  EXPECT_EQ(Echo(Connect(program.Line()), "hello"), "hello");
-  program.Signal(SIGTERM);
-  EXPECT_EQ(program.Status(), kExitOk);
-}
-
 // The end of the input comes long before the answer, which must be whole all the same.
 TEST_F(ProgramTest, StandardIoCarriesEverythingAndTheAnswer) {
   for (const std::size_t size : {0u, 5u, 3'000'000u}) {
     const std::string sent(size, 'x');
-    Program program(WithPeer({"-W"}), Input(sent).get());
+    Program program(GX_SSH_PROGRAM, WithPeer({"-W"}), Input(sent).get());
     EXPECT_TRUE(program.Output() == sent) << size;
     EXPECT_EQ(program.Errors(), "");
     EXPECT_EQ(program.Status(), kExitOk);
@@ -210,16 +122,17 @@ TEST_F(ProgramTest, StandardIoCarriesEverythingAndTheAnswer) {
 }
 
 TEST_F(ProgramTest, StandardIoThatReachesNothingIsNoSuccess) {
-  Program program({"-W", "--target", echo_.address(), "--", GX_PEER_PROGRAM}, Input("unheard").get());
+  Program program(GX_SSH_PROGRAM, {"-W", "--target", server_.target().Address(), "--", GX_PEER_PROGRAM},
+                  Input("unheard").get());
   EXPECT_EQ(program.Output(), "");
-  EXPECT_THAT(program.Errors(), HasSubstr("--allow " + echo_.address()));
+  EXPECT_THAT(program.Errors(), HasSubstr("--allow " + server_.target().Address()));
   EXPECT_EQ(program.Status(), kExitLinkLost);
 }
 
 TEST_F(ProgramTest, StandardIoThatTheFarSideCutsIsNoSuccess) {
   const Pipe input = MakePipe();
-  Program program(WithPeer({"-W"}), input.read.get());
-  WriteAll(input.write.get(), "hello\n");
+  Program program(GX_SSH_PROGRAM, WithPeer({"-W"}), input.read.get());
+  WriteText(input.write.get(), "hello\n");
   EXPECT_EQ(program.Line(), "hello");
   SignalPeer(SIGTERM);
   EXPECT_EQ(program.Errors(), "gx-ssh: the far side has ended: stopped\n");
@@ -228,7 +141,8 @@ TEST_F(ProgramTest, StandardIoThatTheFarSideCutsIsNoSuccess) {
 
 TEST_F(ProgramTest, RunsACommandAndEndsWithItsStatus) {
   const Descriptor input = Input("typed");
-  Program program(WithPeer({"--run", "cat; test $GX_SSH_ADDR = $GX_SSH_HOST:$GX_SSH_PORT && exit 7"}),
+  Program program(GX_SSH_PROGRAM,
+                  WithPeer({"--run", "cat; test $GX_SSH_ADDR = $GX_SSH_HOST:$GX_SSH_PORT && exit 7"}),
                   input.get());
   EXPECT_EQ(program.Output(), "typed");
   EXPECT_EQ(program.Status(), 7);
@@ -237,7 +151,7 @@ TEST_F(ProgramTest, RunsACommandAndEndsWithItsStatus) {
 TEST_F(ProgramTest, FailedTunnelEndsTheCommand) {
   for (const std::string& far_side :
        {kReady + "sleep 0.1", std::string("exit 1"), std::string("no-such-program")}) {
-    Program program(WithShell({"--run", "sleep 60; :"}, far_side));
+    Program program(GX_SSH_PROGRAM, WithShell({"--run", "sleep 60; :"}, far_side));
     EXPECT_EQ(program.Output(), "");
     EXPECT_EQ(program.Status(), kExitTunnel) << far_side;
   }
@@ -275,7 +189,7 @@ TEST_F(ProgramTest, EachBadFarSideHasItsOwnMessage) {
       {{"--raw"}, "sleep 0.1", kExitLinkLost, "link lost: end of the stream"},
   };
   for (const BadFarSide& bad : cases) {
-    Program program(WithShell(bad.options, bad.commands));
+    Program program(GX_SSH_PROGRAM, WithShell(bad.options, bad.commands));
     const std::string errors = program.Errors();
     EXPECT_THAT(errors, HasSubstr(bad.complaint));
     EXPECT_EQ(program.Status(), bad.status) << errors;
@@ -284,14 +198,14 @@ TEST_F(ProgramTest, EachBadFarSideHasItsOwnMessage) {
 
 TEST_F(ProgramTest, CarrierThatCannotRunHasTheShellsStatus) {
   for (const auto& [carrier, status] : {std::pair{"no-such-program", 127}, std::pair{"/etc/passwd", 126}}) {
-    Program program({"--", carrier});
+    Program program(GX_SSH_PROGRAM, {"--", carrier});
     EXPECT_THAT(program.Errors(), HasSubstr(std::string("gx-ssh: cannot run \"") + carrier));
     EXPECT_EQ(program.Status(), status);
   }
 }
 
 TEST_F(ProgramTest, FarSideThatSaysGoodbyeIsNoLoss) {
-  Program program(WithPeer({}));
+  Program program(GX_SSH_PROGRAM, WithPeer({}));
   program.Line();
   SignalPeer(SIGTERM);
   EXPECT_EQ(program.Errors(), "gx-ssh: the far side has ended: stopped\n");
@@ -299,13 +213,13 @@ TEST_F(ProgramTest, FarSideThatSaysGoodbyeIsNoLoss) {
 }
 
 TEST_F(ProgramTest, ReconnectsAtTheSameAddress) {
-  Program program(WithPeer({"--reconnect"}));
+  Program program(GX_SSH_PROGRAM, WithPeer({"--reconnect"}));
   const std::string address = program.Line();
   for (int round = 0; round < 3; ++round) {
     const Descriptor connection = Connect(address);
     EXPECT_EQ(Echo(connection, "hello"), "hello") << round;
     SignalPeer(SIGKILL);
-    EXPECT_EQ(ReadAll(connection.get()), "") << "a connection of the lost link is closed";
+    EXPECT_EQ(ReadToEnd(connection.get()), "") << "a connection of the lost link is closed";
   }
   program.Signal(SIGTERM);
   EXPECT_THAT(program.Errors(), HasSubstr("the link is up again"));
@@ -313,22 +227,22 @@ TEST_F(ProgramTest, ReconnectsAtTheSameAddress) {
 }
 
 TEST_F(ProgramTest, GivesUpAfterSoManyAttempts) {
-  Program program(WithShell({"--reconnect=2"}, "exit 1"));
+  Program program(GX_SSH_PROGRAM, WithShell({"--reconnect=2"}, "exit 1"));
   const std::string errors = program.Errors();
   EXPECT_EQ(std::count(errors.begin(), errors.end(), '\n'), 3) << errors;
   EXPECT_EQ(program.Status(), kExitNotReady);
 }
 
 TEST_F(ProgramTest, UnixSocketIsTheOwnersAndGoesAway) {
-  const std::string path = folder_ + "/socket";
+  const std::string path = folder_.path() + "/socket";
   for (int round = 0; round < 2; ++round) {
-    Program program(WithPeer({"--listen", "unix:" + path}));
+    Program program(GX_SSH_PROGRAM, WithPeer({"--listen", "unix:" + path}));
     EXPECT_EQ(program.Line(), "unix:" + path);
     struct stat info {};
     EXPECT_EQ(stat(path.c_str(), &info), 0);
     EXPECT_EQ(info.st_mode & 0777, 0600u);
     EXPECT_EQ(Echo(ConnectUnix(path), "hello"), "hello");
-    Program second(WithPeer({"--listen", "unix:" + path}));
+    Program second(GX_SSH_PROGRAM, WithPeer({"--listen", "unix:" + path}));
     EXPECT_EQ(second.Status(), kExitListen) << "somebody listens there";
     program.Signal(round == 0 ? SIGKILL : SIGTERM);
     program.Status();
@@ -337,8 +251,8 @@ TEST_F(ProgramTest, UnixSocketIsTheOwnersAndGoesAway) {
 }
 
 TEST_F(ProgramTest, ScriptsGetEventsAndAPortFile) {
-  const std::string port_file = folder_ + "/port";
-  Program program(WithPeer({"--json", "--port-file", port_file}));
+  const std::string port_file = folder_.path() + "/port";
+  Program program(GX_SSH_PROGRAM, WithPeer({"--json", "--port-file", port_file}));
   EXPECT_THAT(program.Line(), HasSubstr(R"({"event":"link",)"));
   EXPECT_THAT(program.Line(), HasSubstr(R"("state":"up"})"));
   EXPECT_THAT(program.Line(), HasSubstr(R"({"event":"listening",)"));
@@ -362,7 +276,7 @@ TEST_F(ProgramTest, ScriptsGetEventsAndAPortFile) {
 // Everything that the carrier has started holds standard error, so its end is theirs.
 TEST_F(ProgramTest, KilledProgramLeavesNothingBehind) {
   const std::string stubborn = "trap '' TERM HUP INT; while :; do sleep 60; done";
-  Program program(WithShell({}, "(" + stubborn + ") & " + kReady + stubborn));
+  Program program(GX_SSH_PROGRAM, WithShell({}, "(" + stubborn + ") & " + kReady + stubborn));
   EXPECT_THAT(program.Line(), HasSubstr("127.0.0.1:"));
   program.Signal(SIGKILL);
   const auto start = std::chrono::steady_clock::now();

@@ -37,13 +37,5 @@ TEST(ReportTest, JsonStaysOnOneLineWhateverIsInIt) {
   EXPECT_EQ(object.Text(), R"({"text":"a\"b\\c\u000a\u0001","number":9223372036854775808,"seconds":1.500})");
 }
 
-TEST(ReportTest, TableHasALineForEachConnectionAndTheTotals) {
-  const std::vector<std::string> lines =
-      Table({{7, Traffic::Clock::now(), 5, 2048}}, {.connections = 9, .open = 1, .sent = 10, .received = 4096});
-  ASSERT_EQ(lines.size(), 3u);
-  EXPECT_EQ(lines[1], "         7      0.0s         5 B     2.0 KiB");
-  EXPECT_EQ(lines[2], "     all 9                  10 B     4.0 KiB");
-}
-
 }  // namespace
 }  // namespace gxtool

@@ -16,28 +16,9 @@
 #include "gx-ssh/descriptor.h"
 #include "gx-ssh/plugin_stream.h"
 #include "link/control_frames.h"
+#include "tools/io.h"
 
 namespace gxtool {
-
-inline constexpr auto kPatience = std::chrono::seconds(20);
-
-// Everything that a descriptor brings until its end, or the first `limit` bytes.
-inline std::string ReadAll(int fd, std::size_t limit = std::string::npos) {
-  std::string all;
-  char chunk[65536];
-  while (all.size() < limit) {
-    const ssize_t got = read(fd, chunk, std::min(sizeof chunk, limit - all.size()));
-    if (got <= 0) break;
-    all.append(chunk, static_cast<std::size_t>(got));
-  }
-  return all;
-}
-
-inline std::string ReadLine(int fd) {
-  std::string line;
-  for (std::string byte; (byte = ReadAll(fd, 1)) != "" && byte != "\n";) line += byte;
-  return line;
-}
 
 // Writes down what the stream tells.
 class Diary : public StreamObserver {

@@ -12,34 +12,10 @@ using ::testing::ElementsAre;
 using ::testing::HasSubstr;
 using ::testing::IsEmpty;
 
-// Answers every connection with what it says, until it ends.
-class EchoServer {
- public:
-  explicit EchoServer(int connections) : thread_([this, connections] { Serve(connections); }) {}
-  ~EchoServer() { thread_.join(); }
-  const Target& target() const { return target_; }
-
- private:
-  void Serve(int connections) {
-    std::vector<std::thread> threads;
-    for (int i = 0; i < connections; ++i) {
-      threads.emplace_back([fd = target_.Accept()] {
-        for (std::string piece = ReadSome(fd.get()); !piece.empty(); piece = ReadSome(fd.get())) {
-          if (!WriteAll(fd.get(), piece)) break;
-        }
-      });
-    }
-    for (std::thread& thread : threads) thread.join();
-  }
-
-  Target target_;
-  std::thread thread_;
-};
-
 TEST(PeerTest, CarriesManyConnectionsBothWaysAtOnce) {
   constexpr std::uint32_t kConnections = 32;
   constexpr std::size_t kBytes = 512 * 1024;
-  EchoServer server(kConnections);
+  EchoServer server;
   Rig rig;
   std::map<std::uint32_t, std::string> sent;
   for (std::uint32_t id = 1; id <= kConnections; ++id) sent[id] = Pattern(kBytes, id);
@@ -151,20 +127,20 @@ TEST(PeerTest, FixedTargetOverridesWhatIsAsked) {
   Rig rig(std::move(options));
   rig.Send(ConnectionType::Connect, 1, "whatever this is");
   rig.Send(ConnectionType::Data, 1, "hello");
-  const Fd connection = target.Accept();
+  const Descriptor connection = target.Accept();
   EXPECT_EQ(ReadExactly(connection.get(), 5), "hello");
 }
 
 TEST(PeerTest, EndOfATargetComesAfterAllItsBytes) {
   const Target target;
   Rig rig;
-  Fd connection = rig.Connect(1, target);
+  Descriptor connection = rig.Connect(1, target);
   const std::string bytes = Pattern(24 << 20, 1);
   const std::size_t taken = WriteUntilStuck(connection.get(), bytes);
   EXPECT_LT(taken, bytes.size());
   std::thread writer([&] {
     EXPECT_TRUE(WriteAll(connection.get(), std::string_view(bytes).substr(taken)));
-    connection = Fd();
+    connection.Reset();
   });
   EXPECT_TRUE(rig.Data(1, bytes.size()) == bytes);
   EXPECT_EQ(rig.Next(), Of(ConnectionType::Close, 1));
@@ -174,7 +150,7 @@ TEST(PeerTest, EndOfATargetComesAfterAllItsBytes) {
 TEST(PeerTest, CloseFlushesWhatIsQueuedFirst) {
   const Target target;
   Rig rig;
-  const Fd connection = rig.Connect(1, target);
+  const Descriptor connection = rig.Connect(1, target);
   const std::string bytes = Pattern(6 << 20, 1);
   rig.Send(ConnectionType::Data, 1, bytes);
   rig.Send(ConnectionType::Close, 1);
@@ -190,7 +166,7 @@ TEST(PeerTest, CloseFlushesWhatIsQueuedFirst) {
 TEST(PeerTest, EndOfInputLeavesTheWayBackOpen) {
   const Target target;
   Rig rig;
-  Fd connection = rig.Connect(1, target);
+  Descriptor connection = rig.Connect(1, target);
   const std::string bytes = Pattern(6 << 20, 1);
   rig.Send(ConnectionType::Data, 1, bytes);
   rig.Send(kEndOfInputFrame, 1);
@@ -198,15 +174,15 @@ TEST(PeerTest, EndOfInputLeavesTheWayBackOpen) {
   EXPECT_EQ(rig.Next(), Of(kEndOfInputFrame, 1)) << "the target has everything";
   EXPECT_TRUE(WriteAll(connection.get(), "answer"));
   EXPECT_EQ(rig.Data(1, 6), "answer");
-  connection = Fd();
+  connection.Reset();
   EXPECT_EQ(rig.Next(), Of(ConnectionType::Close, 1));
 }
 
 TEST(PeerTest, SlowTargetCostsBoundedMemoryAndNoByte) {
   const Target target;
   Rig rig;
-  const Fd slow = rig.Connect(1, target);
-  const Fd other = rig.Connect(2, target);
+  const Descriptor slow = rig.Connect(1, target);
+  const Descriptor other = rig.Connect(2, target);
   std::string frames;
   std::string expected;
   for (std::uint32_t i = 0; i < 1024; ++i) {
@@ -231,8 +207,8 @@ TEST(PeerTest, TargetThatStallsAllOthersIsCut) {
   PeerOptions options = Rig::Options();
   options.stall_timeout = std::chrono::milliseconds(200);
   Rig rig(std::move(options));
-  const Fd stalled = rig.Connect(1, target);
-  const Fd other = rig.Connect(2, target);
+  const Descriptor stalled = rig.Connect(1, target);
+  const Descriptor other = rig.Connect(2, target);
   const std::string bytes(65536, 'x');
   for (int i = 0; i < 1024; ++i) rig.Send(ConnectionType::Data, 1, bytes);
   rig.Send(ConnectionType::Data, 2, "my turn");
@@ -243,8 +219,8 @@ TEST(PeerTest, TargetThatStallsAllOthersIsCut) {
 TEST(PeerTest, SmallFrameIsNotHeldBackByABulkTransfer) {
   const Target target;
   Rig rig;
-  const Fd bulk = rig.Connect(1, target);
-  const Fd small = rig.Connect(2, target);
+  const Descriptor bulk = rig.Connect(1, target);
+  const Descriptor small = rig.Connect(2, target);
   WriteUntilStuck(bulk.get(), std::string(64 << 20, 'x'));
   EXPECT_TRUE(WriteAll(small.get(), "key"));
   std::size_t ahead = 0;
@@ -257,7 +233,7 @@ TEST(PeerTest, SmallFrameIsNotHeldBackByABulkTransfer) {
 TEST(PeerTest, StrangeFramesDoNoHarm) {
   const Target target;
   Rig rig;
-  const Fd connection = rig.Connect(1, target);
+  const Descriptor connection = rig.Connect(1, target);
   for (int type = 0; type < 256; ++type) {
     const auto strange = static_cast<ConnectionType>(type);
     const bool known = type >= 1 && type <= 4;
@@ -282,7 +258,7 @@ TEST(PeerTest, StrangeFramesDoNoHarm) {
 TEST(PeerTest, PromisedLengthCostsNothing) {
   const Target target;
   Rig rig;
-  const Fd connection = rig.Connect(1, target);
+  const Descriptor connection = rig.Connect(1, target);
   char header[gxmod::kFrameHeaderBytes];
   gxmod::EncodeFrameHeader({0xffffffff, 1, ConnectionType::Data}, header);
   EXPECT_TRUE(WriteAll(rig.host(), {header, sizeof header}));
@@ -331,7 +307,7 @@ TEST(PeerTest, EndsWithItsInput) {
   {
     // The target still gets what was sent, and its answer still gets out.
     Rig answered;
-    const Fd connection = answered.Connect(1, target);
+    const Descriptor connection = answered.Connect(1, target);
     answered.Send(ConnectionType::Data, 1, "question");
     ::shutdown(answered.host(), SHUT_WR);
     EXPECT_EQ(ReadToEnd(connection.get()), "question");
@@ -341,7 +317,7 @@ TEST(PeerTest, EndsWithItsInput) {
   {
     // Nobody is left at the other end, and the input waits for a slow target.
     Rig gone;
-    const Fd connection = gone.Connect(1, target);
+    const Descriptor connection = gone.Connect(1, target);
     WriteUntilStuck(gone.host(), MakeFrame(ConnectionType::Data, 1, std::string(32 << 20, 'x')));
     gone.HangUp();
     gone.Join();
@@ -362,11 +338,11 @@ TEST(PeerLinkTest, GreetsThenSpeaksFramesAndSaysGoodbye) {
   EXPECT_TRUE(WriteAll(rig.host(), "banner\n" + ReadyLine(Side::kHost) +
                                        MakeFrame(ConnectionType::Connect, 1, target.Address()) +
                                        MakeFrame(ConnectionType::Data, 1, "hi")));
-  Fd connection = target.Accept();
+  Descriptor connection = target.Accept();
   EXPECT_EQ(ReadExactly(connection.get(), 2), "hi");
   ::shutdown(rig.host(), SHUT_WR);
   EXPECT_EQ(ReadToEnd(connection.get()), "");
-  connection = Fd();
+  connection.Reset();
   EXPECT_EQ(rig.Next(), Of(ConnectionType::Close, 1));
   EXPECT_EQ(rig.Next(), Of(kGoodbyeFrame, 0, "end of input"));
   EXPECT_EQ(rig.Next(), Frame());
@@ -411,8 +387,8 @@ TEST(PeerLinkTest, StopLetsWhatIsUnderWayFinish) {
   Rig rig(Cooked());
   EXPECT_EQ(rig.Line(), ReadyLine(Side::kPeer));
   EXPECT_TRUE(WriteAll(rig.host(), ReadyLine(Side::kHost)));
-  const Fd busy = rig.Connect(1, target);
-  const Fd idle = rig.Connect(2, target);
+  const Descriptor busy = rig.Connect(1, target);
+  const Descriptor idle = rig.Connect(2, target);
   const std::string bytes = Pattern(16 << 20, 1);
   const std::size_t taken = WriteUntilStuck(busy.get(), bytes);
   const auto start = std::chrono::steady_clock::now();
@@ -434,8 +410,8 @@ TEST(PeerLinkTest, StopLetsWhatIsUnderWayFinish) {
 TEST(PeerLinkTest, StopDoesNotWaitForWhatNeverEnds) {
   const Target target;
   Rig rig;
-  const Fd deaf = rig.Connect(1, target);
-  const Fd endless = rig.Connect(2, target);
+  const Descriptor deaf = rig.Connect(1, target);
+  const Descriptor endless = rig.Connect(2, target);
   WriteUntilStuck(rig.host(), MakeFrame(ConnectionType::Data, 1, std::string(32 << 20, 'x')));
   WriteUntilStuck(endless.get(), std::string(8 << 20, 'x'));
   const auto start = std::chrono::steady_clock::now();
@@ -449,8 +425,8 @@ TEST(PeerLimitsTest, ConnectionsAreCounted) {
   PeerOptions options = Rig::Options();
   options.max_connections = 2;
   Rig rig(std::move(options));
-  const Fd first = rig.Connect(1, target);
-  const Fd second = rig.Connect(2, target);
+  const Descriptor first = rig.Connect(1, target);
+  const Descriptor second = rig.Connect(2, target);
   rig.Send(ConnectionType::Connect, 3, target.Address());
   EXPECT_EQ(rig.Next(), Of(ConnectionType::Close, 3));
   EXPECT_THAT(rig.lines(), ElementsAre(HasSubstr("--max-connections")));
@@ -464,8 +440,8 @@ TEST(PeerLimitsTest, IdleConnectionsEndAndBusyOnesDoNot) {
   PeerOptions options = Rig::Options();
   options.idle_timeout = std::chrono::milliseconds(300);
   Rig rig(std::move(options));
-  const Fd idle = rig.Connect(1, target);
-  const Fd busy = rig.Connect(2, target);
+  const Descriptor idle = rig.Connect(1, target);
+  const Descriptor busy = rig.Connect(2, target);
   Frame frame = Of(ConnectionType::Data, 2, "tick");
   while (frame == Of(ConnectionType::Data, 2, "tick")) {
     EXPECT_TRUE(WriteAll(busy.get(), "tick"));
@@ -478,7 +454,7 @@ TEST(PeerLimitsTest, SilentTargetIsGivenUp) {
   // A listener whose queue is full answers nobody.
   const Target target;
   ASSERT_EQ(::listen(target.fd(), 0), 0);
-  std::vector<Fd> fillers;
+  std::vector<Descriptor> fillers;
   for (int i = 0; i < 4; ++i) {
     fillers.emplace_back(::socket(AF_INET, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0));
     const sockaddr_in address = target.address();
@@ -534,7 +510,7 @@ TEST(PeerNamesTest, LookupThatHangsHoldsNothingUp) {
   };
   Rig rig(std::move(options));
   rig.Send(ConnectionType::Connect, 1, "slow.example:22");
-  const Fd connection = rig.Connect(2, target);
+  const Descriptor connection = rig.Connect(2, target);
   EXPECT_TRUE(WriteAll(connection.get(), "at once"));
   EXPECT_EQ(rig.Next(), Of(ConnectionType::Data, 2, "at once"));
   rig.End();

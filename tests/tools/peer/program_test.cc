@@ -16,59 +16,6 @@ namespace {
 using gxmod::ConnectionType;
 using ::testing::HasSubstr;
 
-struct Pipe {
-  Pipe() {
-    int ends[2] = {-1, -1};
-    EXPECT_EQ(::pipe2(ends, O_CLOEXEC), 0);
-    out = Fd(ends[0]);
-    in = Fd(ends[1]);
-  }
-  Fd out;
-  Fd in;
-};
-
-class Program {
- public:
-  // Runs with these as stdin and stdout. `arguments` does not hold the program's own name.
-  Program(std::vector<std::string> arguments, int in, int out) {
-    Pipe words;
-    stderr_ = std::move(words.out);
-    std::vector<char*> argv{const_cast<char*>(GX_PEER_PROGRAM)};
-    for (std::string& argument : arguments) argv.push_back(argument.data());
-    argv.push_back(nullptr);
-    pid_ = ::fork();
-    if (pid_ == 0) {
-      ::dup2(in, STDIN_FILENO);
-      ::dup2(out, STDOUT_FILENO);
-      ::dup2(words.in.get(), STDERR_FILENO);
-      ::execv(argv[0], argv.data());
-      ::_exit(127);
-    }
-  }
-  ~Program() {
-    if (pid_ > 0) {
-      ::kill(pid_, SIGKILL);
-      ::waitpid(pid_, nullptr, 0);
-    }
-  }
-
-  void Signal(int number) const { ::kill(pid_, number); }
-  // Waits for its end; its exit status, or -1 when a signal ended it.
-  int Status() {
-    words_ = ReadToEnd(stderr_.get());
-    int status = 0;
-    ::waitpid(std::exchange(pid_, -1), &status, 0);
-    return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
-  }
-  // After Status.
-  const std::string& words() const { return words_; }
-
- private:
-  pid_t pid_;
-  Fd stderr_;
-  std::string words_;
-};
-
 TEST(PeerProgramTest, WrongCommandLinesGetOneLineAndStatus2) {
   const std::pair<std::vector<std::string>, const char*> cases[] = {
       {{"--allow", "127.1:22"}, "--allow 127.1:22: an IPv4 address"},
@@ -87,13 +34,13 @@ TEST(PeerProgramTest, WrongCommandLinesGetOneLineAndStatus2) {
       {{"word"}, "word"},
   };
   for (const auto& [arguments, reason] : cases) {
-    Pipe in;
-    Pipe out;
-    Program program(arguments, in.out.get(), out.in.get());
+    Pipe in = MakePipe();
+    Pipe out = MakePipe();
+    Program program(GX_PEER_PROGRAM, arguments, in.read.get(), out.write.get());
     EXPECT_EQ(program.Status(), 2) << reason;
-    EXPECT_THAT(program.words(), HasSubstr(reason));
-    EXPECT_EQ(program.words().find('\n'), program.words().size() - 1) << program.words();
-    EXPECT_THAT(program.words(), ::testing::StartsWith("gx-ssh-peer: "));
+    EXPECT_THAT(program.Errors(), HasSubstr(reason));
+    EXPECT_EQ(program.Errors().find('\n'), program.Errors().size() - 1) << program.Errors();
+    EXPECT_THAT(program.Errors(), ::testing::StartsWith("gx-ssh-peer: "));
   }
 }
 
@@ -101,68 +48,69 @@ TEST(PeerProgramTest, RefusesATerminalThatEditsLines) {
   int master = -1;
   int slave = -1;
   ASSERT_EQ(::openpty(&master, &slave, nullptr, nullptr, nullptr), 0);
-  const Fd master_end(master);
-  const Fd slave_end(slave);
-  const Pipe out;
-  Program program({}, slave, out.in.get());
+  const Descriptor master_end(master);
+  const Descriptor slave_end(slave);
+  const Pipe out = MakePipe();
+  Program program(GX_PEER_PROGRAM, {}, slave, out.write.get());
   EXPECT_EQ(program.Status(), 2);
-  EXPECT_THAT(program.words(), HasSubstr("docker exec -i without -t"));
+  EXPECT_THAT(program.Errors(), HasSubstr("docker exec -i without -t"));
 }
 
 // The open file may be shared with a shell, which does not expect to find it non-blocking.
 TEST(PeerProgramTest, LeavesItsDescriptorsAsTheyWere) {
-  Pipe in;
-  Pipe out;
+  Pipe in = MakePipe();
+  Pipe out = MakePipe();
   const Target target;
-  Program program({"--raw", "-v", "--allow", target.Address()}, in.out.get(), out.in.get());
+  Program program(GX_PEER_PROGRAM, {"--raw", "-v", "--allow", target.Address()}, in.read.get(),
+                  out.write.get());
   const std::string frames = MakeFrame(ConnectionType::Connect, 1, target.Address()) +
                              MakeFrame(ConnectionType::Data, 1, "through pipes");
-  EXPECT_EQ(::write(in.in.get(), frames.data(), frames.size()), static_cast<ssize_t>(frames.size()));
-  Fd connection = target.Accept();
+  EXPECT_EQ(::write(in.write.get(), frames.data(), frames.size()), static_cast<ssize_t>(frames.size()));
+  Descriptor connection = target.Accept();
   EXPECT_EQ(ReadExactly(connection.get(), 13), "through pipes");
-  EXPECT_NE(::fcntl(in.out.get(), F_GETFL) & O_NONBLOCK, 0);
-  connection = Fd();
-  EXPECT_EQ(ReadExactly(out.out.get(), gxmod::kFrameHeaderBytes).size(), gxmod::kFrameHeaderBytes);
-  in.in = Fd();
+  EXPECT_NE(::fcntl(in.read.get(), F_GETFL) & O_NONBLOCK, 0);
+  connection.Reset();
+  EXPECT_EQ(ReadExactly(out.read.get(), gxmod::kFrameHeaderBytes).size(), gxmod::kFrameHeaderBytes);
+  in.write.Reset();
   EXPECT_EQ(program.Status(), 0);
-  EXPECT_THAT(program.words(), HasSubstr("connection 1 to " + target.Address() + " is open"));
-  EXPECT_EQ(::fcntl(in.out.get(), F_GETFL) & O_NONBLOCK, 0);
-  EXPECT_EQ(::fcntl(out.in.get(), F_GETFL) & O_NONBLOCK, 0);
+  EXPECT_THAT(program.Errors(), HasSubstr("connection 1 to " + target.Address() + " is open"));
+  EXPECT_EQ(::fcntl(in.read.get(), F_GETFL) & O_NONBLOCK, 0);
+  EXPECT_EQ(::fcntl(out.write.get(), F_GETFL) & O_NONBLOCK, 0);
 }
 
 TEST(PeerProgramTest, SpeaksToFilesToo) {
   char path[] = "/tmp/gx-peer-test-XXXXXX";
-  const Fd file(::mkstemp(path));
+  const Descriptor file(::mkstemp(path));
   ASSERT_GE(file.get(), 0);
   ::unlink(path);
   const std::string frames =
       MakeFrame(ConnectionType::Connect, 1, "refused:1") + MakeFrame(kPingFrame, 0, "8 bytes.");
   EXPECT_EQ(::write(file.get(), frames.data(), frames.size()), static_cast<ssize_t>(frames.size()));
   ::lseek(file.get(), 0, SEEK_SET);
-  Program program({"--raw"}, file.get(), file.get());
+  Program program(GX_PEER_PROGRAM, {"--raw"}, file.get(), file.get());
   EXPECT_EQ(program.Status(), 0);
-  EXPECT_THAT(program.words(), HasSubstr("--allow refused:1"));
+  EXPECT_THAT(program.Errors(), HasSubstr("--allow refused:1"));
 }
 
 TEST(PeerProgramTest, SigtermEndsItInOrderAndAClosedStdoutQuietly) {
   {
-    Pipe in;
-    Pipe out;
-    Program program({}, in.out.get(), out.in.get());
-    EXPECT_EQ(ReadExactly(out.out.get(), 14), ReadyLine(Side::kPeer));
+    Pipe in = MakePipe();
+    Pipe out = MakePipe();
+    Program program(GX_PEER_PROGRAM, {}, in.read.get(), out.write.get());
+    EXPECT_EQ(ReadExactly(out.read.get(), 14), ReadyLine(Side::kPeer));
     program.Signal(SIGTERM);
     EXPECT_EQ(program.Status(), 0);
     const std::string goodbye = MakeFrame(kGoodbyeFrame, 0, "stopped");
-    EXPECT_EQ(ReadExactly(out.out.get(), goodbye.size()), goodbye);
-    EXPECT_EQ(program.words(), "");
+    EXPECT_EQ(ReadExactly(out.read.get(), goodbye.size()), goodbye);
+    EXPECT_EQ(program.Errors(), "");
   }
   {
-    Pipe in;
-    Pipe out;
-    out.out = Fd();
-    Program program({}, in.out.get(), out.in.get());
+    Pipe in = MakePipe();
+    Pipe out = MakePipe();
+    out.read.Reset();
+    Program program(GX_PEER_PROGRAM, {}, in.read.get(), out.write.get());
     EXPECT_EQ(program.Status(), 1);
-    EXPECT_EQ(program.words(), "");
+    EXPECT_EQ(program.Errors(), "");
   }
 }
 
@@ -179,20 +127,20 @@ class PeerDnsCacheTest : public testing::Test {
     for (const std::string& allowed : allowed_hosts) {
       arguments.insert(arguments.end(), {"--allow", allowed + ":" + port});
     }
-    Pipe in;
-    Pipe out;
-    Program program(arguments, in.out.get(), out.in.get());
+    Pipe in = MakePipe();
+    Pipe out = MakePipe();
+    Program program(GX_PEER_PROGRAM, arguments, in.read.get(), out.write.get());
     const std::string frames =
         MakeFrame(ConnectionType::Connect, 1, host + ":" + port) + MakeFrame(ConnectionType::Data, 1, "hello");
-    EXPECT_EQ(::write(in.in.get(), frames.data(), frames.size()), static_cast<ssize_t>(frames.size()));
-    pollfd ends[2] = {{target_.fd(), POLLIN, 0}, {out.out.get(), POLLIN, 0}};
+    EXPECT_EQ(::write(in.write.get(), frames.data(), frames.size()), static_cast<ssize_t>(frames.size()));
+    pollfd ends[2] = {{target_.fd(), POLLIN, 0}, {out.read.get(), POLLIN, 0}};
     EXPECT_GT(::poll(ends, 2, kBoundMs), 0);
     if (ends[0].revents != 0) {
       EXPECT_EQ(ReadExactly(target_.Accept().get(), 5), "hello");
     }
-    in.in = Fd();
+    in.write.Reset();
     EXPECT_EQ(program.Status(), 0);
-    return program.words();
+    return program.Errors();
   }
 
   void Know(const std::string& host, const std::string& ip) const {
@@ -228,14 +176,14 @@ TEST_F(PeerDnsCacheTest, RemembersWhatItReached) {
 }
 
 TEST(PeerProgramTest, QuietSaysNothing) {
-  Pipe in;
-  Pipe out;
-  Program program({"--raw", "-q"}, in.out.get(), out.in.get());
+  Pipe in = MakePipe();
+  Pipe out = MakePipe();
+  Program program(GX_PEER_PROGRAM, {"--raw", "-q"}, in.read.get(), out.write.get());
   const std::string frame = MakeFrame(ConnectionType::Connect, 1, "refused:1");
-  EXPECT_EQ(::write(in.in.get(), frame.data(), frame.size()), static_cast<ssize_t>(frame.size()));
-  in.in = Fd();
+  EXPECT_EQ(::write(in.write.get(), frame.data(), frame.size()), static_cast<ssize_t>(frame.size()));
+  in.write.Reset();
   EXPECT_EQ(program.Status(), 0);
-  EXPECT_EQ(program.words(), "");
+  EXPECT_EQ(program.Errors(), "");
 }
 
 }  // namespace
