@@ -14,7 +14,8 @@ import tempfile
 import time
 
 from kills import VICTIMS, WAYS, KillRound
-from throwaway import Clients, Failure, ProxyCommand, SshServer, Tunnel, bounded, free_port, nothing_left, run
+from throwaway import (TRANSFER_S, Child, Clients, Failure, ProxyCommand, SshServer, Tunnel, bounded, free_port,
+                       nothing_left, run, write_script)
 
 SCENARIOS = {}
 
@@ -195,6 +196,39 @@ def shared_proxy(tools, server):
         expect(inner.run("ssh", "far", "echo inner") == "inner\n", "the forwarded port does not lead to sshd")
         proxy.run("ssh", *control, "-O", "exit", "far")
         master.wait()
+
+
+def resident_mib(pid):
+    with open(f"/proc/{pid}/statm", encoding="ascii") as file:
+        return int(file.read().split()[1]) * os.sysconf("SC_PAGE_SIZE") / (1 << 20)
+
+
+@scenario
+def stopped_client(tools, server):
+    """An ssh that is stopped in the middle of a flood costs the tunnel little, and gets every byte afterwards."""
+    lines = tools.size_mib * 125_000  # of 9 bytes or less
+    flood = f"seq 1 {lines}"
+    received = f"{server.folder}/received"
+    with Tunnel(tools, server, local=True) as tunnel:
+        write_script(f"{server.folder}/client", f'exec ssh -F {tunnel.config} far "{flood}" >"{received}"')
+        with Child([f"{server.folder}/client"]) as client:
+            while not os.path.exists(received) or os.path.getsize(received) < 1 << 20:
+                time.sleep(0.01)
+            before = resident_mib(tunnel.host.pid)
+            client.signal(signal.SIGSTOP)
+            end = time.monotonic() + min(10, tools.rounds)
+            most = before
+            while time.monotonic() < end:
+                most = max(most, resident_mib(tunnel.host.pid))
+                time.sleep(0.05)
+            stopped_at = os.path.getsize(received)
+            client.signal(signal.SIGCONT)
+            client.expect_status(0, timeout=TRANSFER_S)
+        digest = run(["sh", "-c", f"{flood} | sha256sum"]).split()[0]
+        expect(sha256(received) == digest, "what came is not what was sent")
+        expect(stopped_at < os.path.getsize(received), "all had come before the client was stopped")
+        expect(most - before <= 4, f"it cost {most - before:.1f} MiB")
+    say(f"stopped after {stopped_at >> 20} MiB it cost {most - before:.1f} MiB")
 
 
 @scenario
