@@ -1,5 +1,7 @@
 #include "portfwd/server_stream_thread.h"
 
+#include <algorithm>
+#include <new>
 #include <string>
 #include <string_view>
 
@@ -50,22 +52,36 @@ bool CServerStreamThread::ThreadLoop() {
   if (header.length != 0 && !ReadPayload(header.length, payload)) return false;
   if (IsStopRequested()) return false;
   try {
+    if (header.length != 0 && !payload) throw std::bad_alloc();
     Dispatch(header, payload.get());
-  } catch (...) {  // out of memory: the frame is lost, and with it the connection that it was for
-    GXModLog(kGXModLogError, "[portfwd] a frame for connection %u met an exception", header.connection_id);
-    if (const CRefObj<MyHandler> connection = owner_->FindStream(header.connection_id)) {
-      connection->Disconnect();
-    }
+  } catch (...) {
+    Lose(header.connection_id);
   }
   return true;
 }
 
 bool CServerStreamThread::ReadPayload(std::uint32_t length, CRefObj<IBuffer>& payload) {
   payload = g_pMemAlloctor->GetFreeBuffer(length);
-  if (!payload || payload->GetPointer() == nullptr) return false;
+  if (!payload) return Skip(length);
   if (!ReadData(static_cast<unsigned char*>(payload->GetPointer()), length)) return false;
   payload->SetSize(length);
   return true;
+}
+
+bool CServerStreamThread::Skip(std::uint32_t length) {
+  unsigned char dropped[4096];
+  for (std::uint32_t part; length != 0; length -= part) {
+    part = std::min<std::uint32_t>(length, sizeof dropped);
+    if (!ReadData(dropped, part)) return false;
+  }
+  return true;
+}
+
+// Memory ran out on the way of a frame. Its connection must not go on with a hole in its data; the others
+// shall.
+void CServerStreamThread::Lose(std::uint32_t connection_id) {
+  GXModLog(kGXModLogError, "[portfwd] no memory for a frame, connection %u is disconnected", connection_id);
+  if (const CRefObj<MyHandler> connection = owner_->FindStream(connection_id)) connection->Disconnect();
 }
 
 void CServerStreamThread::Dispatch(const gxmod::FrameHeader& header, IBuffer* payload) {

@@ -13,9 +13,9 @@ class CPortForwardClientRaw;
 class MyHandler;
 
 // Takes one frame after the other off the stream and delivers it: data and closes to the connection with that
-// id, test responses and channel lists to the client. What nobody wants is read in full and dropped. The thread
-// ends quietly when the stream fails or ends, when there is no memory for a frame, or when it is stopped; the
-// connections stay as they are.
+// id, test responses and channel lists to the client. What nobody wants, and what there is no memory for, is
+// read in full and dropped; in the latter case the frame's connection ends, with a line. The thread ends
+// quietly when the stream fails or ends, or when it is stopped; the connections stay as they are.
 class CServerStreamThread final : public CBaseThread {
  public:
   CServerStreamThread() = default;
@@ -36,7 +36,10 @@ class CServerStreamThread final : public CBaseThread {
   void OnExit() override { stream_ = nullptr; }
 
  private:
+  // True with an empty `payload`: there was no memory for it, and it has been skipped.
   bool ReadPayload(std::uint32_t length, CRefObj<IBuffer>& payload);
+  bool Skip(std::uint32_t length);
+  void Lose(std::uint32_t connection_id);
   void Dispatch(const gxmod::FrameHeader& header, IBuffer* payload);
   void DeliverData(std::uint32_t connection_id, IBuffer* payload);
   void DeliverTestResponse(IBuffer* payload);
