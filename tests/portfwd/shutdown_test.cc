@@ -2,10 +2,7 @@
 // left.
 #include <gtest/gtest.h>
 
-#include <atomic>
 #include <string>
-#include <thread>
-#include <vector>
 
 #include "support/forwarding.h"
 
@@ -13,8 +10,6 @@ namespace {
 
 using gxtest::ConnectionType;
 using gxtest::Encode;
-using gxtest::Pattern;
-using gxtest::TcpClient;
 
 class ShutdownTest : public gxtest::ForwardingTest {};
 
@@ -29,41 +24,6 @@ TEST_F(ShutdownTest, InsideAFrame) {
     stream_->Send(wire.substr(0, cut));
     ASSERT_TRUE(stream_->WaitUntilRead());
     Stop();
-  }
-}
-
-// Data both ways, connections that come and go, a list that opens ports, a far side that stops reading.
-TEST_F(ShutdownTest, UnderLoad) {
-  const std::string block = Pattern(30'000);
-  for (int round = 0; round < 40; ++round) {
-    Start({});
-    std::vector<Connection> connections;
-    for (int i = 0; i < 4; ++i) connections.push_back(Connect());
-    std::atomic<bool> stop{false};
-    std::thread far([&] {
-      for (int i = 0; !stop; ++i) {
-        for (const auto& connection : connections) stream_->Send({ConnectionType::Data, connection.id, block});
-        if (i == 3) stream_->Send({ConnectionType::ChannelList, 0, "name=a&addr=h%3A1;name=b&addr=h%3A2;"});
-        while (!stop && stream_->Receive(std::chrono::milliseconds(1))) {
-        }
-        if (i == round % 8) stream_->Behave({.capacity = 1});
-      }
-    });
-    std::thread locals([&] {
-      for (int i = 0; !stop; ++i) {
-        for (auto& connection : connections) {
-          send(connection.local.socket_handle(), block.data(), block.size(), MSG_DONTWAIT | MSG_NOSIGNAL);
-        }
-        if (i < 50) TcpClient passing(address_);  // fewer than the backlog, which may stay full
-      }
-    });
-    std::this_thread::sleep_for(std::chrono::milliseconds(round % 10));  // only to vary the moment
-    client_->ExitInstance();
-    EXPECT_FALSE(TcpClient(address_).IsConnected());
-    stop = true;
-    far.join();
-    locals.join();
-    for (auto& connection : connections) EXPECT_TRUE(connection.local.WaitForEnd());
   }
 }
 

@@ -189,37 +189,4 @@ TEST_F(SelectTrackerTest, AStopDoesNotReachTheNextRun) {
   }
 }
 
-// The port of the wake-up socket, which is the only datagram socket around.
-sockaddr_in FindWakeUpSocket() {
-  for (int descriptor = 0; descriptor < FD_SETSIZE; ++descriptor) {
-    int type = 0;
-    socklen_t length = sizeof type;
-    if (getsockopt(descriptor, SOL_SOCKET, SO_TYPE, &type, &length) != 0 || type != SOCK_DGRAM) continue;
-    sockaddr_in address{};
-    length = sizeof address;
-    getsockname(descriptor, reinterpret_cast<sockaddr*>(&address), &length);
-    if (address.sin_family == AF_INET) return address;
-  }
-  ADD_FAILURE() << "no wake-up socket";
-  return {};
-}
-
-TEST_F(SelectTrackerTest, AStrangersStopEventDoesNotStop) {
-  const SocketPair pair;
-  pair.Send();
-  Add(pair.descriptor(), kSelectReadable);
-  EXPECT_EQ(Next(), pair.descriptor());
-
-  const sockaddr_in target = FindWakeUpSocket();
-  const int stranger = socket(AF_INET, SOCK_DGRAM, 0);
-  const std::int32_t stop = 0;
-  for (int i = 0; i < 5; ++i) {
-    const auto* const generic = reinterpret_cast<const sockaddr*>(&target);
-    EXPECT_EQ(sendto(stranger, &stop, sizeof stop, 0, generic, sizeof target), 4);
-    Add(pair.descriptor(), kSelectReadable);
-    EXPECT_EQ(Next(), pair.descriptor());
-  }
-  close(stranger);
-}
-
 }  // namespace

@@ -7,6 +7,7 @@
 #include <sys/resource.h>
 #include <unistd.h>
 
+#include <cstddef>
 #include <vector>
 
 namespace gxtest {
@@ -50,6 +51,7 @@ class TakenDescriptors {
     while (!files_.empty()) Free();
   }
 
+  std::size_t Count() const { return files_.size(); }
   // Gives the last one back.
   void Free() {
     close(files_.back());

@@ -1,0 +1,275 @@
+// What a process can do to the reactor: floods of work, forged wake-ups, signals, descriptors that run out.
+#include <fcntl.h>
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <netinet/in.h>
+#include <signal.h>
+#include <sys/socket.h>
+#include <sys/time.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <atomic>
+#include <chrono>
+#include <cstdio>
+#include <iostream>
+#include <random>
+#include <thread>
+#include <vector>
+
+#include "reactor/reactor.h"
+#include "support/descriptor_limit.h"
+#include "support/echo_client.h"
+#include "support/far_side.h"
+#include "support/forwarding.h"
+#include "support/scale.h"
+#include "support/swarm.h"
+
+namespace {
+
+using namespace std::chrono_literals;
+using gxtest::DescriptorLimit;
+using gxtest::EchoClient;
+using gxtest::Eventually;
+using gxtest::FarSide;
+using gxtest::Scale;
+using gxtest::TakenDescriptors;
+using Clock = std::chrono::steady_clock;
+
+// How late things were, and how many.
+class Lateness {
+ public:
+  void Note(Clock::time_point due) {
+    const std::int64_t late = (Clock::now() - due) / 1us;
+    std::int64_t worst = worst_us_;
+    while (late > worst && !worst_us_.compare_exchange_weak(worst, late)) {
+    }
+    ++count_;
+  }
+  double WorstMs() const { return static_cast<double>(worst_us_) / 1000; }
+  int Count() const { return count_; }
+
+ private:
+  std::atomic<std::int64_t> worst_us_{0};
+  std::atomic<int> count_{0};
+};
+
+// Tells how late a thread is that only sleeps: nobody can be more punctual than the machine.
+class Witness {
+ public:
+  ~Witness() { Stop(); }
+  double Stop() {
+    done_ = true;
+    if (thread_.joinable()) thread_.join();
+    return lateness_.WorstMs();
+  }
+
+ private:
+  Lateness lateness_;
+  std::atomic<bool> done_{false};
+  std::thread thread_{[this] {
+    while (!done_) {
+      const auto due = Clock::now() + 1ms;
+      std::this_thread::sleep_until(due);
+      lateness_.Note(due);
+    }
+  }};
+};
+
+// Both kinds of work, done once.
+class DueTask final : public ITCPTask {
+ public:
+  DueTask(int ready, Lateness& lateness) : ITCPTask(ready, kSelectWritable), lateness_(lateness) {}
+  bool Done() override {
+    lateness_.Note(due_);
+    return true;
+  }
+  bool timeout() override { return false; }
+  unsigned long timeleft() override { return ~0UL; }
+
+ private:
+  ~DueTask() override = default;
+  const Clock::time_point due_ = Clock::now();
+  Lateness& lateness_;
+};
+
+class DueTimer final : public ITask, private CReference {
+ public:
+  DueTimer(unsigned in_ms, Lateness& lateness)
+      : due_(Clock::now() + std::chrono::milliseconds(in_ms)), lateness_(lateness) {}
+  GX_FORWARD_REFERENCE();
+  void MarkedForDeletion() override {}
+  void Done() override { lateness_.Note(due_); }
+
+ private:
+  ~DueTimer() override = default;
+  const Clock::time_point due_;
+  Lateness& lateness_;
+};
+
+class ReactorFaults : public gxtest::ForwardingTest {};
+
+// From four threads, in bursts and lulls, so that the reactor keeps turning from idle to busy: nothing is
+// missed, and nothing is late by more than 50 ms.
+TEST_F(ReactorFaults, AFloodOfTasksAndTimersIsPunctual) {
+  constexpr int kThreads = 4;
+  const int each = Scale(5'000, 50'000);
+  CReactor_T<tcp_select_tracker> reactor;
+  ASSERT_TRUE(reactor.Run(1));
+  int ends[2];
+  ASSERT_EQ(socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, ends), 0);
+  Lateness lateness;
+  Witness witness;
+  std::vector<std::thread> threads;
+  for (unsigned seed = 1; seed <= kThreads; ++seed) {
+    threads.emplace_back([&, seed] {
+      std::minstd_rand random(seed);
+      for (int left = each; left > 0;) {
+        for (int burst = std::min<int>(left, 1 << random() % 11); burst > 0; --burst, --left) {
+          if (random() % 2 == 0) {
+            reactor.AddTask(CTCPTask(new DueTask(ends[0], lateness)));
+          } else {
+            const auto in_ms = static_cast<unsigned>(random() % 20);
+            reactor.SetTimer(CRefObj<ITask>(new DueTimer(in_ms, lateness)).get(), in_ms, true);
+          }
+        }
+        std::this_thread::sleep_for(std::chrono::microseconds(random() % 10'000));
+      }
+    });
+  }
+  for (std::thread& thread : threads) thread.join();
+  EXPECT_TRUE(Eventually([&] { return lateness.Count() == kThreads * each; })) << lateness.Count();
+  reactor.Stop();
+  close(ends[0]);
+  close(ends[1]);
+  const double machine_ms = witness.Stop();
+  std::cout << lateness.Count() << " completions, the latest by " << lateness.WorstMs() << " ms; the machine "
+            << machine_ms << " ms\n";
+  EXPECT_LE(lateness.WorstMs(), gxtest::IsLong() ? 50 + machine_ms : 5'000);
+}
+
+// The address of the wake-up socket, which is the only datagram socket around.
+sockaddr_in FindWakeUpSocket() {
+  sockaddr_in address{};
+  for (int descriptor = 0; descriptor < FD_SETSIZE; ++descriptor) {
+    int type = 0;
+    socklen_t length = sizeof type;
+    if (getsockopt(descriptor, SOL_SOCKET, SO_TYPE, &type, &length) != 0 || type != SOCK_DGRAM) continue;
+    length = sizeof address;
+    getsockname(descriptor, reinterpret_cast<sockaddr*>(&address), &length);
+    if (address.sin_family == AF_INET) return address;
+  }
+  ADD_FAILURE() << "no wake-up socket";
+  return address;
+}
+
+TEST_F(ReactorFaults, ForgedWakeUpsStopNothing) {
+  const FarSide far(stream_);
+  EchoClient client(address_);
+  ASSERT_TRUE(client.Echoes());
+  const sockaddr_in target = FindWakeUpSocket();
+  const int stranger = socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
+  std::minstd_rand random(1);
+  for (int i = Scale(1'000, 10'000); i > 0; --i) {
+    const std::int32_t event = i % 4;  // a stop among them
+    const std::size_t length = i % 3 == 0 ? random() % 4 : sizeof event;
+    sendto(stranger, &event, length, 0, reinterpret_cast<const sockaddr*>(&target), sizeof target);
+    EXPECT_TRUE(i % 100 != 0 || client.Echoes());
+  }
+  close(stranger);
+  EXPECT_TRUE(client.Echoes());
+  EchoClient next(address_);
+  EXPECT_TRUE(next.Echoes());
+}
+
+// 1,000 signals a second, with a handler of the host's, while 20 clients carry data.
+TEST_F(ReactorFaults, SignalsDisturbNoTransfer) {
+  static std::atomic<int> handled{0};
+  struct sigaction action {};
+  struct sigaction before {};
+  action.sa_handler = [](int) { ++handled; };
+  sigaction(SIGALRM, &action, &before);
+  const itimerval every_ms{{0, 1000}, {0, 1000}};
+  const itimerval never{};
+  const FarSide far(stream_);
+  int transfers = 0;
+  const auto until = Clock::now() + Scale(500ms, 5000ms);
+  setitimer(ITIMER_REAL, &every_ms, nullptr);
+  do {
+    gxtest::Swarm swarm(address_, 20, 200'000);
+    EXPECT_TRUE(swarm.Succeeds(gxtest::kPatience));
+    transfers += 20;
+  } while (Clock::now() < until && !HasFailure());
+  setitimer(ITIMER_REAL, &never, nullptr);
+  sigaction(SIGALRM, &before, nullptr);
+  EXPECT_EQ(far.Total().fault, "");
+  EXPECT_GT(handled, 50);
+  std::cout << handled << " signals, " << transfers << " transfers\n";
+}
+
+// 64 descriptors in all: whoever is connected stays so and is served, and accepting goes on once there are some
+// again.
+TEST_F(ReactorFaults, OutOfDescriptorsTheOthersAreServed) {
+  constexpr int kDescriptors = 64;
+  const FarSide far(stream_);
+  std::vector<EchoClient> clients;
+  clients.emplace_back(address_);
+  ASSERT_TRUE(clients.back().Echoes());
+  {
+    const DescriptorLimit few(kDescriptors);
+    // A connection takes two. Of the last one the client finds a descriptor, and the module finds none.
+    std::size_t left = TakenDescriptors(kDescriptors).Count();
+    const TakenDescriptors odd(left % 2 == 0 ? gxtest::LowestFreeDescriptor() + 1 : 0);
+    for (; left > 2; left -= 2) {
+      clients.emplace_back(address_);
+      ASSERT_TRUE(clients.back().Echoes());
+    }
+    EchoClient waiting(address_);
+    ASSERT_TRUE(waiting.IsConnected());
+    ASSERT_EQ(gxtest::LowestFreeDescriptor(), -1);
+    const auto start = Clock::now();
+    for (EchoClient& client : clients) EXPECT_TRUE(client.Echoes());
+    EXPECT_LT(Clock::now() - start, 4s) << "the pause is for those who wait for a descriptor";
+    for (int i = 0; i < 3; ++i) clients.pop_back();
+    const auto freed = Clock::now();
+    EXPECT_TRUE(waiting.Echoes());
+    const auto waited_ms = (Clock::now() - freed) / 1ms;
+    EXPECT_LE(waited_ms, 6000);
+    for (EchoClient& client : clients) EXPECT_TRUE(client.Echoes());
+    std::cout << clients.size() << " stayed, accepting went on after " << waited_ms << " ms\n";
+  }
+  EXPECT_EQ(far.Total().fault, "");
+}
+
+// A host with 1,100 open files: what select cannot watch is refused with a line, what it can is served.
+TEST_F(ReactorFaults, AHostOfManyFilesIsRefusedWithALine) {
+  const DescriptorLimit plenty(1'300);
+  const FarSide far(stream_);
+  EchoClient before(address_);
+  ASSERT_TRUE(before.Echoes());
+  {
+    const TakenDescriptors files(1'100);
+    for (int i = 0; i < 20; ++i) {
+      EchoClient refused(address_);
+      EXPECT_TRUE(refused.WaitForEnd());
+    }
+    EXPECT_TRUE(before.Echoes());
+    const auto lines = log_.Lines();
+    EXPECT_EQ(std::count_if(lines.begin(), lines.end(),
+                            [](const auto& line) {
+                              return line.first == kGXModLogError &&
+                                     line.second.find("connection refused") != std::string::npos;
+                            }),
+              20);
+    IChannelRaw* deaf = client_->NewChannel("late", "", "10.0.0.1:22");
+    ASSERT_NE(deaf, nullptr);
+    EXPECT_STREQ(deaf->get_LocalAddress(), "") << "no port that nobody answers on";
+    EXPECT_THAT(log_.Lines(),
+                testing::Contains(testing::Pair(kGXModLogError, testing::HasSubstr("listening"))));
+  }
+  EXPECT_TRUE(before.Echoes());
+  EchoClient after(address_);
+  EXPECT_TRUE(after.Echoes());
+}
+
+}  // namespace
