@@ -20,12 +20,12 @@ constexpr std::size_t kMaxUnprunedRecords = 200;
 
 std::uint32_t Now() { return static_cast<std::uint32_t>(time(nullptr)); }
 
-// Empty when the file cannot be read whole or is larger than `limit` bytes; limit 0: any size.
-std::string ReadFile(const std::string& path, std::size_t limit) {
+// Empty when the file cannot be read whole or is larger than kMaxFileBytes.
+std::string ReadFile(const std::string& path) {
   FileStream file;
   std::size_t size = 0;
   if (!file.Open(path, "rb", nullptr) || !file.GetSize(&size)) return {};
-  if (size == 0 || (limit != 0 && size > limit)) return {};
+  if (size == 0 || size > kMaxFileBytes) return {};
   std::string text(size, '\0');
   std::size_t read = 0;
   if (file.Read(text.data(), size, &read, nullptr) != talk_base::SR_SUCCESS || read < size) return {};
@@ -191,7 +191,7 @@ void DnsCache::WriteRecord(const Record& record) {
 void DnsCache::ReadCache() {
   std::string text;
   if (storage_ == nullptr) {
-    text = ReadFile(path_, kMaxFileBytes);
+    text = ReadFile(path_);
   } else if (!storage_->Read(&text)) {
     return;
   }
