@@ -1,9 +1,12 @@
 #include "gx-ssh/standard_io.h"
 
 #include <fcntl.h>
+#include <spdlog/spdlog.h>
 
 #include <utility>
 #include <vector>
+
+#include "link/duration.h"
 
 namespace gxtool {
 namespace {
@@ -53,6 +56,8 @@ void StandardIo::AwaitAnswer(milliseconds patience) {
   timer_.expires_after(patience);
   timer_.async_wait(lifetime_.Guard([this, patience, before = relay_.received()](asio::error_code) {
     if (relay_.received() != before) return AwaitAnswer(patience);
+    spdlog::info("nothing came for {} after the end of the input, and the target does not end the connection",
+                 FormatDuration(patience));
     const auto ended = events_.ended;
     ended(delivered_ || relay_.received() > 0);
   }));

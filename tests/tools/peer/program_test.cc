@@ -1,7 +1,5 @@
 // gx-ssh-peer as a process: what its options, its descriptors and signals do.
 #include <fcntl.h>
-#include <pty.h>
-#include <sys/wait.h>
 
 #include <cstdlib>
 #include <fstream>
@@ -34,26 +32,12 @@ TEST(PeerProgramTest, WrongCommandLinesGetOneLineAndStatus2) {
       {{"word"}, "word"},
   };
   for (const auto& [arguments, reason] : cases) {
-    Pipe in = MakePipe();
-    Pipe out = MakePipe();
-    Program program(GX_PEER_PROGRAM, arguments, in.read.get(), out.write.get());
+    Program program(GX_PEER_PROGRAM, arguments);
     EXPECT_EQ(program.Status(), 2) << reason;
     EXPECT_THAT(program.Errors(), HasSubstr(reason));
     EXPECT_EQ(program.Errors().find('\n'), program.Errors().size() - 1) << program.Errors();
     EXPECT_THAT(program.Errors(), ::testing::StartsWith("gx-ssh-peer: "));
   }
-}
-
-TEST(PeerProgramTest, RefusesATerminalThatEditsLines) {
-  int master = -1;
-  int slave = -1;
-  ASSERT_EQ(::openpty(&master, &slave, nullptr, nullptr, nullptr), 0);
-  const Descriptor master_end(master);
-  const Descriptor slave_end(slave);
-  const Pipe out = MakePipe();
-  Program program(GX_PEER_PROGRAM, {}, slave, out.write.get());
-  EXPECT_EQ(program.Status(), 2);
-  EXPECT_THAT(program.Errors(), HasSubstr("docker exec -i without -t"));
 }
 
 // The open file may be shared with a shell, which does not expect to find it non-blocking.
@@ -90,28 +74,26 @@ TEST(PeerProgramTest, SpeaksToFilesToo) {
   Program program(GX_PEER_PROGRAM, {"--raw"}, file.get(), file.get());
   EXPECT_EQ(program.Status(), 0);
   EXPECT_THAT(program.Errors(), HasSubstr("--allow refused:1"));
+  ::lseek(file.get(), 0, SEEK_SET);
+  Program quiet(GX_PEER_PROGRAM, {"--raw", "-q"}, file.get());
+  EXPECT_EQ(quiet.Status(), 0);
+  EXPECT_EQ(quiet.Errors(), "");
 }
 
 TEST(PeerProgramTest, SigtermEndsItInOrderAndAClosedStdoutQuietly) {
-  {
-    Pipe in = MakePipe();
-    Pipe out = MakePipe();
-    Program program(GX_PEER_PROGRAM, {}, in.read.get(), out.write.get());
-    EXPECT_EQ(ReadExactly(out.read.get(), 14), ReadyLine(Side::kPeer));
-    program.Signal(SIGTERM);
-    EXPECT_EQ(program.Status(), 0);
-    const std::string goodbye = MakeFrame(kGoodbyeFrame, 0, "stopped");
-    EXPECT_EQ(ReadExactly(out.read.get(), goodbye.size()), goodbye);
-    EXPECT_EQ(program.Errors(), "");
-  }
-  {
-    Pipe in = MakePipe();
-    Pipe out = MakePipe();
-    out.read.Reset();
-    Program program(GX_PEER_PROGRAM, {}, in.read.get(), out.write.get());
-    EXPECT_EQ(program.Status(), 1);
-    EXPECT_EQ(program.Errors(), "");
-  }
+  const Pipe in = MakePipe();
+  Program stopped(GX_PEER_PROGRAM, {}, in.read.get());
+  EXPECT_EQ(stopped.Line() + '\n', ReadyLine(Side::kPeer));
+  stopped.Signal(SIGTERM);
+  EXPECT_EQ(stopped.Status(), 0);
+  EXPECT_EQ(stopped.Output(), MakeFrame(kGoodbyeFrame, 0, "stopped"));
+  EXPECT_EQ(stopped.Errors(), "");
+
+  Pipe out = MakePipe();
+  out.read.Reset();
+  Program unread(GX_PEER_PROGRAM, {}, in.read.get(), out.write.get());
+  EXPECT_EQ(unread.Status(), 1);
+  EXPECT_EQ(unread.Errors(), "");
 }
 
 // The resolver knows no name under .invalid, nor does it ask for long.
@@ -173,17 +155,6 @@ TEST_F(PeerDnsCacheTest, RemembersWhatItReached) {
   const std::string text(std::istreambuf_iterator<char>(file), {});
   EXPECT_THAT(text, HasSubstr("\"localhost\""));
   EXPECT_THAT(text, HasSubstr("\"127.0.0.1\""));
-}
-
-TEST(PeerProgramTest, QuietSaysNothing) {
-  Pipe in = MakePipe();
-  Pipe out = MakePipe();
-  Program program(GX_PEER_PROGRAM, {"--raw", "-q"}, in.read.get(), out.write.get());
-  const std::string frame = MakeFrame(ConnectionType::Connect, 1, "refused:1");
-  EXPECT_EQ(::write(in.write.get(), frame.data(), frame.size()), static_cast<ssize_t>(frame.size()));
-  in.write.Reset();
-  EXPECT_EQ(program.Status(), 0);
-  EXPECT_EQ(program.Errors(), "");
 }
 
 }  // namespace
