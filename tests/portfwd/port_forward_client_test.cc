@@ -3,23 +3,19 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include <mutex>
 #include <string>
-#include <vector>
 
 #include "support/forwarding.h"
 
 namespace {
 
 using gxtest::ConnectionType;
-using gxtest::Encode;
 using gxtest::Eventually;
 using gxtest::Frame;
 using gxtest::Pattern;
 using gxtest::PluginStream;
 using gxtest::TcpClient;
 using testing::Contains;
-using testing::ElementsAre;
 using testing::Pair;
 
 class PortForwardClientTest : public gxtest::ForwardingTest {
@@ -67,93 +63,6 @@ TEST_F(PortForwardClientTest, CutsAnUploadIntoReads) {
   sender.join();
   EXPECT_TRUE(received == upload);
   EXPECT_EQ(largest, 4096U);
-}
-
-TEST_F(PortForwardClientTest, FarSideClosesBehindItsData) {
-  Connection connection = Connect();
-  const std::string download = Pattern(2'000'000);
-  for (std::size_t at = 0; at < download.size(); at += 50'000) {
-    stream_->Send({ConnectionType::Data, connection.id, download.substr(at, 50'000)});
-  }
-  stream_->Send({ConnectionType::Close, connection.id, ""});
-  const auto received = connection.local.ReceiveToEnd();
-  ASSERT_TRUE(received);
-  EXPECT_TRUE(*received == download);
-  const auto end = stream_->Receive();
-  ASSERT_TRUE(end);
-  EXPECT_EQ(*end, (Frame{ConnectionType::Close, connection.id, ""}))
-      << "exactly one Close, also for the far side's";
-}
-
-TEST_F(PortForwardClientTest, ConnectionsDoNotMix) {
-  std::vector<Connection> connections;
-  for (int i = 0; i < 20; ++i) connections.push_back(Connect());
-  for (unsigned i = 0; i < connections.size(); ++i) connections[i].local.Send(Pattern(10'000, i));
-  std::map<std::uint32_t, std::string> received;
-  std::size_t total = 0;
-  while (total < connections.size() * 10'000) {
-    const auto frame = stream_->Receive();
-    ASSERT_TRUE(frame);
-    received[frame->id] += frame->payload;
-    total += frame->payload.size();
-    stream_->Send({ConnectionType::Data, frame->id, frame->payload});
-  }
-  for (unsigned i = 0; i < connections.size(); ++i) {
-    EXPECT_TRUE(received[connections[i].id] == Pattern(10'000, i)) << i;
-    EXPECT_TRUE(connections[i].local.Receive(10'000) == Pattern(10'000, i)) << i;
-  }
-}
-
-// Several threads write frames while the host takes only parts of a block: no frame lands inside another.
-TEST_F(PortForwardClientTest, FramesAreNeverTorn) {
-  stream_->Behave({.write_at_most = 7});
-  std::vector<Connection> connections;
-  for (int i = 0; i < 4; ++i) connections.push_back(Connect());
-  std::thread tester([&] {
-    for (int i = 0; i < 200; ++i) client_->TestChannel("", "", "does it work?");
-  });
-  for (auto& connection : connections) connection.local.Send(Pattern(20'000, connection.id));
-  std::map<std::uint32_t, std::string> received;
-  int tests = 0;
-  std::size_t total = 0;
-  while (total < connections.size() * 20'000 || tests < 200) {
-    const auto frame = stream_->Receive();
-    ASSERT_TRUE(frame);
-    if (frame->type == ConnectionType::TestChannel) {
-      EXPECT_EQ(frame->payload, "does it work?");
-      ++tests;
-    } else {
-      ASSERT_EQ(frame->type, ConnectionType::Data);
-      received[frame->id] += frame->payload;
-      total += frame->payload.size();
-    }
-  }
-  tester.join();
-  for (auto& connection : connections) {
-    EXPECT_TRUE(received[connection.id] == Pattern(20'000, connection.id)) << connection.id;
-  }
-  EXPECT_FALSE(stream_->Overlapped());
-}
-
-// Once a frame was cut off by a failure, the far side could not tell where another begins.
-TEST_F(PortForwardClientTest, NothingFollowsATornFrame) {
-  const std::string first = Encode({ConnectionType::ChannelList, 0, "name=n&pro=&addr=h%3A1;"});
-  for (std::size_t fail_at = 0; fail_at < 120; ++fail_at) {
-    const CRefObj<PluginStream> failing(new PluginStream);
-    failing->Behave({.fail_write_at = fail_at});
-    const CRefObj<CPortForwardClientRaw> client(new CPortForwardClientRaw);
-    client->InitInstance(failing.get());
-    client->Run();
-    IChannelRaw* channel = client->NewChannel("n", "", "h:1");
-    ASSERT_NE(channel, nullptr);
-    TcpClient local(channel->get_LocalAddress());
-    local.Send("x");
-    local.Close();
-    EXPECT_TRUE(Eventually([&] { return failing->Written().size() >= std::min(fail_at, first.size()); }))
-        << fail_at;
-    client->ExitInstance();
-    EXPECT_LE(failing->Written().size(), fail_at);
-  }
 }
 
 TEST_F(PortForwardClientTest, ChannelListFollowsEveryChange) {

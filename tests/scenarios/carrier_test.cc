@@ -17,12 +17,10 @@ using gxtest::ConnectionType;
 using gxtest::Encode;
 using gxtest::Eventually;
 using gxtest::FarListener;
-using gxtest::Frame;
 using gxtest::GoodAnswer;
 using gxtest::Measure;
 using gxtest::Pattern;
 using gxtest::PatternFault;
-using gxtest::PluginStream;
 using gxtest::Rounds;
 using gxtest::TcpClient;
 using testing::ElementsAre;
@@ -84,7 +82,9 @@ Script MakeScript(std::size_t frames, std::size_t longest, const std::uint32_t (
       }
     }
   }
-  for (const std::uint32_t id : ids) script.wire += Encode({ConnectionType::Close, id, ""});
+  for (const std::uint32_t id : ids) {
+    script.wire += Encode({ConnectionType::Close, id, ""}) + Encode({ConnectionType::Data, id, "too late"});
+  }
   return script;
 }
 

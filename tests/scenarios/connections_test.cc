@@ -1,5 +1,4 @@
 // Many local connections, and every way to end one.
-#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
 #include <atomic>
@@ -53,6 +52,16 @@ class ConnectionsTest : public gxtest::ForwardingTest {
 TEST_F(ConnectionsTest, TwoHundredAtOnce) { EchoForAll(200, Scale(kMebibyte / 64, kMebibyte)); }
 
 TEST_F(ConnectionsTest, NineHundredAtOnce) { EchoForAll(900, Scale(1000U, 20'000U)); }
+
+// The host's threads cause frames, too, and the host takes what it likes of a block.
+TEST_F(ConnectionsTest, FramesAreNeverTorn) {
+  stream_->Behave({.write_at_most = 100, .cut_seed = 1, .zero_every = 7});
+  std::thread tester([&] {
+    for (int i = 0; i < 1000; ++i) client_->TestChannel("", "", "does it work?");
+  });
+  EchoForAll(20, 50'000);
+  tester.join();
+}
 
 // Both roads of the carrier are always full, so each side has to go on while the other waits.
 TEST_F(ConnectionsTest, NarrowCarrierNeverStandsStill) {
