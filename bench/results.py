@@ -44,6 +44,8 @@ GOALS = [
     Goal("nothing", "cpu_s", False, 0.01),  # one tick of the kernel's clock
     Goal("scp-up", "s", False, 1.15, "none"),
     Goal("scp-down", "s", False, 1.15, "none"),
+    Goal("proxy-up", "s", False, 1.15, "none"),
+    Goal("proxy-down", "s", False, 1.15, "none"),
 ]
 
 
