@@ -83,9 +83,10 @@ void ResetSignals() {
 [[noreturn]] void Execute(const std::array<int, 3>& standard, char* const* arguments, int report) {
   // Copies above the standard three first, so that none is overwritten before it was placed.
   std::array<int, 3> copies{};
+  bool placed = true;
   for (std::size_t i = 0; i < 3; ++i) copies[i] = fcntl(standard[i], F_DUPFD_CLOEXEC, 3);
-  for (int i = 0; i < 3; ++i) dup2(copies[static_cast<std::size_t>(i)], i);
-  execvp(arguments[0], arguments);
+  for (int i = 0; i < 3; ++i) placed = dup2(copies[static_cast<std::size_t>(i)], i) == i && placed;
+  if (placed) execvp(arguments[0], arguments);
   const int reason = errno;
   if (write(report, &reason, sizeof reason) < 0) _exit(126);
   _exit(127);

@@ -3,6 +3,7 @@
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <signal.h>
+#include <sys/resource.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -54,6 +55,18 @@ TEST(ChildTest, ProgramThatCannotRunSaysWhy) {
       EXPECT_EQ(failure.status(), status) << name;
     }
   }
+}
+
+// It would have talked to what was there before, which may be a script that reads our standard output.
+TEST(ChildTest, ProgramWithoutItsDescriptorsDoesNotRun) {
+  rlimit limit{};
+  getrlimit(RLIMIT_NOFILE, &limit);
+  const Pipe pipe = MakePipe();
+  // Room for the four that Child makes, and for no copies of them.
+  const rlimit few{static_cast<rlim_t>(pipe.write.get()) + 5, limit.rlim_max};
+  setrlimit(RLIMIT_NOFILE, &few);
+  EXPECT_THROW(Child({{"sh", "-c", "echo loud"}, 0, pipe.write.get(), 2}), Failure);
+  setrlimit(RLIMIT_NOFILE, &limit);
 }
 
 TEST(ChildTest, StartsWithACleanSlate) {
