@@ -25,18 +25,15 @@ void Enlarge([[maybe_unused]] const Pipe& pipe) {
 }  // namespace
 
 Carrier::Carrier(asio::io_context& io, const std::vector<std::string>& command, std::function<void()> on_quiet)
-    : Carrier(io, command, std::move(on_quiet), MakePipe()) {}
-
-Carrier::Carrier(asio::io_context& io, const std::vector<std::string>& command, std::function<void()> on_quiet,
-                 Pipe errors)
     : name_(ProgramName(command.front())),
-      child_({command, input_.read.get(), output_.write.get(), errors.write.get()}),
-      errors_(io, errors.read.Release()),
+      child_({command, input_.read.get(), output_.write.get(), error_pipe_.write.get()}),
+      errors_(io, error_pipe_.read.Release()),
       on_quiet_(std::move(on_quiet)) {
   Enlarge(input_);
   Enlarge(output_);
   input_.read.Reset();
   output_.write.Reset();
+  error_pipe_.write.Reset();
   ReadErrors();
 }
 

@@ -35,9 +35,6 @@ class Carrier final : public FarSide {
   std::string Describe() override;
 
  private:
-  Carrier(asio::io_context& io, const std::vector<std::string>& command, std::function<void()> on_quiet,
-          Pipe errors);
-
   void ReadErrors();
   void TakeErrors(std::string_view text);
   void TakeLine();
@@ -45,6 +42,7 @@ class Carrier final : public FarSide {
   const std::string name_;  // of the program, for people
   Pipe input_ = MakePipe();
   Pipe output_ = MakePipe();
+  Pipe error_pipe_ = MakePipe();
   Child child_;
   asio::posix::stream_descriptor errors_;
   const std::function<void()> on_quiet_;

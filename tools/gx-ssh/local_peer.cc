@@ -20,15 +20,7 @@ PeerOptions MakeOptions(const std::string& target, bool raw) {
 }  // namespace
 
 LocalPeer::LocalPeer(const std::string& target, bool raw, const std::function<void()>& on_ended)
-    : LocalPeer(target, raw, on_ended, MakeSocketPair()) {}
-
-LocalPeer::LocalPeer(const std::string& target, bool raw, const std::function<void()>& on_ended,
-                     std::pair<Descriptor, Descriptor> ends)
-    : input_(Duplicate(ends.first.get())),
-      output_(std::move(ends.first)),
-      peer_end_(std::move(ends.second)),
-      peer_(MakeOptions(target, raw), peer_end_.get(), peer_end_.get()),
-      thread_([this, on_ended] {
+    : peer_(MakeOptions(target, raw), ends_.second.get(), ends_.second.get()), thread_([this, on_ended] {
         peer_.Run();
         exited_ = true;
         on_ended();

@@ -21,7 +21,7 @@ class LocalPeer final : public FarSide {
   ~LocalPeer() override;
 
   Descriptor TakeInput() override { return std::move(input_); }
-  Descriptor TakeOutput() override { return std::move(output_); }
+  Descriptor TakeOutput() override { return std::move(ends_.first); }
   bool Exited() override { return exited_; }
   bool Killed() override { return false; }
   bool Ended() override { return exited_; }
@@ -29,12 +29,8 @@ class LocalPeer final : public FarSide {
   std::string Describe() override { return "far side inside gx-ssh"; }
 
  private:
-  LocalPeer(const std::string& target, bool raw, const std::function<void()>& on_ended,
-            std::pair<Descriptor, Descriptor> ends);
-
-  Descriptor input_;
-  Descriptor output_;
-  Descriptor peer_end_;
+  std::pair<Descriptor, Descriptor> ends_ = MakeSocketPair();  // ours, until it is taken, and the peer's
+  Descriptor input_{Duplicate(ends_.first.get())};
   Peer peer_;
   std::atomic<bool> exited_{false};
   std::thread thread_;
