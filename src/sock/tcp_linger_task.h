@@ -8,8 +8,8 @@
 
 // A socket that is shut down for reading, or closed, answers what its peer still sends with a reset, and a
 // reset takes along what the peer has not received yet. This task keeps a descriptor of its own on the socket
-// and drops what comes, until the peer ends or has not acknowledged anything for 60 s. A tracker that stops
-// drops the task, and that closes the socket, too.
+// and drops what comes, until the peer ends or has not acknowledged anything for 60 s, which shows in the
+// tracker's next pass. A tracker that stops drops the task, and that closes the socket, too.
 class CTCPLingerTask final : public ITCPTask {
  public:
   // Ends the sending direction of `socket` and leaves the rest to a new task of the tracker. False: there is
