@@ -181,4 +181,18 @@ TEST_F(FarSideEnds, BehindAMebibyte) { ReadToTheEndInTurn(false); }
 // What it sends after the end must not reset the connection: the tail would be lost.
 TEST_F(FarSideEnds, BehindAMebibyteForAClientThatStillSends) { ReadToTheEndInTurn(true); }
 
+// It never reads the rest: what waits for it does not outlive the module.
+TEST_F(FarSideEnds, AndAStopComesBeforeTheClientHasAll) {
+  Connection stalled = Connect();
+  stream_->Send({ConnectionType::Data, stalled.id, Pattern(kMebibyte, stalled.id)});
+  stream_->Send({ConnectionType::Close, stalled.id, ""});
+  std::string received;
+  while (!stream_->Receive(std::chrono::milliseconds(100))) received += stalled.local.Receive(1000);
+  EXPECT_TRUE(stalled.local.Send("still here"));
+  received += stalled.local.Receive(1000);
+  EXPECT_EQ(PatternFault(received, stalled.id), "");
+  ASSERT_LT(received.size(), kMebibyte);
+  EXPECT_LT(gxtest::Measure([&] { client_->ExitInstance(); }), 500);
+}
+
 }  // namespace
