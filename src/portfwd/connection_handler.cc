@@ -58,7 +58,11 @@ void MyHandler::OnConnected() {
     stream_->WriteEnd();
     return;
   }
-  SendFrame(gxmod::ConnectionType::Connect, target_);
+  announced_ = true;  // before the far side can answer
+  if (!SendFrame(gxmod::ConnectionType::Connect, target_)) {
+    announced_ = false;
+    return Disconnect();
+  }
   const CRefObj<IBuffer> buffer = g_pMemAlloctor->GetFreeBuffer(gxmod::kFrameHeaderBytes + kReadBytes);
   if (!buffer) return Disconnect();  // nobody would ever read from it
   ReadInto(*stream_, *buffer);
@@ -73,7 +77,7 @@ void MyHandler::ReadInto(IBaseStream& stream, IBuffer& buffer) {
 void MyHandler::OnDisconnected() {
   if (owner_ == nullptr) return;
   owner_->DeleteStream(id_);
-  if (!owner_->LeaveCloseToReactor(id_)) SendFrame(gxmod::ConnectionType::Close, {});
+  if (announced_ && !owner_->LeaveCloseToReactor(id_)) SendFrame(gxmod::ConnectionType::Close, {});
 }
 
 // The header goes in front of the last `length` bytes of the buffer: into its spare room or over bytes that
@@ -87,17 +91,17 @@ void MyHandler::SendData(IBuffer* buffer, unsigned long length) {
   writer->WriteFrame(frame, frame_length);
 }
 
-// Without a plugin stream the frame is lost. Without memory the connection ends: the far side would not know of
-// it. The frame that tells of an end needs none.
-void MyHandler::SendFrame(gxmod::ConnectionType type, std::string_view payload) {
+// False: there is no memory. A frame without a payload needs none. Without a plugin stream the frame is lost.
+bool MyHandler::SendFrame(gxmod::ConnectionType type, std::string_view payload) {
   const CRefObj<CPluginWriter> writer = Writer();
-  if (!writer) return;
+  if (!writer) return true;
   char header[gxmod::kFrameHeaderBytes];
   const std::size_t frame_length = sizeof header + payload.size();
   const std::unique_ptr<char[]> block(payload.empty() ? nullptr : new (std::nothrow) char[frame_length]);
   char* const frame = payload.empty() ? header : block.get();
-  if (!FillBuffer(type, payload.data(), frame, payload.size())) return Disconnect();
+  if (!FillBuffer(type, payload.data(), frame, payload.size())) return false;
   writer->WriteFrame(frame, frame_length);
+  return true;
 }
 
 CRefObj<CPluginWriter> MyHandler::Writer() const { return owner_ != nullptr ? owner_->Writer() : nullptr; }

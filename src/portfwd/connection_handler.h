@@ -51,7 +51,7 @@ class MyHandler : public IBaseStream::IBaseHandler, public IReference {
   void OnDisconnected();
   static void ReadInto(IBaseStream& stream, IBuffer& buffer);
   void SendData(IBuffer* buffer, unsigned long length);
-  void SendFrame(gxmod::ConnectionType type, std::string_view payload);
+  bool SendFrame(gxmod::ConnectionType type, std::string_view payload);
   CRefObj<CPluginWriter> Writer() const;
 
   CPortForwardClientRaw* owner_ = nullptr;  // null: the client was stopping already and knows nothing of this
@@ -59,6 +59,7 @@ class MyHandler : public IBaseStream::IBaseHandler, public IReference {
   std::string target_;  // host:port
   IBaseStream* const stream_;
   std::atomic<std::uint64_t> owed_{0};
+  std::atomic<bool> announced_{false};  // the far side knows of it, and shall hear of its end
 };
 
 #endif  // GX_PORTFWD_CONNECTION_HANDLER_H
