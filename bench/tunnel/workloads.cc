@@ -40,9 +40,10 @@ class CpuMeter {
  public:
   explicit CpuMeter(const Processes& processes) : processes_(processes), before_(processes.CpuSeconds()) {}
 
-  // `name` tells what the seconds are multiplied with and divided by.
+  // `name` tells what the seconds are multiplied with and divided by. Without work there is nothing to tell.
   void Tell(Figures& figures, const char* name, double factor, double work) const {
-    if (!processes_.none()) figures.emplace_back(name, (processes_.CpuSeconds() - before_) * factor / work);
+    if (processes_.none() || work == 0) return;
+    figures.emplace_back(name, (processes_.CpuSeconds() - before_) * factor / work);
   }
 
  private:
@@ -75,6 +76,7 @@ Receipt Transfer(Socket& connection, Service service, double seconds) {
 }
 
 std::vector<Receipt> Transfers(const Plan& plan, Service service) {
+  if (plan.connections == 0) throw Failure("a transfer needs a connection");
   std::vector<Socket> connections(plan.connections);
   for (Socket& each : connections) each = Socket::Connect(plan.to);
   return OnThreads(connections.size(),
@@ -91,11 +93,14 @@ Figures Bulk(const Plan& plan, Service service) {
   const CpuMeter cpu(plan.tunnel);
   const std::vector<Receipt> receipts = Transfers(plan, service);
   const double all = MbPerSecond(receipts, plan.seconds);
-  const double mean = all / static_cast<double>(receipts.size());
   const Receipt slowest = *std::ranges::min_element(receipts, {}, &Receipt::in_time);
   double bytes = 0;
   for (const Receipt& receipt : receipts) bytes += static_cast<double>(receipt.bytes);
-  Figures figures{{"mb_per_s", all}, {"slowest_of_mean", MbPerSecond({slowest}, plan.seconds) / mean}};
+  Figures figures{{"mb_per_s", all}};
+  if (all > 0) {
+    const double slowest_sum = MbPerSecond({slowest}, plan.seconds) * static_cast<double>(receipts.size());
+    figures.emplace_back("slowest_of_mean", slowest_sum / all);
+  }
   cpu.Tell(figures, "cpu_s_per_gb", 1e9, bytes);
   return figures;
 }
