@@ -115,7 +115,8 @@ TEST_F(CarrierTest, ScriptGivesTheSameHoweverItIsCut) {
 
 TEST_F(CarrierTest, ReadFailsAtAnyByte) {
   const std::size_t length = MakeScript(50, 40, {1, 2}).wire.size();
-  for (std::size_t fail_at = 0; fail_at <= length && !HasFailure(); fail_at += gxtest::Scale(13, 1)) {
+  for (std::size_t fail_at = 0; fail_at <= length && !HasFailure();
+       fail_at += gxtest::Scale<std::size_t>(13, 1)) {
     Restart();
     const Connection first = Connect();
     const Connection second = Connect();
@@ -135,7 +136,8 @@ TEST_F(CarrierTest, WriteFailsAtAnyByte) {
     local.Close();
   };
   constexpr std::size_t kLength = 47 * (16 + 17) + (16 + 11) + (16 + 9) + 16;
-  for (std::size_t fail_at = 0; fail_at <= kLength && !HasFailure(); fail_at += gxtest::Scale(13, 1)) {
+  for (std::size_t fail_at = 0; fail_at <= kLength && !HasFailure();
+       fail_at += gxtest::Scale<std::size_t>(13, 1)) {
     Restart();
     stream_->Behave({.fail_write_at = stream_->WrittenCount() + fail_at});
     const std::size_t limit = stream_->WrittenCount() + fail_at;
