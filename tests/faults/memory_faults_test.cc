@@ -67,14 +67,22 @@ int __wrap_pthread_create(pthread_t* thread, const pthread_attr_t* attributes, v
 }
 }
 
-// Out of line: the compiler must not see where the memory really comes from.
+// All forms, since a sanitizer brings its own. Out of line: the compiler must not see where the memory comes
+// from.
+[[gnu::noinline]] void* operator new(std::size_t size, const std::nothrow_t&) noexcept {
+  return Fails() ? nullptr : __real_malloc(size != 0 ? size : 1);
+}
 [[gnu::noinline]] void* operator new(std::size_t size) {
-  void* block = Fails() ? nullptr : __real_malloc(size != 0 ? size : 1);
+  void* block = operator new(size, std::nothrow);
   if (block == nullptr) throw std::bad_alloc();
   return block;
 }
+void* operator new[](std::size_t size, const std::nothrow_t& tag) noexcept { return operator new(size, tag); }
+void* operator new[](std::size_t size) { return operator new(size); }
 [[gnu::noinline]] void operator delete(void* block) noexcept { std::free(block); }
-[[gnu::noinline]] void operator delete(void* block, std::size_t) noexcept { std::free(block); }
+void operator delete(void* block, std::size_t) noexcept { operator delete(block); }
+void operator delete[](void* block) noexcept { operator delete(block); }
+void operator delete[](void* block, std::size_t) noexcept { operator delete(block); }
 
 namespace {
 

@@ -1,9 +1,7 @@
 #include "reactor/select_tracker.h"
 
-#include <arpa/inet.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
-#include <netinet/in.h>
 
 #include <future>
 #include <thread>
@@ -74,27 +72,6 @@ TEST_F(SelectTrackerTest, ATaskWhoseTimeHasPassedWaitsForNobody) {
   }
 }
 
-TEST_F(SelectTrackerTest, ARefusedConnectArrivesAsError) {
-  sockaddr_in address{};
-  address.sin_family = AF_INET;
-  address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-  socklen_t length = sizeof address;
-  auto* const generic = reinterpret_cast<sockaddr*>(&address);
-  // A bound socket that does not listen keeps the port, and refuses.
-  const int deaf = socket(AF_INET, SOCK_STREAM, 0);
-  ASSERT_EQ(bind(deaf, generic, length), 0);
-  ASSERT_EQ(getsockname(deaf, generic, &length), 0);
-  const int client = socket(AF_INET, SOCK_STREAM | SOCK_NONBLOCK, 0);
-  ASSERT_NE(connect(client, generic, length), 0);
-
-  Add(client, kSelectConnect);
-  SelectOp op = kSelectNone;
-  EXPECT_EQ(Next(&op), client);
-  EXPECT_EQ(op, kSelectError);
-  close(client);
-  close(deaf);
-}
-
 TEST_F(SelectTrackerTest, ABadDescriptorIsDroppedAndTheOthersStay) {
   const SocketPair first, second;
   const int bad = fcntl(first.descriptor(), F_DUPFD_CLOEXEC, 500);  // a number that nobody reuses
@@ -126,13 +103,6 @@ TEST_F(SelectTrackerTest, DescriptorsThatSelectCannotHoldWaitForTheirTimeLimit) 
   }
 }
 
-TEST_F(SelectTrackerTest, ATaskOfUnknownTypeIsDropped) {
-  const SocketPair pair;
-  Add(pair.descriptor(), kSelectReadable)->write_interest = 2;
-  EXPECT_TRUE(PassWithoutTask());
-  EXPECT_EQ(gone_, 1);
-}
-
 // More tasks than one pass takes: those left over must not wait for an event of those that were taken.
 TEST_F(SelectTrackerTest, ACrowdStarvesNobody) {
   const SocketPair quiet, busy;
@@ -141,19 +111,6 @@ TEST_F(SelectTrackerTest, ACrowdStarvesNobody) {
   busy.Send();
   EXPECT_TRUE(PassWithoutTask()) << "the first pass does not reach the last task";
   EXPECT_EQ(Next(), busy.descriptor());
-}
-
-TEST_F(SelectTrackerTest, ShutdownEndsBothKindsOfWait) {
-  for (const bool in_select : {false, true}) {
-    const SocketPair quiet, ready;
-    CRefObj<FakeTask> late = new FakeTask(ready.descriptor(), kSelectReadable);
-    if (in_select) Add(quiet.descriptor(), kSelectReadable);
-    auto result = std::async(std::launch::async, [&] { return Next(); });
-    tracker_.Shutdown();
-    EXPECT_EQ(result.get(), -1);
-    EXPECT_FALSE(tracker_.AddTask(CTCPTask(late.get())));
-    EXPECT_TRUE(tracker_.Start(0));
-  }
 }
 
 // A change that comes after the tasks have been collected and before the wake-up socket is open finds nothing
@@ -173,20 +130,6 @@ TEST_F(SelectTrackerTest, AChangeBeforeTheWakeUpSocketOpensIsNotMissed) {
   EXPECT_TRUE(tracker_.Start(0));
   change_while_opening([&] { tracker_.Shutdown(); });
   EXPECT_EQ(Next(), -1);
-}
-
-// The stop event that nobody has read stays in the wake-up socket; it belongs to the run that is over.
-TEST_F(SelectTrackerTest, AStopDoesNotReachTheNextRun) {
-  const SocketPair pair;
-  pair.Send();
-  Add(pair.descriptor(), kSelectReadable);
-  EXPECT_EQ(Next(), pair.descriptor());
-  tracker_.Shutdown();
-  ASSERT_TRUE(tracker_.Start(0));
-  for (int i = 0; i < 3; ++i) {
-    Add(pair.descriptor(), kSelectReadable);
-    EXPECT_EQ(Next(), pair.descriptor());
-  }
 }
 
 }  // namespace

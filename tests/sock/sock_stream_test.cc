@@ -125,31 +125,6 @@ TEST_F(SockStreamTest, CarriesBothWaysThroughTheReactor) {
   reactor.Stop();
 }
 
-// Whatever was queued before the empty write arrives; then the connection ends with the code of a missing
-// buffer.
-TEST_F(SockStreamTest, EmptyWriteEndsTheStreamBehindItsData) {
-  CReactor_T<tcp_select_tracker> reactor;
-  ASSERT_TRUE(reactor.Run(1));
-  Recorder recorder;
-  {
-    const CRefObj<CSockStream> stream = MakeStream(&reactor);
-    stream->Handler(&recorder);
-    const std::string bytes = Pattern(1'000'000);
-    stream->Write(bytes.data(), bytes.size(), kNoTimeout);
-    stream->WriteEnd();
-    std::string received;
-    EXPECT_TRUE(Eventually([&] {
-      char part[65536];
-      const ssize_t got = recv(far_, part, sizeof part, 0);
-      if (got > 0) received.append(part, static_cast<std::size_t>(got));
-      return got == 0;
-    }));
-    EXPECT_EQ(received, bytes);
-    EXPECT_THAT(recorder.Reasons(), testing::ElementsAre(kStreamAgain));
-  }
-  reactor.Stop();
-}
-
 TEST_F(SockStreamTest, TaskTimeOutDisconnects) {
   LogCapture log;
   CReactor_T<tcp_select_tracker> reactor;
@@ -237,23 +212,6 @@ TEST_F(SockStreamTest, WorksWithoutATracker) {
   EXPECT_FALSE(stream->read(bytes, sizeof bytes, got, 0));
   EXPECT_TRUE(log.Lines().empty()) << "an orderly end is nothing to log";
   stream->Disconnect(0);
-}
-
-TEST_F(SockStreamTest, ReplacedSocketIsClosedAndTold) {
-  LogCapture log;
-  const CRefObj<CSockStream> stream = MakeStream(nullptr);
-  const int first_far = far_;
-  int ends[2];
-  ASSERT_EQ(socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, ends), 0);
-  stream->SetSocket(ends[0], true);
-  char byte;
-  EXPECT_EQ(recv(first_far, &byte, 1, 0), 0);
-  EXPECT_THAT(log.Lines(),
-              Contains(Pair(kGXModLogWarning, HasSubstr("has been set when SetSocket be called"))));
-  stream->Disconnect(0);
-  close(ends[1]);
-  close(first_far);
-  far_ = -1;
 }
 
 }  // namespace

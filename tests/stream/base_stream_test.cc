@@ -31,13 +31,12 @@ class FakeStream : public CBaseStream {
  public:
   explicit FakeStream(bool connected) : CBaseStream(/*type=*/5, connected) {}
 
-  std::string incoming;       // what can be read
-  std::string sent;           // what was written
-  long piece = kUnlimited;    // the most bytes that one operation moves
-  long credit = kUnlimited;   // the bytes that writes may still take
-  int fails_with = 0;         // the errno with which every operation fails
-  long given_timeout_ms = 0;  // of the last operation
-  Story story;                // of hooks and disconnects
+  std::string incoming;      // what can be read
+  std::string sent;          // what was written
+  long piece = kUnlimited;   // the most bytes that one operation moves
+  long credit = kUnlimited;  // the bytes that writes may still take
+  int fails_with = 0;        // the errno with which every operation fails
+  Story story;               // of hooks and disconnects
   std::function<void(const std::string& event)> on_event = [](const std::string&) {};
   std::function<void()> on_busy = [] {};  // an operation found nothing to move and is about to return
 
@@ -51,16 +50,16 @@ class FakeStream : public CBaseStream {
     incoming.erase(0, static_cast<std::size_t>(count));
     return true;
   }
-  bool peek(char* data, long length, long& count, long timeout_ms) override {
+  bool peek(char* data, long length, long& count, long) override {
     count = std::min({length, piece, static_cast<long>(incoming.size())});
     std::memcpy(data, incoming.data(), static_cast<std::size_t>(count));
-    return Result(count, timeout_ms);
+    return Result(count);
   }
-  bool write(const char* data, long length, long& count, long timeout_ms, long) override {
+  bool write(const char* data, long length, long& count, long, long) override {
     count = std::min({length, piece, credit});
     sent.append(data, static_cast<std::size_t>(count));
     credit -= count;
-    return Result(count, timeout_ms);
+    return Result(count);
   }
   bool read_done(IBuffer*, unsigned long length) override { return Note("read done", length); }
   bool write_done(IBuffer*, unsigned long length) override { return Note("write done", length); }
@@ -69,8 +68,7 @@ class FakeStream : public CBaseStream {
   bool write_step(IBuffer*, unsigned long length) override { return Note("wrote", length); }
 
  private:
-  bool Result(long count, long timeout_ms) {
-    given_timeout_ms = timeout_ms;
+  bool Result(long count) {
     if (count == 0) on_busy();
     errno = fails_with;
     return fails_with == 0;
@@ -87,11 +85,6 @@ std::string Text(const CRefObj<IBuffer>& buffer) {
 }
 
 CRefObj<IBuffer> Room(std::size_t size) { return g_pMemAlloctor->GetFreeBuffer(size); }
-
-std::int64_t References(const CRefObj<IBuffer>& buffer) {
-  buffer->AddRef();
-  return buffer->Release();
-}
 
 class BaseStreamTest : public testing::Test {
  protected:
@@ -132,7 +125,6 @@ TEST_F(BaseStreamTest, RequestsCompleteInOrderHoweverTheTransportCuts) {
     }
     EXPECT_THAT(done,
                 ElementsAre("read done 5", "read done 7", "write done 7", "write done 3", "write done 1"));
-    EXPECT_EQ(References(first), 1) << "a completed request still holds its buffer";
   }
 }
 
@@ -196,42 +188,6 @@ TEST_F(BaseStreamTest, TheEmptyWriteEndsTheStreamBehindQueuedData) {
   EXPECT_THAT(stream_->story, ElementsAre("disconnect 49152"));
 }
 
-TEST_F(BaseStreamTest, EachFailureHasItsCode) {
-  const CRefObj<IBuffer> half = cpy2buf("half", 4);
-  half->Realloc(8);
-  stream_->incoming = "abcdefgh";
-  stream_->Read(half.get(), 5, kNoTimeout);
-  EXPECT_THAT(stream_->story, ElementsAre("disconnect 49152")) << "no room";
-
-  // The filled size of a buffer may lie above its capacity after a Reset.
-  Restart();
-  char small[2];
-  void* block = half->Reset(small, sizeof small);
-  stream_->Read(half.get(), 1, kNoTimeout);
-  half->Reset(block, 8);
-  EXPECT_THAT(stream_->story, ElementsAre("disconnect 49152")) << "no room";
-
-  const std::vector<std::pair<int, const char*>> failures = {
-      {EAGAIN, "disconnect 49152"},     {EHOSTDOWN, "disconnect 57348"},  {EHOSTUNREACH, "disconnect 57348"},
-      {ETIMEDOUT, "disconnect 57351"},  {ECONNRESET, "disconnect 57448"}, {EPIPE, "disconnect 58343"},
-      {EINPROGRESS, "disconnect 58343"}};
-  for (const auto& [error, story] : failures) {
-    for (const bool receive : {true, false}) {
-      Restart();
-      stream_->fails_with = error;
-      EXPECT_EQ(receive ? stream_->Read(nullptr, 1, kNoTimeout) : Send("x"), 0U);
-      EXPECT_THAT(stream_->story, ElementsAre(story)) << std::strerror(error);
-
-      stream_->fails_with = 0;
-      stream_->incoming = "x";
-      stream_->SetConnected(true);
-      EXPECT_EQ(receive ? stream_->RecvRout(true) : stream_->SendRout(true), 1U)
-          << "the entrance is still held";
-    }
-  }
-  EXPECT_THAT(log_.Lines(), IsEmpty());
-}
-
 TEST_F(BaseStreamTest, OnlyTheTimeOutIsLogged) {
   const std::string line =
       "[tarn][erroCode] errorcode=TARN_ERROR_KWSTREAM_TIMEOUT(57348), product=0, type=3, inner code=4 ";
@@ -249,17 +205,6 @@ TEST_F(BaseStreamTest, OnlyTheTimeOutIsLogged) {
   stream_->SendRout(true);
   EXPECT_THAT(stream_->story, ElementsAre("disconnect 57348"));
   EXPECT_THAT(log_.Lines(), ElementsAre(Pair(kGXModLogInfo, line + "[SendRout:495]")));
-}
-
-TEST_F(BaseStreamTest, TheTransportIsToldTheTimeLeft) {
-  stream_->Read(nullptr, 1, kNoTimeout);
-  EXPECT_EQ(stream_->given_timeout_ms, -1);
-  for (const unsigned long timeout_ms : {60000UL, kNoTimeout - 1}) {
-    Restart();
-    stream_->Read(nullptr, 1, timeout_ms);
-    EXPECT_GT(stream_->given_timeout_ms, 0);
-    EXPECT_LE(static_cast<unsigned long>(stream_->given_timeout_ms), timeout_ms);
-  }
 }
 
 TEST_F(BaseStreamTest, TheDeadlineOfAReadGoesBeforeThatOfAWrite) {
@@ -301,74 +246,62 @@ TEST_F(BaseStreamTest, SettingsBoundTheConnectAndEveryRequest) {
   EXPECT_TRUE(stream_->IsConnect());
 }
 
-TEST_F(BaseStreamTest, WithoutAConnectionRequestsAreRefused) {
-  const auto expect_refusals = [this] {
-    const CRefObj<IBuffer> buffer = cpy2buf("x", 1);
-    IBaseStream::_WRITE_BUF list{buffer.get(), 1};
-    for (const unsigned long result :
-         {stream_->Read(nullptr, 1, kNoTimeout), stream_->Peek(nullptr, 1, kNoTimeout), Send("x"), Send(""),
-          stream_->Write(&list, 1, kNoTimeout), stream_->Write(buffer.get(), 1, kNoTimeout),
-          stream_->WriteEnd(), stream_->RecvRout(true), stream_->SendRout(true)}) {
-      EXPECT_EQ(result, kNotConnected);
+TEST_F(BaseStreamTest, EachFailureHasItsCodeAndFreesTheEntrance) {
+  const CRefObj<IBuffer> half = cpy2buf("half", 4);
+  half->Realloc(8);
+  stream_->incoming = "abcdefgh";
+  stream_->Read(half.get(), 5, kNoTimeout);
+  EXPECT_THAT(stream_->story, ElementsAre("disconnect 49152")) << "no room";
+
+  const std::pair<int, const char*> failures[] = {{EAGAIN, "disconnect 49152"},
+                                                  {EHOSTUNREACH, "disconnect 57348"},
+                                                  {ETIMEDOUT, "disconnect 57351"},
+                                                  {ECONNRESET, "disconnect 57448"},
+                                                  {EPIPE, "disconnect 58343"}};
+  for (const auto& [error, story] : failures) {
+    for (const bool receive : {true, false}) {
+      Restart();
+      stream_->fails_with = error;
+      EXPECT_EQ(receive ? stream_->Read(nullptr, 1, kNoTimeout) : Send("x"), 0U);
+      EXPECT_THAT(stream_->story, ElementsAre(story)) << std::strerror(error);
+      stream_->fails_with = 0;
+      stream_->incoming = "x";
+      stream_->SetConnected(true);
+      EXPECT_EQ(receive ? stream_->RecvRout(true) : stream_->SendRout(true), 1U);
     }
-    EXPECT_EQ(References(buffer), 1);
-    EXPECT_FALSE(stream_->IsConnect());
-  };
-  Restart(/*connected=*/false);
-  expect_refusals();
-
-  Restart();
-  EXPECT_TRUE(stream_->Disconnect(7));
-  EXPECT_FALSE(stream_->Disconnect(8));
-  EXPECT_TRUE(stream_->IsClosed());
-  expect_refusals();
-  EXPECT_THAT(stream_->story, ElementsAre("disconnect 7"));
-
-  stream_->SetConnected(true);
-  EXPECT_EQ(Send("x"), 1U);
+  }
+  EXPECT_THAT(log_.Lines(), IsEmpty());
 }
 
-TEST_F(BaseStreamTest, BuffersComeFromTheStreamsAllocator) {
+TEST_F(BaseStreamTest, NothingIsQueuedThatCannotBeDone) {
   EXPECT_EQ(stream_->Read(nullptr, 0, kNoTimeout), 0U);
-  EXPECT_EQ(stream_->SetMemAlloc(nullptr), CBaseStream::s_bufAlloc);
-  IBuffer* none = nullptr;
-  EXPECT_FALSE(stream_->GetFreeBuffer(&none, 1));
-  EXPECT_EQ(Send("x"), kNotConnected);
-  EXPECT_EQ(stream_->Read(nullptr, 4, kNoTimeout), 0U);
-  stream_->incoming = "abcd";
-  EXPECT_EQ(stream_->RecvRout(true), 0U) << "nothing was queued";
-
   stream_->SetMemAlloc(CRefObj<IMemAlloctor>(new CMemAlloctorEx<CMemBuffer>(/*max_buffer_size=*/4)).get());
-  EXPECT_FALSE(stream_->GetFreeBuffer(nullptr, 1));
-  EXPECT_EQ(stream_->Read(nullptr, 4, kNoTimeout), 4U);
   EXPECT_EQ(Send("12345"), kNotConnected) << "a copy that does not fit";
   EXPECT_EQ(Send("1234"), 4U);
-  EXPECT_EQ(stream_->sent, "1234");
-}
-
-TEST_F(BaseStreamTest, AHookMayRequestMoreAndHoldsNoLock) {
-  int depth = 0;
+  stream_->SetMemAlloc(nullptr);
+  EXPECT_EQ(Send("x"), kNotConnected);
+  EXPECT_EQ(stream_->Read(nullptr, 4, kNoTimeout), 0U);
   stream_->incoming = "abcdef";
-  stream_->on_event = [&](const std::string& event) {
-    if (event != "read done 2") return;
-    EXPECT_EQ(++depth, 1) << "requests of a hook are drained by whoever called it";
-    std::thread([this] { EXPECT_EQ(stream_->timeleft(gettickcount()), kNoTimeout); }).join();
-    EXPECT_EQ(stream_->Read(nullptr, 2, kNoTimeout), 0U);
-    --depth;
-  };
-  EXPECT_EQ(stream_->Read(nullptr, 2, kNoTimeout), 6U);
-  EXPECT_EQ(stream_->incoming, "");
-}
+  EXPECT_EQ(stream_->RecvRout(true), 0U);
 
-TEST_F(BaseStreamTest, AfterADisconnectNothingMoves) {
-  stream_->incoming = "abcdef";
+  // A hook that disconnects: its handler shall hear of nothing more.
   stream_->piece = 2;
+  stream_->story.clear();
   stream_->on_event = [&](const std::string& event) {
-    if (event == "read 2") stream_->Disconnect(0);
+    if (event == "read 2") stream_->Disconnect(7);
   };
-  EXPECT_EQ(stream_->Read(nullptr, 6, kNoTimeout), 2U);
-  EXPECT_THAT(stream_->story, ElementsAre("read 2", "disconnect 0"));
-  EXPECT_EQ(stream_->incoming, "cdef");
+  const CRefObj<IBuffer> buffer = Room(6);
+  EXPECT_EQ(stream_->Read(buffer.get(), 6, kNoTimeout), 2U);
+  EXPECT_THAT(stream_->story, ElementsAre("read 2", "disconnect 7"));
+  EXPECT_FALSE(stream_->Disconnect(8));
+
+  IBaseStream::_WRITE_BUF list{buffer.get(), 1};
+  for (const unsigned long result :
+       {stream_->Read(buffer.get(), 1, kNoTimeout), stream_->Peek(buffer.get(), 1, kNoTimeout),
+        stream_->Write(&list, 1, kNoTimeout), stream_->Write(buffer.get(), 1, kNoTimeout), stream_->WriteEnd(),
+        stream_->RecvRout(true), stream_->SendRout(true)}) {
+    EXPECT_EQ(result, kNotConnected);
+  }
 }
 
 // The entrance of a direction stayed taken, and the stream silent, when a hook ran out of memory. Going on with
@@ -391,31 +324,6 @@ TEST_F(BaseStreamTest, AnExceptionOutOfAHookEndsTheStreamAlone) {
     EXPECT_EQ(stream_->incoming, "") << "the entrance is still held: " << place;
     EXPECT_EQ(Send("y"), 1U) << "the entrance is still held: " << place;
   }
-}
-
-TEST_F(BaseStreamTest, LeavesNothingBehind) {
-  // Its last words need a stream that still answers.
-  class Property : public CReference {
-   public:
-    Property(IBaseStream* stream, std::string& answer) : stream_(stream), answer_(answer) {}
-    ~Property() override { answer_ = stream_->IsConnect() ? "connected" : "closed"; }
-
-   private:
-    IBaseStream* stream_;
-    std::string& answer_;
-  };
-  std::string answer;
-  stream_->AddProperty(new Property(stream_.get(), answer));
-  stream_->credit = 0;
-  const CRefObj<IBuffer> buffers[] = {Room(1), Room(1), cpy2buf("x", 1), cpy2buf("y", 1)};
-  for (int i = 0; i < 2; ++i) {
-    stream_->Read(buffers[i].get(), 1, kNoTimeout);
-    stream_->Write(buffers[2 + i].get(), 1, kNoTimeout);
-  }
-  for (const CRefObj<IBuffer>& buffer : buffers) EXPECT_EQ(References(buffer), 2);
-  stream_ = nullptr;
-  for (const CRefObj<IBuffer>& buffer : buffers) EXPECT_EQ(References(buffer), 1);
-  EXPECT_EQ(answer, "connected");
 }
 
 }  // namespace

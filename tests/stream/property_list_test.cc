@@ -19,43 +19,21 @@ class Property : public CReference {
   std::function<void()> at_end_;
 };
 
-TEST(PropertyListTest, ReleasesInTheOrderOfAdding) {
+// A property that goes may take another one along, which must not meet a held lock or a half-changed list.
+TEST(PropertyListTest, RemovesOneEntryAtATimeAndADestructorMayUseTheList) {
   CPropertyList list;
   std::string gone;
-  for (const char name : {'a', 'b', 'c'}) {
-    EXPECT_TRUE(list.Add(new Property([&gone, name] { gone += name; })));
-  }
+  auto* twice = new Property([&] { gone += 't'; });
+  auto* first = new Property([&] { gone += list.Remove(twice) ? "f" : "?"; });
+  for (Property* property : {first, twice, twice}) EXPECT_TRUE(list.Add(property));
   EXPECT_FALSE(list.Add(nullptr));
-  list.Clear();
-  EXPECT_EQ(gone, "abc");
-}
-
-TEST(PropertyListTest, RemovesOneEntryAtATime) {
-  CPropertyList list;
-  bool gone = false;
-  auto* twice = new Property([&gone] { gone = true; });
-  list.Add(twice);
-  list.Add(twice);
-  EXPECT_TRUE(list.Remove(twice));
-  EXPECT_FALSE(gone);
-  EXPECT_TRUE(list.Remove(twice));
-  EXPECT_TRUE(gone);
-  EXPECT_FALSE(list.Remove(twice));
-  EXPECT_FALSE(list.Remove(nullptr));
-}
-
-// A property that goes may take another one along, which must not meet a held lock or a half-changed list.
-TEST(PropertyListTest, ADestructorMayUseTheList) {
-  CPropertyList list;
-  int gone = 0;
-  auto* other = new Property([&gone] { ++gone; });
-  auto* first = new Property([&] { gone += list.Remove(other) ? 10 : 0; });
-  list.Add(first);
-  list.Add(other);
   EXPECT_TRUE(list.Remove(first));
-  EXPECT_EQ(gone, 11);
+  EXPECT_EQ(gone, "f");
+  EXPECT_FALSE(list.Remove(nullptr));
+  for (const char name : {'a', 'b'}) list.Add(new Property([&gone, name] { gone += name; }));
   list.Add(new Property([&] { list.Clear(); }));
   list.Clear();
+  EXPECT_EQ(gone, "ftab");
 }
 
 }  // namespace
