@@ -49,5 +49,8 @@ void GXModLog(int level, const char* format, ...) {
   va_start(arguments, format);
   std::vsnprintf(text.get(), kLogLineBytes, format, arguments);
   va_end(arguments);
-  CSingleton_T<CGXModRuntime>::Instance()->Log(level, text.get());
+  try {
+    CSingleton_T<CGXModRuntime>::Instance()->Log(level, text.get());
+  } catch (...) {  // the host's; destructors log, too, and must not throw
+  }
 }

@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include <atomic>
+#include <stdexcept>
 #include <string>
 #include <thread>
 #include <utility>
@@ -13,6 +14,7 @@ namespace {
 class Host final : public IGXModRuntime {
  public:
   void Log(int level, const char* text) override {
+    if (std::string(text) == "throw") throw std::runtime_error("host");
     if (busy_.exchange(true)) overlapped_ = true;
     lines_.emplace_back(level, text);
     busy_ = false;
@@ -55,6 +57,12 @@ TEST_F(RuntimeTest, LogFormatsAndCutsAt4095Characters) {
   EXPECT_EQ(host_.lines_[0], std::make_pair(2, std::string("[test] 7 seven")));
   EXPECT_EQ(host_.lines_[1].second, std::string(4095, 'a'));
   EXPECT_EQ(host_.lines_[2], std::make_pair(8, std::string(4095, 'b')));
+}
+
+TEST_F(RuntimeTest, AHostThatThrowsCostsTheLineOnly) {
+  GXModLog(kGXModLogInfo, "throw");
+  GXModLog(kGXModLogInfo, "next");
+  EXPECT_EQ(host_.lines_.size(), 1u);
 }
 
 TEST_F(RuntimeTest, EverythingElseReachesTheHostUnchanged) {
