@@ -76,27 +76,37 @@ class Witness {
   }};
 };
 
-// Both kinds of work, done once.
+// The three kinds of work, each done once: when a descriptor is ready, when a task is out of time, when a timer
+// fires.
 class DueTask final : public ITCPTask {
  public:
-  DueTask(int ready, Lateness& lateness) : ITCPTask(ready, kSelectWritable), lateness_(lateness) {}
+  // Ready at once.
+  DueTask(int writable, Lateness& lateness) : ITCPTask(writable, kSelectWritable), lateness_(lateness) {}
+  // Out of time later.
+  DueTask(int quiet, std::chrono::milliseconds limit, Lateness& lateness)
+      : ITCPTask(quiet, kSelectReadable), due_(Clock::now() + limit), limited_(true), lateness_(lateness) {}
+
   bool Done() override {
     lateness_.Note(due_);
     return true;
   }
-  bool timeout() override { return false; }
-  unsigned long timeleft() override { return ~0UL; }
+  bool timeout() override { return timeleft() == 0; }
+  unsigned long timeleft() override {
+    const auto left = std::chrono::ceil<std::chrono::milliseconds>(due_ - Clock::now());
+    return limited_ ? static_cast<unsigned long>(std::max(left, 0ms).count()) : ~0UL;
+  }
 
  private:
   ~DueTask() override = default;
   const Clock::time_point due_ = Clock::now();
+  const bool limited_ = false;
   Lateness& lateness_;
 };
 
 class DueTimer final : public ITask, private CReference {
  public:
-  DueTimer(unsigned in_ms, Lateness& lateness)
-      : due_(Clock::now() + std::chrono::milliseconds(in_ms)), lateness_(lateness) {}
+  DueTimer(std::chrono::milliseconds interval, Lateness& lateness)
+      : due_(Clock::now() + interval), lateness_(lateness) {}
   GX_FORWARD_REFERENCE();
   void MarkedForDeletion() override {}
   void Done() override { lateness_.Note(due_); }
@@ -126,14 +136,18 @@ TEST_F(ReactorFaults, AFloodOfTasksAndTimersIsPunctual) {
       std::minstd_rand random(seed);
       for (int left = each; left > 0;) {
         for (int burst = std::min<int>(left, 1 << random() % 11); burst > 0; --burst, --left) {
-          if (random() % 2 == 0) {
+          const std::chrono::milliseconds later(random() % 20);
+          const auto kind = random() % 4;
+          if (kind == 0) {
+            reactor.AddTask(CTCPTask(new DueTask(ends[0], later, lateness)));
+          } else if (kind == 1) {
             reactor.AddTask(CTCPTask(new DueTask(ends[0], lateness)));
           } else {
-            const auto in_ms = static_cast<unsigned>(random() % 20);
-            reactor.SetTimer(CRefObj<ITask>(new DueTimer(in_ms, lateness)).get(), in_ms, true);
+            const auto interval_ms = static_cast<unsigned long long>(later.count());
+            reactor.SetTimer(CRefObj<ITask>(new DueTimer(later, lateness)).get(), interval_ms, true);
           }
         }
-        std::this_thread::sleep_for(std::chrono::microseconds(random() % 10'000));
+        std::this_thread::sleep_for(std::chrono::microseconds(random() % 40'000));
       }
     });
   }
