@@ -23,22 +23,6 @@ TEST(MutexLockTest, ASecondLockOnTheSameThreadIsRefusedSilently) NO_THREAD_SAFET
   }).join();
 }
 
-TEST(MutexLockTest, Excludes) {
-  CMutexLock lock;
-  int count = 0;
-  std::vector<std::thread> threads;
-  for (int i = 0; i < 4; ++i) {
-    threads.emplace_back([&] {
-      for (int n = 0; n < 1000; ++n) {
-        const CAutoLock held(lock);
-        ++count;
-      }
-    });
-  }
-  for (std::thread& thread : threads) thread.join();
-  EXPECT_EQ(count, 4000);
-}
-
 struct Slow {
   Slow() { ++built; }
   inline static std::atomic<int> built{0};
