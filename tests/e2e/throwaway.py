@@ -357,22 +357,22 @@ class Tunnel(Clients):
         self._over = False
 
     def __enter__(self):
-        self._host = Child(self._command)
+        self.host = Child(self._command)
         try:
-            self.port = self._host.expect(self._host.out, r"^127\.0\.0\.1:(\d+)$").group(1)
+            self.port = self.host.expect(self.host.out, r"^127\.0\.0\.1:(\d+)$").group(1)
             super().__init__(self._server, "HostName 127.0.0.1", f"Port {self.port}")
         except BaseException:
-            self._host.__exit__()
+            self.host.__exit__()
             raise
         return self
 
     def __exit__(self, *failure):
-        with self._host:
+        with self.host:
             if failure[0] is None and not self._over:
                 self.stop()
 
     def stop(self, number=signal.SIGTERM):
         """Ends the tunnel as a user does."""
         self._over = True
-        self._host.signal(number)
-        self._host.expect_status(0)
+        self.host.signal(number)
+        self.host.expect_status(0)
