@@ -28,6 +28,10 @@ class Failure(Exception):
     """What went wrong, for people."""
 
 
+class Stopped(Failure):
+    """The time is over, or somebody wants an end: nothing more is tried."""
+
+
 @contextlib.contextmanager
 def bounded(seconds):
     """Turns the alarm, SIGTERM and SIGHUP into failures, so that the clean-up of every `with` block runs."""
@@ -36,7 +40,7 @@ def bounded(seconds):
         for each in (signal.SIGALRM, signal.SIGTERM, signal.SIGHUP):
             signal.signal(each, signal.SIG_IGN)
         reason = f"not done after {seconds} s" if number == signal.SIGALRM else signal.Signals(number).name
-        raise Failure(reason)
+        raise Stopped(reason)
 
     for each in (signal.SIGALRM, signal.SIGTERM, signal.SIGHUP):
         signal.signal(each, fail)
