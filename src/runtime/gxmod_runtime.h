@@ -30,8 +30,8 @@ class CGXModRuntime final : public IGXModRuntime {
   IGXModRuntime* host_ GUARDED_BY(lock_) = nullptr;
 };
 
-// Formats as printf does, cuts at 4095 characters and logs. `level` is one of GXModLogLevel. Threads: any. Never
-// throws: without memory, or when the host throws, the line is lost.
+// Formats as printf does, cuts at 4095 characters and logs. `level` is one of GXModLogLevel. Threads: any.
+// Never throws: without memory, or when the host throws, the line is lost.
 void GXModLog(int level, const char* format, ...) __attribute__((format(printf, 2, 3)));
 
 #endif  // GX_RUNTIME_GXMOD_RUNTIME_H
