@@ -160,22 +160,24 @@ def write(path, text):
 def privilege_separation_folder():
     """As root, sshd needs /run/sshd, which is not there before the machine's own sshd has run once.
 
-    Servers of this kind run one at a time: the one that made the folder removes it.
+    The last of those that run at the same time removes the folder, if one of them made it.
     """
     if os.geteuid() != 0:
         yield
         return
+    folder, mark = "/run/sshd", "/run/sshd.throwaway"
     lock = os.open("/run", os.O_RDONLY | os.O_DIRECTORY)
-    made = False
     try:
-        fcntl.flock(lock, fcntl.LOCK_EX)
-        if not os.path.isdir("/run/sshd"):
-            os.mkdir("/run/sshd", 0o755)
-            made = True
+        fcntl.flock(lock, fcntl.LOCK_SH)
+        with contextlib.suppress(FileExistsError):
+            os.mkdir(folder, 0o755)
+            write(mark, "")
         yield
     finally:
-        if made:
-            os.rmdir("/run/sshd")
+        with contextlib.suppress(BlockingIOError, FileNotFoundError):
+            fcntl.flock(lock, fcntl.LOCK_EX | fcntl.LOCK_NB)
+            os.unlink(mark)
+            os.rmdir(folder)
         os.close(lock)
 
 
