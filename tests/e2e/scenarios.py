@@ -244,8 +244,8 @@ def kills(tools, server):
 
 def parse_arguments():
     parser = argparse.ArgumentParser(description=__doc__)
-    parser.add_argument("--gx-ssh", required=True, help="the program")
-    parser.add_argument("--gx-ssh-peer", required=True, help="the program")
+    parser.add_argument("--gx-ssh", required=True, type=os.path.abspath, help="the program")
+    parser.add_argument("--gx-ssh-peer", required=True, type=os.path.abspath, help="the program")
     parser.add_argument("--size-mib", type=int, default=64, help="size of the file that the demo copies")
     parser.add_argument("--rounds", type=int, default=20, help="how often a scenario does what it repeats")
     parser.add_argument("--limit-s", type=int, default=240, help="fail when this takes longer")
