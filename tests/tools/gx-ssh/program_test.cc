@@ -130,13 +130,16 @@ TEST_F(ProgramTest, StandardIoThatReachesNothingIsNoSuccess) {
 }
 
 TEST_F(ProgramTest, StandardIoThatTheFarSideCutsIsNoSuccess) {
-  const Pipe input = MakePipe();
-  Program program(GX_SSH_PROGRAM, WithPeer({"-W"}), input.read.get());
-  WriteText(input.write.get(), "hello\n");
-  EXPECT_EQ(program.Line(), "hello");
-  SignalPeer(SIGTERM);
-  EXPECT_EQ(program.Errors(), "gx-ssh: the far side has ended: stopped\n");
-  EXPECT_EQ(program.Status(), kExitLinkLost);
+  for (const auto& [number, words] :
+       {std::pair{SIGTERM, "the far side has ended: stopped"}, {SIGKILL, "link lost: end of the stream"}}) {
+    const Pipe input = MakePipe();
+    Program program(GX_SSH_PROGRAM, WithPeer({"-W"}), input.read.get());
+    WriteText(input.write.get(), "hello\n");
+    EXPECT_EQ(program.Line(), "hello");
+    SignalPeer(number);
+    EXPECT_THAT(program.Errors(), HasSubstr(words));
+    EXPECT_EQ(program.Status(), kExitLinkLost);
+  }
 }
 
 TEST_F(ProgramTest, RunsACommandAndEndsWithItsStatus) {
