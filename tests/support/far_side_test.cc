@@ -1,7 +1,6 @@
 // The judges of the scenarios must see what they are there to see.
 #include "support/far_side.h"
 
-#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
 namespace {
@@ -11,8 +10,6 @@ using gxtest::Encode;
 using gxtest::FarSide;
 using gxtest::Pattern;
 using gxtest::PluginStream;
-using testing::HasSubstr;
-using testing::IsEmpty;
 
 void Write(PluginStream& stream, const std::string& bytes) {
   unsigned written = 0;
@@ -26,22 +23,22 @@ TEST(FarSideTest, SeesWhatAModuleMustNotDo) {
   const std::string second = Encode({ConnectionType::Data, 1, Pattern(96, 5, 96)});
   const struct {
     std::string wire;
-    testing::Matcher<std::string> fault;
+    std::size_t closes;
+    const char* fault;  // a part of what it says; empty: there is none
   } cases[] = {
-      {connect + first + second + close, IsEmpty()},
-      {connect + second + close, HasSubstr("lost")},
-      {connect + first + first + close, HasSubstr("twice")},
-      {connect + connect + close, HasSubstr("a second Connect")},
-      {connect + close + close, HasSubstr("a second Close")},
-      {connect + close + first + close, HasSubstr("outside the life")},
-      {first + close, HasSubstr("outside the life")},
+      {connect + first + second + close, 1, ""},      {connect + second + close, 1, "lost"},
+      {connect + first + first + close, 1, "twice"},  {connect + connect + close, 1, "a second Connect"},
+      {connect + close + close, 2, "a second Close"}, {connect + close + first + close, 2, "outside the life"},
+      {first + close, 1, "outside the life"},
   };
   for (const auto& c : cases) {
     const CRefObj<PluginStream> stream(new PluginStream);
     const FarSide far(stream);
     Write(*stream, c.wire);
-    EXPECT_TRUE(far.WaitForCloses(c.wire.ends_with(close + close) ? 2 : 1));
-    EXPECT_THAT(far.Total().fault, c.fault);
+    EXPECT_TRUE(far.WaitForCloses(c.closes));
+    const std::string fault = far.Total().fault;
+    EXPECT_NE(fault.find(c.fault), fault.npos) << fault;
+    EXPECT_EQ(fault.empty(), std::string(c.fault).empty()) << fault;
   }
 }
 
