@@ -72,7 +72,7 @@ class ProgramTest : public testing::Test {
     return Descriptor(open((folder_.path() + "/input").c_str(), O_RDONLY | O_CLOEXEC));
   }
 
-  const EchoServer server_;
+  EchoServer server_;
   const TempDir folder_;
 };
 
