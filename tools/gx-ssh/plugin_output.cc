@@ -37,7 +37,7 @@ bool PluginOutput::Write(const void* data, std::size_t length) {
   between_frames_ = scanner_.AtFrameEnd();
   const bool more_to_come = inserts_.empty() && length >= kFullBlockBytes && queued() < kBatchBytes;
   if (between_frames_) queue_ += std::exchange(inserts_, {});
-  more_to_come ? work_.notify_one() : Send();
+  more_to_come ? Defer() : Send();
   if (!Report(lock)) return false;
   lock.unlock();
   // Only now, so that what the handler inserts in answer comes behind the block.
@@ -71,7 +71,13 @@ void PluginOutput::Close() {
   work_.notify_all();
 }
 
+void PluginOutput::Defer() {
+  deferred_ = true;
+  work_.notify_one();
+}
+
 void PluginOutput::Send() {
+  ++sends_;
   while (queued() > 0 && !broken_ && !full_) {
     const ssize_t step = write(fd_, queue_.data() + sent_, queued());
     if (step >= 0) {
@@ -96,18 +102,29 @@ void PluginOutput::Flush() {
   for (;;) {
     work_.wait(lock, [this] { return closed() || queued() > 0; });
     if (closed()) return;
-    const bool full = full_;
-    lock.unlock();
-    if (full) {
-      stop_.WaitFor(fd_, POLLOUT);
-    } else {
-      std::this_thread::sleep_for(kLinger);
-    }
-    lock.lock();
-    if (full) full_ = false;
-    Send();
+    full_ ? WaitForRoom(lock) : Linger(lock);
     if (!Report(lock)) return;
   }
+}
+
+void PluginOutput::WaitForRoom(Lock& lock) {
+  lock.unlock();
+  stop_.WaitFor(fd_, POLLOUT);
+  lock.lock();
+  full_ = false;
+  Send();
+}
+
+// As long as the flow goes on nobody has to wake this thread, and the writer itself sends what it collects.
+void PluginOutput::Linger(Lock& lock) {
+  do {
+    deferred_ = false;
+    const std::uint64_t sends = sends_;
+    lock.unlock();
+    std::this_thread::sleep_for(kLinger);
+    lock.lock();
+    if (sends_ == sends && !full_) Send();
+  } while (deferred_ && !full_ && !closed());
 }
 
 bool PluginOutput::Report(Lock& lock) {

@@ -66,8 +66,11 @@ class PluginOutput : FrameReader::Handler {
 
   bool closed() const { return broken_ || stop_.raised(); }
   std::size_t queued() const { return queue_.size() - sent_; }
+  void Defer();  // leaves what is queued to a later call, or to the writer's own thread
   void Send();   // what is queued, as far as the descriptor takes it
-  void Flush();  // the writer's own thread
+  void Flush();  // the writer's own thread, with its two waits
+  void WaitForRoom(Lock& lock);
+  void Linger(Lock& lock);
   // Tells the handler, without the lock, of a failure that is new. False: the descriptor takes no more.
   bool Report(Lock& lock);
 
@@ -85,7 +88,9 @@ class PluginOutput : FrameReader::Handler {
   std::size_t sent_ = 0;
   std::string inserts_;  // frames that wait for the end of the one that is being written
   bool between_frames_ = true;
-  bool full_ = false;  // the descriptor, as far as is known
+  bool full_ = false;        // the descriptor, as far as is known
+  bool deferred_ = false;    // since the writer's own thread last looked
+  std::uint64_t sends_ = 0;  // calls of Send
   bool finished_ = false;
   bool broken_ = false;
   std::string failure_;  // why, until the handler has been told
