@@ -8,6 +8,7 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include <cerrno>
 #include <cstring>
 #include <optional>
 #include <string>
@@ -26,7 +27,9 @@ class TcpClient {
     address.sin_family = AF_INET;
     address.sin_port = htons(static_cast<std::uint16_t>(port));
     address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    if (connect(socket_, reinterpret_cast<const sockaddr*>(&address), sizeof address) != 0) Close();
+    if (connect(socket_, reinterpret_cast<const sockaddr*>(&address), sizeof address) == 0) return;
+    // A signal, such as a fuzzer's alarm, ends the call but not the attempt.
+    if (errno != EINTR || !WaitFor(POLLOUT) || PendingError() != 0) Close();
   }
   // "127.0.0.1:port"
   explicit TcpClient(const std::string& address)
@@ -99,7 +102,17 @@ class TcpClient {
  private:
   bool WaitFor(short events) const {
     pollfd waiter{socket_, events, 0};
-    return poll(&waiter, 1, static_cast<int>(std::chrono::milliseconds(kPatience).count())) == 1;
+    int ready;
+    do {
+      ready = poll(&waiter, 1, static_cast<int>(std::chrono::milliseconds(kPatience).count()));
+    } while (ready < 0 && errno == EINTR);
+    return ready == 1;
+  }
+
+  int PendingError() const {
+    int error = 0;
+    socklen_t length = sizeof error;
+    return getsockopt(socket_, SOL_SOCKET, SO_ERROR, &error, &length) == 0 ? error : errno;
   }
 
   // Empty: the end of the connection. Nothing: a reset, or nothing came in time.
