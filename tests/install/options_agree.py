@@ -32,8 +32,8 @@ def of_bash(text, name):
 def of_zsh(text, name):
     found = set()
     for line in body(text, name).splitlines():
-        spec = re.sub(r"\([^)]*\)", "", line.split("[")[0])  # without the options that it excludes
-        found.update(re.findall(OPTION, spec) if "[" in line else [])
+        own = re.sub(r"\([^)]*\)", "", line.split("[")[0])  # without the options that it excludes
+        found.update(re.findall(OPTION, own) if "[" in line else [])
     return {option.removesuffix("-") for option in found} - {"-S"}
 
 
