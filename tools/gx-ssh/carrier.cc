@@ -1,6 +1,5 @@
 #include "gx-ssh/carrier.h"
 
-#include <fcntl.h>
 #include <spdlog/spdlog.h>
 #include <sys/wait.h>
 
@@ -15,18 +14,6 @@ namespace {
 constexpr std::size_t kLastLines = 3;
 constexpr std::size_t kLineBytes = 1000;
 
-// Towards the far side a burst passes in fewer system calls. On the way back what lies in the pipe is what a
-// keystroke's echo waits behind, and the far side writes large pieces anyway.
-constexpr int kInputPipeBytes = 1024 * 1024;
-constexpr int kOutputPipeBytes = 128 * 1024;
-
-// A refusal does no harm.
-void Resize([[maybe_unused]] const Pipe& pipe, [[maybe_unused]] int bytes) {
-#ifdef F_SETPIPE_SZ
-  fcntl(pipe.write.get(), F_SETPIPE_SZ, bytes);
-#endif
-}
-
 }  // namespace
 
 Carrier::Carrier(asio::io_context& io, const std::vector<std::string>& command, std::function<void()> on_quiet)
@@ -34,8 +21,6 @@ Carrier::Carrier(asio::io_context& io, const std::vector<std::string>& command, 
       child_({command, input_.read.get(), output_.write.get(), error_pipe_.write.get()}),
       errors_(io, error_pipe_.read.Release()),
       on_quiet_(std::move(on_quiet)) {
-  Resize(input_, kInputPipeBytes);
-  Resize(output_, kOutputPipeBytes);
   input_.read.Reset();
   output_.write.Reset();
   error_pipe_.write.Reset();

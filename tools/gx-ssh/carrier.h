@@ -40,8 +40,8 @@ class Carrier final : public FarSide {
   void TakeLine();
 
   const std::string name_;  // of the program, for people
-  Pipe input_ = MakePipe();
-  Pipe output_ = MakePipe();
+  Pipe input_ = MakeSocketPipe();
+  Pipe output_ = MakeSocketPipe();
   Pipe error_pipe_ = MakePipe();
   Child child_;
   asio::posix::stream_descriptor errors_;

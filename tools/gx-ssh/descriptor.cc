@@ -45,6 +45,12 @@ std::pair<Descriptor, Descriptor> MakeSocketPair() {
   return {Descriptor(ends[0]), Descriptor(ends[1])};
 }
 
+Pipe MakeSocketPipe() {
+  auto [read, write] = MakeSocketPair();
+  Check(shutdown(read.get(), SHUT_WR), "shutdown");
+  return {std::move(read), std::move(write)};
+}
+
 Descriptor Duplicate(int fd) { return Descriptor(Check(fcntl(fd, F_DUPFD_CLOEXEC, 3), "dup")); }
 
 void SetNonBlocking(int fd, bool on) {

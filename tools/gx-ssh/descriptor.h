@@ -37,6 +37,9 @@ struct Pipe {
 // give.
 Pipe MakePipe();
 std::pair<Descriptor, Descriptor> MakeSocketPair();
+// A pipe made of two local sockets: the same bytes for a third of the processor time. It differs where a
+// program opens its standard input or output by name (/dev/stdin), which sockets refuse.
+Pipe MakeSocketPipe();
 
 // A copy of `fd` above the standard three, close-on-exec.
 Descriptor Duplicate(int fd);

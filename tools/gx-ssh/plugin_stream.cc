@@ -3,8 +3,15 @@
 #include <utility>
 
 #include "link/control_frames.h"
+#include "link/local_socket.h"
 
 namespace gxtool {
+namespace {
+
+// A burst passes in fewer switches between the two programs.
+constexpr int kUnreadBytes = 208 * 1024;
+
+}  // namespace
 
 PluginStream::PluginStream(Descriptor input, Descriptor output, std::string_view received,
                            StreamSettings settings, StreamObserver& observer)
@@ -16,6 +23,7 @@ PluginStream::PluginStream(Descriptor input, Descriptor output, std::string_view
       output_(output_fd_.get(), stop_, *this) {
   SetNonBlocking(input_fd_.get(), true);
   SetNonBlocking(output_fd_.get(), true);
+  SetUnreadBytes(output_fd_.get(), kUnreadBytes);
 }
 
 std::uint32_t PluginStream::Read(void* data, unsigned length, unsigned* got, unsigned /*flags*/) {

@@ -7,12 +7,15 @@
 #include <cstring>
 
 #include "link/control_frames.h"
+#include "link/local_socket.h"
 
 namespace gxtool {
 namespace {
 
 // Two full frames to a half: one can be written while the next is read.
 constexpr std::size_t kHalfBytes = 2 * (gxmod::kFrameHeaderBytes + kDataBytes);
+// What lies unread is what a keystroke's echo waits behind.
+constexpr int kUnreadBytes = 128 * 1024;
 // Less is not worth a call to the target.
 constexpr std::size_t kLeastRoom = 4 * 1024;
 
@@ -20,6 +23,7 @@ constexpr std::size_t kLeastRoom = 4 * 1024;
 
 FrameOutput::FrameOutput(asio::io_context& io, int fd, Owner* owner) : io_(io), fd_(io, fd), owner_(owner) {
   for (Half* half : {&writing_, &filling_}) half->data = std::make_unique_for_overwrite<char[]>(kHalfBytes);
+  SetUnreadBytes(fd, kUnreadBytes);
 }
 
 std::span<char> FrameOutput::Room() {
