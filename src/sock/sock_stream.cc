@@ -82,6 +82,7 @@ bool CSockStream::SetSocket(int socket, bool connected) {
     GXModLog(kGXModLogWarning,
              "[CSockStream] m_Socket member has been set when SetSocket be called, now close it first");
     close(previous);
+    ahead_ = {};
   }
   SetConnected(connected);
   ReadNames();
@@ -135,14 +136,15 @@ bool CSockStream::peek(char* data, long length, long& count, long timeout_ms) {
 bool CSockStream::readbyflag(char* data, long length, long& count, long timeout_ms, int flags) {
   if (read_pending_) return true;
   count = 0;
-  if (read_budget_ <= 0 && timeout_ms != 0 && WaitInTracker(kSelectReadable, read_pending_)) return true;
+  if (read_budget_ <= 0 && ahead_.empty() && timeout_ms != 0 && WaitInTracker(kSelectReadable, read_pending_))
+    return true;
 
-  const ssize_t got = recv(socket_, data, static_cast<std::size_t>(length), flags);
+  const ssize_t got = ahead_.Receive(socket_, data, static_cast<std::size_t>(length), flags);
   if (got == 0) return false;  // the peer closed; errno is whatever an earlier call left
   if (got > 0) {
     count = got;
-    // Less than was asked for: the socket is empty, and another look at it would only tell so.
-    read_budget_ = got < length ? 0 : read_budget_ - got;
+    // A socket that was emptied would, at another look, only tell so.
+    read_budget_ = ahead_.drained() ? 0 : read_budget_ - got;
     return true;
   }
 

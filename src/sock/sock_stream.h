@@ -8,6 +8,7 @@
 
 #include "object/object_monitor.h"
 #include "reactor/tcp_task.h"
+#include "sock/read_ahead.h"
 #include "stream/base_stream.h"
 
 // Owns its socket, which it expects to be non-blocking. What would block is handed to the tracker as a task;
@@ -49,7 +50,7 @@ class CSockStream : public CBaseStream {
   bool read_step(IBuffer* buffer, unsigned long length) override;
   bool peek_done(IBuffer* buffer, unsigned long length) override;
   bool write_step(IBuffer* buffer, unsigned long length) override;
-  // `flags` are those of recv.
+  // `flags`: 0 or MSG_PEEK.
   virtual bool readbyflag(char* data, long length, long& count, long timeout_ms, int flags);
 
  private:
@@ -66,6 +67,7 @@ class CSockStream : public CBaseStream {
   std::string peer_name_;
   std::atomic<bool> read_pending_{false};
   std::atomic<bool> write_pending_{false};
+  CReadAhead ahead_;
   std::atomic<std::int64_t> read_budget_{kReadBurstBytes};  // bytes to read before the reactor has to come by
   std::atomic<int> socket_{kNoSocket};
   std::atomic<ITCPTaskTracker*> tracker_{nullptr};
