@@ -3,6 +3,7 @@
 #include <poll.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstring>
 
@@ -12,8 +13,10 @@ namespace {
 // The module hands over what one read of a connection has brought. A read that was filled is followed by the
 // next one at once, so what it brought may wait for that for a moment, and both leave in one system call.
 constexpr std::size_t kFullBlockBytes = 4096;
-constexpr std::size_t kBatchBytes = 64 * 1024;
+constexpr std::size_t kBatchBytes = 48 * 1024;
 constexpr std::chrono::microseconds kLinger{50};
+// While a flow sends by itself all that it brings, nobody need look after it that often.
+constexpr std::chrono::microseconds kLongestLinger{1000};
 
 }  // namespace
 
@@ -31,8 +34,8 @@ bool PluginOutput::Write(const void* data, std::size_t length) {
   begun_.clear();
   scanner_.Feed(block);
   Lock lock(mutex_);
-  room_.wait(lock, [this] { return closed() || finished_ || queued() < kQueueBytes; });
-  if (closed() || finished_) return false;
+  if (queued() >= kQueueBytes) WaitForRoom(lock);
+  if (!Report(lock) || closed() || finished_) return false;
   queue_ += block;
   between_frames_ = scanner_.AtFrameEnd();
   const bool more_to_come = inserts_.empty() && length >= kFullBlockBytes && queued() < kBatchBytes;
@@ -60,14 +63,13 @@ bool PluginOutput::Finish(std::string_view frame, std::chrono::milliseconds limi
     Send();
   }
   finished_ = true;
-  room_.notify_all();
-  room_.wait_for(lock, limit, [this] { return closed() || queued() == 0; });
+  sent_all_.wait_for(lock, limit, [this] { return closed() || queued() == 0; });
   return !broken_ && queued() == 0;
 }
 
 void PluginOutput::Close() {
   Lock lock(mutex_);
-  room_.notify_all();
+  sent_all_.notify_all();
   work_.notify_all();
 }
 
@@ -93,21 +95,28 @@ void PluginOutput::Send() {
     queue_.erase(0, sent_);
     sent_ = 0;
   }
-  room_.notify_all();
-  if (queued() > 0) work_.notify_one();
+  queued() == 0 || broken_ ? sent_all_.notify_all() : work_.notify_one();
+}
+
+// The caller waits for the descriptor itself: to be woken by another thread would cost it time.
+void PluginOutput::WaitForRoom(Lock& lock) {
+  writer_waits_ = true;
+  while (!closed() && !finished_ && queued() >= kQueueBytes) WaitForDescriptor(lock);
+  writer_waits_ = false;
+  work_.notify_one();
 }
 
 void PluginOutput::Flush() {
   Lock lock(mutex_);
   for (;;) {
-    work_.wait(lock, [this] { return closed() || queued() > 0; });
+    work_.wait(lock, [this] { return closed() || (queued() > 0 && !writer_waits_); });
     if (closed()) return;
-    full_ ? WaitForRoom(lock) : Linger(lock);
+    full_ ? WaitForDescriptor(lock) : Linger(lock);
     if (!Report(lock)) return;
   }
 }
 
-void PluginOutput::WaitForRoom(Lock& lock) {
+void PluginOutput::WaitForDescriptor(Lock& lock) {
   lock.unlock();
   stop_.WaitFor(fd_, POLLOUT);
   lock.lock();
@@ -117,13 +126,16 @@ void PluginOutput::WaitForRoom(Lock& lock) {
 
 // As long as the flow goes on nobody has to wake this thread, and the writer itself sends what it collects.
 void PluginOutput::Linger(Lock& lock) {
+  auto pause = kLinger;
   do {
     deferred_ = false;
     const std::uint64_t sends = sends_;
     lock.unlock();
-    std::this_thread::sleep_for(kLinger);
+    std::this_thread::sleep_for(pause);
     lock.lock();
-    if (sends_ == sends && !full_) Send();
+    const bool forgotten = sends_ == sends && !full_;
+    pause = forgotten ? kLinger : std::min(2 * pause, kLongestLinger);
+    if (forgotten) Send();
   } while (deferred_ && !full_ && !closed());
 }
 

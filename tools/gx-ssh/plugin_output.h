@@ -48,14 +48,14 @@ class PluginOutput : FrameReader::Handler {
   // Puts a whole frame between those of Write, as soon as none of them is cut by it. Never blocks.
   void Insert(std::string_view frame);
 
-  // Refuses further calls of Write and puts `frame` (may be empty) behind what is queued. True: everything went
-  // out within `limit`.
+  // Refuses further calls of Write, and one that waits for room as soon as there is some, and puts `frame` (may
+  // be empty) behind what is queued. True: everything went out within `limit`.
   bool Finish(std::string_view frame, std::chrono::milliseconds limit);
 
   // Makes blocked and later calls of Write fail. Call it after the stop signal was raised.
   void Close();
 
-  static constexpr std::size_t kQueueBytes = 1024 * 1024;
+  static constexpr std::size_t kQueueBytes = 128 * 1024;
 
  private:
   void OnFrame(const gxmod::FrameHeader& header) override { begun_.push_back(header); }
@@ -68,8 +68,9 @@ class PluginOutput : FrameReader::Handler {
   std::size_t queued() const { return queue_.size() - sent_; }
   void Defer();  // leaves what is queued to a later call, or to the writer's own thread
   void Send();   // what is queued, as far as the descriptor takes it
-  void Flush();  // the writer's own thread, with its two waits
   void WaitForRoom(Lock& lock);
+  void Flush();  // the writer's own thread
+  void WaitForDescriptor(Lock& lock);
   void Linger(Lock& lock);
   // Tells the handler, without the lock, of a failure that is new. False: the descriptor takes no more.
   bool Report(Lock& lock);
@@ -81,16 +82,17 @@ class PluginOutput : FrameReader::Handler {
   FrameReader scanner_{this};              // of what Write brings; only in Write
   std::vector<gxmod::FrameHeader> begun_;  // in this call of Write; only there
 
-  std::mutex mutex_;              // guards what follows
-  std::condition_variable room_;  // the queue is shorter, or nothing is taken any more
-  std::condition_variable work_;  // something is queued
-  std::string queue_;             // bytes to send, from sent_ on
+  std::mutex mutex_;                  // guards what follows
+  std::condition_variable sent_all_;  // nothing is queued, or nothing is taken any more
+  std::condition_variable work_;      // something is queued that nobody looks after
+  std::string queue_;                 // bytes to send, from sent_ on
   std::size_t sent_ = 0;
   std::string inserts_;  // frames that wait for the end of the one that is being written
   bool between_frames_ = true;
-  bool full_ = false;        // the descriptor, as far as is known
-  bool deferred_ = false;    // since the writer's own thread last looked
-  std::uint64_t sends_ = 0;  // calls of Send
+  bool full_ = false;          // the descriptor, as far as is known
+  bool writer_waits_ = false;  // in WaitForRoom, and looks after the queue
+  bool deferred_ = false;      // since the writer's own thread last looked
+  std::uint64_t sends_ = 0;    // calls of Send
   bool finished_ = false;
   bool broken_ = false;
   std::string failure_;  // why, until the handler has been told

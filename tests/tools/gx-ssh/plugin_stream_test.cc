@@ -115,6 +115,22 @@ TEST_F(PluginStreamTest, VanishedFarSideIsToldOnce) {
   EXPECT_EQ(diary_.Take(), "failed: Broken pipe; ");
 }
 
+// Nobody else may notice: the one that waits for the far side has to tell.
+TEST_F(PluginStreamTest, FarSideThatVanishesBeforeAWaitingWriterIsToldOnce) {
+  Open();
+  auto writer = std::async(std::launch::async, [this] {
+    while (WriteModule(DataFrame(1, std::string(60'000, 'x')))) {
+    }
+  });
+  ReadExactly(far_.get(), 1'000'000);
+  far_.Reset();
+  EXPECT_EQ(writer.wait_for(kPatience), std::future_status::ready);
+  stream_->Finish("", kPatience);
+  const std::string told = diary_.Take();
+  EXPECT_NE(told.find("failed: "), std::string::npos);
+  EXPECT_EQ(told.find("failed: "), told.rfind("failed: "));
+}
+
 TEST_F(PluginStreamTest, SilenceCountsOnlyWhileTheModuleWaits) {
   Open();
   EXPECT_EQ(stream_->silence().count(), 0);
