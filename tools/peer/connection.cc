@@ -19,6 +19,7 @@ constexpr int kSendFlags = MSG_DONTWAIT;
 #endif
 
 constexpr std::size_t kSendPieces = 64;           // of one sendmsg
+constexpr std::size_t kSmallBytes = 1024;         // at most a keystroke's echo, a request, a line
 constexpr int kWritesInARow = 16;                 // before others have their turn
 constexpr std::size_t kDiscardBytes = 16 * 1024;  // read at a time when nobody wants it
 
@@ -207,6 +208,7 @@ std::optional<std::size_t> Connection::Read(std::span<char> out) {
     return std::nullopt;
   }
   received_ += static_cast<std::size_t>(count);
+  small_reads_ = static_cast<std::size_t>(count) <= kSmallBytes ? small_reads_ + 1 : 0;
   last_move_ = Clock::now();
   return static_cast<std::size_t>(count);
 }

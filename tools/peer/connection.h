@@ -56,6 +56,8 @@ class Connection : public std::enable_shared_from_this<Connection> {
   std::uint32_t id() const { return id_; }
   const std::string& name() const { return name_; }
   State state() const { return state_; }
+  // The target says little at a time: somebody may be waiting for each word.
+  bool interactive() const { return small_reads_ >= 2; }
   // Bytes that the target has not taken yet.
   std::size_t queued() const { return queue_.size(); }
   // Bytes so far.
@@ -125,6 +127,7 @@ class Connection : public std::enable_shared_from_this<Connection> {
   ByteQueue queue_;
   std::uint64_t sent_ = 0;
   std::uint64_t received_ = 0;
+  unsigned small_reads_ = 0;  // in a row
   Clock::time_point last_move_ = Clock::now();
   Clock::time_point last_taken_ = last_move_;
 };

@@ -16,6 +16,8 @@ namespace {
 constexpr std::size_t kHalfBytes = 2 * (gxmod::kFrameHeaderBytes + kDataBytes);
 // What lies unread is what a keystroke's echo waits behind.
 constexpr int kUnreadBytes = 128 * 1024;
+constexpr int kInteractiveUnreadBytes = 32 * 1024;
+constexpr std::size_t kInteractiveFrameBytes = 32 * 1024;
 // Less is not worth a call to the target.
 constexpr std::size_t kLeastRoom = 4 * 1024;
 
@@ -30,6 +32,19 @@ std::span<char> FrameOutput::Room() {
   const std::size_t taken = filling_.end + gxmod::kFrameHeaderBytes;
   if (broken_ || !overflow_.empty() || taken + kLeastRoom > kHalfBytes) return {};
   return {filling_.data.get() + taken, std::min(kDataBytes, kHalfBytes - taken)};
+}
+
+std::span<char> FrameOutput::BulkRoom() {
+  if (!interactive_) return Room();
+  if (!idle()) return {};
+  const std::span<char> room = Room();
+  return room.first(std::min(room.size(), kInteractiveFrameBytes));
+}
+
+void FrameOutput::SetInteractive(bool on) {
+  if (on == interactive_) return;
+  interactive_ = on;
+  SetUnreadBytes(fd_.native_handle(), on ? kInteractiveUnreadBytes : kUnreadBytes);
 }
 
 void FrameOutput::AddData(std::uint32_t connection_id, std::size_t count) {
@@ -62,14 +77,16 @@ void FrameOutput::ScheduleFlush() {
   asio::post(io_, [this] { Flush(); });
 }
 
+// What fails here fails again in Flush, which is under way.
+void FrameOutput::Hurry() {
+  if (!broken_ && writing_.unwritten() == 0 && Refill()) WriteSome();
+}
+
 void FrameOutput::Flush() {
   flush_pending_ = false;
   while (writing_.unwritten() != 0 || Refill()) {
-    const ssize_t count =
-        ::write(fd_.native_handle(), writing_.data.get() + writing_.begin, writing_.unwritten());
-    if (count >= 0) {
-      writing_.begin += static_cast<std::size_t>(count);
-    } else if (errno == EAGAIN || errno == EWOULDBLOCK) {
+    if (WriteSome() >= 0) continue;
+    if (errno == EAGAIN || errno == EWOULDBLOCK) {
       WaitWritable();
       break;
     } else if (errno != EINTR) {
@@ -77,6 +94,13 @@ void FrameOutput::Flush() {
     }
   }
   owner_->OnOutputProgress();
+}
+
+ssize_t FrameOutput::WriteSome() {
+  const ssize_t count =
+      ::write(fd_.native_handle(), writing_.data.get() + writing_.begin, writing_.unwritten());
+  if (count > 0) writing_.begin += static_cast<std::size_t>(count);
+  return count;
 }
 
 // The half that was filled becomes the one to write. False: there is nothing.

@@ -3,11 +3,13 @@
 // Frames are built where they are written from: a payload is read from its target straight into the space
 // behind its header, and whole runs of frames leave in one write. While one half of the memory is written, the
 // other half is filled; no more than that is ever queued ahead of a new frame, except for answers that must not
-// wait (AddControl). Threads: the one that runs the io_context.
+// wait (AddControl). Halves and frames are large, which is cheap. While somebody waits for small answers,
+// SetInteractive trades some of that for less ahead of them. Threads: the one that runs the io_context.
 #ifndef GX_PEER_FRAME_OUTPUT_H
 #define GX_PEER_FRAME_OUTPUT_H
 
 #include <gxmod/frames.h>
+#include <sys/types.h>
 
 #include <cstddef>
 #include <cstdint>
@@ -41,8 +43,15 @@ class FrameOutput {
 
   // Where the payload of a Data frame may be put now; empty: not before OnOutputProgress.
   std::span<char> Room();
-  // Queues the first `count` bytes of Room as a Data frame.
+  // The same for a connection that has much to say: when interactive, little at a time and only once all that
+  // was queued is written.
+  std::span<char> BulkRoom();
+  void SetInteractive(bool on);
+  bool interactive() const { return interactive_; }
+  // Queues the first `count` bytes of Room or BulkRoom as a Data frame.
   void AddData(std::uint32_t connection_id, std::size_t count);
+  // Writes what was queued last without waiting for the event loop, if nothing lies ahead of it.
+  void Hurry();
   // Queues a frame behind all others, room or no room.
   void AddControl(gxmod::ConnectionType type, std::uint32_t connection_id, std::string_view payload = {});
   // Queues bytes that are no frame.
@@ -65,6 +74,7 @@ class FrameOutput {
   void ScheduleFlush();
   void Flush();
   bool Refill();
+  ssize_t WriteSome();
   void WaitWritable();
   void Break();
 
@@ -75,6 +85,7 @@ class FrameOutput {
   Half filling_;
   std::string overflow_;  // comes after filling_; no data is added while there is some
   bool flush_pending_ = false;
+  bool interactive_ = false;
   bool broken_ = false;
 };
 

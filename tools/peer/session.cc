@@ -20,6 +20,7 @@ constexpr std::size_t kQueueMark = 8 * 1024 * 1024;        // for one target; pa
 constexpr std::size_t kTotalQueueMark = 64 * 1024 * 1024;  // for all targets
 constexpr std::size_t kOwedMark = 1024 * 1024;             // answers that the other side does not take
 constexpr char kWithTheLink[] = "ended with the link";
+constexpr auto kInteractiveTime = std::chrono::seconds(1);  // after a small answer; a typist's pause
 constexpr auto kTick = milliseconds(50);
 constexpr auto kCloseTime = std::chrono::seconds(5);  // for a target to take what is queued and to end
 constexpr auto kStopTime = milliseconds(1700);        // for what is under way when a stop is asked for
@@ -266,16 +267,22 @@ void PeerSession::OnOpenFailed(Connection& connection, asio::error_code error) {
 }
 
 void PeerSession::OnReadable(Connection& connection) {
-  readable_.push_back(connection.shared_from_this());
+  (connection.interactive() ? interactive_ : readable_).push_back(connection.shared_from_this());
   ReadTargets();
 }
 
-// Round robin, one frame a turn, for as long as the output has room.
 void PeerSession::ReadTargets() {
-  for (std::span<char> room; !readable_.empty() && !(room = output_.Room()).empty();) {
-    const ConnectionPtr connection = std::move(readable_.front());
-    readable_.pop_front();
-    if (connection->state() == Connection::State::kOpen) ReadTarget(connection, room);
+  if (output_.interactive() && Clock::now() >= interactive_until_) output_.SetInteractive(false);
+  ReadInTurn(interactive_, &FrameOutput::Room);
+  ReadInTurn(readable_, &FrameOutput::BulkRoom);
+}
+
+// Round robin, one frame a turn, for as long as the output has room.
+void PeerSession::ReadInTurn(std::deque<ConnectionPtr>& readable, std::span<char> (FrameOutput::*room)()) {
+  for (std::span<char> out; !readable.empty() && !(out = (output_.*room)()).empty();) {
+    const ConnectionPtr connection = std::move(readable.front());
+    readable.pop_front();
+    if (connection->state() == Connection::State::kOpen) ReadTarget(connection, out);
   }
 }
 
@@ -283,11 +290,20 @@ void PeerSession::ReadTarget(const ConnectionPtr& connection, std::span<char> ro
   const auto count = connection->Read(room);
   if (!count) return End(*connection, "ended by the target");
   if (*count != 0) output_.AddData(connection->id(), *count);
+  if (connection->interactive()) GoFirst();
   if (*count == room.size()) {
     readable_.push_back(connection);
   } else {
     connection->WaitReadable();
   }
+}
+
+// Alone it has nobody to go before.
+void PeerSession::GoFirst() {
+  output_.Hurry();
+  if (live_.size() == 1) return;
+  interactive_until_ = Clock::now() + kInteractiveTime;
+  output_.SetInteractive(true);
 }
 
 void PeerSession::End(Connection& connection, const std::string& why) {
@@ -452,7 +468,7 @@ void PeerSession::CheckPhase(Clock::time_point now) {
 
 bool PeerSession::NothingUnderWay(Clock::time_point now) const {
   if (input_ended_) return live_.empty() && closing_.empty();
-  return readable_.empty() && output_.idle() &&
+  return interactive_.empty() && readable_.empty() && output_.idle() &&
          std::all_of(live_.begin(), live_.end(), [now](const auto& entry) {
            const Connection& connection = *entry.second;
            return connection.state() == Connection::State::kOpen && connection.queued() == 0 &&

@@ -90,6 +90,8 @@ class PeerSession final : private StreamReader::Owner,
 
   // Data from targets.
   void ReadTargets();
+  void ReadInTurn(std::deque<ConnectionPtr>& readable, std::span<char> (FrameOutput::*room)());
+  void GoFirst();
   void ReadTarget(const ConnectionPtr& connection, std::span<char> room);
 
   // Ways out of live_. End and Drop tell the other side.
@@ -136,9 +138,11 @@ class PeerSession final : private StreamReader::Owner,
 
   std::unordered_map<std::uint32_t, ConnectionPtr> live_;  // known to the other side
   std::deque<ConnectionPtr> closing_;                      // not any more; in the order of close_until
-  std::deque<ConnectionPtr> readable_;                     // in the order of their turns
-  std::size_t queued_ = 0;                                 // for all targets, bytes
-  std::size_t over_mark_ = 0;                              // connections that owe their target too much
+  std::deque<ConnectionPtr> interactive_;                  // readable, in the order of their turns
+  std::deque<ConnectionPtr> readable_;                     // those that have more to say
+  Clock::time_point interactive_until_;
+  std::size_t queued_ = 0;     // for all targets, bytes
+  std::size_t over_mark_ = 0;  // connections that owe their target too much
   Clock::time_point paused_since_;
 
   bool stop_requested_ = false;

@@ -230,6 +230,38 @@ TEST(PeerTest, SmallFrameIsNotHeldBackByABulkTransfer) {
   EXPECT_LT(ahead, std::size_t{1} << 20);  // the queue, and what the socket pair holds
 }
 
+// Once a connection has shown that it says little at a time, still less lies ahead of it, but not for ever.
+TEST(PeerTest, ConversationGoesBeforeABulkTransfer) {
+  const Target target;
+  Rig rig;
+  const Descriptor bulk = rig.Connect(1, target);
+  const Descriptor talk = rig.Connect(2, target);
+  for (const char* word : {"one", "two", "three"}) {
+    EXPECT_TRUE(WriteAll(talk.get(), word));
+    EXPECT_EQ(rig.Next(), Of(ConnectionType::Data, 2, word));
+  }
+  WriteUntilStuck(bulk.get(), std::string(64 << 20, 'x'));
+  EXPECT_TRUE(WriteAll(talk.get(), "four"));
+  std::size_t ahead = 0;
+  Frame frame;
+  while ((frame = rig.Next()).id == 1) ahead += frame.payload.size();
+  EXPECT_EQ(frame, Of(ConnectionType::Data, 2, "four"));
+  EXPECT_LT(ahead, std::size_t{192} << 10);
+
+  std::thread sender([fd = bulk.get()] {
+    const std::string bytes(1 << 20, 'x');
+    while (WriteAll(fd, bytes)) {
+    }
+  });
+  const auto limit = std::chrono::steady_clock::now() + std::chrono::seconds(30);
+  while (frame.payload.size() != std::size_t{65536} && std::chrono::steady_clock::now() < limit)
+    frame = rig.Next();
+  EXPECT_EQ(frame.payload.size(), std::size_t{65536}) << "full frames again";
+  rig.HangUp();
+  rig.Join();
+  sender.join();
+}
+
 TEST(PeerTest, StrangeFramesDoNoHarm) {
   const Target target;
   Rig rig;
