@@ -46,6 +46,7 @@ class FrameOutput {
   // The same for a connection that has much to say: when interactive, little at a time and only once all that
   // was queued is written.
   std::span<char> BulkRoom();
+  // Somebody waits for small answers, or nobody does any more.
   void SetInteractive(bool on);
   bool interactive() const { return interactive_; }
   // Queues the first `count` bytes of Room or BulkRoom as a Data frame.
