@@ -34,7 +34,7 @@ ssize_t CReadAhead::Receive(int socket, char* data, std::size_t length, int flag
 
 void CReadAhead::Clear() {
   const int error = errno;  // the caller's, and not every system's `delete` leaves it alone
-  kept_ = 0;
+  begin_ = kept_ = 0;
   buffer_.reset();
   errno = error;
 }
