@@ -77,7 +77,8 @@ TEST_F(ReadAheadTest, GivesWhatTheSocketWouldHaveGiven) {
   Send(150'000);
   shutdown(ends_[1], SHUT_WR);
   for (std::size_t length = 1; received_ < sent_.size(); length = length * 3 % 10'007) {
-    ASSERT_EQ(Receive(length), static_cast<ssize_t>(std::min(length, sent_.size() - received_)));
+    const auto due = static_cast<ssize_t>(std::min(length, sent_.size() - received_));
+    ASSERT_EQ(Receive(length), due);
   }
   EXPECT_EQ(Receive(kRead), 0);
 }
