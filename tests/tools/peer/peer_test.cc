@@ -216,47 +216,39 @@ TEST(PeerTest, TargetThatStallsAllOthersIsCut) {
   EXPECT_EQ(rig.Next(), Of(ConnectionType::Close, 1));
 }
 
-TEST(PeerTest, SmallFrameIsNotHeldBackByABulkTransfer) {
-  const Target target;
-  Rig rig;
-  const Descriptor bulk = rig.Connect(1, target);
-  const Descriptor small = rig.Connect(2, target);
-  WriteUntilStuck(bulk.get(), std::string(64 << 20, 'x'));
-  EXPECT_TRUE(WriteAll(small.get(), "key"));
+// Fills what lies between the bulk transfer of connection 1 and the host, says `word` on connection 2 and
+// returns how many bytes come before it.
+std::size_t BytesAhead(Rig& rig, int bulk, int talk, const char* word) {
+  WriteUntilStuck(bulk, std::string(64 << 20, 'x'));
+  EXPECT_TRUE(WriteAll(talk, word));
   std::size_t ahead = 0;
   Frame frame;
   while ((frame = rig.Next()).id == 1) ahead += frame.payload.size();
-  EXPECT_EQ(frame, Of(ConnectionType::Data, 2, "key"));
-  EXPECT_LT(ahead, std::size_t{1} << 20);  // the queue, and what the socket pair holds
+  EXPECT_EQ(frame, Of(ConnectionType::Data, 2, word));
+  return ahead;
 }
 
-// Once a connection has shown that it says little at a time, still less lies ahead of it, but not for ever.
-TEST(PeerTest, ConversationGoesBeforeABulkTransfer) {
+TEST(PeerTest, SmallFramesAreNotHeldBackByABulkTransfer) {
   const Target target;
   Rig rig;
   const Descriptor bulk = rig.Connect(1, target);
   const Descriptor talk = rig.Connect(2, target);
-  for (const char* word : {"one", "two", "three"}) {
-    EXPECT_TRUE(WriteAll(talk.get(), word));
-    EXPECT_EQ(rig.Next(), Of(ConnectionType::Data, 2, word));
-  }
-  WriteUntilStuck(bulk.get(), std::string(64 << 20, 'x'));
-  EXPECT_TRUE(WriteAll(talk.get(), "four"));
-  std::size_t ahead = 0;
-  Frame frame;
-  while ((frame = rig.Next()).id == 1) ahead += frame.payload.size();
-  EXPECT_EQ(frame, Of(ConnectionType::Data, 2, "four"));
-  EXPECT_LT(ahead, std::size_t{192} << 10);
+  // The queue, and what the socket pair holds.
+  EXPECT_LT(BytesAhead(rig, bulk.get(), talk.get(), "one"), std::size_t{1} << 20);
+  BytesAhead(rig, bulk.get(), talk.get(), "two");
+  // By now this is a conversation, and less lies ahead of it.
+  EXPECT_LT(BytesAhead(rig, bulk.get(), talk.get(), "three"), std::size_t{192} << 10);
 
+  // But not for ever.
   std::thread sender([fd = bulk.get()] {
     const std::string bytes(1 << 20, 'x');
     while (WriteAll(fd, bytes)) {
     }
   });
   const auto limit = std::chrono::steady_clock::now() + std::chrono::seconds(30);
-  while (frame.payload.size() != std::size_t{65536} && std::chrono::steady_clock::now() < limit)
-    frame = rig.Next();
-  EXPECT_EQ(frame.payload.size(), std::size_t{65536}) << "full frames again";
+  Frame frame;
+  while (frame.payload.size() != 65536 && std::chrono::steady_clock::now() < limit) frame = rig.Next();
+  EXPECT_EQ(frame.payload.size(), 65536U) << "full frames again";
   rig.HangUp();
   rig.Join();
   sender.join();
