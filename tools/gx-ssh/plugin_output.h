@@ -21,9 +21,9 @@
 namespace gxtool {
 
 // A lone frame is written by the caller itself, at once. Frames of a size that more of them follow are
-// collected first, until one system call is worth its price, the flow ebbs, or kLinger is over. What a slow far
-// side does not take, and what has lingered, is sent by a thread of the writer's. Threads: Write one call at a
-// time, everything else on any.
+// collected first, until one system call is worth its price, the flow ebbs, or a moment is over. What a slow
+// far side does not take, and what has lingered, is sent by a thread of the writer's, unless Write waits for
+// room and does it itself. Threads: Write one call at a time, everything else on any.
 class PluginOutput : FrameReader::Handler {
  public:
   class Handler {
