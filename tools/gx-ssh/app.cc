@@ -16,6 +16,7 @@ namespace {
 
 constexpr std::chrono::seconds kCommandPatience{2};
 constexpr std::chrono::milliseconds kAnswerPatience{500};
+constexpr std::chrono::milliseconds kSignalGrace{100};
 constexpr std::chrono::seconds kStableLink{10};  // after which the next loss is the first one again
 
 bool IsIgnored(int number) {
@@ -34,7 +35,7 @@ App::App(const Options& options, int output, std::shared_ptr<Console> console)
       standard_output_(output),
       console_(std::move(console)),
       signals_(io_, SIGINT, SIGTERM, SIGCHLD),
-      reconnect_timer_(io_),
+      link_timer_(io_),
       patience_timer_(io_),
       module_log_(options.verbosity),
       reporter_(io_, options, *console_, output, traffic_) {
@@ -141,7 +142,14 @@ void App::OnLinkUp(const std::string& address, std::uint16_t port) {
   Announce(listener_ ? listener_->address() : ListenAddress{"", address, port});
 }
 
+// Ctrl-C reaches the far side, too, whose end may be known here before our own signal is.
 void App::OnLinkDown(const Failure& why) {
+  if (command_) return TakeLinkDown(why);
+  link_timer_.expires_after(kSignalGrace);
+  link_timer_.async_wait([this, why](asio::error_code) { TakeLinkDown(why); });
+}
+
+void App::TakeLinkDown(const Failure& why) {
   reporter_.OnLink(why.status() == kExitOk ? "ended" : "lost", why.what());
   if (standard_io_ && why.status() == kExitOk) {
     // It has said goodbye behind its last byte, which may still be on its way to standard output.
@@ -170,8 +178,8 @@ void App::Reconnect(const Failure& why) {
   if (options_.reconnect_attempts > 0 && backoff_.attempts() >= options_.reconnect_attempts) return Fail(why);
   const std::chrono::milliseconds pause = backoff_.Next();
   spdlog::warn("{}; next try in {:.1f}s", why.what(), std::chrono::duration<double>(pause).count());
-  reconnect_timer_.expires_after(pause);
-  reconnect_timer_.async_wait([this](asio::error_code error) {
+  link_timer_.expires_after(pause);
+  link_timer_.async_wait([this](asio::error_code error) {
     if (!error) StartLink();
   });
 }

@@ -53,6 +53,7 @@ class App final : public Link::Owner {
   void StartLink();
   void OnLinkUp(const std::string& address, std::uint16_t port) override;
   void OnLinkDown(const Failure& why) override;
+  void TakeLinkDown(const Failure& why);
   void OnInputDelivered() override { standard_io_->OnInputDelivered(); }
   void OnFrame(const gxmod::FrameHeader& header, bool sent) override;
   void Reconnect(const Failure& why);
@@ -65,7 +66,7 @@ class App final : public Link::Owner {
   const std::shared_ptr<Console> console_;
   asio::io_context io_;
   asio::signal_set signals_;
-  asio::steady_timer reconnect_timer_;
+  asio::steady_timer link_timer_;      // between one link and what comes after it
   asio::steady_timer patience_timer_;  // with what is about to end
   ModuleLog module_log_;
   Traffic traffic_;
