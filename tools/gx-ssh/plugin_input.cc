@@ -5,13 +5,24 @@
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
+#include <thread>
 
 namespace gxtool {
 namespace {
 
-std::int64_t NowMs() {
-  const auto now = std::chrono::steady_clock::now().time_since_epoch();
-  return std::chrono::duration_cast<std::chrono::milliseconds>(now).count();
+using Clock = std::chrono::steady_clock;
+
+// A conversation, as opposed to a transfer, has messages that fit into this, ...
+constexpr std::size_t kLittleBytes = 1024;
+// ... and to the next one it takes no longer than this, while both ends are near. A processor that falls asleep
+// meanwhile takes about as long to wake.
+constexpr std::chrono::microseconds kSoon{100};
+// So many in a row make one. It outlasts a single one that comes late, and hardly two.
+constexpr int kLikely = 4;
+constexpr int kCertain = 2 * kLikely;
+
+std::int64_t Milliseconds(Clock::time_point time) {
+  return std::chrono::duration_cast<std::chrono::milliseconds>(time.time_since_epoch()).count();
 }
 
 std::size_t TotalBytes(std::span<const iovec> parts) {
@@ -50,7 +61,7 @@ std::size_t PluginInput::Read(void* data, std::size_t length) {
 
 std::chrono::milliseconds PluginInput::silence() const {
   const std::int64_t since = waiting_since_ms_;
-  return std::chrono::milliseconds(since == 0 ? 0 : NowMs() - since);
+  return std::chrono::milliseconds(since == 0 ? 0 : Milliseconds(Clock::now()) - since);
 }
 
 bool PluginInput::NextFrame() {
@@ -97,6 +108,7 @@ std::size_t PluginInput::Receive(std::span<iovec> parts) {
     const ssize_t received = readv(fd_, parts.data(), static_cast<int>(parts.size()));
     // Less than there was room for: the next call would only find nothing.
     drained_ = received < 0 ? errno == EAGAIN : static_cast<std::size_t>(received) < TotalBytes(parts);
+    if (received > static_cast<ssize_t>(kLittleBytes)) conversation_ = 0;
     if (received > 0) return static_cast<std::size_t>(received);
     if (received == 0) {
       end_reason_ = "end of the stream";
@@ -112,9 +124,21 @@ std::size_t PluginInput::Receive(std::span<iovec> parts) {
 }
 
 void PluginInput::Wait() {
-  waiting_since_ms_ = NowMs();
-  stop_.WaitFor(fd_, POLLIN);
+  const Clock::time_point begin = Clock::now();
+  waiting_since_ms_ = Milliseconds(begin);
+  if (conversation_ < kLikely || !ComesBefore(begin + kSoon)) stop_.WaitFor(fd_, POLLIN);
   waiting_since_ms_ = 0;
+  conversation_ = Clock::now() - begin < kSoon ? std::min(conversation_ + 1, kCertain) : conversation_ / 2;
+}
+
+// Waits awake, and behind everyone else who wants the processor.
+bool PluginInput::ComesBefore(Clock::time_point end) const {
+  do {
+    pollfd wait{fd_, POLLIN, 0};
+    if (stop_.raised() || poll(&wait, 1, 0) != 0) return true;
+    std::this_thread::yield();
+  } while (Clock::now() < end);
+  return false;
 }
 
 }  // namespace gxtool

@@ -20,6 +20,7 @@
 namespace gxtool {
 
 // Reads ahead, so that small frames do not cost two system calls each, and looks at every header that passes.
+// Within a conversation, little that is answered soon, Read waits awake for a moment before it sleeps.
 // Threads: Read on one; silence on any.
 class PluginInput {
  public:
@@ -58,6 +59,7 @@ class PluginInput {
   bool Skip(std::uint64_t bytes);  // drops that many
   std::size_t Receive(std::span<iovec> parts);
   void Wait();
+  bool ComesBefore(std::chrono::steady_clock::time_point end) const;
   std::size_t buffered() const { return end_ - begin_; }
 
   const int fd_;
@@ -68,6 +70,7 @@ class PluginInput {
   std::size_t end_ = 0;
   std::uint64_t passing_ = 0;  // bytes of the current frame that the module has still to get
   bool drained_ = false;       // nothing was left to read
+  int conversation_ = 0;       // how much what comes looks like one
   std::string end_reason_;
   std::atomic<std::int64_t> waiting_since_ms_{0};  // of the monotonic clock; 0: not waiting
 };

@@ -1,6 +1,11 @@
 #include "gx-ssh/plugin_stream.h"
 
+#include <chrono>
+#include <ctime>
+#include <thread>
+
 #include "stream_fixture.h"
+#include "support/wait.h"
 
 namespace gxtool {
 namespace {
@@ -141,6 +146,25 @@ TEST_F(PluginStreamTest, SilenceCountsOnlyWhileTheModuleWaits) {
   EndOfFarSide();
   reader.get();
   EXPECT_EQ(stream_->silence().count(), 0);
+}
+
+// Answers that come at once are awaited awake; that must end with them, and with a stream that is closed.
+TEST_F(PluginStreamTest, NobodyStaysAwakeAfterAConversation) {
+  Open();
+  auto reader = std::async(std::launch::async, [this] { return ReadModule(4096); });
+  for (int message = 0; message < 50; ++message) {
+    Send(DataFrame(1, "x"));
+    const auto limit = std::chrono::steady_clock::now() + kPatience;
+    while (diary_.Take().empty() && std::chrono::steady_clock::now() < limit) {
+    }
+  }
+  EXPECT_TRUE(gxtest::Eventually([] {
+    const std::clock_t before = std::clock();  // of the whole process
+    std::this_thread::sleep_for(std::chrono::milliseconds(20));
+    return std::clock() - before < CLOCKS_PER_SEC / 200;
+  }));
+  stream_->Close();
+  EXPECT_EQ(reader.get().size(), 50 * DataFrame(1, "x").size());
 }
 
 }  // namespace
