@@ -87,7 +87,7 @@ class Compare(unittest.TestCase):
                   "idle-100", "nothing"]
         with tempfile.TemporaryDirectory() as folder:
             done = subprocess.run(
-                [f"{HERE}/compare", "--build", BUILD, "--tunnels", "none,gx-ssh,gx-ssh --local", "--rounds", "1",
+                [f"{HERE}/compare", "--build", BUILD, "--tunnels", "none,gx-ssh,gx-ssh --local,bare relay", "--rounds", "1",
                  "--seconds", "0.1", "--idle-seconds", "0.1", "--modes", ",".join(wanted),
                  "--json", f"{folder}/json", "--svg", f"{folder}/svg"],
                 capture_output=True, text=True, timeout=300, check=False)
@@ -97,7 +97,7 @@ class Compare(unittest.TestCase):
             with open(f"{folder}/svg", encoding="utf-8") as file:
                 self.assertIn("</svg>", file.read())
         self.assertEqual({(each["mode"], each["tunnel"]) for each in runs if isinstance(each["rounds"][0], dict)},
-                         {(mode, name) for mode in wanted for name in ("none", "gx-ssh", "gx-ssh --local")}
+                         {(mode, name) for mode in wanted for name in ("none", "gx-ssh", "gx-ssh --local", "bare relay")}
                          - {("nothing", "none")})
 
 

@@ -72,6 +72,7 @@ class World:
         self.folder = folder
         self.server = server
         self.load = f"{build}/bench/tunnel/tunnel"
+        self.relay = f"{build}/bench/relay/relay"
         self.gx_ssh = f"{build}/tools/gx-ssh/gx-ssh"
         self.gx_ssh_peer = f"{build}/tools/peer/gx-ssh-peer"
         self.target_port = quiet_port()
@@ -172,6 +173,18 @@ class Socat(Tunnel):
                 f"TCP:127.0.0.1:{onward},nodelay"]
 
 
+class BareRelay(Tunnel):
+    """Two processes for each connection, without frames or anything else: the least that two can cost."""
+
+    most_connections = 100
+
+    @contextlib.contextmanager
+    def open(self, world):
+        port = quiet_port()
+        with listening([world.relay, str(port), f"127.0.0.1:{world.target_port}"], port) as child:
+            yield port, [child.pid]
+
+
 class Configured(Tunnel):
     """A relay with a configuration file."""
 
@@ -234,7 +247,7 @@ stream {{
 
 
 ALL = [NoTunnel("none"), GxSsh("gx-ssh"), GxSshLocal("gx-ssh --local"), Ssh("ssh -L"), Dbclient("dbclient -L"),
-       Socat("2 socat"), Haproxy("haproxy"), Nginx("nginx")]
+       Socat("2 socat"), BareRelay("bare relay"), Haproxy("haproxy"), Nginx("nginx")]
 
 POLICY = "/usr/sbin/policy-rc.d"
 

@@ -3,6 +3,7 @@
 #define GX_BENCH_TUNNEL_SOCKET_H
 
 #include <netinet/in.h>
+#include <sys/socket.h>
 
 #include <cstddef>
 #include <cstdint>
@@ -36,6 +37,8 @@ class Socket {
   std::size_t Receive(std::span<std::byte> space);
   // Fills all of `bytes`. False: the stream ended before the first of them.
   bool ReceiveAll(std::span<std::byte> bytes);
+  // The other side reads the end of the stream.
+  void EndSending() { shutdown(fd_, SHUT_WR); }
 
  private:
   int fd_ = -1;

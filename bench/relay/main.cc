@@ -1,0 +1,96 @@
+// Carries connections through two processes each, with a local socket between them and nothing but a copy loop
+// in either: what two programs with a stream between them cost at least.
+#include <signal.h>
+#include <sys/prctl.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <array>
+#include <cstdio>
+#include <cstdlib>
+#include <exception>
+#include <string>
+#include <thread>
+#include <utility>
+#include <vector>
+
+#include "failure.h"
+#include "socket.h"
+
+namespace gxbench {
+namespace {
+
+constexpr std::size_t kBlockBytes = 64 * 1024;
+
+// Until the stream ends; one that fails ends for the other side, too.
+void Copy(Socket& from, Socket& to) noexcept {
+  try {
+    std::vector<std::byte> block(kBlockBytes);
+    while (const std::size_t got = from.Receive(block)) to.Send(std::span(block).first(got));
+  } catch (const std::exception&) {
+  }
+  to.EndSending();
+}
+
+void CopyBothWays(Socket& one, Socket& other) {
+  std::thread back([&] { Copy(other, one); });
+  Copy(one, other);
+  back.join();
+}
+
+// Runs `work` in a process of its own, which ends with this one at the latest.
+template <class Work>
+void InChild(Work work) {
+  const pid_t pid = fork();
+  if (pid < 0) throw Failure("fork failed");
+  if (pid > 0) return;
+  prctl(PR_SET_PDEATHSIG, SIGKILL);
+  try {
+    work();
+  } catch (const std::exception& failure) {
+    std::fprintf(stderr, "relay: %s\n", failure.what());
+  }
+  std::_Exit(0);
+}
+
+std::pair<Socket, Socket> LocalSockets() {
+  std::array<int, 2> ends{};
+  if (socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, ends.data()) != 0) throw Failure("socketpair failed");
+  return {Socket(ends[0]), Socket(ends[1])};
+}
+
+// A child has the other's end of the local socket as well, and has to drop it to see it close.
+void Carry(Socket client, const sockaddr_in& target) {
+  auto [near, far] = LocalSockets();
+  InChild([&] {
+    far = {};
+    CopyBothWays(client, near);
+  });
+  InChild([&] {
+    near = {};
+    client = {};
+    Socket connection = Socket::Connect(target);
+    CopyBothWays(far, connection);
+  });
+}
+
+int Main(int count, char** words) {
+  if (count != 3) throw Failure("usage: relay PORT 127.0.0.1:TARGET");
+  signal(SIGCHLD, SIG_IGN);  // nobody waits for them
+  Listener listener(static_cast<std::uint16_t>(std::stoi(words[1])));
+  const sockaddr_in target = ParseAddress(words[2]);
+  for (Socket client; listener.Accept(client); client = {}) Carry(std::move(client), target);
+  return 0;
+}
+
+}  // namespace
+}  // namespace gxbench
+
+int main(int count, char** words) {
+  try {
+    return gxbench::Main(count, words);
+  } catch (const std::exception& failure) {
+    std::fprintf(stderr, "relay: %s\n", failure.what());
+    return 1;
+  }
+}
