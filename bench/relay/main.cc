@@ -3,9 +3,11 @@
 #include <signal.h>
 #include <sys/prctl.h>
 #include <sys/socket.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 #include <array>
+#include <cerrno>
 #include <cstdio>
 #include <cstdlib>
 #include <exception>
@@ -74,9 +76,17 @@ void Carry(Socket client, const sockaddr_in& target) {
   });
 }
 
+// At once, for the processor time of a child that has not been waited for is nobody's.
+void WaitForChildren(int) {
+  const int error = errno;
+  while (waitpid(-1, nullptr, WNOHANG) > 0) {
+  }
+  errno = error;
+}
+
 int Main(int count, char** words) {
   if (count != 3) throw Failure("usage: relay PORT 127.0.0.1:TARGET");
-  signal(SIGCHLD, SIG_IGN);  // nobody waits for them
+  signal(SIGCHLD, WaitForChildren);
   Listener listener(static_cast<std::uint16_t>(std::stoi(words[1])));
   const sockaddr_in target = ParseAddress(words[2]);
   for (Socket client; listener.Accept(client); client = {}) Carry(std::move(client), target);
