@@ -174,7 +174,7 @@ class Socat(Tunnel):
 
 
 class BareRelay(Tunnel):
-    """Two processes for each connection, without frames or anything else: the least that two can cost."""
+    """Two processes for each connection, without frames or anything else: what any two cost."""
 
     most_connections = 100
 

@@ -1,5 +1,5 @@
 // Carries connections through two processes each, with a local socket between them and nothing but a copy loop
-// in either: what two programs with a stream between them cost at least.
+// in either: what two programs with a stream between them cost at all.
 #include <signal.h>
 #include <sys/prctl.h>
 #include <sys/socket.h>
