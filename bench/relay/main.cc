@@ -63,16 +63,16 @@ std::pair<Socket, Socket> LocalSockets() {
 
 // A child has the other's end of the local socket as well, and has to drop it to see it close.
 void Carry(Socket client, const sockaddr_in& target) {
-  auto [near, far] = LocalSockets();
+  std::pair<Socket, Socket> local = LocalSockets();
   InChild([&] {
-    far = {};
-    CopyBothWays(client, near);
+    local.second = {};
+    CopyBothWays(client, local.first);
   });
   InChild([&] {
-    near = {};
+    local.first = {};
     client = {};
     Socket connection = Socket::Connect(target);
-    CopyBothWays(far, connection);
+    CopyBothWays(local.second, connection);
   });
 }
 
