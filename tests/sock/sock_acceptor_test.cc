@@ -10,10 +10,8 @@
 #include <thread>
 #include <vector>
 
-#include "reactor/reactor.h"
 #include "support/descriptor_limit.h"
 #include "support/leak_gate.h"
-#include "support/log_capture.h"
 #include "support/tcp_client.h"
 #include "support/wait.h"
 
@@ -22,7 +20,6 @@ namespace {
 using gxtest::DescriptorLimit;
 using gxtest::Eventually;
 using gxtest::LowestFreeDescriptor;
-using gxtest::TakenDescriptors;
 using gxtest::TcpClient;
 
 // Keeps every stream, in the order in which they came.
@@ -49,23 +46,23 @@ class KeepingAcceptor final : public CSockAcceptor {
   std::vector<CRefObj<CSockStream>> streams_;
 };
 
-// Counts what it is given and does nothing with it.
-class CountingTracker final : public ITCPTaskTracker {
+// Keeps what it is given and does nothing with it.
+class KeepingTracker final : public ITCPTaskTracker {
  public:
-  bool AddTask(const CTCPTask&) override {
-    ++tasks;
+  bool AddTask(const CTCPTask& task) override {
+    tasks.push_back(task);
     return true;
   }
-  int tasks = 0;
+  std::vector<CTCPTask> tasks;
 };
 
 class SockAcceptorTest : public gxtest::LeakGate {};
 
 TEST_F(SockAcceptorTest, AcceptsAllWhoWaitInOrder) {
-  CountingTracker tracker;
   KeepingAcceptor acceptor;
+  KeepingTracker tracker;
   ASSERT_TRUE(acceptor.StartListen("127.0.0.1:0", &tracker));
-  EXPECT_EQ(tracker.tasks, 1);
+  EXPECT_EQ(tracker.tasks.size(), 1U);
   const TcpClient first(acceptor.GetAddress());
   const TcpClient second(acceptor.GetAddress());
   const TcpClient third(acceptor.GetAddress());
@@ -78,7 +75,7 @@ TEST_F(SockAcceptorTest, AcceptsAllWhoWaitInOrder) {
     expected.push_back("127.0.0.1:" + std::to_string(ntohs(name.sin_port)));
   }
   EXPECT_EQ(acceptor.Peers(), expected);
-  EXPECT_EQ(tracker.tasks, 2);
+  EXPECT_EQ(tracker.tasks.size(), 2U);
 }
 
 TEST_F(SockAcceptorTest, ListenTexts) {
@@ -97,9 +94,9 @@ TEST_F(SockAcceptorTest, ListenTexts) {
       {"[::1", false, ""},
       {nullptr, false, ""},
   };
-  CountingTracker tracker;
   for (const auto& c : cases) {
     KeepingAcceptor acceptor;
+    KeepingTracker tracker;
     const std::string name = c.text != nullptr ? c.text : "null";
     EXPECT_EQ(acceptor.StartListen(c.text, &tracker), c.listens) << name;
     EXPECT_THAT(acceptor.GetAddress(), testing::StartsWith(c.address)) << name;
@@ -109,22 +106,21 @@ TEST_F(SockAcceptorTest, ListenTexts) {
 
 // Stop closes the port; a new start gets a new one, and a task from before does not accept for it.
 TEST_F(SockAcceptorTest, RestartsAfterStop) {
-  CReactor_T<tcp_select_tracker> reactor;
-  ASSERT_TRUE(reactor.Run(1));
   KeepingAcceptor acceptor;
-  std::string address;
-  for (int round = 0; round < 50; ++round) {
-    ASSERT_TRUE(acceptor.StartListen("127.0.0.1:0", &reactor));
-    address = acceptor.GetAddress();
-    ASSERT_TRUE(acceptor.StartListen("127.0.0.1:0", &reactor)) << "already running";
-    EXPECT_EQ(acceptor.GetAddress(), address);
-    ASSERT_TRUE(acceptor.Stop());
-    EXPECT_FALSE(TcpClient(address).IsConnected());
-  }
-  ASSERT_TRUE(acceptor.StartListen("127.0.0.1:0", &reactor));
+  KeepingTracker tracker;
+  ASSERT_TRUE(acceptor.StartListen("127.0.0.1:0", &tracker));
+  const std::string address = acceptor.GetAddress();
+  ASSERT_TRUE(acceptor.StartListen("127.0.0.1:0", &tracker)) << "already running";
+  EXPECT_EQ(acceptor.GetAddress(), address);
+  ASSERT_TRUE(acceptor.Stop());
+  EXPECT_FALSE(TcpClient(address).IsConnected());
+  ASSERT_TRUE(acceptor.StartListen("127.0.0.1:0", &tracker));
   const TcpClient client(acceptor.GetAddress());
-  EXPECT_TRUE(Eventually([&] { return acceptor.Count() == 1; }));
-  reactor.Stop();
+  ASSERT_EQ(tracker.tasks.size(), 2U);
+  tracker.tasks[0]->Done();
+  EXPECT_EQ(acceptor.Count(), 0U);
+  tracker.tasks[1]->Done();
+  EXPECT_EQ(acceptor.Count(), 1U);
 }
 
 // The pause for descriptors must not hold a stop up.
@@ -155,85 +151,16 @@ TEST_F(SockAcceptorTest, StopEndsThePause) {
   EXPECT_EQ(testing::internal::GetCapturedStdout(), "accept failed with WSAEMFILE\n");
 }
 
-// A descriptor that select cannot watch would never be served: better refused than left hanging. That takes a
-// reactor that is at work, also where its own wake-up socket would lie beyond select.
-TEST_F(SockAcceptorTest, DescriptorsBeyondSelectAreRefused) {
-  const DescriptorLimit plenty(FD_SETSIZE + 100);
-  for (const bool with_wake_up_socket : {true, false}) {
-    LogCapture log;
-    CReactor_T<tcp_select_tracker> reactor;
-    ASSERT_TRUE(reactor.Run(1));
-    KeepingAcceptor acceptor;
-    {
-      const TakenDescriptors taken(FD_SETSIZE, with_wake_up_socket ? 2 : 1);
-      ASSERT_TRUE(acceptor.StartListen("127.0.0.1:0", &reactor));
-      Eventually([&] { return LowestFreeDescriptor() >= FD_SETSIZE; });
-      TcpClient refused(acceptor.GetAddress());
-      EXPECT_TRUE(refused.WaitForEnd());
-      EXPECT_EQ(acceptor.Count(), 0U);
-      KeepingAcceptor late;
-      EXPECT_FALSE(late.StartListen("127.0.0.1:0", &reactor));
-    }
-    EXPECT_THAT(log.Lines(),
-                testing::IsSupersetOf({testing::Pair(kGXModLogError, testing::HasSubstr("refused")),
-                                       testing::Pair(kGXModLogError, testing::HasSubstr("listening"))}));
-    const TcpClient served(acceptor.GetAddress());
-    EXPECT_TRUE(Eventually([&] { return acceptor.Count() == 1; }));
-    reactor.Stop();
-  }
-}
-
-// Fails as often as it is told to, wherever memory is asked for.
-class PoorAcceptor final : public CSockAcceptor, public ITCPTaskTracker {
- public:
-  enum Place { kMake, kTell, kQueue };
-  PoorAcceptor(Place place, int failures) : place_(place), failures_(failures) {}
-
-  bool CreateStream(CRefObj<CSockStream>& out, IBaseStream::StreamType type) override {
-    Fail(kMake);
-    return CSockAcceptor::CreateStream(out, type);
-  }
-  using CSockAcceptor::CreateStream;
-  bool OnAccept(CRefObj<CSockStream> stream) override {
-    stream->Write("hello", 5, kNoTimeout);
-    kept_ = stream;
-    Fail(kTell);
-    return true;
-  }
-  bool AddTask(const CTCPTask&) override {
-    Fail(kQueue);
-    return true;
-  }
-  CRefObj<CSockStream> kept_;
-
- private:
-  void Fail(Place here) {
-    if (place_ == here && failures_-- > 0) throw std::bad_alloc();
-  }
-  const Place place_;
-  int failures_;
-};
-
-TEST_F(SockAcceptorTest, WithoutMemoryOneConnectionIsLostAndTheNextIsAccepted) {
-  LogCapture log;
-  for (const auto place : {PoorAcceptor::kMake, PoorAcceptor::kTell, PoorAcceptor::kQueue}) {
-    PoorAcceptor acceptor(place, 1);
-    ASSERT_TRUE(acceptor.StartListen("127.0.0.1:0", &acceptor));
-    if (place != PoorAcceptor::kQueue) {
-      TcpClient unlucky(acceptor.GetAddress());
-      EXPECT_TRUE(acceptor.Accept());
-      EXPECT_TRUE(unlucky.WaitForEnd());
-      EXPECT_THAT(log.Lines(), testing::Contains(testing::Pair(kGXModLogError, testing::HasSubstr("refused"))));
-    }
-    TcpClient next(acceptor.GetAddress());
-    EXPECT_TRUE(acceptor.Accept());
-    EXPECT_EQ(next.Receive(5), "hello");
-    acceptor.kept_->Disconnect(0);
-  }
-  // Nobody would watch the port: clients must be refused instead of left waiting.
-  PoorAcceptor hopeless(PoorAcceptor::kQueue, 1000);
-  EXPECT_FALSE(hopeless.StartListen("127.0.0.1:0", &hopeless));
-  EXPECT_FALSE(TcpClient(hopeless.GetAddress()).IsConnected());
+// Nobody would watch the port: clients must be refused instead of left waiting.
+TEST_F(SockAcceptorTest, WithoutMemoryForATaskThePortIsClosed) {
+  class FullTracker final : public ITCPTaskTracker {
+   public:
+    bool AddTask(const CTCPTask&) override { throw std::bad_alloc(); }
+  };
+  FullTracker tracker;
+  KeepingAcceptor acceptor;
+  EXPECT_FALSE(acceptor.StartListen("127.0.0.1:0", &tracker));
+  EXPECT_FALSE(TcpClient(acceptor.GetAddress()).IsConnected());
 }
 
 }  // namespace
