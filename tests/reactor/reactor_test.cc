@@ -4,35 +4,20 @@
 #include <gtest/gtest.h>
 #include <unistd.h>
 
-#include <algorithm>
-#include <filesystem>
-#include <iterator>
 #include <optional>
 #include <stdexcept>
-#include <thread>
-#include <vector>
 
 #include "reactor_support.h"
 #include "support/descriptor_limit.h"
+#include "support/leak_gate.h"
 #include "support/log_capture.h"
 #include "support/wait.h"
 
 namespace {
 
-auto EntriesIn(const char* directory) {
-  const std::filesystem::directory_iterator entries(directory);
-  return std::distance(begin(entries), end(entries));
-}
-
-// The kernel lists a thread for a moment after it has been joined.
-bool ThreadsComeTo(std::ptrdiff_t expected) {
-  const auto limit = std::chrono::steady_clock::now() + std::chrono::seconds(20);
-  while (EntriesIn("/proc/self/task") != expected) {
-    if (std::chrono::steady_clock::now() > limit) return false;
-    std::this_thread::yield();
-  }
-  return true;
-}
+using gxtest::Eventually;
+using gxtest::OpenDescriptors;
+using gxtest::Threads;
 
 class ReactorTest : public testing::Test {
  protected:
@@ -57,31 +42,31 @@ class ReactorTest : public testing::Test {
 TEST_F(ReactorTest, RunsStopsAndRunsAgainWithoutLeavingAnything) {
   EXPECT_TRUE(reactor_->Stop()) << "never run";
   const SocketPair quiet;
-  const auto descriptors = EntriesIn("/proc/self/fd");
+  const auto descriptors = OpenDescriptors();
   reactor_->Run(1);
   EXPECT_TRUE(CompletesTask());
   // Counted with the work thread: the first thread of a process may bring one of the system's along.
-  const auto threads = EntriesIn("/proc/self/task") - 1;
+  const auto threads = Threads() - 1;
   EXPECT_TRUE(reactor_->Stop());
   Counter fired, gone;
   for (int run = 1; run <= 3; ++run) {
     EXPECT_TRUE(reactor_->Run(1));
     EXPECT_TRUE(reactor_->Run(1));
-    EXPECT_TRUE(ThreadsComeTo(threads + 1));
+    EXPECT_TRUE(Eventually([&] { return Threads() == threads + 1; }));
     EXPECT_TRUE(CompletesTimer());
     EXPECT_TRUE(CompletesTask());
     reactor_->AddTask(CTCPTask(new FakeTask(quiet.descriptor(), kSelectReadable, {}, [&] { gone.Add(); })));
     reactor_->SetTimer(new FakeTimer({}, [&] { gone.Add(); }), 3'600'000, true);
     EXPECT_TRUE(reactor_->Stop());
     EXPECT_FALSE(reactor_->IsRunning());
-    EXPECT_TRUE(ThreadsComeTo(threads));
+    EXPECT_TRUE(Eventually([&] { return Threads() == threads; }));
     EXPECT_EQ(gone.Get(), 2 * run) << "a stop drops what waits";
     const CTCPTask late(new FakeTask(quiet.descriptor(), kSelectWritable, [&] { fired.Add(); }));
     EXPECT_FALSE(reactor_->AddTask(late));
     EXPECT_TRUE(reactor_->SetTimer(new FakeTimer([&] { fired.Add(); }), 0, true));
   }
   reactor_.reset();
-  EXPECT_EQ(EntriesIn("/proc/self/fd"), descriptors);
+  EXPECT_EQ(OpenDescriptors(), descriptors);
   EXPECT_EQ(fired.Get(), 0) << "what was armed while stopped is gone after the restart";
 }
 
@@ -119,17 +104,17 @@ TEST_F(ReactorTest, ATaskThatThrowsIsLoggedAndTheOthersAreServed) {
 TEST_F(ReactorTest, AChangeOfUserIdsEndsNothing) {
   ASSERT_TRUE(reactor_->Run(1));
   const SocketPair quiet;
-  reactor_->AddTask(CTCPTask(new FakeTask(quiet.descriptor(), kSelectReadable)));
+  Counter served;
+  reactor_->AddTask(CTCPTask(new FakeTask(quiet.descriptor(), kSelectReadable, [&] { served.Add(); })));
   const auto interrupted = [&] {
     EXPECT_EQ(setresuid(static_cast<uid_t>(-1), static_cast<uid_t>(-1), static_cast<uid_t>(-1)), 0);
-    const auto lines = log_.Lines();
-    return std::find(lines.begin(), lines.end(),
-                     LogCapture::Line(kGXModLogTrace, "[select_tracker] select return -1, cause 4")) !=
-           lines.end();
+    const LogCapture::Line line(kGXModLogTrace, "[select_tracker] select return -1, cause 4");
+    return testing::Value(log_.Lines(), testing::Contains(line));
   };
-  EXPECT_TRUE(gxtest::Eventually(interrupted)) << "not one select was interrupted";
-  EXPECT_TRUE(CompletesTask());
-  EXPECT_TRUE(CompletesTimer());
+  EXPECT_TRUE(Eventually(interrupted)) << "not one select was interrupted";
+  quiet.Send();
+  EXPECT_TRUE(served.WaitFor(1));
+  EXPECT_TRUE(reactor_->Stop());
 }
 
 // Where no descriptor that select can watch is left for the wake-up socket the connections that there are must
