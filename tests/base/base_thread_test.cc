@@ -10,9 +10,11 @@
 #include <string>
 #include <utility>
 
+#include "support/wait.h"
+
 namespace {
 
-constexpr std::chrono::seconds kPatience{20};
+using gxtest::kPatience;
 
 // Tells what it did; `step` is the work.
 class Worker final : public CBaseThread {
