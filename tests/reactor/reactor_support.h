@@ -11,11 +11,11 @@
 #include <atomic>
 #include <chrono>
 #include <condition_variable>
-#include <cstdint>
 #include <functional>
 #include <mutex>
 #include <utility>
 
+#include "object/reference.h"
 #include "reactor/tcp_task.h"
 #include "reactor/timer.h"
 
@@ -68,16 +68,11 @@ class FakeTask final : public ITCPTask {
   const Action gone_;
 };
 
-class FakeTimer final : public ITask {
+class FakeTimer final : public ITask, private CReference {
  public:
   explicit FakeTimer(Action done = {}, Action gone = {}) : done_(std::move(done)), gone_(std::move(gone)) {}
 
-  std::int64_t AddRef() override { return ++references_; }
-  std::int64_t Release() override {
-    const std::int64_t left = --references_;
-    if (left == 0) delete this;
-    return left;
-  }
+  GX_FORWARD_REFERENCE();
   void MarkedForDeletion() override {}
   void Done() override {
     if (done_) done_();
@@ -88,7 +83,6 @@ class FakeTimer final : public ITask {
     if (gone_) gone_();
   }
 
-  std::atomic<std::int64_t> references_{0};
   const Action done_;
   const Action gone_;
 };
