@@ -3,13 +3,13 @@
 #include <algorithm>
 #include <chrono>
 #include <condition_variable>
-#include <cstdint>
 #include <mutex>
+#include <string>
 #include <thread>
-#include <vector>
 
 #include "base/clock.h"
 #include "stream/base_stream.h"
+#include "support/pattern.h"
 
 namespace {
 
@@ -18,13 +18,12 @@ constexpr unsigned kRequests = 20000;
 constexpr unsigned kRequestBytes = 3;
 constexpr std::chrono::seconds kBound{30};
 
-std::uint8_t ByteAt(std::size_t position) { return static_cast<std::uint8_t>(position); }
-
 // A transport that, like a socket with a tracker, is woken exactly once after each operation that found it
 // busy. A wake-up that the routines lose therefore stops the test for good.
 class TrackedStream : public CBaseStream {
  public:
-  TrackedStream() : CBaseStream(/*type=*/0, /*connected=*/true) {}
+  explicit TrackedStream(const std::string& incoming)
+      : CBaseStream(/*type=*/0, /*connected=*/true), incoming_(incoming) {}
 
   // One turn of the reactor. False: nobody is waiting any more.
   bool ServeOnce() {
@@ -56,23 +55,23 @@ class TrackedStream : public CBaseStream {
                              [&] { return receive_.completed >= count && send_.completed >= count; });
   }
 
-  std::vector<std::uint8_t> received;
-  std::vector<std::uint8_t> sent;
+  std::string received;
+  std::string sent;
 
   bool read(char* data, long length, long& count, long) override {
     count = Move(receive_, length);
-    for (long i = 0; i < count; ++i) data[i] = static_cast<char>(ByteAt(next_incoming_++));
+    incoming_.copy(data, static_cast<std::size_t>(count), next_incoming_);
+    next_incoming_ += static_cast<std::size_t>(count);
     return true;
   }
   bool peek(char*, long, long&, long) override { return false; }
   bool write(const char* data, long length, long& count, long, long) override {
     count = Move(send_, length);
-    sent.insert(sent.end(), data, data + count);
+    sent.append(data, static_cast<std::size_t>(count));
     return true;
   }
   bool read_step(IBuffer* buffer, unsigned long length) override {
-    const auto* end = static_cast<const std::uint8_t*>(buffer->GetPointer()) + buffer->GetSize();
-    received.insert(received.end(), end - length, end);
+    received.append(static_cast<const char*>(buffer->GetPointer()) + buffer->GetSize() - length, length);
     return true;
   }
   bool read_done(IBuffer*, unsigned long) override { return Complete(receive_); }
@@ -116,11 +115,13 @@ class TrackedStream : public CBaseStream {
   Way receive_;
   Way send_;
   bool stopped_ = false;
+  const std::string& incoming_;
   std::size_t next_incoming_ = 0;
 };
 
 TEST(BaseStreamThreadsTest, NoRequestAndNoWakeUpIsLost) {
-  const CRefObj<TrackedStream> stream(new TrackedStream);
+  const std::string bytes = gxtest::Pattern(kRequests * kRequestBytes);
+  const CRefObj<TrackedStream> stream(new TrackedStream(bytes));
   std::thread reactor([&] {
     while (stream->ServeOnce()) {
     }
@@ -128,20 +129,15 @@ TEST(BaseStreamThreadsTest, NoRequestAndNoWakeUpIsLost) {
   // Each request comes as the one before completes, so that the threads keep meeting at the empty queue.
   unsigned done = 0;
   for (; done < kRequests; ++done) {
-    std::uint8_t bytes[kRequestBytes];
-    for (unsigned i = 0; i < kRequestBytes; ++i) bytes[i] = ByteAt(done * kRequestBytes + i);
     stream->Read(nullptr, kRequestBytes, kTimeoutMs);
-    stream->Write(bytes, kRequestBytes, kTimeoutMs);
+    stream->Write(&bytes[done * kRequestBytes], kRequestBytes, kTimeoutMs);
     if (!stream->WaitForRequests(done + 1)) break;
   }
   EXPECT_EQ(done, kRequests) << "a request was never run";
   stream->StopServing();
   reactor.join();
-
-  std::vector<std::uint8_t> expected(kRequests * kRequestBytes);
-  for (std::size_t i = 0; i < expected.size(); ++i) expected[i] = ByteAt(i);
-  EXPECT_TRUE(stream->received == expected);
-  EXPECT_TRUE(stream->sent == expected);
+  EXPECT_TRUE(stream->received == bytes);
+  EXPECT_TRUE(stream->sent == bytes);
 }
 
 }  // namespace
