@@ -24,18 +24,6 @@ TEST(ReadyLineTest, FoundBehindNoiseHoweverItIsCut) {
   }
 }
 
-TEST(ReadyLineTest, TellsWhyTheStreamWillNotDo) {
-  ReadyLineFinder newer(Side::kHost);
-  EXPECT_EQ(newer.Feed("hi\nGX-SSH-HOST 12\nrest"), 18U);
-  EXPECT_EQ(newer.state(), State::kOtherVersion);
-  EXPECT_EQ(newer.version(), "12");
-
-  ReadyLineFinder terminal(Side::kPeer);
-  terminal.Feed("GX-SSH-HOST 1\r\nGX-SSH-PEER 1\r\n");
-  EXPECT_EQ(terminal.state(), State::kNotClean);
-  EXPECT_TRUE(terminal.echoed());
-}
-
 TEST(ReadyLineTest, GivesUpAfterTooMuchNoise) {
   ReadyLineFinder finder(Side::kPeer);
   EXPECT_EQ(finder.Feed(std::string(kNoiseBytes - 4, 'x')), kNoiseBytes - 4);

@@ -21,8 +21,9 @@ bool Passes(const AllowList& list, const char* text) {
 
 TEST(AllowListTest, PermitsWhatWasNamedHoweverItIsSpelled) {
   const AllowList list = ListOf({"127.0.0.1:22", "[::1]:22", "DB.example:5432", "*:80", "10.0.0.1:*"});
-  for (const char* text : {"127.0.0.1:22", "[::1]:22", "[0::0:1]:22", "db.EXAMPLE:5432", "anything:80",
-                           "[fe80::1]:80", "10.0.0.1:1", "10.0.0.1:65535"}) {
+  for (const char* text :
+       {"127.0.0.1:22", "[::1]:22", "[0::0:1]:22", "db.EXAMPLE:5432", "anything:80", "1.2.3.4.example:80",
+        "a-b_c.example:80", "[fe80::1]:80", "[::127.0.0.1]:80", "10.0.0.1:1", "10.0.0.1:65535"}) {
     EXPECT_TRUE(Passes(list, text)) << text;
   }
   for (const char* text :
