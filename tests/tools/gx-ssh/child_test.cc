@@ -15,13 +15,6 @@
 namespace gxtool {
 namespace {
 
-// The status with which a child ends by itself.
-int Await(Child& child) {
-  const auto limit = std::chrono::steady_clock::now() + kPatience;
-  while (!child.Poll() && std::chrono::steady_clock::now() < limit) usleep(1000);
-  return child.Poll().value_or(-1);
-}
-
 // What a command prints.
 std::string Output(const std::string& command,
                    const std::vector<std::pair<std::string, std::string>>& more = {}) {
@@ -29,32 +22,6 @@ std::string Output(const std::string& command,
   Child child({{"sh", "-c", command}, 0, pipe.write.get(), 2, more});
   pipe.write.Reset();
   return ReadToEnd(pipe.read.get());
-}
-
-int WaitStatus(const std::string& command) {
-  Child child({{"sh", "-c", command}});
-  return Await(child);
-}
-
-TEST(ChildTest, TellsHowItEnded) {
-  EXPECT_EQ(Child::Describe(WaitStatus("exit 3")), "exit status 3");
-  EXPECT_EQ(Child::Describe(WaitStatus("kill -9 $$")), "signal 9 (Killed)");
-  EXPECT_EQ(Child::ExitStatus(WaitStatus("exit 3")), 3);
-  EXPECT_EQ(Child::ExitStatus(WaitStatus("kill -9 $$")), 137);
-}
-
-TEST(ChildTest, ProgramThatCannotRunSaysWhy) {
-  const std::vector<std::pair<std::string, ExitStatus>> cases = {{"no-such-program", kExitNotFound},
-                                                                 {"/no/such/program", kExitNotFound},
-                                                                 {"/etc/passwd", kExitNotExecutable}};
-  for (const auto& [name, status] : cases) {
-    try {
-      Child child({{name}});
-      ADD_FAILURE() << name;
-    } catch (const Failure& failure) {
-      EXPECT_EQ(failure.status(), status) << name;
-    }
-  }
 }
 
 // It would have talked to what was there before, which may be a script that reads our standard output.
@@ -125,15 +92,6 @@ TEST(ChildTest, WhatWantsToStayMayStay) {
   const pid_t stays = std::stoi(ReadLine(pipe.read.get()));
   child.End();
   EXPECT_EQ(kill(stays, SIGKILL), 0);
-}
-
-TEST(ChildTest, SignalsReachTheProgram) {
-  Pipe pipe = MakePipe();
-  Child child(
-      {{"sh", "-c", "trap 'exit 7' TERM; echo ready; while :; do sleep 0.01; done"}, 0, pipe.write.get(), 2});
-  ReadExactly(pipe.read.get(), 6);
-  child.Signal(SIGTERM);
-  EXPECT_EQ(Child::ExitStatus(Await(child)), 7);
 }
 
 }  // namespace
