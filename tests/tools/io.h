@@ -20,6 +20,7 @@
 
 #include "gx-ssh/child.h"
 #include "gx-ssh/descriptor.h"
+#include "support/wait.h"
 
 namespace gxtool {
 
@@ -69,24 +70,6 @@ inline bool WriteAll(int fd, std::string_view bytes) {
     bytes.remove_prefix(static_cast<std::size_t>(count));
   }
   return true;
-}
-
-// Writes until nobody takes any more for a while; returns how many bytes that were.
-inline std::size_t WriteUntilStuck(int fd, std::string_view bytes) {
-  std::size_t written = 0;
-  while (written < bytes.size() && WaitFor(fd, POLLOUT, 500)) {
-    const ssize_t count = ::send(fd, bytes.data() + written, bytes.size() - written, MSG_DONTWAIT);
-    if (count > 0) written += static_cast<std::size_t>(count);
-  }
-  return written;
-}
-
-// Bytes that differ from place to place and from seed to seed.
-inline std::string Pattern(std::size_t length, std::uint32_t seed) {
-  std::string bytes(length, '\0');
-  std::uint32_t state = seed * 2654435761U + 1;
-  for (char& byte : bytes) byte = static_cast<char>((state = state * 1664525U + 1013904223U) >> 24);
-  return bytes;
 }
 
 class Target {
@@ -160,8 +143,7 @@ class Program {
   void Signal(int number) { child_.Signal(number); }
   // As a shell would say it.
   int Status() {
-    const auto limit = std::chrono::steady_clock::now() + kPatience;
-    while (!child_.Poll() && std::chrono::steady_clock::now() < limit) ::usleep(1000);
+    gxtest::Eventually([this] { return child_.Poll().has_value(); });
     return child_.Poll() ? Child::ExitStatus(*child_.Poll()) : -1;
   }
 

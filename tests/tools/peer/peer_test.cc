@@ -2,21 +2,43 @@
 
 #include <condition_variable>
 
+#include "support/pattern.h"
 #include "tools/peer/rig.h"
 
 namespace gxtool {
 namespace {
 
 using gxmod::ConnectionType;
+using gxtest::Pattern;
 using ::testing::ElementsAre;
 using ::testing::HasSubstr;
-using ::testing::IsEmpty;
 
-TEST(PeerTest, CarriesManyConnectionsBothWaysAtOnce) {
+class PeerTest : public testing::Test {
+ protected:
+  PeerTest() {
+    options_.allow = AllowList::Any();
+    options_.raw = true;
+  }
+
+  const Target target_;
+  PeerOptions options_;
+};
+
+// Writes until nobody takes any more for a while; returns how many bytes that were.
+std::size_t WriteUntilStuck(int fd, std::string_view bytes) {
+  std::size_t written = 0;
+  while (written < bytes.size() && WaitFor(fd, POLLOUT, 500)) {
+    const ssize_t count = ::send(fd, bytes.data() + written, bytes.size() - written, MSG_DONTWAIT);
+    if (count > 0) written += static_cast<std::size_t>(count);
+  }
+  return written;
+}
+
+TEST_F(PeerTest, CarriesManyConnectionsBothWaysAtOnce) {
   constexpr std::uint32_t kConnections = 32;
   constexpr std::size_t kBytes = 512 * 1024;
   EchoServer server;
-  Rig rig;
+  Rig rig(options_);
   std::map<std::uint32_t, std::string> sent;
   for (std::uint32_t id = 1; id <= kConnections; ++id) sent[id] = Pattern(kBytes, id);
 
@@ -45,22 +67,21 @@ TEST(PeerTest, CarriesManyConnectionsBothWaysAtOnce) {
   EXPECT_EQ(rig.End(), kPeerEnded);
 }
 
-TEST(PeerTest, RefusesTargetsOutsideTheListAndNamesTheWayIn) {
-  const Target target;
-  PeerOptions options = Rig::Options();
-  options.allow = AllowList::Default();
-  Rig rig(std::move(options));
+TEST_F(PeerTest, RefusesTargetsOutsideTheListAndNamesTheWayIn) {
+  options_.allow = AllowList::Default();
+  Rig rig(options_);
   const std::string long_text(65536, 'x');
-  rig.Send(ConnectionType::Connect, 1, target.Address());
+  rig.Send(ConnectionType::Connect, 1, target_.Address());
   rig.Send(ConnectionType::Connect, 2, std::string("127.0.0.1:22\0", 13));
   rig.Send(ConnectionType::Connect, 3, long_text);
   rig.Send(ConnectionType::Connect, 4, "");
   rig.Send(ConnectionType::Connect, 5, "\x1b]0;pwned\a:22");
   for (std::uint32_t id = 1; id <= 5; ++id) EXPECT_EQ(rig.Next(), Of(ConnectionType::Close, id));
-  EXPECT_FALSE(target.HasCaller(0));
+  EXPECT_FALSE(target_.HasCaller(0));
   rig.End();
-  EXPECT_THAT(rig.lines(), ElementsAre(HasSubstr("--allow " + target.Address()), HasSubstr("127.0.0.1:22\\x00"),
-                                       HasSubstr("\"xxx"), HasSubstr("\"\""), HasSubstr("\\x1b]0;pwned\\x07")));
+  EXPECT_THAT(rig.lines(),
+              ElementsAre(HasSubstr("--allow " + target_.Address()), HasSubstr("127.0.0.1:22\\x00"),
+                          HasSubstr("\"xxx"), HasSubstr("\"\""), HasSubstr("\\x1b]0;pwned\\x07")));
   for (const std::string& line : rig.lines()) EXPECT_LT(line.size(), 1000U);
 }
 
@@ -71,10 +92,9 @@ std::vector<std::string> Split(std::string_view text, char divider) {
 }
 
 // Each of these some resolver or C library would take for the one target that is permitted, or for one like it.
-TEST(PeerTest, NoOtherSpellingOfATargetPasses) {
+TEST_F(PeerTest, NoOtherSpellingOfATargetPasses) {
   using namespace std::string_view_literals;
-  const Target target;
-  const std::string port = std::to_string(target.port());
+  const std::string port = std::to_string(target_.port());
   std::vector<std::string> hosts = Split(
       "127.0.0.1||*|localhost|LOCALHOST|localhost.|.localhost|a..b|-a|a-|a b|a/b|user@127.0.0.1|127.1|127.0.1|"
       "127.0.0.1.|127.0.0.1..|127.0.0.1.1|127.0.0.01|127.0.0.256|0177.0.0.1|0x7f.1|0X7F.0.0.1|0x7f000001|0x|"
@@ -86,32 +106,31 @@ TEST(PeerTest, NoOtherSpellingOfATargetPasses) {
   for (const char c : {'a', '[', '\0'}) hosts.emplace_back(65536, c);
   // P stands for the port.
   std::vector<std::string> ports = Split("P||0|0P|+P|-P| P|P |P\n|P\0|P:P|P,22|0x16|ssh|*"sv, '|');
-  ports.push_back(std::to_string(65536 + target.port()));
+  ports.push_back(std::to_string(65536 + target_.port()));
   ports.emplace_back(65536, '2');
 
-  PeerOptions options = Rig::Options();
-  options.allow = AllowList();
+  options_.allow = AllowList();
   std::string why;
-  ASSERT_TRUE(options.allow.Add(target.Address(), &why));
-  Rig rig(std::move(options));
+  ASSERT_TRUE(options_.allow.Add(target_.Address(), &why));
+  Rig rig(options_);
   std::uint32_t id = 0;
   for (const std::string& host : hosts) {
     for (std::string text : ports) {
       for (std::size_t at = 0; (at = text.find('P')) != std::string::npos;) text.replace(at, 1, port);
       text.insert(0, host + ':');
-      if (text == target.Address()) continue;
+      if (text == target_.Address()) continue;
       rig.Send(ConnectionType::Connect, ++id, text);
       ASSERT_EQ(rig.Next(), Of(ConnectionType::Close, id)) << text.substr(0, 80);
     }
   }
   EXPECT_GT(id, 1000U);
-  EXPECT_FALSE(target.HasCaller(0));
-  EXPECT_GE(rig.Connect(++id, target).get(), 0);
+  EXPECT_FALSE(target_.HasCaller(0));
+  EXPECT_GE(rig.Connect(++id, target_).get(), 0);
 }
 
-TEST(PeerTest, ClosesWhatCannotBeReached) {
+TEST_F(PeerTest, ClosesWhatCannotBeReached) {
   std::string address = Target().Address();  // nobody listens there any more
-  Rig rig;
+  Rig rig(options_);
   rig.Send(ConnectionType::Connect, 1, address);
   rig.Send(ConnectionType::Data, 1, "lost");
   EXPECT_EQ(rig.Next(), Of(ConnectionType::Close, 1));
@@ -119,22 +138,19 @@ TEST(PeerTest, ClosesWhatCannotBeReached) {
   EXPECT_EQ(rig.Next(), Of(ConnectionType::Close, 2));
 }
 
-TEST(PeerTest, FixedTargetOverridesWhatIsAsked) {
-  const Target target;
-  PeerOptions options = Rig::Options();
-  options.allow = AllowList();
-  options.target = ParseHostPort("localhost:" + std::to_string(target.port()));
-  Rig rig(std::move(options));
+TEST_F(PeerTest, FixedTargetOverridesWhatIsAsked) {
+  options_.allow = AllowList();
+  options_.target = ParseHostPort("localhost:" + std::to_string(target_.port()));
+  Rig rig(options_);
   rig.Send(ConnectionType::Connect, 1, "whatever this is");
   rig.Send(ConnectionType::Data, 1, "hello");
-  const Descriptor connection = target.Accept();
+  const Descriptor connection = target_.Accept();
   EXPECT_EQ(ReadExactly(connection.get(), 5), "hello");
 }
 
-TEST(PeerTest, EndOfATargetComesAfterAllItsBytes) {
-  const Target target;
-  Rig rig;
-  Descriptor connection = rig.Connect(1, target);
+TEST_F(PeerTest, EndOfATargetComesAfterAllItsBytes) {
+  Rig rig(options_);
+  Descriptor connection = rig.Connect(1, target_);
   const std::string bytes = Pattern(24 << 20, 1);
   const std::size_t taken = WriteUntilStuck(connection.get(), bytes);
   EXPECT_LT(taken, bytes.size());
@@ -147,26 +163,24 @@ TEST(PeerTest, EndOfATargetComesAfterAllItsBytes) {
   writer.join();
 }
 
-TEST(PeerTest, CloseFlushesWhatIsQueuedFirst) {
-  const Target target;
-  Rig rig;
-  const Descriptor connection = rig.Connect(1, target);
+TEST_F(PeerTest, CloseFlushesWhatIsQueuedFirst) {
+  Rig rig(options_);
+  const Descriptor connection = rig.Connect(1, target_);
   const std::string bytes = Pattern(6 << 20, 1);
   rig.Send(ConnectionType::Data, 1, bytes);
   rig.Send(ConnectionType::Close, 1);
   EXPECT_TRUE(WriteAll(connection.get(), "an answer that nobody waits for"));
   EXPECT_TRUE(ReadToEnd(connection.get()) == bytes);
   // A target that was still being opened gets its bytes as well.
-  rig.Send(ConnectionType::Connect, 2, target.Address());
+  rig.Send(ConnectionType::Connect, 2, target_.Address());
   rig.Send(ConnectionType::Data, 2, "last words");
   rig.Send(ConnectionType::Close, 2);
-  EXPECT_EQ(ReadToEnd(target.Accept().get()), "last words");
+  EXPECT_EQ(ReadToEnd(target_.Accept().get()), "last words");
 }
 
-TEST(PeerTest, EndOfInputLeavesTheWayBackOpen) {
-  const Target target;
-  Rig rig;
-  Descriptor connection = rig.Connect(1, target);
+TEST_F(PeerTest, EndOfInputLeavesTheWayBackOpen) {
+  Rig rig(options_);
+  Descriptor connection = rig.Connect(1, target_);
   const std::string bytes = Pattern(6 << 20, 1);
   rig.Send(ConnectionType::Data, 1, bytes);
   rig.Send(kEndOfInputFrame, 1);
@@ -178,11 +192,10 @@ TEST(PeerTest, EndOfInputLeavesTheWayBackOpen) {
   EXPECT_EQ(rig.Next(), Of(ConnectionType::Close, 1));
 }
 
-TEST(PeerTest, SlowTargetCostsBoundedMemoryAndNoByte) {
-  const Target target;
-  Rig rig;
-  const Descriptor slow = rig.Connect(1, target);
-  const Descriptor other = rig.Connect(2, target);
+TEST_F(PeerTest, SlowTargetCostsBoundedMemoryAndNoByte) {
+  Rig rig(options_);
+  const Descriptor slow = rig.Connect(1, target_);
+  const Descriptor other = rig.Connect(2, target_);
   std::string frames;
   std::string expected;
   for (std::uint32_t i = 0; i < 1024; ++i) {
@@ -202,13 +215,11 @@ TEST(PeerTest, SlowTargetCostsBoundedMemoryAndNoByte) {
   writer.join();
 }
 
-TEST(PeerTest, TargetThatStallsAllOthersIsCut) {
-  const Target target;
-  PeerOptions options = Rig::Options();
-  options.stall_timeout = std::chrono::milliseconds(200);
-  Rig rig(std::move(options));
-  const Descriptor stalled = rig.Connect(1, target);
-  const Descriptor other = rig.Connect(2, target);
+TEST_F(PeerTest, TargetThatStallsAllOthersIsCut) {
+  options_.stall_timeout = std::chrono::milliseconds(200);
+  Rig rig(options_);
+  const Descriptor stalled = rig.Connect(1, target_);
+  const Descriptor other = rig.Connect(2, target_);
   const std::string bytes(65536, 'x');
   for (int i = 0; i < 1024; ++i) rig.Send(ConnectionType::Data, 1, bytes);
   rig.Send(ConnectionType::Data, 2, "my turn");
@@ -228,11 +239,10 @@ std::size_t BytesAhead(Rig& rig, int bulk, int talk, const char* word) {
   return ahead;
 }
 
-TEST(PeerTest, SmallFramesAreNotHeldBackByABulkTransfer) {
-  const Target target;
-  Rig rig;
-  const Descriptor bulk = rig.Connect(1, target);
-  const Descriptor talk = rig.Connect(2, target);
+TEST_F(PeerTest, SmallFramesAreNotHeldBackByABulkTransfer) {
+  Rig rig(options_);
+  const Descriptor bulk = rig.Connect(1, target_);
+  const Descriptor talk = rig.Connect(2, target_);
   // The queue, and what the socket pair holds.
   EXPECT_LT(BytesAhead(rig, bulk.get(), talk.get(), "one"), std::size_t{1} << 20);
   BytesAhead(rig, bulk.get(), talk.get(), "two");
@@ -254,10 +264,9 @@ TEST(PeerTest, SmallFramesAreNotHeldBackByABulkTransfer) {
   sender.join();
 }
 
-TEST(PeerTest, StrangeFramesDoNoHarm) {
-  const Target target;
-  Rig rig;
-  const Descriptor connection = rig.Connect(1, target);
+TEST_F(PeerTest, StrangeFramesDoNoHarm) {
+  Rig rig(options_);
+  const Descriptor connection = rig.Connect(1, target_);
   for (int type = 0; type < 256; ++type) {
     const auto strange = static_cast<ConnectionType>(type);
     const bool known = type >= 1 && type <= 4;
@@ -268,21 +277,20 @@ TEST(PeerTest, StrangeFramesDoNoHarm) {
   rig.Send(ConnectionType::Data, 99, "for nobody");
   rig.Send(ConnectionType::Close, 99);
   rig.Send(ConnectionType::Data, 1);
-  rig.Send(ConnectionType::Connect, 1, target.Address());
+  rig.Send(ConnectionType::Connect, 1, target_.Address());
   rig.Send(kPingFrame, 0, "short");
   rig.Send(kGoodbyeFrame, 0);
   rig.Send(ConnectionType::Data, 1, "ok");
   EXPECT_EQ(ReadExactly(connection.get(), 2), "ok");
-  EXPECT_FALSE(target.HasCaller(0));
+  EXPECT_FALSE(target_.HasCaller(0));
   EXPECT_TRUE(WriteAll(connection.get(), "yes"));
   EXPECT_EQ(rig.Next(), Of(ConnectionType::Data, 1, "yes"));
   EXPECT_THAT(rig.lines(), ElementsAre(HasSubstr("second Connect for connection 1")));
 }
 
-TEST(PeerTest, PromisedLengthCostsNothing) {
-  const Target target;
-  Rig rig;
-  const Descriptor connection = rig.Connect(1, target);
+TEST_F(PeerTest, PromisedLengthCostsNothing) {
+  Rig rig(options_);
+  const Descriptor connection = rig.Connect(1, target_);
   char header[gxmod::kFrameHeaderBytes];
   gxmod::EncodeFrameHeader({0xffffffff, 1, ConnectionType::Data}, header);
   EXPECT_TRUE(WriteAll(rig.host(), {header, sizeof header}));
@@ -292,8 +300,8 @@ TEST(PeerTest, PromisedLengthCostsNothing) {
   EXPECT_EQ(rig.End(), kPeerLinkLost);
 }
 
-TEST(PeerTest, AnswersTestsAndPings) {
-  Rig rig;
+TEST_F(PeerTest, AnswersTestsAndPings) {
+  Rig rig(options_);
   rig.Send(ConnectionType::TestChannel, 0, "are you there?");
   const Frame answer = rig.Next();
   gxmod::TestResponse response;
@@ -305,8 +313,8 @@ TEST(PeerTest, AnswersTestsAndPings) {
   EXPECT_EQ(rig.Next(), Of(kPongFrame, 0, "8 bytes."));
 }
 
-TEST(PeerTest, AnswersThatNobodyTakesDoNotPileUp) {
-  Rig rig;
+TEST_F(PeerTest, AnswersThatNobodyTakesDoNotPileUp) {
+  Rig rig(options_);
   std::string frames;
   for (int i = 0; i < 4096; ++i) frames += MakeFrame(ConnectionType::TestChannel, 0, std::string(1024, 'x'));
   const std::size_t taken = WriteUntilStuck(rig.host(), frames);
@@ -316,22 +324,17 @@ TEST(PeerTest, AnswersThatNobodyTakesDoNotPileUp) {
   writer.join();
 }
 
-TEST(PeerTest, EndsWithItsInput) {
-  const Target target;
+TEST_F(PeerTest, EndsWithItsInput) {
   const auto start = std::chrono::steady_clock::now();
   {
-    Rig idle;
-    EXPECT_EQ(idle.End(), kPeerEnded);
-  }
-  {
-    Rig cut;
+    Rig cut(options_);
     EXPECT_TRUE(WriteAll(cut.host(), "half a"));
     EXPECT_EQ(cut.End(), kPeerLinkLost);
   }
   {
     // The target still gets what was sent, and its answer still gets out.
-    Rig answered;
-    const Descriptor connection = answered.Connect(1, target);
+    Rig answered(options_);
+    const Descriptor connection = answered.Connect(1, target_);
     answered.Send(ConnectionType::Data, 1, "question");
     ::shutdown(answered.host(), SHUT_WR);
     EXPECT_EQ(ReadToEnd(connection.get()), "question");
@@ -340,8 +343,8 @@ TEST(PeerTest, EndsWithItsInput) {
   }
   {
     // Nobody is left at the other end, and the input waits for a slow target.
-    Rig gone;
-    const Descriptor connection = gone.Connect(1, target);
+    Rig gone(options_);
+    const Descriptor connection = gone.Connect(1, target_);
     WriteUntilStuck(gone.host(), MakeFrame(ConnectionType::Data, 1, std::string(32 << 20, 'x')));
     gone.HangUp();
     gone.Join();
@@ -349,20 +352,35 @@ TEST(PeerTest, EndsWithItsInput) {
   EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(10));
 }
 
-PeerOptions Cooked() {
-  PeerOptions options = Rig::Options();
-  options.raw = false;
-  return options;
+TEST_F(PeerTest, StopDoesNotWaitForWhatNeverEnds) {
+  Rig rig(options_);
+  const Descriptor deaf = rig.Connect(1, target_);
+  const Descriptor endless = rig.Connect(2, target_);
+  WriteUntilStuck(rig.host(), MakeFrame(ConnectionType::Data, 1, std::string(32 << 20, 'x')));
+  WriteUntilStuck(endless.get(), std::string(8 << 20, 'x'));
+  const auto start = std::chrono::steady_clock::now();
+  rig.peer().Stop();
+  EXPECT_EQ(rig.Join(), kPeerEnded);
+  EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(5));  // 2 on an idle machine
 }
 
-TEST(PeerLinkTest, GreetsThenSpeaksFramesAndSaysGoodbye) {
-  const Target target;
-  Rig rig(Cooked());
+class PeerLinkTest : public PeerTest {
+ protected:
+  PeerLinkTest() { options_.raw = false; }
+
+  static void Greet(Rig& rig) {
+    EXPECT_EQ(rig.Line(), ReadyLine(Side::kPeer));
+    EXPECT_TRUE(WriteAll(rig.host(), ReadyLine(Side::kHost)));
+  }
+};
+
+TEST_F(PeerLinkTest, GreetsThenSpeaksFramesAndSaysGoodbye) {
+  Rig rig(options_);
   EXPECT_EQ(rig.Line(), ReadyLine(Side::kPeer));
   EXPECT_TRUE(WriteAll(rig.host(), "banner\n" + ReadyLine(Side::kHost) +
-                                       MakeFrame(ConnectionType::Connect, 1, target.Address()) +
+                                       MakeFrame(ConnectionType::Connect, 1, target_.Address()) +
                                        MakeFrame(ConnectionType::Data, 1, "hi")));
-  Descriptor connection = target.Accept();
+  Descriptor connection = target_.Accept();
   EXPECT_EQ(ReadExactly(connection.get(), 2), "hi");
   ::shutdown(rig.host(), SHUT_WR);
   EXPECT_EQ(ReadToEnd(connection.get()), "");
@@ -373,30 +391,27 @@ TEST(PeerLinkTest, GreetsThenSpeaksFramesAndSaysGoodbye) {
   EXPECT_EQ(rig.Join(), kPeerEnded);
 }
 
-TEST(PeerLinkTest, TellsWhyNobodyWasFound) {
+TEST_F(PeerLinkTest, TellsWhyNobodyWasFound) {
   const std::pair<const char*, const char*> cases[] = {
       {"GX-SSH-HOST 7\n", "version 7"},
       {"GX-SSH-HOST 1\r\n", "terminal"},
       {"\x1b[1mwho are you?", "within 500ms.*x1b\\[1mwho are you"},
   };
+  options_.connect_timeout = std::chrono::milliseconds(500);
   for (const auto& [text, reason] : cases) {
-    PeerOptions options = Cooked();
-    options.connect_timeout = std::chrono::milliseconds(500);
-    Rig rig(std::move(options));
+    Rig rig(options_);
     EXPECT_TRUE(WriteAll(rig.host(), text));
     EXPECT_EQ(rig.Join(), kPeerNotReady);
     EXPECT_THAT(rig.lines(), ElementsAre(::testing::ContainsRegex(reason)));
   }
-  Rig mute(Cooked());
+  Rig mute(options_);
   EXPECT_EQ(mute.End(), kPeerNotReady);
 }
 
-TEST(PeerLinkTest, NoticesASilentLinkButNotABusyOrAnsweringOne) {
-  PeerOptions options = Cooked();
-  options.keepalive = std::chrono::milliseconds(300);
-  Rig rig(std::move(options));
-  EXPECT_EQ(rig.Line(), ReadyLine(Side::kPeer));
-  EXPECT_TRUE(WriteAll(rig.host(), ReadyLine(Side::kHost)));
+TEST_F(PeerLinkTest, NoticesASilentLinkButNotABusyOrAnsweringOne) {
+  options_.keepalive = std::chrono::milliseconds(300);
+  Rig rig(options_);
+  Greet(rig);
   for (int i = 0; i < 3; ++i) {
     const Frame ping = rig.Next();
     EXPECT_EQ(ping.type, static_cast<int>(kPingFrame));
@@ -406,13 +421,11 @@ TEST(PeerLinkTest, NoticesASilentLinkButNotABusyOrAnsweringOne) {
   EXPECT_THAT(rig.lines(), ElementsAre(HasSubstr("nothing came for 900ms")));
 }
 
-TEST(PeerLinkTest, StopLetsWhatIsUnderWayFinish) {
-  const Target target;
-  Rig rig(Cooked());
-  EXPECT_EQ(rig.Line(), ReadyLine(Side::kPeer));
-  EXPECT_TRUE(WriteAll(rig.host(), ReadyLine(Side::kHost)));
-  const Descriptor busy = rig.Connect(1, target);
-  const Descriptor idle = rig.Connect(2, target);
+TEST_F(PeerLinkTest, StopLetsWhatIsUnderWayFinish) {
+  Rig rig(options_);
+  Greet(rig);
+  const Descriptor busy = rig.Connect(1, target_);
+  const Descriptor idle = rig.Connect(2, target_);
   // Little enough to get through in time on a slow machine.
   const int buffer = 64 * 1024;
   ::setsockopt(busy.get(), SOL_SOCKET, SO_SNDBUF, &buffer, sizeof buffer);
@@ -420,7 +433,7 @@ TEST(PeerLinkTest, StopLetsWhatIsUnderWayFinish) {
   bytes.resize(WriteUntilStuck(busy.get(), bytes));
   const auto start = std::chrono::steady_clock::now();
   rig.peer().Stop();
-  rig.Send(ConnectionType::Connect, 3, target.Address());
+  rig.Send(ConnectionType::Connect, 3, target_.Address());
   std::string received;
   std::vector<Frame> rest;
   for (Frame frame = rig.Next(); frame.type != -1; frame = rig.Next()) {
@@ -432,41 +445,24 @@ TEST(PeerLinkTest, StopLetsWhatIsUnderWayFinish) {
   EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(10));
 }
 
-TEST(PeerLinkTest, StopDoesNotWaitForWhatNeverEnds) {
-  const Target target;
-  Rig rig;
-  const Descriptor deaf = rig.Connect(1, target);
-  const Descriptor endless = rig.Connect(2, target);
-  WriteUntilStuck(rig.host(), MakeFrame(ConnectionType::Data, 1, std::string(32 << 20, 'x')));
-  WriteUntilStuck(endless.get(), std::string(8 << 20, 'x'));
-  const auto start = std::chrono::steady_clock::now();
-  rig.peer().Stop();
-  EXPECT_EQ(rig.Join(), kPeerEnded);
-  EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(5));  // 2 on an idle machine
-}
-
-TEST(PeerLimitsTest, ConnectionsAreCounted) {
-  const Target target;
-  PeerOptions options = Rig::Options();
-  options.max_connections = 2;
-  Rig rig(std::move(options));
-  const Descriptor first = rig.Connect(1, target);
-  const Descriptor second = rig.Connect(2, target);
-  rig.Send(ConnectionType::Connect, 3, target.Address());
+TEST_F(PeerTest, ConnectionsAreCounted) {
+  options_.max_connections = 2;
+  Rig rig(options_);
+  const Descriptor first = rig.Connect(1, target_);
+  const Descriptor second = rig.Connect(2, target_);
+  rig.Send(ConnectionType::Connect, 3, target_.Address());
   EXPECT_EQ(rig.Next(), Of(ConnectionType::Close, 3));
   EXPECT_THAT(rig.lines(), ElementsAre(HasSubstr("--max-connections")));
   rig.Send(ConnectionType::Close, 1);
   EXPECT_EQ(ReadToEnd(first.get()), "");
-  EXPECT_GE(rig.Connect(4, target).get(), 0);
+  EXPECT_GE(rig.Connect(4, target_).get(), 0);
 }
 
-TEST(PeerLimitsTest, IdleConnectionsEndAndBusyOnesDoNot) {
-  const Target target;
-  PeerOptions options = Rig::Options();
-  options.idle_timeout = std::chrono::seconds(1);
-  Rig rig(std::move(options));
-  const Descriptor idle = rig.Connect(1, target);
-  const Descriptor busy = rig.Connect(2, target);
+TEST_F(PeerTest, IdleConnectionsEndAndBusyOnesDoNot) {
+  options_.idle_timeout = std::chrono::seconds(1);
+  Rig rig(options_);
+  const Descriptor idle = rig.Connect(1, target_);
+  const Descriptor busy = rig.Connect(2, target_);
   Frame frame = Of(ConnectionType::Data, 2, "tick");
   while (frame == Of(ConnectionType::Data, 2, "tick")) {
     EXPECT_TRUE(WriteAll(busy.get(), "tick"));
@@ -475,48 +471,44 @@ TEST(PeerLimitsTest, IdleConnectionsEndAndBusyOnesDoNot) {
   EXPECT_EQ(frame, Of(ConnectionType::Close, 1));
 }
 
-TEST(PeerLimitsTest, SilentTargetIsGivenUp) {
+TEST_F(PeerTest, SilentTargetIsGivenUp) {
   // A listener whose queue is full answers nobody.
-  const Target target;
-  ASSERT_EQ(::listen(target.fd(), 0), 0);
+  ASSERT_EQ(::listen(target_.fd(), 0), 0);
   std::vector<Descriptor> fillers;
   for (int i = 0; i < 4; ++i) {
     fillers.emplace_back(::socket(AF_INET, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0));
-    const sockaddr_in address = target.address();
+    const sockaddr_in address = target_.address();
     ::connect(fillers.back().get(), reinterpret_cast<const sockaddr*>(&address), sizeof address);
   }
-  PeerOptions options = Rig::Options();
-  options.connect_timeout = std::chrono::milliseconds(300);
-  Rig rig(std::move(options));
-  rig.Send(ConnectionType::Connect, 1, target.Address());
+  options_.connect_timeout = std::chrono::milliseconds(300);
+  Rig rig(options_);
+  rig.Send(ConnectionType::Connect, 1, target_.Address());
   EXPECT_EQ(rig.Next(), Of(ConnectionType::Close, 1));
   EXPECT_THAT(rig.lines(), ElementsAre(HasSubstr("within 300ms")));
 }
 
-TEST(PeerNamesTest, AddressesAreTriedInTurnAndJudged) {
-  const Target target;
-  const std::string port = std::to_string(target.port());
-  PeerOptions options = Rig::Options();
-  options.allow = AllowList();
-  std::string why;
-  ASSERT_TRUE(options.allow.Add("db.example:" + port, &why));
-  ASSERT_TRUE(options.allow.Add("rebound.example:" + port, &why));
-  ASSERT_TRUE(options.allow.Add("127.0.0.1:*", &why));
-  options.lookup = [](const std::string& name) {
+TEST_F(PeerTest, AddressesAreTriedInTurnAndJudged) {
+  const std::string port = std::to_string(target_.port());
+  options_.allow = AllowList();
+  for (const std::string host : {"db.example:", "rebound.example:", "127.0.0.1:"}) {
+    std::string why;
+    ASSERT_TRUE(options_.allow.Add(host + port, &why)) << why;
+  }
+  options_.lookup = [](const std::string& name) {
     if (name == "db.example") return LookupResult{{"127.0.0.2", "garbage", "127.0.0.1"}, ""};
     return LookupResult{{"127.0.0.3"}, ""};
   };
-  Rig rig(std::move(options));
+  Rig rig(options_);
   rig.Send(ConnectionType::Connect, 1, "DB.example:" + port);
   rig.Send(ConnectionType::Data, 1, "found");
-  EXPECT_EQ(ReadExactly(target.Accept().get(), 5), "found");
+  EXPECT_EQ(ReadExactly(target_.Accept().get(), 5), "found");
   EXPECT_EQ(rig.Next(), Of(ConnectionType::Close, 1));
   rig.Send(ConnectionType::Connect, 2, "rebound.example:" + port);
   EXPECT_EQ(rig.Next(), Of(ConnectionType::Close, 2));
   EXPECT_THAT(rig.lines(), ::testing::Contains(HasSubstr("--allow 127.0.0.3:" + port)));
 }
 
-TEST(PeerNamesTest, LookupThatHangsHoldsNothingUp) {
+TEST_F(PeerTest, LookupThatHangsHoldsNothingUp) {
   struct Gate {
     std::mutex mutex;
     std::condition_variable open;
@@ -524,18 +516,16 @@ TEST(PeerNamesTest, LookupThatHangsHoldsNothingUp) {
     bool passed = false;
   };
   const auto gate = std::make_shared<Gate>();
-  const Target target;
-  PeerOptions options = Rig::Options();
-  options.lookup = [gate](const std::string&) {
+  options_.lookup = [gate](const std::string&) {
     std::unique_lock lock(gate->mutex);
     gate->open.wait(lock, [&] { return gate->is_open; });
     gate->passed = true;
     gate->open.notify_all();
     return LookupResult{};
   };
-  Rig rig(std::move(options));
+  Rig rig(options_);
   rig.Send(ConnectionType::Connect, 1, "slow.example:22");
-  const Descriptor connection = rig.Connect(2, target);
+  const Descriptor connection = rig.Connect(2, target_);
   EXPECT_TRUE(WriteAll(connection.get(), "at once"));
   EXPECT_EQ(rig.Next(), Of(ConnectionType::Data, 2, "at once"));
   rig.End();

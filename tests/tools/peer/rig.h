@@ -38,15 +38,7 @@ inline Frame Of(gxmod::ConnectionType type, std::uint32_t id, std::string payloa
 
 class Rig {
  public:
-  // A peer that permits every target, unless told otherwise.
-  static PeerOptions Options() {
-    PeerOptions options;
-    options.allow = AllowList::Any();
-    options.raw = true;
-    return options;
-  }
-
-  explicit Rig(PeerOptions options = Options()) {
+  explicit Rig(PeerOptions options) {
     std::signal(SIGPIPE, SIG_IGN);
     std::tie(host_, peer_fd_) = MakeSocketPair();
     options.log = [this](LogLevel level, const std::string& line) {
