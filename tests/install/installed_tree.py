@@ -4,22 +4,14 @@
 import argparse
 import glob
 import os
-import subprocess
 import tempfile
 
-from tunnel import LIMIT_S, echo_server, echo_through, end_input, host, interrupt
-
-
-def run(*command, **options):
-    done = subprocess.run(command, stdout=subprocess.PIPE, stderr=subprocess.PIPE, text=True, timeout=LIMIT_S, **options)
-    if done.returncode != 0:
-        raise SystemExit(f"{' '.join(command)}: status {done.returncode}\n{done.stdout}{done.stderr}")
-    return done.stdout
+from tunnel import TARGET, check_tunnel, end_input, interrupt, run
 
 
 def install(arguments, scratch):
     """The tree is moved after it was installed: no path in it may point to where it was."""
-    run(arguments.cmake, "--install", arguments.build, "--prefix", f"{scratch}/first")
+    run([arguments.cmake, "--install", arguments.build, "--prefix", f"{scratch}/first"])
     os.rename(f"{scratch}/first", f"{scratch}/moved")
     return f"{scratch}/moved"
 
@@ -34,20 +26,20 @@ def the_one(pattern):
 def build_with_cmake(arguments, prefix, scratch):
     source = os.path.dirname(the_one(f"{prefix}/share/doc/**/minimal_host.cc"))
     build = f"{scratch}/build"
-    run(arguments.cmake, "-S", source, "-B", build, f"-DCMAKE_PREFIX_PATH={prefix}",
-        f"-DCMAKE_CXX_COMPILER={arguments.compiler}", f"-DCMAKE_CXX_FLAGS={arguments.flags}")
-    run(arguments.cmake, "--build", build)
+    run([arguments.cmake, "-S", source, "-B", build, f"-DCMAKE_PREFIX_PATH={prefix}",
+         f"-DCMAKE_CXX_COMPILER={arguments.compiler}", f"-DCMAKE_CXX_FLAGS={arguments.flags}"])
+    run([arguments.cmake, "--build", build])
     return f"{build}/minimal_host"
 
 
 def build_with_pkg_config(arguments, prefix, scratch):
     where = dict(os.environ, PKG_CONFIG_PATH=os.path.dirname(the_one(f"{prefix}/**/gxmod.pc")))
-    flags = run("pkg-config", "--cflags", "--libs", "gxmod", env=where).split()
-    module = run("pkg-config", "--variable=module", "gxmod", env=where).strip()
+    flags = run(["pkg-config", "--cflags", "--libs", "gxmod"], env=where).split()
+    module = run(["pkg-config", "--variable=module", "gxmod"], env=where).strip()
     source = the_one(f"{prefix}/share/doc/**/minimal_host.cc")
     program = f"{scratch}/minimal_host"
-    run(arguments.compiler, *arguments.flags.split(), "-std=c++17", f'-DGXMOD_MODULE="{module}"', source, *flags,
-        "-ldl", "-o", program)
+    run([arguments.compiler, *arguments.flags.split(), "-std=c++17", f'-DGXMOD_MODULE="{module}"', source, *flags,
+         "-ldl", "-o", program])
     return program
 
 
@@ -64,14 +56,9 @@ def main():
         build = build_with_cmake if arguments.finder == "cmake" else build_with_pkg_config
         program = build(arguments, prefix, scratch)
         for end in (end_input, interrupt):
-            with echo_server() as port:
-                target = f"127.0.0.1:{port}"
-                peer = [f"{prefix}/bin/gx-ssh-peer", "--raw", "--allow", target]
-                with host(end, [program, target, *peer]) as address:
-                    echo_through(address)
-        with echo_server() as port:  # with the module that it finds in its own tree
-            with host(interrupt, [f"{prefix}/bin/gx-ssh", "--local", "--target", f"127.0.0.1:{port}"]) as address:
-                echo_through(address)
+            check_tunnel(end, [program, TARGET, f"{prefix}/bin/gx-ssh-peer", "--raw", "--allow", TARGET])
+        # With the module that it finds in its own tree.
+        check_tunnel(interrupt, [f"{prefix}/bin/gx-ssh", "--local", "--target", TARGET])
 
 
 main()

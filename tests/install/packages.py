@@ -4,20 +4,14 @@
 import argparse
 import glob
 import os
-import subprocess
 import tempfile
 
-
-def run(*command):
-    done = subprocess.run(command, stdout=subprocess.PIPE, stderr=subprocess.STDOUT, text=True, timeout=120)
-    if done.returncode != 0:
-        raise SystemExit(f"{' '.join(command)}: status {done.returncode}\n{done.stdout}")
-    return done.stdout
+from tunnel import Failure, run
 
 
 def check(holds, complaint):
     if not holds:
-        raise SystemExit(complaint)
+        raise Failure(complaint)
 
 
 def files_below(folder):
@@ -30,12 +24,12 @@ def without_gz(names):
 
 def look_into(package, scratch):
     """The files of one package that a plain installation has, too."""
-    name, depends = (run("dpkg-deb", "-f", package, field).strip() for field in ("Package", "Depends"))
+    name, depends = (run(["dpkg-deb", "-f", package, field]).strip() for field in ("Package", "Depends"))
     check(("libgx-control-ssh (=" in depends) == (name in ("gx-ssh", "libgxmod-dev")), f"{name} depends on {depends}")
-    for line in run("dpkg-deb", "-c", package).splitlines():
+    for line in run(["dpkg-deb", "-c", package]).splitlines():
         mode, owner = line.split()[:2]
         check(owner == "root/root" and mode[5] != "w" and mode[8] != "w", f"{name}: {line}")
-    run("dpkg-deb", "-x", package, f"{scratch}/{name}")
+    run(["dpkg-deb", "-x", package, f"{scratch}/{name}"])
     files = files_below(f"{scratch}/{name}")
     own = {f"usr/share/doc/{name}/copyright", f"usr/share/doc/{name}/changelog.Debian.gz"}
     check(own <= files, f"{name} has {files}")
@@ -50,10 +44,10 @@ def install_and_purge(packages, root):
     open(f"{root}/var/lib/dpkg/status", "w", encoding="ascii").close()
     dpkg = ("dpkg", f"--root={root}", "--force-depends", "--log=/dev/null")
     for _ in ("first", "over itself"):
-        run(*dpkg, "-i", *packages)
-    told = run(f"{root}/usr/bin/gx-ssh", "--version")
+        run([*dpkg, "-i", *packages])
+    told = run([f"{root}/usr/bin/gx-ssh", "--version"])
     check(f"({root}/usr/lib" in told, f"the installed gx-ssh says {told}")
-    run(*dpkg, "--purge", *(run("dpkg-deb", "-f", package, "Package").strip() for package in packages))
+    run([*dpkg, "--purge", *(run(["dpkg-deb", "-f", package, "Package"]).strip() for package in packages)])
     left = [name for name in os.listdir(root) if name != "var"]
     check(not left, f"left behind: {left}")
 
@@ -66,10 +60,10 @@ def main():
     arguments = parser.parse_args()
 
     with tempfile.TemporaryDirectory(dir=os.path.abspath(arguments.build)) as scratch:
-        run(arguments.cpack, "--config", f"{arguments.build}/CPackConfig.cmake", "-B", f"{scratch}/debs", "-D", "CPACK_DEBIAN_COMPRESSION_TYPE=gzip")
+        run([arguments.cpack, "--config", f"{arguments.build}/CPackConfig.cmake", "-B", f"{scratch}/debs", "-D", "CPACK_DEBIAN_COMPRESSION_TYPE=gzip"])
         packages = sorted(glob.glob(f"{scratch}/debs/*.deb"))
         contents = [look_into(package, scratch) for package in packages]
-        run(arguments.cmake, "--install", arguments.build, "--prefix", f"{scratch}/tree/usr")
+        run([arguments.cmake, "--install", arguments.build, "--prefix", f"{scratch}/tree/usr"])
         installed = files_below(f"{scratch}/tree")
         packed = set().union(*contents)
         check(sum(map(len, contents)) == len(packed), "a file is in two packages")

@@ -8,7 +8,7 @@ import struct
 import subprocess
 import tempfile
 
-from tunnel import echo_server, echo_through, host, interrupt
+from tunnel import TARGET, Failure, check_tunnel, interrupt, run
 
 LIMIT_BYTES = 3_000_000
 
@@ -22,21 +22,18 @@ def main():
     with tempfile.TemporaryDirectory() as folder:
         copy = f"{folder}/gx-ssh-peer"
         shutil.copy(arguments.peer, copy)
-        subprocess.run(["strip", copy], check=True, timeout=60)
+        run(["strip", copy])
         if os.path.getsize(copy) > LIMIT_BYTES:
-            raise SystemExit(f"{os.path.getsize(copy)} bytes, stripped")
+            raise Failure(f"{os.path.getsize(copy)} bytes, stripped")
 
         alone = ["chroot", folder, "/gx-ssh-peer"] if os.geteuid() == 0 else [copy]
-        with echo_server() as port:
-            target = f"127.0.0.1:{port}"
-            with host(interrupt, [arguments.gx_ssh, "--target", target, "--", *alone, "--allow", target]) as address:
-                echo_through(address)
+        check_tunnel(interrupt, [arguments.gx_ssh, "--target", TARGET, "--", *alone, "--allow", TARGET])
 
         name = b"localhost:22"
         connect = struct.pack("<IIIB3x", 0, len(name), 1, 1) + name
         peer = subprocess.run([*alone, "--raw", "--allow", name], input=connect, capture_output=True, timeout=60)
         if peer.returncode != 0 or b"addresses, not names" not in peer.stderr:
-            raise SystemExit(f"asked for a name: status {peer.returncode}, {peer.stderr}")
+            raise Failure(f"asked for a name: status {peer.returncode}, {peer.stderr}")
 
 
 main()
