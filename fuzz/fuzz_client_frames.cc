@@ -7,8 +7,6 @@
 // input to input until one of them ends its stream.
 #include <algorithm>
 #include <array>
-#include <condition_variable>
-#include <mutex>
 #include <set>
 #include <utility>
 #include <vector>
@@ -16,12 +14,14 @@
 #include "check.h"
 #include "portfwd/channel_list.h"
 #include "portfwd/port_forward_client.h"
+#include "support/far_listener.h"
 #include "support/log_capture.h"
 #include "support/plugin_stream.h"
 #include "support/tcp_client.h"
 
 using gxmod::ConnectionType;
 using gxtest::Encode;
+using gxtest::FarListener;
 using gxtest::PluginStream;
 using gxtest::TcpClient;
 
@@ -66,31 +66,6 @@ Input Parse(std::uint8_t options, const std::string& wire) {
   input.tail = wire.substr(at);
   return input;
 }
-
-class Listener final : public IPortForwardClientRaw::IListener, private CReference {
- public:
-  GX_FORWARD_REFERENCE();
-  void OnChannelsList(const char* text) override { Add(std::string("list ") + text); }
-  void OnTestRespond(const char* text, bool ok) override { Add(std::string(ok ? "works " : "fails ") + text); }
-
-  // Everything heard before `last`, which comes once.
-  std::vector<std::string> WaitFor(const std::string& last) {
-    std::unique_lock lock(mutex_);
-    Check(changed_.wait_for(lock, gxtest::kPatience, [&] { return !heard_.empty() && heard_.back() == last; }));
-    heard_.pop_back();
-    return std::exchange(heard_, {});
-  }
-
- private:
-  void Add(std::string call) {
-    const std::lock_guard lock(mutex_);
-    heard_.push_back(std::move(call));
-    changed_.notify_all();
-  }
-  std::mutex mutex_;
-  std::condition_variable changed_;
-  std::vector<std::string> heard_;
-};
 
 class Fixture {
  public:
@@ -172,10 +147,9 @@ class Fixture {
       }
       wire += Encode(frame);
     }
-    std::string last(gxmod::kTestRespondHeaderBytes + 4, '\0');
-    gxmod::EncodeTestResponse(0, "last", 4, last.data());
-    stream_->Send(wire + Encode({ConnectionType::TestRespond, 0, last}));
-    Check(listener_->WaitFor("works last") == heard);
+    heard.push_back("works last");
+    stream_->Send(wire + Encode(gxtest::Answer(0, "last")));
+    Check(listener_->WaitFor(heard.size()) == heard);
     CheckChannels(channels);
     std::set<std::uint32_t> ended;
     for (std::size_t i = 0; i < kConnections; ++i) {
@@ -218,7 +192,7 @@ class Fixture {
   }
 
   LogCapture log_;
-  const CRefObj<Listener> listener_{new Listener};
+  const CRefObj<FarListener> listener_{new FarListener};
   CRefObj<PluginStream> stream_;
   CRefObj<CPortForwardClientRaw> client_;
   std::string address_;

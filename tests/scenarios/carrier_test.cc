@@ -14,11 +14,11 @@
 
 namespace {
 
+using gxtest::Answer;
 using gxtest::ConnectionType;
 using gxtest::Encode;
 using gxtest::Eventually;
 using gxtest::FarListener;
-using gxtest::GoodAnswer;
 using gxtest::Measure;
 using gxtest::Pattern;
 using gxtest::PatternFault;
@@ -73,7 +73,7 @@ Script MakeScript(std::size_t frames, std::size_t longest, const std::uint32_t (
         break;
       case 2:
         script.heard.push_back("works " + std::to_string(i));
-        script.wire += Encode(GoodAnswer(std::to_string(i)));
+        script.wire += Encode(Answer(0, std::to_string(i)));
         break;
       default: {
         const std::string part = Pattern(length, ids[which], script.data[which].size());
@@ -161,7 +161,7 @@ TEST_F(CarrierTest, EveryTypeLeavesTheNextFrameWhole) {
         const std::string name = std::to_string(type) + "/" + std::to_string(length) + "/" + std::to_string(id);
         const std::string payload(length, '\1');
         stream_->Send({static_cast<ConnectionType>(type), id, payload});
-        stream_->Send(GoodAnswer(name));
+        stream_->Send(Answer(0, name));
         std::vector<std::string> heard = {"works " + name};
         if (type == 6) heard.insert(heard.begin(), "list " + payload);
         EXPECT_THAT(listener_->WaitFor(heard.size()), ElementsAreArray(heard));

@@ -2,6 +2,7 @@
 #ifndef GX_TESTS_SUPPORT_FAR_LISTENER_H
 #define GX_TESTS_SUPPORT_FAR_LISTENER_H
 
+#include <condition_variable>
 #include <mutex>
 #include <string>
 #include <utility>
@@ -21,11 +22,8 @@ class FarListener final : public IPortForwardClientRaw::IListener, private CRefe
 
   // Everything since the last call, once there are `count` calls or time is up.
   std::vector<std::string> WaitFor(std::size_t count) {
-    Eventually([&] {
-      const std::lock_guard lock(mutex_);
-      return calls_.size() >= count;
-    });
-    const std::lock_guard lock(mutex_);
+    std::unique_lock lock(mutex_);
+    changed_.wait_for(lock, kPatience, [&] { return calls_.size() >= count; });
     return std::exchange(calls_, {});
   }
 
@@ -33,25 +31,18 @@ class FarListener final : public IPortForwardClientRaw::IListener, private CRefe
   void Add(std::string call) {
     const std::lock_guard lock(mutex_);
     calls_.push_back(std::move(call));
+    changed_.notify_all();
   }
   std::mutex mutex_;
+  std::condition_variable changed_;
   std::vector<std::string> calls_;
 };
 
-// A test response as a far side may send it, right or wrong.
-inline std::string TestResponse(std::uint32_t status, std::uint16_t offset, std::uint16_t length,
-                                const std::string& rest) {
-  std::string payload(gxmod::kTestRespondHeaderBytes, '\0');
-  gxmod::EncodeTestResponse(status, nullptr, 0, payload.data());
-  std::memcpy(&payload[4], &offset, sizeof offset);
-  std::memcpy(&payload[6], &length, sizeof length);
-  return payload + rest;
-}
-
-// "works" with `text`.
-inline Frame GoodAnswer(const std::string& text) {
-  return {gxmod::ConnectionType::TestRespond, 0,
-          TestResponse(0, gxmod::kTestRespondHeaderBytes, static_cast<std::uint16_t>(text.size()), text)};
+// What a far side answers to a channel test. Status 0: it works.
+inline Frame Answer(std::uint32_t status, const std::string& text) {
+  std::string payload(gxmod::kTestRespondHeaderBytes + text.size(), '\0');
+  gxmod::EncodeTestResponse(status, text.data(), static_cast<std::uint16_t>(text.size()), payload.data());
+  return {gxmod::ConnectionType::TestRespond, 0, payload};
 }
 
 }  // namespace gxtest

@@ -204,21 +204,14 @@ class PluginStream final : public IPluginStreamRaw, private CReference {
 
   // The module has read everything sent so far.
   bool WaitUntilRead() {
-    std::unique_lock lock(mutex_);
-    return changed_.wait_for(lock, kPatience, [&] { return to_module_.empty(); });
+    return WaitUntil([&] { return to_module_.empty(); });
   }
   // A Read has failed, or found the end.
   bool WaitUntilReadEnds() {
-    std::unique_lock lock(mutex_);
-    return changed_.wait_for(lock, kPatience, [&] { return read_ended_; });
+    return WaitUntil([&] { return read_ended_; });
   }
   bool WaitUntilWriteBlocks() {
-    std::unique_lock lock(mutex_);
-    return changed_.wait_for(lock, kPatience, [&] { return blocked_; });
-  }
-  std::string Written() {
-    const std::lock_guard lock(mutex_);
-    return {from_module_.data(), from_module_.size()};
+    return WaitUntil([&] { return blocked_; });
   }
   // Ever, whether taken by the far side or not.
   std::size_t WrittenCount() {
@@ -233,6 +226,11 @@ class PluginStream final : public IPluginStreamRaw, private CReference {
   bool Overlapped() const { return overlapped_; }
 
  private:
+  template <class Condition>
+  bool WaitUntil(Condition condition) {
+    std::unique_lock lock(mutex_);
+    return changed_.wait_for(lock, kPatience, condition);
+  }
   bool ReadFails() const { return read_ >= behaviour_.fail_read_at; }
   // In the road out, not taken by a far side that waits for a frame.
   std::size_t Waiting() const { return from_module_.size() - taken_; }
