@@ -27,8 +27,12 @@ class ForwardingTest : public LeakGate {
 
   void Start(const CPortForwardClientRaw::Limits& limits) {
     Stop();
-    stream_ = CRefObj<PluginStream>(new PluginStream);
     client_ = CRefObj<CPortForwardClientRaw>(new CPortForwardClientRaw(limits));
+    RunOnAFreshStream();
+  }
+
+  void RunOnAFreshStream() {
+    stream_ = CRefObj<PluginStream>(new PluginStream);
     ASSERT_EQ(client_->InitInstance(stream_.get()), kGXModOk);
     ASSERT_EQ(client_->Run(), kGXModOk);
     IChannelRaw* channel = client_->NewChannel("ssh", "", "10.0.0.1:22");
