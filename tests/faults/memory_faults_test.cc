@@ -10,7 +10,6 @@
 #include <string>
 #include <thread>
 
-#include "base/singleton.h"
 #include "support/echo_client.h"
 #include "support/far_side.h"
 #include "support/forwarding.h"
@@ -109,14 +108,9 @@ class HostStream final : public IPluginStreamRaw, private CReference {
   const CRefObj<gxtest::PluginStream> stream_;
 };
 
-class HostLog final : public IGXModRuntime {
+class HostLog final : public LogCapture {
  public:
-  HostLog() { CSingleton_T<CGXModRuntime>::Instance()->SetHost(this); }
-  ~HostLog() { CSingleton_T<CGXModRuntime>::Instance()->SetHost(nullptr); }
   void Log(int, const char*) override {}
-  int GetConfig(bool, const char*, const char*, IGXModData**, const char*) override { return 0; }
-  int SaveConfig(bool, const char*, const char*, const char*) override { return 0; }
-  const char* GetEnv(const char*) override { return nullptr; }
 };
 
 class MemoryFaults : public gxtest::LeakGate {
@@ -155,7 +149,7 @@ class MemoryFaults : public gxtest::LeakGate {
     return echoed;
   }
 
-  const HostLog log_;
+  HostLog log_;
   CRefObj<gxtest::PluginStream> stream_;
   CRefObj<CPortForwardClientRaw> client_;
   std::string address_;

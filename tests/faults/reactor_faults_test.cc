@@ -1,5 +1,4 @@
 // What a process can do to the reactor: floods of work, forged wake-ups, signals, descriptors that run out.
-#include <fcntl.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <netinet/in.h>
@@ -11,7 +10,6 @@
 #include <algorithm>
 #include <atomic>
 #include <chrono>
-#include <cstdio>
 #include <iostream>
 #include <random>
 #include <thread>

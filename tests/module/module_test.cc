@@ -6,7 +6,6 @@
 #include <cstdlib>
 #include <fstream>
 #include <map>
-#include <mutex>
 #include <string>
 #include <variant>
 #include <vector>
@@ -15,6 +14,7 @@
 #include "gxmod/module.h"
 #include "object/reference.h"
 #include "support/leak_gate.h"
+#include "support/log_capture.h"
 #include "support/plugin_stream.h"
 #include "support/scale.h"
 #include "support/tcp_client.h"
@@ -56,28 +56,6 @@ CRefObj<Params> Request(const std::string& name, std::uint64_t version) {
   params->values_[kGXModPropertyVersion] = new Data(version);
   return params;
 }
-
-class Runtime final : public IGXModRuntime {
- public:
-  void Log(int level, const char* text) override {
-    const std::lock_guard lock(mutex_);
-    lines_.emplace_back(level, text);
-  }
-  int GetConfig(bool, const char*, const char*, IGXModData**, const char*) override { return 0; }
-  int SaveConfig(bool, const char*, const char*, const char*) override { return 0; }
-  const char* GetEnv(const char*) override { return nullptr; }
-
-  // Without the verbose ones, since the last call.
-  std::vector<std::pair<int, std::string>> Lines() {
-    const std::lock_guard lock(mutex_);
-    std::erase_if(lines_, [](const auto& line) { return line.first == kGXModLogTrace; });
-    return std::exchange(lines_, {});
-  }
-
- private:
-  std::mutex mutex_;
-  std::vector<std::pair<int, std::string>> lines_;
-};
 
 class Listener final : public IControlSshListener, private CReference {
  public:
@@ -138,11 +116,18 @@ class ModuleTest : public gxtest::LeakGate {
   }
   CRefObj<IControlSshPlugin> Create() {
     auto plugin = Create(Request(kControlSshInterfaceName, GXModPackVersion(kControlSshVersion)));
-    runtime_.Lines();
+    Lines();
     return plugin;
   }
 
-  Runtime runtime_;
+  // Without the verbose ones, since the last call.
+  std::vector<LogKeeper::Line> Lines() {
+    auto lines = runtime_.Lines();
+    std::erase_if(lines, [](const auto& line) { return line.first == kGXModLogTrace; });
+    return lines;
+  }
+
+  LogKeeper runtime_;
   void* library_ = nullptr;
   const gxlink_module_t* entry_ = nullptr;
 };
@@ -156,48 +141,40 @@ TEST_F(ModuleTest, EntryRecord) {
 }
 
 TEST_F(ModuleTest, CreationChecksWhatIsAskedFor) {
-  const std::string asked = "[ssh_control] ssh_control_create interface ";
-  const std::string success = "[ssh_control] ssh_control_create success";
-  const std::string mismatch = "[ssh_control] ssh_control_create fail, version not match";
+  const auto line = [](int level, const std::string& text) {
+    return LogKeeper::Line(level, "[ssh_control] ssh_control_create " + text);
+  };
+  const LogKeeper::Line success = line(1, "success");
+  const LogKeeper::Line mismatch = line(4, "fail, version not match");
   const struct {
-    const char* name;
-    std::uint64_t version;
-    std::vector<std::pair<int, std::string>> log;
+    std::string name;
+    GXModVersion version;
+    std::string version_text;
+    LogKeeper::Line outcome;
   } cases[] = {
-      {"IControlSshPlugin",
-       0x0002000100000007,
-       {{1, asked + "IControlSshPlugin  version 2.1.7 modversion 2.0.0"}, {1, success}}},
-      {"icontrolsshplugin",
-       GXModPackVersion({2, 5, 7}),
-       {{1, asked + "icontrolsshplugin  version 2.5.7 modversion 2.0.0"}, {1, success}}},
-      {"IControlSshPlugin",
-       GXModPackVersion({3, 0, 0}),
-       {{1, asked + "IControlSshPlugin  version 3.0.0 modversion 2.0.0"}, {4, mismatch}}},
-      {"IControlSshPlugin",
-       GXModPackVersion({1, 9, 9}),
-       {{1, asked + "IControlSshPlugin  version 1.9.9 modversion 2.0.0"}, {4, mismatch}}},
-      {"IOther",
-       GXModPackVersion({2, 0, 0}),
-       {{1, asked + "IOther  version 2.0.0 modversion 2.0.0"},
-        {4, "[ssh_control] ssh_control_create invalid interface IOther"}}},
-      {"", GXModPackVersion({2, 0, 0}), {{4, "[ssh_control] ssh_control_create invalid property"}}},
-      {"IControlSshPlugin", 0, {{4, "[ssh_control] ssh_control_create invalid property"}}},
+      {"IControlSshPlugin", {2, 1, 7}, "2.1.7", success},
+      {"icontrolsshplugin", {2, 5, 7}, "2.5.7", success},
+      {"IControlSshPlugin", {3, 0, 0}, "3.0.0", mismatch},
+      {"IControlSshPlugin", {1, 9, 9}, "1.9.9", mismatch},
+      {"IOther", {2, 0, 0}, "2.0.0", line(4, "invalid interface IOther")},
   };
   for (const auto& c : cases) {
-    const CRefObj<IControlSshPlugin> plugin = Create(Request(c.name, c.version));
-    EXPECT_EQ(static_cast<bool>(plugin), c.log.back().second == success) << c.name << c.version;
-    EXPECT_EQ(runtime_.Lines(), c.log);
+    const CRefObj<IControlSshPlugin> plugin = Create(Request(c.name, GXModPackVersion(c.version)));
+    EXPECT_EQ(static_cast<bool>(plugin), c.outcome == success) << c.name << c.version_text;
+    const std::string asked = "interface " + c.name + "  version " + c.version_text + " modversion 2.0.0";
+    EXPECT_THAT(Lines(), ElementsAre(line(1, asked), c.outcome));
   }
 
   const CRefObj<Params> text_version = Request(kControlSshInterfaceName, 0);
   text_version->values_[kGXModPropertyVersion] = new Data(std::string("2.0.0"));
-  EXPECT_FALSE(Create(text_version));
-  EXPECT_FALSE(Create(CRefObj<Params>(new Params)));
-  runtime_.Lines();
+  for (const auto& request : {Request("", GXModPackVersion({2, 0, 0})), Request("IControlSshPlugin", 0),
+                              text_version, CRefObj<Params>(new Params)}) {
+    EXPECT_FALSE(Create(request));
+    EXPECT_THAT(Lines(), ElementsAre(line(4, "invalid property")));
+  }
   EXPECT_EQ(entry_->create(text_version.get(), nullptr), 0U);
   EXPECT_EQ(entry_->create(nullptr, nullptr), 0U);
-  const auto invalid = Pair(4, "[ssh_control] ssh_control_create invalid param");
-  EXPECT_THAT(runtime_.Lines(), ElementsAre(invalid, invalid));
+  EXPECT_THAT(Lines(), ElementsAre(line(4, "invalid param"), line(4, "invalid param")));
 }
 
 TEST_F(ModuleTest, PluginWalksItsRoad) {
@@ -230,8 +207,7 @@ TEST_F(ModuleTest, PluginWalksItsRoad) {
   EXPECT_EQ(listener->calls_.back(), "exit");
   EXPECT_EQ(plugin->Run(), kGXModFail) << "stopped until the next InitInstance";
   const auto called = [](const char* name) { return Pair(1, std::string("[SSH] call ") + name + " "); };
-  const auto lines = runtime_.Lines();
-  EXPECT_THAT(lines, testing::IsSupersetOf({called("InitInstance"), called("Run"), called("ExitInstance")}));
+  EXPECT_THAT(Lines(), testing::IsSupersetOf({called("InitInstance"), called("Run"), called("ExitInstance")}));
 }
 
 TEST_F(ModuleTest, DefaultTarget) {
@@ -247,23 +223,6 @@ TEST_F(ModuleTest, DefaultTarget) {
     plugin->SetListener(nullptr);
     plugin->ExitInstance();
   }
-}
-
-TEST_F(ModuleTest, InterfacesAndProperties) {
-  const CRefObj<IControlSshPlugin> plugin = Create();
-  void* found = nullptr;
-  EXPECT_FALSE(plugin->GetInterface("icontrolsshplugin", &found));
-  EXPECT_FALSE(plugin->GetInterface(nullptr, &found));
-  EXPECT_FALSE(plugin->GetInterface(kControlSshInterfaceName, nullptr));
-  ASSERT_TRUE(plugin->GetInterface(kControlSshInterfaceName, &found));
-  const auto same = CRefObj<IControlSshPlugin>::Attach(static_cast<IControlSshPlugin*>(found));
-  EXPECT_EQ(same, plugin);
-  EXPECT_EQ(plugin->SetProperty("key", nullptr), 0);
-  EXPECT_EQ(plugin->GetProperty("key"), nullptr);
-  EXPECT_EQ(plugin->Load(L""), kGXModOk);
-  EXPECT_EQ(plugin->ExitInstance(), kGXModOk) << "nothing has been started";
-  EXPECT_EQ(plugin->InitInstance(nullptr), kGXModOk) << "the refusal comes with Run";
-  EXPECT_FALSE(plugin->GetPluginStream());
 }
 
 // Load the library, connect, carry data both ways, exit, unload: nothing hangs and nothing is left.

@@ -10,19 +10,10 @@
 #include "base/singleton.h"
 #include "runtime/gxmod_runtime.h"
 
-// Takes every log line while it lives; one at a time. Threads: any.
-//
-//     LogCapture log;
-//     ...
-//     EXPECT_THAT(log.Lines(), Contains(Pair(kGXModLogError, HasSubstr("timeout"))));
-class LogCapture final : public IGXModRuntime {
+// Keeps what it is given. Threads: any.
+class LogKeeper : public IGXModRuntime {
  public:
   using Line = std::pair<int, std::string>;  // level and text
-
-  LogCapture() { CSingleton_T<CGXModRuntime>::Instance()->SetHost(this); }
-  LogCapture(const LogCapture&) = delete;
-  LogCapture& operator=(const LogCapture&) = delete;
-  ~LogCapture() { CSingleton_T<CGXModRuntime>::Instance()->SetHost(nullptr); }
 
   // The lines since the last call, oldest first.
   std::vector<Line> Lines() {
@@ -41,6 +32,19 @@ class LogCapture final : public IGXModRuntime {
  private:
   std::mutex mutex_;
   std::vector<Line> lines_;
+};
+
+// Takes every log line while it lives; one at a time.
+//
+//     LogCapture log;
+//     ...
+//     EXPECT_THAT(log.Lines(), Contains(Pair(kGXModLogError, HasSubstr("timeout"))));
+class LogCapture : public LogKeeper {
+ public:
+  LogCapture() { CSingleton_T<CGXModRuntime>::Instance()->SetHost(this); }
+  LogCapture(const LogCapture&) = delete;
+  LogCapture& operator=(const LogCapture&) = delete;
+  ~LogCapture() { CSingleton_T<CGXModRuntime>::Instance()->SetHost(nullptr); }
 };
 
 #endif  // GX_TESTS_SUPPORT_LOG_CAPTURE_H
