@@ -4,6 +4,7 @@
 
 #include <algorithm>
 #include <memory>
+#include <sstream>
 #include <vector>
 
 #include "check.h"
@@ -44,14 +45,9 @@ bool Names(const std::string& entry, const HostPort& target) {
 }
 
 std::vector<std::string> Lines(const std::string& text) {
-  std::vector<std::string> lines(1);
-  for (const char c : text) {
-    if (c == '\n') {
-      lines.emplace_back();
-    } else {
-      lines.back() += c;
-    }
-  }
+  std::vector<std::string> lines;
+  std::istringstream stream(text + '\n');
+  for (std::string line; std::getline(stream, line);) lines.push_back(line);
   return lines;
 }
 
