@@ -63,7 +63,7 @@ int PeerSession::Run() {
   }
   if (options_.handle_signals) WatchSignals();
   input_.Start();
-  io_.run();
+  loop_.Run();
   for (const auto& [id, connection] : live_) connection->Abort();
   for (const ConnectionPtr& connection : closing_) connection->Abort();
   return result_;
@@ -98,6 +98,7 @@ void PeerSession::WaitForSignal() {
 
 void PeerSession::OnBytes(std::string_view bytes) {
   keepalive_.OnReceived();
+  loop_.OnRead(bytes.size());
   if (phase_ == Phase::kGreeting) Greet(&bytes);
   if (phase_ == Phase::kRunning || phase_ == Phase::kDraining) frames_.Feed(bytes);
   for (const ConnectionPtr& connection : gathering_) connection->Deliver();
@@ -290,6 +291,7 @@ void PeerSession::ReadTarget(const ConnectionPtr& connection, std::span<char> ro
   const auto count = connection->Read(room);
   if (!count) return End(*connection, "ended by the target");
   if (*count != 0) output_.AddData(connection->id(), *count);
+  loop_.OnRead(*count);
   if (connection->interactive()) GoFirst();
   if (*count == room.size()) {
     readable_.push_back(connection);

@@ -26,6 +26,7 @@
 #include "peer/asio_types.h"
 #include "peer/borrowed_fd.h"
 #include "peer/connection.h"
+#include "peer/event_loop.h"
 #include "peer/frame_output.h"
 #include "peer/keepalive.h"
 #include "peer/peer.h"
@@ -121,6 +122,7 @@ class PeerSession final : private StreamReader::Owner,
   const BorrowedFd read_fd_;
   const BorrowedFd write_fd_;
   asio::io_context io_{1};
+  EventLoop loop_{io_};
   StreamReader input_;
   FrameOutput output_;
   Keepalive keepalive_;

@@ -1,0 +1,37 @@
+#include "peer/event_loop.h"
+
+#include <algorithm>
+#include <thread>
+#include <utility>
+
+namespace gxtool {
+namespace {
+
+// What comes in one read while somebody sends as fast as possible is at least this.
+constexpr std::size_t kMuchBytes = 16 * 1024;
+constexpr std::chrono::microseconds kShortestWait{1};
+
+}  // namespace
+
+void EventLoop::Run() {
+  while (!io_.stopped()) {
+    if (io_.poll() != 0) continue;
+    if (std::exchange(transfers_, false) && ComesSoon()) continue;
+    io_.run_one();
+  }
+}
+
+void EventLoop::OnRead(std::size_t bytes) { transfers_ = transfers_ || bytes >= kMuchBytes; }
+
+bool EventLoop::ComesSoon() {
+  const Clock::time_point end = Clock::now() + wait_;
+  bool came = false;
+  do {
+    std::this_thread::yield();
+    came = io_.poll() != 0;
+  } while (!came && Clock::now() < end);
+  wait_ = came ? std::min(2 * wait_, kLongestWait) : std::max(wait_ / 2, kShortestWait);
+  return came;
+}
+
+}  // namespace gxtool
