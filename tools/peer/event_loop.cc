@@ -7,8 +7,9 @@
 namespace gxtool {
 namespace {
 
-// What comes in one read while somebody sends as fast as possible is at least this.
-constexpr std::size_t kMuchBytes = 16 * 1024;
+// One read brings this much only from a sender that is faster than the reader. Slower ones, scp for one with
+// its 32 KiB at a time, let it wait in vain.
+constexpr std::size_t kMuchBytes = 64 * 1024;
 constexpr std::chrono::microseconds kShortestWait{1};
 
 }  // namespace
