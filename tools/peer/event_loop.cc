@@ -2,7 +2,6 @@
 
 #include <algorithm>
 #include <thread>
-#include <utility>
 
 namespace gxtool {
 namespace {
@@ -16,15 +15,18 @@ constexpr std::chrono::microseconds kShortestWait{1};
 
 void EventLoop::Run() {
   while (!io_.stopped()) {
-    if (io_.poll() != 0) continue;
-    if (std::exchange(transfers_, false) && ComesSoon()) continue;
     io_.run_one();
+    while (transfers_) {
+      if (io_.poll() != 0) continue;
+      transfers_ = false;  // unless what comes now is more of it
+      WaitAwake();
+    }
   }
 }
 
 void EventLoop::OnRead(std::size_t bytes) { transfers_ = transfers_ || bytes >= kMuchBytes; }
 
-bool EventLoop::ComesSoon() {
+void EventLoop::WaitAwake() {
   const Clock::time_point end = Clock::now() + wait_;
   bool came = false;
   do {
@@ -32,7 +34,6 @@ bool EventLoop::ComesSoon() {
     came = io_.poll() != 0;
   } while (!came && Clock::now() < end);
   wait_ = came ? std::min(2 * wait_, kLongestWait) : std::max(wait_ / 2, kShortestWait);
-  return came;
 }
 
 }  // namespace gxtool

@@ -26,10 +26,10 @@ class EventLoop {
  private:
   static constexpr std::chrono::microseconds kLongestWait{50};
 
-  bool ComesSoon();
+  void WaitAwake();
 
   asio::io_context& io_;
-  bool transfers_ = false;  // since the loop last fell asleep or waited
+  bool transfers_ = false;
   std::chrono::microseconds wait_ = kLongestWait;
 };
 
