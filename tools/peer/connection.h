@@ -1,14 +1,15 @@
 // One connection to a target.
 //
-//   state      entered when                      left when
-//   kOpening   constructed                       the target has answered; Close; Abort; nothing could be
-//   reached kOpen      the target has answered           Close; Abort kClosing   Close all is written and the
-//   target has ended too; Abort kGone      the socket is closed              -
+//   state     entered when               left when
+//   kOpening  constructed                the target has answered; Close; Abort; nothing could be reached
+//   kOpen     the target has answered    Close; Abort
+//   kClosing  Close                      all is written and the target has ended too; Abort
+//   kGone     the socket is closed       -
 //
 // Bytes for the target are taken in any state; what the target does not take at once waits in a queue, also
 // while the connection opens and closes. Bytes from the target are read when the owner asks for them, and are
-// thrown away while the connection closes. Threads: the one that runs the io_context. Ownership: shared with
-// the operations that are under way.
+// thrown away while the connection closes.
+// Threads: the one that runs the io_context. Ownership: shared with the operations that are under way.
 #ifndef GX_PEER_CONNECTION_H
 #define GX_PEER_CONNECTION_H
 
