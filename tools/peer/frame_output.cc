@@ -12,10 +12,10 @@
 namespace gxtool {
 namespace {
 
-// Two full frames to a half: one can be written while the next is read.
-constexpr std::size_t kHalfBytes = 2 * (gxmod::kFrameHeaderBytes + kDataBytes);
-// What lies unread is what a keystroke's echo waits behind.
-constexpr int kUnreadBytes = 128 * 1024;
+constexpr std::size_t kBufferBytes = 4 * (gxmod::kFrameHeaderBytes + kDataBytes);
+// What lies unread is what a keystroke's echo waits behind. With less than this the next run of frames would
+// not leave before most of this one is read.
+constexpr int kUnreadBytes = 256 * 1024;
 constexpr int kInteractiveUnreadBytes = 32 * 1024;
 constexpr std::size_t kInteractiveFrameBytes = 32 * 1024;
 // Less is not worth a call to the target.
@@ -23,18 +23,19 @@ constexpr std::size_t kLeastRoom = 4 * 1024;
 
 }  // namespace
 
-FrameOutput::FrameOutput(asio::io_context& io, int fd, Owner* owner) : io_(io), fd_(io, fd), owner_(owner) {
-  for (Half* half : {&writing_, &filling_}) half->data = std::make_unique_for_overwrite<char[]>(kHalfBytes);
+FrameOutput::FrameOutput(asio::io_context& io, int fd, Owner* owner)
+    : io_(io), fd_(io, fd), owner_(owner), buffer_(std::make_unique_for_overwrite<char[]>(kBufferBytes)) {
   SetUnreadBytes(fd, kUnreadBytes);
 }
 
 std::span<char> FrameOutput::Room() {
-  const std::size_t taken = filling_.end + gxmod::kFrameHeaderBytes;
-  if (broken_ || !overflow_.empty() || taken + kLeastRoom > kHalfBytes) return {};
-  return {filling_.data.get() + taken, std::min(kDataBytes, kHalfBytes - taken)};
+  const std::size_t taken = end_ + gxmod::kFrameHeaderBytes;
+  if (broken_ || !overflow_.empty() || taken + kLeastRoom > kBufferBytes) return {};
+  return {buffer_.get() + taken, std::min(kDataBytes, kBufferBytes - taken)};
 }
 
 std::span<char> FrameOutput::BulkRoom() {
+  if (blocked_) return {};
   if (!interactive_) return Room();
   if (!idle()) return {};
   const std::span<char> room = Room();
@@ -49,8 +50,8 @@ void FrameOutput::SetInteractive(bool on) {
 
 void FrameOutput::AddData(std::uint32_t connection_id, std::size_t count) {
   gxmod::EncodeFrameHeader({static_cast<std::uint32_t>(count), connection_id, gxmod::ConnectionType::Data},
-                           filling_.data.get() + filling_.end);
-  filling_.end += gxmod::kFrameHeaderBytes + count;
+                           buffer_.get() + end_);
+  end_ += gxmod::kFrameHeaderBytes + count;
   ScheduleFlush();
 }
 
@@ -61,9 +62,9 @@ void FrameOutput::AddControl(gxmod::ConnectionType type, std::uint32_t connectio
 
 void FrameOutput::AddText(std::string_view text) {
   if (broken_) return;
-  if (overflow_.empty() && text.size() <= kHalfBytes - filling_.end) {
-    std::memcpy(filling_.data.get() + filling_.end, text.data(), text.size());
-    filling_.end += text.size();
+  if (overflow_.empty() && text.size() <= kBufferBytes - end_) {
+    std::memcpy(buffer_.get() + end_, text.data(), text.size());
+    end_ += text.size();
   } else {
     overflow_ += text;
   }
@@ -79,12 +80,12 @@ void FrameOutput::ScheduleFlush() {
 
 // What fails here fails again in Flush, which is under way.
 void FrameOutput::Hurry() {
-  if (!broken_ && writing_.unwritten() == 0 && Refill()) WriteSome();
+  if (!broken_ && !blocked_ && begin_ != end_) WriteSome();
 }
 
 void FrameOutput::Flush() {
-  flush_pending_ = false;
-  while (writing_.unwritten() != 0 || Refill()) {
+  flush_pending_ = blocked_ = false;
+  while (begin_ != end_) {
     if (WriteSome() >= 0) continue;
     if (errno == EAGAIN || errno == EWOULDBLOCK) {
       WaitWritable();
@@ -97,26 +98,21 @@ void FrameOutput::Flush() {
 }
 
 ssize_t FrameOutput::WriteSome() {
-  const ssize_t count =
-      ::write(fd_.native_handle(), writing_.data.get() + writing_.begin, writing_.unwritten());
-  if (count > 0) writing_.begin += static_cast<std::size_t>(count);
+  const ssize_t count = ::write(fd_.native_handle(), buffer_.get() + begin_, end_ - begin_);
+  if (count > 0) begin_ += static_cast<std::size_t>(count);
+  if (begin_ == end_) Refill();
   return count;
 }
 
-// The half that was filled becomes the one to write. False: there is nothing.
-bool FrameOutput::Refill() {
-  std::swap(writing_, filling_);
-  filling_.begin = filling_.end = 0;
-  const std::size_t moved = std::min(overflow_.size(), kHalfBytes);
-  std::memcpy(filling_.data.get(), overflow_.data(), moved);
-  filling_.end = moved;
-  overflow_.erase(0, moved);
+void FrameOutput::Refill() {
+  begin_ = 0;
+  end_ = overflow_.copy(buffer_.get(), kBufferBytes);
+  overflow_.erase(0, end_);
   if (overflow_.empty()) overflow_.shrink_to_fit();
-  return writing_.unwritten() != 0 || (moved != 0 && Refill());
 }
 
 void FrameOutput::WaitWritable() {
-  flush_pending_ = true;
+  flush_pending_ = blocked_ = true;
   fd_.async_wait(Descriptor::wait_write, [this](asio::error_code error) {
     if (error == asio::error::operation_aborted) return;
     error ? Break() : Flush();
@@ -125,7 +121,7 @@ void FrameOutput::WaitWritable() {
 
 void FrameOutput::Break() {
   broken_ = true;
-  writing_.begin = writing_.end = filling_.begin = filling_.end = 0;
+  begin_ = end_ = 0;
   overflow_.clear();
   owner_->OnOutputBroken();
 }

@@ -1,10 +1,10 @@
 // The outgoing half of the stream.
 //
 // Frames are built where they are written from: a payload is read from its target straight into the space
-// behind its header, and whole runs of frames leave in one write. While one half of the memory is written, the
-// other half is filled; no more than that is ever queued ahead of a new frame, except for answers that must not
-// wait (AddControl). Halves and frames are large, which is cheap. While somebody waits for small answers,
-// SetInteractive trades some of that for less ahead of them. Threads: the one that runs the io_context.
+// behind its header, and whole runs of frames leave in one write. Runs and frames are large, which is cheap. No
+// more than one run is ever queued ahead of a new frame, except for answers that must not wait (AddControl).
+// While somebody waits for small answers, SetInteractive trades some of the cheapness for less ahead of them.
+// Threads: the one that runs the io_context.
 #ifndef GX_PEER_FRAME_OUTPUT_H
 #define GX_PEER_FRAME_OUTPUT_H
 
@@ -43,8 +43,8 @@ class FrameOutput {
 
   // Where the payload of a Data frame may be put now; empty: not before OnOutputProgress.
   std::span<char> Room();
-  // The same for a connection that has much to say: when interactive, little at a time and only once all that
-  // was queued is written.
+  // The same for a connection that has much to say: not while the stream takes no more. When interactive,
+  // little at a time and only once all that was queued is written.
   std::span<char> BulkRoom();
   // Somebody waits for small answers, or nobody does any more.
   void SetInteractive(bool on);
@@ -61,31 +61,25 @@ class FrameOutput {
   // Bytes of control frames that found no room.
   std::size_t owed() const { return overflow_.size(); }
   // All is written.
-  bool idle() const { return writing_.unwritten() == 0 && filling_.unwritten() == 0 && overflow_.empty(); }
+  bool idle() const { return begin_ == end_ && overflow_.empty(); }
 
  private:
-  struct Half {
-    std::size_t unwritten() const { return end - begin; }
-
-    std::unique_ptr<char[]> data;
-    std::size_t begin = 0;
-    std::size_t end = 0;
-  };
-
   void ScheduleFlush();
   void Flush();
-  bool Refill();
   ssize_t WriteSome();
+  void Refill();
   void WaitWritable();
   void Break();
 
   asio::io_context& io_;
   Descriptor fd_;
   Owner* const owner_;
-  Half writing_;
-  Half filling_;
-  std::string overflow_;  // comes after filling_; no data is added while there is some
+  const std::unique_ptr<char[]> buffer_;
+  std::size_t begin_ = 0;  // of what is unwritten
+  std::size_t end_ = 0;
+  std::string overflow_;  // comes after the buffer; no data is added while there is some
   bool flush_pending_ = false;
+  bool blocked_ = false;  // the stream takes no more
   bool interactive_ = false;
   bool broken_ = false;
 };
