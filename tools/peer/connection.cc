@@ -8,6 +8,7 @@
 #include <algorithm>
 #include <array>
 #include <cerrno>
+#include <utility>
 
 namespace gxtool {
 namespace {
@@ -36,7 +37,7 @@ std::size_t TotalBytes(std::span<const iovec> pieces) {
 }  // namespace
 
 Connection::Connection(asio::io_context& io, std::uint32_t id, std::string name, Owner* owner)
-    : id_(id), name_(std::move(name)), owner_(owner), socket_(io) {}
+    : id_(id), name_(std::move(name)), owner_(owner), socket_(io), read_wait_(io, socket_) {}
 
 void Connection::Open(std::vector<asio::ip::tcp::endpoint> endpoints) {
   endpoints_ = std::move(endpoints);
@@ -187,12 +188,8 @@ void Connection::AfterWrite() {
 }
 
 void Connection::WaitReadable() {
-  if (read_waiting_) return;
-  read_waiting_ = true;
-  socket_.async_wait(TcpSocket::wait_read, [self = shared_from_this()](asio::error_code) {
-    self->read_waiting_ = false;
-    self->OnReadReady();
-  });
+  if (read_wait_.pending()) return;
+  read_wait_.Start(std::exchange(unwaited_, 0), std::shared_ptr<ReadWait::Owner>(shared_from_this(), this));
 }
 
 void Connection::OnReadReady() {
@@ -208,6 +205,7 @@ std::optional<std::size_t> Connection::Read(std::span<char> out) {
     return std::nullopt;
   }
   received_ += static_cast<std::size_t>(count);
+  unwaited_ += static_cast<std::size_t>(count);
   small_reads_ = static_cast<std::size_t>(count) <= kSmallBytes ? small_reads_ + 1 : 0;
   last_move_ = Clock::now();
   return static_cast<std::size_t>(count);
@@ -228,7 +226,7 @@ void Connection::Close() {
     return;
   }
   FinishWriting();
-  if (state_ == State::kClosing && !target_ended_ && !read_waiting_) Discard();
+  if (state_ == State::kClosing && !target_ended_ && !read_wait_.pending()) Discard();
 }
 
 // Unread bytes would turn the close of the socket into a reset, which takes back what was sent.

@@ -26,10 +26,11 @@
 
 #include "peer/asio_types.h"
 #include "peer/byte_queue.h"
+#include "peer/read_wait.h"
 
 namespace gxtool {
 
-class Connection : public std::enable_shared_from_this<Connection> {
+class Connection final : public std::enable_shared_from_this<Connection>, private ReadWait::Owner {
  public:
   enum class State { kOpening, kOpen, kClosing, kGone };
 
@@ -102,7 +103,7 @@ class Connection : public std::enable_shared_from_this<Connection> {
   asio::error_code OpenSocket(const asio::ip::tcp::endpoint& endpoint);
   void TryNext(asio::error_code last);
   void OnConnected();
-  void OnReadReady();
+  void OnReadReady() override;
   void Discard();
   std::size_t SendSome(std::span<iovec> bytes);
   void WriteQueue();
@@ -115,11 +116,12 @@ class Connection : public std::enable_shared_from_this<Connection> {
   Owner* const owner_;
   State state_ = State::kOpening;
   TcpSocket socket_;
+  ReadWait read_wait_;
+  std::size_t unwaited_ = 0;  // bytes read since the last wait
   std::vector<asio::ip::tcp::endpoint> endpoints_;
   std::size_t next_endpoint_ = 0;
   Clock::time_point tried_at_;  // the current endpoint
   bool connected_ = false;
-  bool read_waiting_ = false;
   bool write_waiting_ = false;
   bool target_ended_ = false;    // it has sent its last byte
   bool write_failed_ = false;    // it takes no more bytes
