@@ -154,6 +154,13 @@ TEST_F(ProgramTest, RunsACommandAndEndsWithItsStatus) {
   }
 }
 
+TEST_F(ProgramTest, StopSignalGoesToTheCommand) {
+  Program program(GX_SSH_PROGRAM, WithPeer({"--run", "trap 'exit 7' TERM; echo up; sleep 60 & wait"}));
+  EXPECT_EQ(program.Line(), "up");
+  program.Signal(SIGTERM);
+  EXPECT_EQ(program.Status(), 7);
+}
+
 TEST_F(ProgramTest, FailedTunnelEndsTheCommand) {
   for (const std::string& far_side :
        {kReady + "sleep 0.1", std::string("exit 1"), std::string("no-such-program")}) {
