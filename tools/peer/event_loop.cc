@@ -6,8 +6,7 @@
 namespace gxtool {
 namespace {
 
-// One read brings this much only from a sender that is faster than the reader. Slower ones, scp for one with
-// its 32 KiB at a time, let it wait in vain.
+// Less than this at a time comes from a sender that is slower than the reader, who would wait in vain.
 constexpr std::size_t kMuchBytes = 64 * 1024;
 constexpr std::chrono::microseconds kShortestWait{1};
 
