@@ -80,12 +80,12 @@ void FrameOutput::ScheduleFlush() {
 
 // What fails here fails again in Flush, which is under way.
 void FrameOutput::Hurry() {
-  if (!broken_ && !blocked_ && begin_ != end_) WriteSome();
+  if (!broken_ && !blocked_ && !idle()) WriteSome();
 }
 
 void FrameOutput::Flush() {
   flush_pending_ = blocked_ = false;
-  while (begin_ != end_) {
+  while (!idle()) {
     if (WriteSome() >= 0) continue;
     if (errno == EAGAIN || errno == EWOULDBLOCK) {
       WaitWritable();
