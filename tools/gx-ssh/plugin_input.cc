@@ -14,9 +14,12 @@ using Clock = std::chrono::steady_clock;
 
 // A conversation, as opposed to a transfer, has messages that fit into this, ...
 constexpr std::size_t kLittleBytes = 1024;
-// ... and to the next one it takes no longer than this, while both ends are near. A processor that falls asleep
-// meanwhile takes about as long to wake.
-constexpr std::chrono::microseconds kSoon{100};
+// ... and to the next one it takes no longer than this, while both ends are near. Beside a transfer that goes
+// the other way answers come later, and to count those as well would slow down both.
+constexpr std::chrono::microseconds kSoon{150};
+constexpr std::chrono::microseconds kSoonBesideTransfer{100};
+// A processor that falls asleep takes about as long to wake.
+constexpr std::chrono::microseconds kAwake{100};
 // So many in a row make one. It outlasts a single one that comes late, and hardly two.
 constexpr int kLikely = 4;
 constexpr int kCertain = 2 * kLikely;
@@ -57,6 +60,10 @@ std::size_t PluginInput::Read(void* data, std::size_t length) {
   }
   passing_ -= got;
   return got;
+}
+
+void PluginInput::OnSent(std::size_t length) {
+  sends_little_.store(length <= kLittleBytes, std::memory_order_relaxed);
 }
 
 std::chrono::milliseconds PluginInput::silence() const {
@@ -126,9 +133,10 @@ std::size_t PluginInput::Receive(std::span<iovec> parts) {
 void PluginInput::Wait() {
   const Clock::time_point begin = Clock::now();
   waiting_since_ms_ = Milliseconds(begin);
-  if (conversation_ < kLikely || !ComesBefore(begin + kSoon)) stop_.WaitFor(fd_, POLLIN);
+  if (conversation_ < kLikely || !ComesBefore(begin + kAwake)) stop_.WaitFor(fd_, POLLIN);
   waiting_since_ms_ = 0;
-  conversation_ = Clock::now() - begin < kSoon ? std::min(conversation_ + 1, kCertain) : conversation_ / 2;
+  const auto soon = sends_little_ ? kSoon : kSoonBesideTransfer;
+  conversation_ = Clock::now() - begin < soon ? std::min(conversation_ + 1, kCertain) : conversation_ / 2;
 }
 
 // Waits awake, and behind everyone else who wants the processor.

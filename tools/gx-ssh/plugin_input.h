@@ -21,7 +21,7 @@ namespace gxtool {
 
 // Reads ahead, so that small frames do not cost two system calls each, and looks at every header that passes.
 // Within a conversation, little that is answered soon, Read waits awake for a moment before it sleeps.
-// Threads: Read on one; silence on any.
+// Threads: Read on one; OnSent and silence on any.
 class PluginInput {
  public:
   // Called from inside Read.
@@ -44,6 +44,9 @@ class PluginInput {
   // Blocks until at least one byte is there; returns how many are in `data`, 0 at the end. A frame that is
   // taken out is never seen, not even in part.
   std::size_t Read(void* data, std::size_t length);
+
+  // A block of that many bytes goes the other way.
+  void OnSent(std::size_t length);
 
   // Why Read returned 0, for a message.
   const std::string& end_reason() const { return end_reason_; }
@@ -72,6 +75,7 @@ class PluginInput {
   bool drained_ = false;       // nothing was left to read
   int conversation_ = 0;       // how much what comes looks like one
   std::string end_reason_;
+  std::atomic<bool> sends_little_{true};           // at a time, the other way
   std::atomic<std::int64_t> waiting_since_ms_{0};  // of the monotonic clock; 0: not waiting
 };
 

@@ -34,6 +34,7 @@ std::uint32_t PluginStream::Read(void* data, unsigned length, unsigned* got, uns
 }
 
 std::uint32_t PluginStream::Write(const void* data, unsigned length, unsigned* written, unsigned /*flags*/) {
+  input_.OnSent(length);
   const bool taken = output_.Write(data, length);
   *written = taken ? length : 0;
   return taken ? kGXModOk : kGXModFail;
