@@ -18,6 +18,7 @@ void ReadWait::Start(std::size_t got, const std::shared_ptr<Owner>& owner) {
   SetLowWater(patient ? kBatchBytes : 1);
   WatchSocket(owner);
   end_ = now + kPatience;
+  unread_at_half_.reset();
   if (patient) WatchClock(owner);
 }
 
@@ -41,19 +42,31 @@ void ReadWait::WatchSocket(const std::shared_ptr<Owner>& owner) {
 void ReadWait::WatchClock(const std::shared_ptr<Owner>& owner) {
   if (clock_watched_) return;
   clock_watched_ = true;
-  timer_.expires_at(end_);
+  timer_.expires_at(unread_at_half_ ? end_ : end_ - kPatience / 2);
   timer_.async_wait([this, owner](asio::error_code) {
     clock_watched_ = false;
-    if (!pending_ || low_water_ == 1) return;
-    Clock::now() < end_ ? WatchClock(owner) : OnTimeOver(*owner);
+    if (pending_ && low_water_ > 1) OnClock(owner);
   });
 }
 
+void ReadWait::OnClock(const std::shared_ptr<Owner>& owner) {
+  const Clock::time_point now = Clock::now();
+  if (now >= end_) return OnTimeOver(*owner);
+  if (!unread_at_half_ && now >= end_ - kPatience / 2) unread_at_half_ = unread();
+  WatchClock(owner);
+}
+
 void ReadWait::OnTimeOver(Owner& owner) {
-  asio::error_code ignored;
-  const std::size_t missing = kBatchBytes - std::min(socket_.available(ignored), kBatchBytes);
+  const std::size_t unread = this->unread();
+  const bool grew = unread_at_half_ && unread > *unread_at_half_;
+  const std::size_t missing = kBatchBytes - (grew ? std::min(unread, kBatchBytes) : 0);
   patient_from_ = Clock::now() + kLostPart * missing * Clock::duration(kPatience) / kBatchBytes;
   Finish(owner);
+}
+
+std::size_t ReadWait::unread() const {
+  asio::error_code ignored;
+  return socket_.available(ignored);
 }
 
 void ReadWait::Finish(Owner& owner) {

@@ -2,8 +2,8 @@
 //
 // To be woken for every packet costs all programs on the way more than to carry it. So behind kMuchBytes a wait
 // is for kBatchBytes, or for kPatience; the end of the stream ends it at once. A sender that has said all and
-// wants an answer loses that time. So the more was missing when the time was over, the longer every byte counts
-// again: sixteen times as long, if all was.
+// wants an answer loses that time. So behind a wait in whose second half nothing came every byte counts again,
+// for sixteen times as long; behind one that was only too short, for as much less of it as did come.
 // Threads: the one that runs the io_context.
 #ifndef GX_PEER_READ_WAIT_H
 #define GX_PEER_READ_WAIT_H
@@ -11,6 +11,7 @@
 #include <chrono>
 #include <cstddef>
 #include <memory>
+#include <optional>
 
 #include "peer/asio_types.h"
 
@@ -30,7 +31,7 @@ class ReadWait {
 
   static constexpr std::size_t kMuchBytes = 16 * 1024;
   static constexpr std::size_t kBatchBytes = 256 * 1024;
-  static constexpr std::chrono::milliseconds kPatience{1};
+  static constexpr std::chrono::microseconds kPatience{1000};
 
   // `socket` is not owned and outlives the wait.
   ReadWait(asio::io_context& io, TcpSocket& socket) : socket_(socket), timer_(io) {}
@@ -44,7 +45,9 @@ class ReadWait {
   void SetLowWater(std::size_t bytes);
   void WatchSocket(const std::shared_ptr<Owner>& owner);
   void WatchClock(const std::shared_ptr<Owner>& owner);
+  void OnClock(const std::shared_ptr<Owner>& owner);
   void OnTimeOver(Owner& owner);
+  std::size_t unread() const;
   void Finish(Owner& owner);
 
   TcpSocket& socket_;
@@ -52,8 +55,9 @@ class ReadWait {
   bool pending_ = false;
   bool socket_watched_ = false;
   bool clock_watched_ = false;
-  std::size_t low_water_ = 1;  // so many unread bytes end a wait
-  Clock::time_point end_;      // of a wait for more than one byte
+  std::size_t low_water_ = 1;                  // so many unread bytes end a wait
+  Clock::time_point end_;                      // of a wait for more than one byte
+  std::optional<std::size_t> unread_at_half_;  // of its time
   Clock::time_point patient_from_;
 };
 
