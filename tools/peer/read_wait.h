@@ -3,7 +3,7 @@
 // To be woken for every packet costs all programs on the way more than to carry it. So behind kMuchBytes a wait
 // is for kBatchBytes, or for kPatience; the end of the stream ends it at once. A sender that has said all and
 // wants an answer loses that time. So behind a wait in whose second half nothing came every byte counts again,
-// for sixteen times as long; behind one that was only too short, for as much less of it as did come.
+// for sixteen times as long; when more was still coming, only for the share of that which was missing.
 // Threads: the one that runs the io_context.
 #ifndef GX_PEER_READ_WAIT_H
 #define GX_PEER_READ_WAIT_H
