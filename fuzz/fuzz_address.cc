@@ -8,20 +8,20 @@
 #include "check.h"
 #include "sock/sock_acceptor.h"
 
-using talk_base::IPAddress;
-using talk_base::SocketAddress;
+using gxbase::IPAddress;
+using gxbase::SocketAddress;
 
 namespace {
 
 void CheckAddress(const std::string& text) {
   IPAddress ip;
-  Check(talk_base::IPFromString(text, &ip) == (ip.family() != AF_UNSPEC));
+  Check(gxbase::IPFromString(text, &ip) == (ip.family() != AF_UNSPEC));
   const SocketAddress address(text, 22);
   Check(address.IsLiteral() == (ip.family() != AF_UNSPEC));
   if (!address.IsLiteral()) return Check(ip.ToString().empty());
   IPAddress again;
-  Check(talk_base::IPFromString(ip.ToString(), &again) && again.ToString() == ip.ToString());
-  Check(again.family() == ip.family() && talk_base::IPIsAny(again) == talk_base::IPIsAny(ip));
+  Check(gxbase::IPFromString(ip.ToString(), &again) && again.ToString() == ip.ToString());
+  Check(again.family() == ip.family() && gxbase::IPIsAny(again) == gxbase::IPIsAny(ip));
 
   // The system's resolver takes the text for the same address.
   addrinfo hints{};
@@ -30,7 +30,7 @@ void CheckAddress(const std::string& text) {
   addrinfo* list = nullptr;
   Check(getaddrinfo(text.c_str(), nullptr, &hints, &list) == 0);
   const std::unique_ptr<addrinfo, decltype(&freeaddrinfo)> owner(list, &freeaddrinfo);
-  Check(talk_base::IPFromAddrInfo(list, &again) && again.ToString() == ip.ToString());
+  Check(gxbase::IPFromAddrInfo(list, &again) && again.ToString() == ip.ToString());
 }
 
 int PortOf(const std::string& address) { return std::atoi(address.substr(address.rfind(':') + 1).c_str()); }

@@ -30,8 +30,8 @@ void Answer(const DnsRecord& record) {
     const auto block = std::make_unique<DnsAddrInfo>();
     const DnsQuery query{family, SOCK_STREAM, 0, 0, family != AF_UNSPEC};
     for (const addrinfo* info = block->FillRecord(record, query); info != nullptr; info = info->ai_next) {
-      talk_base::IPAddress ip;
-      Check(talk_base::IPFromAddrInfo(info, &ip));
+      gxbase::IPAddress ip;
+      Check(gxbase::IPFromAddrInfo(info, &ip));
       Check(family == AF_UNSPEC || family == ip.family());
     }
   }

@@ -12,7 +12,7 @@
 
 namespace {
 
-using talk_base::IPAddress;
+using gxbase::IPAddress;
 
 // Hands out aligned, zeroed pieces of a block, front to back.
 class Room {
@@ -79,7 +79,7 @@ std::vector<IPAddress> Select(const DnsRecord& record, int family) {
   std::vector<IPAddress> selected;
   for (const std::string& text : record.ips) {
     IPAddress ip;
-    if (!talk_base::IPFromString(text, &ip)) continue;
+    if (!gxbase::IPFromString(text, &ip)) continue;
     if (family == AF_UNSPEC || family == ip.family()) selected.push_back(ip);
   }
   return selected;

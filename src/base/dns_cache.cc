@@ -12,8 +12,8 @@
 
 namespace {
 
-using talk_base::FileStream;
-using talk_base::IPAddress;
+using gxbase::FileStream;
+using gxbase::IPAddress;
 
 constexpr std::size_t kMaxFileBytes = 0x500000;
 constexpr std::size_t kMaxUnprunedRecords = 200;
@@ -28,7 +28,7 @@ std::string ReadFile(const std::string& path) {
   if (size == 0 || size > kMaxFileBytes) return {};
   std::string text(size, '\0');
   std::size_t read = 0;
-  if (file.Read(text.data(), size, &read, nullptr) != talk_base::SR_SUCCESS || read < size) return {};
+  if (file.Read(text.data(), size, &read, nullptr) != gxbase::SR_SUCCESS || read < size) return {};
   return text;
 }
 
@@ -38,7 +38,7 @@ DnsCache::Record Ai2Record(const char* node, const addrinfo* list) {
   DnsCache::Record record{node, {}, Now()};
   for (; list != nullptr; list = list->ai_next) {
     IPAddress ip;
-    if (talk_base::IPFromAddrInfo(list, &ip)) record.ips.push_back(ip.ToString());
+    if (gxbase::IPFromAddrInfo(list, &ip)) record.ips.push_back(ip.ToString());
   }
   return record;
 }
@@ -48,7 +48,7 @@ DnsCache::Record Hostent2Record(const char* name, const hostent& host) {
   DnsCache::Record record{name, {}, Now()};
   for (char** address = host.h_addr_list; *address != nullptr; ++address) {
     char text[INET6_ADDRSTRLEN];
-    if (talk_base::inet_ntop(host.h_addrtype, *address, text, sizeof text) != nullptr) {
+    if (gxbase::inet_ntop(host.h_addrtype, *address, text, sizeof text) != nullptr) {
       record.ips.emplace_back(text);
     }
   }

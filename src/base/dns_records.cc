@@ -36,8 +36,8 @@ std::vector<std::string> ReadAddresses(const Json::Value& values) {
   std::vector<std::string> ips;
   if (!values.isArray()) return ips;
   for (const Json::Value& value : values) {
-    talk_base::IPAddress ip;
-    if (value.isString() && talk_base::IPFromString(value.asString(), &ip)) ips.push_back(value.asString());
+    gxbase::IPAddress ip;
+    if (value.isString() && gxbase::IPFromString(value.asString(), &ip)) ips.push_back(value.asString());
   }
   return ips;
 }

@@ -3,7 +3,7 @@
 #include <errno.h>
 #include <sys/stat.h>
 
-namespace talk_base {
+namespace gxbase {
 
 namespace {
 
@@ -48,4 +48,4 @@ bool FileStream::GetSize(std::size_t* size) const {
 
 void FileStream::Close() { file_.reset(); }
 
-}  // namespace talk_base
+}  // namespace gxbase

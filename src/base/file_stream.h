@@ -7,7 +7,7 @@
 #include <memory>
 #include <string>
 
-namespace talk_base {
+namespace gxbase {
 
 enum StreamResult : int {
   SR_ERROR = 0,
@@ -35,6 +35,6 @@ class FileStream {
   std::unique_ptr<std::FILE, Closer> file_;
 };
 
-}  // namespace talk_base
+}  // namespace gxbase
 
 #endif  // GX_BASE_FILE_STREAM_H

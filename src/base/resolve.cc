@@ -6,7 +6,7 @@
 
 #include "base/dns_cache.h"
 
-namespace talk_base {
+namespace gxbase {
 
 int ResolveHostname(const std::string& hostname, int family, std::vector<IPAddress>* addresses) {
   if (addresses == nullptr) return EAI_FAIL;
@@ -27,4 +27,4 @@ int ResolveHostname(const std::string& hostname, int family, std::vector<IPAddre
   return 0;
 }
 
-}  // namespace talk_base
+}  // namespace gxbase

@@ -7,13 +7,13 @@
 
 #include "base/socket_address.h"
 
-namespace talk_base {
+namespace gxbase {
 
 // Replaces `*addresses` with those of `hostname` that are of `family` (0: any), in the resolver's order; the
 // resolver may list an address several times. 0, or the resolver's code (EAI_...). Blocks while the resolver
 // does. Threads: any.
 int ResolveHostname(const std::string& hostname, int family, std::vector<IPAddress>* addresses);
 
-}  // namespace talk_base
+}  // namespace gxbase
 
 #endif  // GX_BASE_RESOLVE_H

@@ -6,7 +6,7 @@
 #include <algorithm>
 #include <cstring>
 
-namespace talk_base {
+namespace gxbase {
 
 IPAddress::IPAddress(const in_addr& ipv4) : family_(AF_INET) { std::memcpy(&bytes_, &ipv4, sizeof ipv4); }
 
@@ -23,8 +23,7 @@ in6_addr IPAddress::ipv6_address() const { return bytes_; }
 std::string IPAddress::ToString() const {
   char text[INET6_ADDRSTRLEN];
   if (family_ != AF_INET && family_ != AF_INET6) return {};
-  return talk_base::inet_ntop(family_, &bytes_, text, sizeof text) == nullptr ? std::string()
-                                                                              : std::string(text);
+  return gxbase::inet_ntop(family_, &bytes_, text, sizeof text) == nullptr ? std::string() : std::string(text);
 }
 
 bool IPFromString(const std::string& text, IPAddress* out) {
@@ -33,9 +32,9 @@ bool IPFromString(const std::string& text, IPAddress* out) {
   in6_addr ipv6;
   *out = IPAddress();
   if (text.find('\0') != std::string::npos) return false;  // inet_pton would see only what is before it
-  if (talk_base::inet_pton(AF_INET, text.c_str(), &ipv4) == 1) {
+  if (gxbase::inet_pton(AF_INET, text.c_str(), &ipv4) == 1) {
     *out = IPAddress(ipv4);
-  } else if (talk_base::inet_pton(AF_INET6, text.c_str(), &ipv6) == 1) {
+  } else if (gxbase::inet_pton(AF_INET6, text.c_str(), &ipv6) == 1) {
     *out = IPAddress(ipv6);
   }
   return out->family() != AF_UNSPEC;
@@ -102,4 +101,4 @@ const char* inet_ntop(int family, const void* in, char* buffer, unsigned int len
   return ::inet_ntop(family, in, buffer, length);
 }
 
-}  // namespace talk_base
+}  // namespace gxbase

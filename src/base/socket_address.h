@@ -10,7 +10,7 @@
 
 struct addrinfo;
 
-namespace talk_base {
+namespace gxbase {
 
 // An IPv4 or IPv6 address, or the unspecified one (family 0, all zero).
 class IPAddress {
@@ -73,6 +73,6 @@ bool SocketAddressFromSockAddrStorage(const sockaddr_storage& in, SocketAddress*
 int inet_pton(int family, const char* text, void* out);
 const char* inet_ntop(int family, const void* in, char* buffer, unsigned int length);
 
-}  // namespace talk_base
+}  // namespace gxbase
 
 #endif  // GX_BASE_SOCKET_ADDRESS_H

@@ -79,7 +79,7 @@ int AcceptCloseOnExec(int listen_socket) {
 #endif
 }
 
-bool BindTo(int socket, const talk_base::SocketAddress& address) {
+bool BindTo(int socket, const gxbase::SocketAddress& address) {
   if (address.ipaddr().family() == AF_INET6) {
     sockaddr_in6 ipv6;
     std::memset(&ipv6, 0, sizeof ipv6);
@@ -317,7 +317,7 @@ void CSockAcceptor::LogFailure(const char* tag, const char* what, int error, int
 }
 
 int CSockAcceptor::ListenSock(const char* host, int port, bool reuse_port) {
-  const talk_base::SocketAddress address(host != nullptr ? host : "0.0.0.0", port);
+  const gxbase::SocketAddress address(host != nullptr ? host : "0.0.0.0", port);
   const int family = address.ipaddr().family();
   Descriptor listener(socket(family, SOCK_STREAM, IPPROTO_TCP));
   if (listener.get() == -1 || !SetNonBlocking(listener.get())) return -1;

@@ -40,8 +40,8 @@ std::string NameOf(int socket, NameGetter get) {
   std::memset(&storage, 0, sizeof storage);  // getpeername fails on a connection that was reset
   socklen_t length = sizeof storage;
   get(socket, reinterpret_cast<sockaddr*>(&storage), &length);
-  talk_base::SocketAddress address;
-  talk_base::SocketAddressFromSockAddrStorage(storage, &address);
+  gxbase::SocketAddress address;
+  gxbase::SocketAddressFromSockAddrStorage(storage, &address);
   return address.ToString();
 }
 

@@ -31,8 +31,8 @@ std::vector<std::string> Walk(const addrinfo* list, const DnsQuery& query) {
     EXPECT_EQ(info->ai_addr->sa_family, info->ai_family);
     EXPECT_EQ(info->ai_addrlen, info->ai_family == AF_INET ? sizeof(sockaddr_in) : sizeof(sockaddr_in6));
     EXPECT_EQ(reinterpret_cast<const sockaddr_in*>(info->ai_addr)->sin_port, query.port);
-    talk_base::IPAddress ip;
-    EXPECT_TRUE(talk_base::IPFromAddrInfo(info, &ip));
+    gxbase::IPAddress ip;
+    EXPECT_TRUE(gxbase::IPFromAddrInfo(info, &ip));
     ips.push_back(ip.ToString());
   }
   return ips;

@@ -77,8 +77,8 @@ class DnsCacheTest : public testing::Test {
     EXPECT_EQ(code, list != nullptr ? 0 : EAI_AGAIN);
     Ips ips;
     for (const addrinfo* info = list; info != nullptr; info = info->ai_next) {
-      talk_base::IPAddress ip;
-      EXPECT_TRUE(talk_base::IPFromAddrInfo(info, &ip));
+      gxbase::IPAddress ip;
+      EXPECT_TRUE(gxbase::IPFromAddrInfo(info, &ip));
       ips.push_back(ip.ToString());
     }
     cache.freeaddrinfo_local(list);
@@ -288,19 +288,19 @@ TEST_F(DnsCacheSystemTest, LooksUpLiveRemembersAndFallsBack) {
 
 TEST_F(DnsCacheSystemTest, ResolveHostnameReachesANameThatOnlyTheCacheKnows) {
   const std::string unknown = UnknownName();
-  std::vector<talk_base::IPAddress> ips;
-  EXPECT_NE(talk_base::ResolveHostname(unknown, AF_UNSPEC, &ips), 0);
+  std::vector<gxbase::IPAddress> ips;
+  EXPECT_NE(gxbase::ResolveHostname(unknown, AF_UNSPEC, &ips), 0);
   storage_.text_ = Text(unknown, {"192.0.2.1", "2001:db8::1"}, 1);
-  EXPECT_EQ(talk_base::ResolveHostname(unknown, AF_INET6, &ips), 0);
+  EXPECT_EQ(gxbase::ResolveHostname(unknown, AF_INET6, &ips), 0);
   ASSERT_EQ(ips.size(), 1u);
   EXPECT_EQ(ips[0].ToString(), "2001:db8::1");
 
-  EXPECT_EQ(talk_base::ResolveHostname("127.0.0.1", AF_UNSPEC, &ips), 0);
+  EXPECT_EQ(gxbase::ResolveHostname("127.0.0.1", AF_UNSPEC, &ips), 0);
   ASSERT_FALSE(ips.empty());
   EXPECT_EQ(ips[0].ToString(), "127.0.0.1");
-  EXPECT_NE(talk_base::ResolveHostname(std::string("127.0.0.1\0.evil", 15), AF_UNSPEC, &ips), 0);
+  EXPECT_NE(gxbase::ResolveHostname(std::string("127.0.0.1\0.evil", 15), AF_UNSPEC, &ips), 0);
   EXPECT_TRUE(ips.empty());
-  EXPECT_NE(talk_base::ResolveHostname("localhost", AF_INET, nullptr), 0);
+  EXPECT_NE(gxbase::ResolveHostname("localhost", AF_INET, nullptr), 0);
 }
 
 TEST_F(DnsCacheSystemTest, ThreadsMayLookUpAtOnce) {

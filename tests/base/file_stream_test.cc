@@ -9,7 +9,7 @@
 
 #include "support/temp_dir.h"
 
-namespace talk_base {
+namespace gxbase {
 namespace {
 
 TEST(FileStreamTest, ReadsBackWhatItWroteAndTellsWhyNot) {
@@ -52,4 +52,4 @@ TEST(FileStreamTest, ReadsBackWhatItWroteAndTellsWhyNot) {
 }
 
 }  // namespace
-}  // namespace talk_base
+}  // namespace gxbase

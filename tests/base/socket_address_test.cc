@@ -7,7 +7,7 @@
 #include <cstring>
 #include <string>
 
-namespace talk_base {
+namespace gxbase {
 namespace {
 
 TEST(SocketAddressTest, ParsesAndPrints) {
@@ -94,4 +94,4 @@ TEST(SocketAddressTest, ComesFromTheSystemsAddresses) {
 }
 
 }  // namespace
-}  // namespace talk_base
+}  // namespace gxbase
