@@ -2,6 +2,7 @@
 
 #include <cstdlib>
 #include <cstring>
+#include <utility>
 
 #include "module/parse_address.h"
 #include "runtime/gxmod_runtime.h"
@@ -25,11 +26,13 @@ std::uint32_t WithoutExceptions(Operation operation) noexcept {
 
 std::uint32_t CSSHClientRaw::InitInstance(IPluginStreamRaw* stream) {
   GXModLog(kGXModLogInfo, "[SSH] call %s ", "InitInstance");
+  plugin_stream_ = CRefObj<IPluginStreamRaw>(stream);
+  client_ = nullptr;  // a failure leaves none behind, so that Run cannot mistake it for a success
   return WithoutExceptions([&]() -> std::uint32_t {
-    plugin_stream_ = CRefObj<IPluginStreamRaw>(stream);
-    client_ = CreatePortForwardClient();
-    if (!client_) return kGXModNothingDone;
-    client_->InitInstance(stream);  // a null stream is the client's to refuse, in Run
+    CRefObj<IPortForwardClientRaw> client = CreatePortForwardClient();
+    if (!client) return kGXModNothingDone;
+    client->InitInstance(stream);  // a null stream is the client's to refuse, in Run
+    client_ = std::move(client);
     return kGXModOk;
   });
 }
@@ -41,8 +44,10 @@ std::uint32_t CSSHClientRaw::Run() {
     // A client without a stream opens its port all the same and ends whoever comes; one without a reader would
     // leave them waiting.
     if (client_->Run() == kGXModFail) return kGXModFail;
-    const std::uint32_t result = OpenChannel();
-    if (result == kGXModOk && listener_) listener_->OnLocalAddress(local_address_.c_str(), local_port_);
+    IChannelRaw* channel = client_->NewChannel(kChannelName, "", Target().c_str());
+    if (channel == nullptr) return kGXModFail;
+    const std::uint32_t result = WithoutExceptions([&] { return TellAddress(*channel); });
+    if (result != kGXModOk) channel->Stop();  // nobody may listen after a failure
     return result;
   });
 }
@@ -66,11 +71,9 @@ bool CSSHClientRaw::GetInterface(const char* name, void** out) {
   return true;
 }
 
-// Opens the channel and learns where it listens.
-std::uint32_t CSSHClientRaw::OpenChannel() {
-  IChannelRaw* channel = client_->NewChannel(kChannelName, "", Target().c_str());
-  if (channel == nullptr) return kGXModFail;
-  const char* text = channel->get_LocalAddress();
+// Learns where the channel listens, and tells the listener.
+std::uint32_t CSSHClientRaw::TellAddress(IChannelRaw& channel) {
+  const char* text = channel.get_LocalAddress();
   const std::string address = text != nullptr ? text : "";
   if (address.empty()) return kGXModFail;
   std::string host;
@@ -78,6 +81,7 @@ std::uint32_t CSSHClientRaw::OpenChannel() {
   ParseAddress(address, host, port);
   if (!port.empty()) local_port_ = static_cast<std::uint16_t>(std::atoi(port.c_str()));
   if (!host.empty()) local_address_ = host;
+  if (listener_) listener_->OnLocalAddress(local_address_.c_str(), local_port_);
   return kGXModOk;
 }
 

@@ -34,7 +34,7 @@ class CSSHClientRaw final : public IControlSshPlugin, private CReference {
 
  private:
   ~CSSHClientRaw() override = default;
-  std::uint32_t OpenChannel();
+  std::uint32_t TellAddress(IChannelRaw& channel);
   std::string Target() const;
 
   CRefObj<IPluginStreamRaw> plugin_stream_;

@@ -1,12 +1,26 @@
 #include "portfwd/channel.h"
 
-#include "portfwd/port_forward_client.h"
+#include "portfwd/send_task.h"
 
 namespace {
 
 constexpr const char* kListenLocal = "127.0.0.1:0";
 constexpr const char* kListenShared = "0.0.0.0:0";
 const std::string kAnyAddress = "0.0.0.0";
+
+void TellConnected(CSockStream& stream) {
+  if (IBaseStream::IBaseHandler* handler = stream.Handler()) {
+    handler->Handle(&stream, IBaseStream::kConnected, nullptr, 0);
+  } else {
+    stream.Disconnect(0);  // nobody wants it
+  }
+}
+
+// The same on the reactor's thread.
+struct CONNECTED_TASK {
+  CRefObj<CSockStream> stream;
+  void Done() { TellConnected(*stream); }
+};
 
 }  // namespace
 
@@ -30,7 +44,7 @@ void CChannelRaw::put_AllowShare(short share) {
   CRefObj<SELECT_ACCEPTOR> previous;
   {
     CAutoLock lock(lock_);
-    CPortForwardClientRaw* client = client_;
+    IChannelOwner* client = client_;
     if (client == nullptr) return;
     previous = acceptor_;
     acceptor_ = CRefObj<SELECT_ACCEPTOR>(new SELECT_ACCEPTOR(this));
@@ -44,7 +58,7 @@ void CChannelRaw::put_AllowShare(short share) {
 bool CChannelRaw::Run() {
   CAutoLock lock(lock_);
   if (running_) return true;
-  CPortForwardClientRaw* client = client_;
+  IChannelOwner* client = client_;
   if (client == nullptr) return false;
   running_ = true;  // stays set when listening fails: Stop undoes it
   return Listen(SelectAcceptor(), *client, kListenLocal);
@@ -60,7 +74,7 @@ bool CChannelRaw::Stop() {
 
 std::uint32_t CChannelRaw::Erase() {
   Stop();
-  CPortForwardClientRaw* client = client_;
+  IChannelOwner* client = client_;
   return client != nullptr ? client->Erase(this) : 0;
 }
 
@@ -73,7 +87,7 @@ void CChannelRaw::Detach() {
 }
 
 void CChannelRaw::OnAccept(CRefObj<CSockStream> stream) {
-  if (CPortForwardClientRaw* client = client_) client->OnAccept(stream.get(), this);
+  if (IChannelOwner* client = client_) client->OnAccept(stream.get(), this);
 }
 
 CChannelRaw::Texts CChannelRaw::GetTexts() const {
@@ -92,9 +106,19 @@ CChannelRaw::SELECT_ACCEPTOR& CChannelRaw::SelectAcceptor() {
 }
 
 // A client that has stopped has no tracker, and nobody would answer on the port.
-bool CChannelRaw::Listen(SELECT_ACCEPTOR& acceptor, CPortForwardClientRaw& client, const char* host_port) {
-  ITCPTaskTracker* tracker = client.get_Tracker();
-  return tracker != nullptr && acceptor.StartListen(host_port, tracker);
+bool CChannelRaw::Listen(SELECT_ACCEPTOR& acceptor, IChannelOwner& client, const char* host_port) {
+  CReactor_T<tcp_select_tracker>* reactor = client.get_Tracker();
+  return reactor != nullptr && acceptor.Listen(host_port, *reactor);
+}
+
+bool CChannelRaw::SELECT_ACCEPTOR::Listen(const char* host_port, CReactor_T<tcp_select_tracker>& reactor) {
+  struct Scope {  // StartListen may throw
+    ~Scope() { starting_on = nullptr; }
+    std::atomic<ITimer*>& starting_on;
+  };
+  const Scope scope{starting_on_};
+  starting_on_ = &reactor;
+  return StartListen(host_port, &reactor);
 }
 
 bool CChannelRaw::SELECT_ACCEPTOR::OnAccept(CRefObj<CSockStream> stream) {
@@ -102,10 +126,10 @@ bool CChannelRaw::SELECT_ACCEPTOR::OnAccept(CRefObj<CSockStream> stream) {
     CStdLock lock(mutex_);
     if (channel_ != nullptr) channel_->OnAccept(stream);
   }
-  if (IBaseStream::IBaseHandler* handler = stream->Handler()) {
-    handler->Handle(stream.get(), IBaseStream::kConnected, nullptr, 0);
+  if (ITimer* reactor = starting_on_) {
+    PostTask(*reactor, CONNECTED_TASK{stream});
   } else {
-    stream->Disconnect(0);  // nobody wants it
+    TellConnected(*stream);
   }
   return true;
 }

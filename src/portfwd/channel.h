@@ -8,9 +8,24 @@
 
 #include "base/mutex_lock.h"
 #include "object/reference.h"
+#include "reactor/reactor.h"
 #include "sock/sock_acceptor.h"
 
-class CPortForwardClientRaw;
+class CChannelRaw;
+
+// The client of a channel. Threads: any.
+class IChannelOwner {
+ public:
+  // A new connection; gives the stream its handler, or disconnects it.
+  virtual void OnAccept(IBaseStream* stream, CChannelRaw* channel) = 0;
+  // The running reactor, started if need be; null when the owner has stopped, or no thread can be had.
+  virtual CReactor_T<tcp_select_tracker>* get_Tracker() = 0;
+  // Takes the channel out of the owner's list.
+  virtual std::uint32_t Erase(CChannelRaw* channel) = 0;
+
+ protected:
+  ~IChannelOwner() = default;
+};
 
 // A text that a getter returns is valid until the next put (or get_LocalAddress) of that text; a null text
 // counts as empty.
@@ -60,7 +75,7 @@ class CChannelRaw final : public IChannelRaw, private CReference {
   std::uint32_t Erase() override;
 
   // Not counted. The client takes itself back with Detach before it goes.
-  void put_PortForwardClient(CPortForwardClientRaw* client) { client_ = client; }
+  void put_PortForwardClient(IChannelOwner* client) { client_ = client; }
   // Stops, and forgets the client for good: whoever still holds the channel cannot reach the client through it.
   void Detach();
   // Hands a new connection to the client.
@@ -79,6 +94,9 @@ class CChannelRaw final : public IChannelRaw, private CReference {
    public:
     explicit SELECT_ACCEPTOR(CChannelRaw* channel) : channel_(channel) {}
     GX_FORWARD_REFERENCE();
+    // Listens. Connections that are waiting already are accepted here, but it is the reactor that serves them:
+    // this thread must not wait for the far side.
+    bool Listen(const char* host_port, CReactor_T<tcp_select_tracker>& reactor);
     bool OnAccept(CRefObj<CSockStream> stream) override;
     // Waits for an OnAccept that is with the channel, and keeps every later one from it.
     void Detach();
@@ -86,15 +104,16 @@ class CChannelRaw final : public IChannelRaw, private CReference {
    private:
     CStdMutex mutex_;  // held while the channel is called
     CChannelRaw* channel_ GUARDED_BY(mutex_);
+    std::atomic<ITimer*> starting_on_{nullptr};  // during Listen
   };
 
   void PutText(std::string& text, const char* value);
   SELECT_ACCEPTOR& SelectAcceptor() REQUIRES(lock_);
-  static bool Listen(SELECT_ACCEPTOR& acceptor, CPortForwardClientRaw& client, const char* host_port);
+  static bool Listen(SELECT_ACCEPTOR& acceptor, IChannelOwner& client, const char* host_port);
 
   CMutexLock lock_;
   CRefObj<SELECT_ACCEPTOR> acceptor_ GUARDED_BY(lock_);  // made on first need
-  std::atomic<CPortForwardClientRaw*> client_{nullptr};
+  std::atomic<IChannelOwner*> client_{nullptr};
   std::string local_address_;
   std::atomic<std::uint32_t> index_{0};
   std::atomic<short> allow_share_{0};

@@ -1,10 +1,10 @@
 #include "portfwd/connection_handler.h"
 
+#include <cassert>
 #include <memory>
 #include <new>
+#include <utility>
 
-#include "portfwd/plugin_writer.h"
-#include "portfwd/port_forward_client.h"
 #include "stream/mem_buffer.h"
 
 namespace {
@@ -12,6 +12,13 @@ namespace {
 constexpr unsigned long kReadBytes = 4096;
 
 }  // namespace
+
+void MyHandler::Join(IConnectionOwner& owner, std::uint32_t id, CRefObj<CPluginLink> link) {
+  owner_ = &owner;
+  id_ = id;
+  link_ = std::move(link);
+  if (link_) link_->flow().Open(account_, id);
+}
 
 bool MyHandler::Handle(IBaseStream* stream, IBaseStream::NotifyType type, IBuffer* buffer,
                        unsigned long length) {
@@ -23,13 +30,15 @@ bool MyHandler::Handle(IBaseStream* stream, IBaseStream::NotifyType type, IBuffe
       OnDisconnected();
       break;
     case IBaseStream::kReadStep:
-      SendData(buffer, length);
-      break;
+      return SendData(buffer, length);
     case IBaseStream::kWriteStep:
-      owed_.fetch_sub(length, std::memory_order_relaxed);
+      if (link_) link_->flow().Took(account_);
       break;
     case IBaseStream::kReadDone:
       ReadInto(*stream, *buffer);
+      break;
+    case IBaseStream::kWriteDone:
+      if (link_) link_->flow().Released(account_, length);
       break;
     default:
       break;
@@ -48,19 +57,29 @@ bool MyHandler::FillBuffer2(gxmod::ConnectionType type, CRefObj<IBuffer> buffer,
   return ::FillBuffer2(id_, type, std::move(buffer), offset, payload, length);
 }
 
-void MyHandler::Deliver(IBuffer* buffer, std::uint32_t length) {
-  owed_.fetch_add(length, std::memory_order_relaxed);
+// Counted before it is queued: the reactor may send it at once.
+CFlowControl::Filled MyHandler::Deliver(IBuffer* buffer, std::uint32_t length) {
+  assert(link_);
+  if (end_delivered_) return CFlowControl::Filled::kNothing;
+  const CFlowControl::Filled filled = link_->flow().Queued(account_, length);
   stream_->Write(buffer, length, kNoTimeout);
+  return filled;
+}
+
+void MyHandler::End() {
+  if (std::exchange(end_delivered_, true)) return;
+  stream_->WriteEnd();
 }
 
 void MyHandler::OnConnected() {
-  if (owner_ == nullptr || !owner_->Writer()) {
+  if (!link_) {
     stream_->WriteEnd();
     return;
   }
-  announced_ = true;  // before the far side can answer
+  State is_new = State::kNew;  // before the far side can answer
+  if (!state_.compare_exchange_strong(is_new, State::kAnnounced)) return;
   if (!SendFrame(gxmod::ConnectionType::Connect, target_)) {
-    announced_ = false;
+    state_ = State::kNew;
     return Disconnect();
   }
   const CRefObj<IBuffer> buffer = g_pMemAlloctor->GetFreeBuffer(gxmod::kFrameHeaderBytes + kReadBytes);
@@ -76,32 +95,26 @@ void MyHandler::ReadInto(IBaseStream& stream, IBuffer& buffer) {
 
 void MyHandler::OnDisconnected() {
   if (owner_ == nullptr) return;
-  owner_->DeleteStream(id_);
-  if (announced_ && !owner_->LeaveCloseToReactor(id_)) SendFrame(gxmod::ConnectionType::Close, {});
+  if (link_) link_->flow().Close(account_);
+  owner_->OnEnd(*this, state_.exchange(State::kEnded) == State::kAnnounced);
 }
 
 // The header goes in front of the last `length` bytes of the buffer: into its spare room or over bytes that
 // have been sent. So the frame is written from where the socket has put it.
-void MyHandler::SendData(IBuffer* buffer, unsigned long length) {
-  const CRefObj<CPluginWriter> writer = Writer();
-  if (!writer) return;
+bool MyHandler::SendData(IBuffer* buffer, unsigned long length) {
   const std::size_t frame_length = gxmod::kFrameHeaderBytes + length;
   char* frame = static_cast<char*>(buffer->GetPointer()) + buffer->GetSize() - frame_length;
   FillBuffer(gxmod::ConnectionType::Data, nullptr, frame, length);
-  writer->WriteFrame(frame, frame_length);
+  return link_->writer().WriteFrame(frame, frame_length);
 }
 
-// False: there is no memory. A frame without a payload needs none. Without a plugin stream the frame is lost.
+// False: there is no memory. A frame without a payload needs none.
 bool MyHandler::SendFrame(gxmod::ConnectionType type, std::string_view payload) {
-  const CRefObj<CPluginWriter> writer = Writer();
-  if (!writer) return true;
   char header[gxmod::kFrameHeaderBytes];
   const std::size_t frame_length = sizeof header + payload.size();
   const std::unique_ptr<char[]> block(payload.empty() ? nullptr : new (std::nothrow) char[frame_length]);
   char* const frame = payload.empty() ? header : block.get();
   if (!FillBuffer(type, payload.data(), frame, payload.size())) return false;
-  writer->WriteFrame(frame, frame_length);
+  link_->writer().WriteFrame(frame, frame_length);
   return true;
 }
-
-CRefObj<CPluginWriter> MyHandler::Writer() const { return owner_ != nullptr ? owner_->Writer() : nullptr; }

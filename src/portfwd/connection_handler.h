@@ -9,10 +9,20 @@
 #include <string_view>
 
 #include "portfwd/frames.h"
+#include "portfwd/plugin_link.h"
 #include "stream/ibase_stream.h"
 
-class CPluginWriter;
-class CPortForwardClientRaw;
+class MyHandler;
+
+// Whom a connection tells of its end.
+class IConnectionOwner {
+ public:
+  // On the thread that ended it. `owes_close`: the far side knows of the connection and has to hear of its end.
+  virtual void OnEnd(MyHandler& connection, bool owes_close) = 0;
+
+ protected:
+  ~IConnectionOwner() = default;
+};
 
 // Turns what happens on a local stream into frames: Connect when it is connected, Data for every read step,
 // Close when it has ended. Counted together with its stream (StreamDecorator_T). Threads: Handle on whichever
@@ -21,16 +31,19 @@ class MyHandler : public IBaseStream::IBaseHandler, public IReference {
  public:
   explicit MyHandler(IBaseStream* stream) : stream_(stream) {}
 
-  // Before the connection takes part in forwarding; all three by the client, which outlives the connection.
-  void put_Owner(CPortForwardClientRaw* owner) { owner_ = owner; }
-  void put_Id(std::uint32_t id) { id_ = id; }
+  // These two before the connection takes part in forwarding. The owner outlives the stream's end. `link` is
+  // empty while the owner has no plugin stream; the connection then ends as soon as it is told that it is
+  // connected.
   void put_Target(std::string target) { target_ = std::move(target); }
+  void Join(IConnectionOwner& owner, std::uint32_t id, CRefObj<CPluginLink> link);
 
   std::uint32_t get_Id() const { return id_; }
   IBaseStream* stream() const { return stream_; }
+  CPluginLink* link() const { return link_.get(); }
 
   using IBaseHandler::Handle;
-  // Always true.
+  // False for a read step whose frame had to wait for the far side: the reactor serves others first. True for
+  // everything else.
   bool Handle(IBaseStream* stream, IBaseStream::NotifyType type, IBuffer* buffer,
               unsigned long length) override;
   virtual void Disconnect();
@@ -39,27 +52,39 @@ class MyHandler : public IBaseStream::IBaseHandler, public IReference {
   virtual bool FillBuffer2(gxmod::ConnectionType type, CRefObj<IBuffer> buffer, std::uint32_t offset,
                            const void* payload, std::uint32_t length);
 
-  // Queues `length` bytes for the local client.
-  void Deliver(IBuffer* buffer, std::uint32_t length);
-  // Ends the connection once everything delivered before has left.
-  void End() { stream_->WriteEnd(); }
-  // Bytes that the local client has not taken yet.
-  std::uint64_t Owed() const { return owed_.load(std::memory_order_relaxed); }
+  // Queues `length` bytes for the local client. Behind an End they are dropped.
+  CFlowControl::Filled Deliver(IBuffer* buffer, std::uint32_t length);
+  // Ends the connection once everything delivered before has left. The second one does nothing.
+  void End();
+  // Writes the Close frame.
+  void SendClose() { SendFrame(gxmod::ConnectionType::Close, {}); }
+  // There was no memory to leave the Close to the reactor. Reader's thread.
+  void put_OwesClose() { owes_close_ = true; }
+  bool OwesClose() const { return owes_close_; }
+  // Bytes of memory that wait for the local client.
+  std::uint64_t Owed() const { return link_ ? link_->flow().Owed(account_) : 0; }
+  // Of the link's flow control.
+  CFlowControl::Account& account() { return account_; }
 
  private:
   void OnConnected();
   void OnDisconnected();
   static void ReadInto(IBaseStream& stream, IBuffer& buffer);
-  void SendData(IBuffer* buffer, unsigned long length);
+  bool SendData(IBuffer* buffer, unsigned long length);
   bool SendFrame(gxmod::ConnectionType type, std::string_view payload);
-  CRefObj<CPluginWriter> Writer() const;
 
-  CPortForwardClientRaw* owner_ = nullptr;  // null: the client was stopping already and knows nothing of this
+  IConnectionOwner* owner_ = nullptr;  // null: nobody has taken the connection
+  CRefObj<CPluginLink> link_;
   std::uint32_t id_ = 0;
   std::string target_;  // host:port
   IBaseStream* const stream_;
-  std::atomic<std::uint64_t> owed_{0};
-  std::atomic<bool> announced_{false};  // the far side knows of it, and shall hear of its end
+  CFlowControl::Account account_;
+  bool end_delivered_ = false;  // reader only
+  bool owes_close_ = false;     // reader only
+  // new -> announced (Connect goes out, so a Close is owed) -> ended; or new -> ended, of which the far side
+  // hears nothing.
+  enum class State { kNew, kAnnounced, kEnded };
+  std::atomic<State> state_{State::kNew};
 };
 
 #endif  // GX_PORTFWD_CONNECTION_HANDLER_H

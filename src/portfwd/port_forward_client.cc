@@ -1,6 +1,6 @@
 #include "portfwd/port_forward_client.h"
 
-#include <algorithm>
+#include <cassert>
 #include <new>
 #include <utility>
 
@@ -14,72 +14,55 @@ namespace {
 
 constexpr unsigned long kReactorThreads = 1;
 
-std::uint32_t NextChannelIndex() {
-  static std::atomic<std::uint32_t> s_index{0};
-  return ++s_index;
-}
-
-// Counts for the whole process, so that ids of several clients never meet on one stream; the first is 1.
-std::uint32_t NextConnectionId() {
-  static std::atomic<std::uint64_t> g_index{0};
-  return static_cast<std::uint32_t>(++g_index);
-}
-
 }  // namespace
 
 CRefObj<IPortForwardClientRaw> CreatePortForwardClient() { return {new CPortForwardClientRaw}; }
 
 CPortForwardClientRaw::CPortForwardClientRaw(const Limits& limits) : limits_(limits) {
-  reactor_.Run(kReactorThreads);
+  connections_.Open();
+  channels_.Open();
+  reactor_.Run(kReactorThreads);  // get_Tracker tries again when this fails
 }
 
 CPortForwardClientRaw::~CPortForwardClientRaw() { Stop(); }
 
 std::uint32_t CPortForwardClientRaw::InitInstance(IPluginStreamRaw* stream) {
-  CRefObj<IPluginStreamRaw> previous_stream(stream);
-  CRefObj<CPluginWriter> previous_writer(stream != nullptr ? new CPluginWriter(stream) : nullptr);
+  if (running_) ExitInstance();
+  CRefObj<CPluginLink> link(stream != nullptr ? new CPluginLink(stream, limits_) : nullptr);
   {
     CAutoLock lock(lock_);
-    std::swap(plugin_stream_, previous_stream);
-    std::swap(writer_, previous_writer);
-    if (stream != nullptr) stopping_ = false;
+    std::swap(link_, link);
   }
   if (stream == nullptr) return kGXModInvalidArgument;
-  reader_.put_Owner(this);
+  stopping_ = false;
+  connections_.Open();
+  channels_.Open();
   return kGXModOk;
 }
 
 std::uint32_t CPortForwardClientRaw::Run() {
-  if (IsStopping() || !GetPluginStream()) return kGXModUnexpected;
-  if (reader_.Run()) return kGXModOk;
+  const CRefObj<CPluginLink> link = Link();
+  if (stopping_ || !link) return kGXModUnexpected;
+  if (running_) return kGXModOk;
+  reader_.put_Owner(this, link);
+  running_ = reader_.Run();
+  if (running_) return kGXModOk;
   GXModLog(kGXModLogError, "[portfwd] no thread for the reader of the plugin stream");
   return kGXModFail;
 }
 
 std::uint32_t CPortForwardClientRaw::ExitInstance() {
-  CRefObj<IPluginStreamRaw> stream;
-  CRefObj<IPluginStreamRaw> reading;
-  {
-    CAutoLock lock(lock_);
-    stopping_ = true;
-    stream = plugin_stream_;
-    std::swap(reading, reading_);
-  }
-  if (stream) stream->Close();
-  if (reading && reading != stream) reading->Close();
+  stopping_ = true;
+  if (const CRefObj<CPluginLink> link = Link()) link->Close();
   Stop();
   return kGXModOk;
 }
 
 void CPortForwardClientRaw::Stop() {
-  std::map<std::uint32_t, CRefObj<MyHandler>> connections;
-  Channels channels;
-  {
-    CAutoLock lock(lock_);
-    stopping_ = true;
-    connections.swap(connections_);
-    channels.swap(channels_);
-  }
+  assert(!reader_.IsCurrent());  // it would wait for itself
+  stopping_ = true;
+  const CConnectionRegistry::Connections connections = connections_.TakeAll();
+  const CChannelRegistry::Channels channels = channels_.TakeAll();
   for (const auto& connection : connections) connection.second->Disconnect();
   for (const auto& channel : channels) channel->Detach();
   {
@@ -87,31 +70,30 @@ void CPortForwardClientRaw::Stop() {
     reactor_.Stop();
   }
   reader_.Stop();
+  running_ = false;
 }
 
 CRefObj<IPluginStreamRaw> CPortForwardClientRaw::GetPluginStream() {
-  CAutoLock lock(lock_);
-  return plugin_stream_;
+  const CRefObj<CPluginLink> link = Link();
+  return link ? CRefObj<IPluginStreamRaw>(&link->stream()) : nullptr;
 }
 
-CRefObj<IPluginStreamRaw> CPortForwardClientRaw::StreamToRead() {
-  CRefObj<IPluginStreamRaw> previous;
+CRefObj<CPluginLink> CPortForwardClientRaw::Link() {
   CAutoLock lock(lock_);
-  if (stopping_) return nullptr;
-  previous = std::exchange(reading_, plugin_stream_);
-  return plugin_stream_;
-}
-
-CRefObj<CPluginWriter> CPortForwardClientRaw::Writer() {
-  CAutoLock lock(lock_);
-  return writer_;
+  return link_;
 }
 
 IChannelRaw* CPortForwardClientRaw::NewChannel(const char* name, const char* protocol, const char* remote) {
   const CRefObj<CChannelRaw> channel = NewChannelImpl(name, protocol, remote);
-  if (!channel || !AddChannels({channel})) return nullptr;
-  channel->Run();
-  SaveChannels();
+  if (!channels_.Add({channel})) return nullptr;
+  try {
+    channel->Run();
+    SaveChannels();
+  } catch (...) {
+    channels_.Remove(*channel);
+    channel->Detach();
+    return nullptr;
+  }
   return channel.get();
 }
 
@@ -126,65 +108,29 @@ CRefObj<CChannelRaw> CPortForwardClientRaw::NewChannelImpl(const char* name, con
   return channel;
 }
 
-// False: the client is stopping and takes none.
-bool CPortForwardClientRaw::AddChannels(const Channels& added) {
-  CAutoLock lock(lock_);
-  if (stopping_) return false;
-  for (const auto& channel : added) {
-    channel->put_Index(NextChannelIndex());
-    channels_.push_back(channel);
-  }
-  return true;
-}
-
 std::uint32_t CPortForwardClientRaw::DeleteChannel2(unsigned long index) {
   const auto wanted = static_cast<std::uint32_t>(index);
-  TakeChannel([wanted](CChannelRaw& channel) { return channel.get_Index() == wanted; });
+  if (const CRefObj<CChannelRaw> channel = channels_.Find(wanted)) return Erase(channel.get());
   return SaveChannels();
 }
 
 std::uint32_t CPortForwardClientRaw::Erase(CChannelRaw* channel) {
-  TakeChannel([channel](CChannelRaw& other) { return &other == channel; });
+  const CRefObj<CChannelRaw> erased(channel);
+  if (channels_.Remove(*channel)) channel->Detach();
   return SaveChannels();
 }
 
-// Takes the first channel that matches out of the list and stops it for good.
-template <class Matches>
-CRefObj<CChannelRaw> CPortForwardClientRaw::TakeChannel(Matches matches) {
-  CRefObj<CChannelRaw> taken;
-  {
-    CAutoLock lock(lock_);
-    const auto found = std::find_if(channels_.begin(), channels_.end(),
-                                    [&](const auto& channel) { return matches(*channel); });
-    if (found == channels_.end()) return taken;
-    taken = *found;
-    channels_.erase(found);
-  }
-  taken->Detach();
-  return taken;
-}
-
 IChannelRaw* CPortForwardClientRaw::GetChannel2(unsigned long index) {
-  CAutoLock lock(lock_);
-  for (const auto& channel : channels_) {
-    if (channel->get_Index() == static_cast<std::uint32_t>(index)) return channel.get();
-  }
-  return nullptr;
+  return channels_.Find(static_cast<std::uint32_t>(index)).get();
 }
 
-IChannelRaw* CPortForwardClientRaw::GetChannel(unsigned long position) {
-  CAutoLock lock(lock_);
-  return position < channels_.size() ? channels_[position].get() : nullptr;
-}
+IChannelRaw* CPortForwardClientRaw::GetChannel(unsigned long position) { return channels_.At(position).get(); }
 
-unsigned long CPortForwardClientRaw::GetChannelsCount() {
-  CAutoLock lock(lock_);
-  return channels_.size();
-}
+unsigned long CPortForwardClientRaw::GetChannelsCount() { return channels_.Count(); }
 
 std::uint32_t CPortForwardClientRaw::TestChannel(const char* /*name*/, const char* /*protocol*/,
                                                  const char* text) {
-  PostSendTask(reactor_, MakeSendTask(gxmod::ConnectionType::TestChannel, 0, text != nullptr ? text : ""));
+  PostTask(reactor_, MakeSendTask(gxmod::ConnectionType::TestChannel, 0, text != nullptr ? text : ""));
   return kGXModOk;
 }
 
@@ -203,40 +149,38 @@ CRefObj<IPortForwardClientRaw::IListener> CPortForwardClientRaw::Listener() {
 void CPortForwardClientRaw::OnAccept(IBaseStream* stream, CChannelRaw* channel) {
   const StreamDecorator_T<MyHandler> decorated(stream);
   const CRefObj<MyHandler> connection(decorated.handler());
-  CRefObj<MyHandler> replaced;  // an id that came round after 2^32 connections
   connection->put_Target(channel->GetTexts().remote_address);
-  {
-    CAutoLock lock(lock_);
-    if (!stopping_) {
-      const std::uint32_t id = NextConnectionId();
-      connection->put_Owner(this);
-      connection->put_Id(id);
-      replaced = std::exchange(connections_[id], connection);
+  connection->Join(*this, CConnectionRegistry::NextId(), Link());
+  if (!connections_.Add(connection)) connection->Disconnect();
+}
+
+// The reader must not wait for the far side, so it leaves the Close to the reactor. The reactor may also hold
+// data that it has just read and that must not come behind the Close.
+void CPortForwardClientRaw::OnEnd(MyHandler& connection, bool owes_close) {
+  if (owes_close && reader_.IsCurrent()) {
+    if (!PostClose(connection.get_Id())) {
+      connection.put_OwesClose();
+      closes_owed_ = true;
       return;
     }
+  } else if (owes_close) {
+    connection.SendClose();
   }
-  connection->Disconnect();
+  connections_.Remove(connection);
 }
 
-CRefObj<MyHandler> CPortForwardClientRaw::FindStream(std::uint32_t id) {
-  CAutoLock lock(lock_);
-  const auto found = connections_.find(id);
-  return found != connections_.end() ? found->second : nullptr;
+void CPortForwardClientRaw::BeforeFrame() {
+  while (closes_owed_) {
+    const CRefObj<MyHandler> ended = connections_.FindOwing();
+    if (ended && !PostClose(ended->get_Id())) return;
+    if (ended) connections_.Remove(*ended);
+    closes_owed_ = static_cast<bool>(ended);
+  }
 }
 
-void CPortForwardClientRaw::DeleteStream(std::uint32_t id) {
-  decltype(connections_)::node_type removed;  // outlives the lock: its reference may be the last one
-  CAutoLock lock(lock_);
-  removed = connections_.extract(id);
-}
-
-// The far side may be waiting for the reader. The reactor may also hold data that it has just read and that
-// must not come behind the Close.
-bool CPortForwardClientRaw::LeaveCloseToReactor(std::uint32_t id) try {
-  if (!reader_.IsCurrent() || IsStopping()) return false;
-  SEND_TASK task = MakeSendTask(gxmod::ConnectionType::Close, id, "");
-  if (!task.frame) return false;
-  PostSendTask(reactor_, std::move(task));
+// False: no memory.
+bool CPortForwardClientRaw::PostClose(std::uint32_t id) try {
+  PostTask(reactor_, MakeSendTask(gxmod::ConnectionType::Close, id, ""));
   return true;
 } catch (const std::bad_alloc&) {
   return false;
@@ -244,17 +188,17 @@ bool CPortForwardClientRaw::LeaveCloseToReactor(std::uint32_t id) try {
 
 CReactor_T<tcp_select_tracker>* CPortForwardClientRaw::get_Tracker() {
   CAutoLock lock(reactor_lock_);
-  if (IsStopping()) return nullptr;
+  if (stopping_) return nullptr;
   return reactor_.Run(kReactorThreads) ? &reactor_ : nullptr;
 }
 
 void CPortForwardClientRaw::OnReceiveChannelsList(const char* text) {
-  Channels received;
+  CChannelRegistry::Channels received;
   for (const ChannelRecord& record : ParseChannelList(text)) {
     received.push_back(
         NewChannelImpl(record.name.c_str(), record.protocol.c_str(), record.remote_address.c_str()));
   }
-  if (AddChannels(received)) {
+  if (channels_.Add(received)) {
     for (const auto& channel : received) channel->Run();
   }
   if (const CRefObj<IListener> listener = Listener()) listener->OnChannelsList(text);
@@ -266,26 +210,20 @@ void CPortForwardClientRaw::OnTestRespond(const char* text, bool ok) {
 
 // Tells the far side which channels there are now. Always 0.
 std::uint32_t CPortForwardClientRaw::SaveChannels() {
-  std::vector<ChannelRecord> records;
-  {
-    CAutoLock lock(lock_);
-    for (const auto& channel : channels_) {
-      CChannelRaw::Texts texts = channel->GetTexts();
-      records.push_back({std::move(texts.name), std::move(texts.protocol), std::move(texts.remote_address)});
-    }
-  }
-  const std::string text = FormatChannelList(records);
+  const std::string text = FormatChannelList(channels_.Records());
   GXModLog(kGXModLogInfo, "[portfwd] channel list: %s", text.c_str());
-  PostSendTask(reactor_, MakeSendTask(gxmod::ConnectionType::ChannelList, 0, text));
-  return 0;
+  PostTask(reactor_, MakeSendTask(gxmod::ConnectionType::ChannelList, 0, text));
+  return kGXModOk;
 }
 
-// Without memory the task has no frame and does nothing.
+// Throws std::bad_alloc.
 SEND_TASK CPortForwardClientRaw::MakeSendTask(gxmod::ConnectionType type, std::uint32_t id,
                                               const std::string& payload) {
   const std::size_t frame_length = gxmod::kFrameHeaderBytes + payload.size();
   const CRefObj<IBuffer> frame = g_pMemAlloctor->GetFreeBuffer(frame_length);
-  if (!FillBuffer2(id, type, frame, 0, payload.data(), static_cast<std::uint32_t>(payload.size()))) return {};
+  if (!FillBuffer2(id, type, frame, 0, payload.data(), static_cast<std::uint32_t>(payload.size()))) {
+    throw std::bad_alloc();
+  }
   frame->SetSize(frame_length);
-  return {Writer(), frame};
+  return {Link(), frame};
 }

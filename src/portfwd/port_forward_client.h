@@ -4,16 +4,16 @@
 
 #include <atomic>
 #include <cstdint>
-#include <map>
 #include <string>
-#include <vector>
 
 #include "base/mutex_lock.h"
 #include "gxmod/control_ssh.h"
 #include "object/reference.h"
 #include "portfwd/channel.h"
+#include "portfwd/channel_registry.h"
 #include "portfwd/connection_handler.h"
-#include "portfwd/plugin_writer.h"
+#include "portfwd/connection_registry.h"
+#include "portfwd/plugin_link.h"
 #include "portfwd/send_task.h"
 #include "portfwd/server_stream_thread.h"
 #include "reactor/reactor.h"
@@ -52,13 +52,13 @@ class IPortForwardClientRaw : public IPluginRaw {
 //
 // Locks: lock_ is taken to look up, copy or change the lists and is never held while a stream is disconnected,
 // a channel or the reactor stopped, a reference dropped, a thread joined or the host called.
-class CPortForwardClientRaw final : public IPortForwardClientRaw, private CReference {
+class CPortForwardClientRaw final : public IPortForwardClientRaw,
+                                    public IChannelOwner,
+                                    public IConnectionOwner,
+                                    public IFrameReceiver,
+                                    private CReference {
  public:
-  // How long and how much a local client may let its data wait.
-  struct Limits {
-    std::uint64_t high_mark_bytes = 64 * 1024 * 1024;  // queued on one connection before the reader pauses
-    std::uint64_t stall_ms = 60'000;                   // without taking a byte meanwhile: disconnected
-  };
+  using Limits = CFlowControl::Limits;
 
   CPortForwardClientRaw() : CPortForwardClientRaw(Limits()) {}
   explicit CPortForwardClientRaw(const Limits& limits);
@@ -67,7 +67,8 @@ class CPortForwardClientRaw final : public IPortForwardClientRaw, private CRefer
   GX_FORWARD_REFERENCE();
 
   std::uint32_t Load(const wchar_t* /*config*/) override { return kGXModOk; }
-  // kGXModInvalidArgument for null, which drops the stream held so far.
+  // kGXModInvalidArgument for null, which drops the stream held so far. A client that runs exits first: the
+  // reader and the connections of a stream never go over to another one.
   std::uint32_t InitInstance(IPluginStreamRaw* stream) override;
   // kGXModUnexpected without a stream, or when stopped; kGXModFail when the system has no thread for the
   // reader.
@@ -75,6 +76,7 @@ class CPortForwardClientRaw final : public IPortForwardClientRaw, private CRefer
   std::uint32_t ExitInstance() override;
   CRefObj<IPluginStreamRaw> GetPluginStream() override;
 
+  // Also null, and nothing listens: there is no memory to tell the far side.
   IChannelRaw* NewChannel(const char* name, const char* protocol, const char* remote) override;
   std::uint32_t DeleteChannel2(unsigned long index) override;
   IChannelRaw* GetChannel2(unsigned long index) override;
@@ -83,51 +85,38 @@ class CPortForwardClientRaw final : public IPortForwardClientRaw, private CRefer
   std::uint32_t TestChannel(const char* name, const char* protocol, const char* text) override;
   void SetListener(IListener* listener) override;
 
-  // For channels. Any thread.
-  void OnAccept(IBaseStream* stream, CChannelRaw* channel);
-  std::uint32_t Erase(CChannelRaw* channel);
-  // The running reactor, started if need be; null when the client has stopped, or no thread can be had.
-  CReactor_T<tcp_select_tracker>* get_Tracker();
+  void OnAccept(IBaseStream* stream, CChannelRaw* channel) override;
+  std::uint32_t Erase(CChannelRaw* channel) override;
+  CReactor_T<tcp_select_tracker>* get_Tracker() override;
 
-  // For connections and the reader. Any thread.
-  CRefObj<MyHandler> FindStream(std::uint32_t id);
-  void DeleteStream(std::uint32_t id);
-  // Has the reactor write the Close frame when the reader calls, which must never wait for the far side. False:
-  // the caller has to write it.
-  bool LeaveCloseToReactor(std::uint32_t id);
-  // Empty without a plugin stream.
-  CRefObj<CPluginWriter> Writer();
-  // The stream of the next frame. ExitInstance closes it also when another one has taken its place by then, so
-  // that the reader never stays behind in it.
-  CRefObj<IPluginStreamRaw> StreamToRead();
-  void OnReceiveChannelsList(const char* text);
-  void OnTestRespond(const char* text, bool ok);
-  bool IsStopping() const { return stopping_.load(std::memory_order_acquire); }
-  const Limits& GetLimits() const { return limits_; }
+  CRefObj<MyHandler> FindStream(std::uint32_t id) override { return connections_.Find(id); }
+  void OnReceiveChannelsList(const char* text) override;
+  void OnTestRespond(const char* text, bool ok) override;
+
+  void BeforeFrame() override;
+
+  void OnEnd(MyHandler& connection, bool owes_close) override;
 
   void Stop();
 
  private:
-  using Channels = std::vector<CRefObj<CChannelRaw>>;
-
   CRefObj<CChannelRaw> NewChannelImpl(const char* name, const char* protocol, const char* remote);
-  bool AddChannels(const Channels& added);
-  template <class Matches>
-  CRefObj<CChannelRaw> TakeChannel(Matches matches);
   std::uint32_t SaveChannels();
+  bool PostClose(std::uint32_t id);
   SEND_TASK MakeSendTask(gxmod::ConnectionType type, std::uint32_t id, const std::string& payload);
+  CRefObj<CPluginLink> Link();
   CRefObj<IListener> Listener();
 
   const Limits limits_;
-  std::atomic<bool> stopping_{false};  // set under lock_
+  std::atomic<bool> stopping_{false};
+  bool running_ = false;      // Run has started the reader; owner's thread only
+  bool closes_owed_ = false;  // for want of memory; reader only
 
   CMutexLock lock_;
   CRefObj<IListener> listener_ GUARDED_BY(lock_);
-  CRefObj<IPluginStreamRaw> plugin_stream_ GUARDED_BY(lock_);
-  CRefObj<IPluginStreamRaw> reading_ GUARDED_BY(lock_);  // what the reader is in
-  CRefObj<CPluginWriter> writer_ GUARDED_BY(lock_);
-  std::map<std::uint32_t, CRefObj<MyHandler>> connections_ GUARDED_BY(lock_);
-  Channels channels_ GUARDED_BY(lock_);  // in the order of their creation
+  CRefObj<CPluginLink> link_ GUARDED_BY(lock_);  // of the present stream; empty: there is none
+  CConnectionRegistry connections_{lock_};
+  CChannelRegistry channels_{lock_};
 
   CMutexLock reactor_lock_;  // Run and Stop of the reactor exclude each other
   CReactor_T<tcp_select_tracker> reactor_;

@@ -6,15 +6,15 @@
 #include <utility>
 
 #include "object/reference.h"
-#include "portfwd/plugin_writer.h"
+#include "portfwd/plugin_link.h"
 #include "reactor/timer.h"
 #include "stream/ibuffer.h"
 #include "stream/thread_safty.h"
 
 // A frame and where it goes.
 struct SEND_TASK {
-  CRefObj<CPluginWriter> writer;  // empty: there is no plugin stream, and the frame is dropped
-  CRefObj<IBuffer> frame;         // header and payload; its size is the frame's length
+  CRefObj<CPluginLink> link;  // empty: there is no plugin stream, and the frame is dropped
+  CRefObj<IBuffer> frame;     // header and payload; its size is the frame's length
 
   void Done();
 };
@@ -36,6 +36,10 @@ class ITaskImpl final : public ITask, private CReference {
 };
 
 // Has `task` done by the timer's thread, as soon as it looks at its timers. Threads: any.
-void PostSendTask(ITimer& timer, SEND_TASK task);
+template <class T>
+void PostTask(ITimer& timer, T task) {
+  const CRefObj<ITask> posted(new ITaskImpl<T>(std::move(task)));
+  timer.SetTimer(posted.get(), 0, true);
+}
 
 #endif  // GX_PORTFWD_SEND_TASK_H

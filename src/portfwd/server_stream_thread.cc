@@ -2,21 +2,15 @@
 
 #include <algorithm>
 #include <new>
+#include <optional>
 #include <string>
 #include <string_view>
+#include <utility>
 
-#include "base/clock.h"
-#include "portfwd/connection_handler.h"
-#include "portfwd/plugin_writer.h"
-#include "portfwd/port_forward_client.h"
 #include "runtime/gxmod_runtime.h"
 #include "stream/mem_buffer.h"
 
 namespace {
-
-constexpr unsigned long kSlowClientPollMs = 10;
-// A frame that has been on its way out for this long waits for the far side, which may in turn wait for us.
-constexpr std::uint64_t kBlockedWriteMs = 100;
 
 // Up to the first NUL byte.
 std::string TextOf(const IBuffer* payload) {
@@ -27,16 +21,22 @@ std::string TextOf(const IBuffer* payload) {
 
 }  // namespace
 
+void CServerStreamThread::put_Owner(IFrameReceiver* owner, CRefObj<CPluginLink> link) {
+  owner_ = owner;
+  link_ = std::move(link);
+}
+
 bool CServerStreamThread::Stop() {
+  if (link_) link_->flow().Stop();
   CBaseThread::Stop();
   return true;
 }
 
 bool CServerStreamThread::ReadData(unsigned char* data, unsigned int length) {
-  if (!stream_ || data == nullptr || length == 0) return false;
+  if (!link_ || data == nullptr || length == 0) return false;
   for (unsigned done = 0; done < length;) {
     unsigned got = 0;
-    if (stream_->Read(data + done, length - done, &got, 0) != 0 || got > length - done) return false;
+    if (link_->stream().Read(data + done, length - done, &got, 0) != 0 || got > length - done) return false;
     done += got;
   }
   return true;
@@ -44,7 +44,7 @@ bool CServerStreamThread::ReadData(unsigned char* data, unsigned int length) {
 
 bool CServerStreamThread::ThreadLoop() {
   if (IsStopRequested() || owner_ == nullptr) return false;
-  stream_ = owner_->StreamToRead();
+  owner_->BeforeFrame();
   unsigned char bytes[gxmod::kFrameHeaderBytes];
   if (!ReadData(bytes, sizeof bytes) || IsStopRequested()) return false;
   const gxmod::FrameHeader header = gxmod::DecodeFrameHeader(bytes);
@@ -105,9 +105,8 @@ void CServerStreamThread::Dispatch(const gxmod::FrameHeader& header, IBuffer* pa
 
 void CServerStreamThread::DeliverData(std::uint32_t connection_id, IBuffer* payload) {
   const CRefObj<MyHandler> connection = owner_->FindStream(connection_id);
-  if (!connection) return;
-  connection->Deliver(payload, static_cast<std::uint32_t>(payload->GetSize()));
-  WaitForSlowClient(*connection);
+  if (!connection || connection->link() != link_.get()) return;
+  WaitForRoom(*connection, connection->Deliver(payload, static_cast<std::uint32_t>(payload->GetSize())));
 }
 
 void CServerStreamThread::DeliverTestResponse(IBuffer* payload) {
@@ -116,27 +115,17 @@ void CServerStreamThread::DeliverTestResponse(IBuffer* payload) {
   owner_->OnTestRespond(std::string(response.text, response.text_length).c_str(), response.status == 0);
 }
 
-// The wire has no window: what a local client does not take piles up here. Past the mark the far side has to
-// wait, unless it waits for us already: then going on is what sets both free.
-void CServerStreamThread::WaitForSlowClient(MyHandler& connection) {
-  const CPortForwardClientRaw::Limits& limits = owner_->GetLimits();
-  std::uint64_t owed = connection.Owed();
-  if (owed <= limits.high_mark_bytes || !connection.stream()->IsConnect()) return;
-  GXModLog(kGXModLogWarning, "[portfwd] connection %u takes its data too slowly, reading waits for it",
-           connection.get_Id());
-  std::uint64_t last_progress_ms = gettickcount();
-  while (!IsStopRequested() && !owner_->IsStopping() && connection.stream()->IsConnect() &&
-         connection.Owed() > limits.high_mark_bytes / 2) {
-    const CRefObj<CPluginWriter> writer = owner_->Writer();
-    if (writer && writer->IsBlockedFor(kBlockedWriteMs)) return;
-    const std::uint64_t now_ms = gettickcount();
-    if (connection.Owed() != owed) {
-      owed = connection.Owed();
-      last_progress_ms = now_ms;
-    } else if (now_ms - last_progress_ms >= limits.stall_ms) {
-      connection.stream()->Disconnect(kStreamTimeout);
-      return;
-    }
-    WaitForTimeOut(kSlowClientPollMs);
+// Before the next frame is read, one that has passed a limit waits until there is room.
+void CServerStreamThread::WaitForRoom(MyHandler& connection, CFlowControl::Filled filled) {
+  if (filled == CFlowControl::Filled::kConnection) {
+    GXModLog(kGXModLogWarning, "[portfwd] connection %u takes its data too slowly, reading waits for it",
+             connection.get_Id());
+  } else if (filled == CFlowControl::Filled::kTotal) {
+    GXModLog(kGXModLogWarning, "[portfwd] the connections take their data too slowly, reading waits for them");
+  }
+  while (const std::optional<std::uint32_t> late = link_->flow().WaitForRoom(connection.account())) {
+    GXModLog(kGXModLogWarning, "[portfwd] connection %u held reading up for too long and is disconnected",
+             *late);
+    if (const CRefObj<MyHandler> cut = owner_->FindStream(*late)) cut->stream()->Disconnect(kStreamTimeout);
   }
 }

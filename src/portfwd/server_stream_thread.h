@@ -7,33 +7,46 @@
 #include "base/base_thread.h"
 #include "gxmod/control_ssh.h"
 #include "gxmod/frames.h"
+#include "portfwd/connection_handler.h"
+#include "portfwd/plugin_link.h"
 #include "stream/ibuffer.h"
 
-class CPortForwardClientRaw;
-class MyHandler;
+// Whom the frames are for. Called on the reader's thread.
+class IFrameReceiver {
+ public:
+  // The reader is about to read the next frame.
+  virtual void BeforeFrame() = 0;
+  // The connection with that id; empty: there is none.
+  virtual CRefObj<MyHandler> FindStream(std::uint32_t id) = 0;
+  virtual void OnReceiveChannelsList(const char* text) = 0;
+  virtual void OnTestRespond(const char* text, bool ok) = 0;
+
+ protected:
+  ~IFrameReceiver() = default;
+};
 
 // Takes one frame after the other off the stream and delivers it: data and closes to the connection with that
-// id, test responses and channel lists to the client. What nobody wants, and what there is no memory for, is
-// read in full and dropped; in the latter case the frame's connection ends, with a line. The thread ends
-// quietly when the stream fails or ends, or when it is stopped; the connections stay as they are.
+// id, test responses and channel lists to the client. Unknown frames, and those without memory, are read in
+// full and skipped; in the latter case the frame's connection ends, with a line. The thread ends quietly when
+// the stream fails or ends, or when it is stopped; the connections stay as they are. It never waits for the far
+// side to read.
 class CServerStreamThread final : public CBaseThread {
  public:
   CServerStreamThread() = default;
   ~CServerStreamThread() override { CBaseThread::Stop(); }
 
-  // Not counted; before Run.
-  void put_Owner(CPortForwardClientRaw* owner) { owner_ = owner; }
+  // Before Run, not while the thread runs. `owner` is not counted.
+  void put_Owner(IFrameReceiver* owner, CRefObj<CPluginLink> link);
 
   // The stream has to be closed first: this waits for a Read that is on its way.
   bool Stop() override;
   using CBaseThread::Stop;
 
-  // Reads exactly `length` bytes from the stream of the present frame. False: null, 0, or the stream failed.
+  // Reads exactly `length` bytes from the stream. False: null, 0, or the stream failed.
   bool ReadData(unsigned char* data, unsigned int length);
 
  protected:
   bool ThreadLoop() override;
-  void OnExit() override { stream_ = nullptr; }
 
  private:
   // True with an empty `payload`: there was no memory for it, and it has been skipped.
@@ -43,10 +56,10 @@ class CServerStreamThread final : public CBaseThread {
   void Dispatch(const gxmod::FrameHeader& header, IBuffer* payload);
   void DeliverData(std::uint32_t connection_id, IBuffer* payload);
   void DeliverTestResponse(IBuffer* payload);
-  void WaitForSlowClient(MyHandler& connection);
+  void WaitForRoom(MyHandler& connection, CFlowControl::Filled filled);
 
-  CPortForwardClientRaw* owner_ = nullptr;
-  CRefObj<IPluginStreamRaw> stream_;  // of the present frame; only the thread itself
+  IFrameReceiver* owner_ = nullptr;
+  CRefObj<CPluginLink> link_;
 };
 
 #endif  // GX_PORTFWD_SERVER_STREAM_THREAD_H

