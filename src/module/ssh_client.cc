@@ -2,6 +2,7 @@
 
 #include <cstdlib>
 #include <cstring>
+#include <exception>
 #include <utility>
 
 #include "module/parse_address.h"
@@ -12,14 +13,17 @@ namespace {
 constexpr const char* kChannelName = "ssh";
 constexpr const char* kDefaultTarget = "127.0.0.1:22";
 
-// The host may be built without exceptions; memory that runs out becomes a result code.
+// The host may be built without exceptions; memory that runs out becomes a result code, and a line.
 template <class Operation>
-std::uint32_t WithoutExceptions(Operation operation) noexcept {
+std::uint32_t WithoutExceptions(const char* name, Operation operation) noexcept {
   try {
     return operation();
+  } catch (const std::exception& error) {
+    GXModLog(kGXModLogError, "[SSH] %s failed: %s", name, error.what());
   } catch (...) {
-    return kGXModFail;
+    GXModLog(kGXModLogError, "[SSH] %s failed: an exception", name);
   }
+  return kGXModFail;
 }
 
 }  // namespace
@@ -28,7 +32,7 @@ std::uint32_t CSSHClientRaw::InitInstance(IPluginStreamRaw* stream) {
   GXModLog(kGXModLogInfo, "[SSH] call %s ", "InitInstance");
   plugin_stream_ = CRefObj<IPluginStreamRaw>(stream);
   client_ = nullptr;  // a failure leaves none behind, so that Run cannot mistake it for a success
-  return WithoutExceptions([&]() -> std::uint32_t {
+  return WithoutExceptions("InitInstance", [&]() -> std::uint32_t {
     CRefObj<IPortForwardClientRaw> client = CreatePortForwardClient();
     if (!client) return kGXModNothingDone;
     client->InitInstance(stream);  // a null stream is the client's to refuse, in Run
@@ -40,13 +44,13 @@ std::uint32_t CSSHClientRaw::InitInstance(IPluginStreamRaw* stream) {
 std::uint32_t CSSHClientRaw::Run() {
   GXModLog(kGXModLogInfo, "[SSH] call %s ", "Run");
   if (!client_) return kGXModNothingDone;
-  return WithoutExceptions([&]() -> std::uint32_t {
+  return WithoutExceptions("Run", [&]() -> std::uint32_t {
     // A client without a stream opens its port all the same and ends whoever comes; one without a reader would
     // leave them waiting.
     if (client_->Run() == kGXModFail) return kGXModFail;
     IChannelRaw* channel = client_->NewChannel(kChannelName, "", Target().c_str());
     if (channel == nullptr) return kGXModFail;
-    const std::uint32_t result = WithoutExceptions([&] { return TellAddress(*channel); });
+    const std::uint32_t result = WithoutExceptions("Run", [&] { return TellAddress(*channel); });
     if (result != kGXModOk) channel->Stop();  // nobody may listen after a failure
     return result;
   });
@@ -55,9 +59,9 @@ std::uint32_t CSSHClientRaw::Run() {
 std::uint32_t CSSHClientRaw::ExitInstance() {
   GXModLog(kGXModLogInfo, "[SSH] call %s ", "ExitInstance");
   // Whatever the host's part of it does, the client must not run on.
-  WithoutExceptions([&] { return plugin_stream_ ? plugin_stream_->Close() : kGXModOk; });
-  WithoutExceptions([&] { return client_ ? client_->ExitInstance() : kGXModOk; });
-  WithoutExceptions([&]() -> std::uint32_t {
+  WithoutExceptions("Close", [&] { return plugin_stream_ ? plugin_stream_->Close() : kGXModOk; });
+  WithoutExceptions("ExitInstance", [&] { return client_ ? client_->ExitInstance() : kGXModOk; });
+  WithoutExceptions("OnExit", [&]() -> std::uint32_t {
     if (listener_) listener_->OnExit();
     return kGXModOk;
   });

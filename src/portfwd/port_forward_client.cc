@@ -90,6 +90,7 @@ IChannelRaw* CPortForwardClientRaw::NewChannel(const char* name, const char* pro
     channel->Run();
     SaveChannels();
   } catch (...) {
+    GXModLog(kGXModLogError, "[portfwd] no memory for channel %s", name != nullptr ? name : "");
     channels_.Remove(*channel);
     channel->Detach();
     return nullptr;
