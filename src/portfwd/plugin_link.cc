@@ -3,7 +3,6 @@
 #include "runtime/gxmod_runtime.h"
 
 void CPluginLink::Close() {
-  flow_.Stop();
   try {
     stream_->Close();
   } catch (...) {  // the connections and the port have to go all the same

@@ -21,7 +21,7 @@ class CPluginLink final : public CReference {
   CPluginWriter& writer() { return writer_; }
   CFlowControl& flow() { return flow_; }
 
-  // Closes the stream and ends a wait of the reader. A host's Close that throws is logged.
+  // Closes the stream. A host's Close that throws is logged.
   void Close();
 
  private:

@@ -69,6 +69,27 @@ TEST_F(ConnectionsTest, NarrowCarrierNeverStandsStill) {
   EchoForAll(64, bytes, FarSide::EchoAndEnd(bytes));
 }
 
+// What the host's Write does not take at once is the time of a slow line: nobody's 64 KiB go ahead of the
+// others.
+TEST_F(ConnectionsTest, TakeTurnsOnASlowLine) {
+  constexpr std::size_t kBytes = 64 * 1024;
+  Connection first = Connect();
+  Connection second = Connect();
+  stream_->Behave({.write_at_most = 1000, .capacity = 1});
+  for (Connection* connection : {&first, &second}) connection->local.Send(Pattern(kBytes));
+  ASSERT_TRUE(stream_->WaitUntilWriteBlocks());
+  std::size_t in_a_row = 0;
+  std::uint32_t last = 0;
+  for (std::size_t received = 0; received < kBytes;) {
+    const auto frame = stream_->Receive(ConnectionType::Data);
+    ASSERT_TRUE(frame);
+    received += frame->payload.size();
+    in_a_row = frame->id == last ? in_a_row + 1 : 1;
+    last = frame->id;
+    EXPECT_LE(in_a_row, 2U) << received;
+  }
+}
+
 TEST_F(ConnectionsTest, ComingAndGoingLeavesNothing) {
   const auto round_trip = [&](std::uint32_t seed) {
     Connection connection = Connect();
