@@ -17,7 +17,7 @@ file(RELATIVE_PATH GX_PREFIX_FROM_PC /${GX_PC_DIR} /)
 string(REGEX REPLACE "/$" "" GX_PREFIX_FROM_PC ${GX_PREFIX_FROM_PC})
 configure_file(cmake/gxmod.pc.in gxmod.pc @ONLY)
 install(FILES ${PROJECT_BINARY_DIR}/gxmod.pc DESTINATION ${GX_PC_DIR} COMPONENT dev)
-install(FILES examples/minimal_host.cc examples/CMakeLists.txt
+install(FILES examples/minimal_host.cc examples/far_side.py examples/CMakeLists.txt
   DESTINATION ${CMAKE_INSTALL_DATADIR}/doc/libgxmod-dev/examples COMPONENT dev)
 
 install(FILES docs/host-guide.md docs/frames.md docs/limits.md

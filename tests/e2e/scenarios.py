@@ -198,6 +198,25 @@ def shared_proxy(tools, server):
         master.wait()
 
 
+@scenario
+def another_far_side(tools, server):
+    """The example that knows docs/frames.md and nothing else: a command's status, a copy, a shared connection."""
+    example = os.path.join(os.path.dirname(os.path.abspath(__file__)), "../../examples/far_side.py")
+    original, back = f"{server.folder}/original", f"{server.folder}/back"
+    random_file(original, 4)
+    for raw in ([], ["--raw"]):
+        carrier = [sys.executable, example, *raw, "--target", f"127.0.0.1:{server.port}"]
+        with Tunnel(tools, server, far_side=[*raw, "--", *carrier]) as tunnel:
+            with tunnel.session("far", "cat; exit 42") as session:
+                session.send("hello\n")
+                session.expect(session.out, "^hello$")
+                session.stdin.close()
+                session.expect_status(42)
+            tunnel.run("scp", "-q", original, f"far:{back}")
+            tunnel.run("scp", "-q", f"far:{back}", f"{back}-again")
+        expect(sha256(original) == sha256(back) == sha256(f"{back}-again"), "the copies differ")
+
+
 def resident_mib(pid):
     with open(f"/proc/{pid}/statm", encoding="ascii") as file:
         return int(file.read().split()[1]) * os.sysconf("SC_PAGE_SIZE") / (1 << 20)

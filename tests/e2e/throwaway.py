@@ -353,12 +353,13 @@ class ProxyCommand(Clients):
 
 
 class Tunnel(Clients):
-    """gx-ssh between clients and the server, with gx-ssh-peer as a process of its own or, `local`, inside."""
+    """gx-ssh between clients and the server: with gx-ssh-peer as a process of its own or, `local`, inside, or with the
+    arguments in `far_side`."""
 
-    def __init__(self, tools, server, local=False):
+    def __init__(self, tools, server, local=False, far_side=None):
         self._server = server
         target = f"127.0.0.1:{server.port}"
-        far_side = ["--local"] if local else ["--", tools.gx_ssh_peer, "--allow", target]
+        far_side = far_side or (["--local"] if local else ["--", tools.gx_ssh_peer, "--allow", target])
         self._command = [tools.gx_ssh, "--target", target, *far_side]
         self._over = False
 
