@@ -4,6 +4,7 @@
 #include <netdb.h>
 
 #include <algorithm>
+#include <cstdlib>
 #include <cstring>
 
 namespace gxbase {
@@ -92,6 +93,29 @@ bool SocketAddressFromSockAddrStorage(const sockaddr_storage& in, SocketAddress*
     return false;
   }
   *out = address;
+  return true;
+}
+
+bool SplitAtColon(const std::string& text, std::string& host, std::string& port) {
+  const std::size_t colon = text.find(':');
+  if (colon == std::string::npos) return false;
+  host = text.substr(0, colon);
+  port = text.substr(colon + 1);
+  return true;
+}
+
+bool SplitListenText(const std::string& text, std::string& host, int& port) {
+  std::string digits;
+  if (text.empty() || text[0] != '[') {
+    if (!SplitAtColon(text, host, digits)) return false;
+  } else {
+    const std::size_t bracket = text.find(']');
+    if (bracket == std::string::npos) return false;
+    host = text.substr(1, bracket - 1);
+    std::string between;
+    SplitAtColon(text.substr(bracket + 1), between, digits);
+  }
+  port = static_cast<std::uint16_t>(std::atoi(digits.c_str()));
   return true;
 }
 

@@ -69,6 +69,13 @@ class SocketAddress {
 // False for a family other than IPv4 and IPv6; `*out` is then unchanged.
 bool SocketAddressFromSockAddrStorage(const sockaddr_storage& in, SocketAddress* out);
 
+// Splits at the first colon; the port may be empty. False: there is no colon, and nothing is changed. An IPv6
+// literal comes apart wrongly.
+bool SplitAtColon(const std::string& text, std::string& host, std::string& port);
+// Splits a text to listen on: "host:port", "[ipv6]:port" or "[ipv6]" (port 0). The port is what atoi reads, cut
+// to 16 bits. False: the text is none of these, and nothing is changed.
+bool SplitListenText(const std::string& text, std::string& host, int& port);
+
 // The platform's functions of the same names.
 int inet_pton(int family, const char* text, void* out);
 const char* inet_ntop(int family, const void* in, char* buffer, unsigned int length);

@@ -2,34 +2,12 @@
 
 #include <arpa/inet.h>
 #include <errno.h>
-#include <fcntl.h>
 #include <netinet/in.h>
-#include <sys/ioctl.h>
 #include <sys/socket.h>
-#include <unistd.h>
 
 #include <cstddef>
 
 #include "reactor/descriptor_set.h"
-
-namespace {
-
-int OpenUdpSocket() {
-#ifdef SOCK_CLOEXEC
-  return socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
-#else
-  const int descriptor = socket(AF_INET, SOCK_DGRAM, 0);
-  if (descriptor != -1) fcntl(descriptor, F_SETFD, FD_CLOEXEC);
-  return descriptor;
-#endif
-}
-
-bool SetNonBlocking(int descriptor) {
-  int on = 1;
-  return ioctl(descriptor, FIONBIO, &on) == 0;
-}
-
-}  // namespace
 
 bool CUdpLoopback::Create() {
   CStdLock lock(mutex_);
@@ -38,46 +16,41 @@ bool CUdpLoopback::Create() {
 
 bool CUdpLoopback::CreateIfNot() {
   CStdLock lock(mutex_);
-  return socket_ != -1 || Open();
+  return socket_ || Open();
 }
 
 int CUdpLoopback::Write(const void* data, int length) {
   CStdLock lock(mutex_);
-  if (socket_ == -1) return 0;
+  if (!socket_) return 0;
   // No address: the socket is connected to its own, and some systems refuse to be told twice.
-  return static_cast<int>(sendto(socket_, data, static_cast<std::size_t>(length), 0, nullptr, 0));
+  return static_cast<int>(sendto(socket_.get(), data, static_cast<std::size_t>(length), 0, nullptr, 0));
 }
 
 int CUdpLoopback::Read(void* buffer, int length) {
   CStdLock lock(mutex_);
-  if (socket_ == -1) return 0;
-  const auto got = recvfrom(socket_, buffer, static_cast<std::size_t>(length), 0, nullptr, nullptr);
+  if (!socket_) return 0;
+  const auto got = recvfrom(socket_.get(), buffer, static_cast<std::size_t>(length), 0, nullptr, nullptr);
   if (got == -1 && errno == ENOTCONN) Open();
   return static_cast<int>(got);
 }
 
 void CUdpLoopback::Destroy() {
   CStdLock lock(mutex_);
-  Close();
+  socket_.Close();
 }
 
 int CUdpLoopback::GetHandle() {
   CStdLock lock(mutex_);
-  return socket_;
+  return socket_.get();
 }
 
 bool CUdpLoopback::Open() {
-  Close();
-  socket_ = OpenUdpSocket();
+  socket_.Close();
+  socket_ = gxbase::OpenSocket(AF_INET, SOCK_DGRAM, 0);
   // A socket that select cannot watch would wake nobody.
-  const bool usable = IsSelectable(socket_) && SetNonBlocking(socket_) && BindToItself();
-  if (!usable) Close();
+  const bool usable = IsSelectable(socket_.get()) && BindToItself();
+  if (!usable) socket_.Close();
   return usable;
-}
-
-void CUdpLoopback::Close() {
-  if (socket_ != -1) close(socket_);
-  socket_ = -1;
 }
 
 bool CUdpLoopback::BindToItself() {
@@ -86,12 +59,12 @@ bool CUdpLoopback::BindToItself() {
   address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
   socklen_t length = sizeof address;
   auto* const generic = reinterpret_cast<sockaddr*>(&address);
-  if (bind(socket_, generic, length) != 0) return false;
-  if (getsockname(socket_, generic, &length) != 0) return false;
-  if (connect(socket_, generic, length) != 0) return false;
+  if (bind(socket_.get(), generic, length) != 0) return false;
+  if (getsockname(socket_.get(), generic, &length) != 0) return false;
+  if (connect(socket_.get(), generic, length) != 0) return false;
   // What strangers sent between bind and connect is still queued.
   char scrap;
-  while (recv(socket_, &scrap, sizeof scrap, 0) >= 0) {
+  while (recv(socket_.get(), &scrap, sizeof scrap, 0) >= 0) {
   }
   return true;
 }

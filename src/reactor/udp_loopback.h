@@ -2,6 +2,7 @@
 #ifndef GX_REACTOR_UDP_LOOPBACK_H
 #define GX_REACTOR_UDP_LOOPBACK_H
 
+#include "base/descriptor.h"
 #include "base/mutex_lock.h"
 
 // A non-blocking UDP socket on 127.0.0.1, on a port of the system's choice, that sends datagrams to itself and
@@ -13,7 +14,7 @@ class CUdpLoopback {
   CUdpLoopback() = default;
   CUdpLoopback(const CUdpLoopback&) = delete;
   CUdpLoopback& operator=(const CUdpLoopback&) = delete;
-  ~CUdpLoopback() { Destroy(); }
+  ~CUdpLoopback() = default;
 
   // Opens the socket anew, on a new port; what an open one had queued is lost. False: there is none now.
   bool Create();
@@ -29,11 +30,10 @@ class CUdpLoopback {
 
  private:
   bool Open() REQUIRES(mutex_);
-  void Close() REQUIRES(mutex_);
   bool BindToItself() REQUIRES(mutex_);
 
   CStdMutex mutex_;
-  int socket_ GUARDED_BY(mutex_) = -1;
+  gxbase::Descriptor socket_ GUARDED_BY(mutex_);
 };
 
 #endif  // GX_REACTOR_UDP_LOOPBACK_H

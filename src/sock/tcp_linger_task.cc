@@ -1,15 +1,14 @@
 #include "sock/tcp_linger_task.h"
 
 #include <errno.h>
-#include <fcntl.h>
 #include <sys/ioctl.h>
 #include <sys/socket.h>
-#include <unistd.h>
 #if defined(__linux__)
 #include <linux/sockios.h>
 #endif
 
 #include <new>
+#include <utility>
 
 #include "base/clock.h"
 #include "reactor/descriptor_set.h"
@@ -37,25 +36,23 @@ int UnacknowledgedBytes(int socket) {
 
 bool CTCPLingerTask::Start(int socket, ITCPTaskTracker* tracker) try {
   if (tracker == nullptr || UnacknowledgedBytes(socket) == 0) return false;
-  const CRefObj<CTCPLingerTask> task(new CTCPLingerTask(socket, *tracker));
-  if (!IsSelectable(task->socket)) return false;
+  gxbase::Descriptor own = gxbase::Duplicate(socket);
+  if (!IsSelectable(own.get())) return false;
+  const CRefObj<CTCPLingerTask> task(new CTCPLingerTask(std::move(own), *tracker));
   shutdown(socket, SHUT_WR);
   return tracker->AddTask(CTCPTask(task.get()));
 } catch (const std::bad_alloc&) {
   return false;
 }
 
-CTCPLingerTask::CTCPLingerTask(int original, ITCPTaskTracker& tracker)
-    : ITCPTask(fcntl(original, F_DUPFD_CLOEXEC, 1), kSelectReadable),
+CTCPLingerTask::CTCPLingerTask(gxbase::Descriptor own, ITCPTaskTracker& tracker)
+    : ITCPTask(own.get(), kSelectReadable),
+      own_(std::move(own)),
       tracker_(tracker),
       last_progress_ms_(gettickcount()) {}
 
 // A stream may still wait for the socket to become readable; the shutdown sets it free.
-CTCPLingerTask::~CTCPLingerTask() {
-  if (socket < 0) return;
-  shutdown(socket, SHUT_RDWR);
-  close(socket);
-}
+CTCPLingerTask::~CTCPLingerTask() { shutdown(own_.get(), SHUT_RDWR); }
 
 bool CTCPLingerTask::Done() {
   if (!HasPeerEnded() && !timeout()) tracker_.AddTask(CTCPTask(this));

@@ -4,6 +4,7 @@
 
 #include <cstdint>
 
+#include "base/descriptor.h"
 #include "reactor/tcp_task.h"
 
 // A socket that is shut down for reading, or closed, answers what its peer still sends with a reset, and a
@@ -22,10 +23,11 @@ class CTCPLingerTask final : public ITCPTask {
   unsigned long timeleft() override;
 
  private:
-  CTCPLingerTask(int original, ITCPTaskTracker& tracker);
+  CTCPLingerTask(gxbase::Descriptor own, ITCPTaskTracker& tracker);
   ~CTCPLingerTask() override;
   bool HasPeerEnded() const;
 
+  const gxbase::Descriptor own_;
   ITCPTaskTracker& tracker_;
   int unacknowledged_bytes_ = 0;
   std::uint64_t last_progress_ms_;
