@@ -2,15 +2,11 @@
 
 #include <arpa/inet.h>
 #include <errno.h>
-#include <fcntl.h>
 #include <netinet/in.h>
 #include <netinet/tcp.h>
 #include <signal.h>
-#include <sys/ioctl.h>
-#include <sys/select.h>
 #include <sys/socket.h>
 #include <sys/time.h>
-#include <unistd.h>
 
 #include <chrono>
 #include <cstdio>
@@ -20,13 +16,16 @@
 #include <utility>
 
 #include "base/socket_address.h"
+#include "reactor/descriptor_set.h"
 #include "runtime/gxmod_runtime.h"
 #include "sock/tcp_acceptor_task.h"
+
+using gxbase::Descriptor;
 
 namespace {
 
 constexpr int kBacklog = 128;
-constexpr unsigned long kDescriptorPauseMs = 5000;
+constexpr unsigned long kPauseMs = 5000;
 constexpr int kNoSocket = -1;
 constexpr int kTaskAttempts = 2;
 constexpr int kWinsockInvalid = 10022;
@@ -42,42 +41,6 @@ struct CInitSocket {
   }
 };
 const CInitSocket g_initSocket;
-
-// A descriptor that is closed unless somebody takes it.
-class Descriptor {
- public:
-  explicit Descriptor(int value) : value_(value) {}
-  Descriptor(const Descriptor&) = delete;
-  Descriptor& operator=(const Descriptor&) = delete;
-  ~Descriptor() {
-    if (value_ >= 0) close(value_);
-  }
-  int get() const { return value_; }
-  int Take() { return std::exchange(value_, -1); }
-
- private:
-  int value_;
-};
-
-bool SetNonBlocking(int socket) {
-  int on = 1;
-  return ioctl(socket, FIONBIO, &on) == 0;
-}
-
-void SetCloseOnExec(int socket) {
-  const int flags = fcntl(socket, F_GETFD);
-  if (flags != -1) fcntl(socket, F_SETFD, flags | FD_CLOEXEC);
-}
-
-int AcceptCloseOnExec(int listen_socket) {
-#if defined(__linux__)
-  return accept4(listen_socket, nullptr, nullptr, SOCK_CLOEXEC);
-#else
-  const int socket = accept(listen_socket, nullptr, nullptr);
-  if (socket >= 0) SetCloseOnExec(socket);
-  return socket;
-#endif
-}
 
 bool BindTo(int socket, const gxbase::SocketAddress& address) {
   if (address.ipaddr().family() == AF_INET6) {
@@ -104,22 +67,9 @@ std::string BoundAddress(int socket) {
   return std::string(text != nullptr ? text : "<NULL>") + ":" + std::to_string(ntohs(address.sin_port));
 }
 
-// Splits "host:port", "[host]:port" or "[host]".
-bool SplitHostPort(const std::string& text, std::string& host, int& port) {
-  std::size_t colon;
-  if (text.empty() || text[0] != '[') {
-    colon = text.find(':');
-    if (colon == std::string::npos) return false;
-    host = text.substr(0, colon);
-  } else {
-    const std::size_t bracket = text.find(']');
-    if (bracket == std::string::npos) return false;
-    host = text.substr(1, bracket - 1);
-    colon = text.find(':', bracket);
-  }
-  port = colon == std::string::npos ? 0 : static_cast<std::uint16_t>(std::atoi(text.c_str() + colon + 1));
-  return true;
-}
+// True: it is the listening socket that failed. Any other error of accept may be that of one connection, or
+// pass.
+bool IsPortLost(int error) { return error == EBADF || error == EFAULT || error == EINVAL || error == ENOTSOCK; }
 
 }  // namespace
 
@@ -127,9 +77,10 @@ CSockAcceptor::~CSockAcceptor() { CSockAcceptor::Stop(); }
 
 bool CSockAcceptor::StartListen(const char* host, int port, ITCPTaskTracker* tracker, bool reuse_port) {
   if (running_) return true;
+  address_.clear();  // of an earlier start
   Descriptor listener(ListenSock(host, port, reuse_port));
-  if (listener.get() == -1) return false;
-  if (tracker != nullptr && listener.get() >= FD_SETSIZE) {
+  if (!listener) return false;
+  if (tracker != nullptr && !IsSelectable(listener.get())) {
     GXModLog(kGXModLogError, "[CSockAcceptor] listening socket %d is beyond what select can watch",
              listener.get());
     return false;
@@ -139,17 +90,19 @@ bool CSockAcceptor::StartListen(const char* host, int port, ITCPTaskTracker* tra
   address_ = BoundAddress(listener.get());
   {
     CStdLock lock(mutex_);
-    listen_socket_ = listener.Take();
+    listen_socket_ = std::move(listener);
     ++listening_;
     running_ = true;
   }
-  return Accept();
+  if (WaitAfter(AcceptWaiting())) return true;
+  address_.clear();
+  return false;
 }
 
 bool CSockAcceptor::StartListen(const char* host_port, ITCPTaskTracker* tracker) {
   std::string host;
   int port = 0;
-  if (host_port == nullptr || !SplitHostPort(host_port, host, port)) return false;
+  if (host_port == nullptr || !gxbase::SplitListenText(host_port, host, port)) return false;
   return StartListen(host.c_str(), port, tracker, false);
 }
 
@@ -158,9 +111,8 @@ bool CSockAcceptor::Stop() {
   if (!running_) return true;
   running_ = false;
   stopped_.notify_all();
-  shutdown(listen_socket_, SHUT_RDWR);  // ends a select that waits for it
-  close(listen_socket_);
-  listen_socket_ = -1;
+  shutdown(listen_socket_.get(), SHUT_RDWR);  // ends a select that waits for it
+  listen_socket_.Close();
   return true;
 }
 
@@ -188,59 +140,72 @@ bool CSockAcceptor::CreateStream(CRefObj<CSockStream>& out, IBaseStream::StreamT
 }
 
 bool CSockAcceptor::Accept() {
+  const Outcome outcome = AcceptWaiting();
+  if (outcome != kFailed) return WaitAfter(outcome);
+  WaitInTracker(kForTime);  // the error of one connection must not close the port to all others
+  return false;
+}
+
+// False: the acceptor has stopped. A port that nobody accepts on would leave its clients waiting.
+bool CSockAcceptor::WaitAfter(Outcome outcome) {
+  if (outcome == kNobodyWaits) return WaitInTracker(kForConnections);
+  if (outcome == kNoDescriptors) return Pause();
+  Stop();
+  return false;
+}
+
+CSockAcceptor::Outcome CSockAcceptor::AcceptWaiting() {
   for (;;) {
-    const int socket = AcceptOne();
-    if (socket >= 0) {
-      if (TakeConnection(socket)) continue;
-      Stop();  // nobody is left to accept: clients must be refused instead of left waiting
-      return false;
+    Descriptor connection = AcceptOne();
+    if (connection) {
+      const Outcome outcome = TakeConnection(std::move(connection));
+      if (outcome != kTaken) return outcome;
+      continue;
     }
     const int error = errno;
-    if (!running_) return true;
+    if (!running_) return kNobodyWaits;
     switch (error) {
       case EINTR:
-      case ECONNABORTED:  // the client has gone again; the others are still waiting
         continue;
       case EAGAIN:
-        return WaitInTracker(kForConnections);
+        return kNobodyWaits;
       case EMFILE:
       case ENFILE:
       case ENOBUFS:
       case ENOMEM:
         std::printf("accept failed with WSAEMFILE\n");
-        return Pause();
+        return kNoDescriptors;
       default:
         std::printf("accept failed with %d\n", error);
         LogFailure("", "accept", error, 438);
-        // Not an errno of any POSIX system; kept as it has always been.
+        // Winsock's code for a socket that does not listen; hosts on that layer count on the process ending. No
+        // POSIX system returns it.
         if (error == kWinsockInvalid) std::exit(0);
-        Stop();
-        return false;
+        return IsPortLost(error) ? kEnded : kFailed;
     }
   }
 }
 
-// The next waiting connection; -1: none, see errno.
-int CSockAcceptor::AcceptOne() {
+// The next waiting connection, or none: see errno.
+Descriptor CSockAcceptor::AcceptOne() {
   CStdLock lock(mutex_);
-  const int socket = running_ ? AcceptCloseOnExec(listen_socket_) : -1;
-  if (socket != 0) return socket;
+  if (!running_) return {};
+  Descriptor connection = gxbase::AcceptConnection(listen_socket_.get());
   // A host without a standard input: to a stream, descriptor 0 means that there is no socket.
-  const Descriptor zero(socket);
-  return fcntl(zero.get(), F_DUPFD_CLOEXEC, 1);
+  return connection.get() == 0 ? gxbase::Duplicate(0) : std::move(connection);
 }
 
-bool CSockAcceptor::TakeConnection(int socket) {
-  Descriptor connection(socket);
+CSockAcceptor::Outcome CSockAcceptor::TakeConnection(Descriptor connection) {
+  const int socket = connection.get();
   ITCPTaskTracker* tracker = tracker_;
-  if (tracker != nullptr && socket >= FD_SETSIZE) {
+  if (tracker != nullptr && !IsSelectable(socket)) {
     GXModLog(kGXModLogError,
              "[CSockAcceptor::Accept] connection refused: socket %d is beyond what select can watch", socket);
-    return true;
+    return kTaken;
   }
-  if (!SetNonBlocking(socket)) {
+  if (!gxbase::SetNonBlocking(socket)) {
     LogFailure(kAcceptTag, "ioctlsocket", errno, 449);
-    return false;
+    return kFailed;
   }
   const int on = 1;
   if (setsockopt(socket, IPPROTO_TCP, TCP_NODELAY, &on, sizeof on) != 0) {
@@ -250,13 +215,13 @@ bool CSockAcceptor::TakeConnection(int socket) {
   try {
     if (!CreateStream(stream, connection.Take(), tracker)) {
       LogFailure(kAcceptTag, "CreateStream", errno, 465);
-      return false;
+      return kFailed;
     }
-    return OnAccept(stream);
+    return OnAccept(stream) ? kTaken : kEnded;
   } catch (...) {
     GXModLog(kGXModLogError, "[CSockAcceptor::Accept] connection refused: it met an exception");
     if (stream) stream->Disconnect(kStreamOtherError);
-    return true;
+    return kTaken;
   }
 }
 
@@ -269,13 +234,12 @@ bool CSockAcceptor::WaitInTracker(Until until) {
   {
     CStdLock lock(mutex_);
     if (!running_) return true;
-    listen_socket = listen_socket_;
+    listen_socket = listen_socket_.get();
   }
   for (int attempt = 1; attempt <= kTaskAttempts; ++attempt) {
     try {
-      tracker->AddTask(CTCPTask(until == kForConnections
-                                    ? new CTCPAcceptorTask(listen_socket, this, kNoTimeout)
-                                    : new CTCPAcceptorTask(kNoSocket, this, kDescriptorPauseMs)));
+      tracker->AddTask(CTCPTask(until == kForConnections ? new CTCPAcceptorTask(listen_socket, this, kNoTimeout)
+                                                         : new CTCPAcceptorTask(kNoSocket, this, kPauseMs)));
       return true;
     } catch (const std::bad_alloc&) {  // another thread may just have freed memory
     }
@@ -288,8 +252,8 @@ bool CSockAcceptor::WaitInTracker(Until until) {
 // Every descriptor of the process is taken. To accept at once again would only spin. A reactor has others to
 // serve meanwhile, so there the pause is a task that waits for nothing but the end of its time.
 bool CSockAcceptor::Pause() {
-  if (tracker_ != nullptr) return WaitInTracker(kForDescriptors);
-  const auto until = std::chrono::steady_clock::now() + std::chrono::milliseconds(kDescriptorPauseMs);
+  if (tracker_ != nullptr) return WaitInTracker(kForTime);
+  const auto until = std::chrono::steady_clock::now() + std::chrono::milliseconds(kPauseMs);
   std::unique_lock<std::mutex> lock(mutex_.native());
   stopped_.wait_until(lock, until, [this] { return !running_.load(); });
   return true;
@@ -300,7 +264,8 @@ bool CSockAcceptor::WaitTimeout(unsigned int ms) {
   gettimeofday(&now, nullptr);
   timespec deadline;
   deadline.tv_sec = now.tv_sec + static_cast<decltype(now.tv_sec)>(ms / 1000);
-  // Kept as it has always been: whole seconds are not carried, and the system then refuses the wait.
+  // Whole seconds are not carried, and the system then refuses the wait: callers of this interface take that
+  // for the end of their time.
   deadline.tv_nsec = static_cast<long>(ms % 1000) * 1'000'000 + static_cast<long>(now.tv_usec) * 1000;
   std::unique_lock<std::mutex> lock(mutex_.native());
   return pthread_cond_timedwait(stopped_.native_handle(), lock.mutex()->native_handle(), &deadline) != 0;
@@ -310,7 +275,7 @@ void CSockAcceptor::LogFailure(const char* tag, const char* what, int error, int
   int listen_socket;
   {
     CStdLock lock(mutex_);
-    listen_socket = listen_socket_;
+    listen_socket = listen_socket_.get();
   }
   GXModLog(kGXModLogError, "%sm_sListen:%d,port:%d %s failed with WSAGetLastError(): %d,at line %d", tag,
            listen_socket, port_, what, error, line);
@@ -319,9 +284,8 @@ void CSockAcceptor::LogFailure(const char* tag, const char* what, int error, int
 int CSockAcceptor::ListenSock(const char* host, int port, bool reuse_port) {
   const gxbase::SocketAddress address(host != nullptr ? host : "0.0.0.0", port);
   const int family = address.ipaddr().family();
-  Descriptor listener(socket(family, SOCK_STREAM, IPPROTO_TCP));
-  if (listener.get() == -1 || !SetNonBlocking(listener.get())) return -1;
-  SetCloseOnExec(listener.get());
+  Descriptor listener = gxbase::OpenSocket(family, SOCK_STREAM, IPPROTO_TCP);
+  if (!listener) return -1;
   const std::int64_t on = 1;  // 8 bytes; the system reads the first 4
   setsockopt(listener.get(), SOL_SOCKET, SO_REUSEADDR, &on, sizeof on);
   if (reuse_port) setsockopt(listener.get(), SOL_SOCKET, SO_REUSEPORT, &on, sizeof on);
@@ -329,7 +293,7 @@ int CSockAcceptor::ListenSock(const char* host, int port, bool reuse_port) {
   if (family == AF_INET6 &&
       setsockopt(listener.get(), IPPROTO_IPV6, IPV6_V6ONLY, &v6_only, sizeof v6_only) != 0) {
     std::perror("setsockopt");
-    listener.Take();  // kept as it has always been: left open
+    listener.Take();  // stays open, as hosts are told in docs/limits.md
     return -1;
   }
   if (!BindTo(listener.get(), address) || listen(listener.get(), kBacklog) != 0) return -1;

@@ -3,24 +3,23 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include <atomic>
 #include <mutex>
 #include <new>
 #include <string>
-#include <thread>
 #include <vector>
 
 #include "support/descriptor_limit.h"
 #include "support/leak_gate.h"
+#include "support/log_capture.h"
+#include "support/refused_call.h"
 #include "support/tcp_client.h"
-#include "support/wait.h"
 
 namespace {
 
-using gxtest::DescriptorLimit;
-using gxtest::Eventually;
-using gxtest::LowestFreeDescriptor;
 using gxtest::TcpClient;
+using testing::ElementsAre;
+using testing::HasSubstr;
+using testing::Pair;
 
 // Keeps every stream, in the order in which they came.
 class KeepingAcceptor final : public CSockAcceptor {
@@ -56,6 +55,13 @@ class KeepingTracker final : public ITCPTaskTracker {
   std::vector<CTCPTask> tasks;
 };
 
+// How many descriptors a program that is started now would have.
+int DescriptorsForPrograms() {
+  int count = 0;
+  for (int descriptor = 0; descriptor < 100; ++descriptor) count += fcntl(descriptor, F_GETFD) == 0 ? 1 : 0;
+  return count;
+}
+
 class SockAcceptorTest : public gxtest::LeakGate {};
 
 TEST_F(SockAcceptorTest, AcceptsAllWhoWaitInOrder) {
@@ -84,15 +90,8 @@ TEST_F(SockAcceptorTest, ListenTexts) {
     bool listens;
     const char* address;  // up to the port
   } cases[] = {
-      {"127.0.0.1:0", true, "127.0.0.1:"},
-      {"0.0.0.0:0", true, "0.0.0.0:"},
-      {"[::1]", true, "0.0.0.0:"},
-      {"[::1]:0", true, "0.0.0.0:"},
-      {"localhost", false, ""},
-      {"localhost:0", false, ""},
-      {"", false, ""},
-      {"[::1", false, ""},
-      {nullptr, false, ""},
+      {"127.0.0.1:0", true, "127.0.0.1:"}, {"[::1]:0", true, "0.0.0.0:"}, {"[::1]", true, "0.0.0.0:"},
+      {"localhost:0", false, ""},          {nullptr, false, ""},
   };
   for (const auto& c : cases) {
     KeepingAcceptor acceptor;
@@ -123,32 +122,67 @@ TEST_F(SockAcceptorTest, RestartsAfterStop) {
   EXPECT_EQ(acceptor.Count(), 1U);
 }
 
-// The pause for descriptors must not hold a stop up.
-TEST_F(SockAcceptorTest, StopEndsThePause) {
+// The host may be in a sandbox: success means that somebody accepts.
+TEST_F(SockAcceptorTest, WhereTheSystemRefusesNothingListens) {
   KeepingAcceptor acceptor;
-  ASSERT_TRUE(acceptor.StartListen("127.0.0.1:0", nullptr));
+  KeepingTracker tracker;
   testing::internal::CaptureStdout();
-  std::atomic<bool> started{false};
-  std::atomic<bool> go{false};
-  std::atomic<bool> done{false};
-  std::thread paused([&] {
-    started = true;
-    Eventually([&] { return go.load(); });
-    EXPECT_TRUE(acceptor.Accept());
-    done = true;
-  });
-  ASSERT_TRUE(Eventually([&] { return started.load(); }));
-  const auto before = std::chrono::steady_clock::now();
-  {
-    const DescriptorLimit none(LowestFreeDescriptor());
-    go = true;
-    EXPECT_FALSE(Eventually([&] { return done.load(); }, std::chrono::milliseconds(100)));
-    acceptor.Stop();
-    EXPECT_TRUE(Eventually([&] { return done.load(); }));
+  for (const unsigned refused : {SYS_accept4, SYS_listen}) {
+    ASSERT_TRUE(acceptor.StartListen("127.0.0.1:0", &tracker));
+    const std::string before = acceptor.GetAddress();
+    ASSERT_TRUE(acceptor.Stop());
+    const int open = gxtest::OpenDescriptors();
+    gxtest::WithRefusedCall(refused, EPERM, [&] {
+      EXPECT_FALSE(acceptor.StartListen(before.c_str(), &tracker));  // the same port
+    });
+    EXPECT_STREQ(acceptor.GetAddress(), "");
+    EXPECT_FALSE(acceptor.IsRunning());
+    EXPECT_EQ(gxtest::OpenDescriptors(), open);
+    EXPECT_FALSE(TcpClient(before).IsConnected());
   }
-  paused.join();
-  EXPECT_LT(std::chrono::steady_clock::now() - before, std::chrono::seconds(4));
-  EXPECT_EQ(testing::internal::GetCapturedStdout(), "accept failed with WSAEMFILE\n");
+  EXPECT_THAT(testing::internal::GetCapturedStdout(), testing::StartsWith("accept failed with 1\n"));
+}
+
+// One bad connection must not close the port to all others.
+TEST_F(SockAcceptorTest, AcceptsAgainAfterTheErrorOfOneConnection) {
+  KeepingAcceptor acceptor;
+  KeepingTracker tracker;
+  LogCapture log;
+  ASSERT_TRUE(acceptor.StartListen("127.0.0.1:0", &tracker));
+  const TcpClient client(acceptor.GetAddress());
+  testing::internal::CaptureStdout();
+  for (const unsigned error : {EPROTO, ENETDOWN, EHOSTUNREACH, ECONNABORTED, EOPNOTSUPP, EPERM}) {
+    gxtest::WithRefusedCall(SYS_accept4, error, [&] { EXPECT_FALSE(acceptor.Accept()); });
+    EXPECT_TRUE(acceptor.IsRunning());
+    EXPECT_THAT(log.Lines(),
+                ElementsAre(Pair(kGXModLogError, HasSubstr("): " + std::to_string(error) + ",at line 438"))));
+    EXPECT_EQ(tracker.tasks.back().socket(), -1) << "it waits for nothing but the end of its time";
+    EXPECT_LE(tracker.tasks.back()->timeleft(), 5000U);
+    EXPECT_GT(tracker.tasks.back()->timeleft(), 0U);
+  }
+  EXPECT_EQ(tracker.tasks.size(), 7U);
+  tracker.tasks.back()->Done();
+  EXPECT_EQ(acceptor.Count(), 1U);
+
+  // It is the port itself that has failed.
+  gxtest::WithRefusedCall(SYS_accept4, EINVAL, [&] { EXPECT_FALSE(acceptor.Accept()); });
+  EXPECT_FALSE(TcpClient(acceptor.GetAddress()).IsConnected());
+  EXPECT_THAT(testing::internal::GetCapturedStdout(),
+              testing::StartsWith("accept failed with 71\naccept failed with 100\n"));
+}
+
+// A program that the host starts in between would keep the port open.
+TEST_F(SockAcceptorTest, DescriptorsAreCloseOnExecFromTheirFirstMoment) {
+  KeepingAcceptor acceptor;
+  KeepingTracker tracker;
+  const int before = DescriptorsForPrograms();
+  gxtest::WithRefusedCall(SYS_fcntl, EPERM, [&] {
+    ASSERT_TRUE(acceptor.StartListen("127.0.0.1:0", &tracker));
+    const TcpClient client(acceptor.GetAddress());
+    ASSERT_TRUE(acceptor.Accept());
+  });
+  ASSERT_EQ(acceptor.Count(), 1U);
+  EXPECT_EQ(DescriptorsForPrograms(), before);
 }
 
 // Nobody would watch the port: clients must be refused instead of left waiting.
@@ -159,8 +193,10 @@ TEST_F(SockAcceptorTest, WithoutMemoryForATaskThePortIsClosed) {
   };
   FullTracker tracker;
   KeepingAcceptor acceptor;
+  const int open = gxtest::OpenDescriptors();
   EXPECT_FALSE(acceptor.StartListen("127.0.0.1:0", &tracker));
-  EXPECT_FALSE(TcpClient(acceptor.GetAddress()).IsConnected());
+  EXPECT_EQ(gxtest::OpenDescriptors(), open);
+  EXPECT_STREQ(acceptor.GetAddress(), "");
 }
 
 }  // namespace
