@@ -1,6 +1,7 @@
 #include "stream/base_stream.h"
 
 #include <algorithm>
+#include <cassert>
 #include <cerrno>
 #include <cstring>
 #include <limits>
@@ -37,64 +38,6 @@ bool HasRoom(const IBuffer& buffer, std::uint64_t length) {
 }
 
 }  // namespace
-
-struct CBaseStream::Direction {
-  CTransfer CBaseStream::*transfer;
-  unsigned no_buffer_code;
-  const char* routine;  // these two name the place in the time-out's log line
-  const char* line;
-  bool (*fits)(const CItem& item);
-  bool (*move)(CBaseStream& stream, const CItem& item, long& moved, long timeout_ms);
-  void (*step)(CBaseStream& stream, const CItem& item, unsigned long moved);
-  void (*done)(CBaseStream& stream, const CItem& item);
-
-  static const Direction kReceive;
-  static const Direction kSend;
-};
-
-const CBaseStream::Direction CBaseStream::Direction::kReceive = {
-    .transfer = &CBaseStream::receive_,
-    .no_buffer_code = kStreamSocketError,
-    .routine = "RecvRout",
-    .line = "315",
-    .fits = [](const CItem& item) { return HasRoom(*item.buffer, item.remaining); },
-    .move =
-        [](CBaseStream& stream, const CItem& item, long& moved, long timeout_ms) {
-          char* free_room = static_cast<char*>(item.buffer->GetPointer()) + item.buffer->GetSize();
-          const long length = static_cast<long>(item.remaining);
-          return item.peek ? stream.peek(free_room, length, moved, timeout_ms)
-                           : stream.read(free_room, length, moved, timeout_ms);
-        },
-    .step =
-        [](CBaseStream& stream, const CItem& item, unsigned long moved) {
-          item.buffer->SetSize(item.buffer->GetSize() + moved);
-          if (!item.peek) stream.read_step(item.buffer.get(), moved);
-        },
-    .done =
-        [](CBaseStream& stream, const CItem& item) {
-          if (item.peek) {
-            stream.peek_done(item.buffer.get(), item.done);
-          } else {
-            stream.read_done(item.buffer.get(), item.done);
-          }
-        },
-};
-
-const CBaseStream::Direction CBaseStream::Direction::kSend = {
-    .transfer = &CBaseStream::send_,
-    .no_buffer_code = kStreamAgain,
-    .routine = "SendRout",
-    .line = "495",
-    .fits = [](const CItem&) { return true; },
-    .move =
-        [](CBaseStream& stream, const CItem& item, long& moved, long timeout_ms) {
-          const char* next = static_cast<const char*>(item.buffer->GetPointer()) + item.done;
-          return stream.write(next, static_cast<long>(item.remaining), moved, timeout_ms, /*flags=*/0);
-        },
-    .step = [](CBaseStream& stream, const CItem& item,
-               unsigned long moved) { stream.write_step(item.buffer.get(), moved); },
-    .done = [](CBaseStream& stream, const CItem& item) { stream.write_done(item.buffer.get(), item.done); },
-};
 
 CBaseStream::CBaseStream(StreamType type, bool connected)
     : thread_safty_(this),
@@ -136,23 +79,23 @@ unsigned long CBaseStream::Write_impl(_WRITE_BUF* list, unsigned long count, uns
   if (!IsConnect()) return kNotConnected;
   std::list<CItem> items;
   for (unsigned long i = 0; i < count; ++i) {
-    items.push_back(MakeItem(list[i].buffer, list[i].length, timeout_ms));
+    items.splice(items.end(), MakeRequest(kWrite, list[i].buffer, list[i].length, timeout_ms));
   }
-  Append(Direction::kSend, std::move(items));
+  Append(kSend, std::move(items));
   return SendRout(false);
 }
 
 unsigned long CBaseStream::Read_impl(IBuffer* buffer, unsigned long length, unsigned long timeout_ms) {
-  return QueueRead(buffer, length, timeout_ms, /*peek=*/false);
+  return QueueRead(kRead, buffer, length, timeout_ms);
 }
 
 unsigned long CBaseStream::Peek_impl(IBuffer* buffer, unsigned long length, unsigned long timeout_ms) {
-  return QueueRead(buffer, length, timeout_ms, /*peek=*/true);
+  return QueueRead(kPeek, buffer, length, timeout_ms);
 }
 
 unsigned long CBaseStream::Write_impl(IBuffer* buffer, unsigned long length, unsigned long timeout_ms) {
   if (!IsConnect()) return kNotConnected;
-  Append(Direction::kSend, {MakeItem(buffer, length, timeout_ms)});
+  Append(kSend, MakeRequest(kWrite, buffer, length, timeout_ms));
   return SendRout(false);
 }
 
@@ -188,56 +131,39 @@ bool CBaseStream::GetFreeBuffer(IBuffer** out, unsigned long length) {
 }
 
 bool CBaseStream::Disconnect_impl(unsigned int /*reason*/) {
-  if (closed_.exchange(true, std::memory_order_acq_rel)) return false;
-  SetReadFlag(false);
-  return true;
+  return !closed_.exchange(true, std::memory_order_acq_rel);
 }
 
 bool CBaseStream::timeout(unsigned long now_ms) { return timeleft(now_ms) == 0; }
 
-struct CBaseStream::Deadline {
-  const char* missed;  // what the log says of it
-  std::uint64_t since;
-  std::uint64_t limit;
-};
-
 unsigned long CBaseStream::timeleft(unsigned long now_ms) {
-  const Deadline deadline = NextDeadline();
+  const CDeadline deadline = NextDeadline();
   const std::uint64_t left = TimeLeft(deadline.since, deadline.limit, now_ms);
   if (left == 0)
     GXModLog(kGXModLogError, "%s, %lu", deadline.missed, static_cast<unsigned long>(deadline.limit));
   return left;
 }
 
-CBaseStream::Deadline CBaseStream::NextDeadline() const {
+CBaseStream::CDeadline CBaseStream::NextDeadline() const {
   CAutoLock lock(queue_lock_);
   if (!HadConnected_impl()) {
     return {"[basestream] connect server timeout", start_tick_ms_, connect_timeout_ms_};
   }
-  const auto limited = [](const std::optional<CItem>& item) {
-    return item && item->remaining != 0 && item->timeout_ms != kNoTimeout;
-  };
   // A read goes first, even if the write's deadline is nearer.
-  if (limited(receive_.current)) {
-    return {"[basestream] read data timeout", receive_.current->queued_at_ms, receive_.current->timeout_ms};
-  }
-  if (limited(send_.current)) {
-    return {"[basestream] write data timeout", send_.current->queued_at_ms, send_.current->timeout_ms};
-  }
-  return {"", 0, kNoTimeout};
+  const CDeadline& read = transfers_[kReceive].deadline;
+  return read.limit != kNoTimeout ? read : transfers_[kSend].deadline;
 }
 
-unsigned long CBaseStream::RecvRout(bool from_reactor) { return Drain(Direction::kReceive, from_reactor); }
+unsigned long CBaseStream::RecvRout(bool from_reactor) { return Drain(kReceive, from_reactor); }
 
-unsigned long CBaseStream::SendRout(bool from_reactor) { return Drain(Direction::kSend, from_reactor); }
+unsigned long CBaseStream::SendRout(bool from_reactor) { return Drain(kSend, from_reactor); }
 
-void CBaseStream::SetConnectTimeout(unsigned long connect_ms, unsigned long transport_ms,
+void CBaseStream::SetConnectTimeout(unsigned long connect_ms, unsigned long /*transport_ms*/,
                                     unsigned long request_ms) {
   CAutoLock lock(queue_lock_);
   start_tick_ms_ = gettickcount();
   connect_timeout_ms_ = connect_ms;
   if (connect_ms != kNoTimeout) has_limits_.store(true, std::memory_order_relaxed);
-  transport_timeout_ms_ = transport_ms;
   request_timeout_ms_ = request_ms;
 }
 
@@ -249,27 +175,30 @@ CRefObj<IMemAlloctor> CBaseStream::SetMemAlloc(IMemAlloctor* allocator) {
 }
 
 void CBaseStream::SetConnected(bool had_connected) {
+  ended_.store(false, std::memory_order_relaxed);
   had_connected_.store(had_connected, std::memory_order_release);
   closed_.store(false, std::memory_order_release);
 }
 
-CBaseStream::CItem CBaseStream::MakeItem(IBuffer* buffer, unsigned long length, unsigned long timeout_ms,
-                                         bool peek) {
-  return {.done = 0,
-          .remaining = length,
-          .timeout_ms = timeout_ms,
-          .queued_at_ms = 0,
-          .peek = peek,
-          .buffer = buffer};
+std::list<CBaseStream::CItem> CBaseStream::MakeRequest(Kind kind, IBuffer* buffer, unsigned long length,
+                                                       unsigned long timeout_ms) {
+  std::list<CItem> request;
+  request.push_back({.kind = kind,
+                     .done = 0,
+                     .remaining = length,
+                     .timeout_ms = timeout_ms,
+                     .queued_at_ms = 0,
+                     .buffer = buffer});
+  return request;
 }
 
-unsigned long CBaseStream::QueueRead(IBuffer* buffer, unsigned long length, unsigned long timeout_ms,
-                                     bool peek) {
+unsigned long CBaseStream::QueueRead(Kind kind, IBuffer* buffer, unsigned long length,
+                                     unsigned long timeout_ms) {
   if (!IsConnect()) return kNotConnected;
   if (length == 0) return 0;
   const CRefObj<IBuffer> target = buffer != nullptr ? CRefObj<IBuffer>(buffer) : NewBuffer(length);
   if (!target) return 0;
-  Append(Direction::kReceive, {MakeItem(target.get(), length, timeout_ms, peek)});
+  Append(kReceive, MakeRequest(kind, target.get(), length, timeout_ms));
   return RecvRout(false);
 }
 
@@ -279,15 +208,13 @@ CRefObj<IBuffer> CBaseStream::NewBuffer(unsigned long length) {
   return CRefObj<IBuffer>::Attach(counted);
 }
 
-// Finding the queue empty and leaving are one step under this lock: whoever drains sees these requests, or the
-// caller, who drains next, finds the entrance free.
-void CBaseStream::Append(const Direction& way, std::list<CItem> items) {
+void CBaseStream::Append(Direction way, std::list<CItem> items) {
   CAutoLock lock(queue_lock_);
   for (CItem& item : items) {
     if (request_timeout_ms_ != kNoTimeout) item.timeout_ms = request_timeout_ms_;
     if (item.timeout_ms != kNoTimeout) StartClock(item);
   }
-  std::list<CItem>& queue = Transfer(way).queue;
+  std::list<CItem>& queue = transfers_[way].queue;
   queue.splice(queue.end(), items);
 }
 
@@ -296,37 +223,40 @@ void CBaseStream::StartClock(CItem& item) {
   has_limits_.store(true, std::memory_order_relaxed);
 }
 
-unsigned long CBaseStream::Drain(const Direction& way, bool from_reactor) {
+unsigned long CBaseStream::Drain(Direction way, bool from_reactor) {
   if (!IsConnect()) return kNotConnected;
   if (!Enter(way, from_reactor)) return 0;
   unsigned long total = 0;
-  try {
-    Advance(way, total);
-  } catch (...) {
-    // Bytes may have moved that nobody was told of. Going on would lose them without a word.
-    GXModLog(kGXModLogError, "[basestream] a transfer ended with an exception, the stream is disconnected");
-    Disconnect(kStreamOtherError);
-    Leave(way);
-  }
-  return total;
-}
+  for (;;) {
+    Progress progress;
+    try {
+      progress = Step(way, total);
+    } catch (...) {
+      // Bytes may have moved that nobody was told of. Going on would lose them without a word.
+      GXModLog(kGXModLogError, "[basestream] a transfer ended with an exception, the stream is disconnected");
+      progress = Fail(kStreamOtherError);
+    }
+    if (progress == kMoved) continue;
 
-void CBaseStream::Advance(const Direction& way, unsigned long& total) {
-  while (const std::optional<CItem> item = Current(way)) {
-    if (item->buffer && item->remaining == 0) {
-      Complete(way, *item);
+    // Seeing that there is nothing to do and leaving are one step under this lock. Whoever appends a request,
+    // or has become ready, is either seen here or finds the entrance free.
+    CAutoLock lock(queue_lock_);
+    CTransfer& transfer = transfers_[way];
+    assert(transfer.inside);
+    if (progress == kBusy && std::exchange(transfer.again, false)) continue;
+    if (progress == kNoRequest && !transfer.queue.empty()) {
+      current_[way].splice(current_[way].begin(), transfer.queue, transfer.queue.begin());
+      transfer.deadline = DeadlineOf(current_[way].front());
       continue;
     }
-    long moved = 0;
-    if (!Step(way, *item, moved)) return Leave(way);
-    total += static_cast<unsigned long>(moved);
-    if (moved == 0 && LeaveUnlessReady(way)) return;
+    transfer.inside = transfer.again = false;
+    return total;
   }
 }
 
-bool CBaseStream::Enter(const Direction& way, bool from_reactor) {
+bool CBaseStream::Enter(Direction way, bool from_reactor) {
   CAutoLock lock(queue_lock_);
-  CTransfer& transfer = Transfer(way);
+  CTransfer& transfer = transfers_[way];
   if (transfer.inside) {
     if (from_reactor) transfer.again = true;
     return false;
@@ -335,70 +265,81 @@ bool CBaseStream::Enter(const Direction& way, bool from_reactor) {
   return true;
 }
 
-std::optional<CBaseStream::CItem> CBaseStream::Current(const Direction& way) {
-  CAutoLock lock(queue_lock_);
-  CTransfer& transfer = Transfer(way);
-  if (!transfer.current && !transfer.queue.empty()) {
-    transfer.current = std::move(transfer.queue.front());
-    transfer.queue.pop_front();
+CBaseStream::Progress CBaseStream::Step(Direction way, unsigned long& total) {
+  if (current_[way].empty()) return kNoRequest;
+  CItem& item = current_[way].front();
+  if (item.buffer && item.remaining == 0) {
+    Complete(way);
+    return kNoRequest;
   }
-  if (!transfer.current) transfer.inside = transfer.again = false;
-  return transfer.current;
+  long moved = 0;
+  const Progress progress = Move(item, moved);
+  if (progress != kMoved) return progress;
+  Account(way, item, moved);
+  total += static_cast<unsigned long>(moved);
+  return kMoved;
 }
 
-bool CBaseStream::Step(const Direction& way, const CItem& item, long& moved) {
-  if (!IsConnect()) return false;  // a hook has disconnected: its handler shall hear of nothing more
-  if (!item.buffer) return Fail(way.no_buffer_code);
+CBaseStream::Progress CBaseStream::Move(const CItem& item, long& moved) {
+  if (!IsConnect()) return kClosed;  // a hook has disconnected: its handler shall hear of nothing more
+  const bool writes = item.kind == kWrite;
+  if (!item.buffer) {
+    ended_.store(writes, std::memory_order_relaxed);
+    return Fail(writes ? kStreamEnd : kStreamSocketError);
+  }
   const std::uint64_t left =
       item.timeout_ms == kNoTimeout ? kNoTimeout : TimeLeft(item.queued_at_ms, item.timeout_ms, gettickcount());
   if (left == 0) {
     Disconnect(kStreamTimeout);
     GXModLog(kGXModLogInfo, "[tarn][erroCode] errorcode=%s(%u), product=%u, type=%u, inner code=%u [%s:%s]",
-             "TARN_ERROR_KWSTREAM_TIMEOUT", kStreamTimeout, 0U, 3U, 4U, way.routine, way.line);
-    return false;
+             "TARN_ERROR_KWSTREAM_TIMEOUT", kStreamTimeout, 0U, 3U, 4U, writes ? "SendRout" : "RecvRout",
+             writes ? "495" : "315");
+    return kClosed;
   }
-  if (!way.fits(item)) return Fail(kStreamAgain);
-  if (!way.move(*this, item, moved, TransportTimeout(left))) {
+  if (!writes && !HasRoom(*item.buffer, item.remaining)) return Fail(kStreamNoRoom);
+  if (!CallTransport(item, moved, TransportTimeout(left))) {
     return Fail(IBaseStream::IStatusImpl::ErrnoToTarnErrorCode(static_cast<unsigned>(errno)));
   }
-  if (moved == 0) return true;
-  Account(way, moved);
-  way.step(*this, item, static_cast<unsigned long>(moved));
-  return true;
+  assert(moved >= 0 && static_cast<std::uint64_t>(moved) <= item.remaining);
+  return moved != 0 ? kMoved : kBusy;
 }
 
-void CBaseStream::Account(const Direction& way, long moved) {
-  CAutoLock lock(queue_lock_);
-  CItem& item = *Transfer(way).current;
-  item.done += static_cast<std::uint64_t>(moved);
-  // A peek takes what there is.
-  item.remaining = item.peek ? 0 : item.remaining - static_cast<std::uint64_t>(moved);
+bool CBaseStream::CallTransport(const CItem& item, long& moved, long timeout_ms) {
+  char* const bytes = static_cast<char*>(item.buffer->GetPointer());
+  const long length = static_cast<long>(item.remaining);
+  if (item.kind == kWrite) return write(bytes + item.done, length, moved, timeout_ms, /*flags=*/0);
+  char* const room = bytes + item.buffer->GetSize();
+  return item.kind == kPeek ? peek(room, length, moved, timeout_ms) : read(room, length, moved, timeout_ms);
 }
 
-void CBaseStream::Complete(const Direction& way, const CItem& item) {
-  {
+void CBaseStream::Account(Direction way, CItem& item, long moved) {
+  const auto bytes = static_cast<std::uint64_t>(moved);
+  item.done += bytes;
+  item.remaining = item.kind == kPeek ? 0 : item.remaining - bytes;  // a peek takes what there is
+  if (item.remaining == 0 && item.timeout_ms != kNoTimeout) {
     CAutoLock lock(queue_lock_);
-    Transfer(way).current.reset();
+    transfers_[way].deadline = {};
   }
-  way.done(*this, item);
+  if (item.kind != kWrite) item.buffer->SetSize(item.buffer->GetSize() + bytes);
+  if (item.kind == kWrite) write_step(item.buffer.get(), bytes);
+  if (item.kind == kRead) read_step(item.buffer.get(), bytes);
 }
 
-bool CBaseStream::LeaveUnlessReady(const Direction& way) {
-  CAutoLock lock(queue_lock_);
-  CTransfer& transfer = Transfer(way);
-  transfer.inside = std::exchange(transfer.again, false);
-  return !transfer.inside;
+void CBaseStream::Complete(Direction way) {
+  const std::list<CItem> completed = std::exchange(current_[way], {});
+  const CItem& item = completed.front();
+  if (item.kind == kRead) read_done(item.buffer.get(), item.done);
+  if (item.kind == kPeek) peek_done(item.buffer.get(), item.done);
+  if (item.kind == kWrite) write_done(item.buffer.get(), item.done);
 }
 
-void CBaseStream::Leave(const Direction& way) {
-  CAutoLock lock(queue_lock_);
-  CTransfer& transfer = Transfer(way);
-  transfer.inside = transfer.again = false;
-}
-
-bool CBaseStream::Fail(unsigned code) {
+CBaseStream::Progress CBaseStream::Fail(unsigned code) {
   Disconnect(code);
-  return false;
+  return kClosed;
 }
 
-CBaseStream::CTransfer& CBaseStream::Transfer(const Direction& way) { return this->*way.transfer; }
+CBaseStream::CDeadline CBaseStream::DeadlineOf(const CItem& item) {
+  if (item.remaining == 0 || item.timeout_ms == kNoTimeout) return {};
+  return {item.kind == kWrite ? "[basestream] write data timeout" : "[basestream] read data timeout",
+          item.queued_at_ms, item.timeout_ms};
+}

@@ -5,7 +5,6 @@
 #include <atomic>
 #include <cstdint>
 #include <list>
-#include <optional>
 
 #include "base/mutex_lock.h"
 #include "object/object_monitor.h"
@@ -87,19 +86,19 @@ class CBaseStream : public IBaseStream,
   virtual unsigned long RecvRout(bool from_reactor);
   virtual unsigned long SendRout(bool from_reactor);
 
-  // All ones: no limit. The first bounds the time to connect, the second is the transport's, the third replaces
+  // All ones: no limit. The first bounds the time to connect, the second has no effect, the third replaces
   // the time-out of every later request. Restarts the clock of the first.
-  void SetConnectTimeout(unsigned long connect_ms, unsigned long transport_ms, unsigned long request_ms);
+  void SetConnectTimeout(unsigned long connect_ms, unsigned long /*transport_ms*/, unsigned long request_ms);
   // Null leaves the stream without an allocator. Returns the previous one.
   CRefObj<IMemAlloctor> SetMemAlloc(IMemAlloctor* allocator);
-  void SetReadFlag(bool on) { read_flag_.store(on, std::memory_order_relaxed); }
+  void SetReadFlag(bool /*on*/) {}  // does nothing
 
   // The contract for transports. `*count` is 0 when called. True with 0 bytes: the transport is busy and will
   // call RecvRout or SendRout with true when it is ready. False: failed or ended, errno tells why.
   virtual bool read(char* data, long length, long& count, long timeout_ms) = 0;
   virtual bool peek(char* data, long length, long& count, long timeout_ms) = 0;
   virtual bool write(const char* data, long length, long& count, long timeout_ms, long flags) = 0;
-  // Hooks for the handler's notifications.
+  // Hooks for the handler's notifications. Their results are the transport's own affair.
   virtual bool read_done(IBuffer* buffer, unsigned long length) = 0;
   virtual bool write_done(IBuffer* buffer, unsigned long length) = 0;
   virtual bool read_step(IBuffer* /*buffer*/, unsigned long /*length*/) { return true; }
@@ -110,57 +109,67 @@ class CBaseStream : public IBaseStream,
   // For the transport: the connection stands (again).
   void SetConnected(bool had_connected);
   void SetHadConnected() { had_connected_.store(true, std::memory_order_release); }
+  // The empty write has had its turn: all that was written has left the stream, which therefore disconnects.
+  bool HasEnded() const { return ended_.load(std::memory_order_relaxed); }
 
  private:
+  enum Direction { kReceive, kSend };
+  enum Kind { kRead, kPeek, kWrite };
+
   // One queued request.
   struct CItem {
+    Kind kind = kRead;
     std::uint64_t done = 0;
     std::uint64_t remaining = 0;
     std::uint64_t timeout_ms = kNoTimeout;
     std::uint64_t queued_at_ms = 0;  // only with a limit
-    bool peek = false;
     CRefObj<IBuffer> buffer;
   };
 
-  // One direction. A request leaves the queue when it becomes current. Only the thread that is inside moves it
-  // on, but does so under the queue lock, because timeleft reads it.
+  // What timeleft looks at.
+  struct CDeadline {
+    const char* missed = "";  // what the log says of it
+    std::uint64_t since = 0;
+    std::uint64_t limit = kNoTimeout;
+  };
+
+  // The requests of one direction, but for the current one.
   struct CTransfer {
     std::list<CItem> queue;
-    std::optional<CItem> current;
+    CDeadline deadline;   // of the current request
     bool inside = false;  // some thread is draining
     bool again = false;   // the transport became ready meanwhile
   };
 
-  struct Direction;  // what the two directions do differently
-  struct Deadline;   // what timeleft looks at
+  static CDeadline DeadlineOf(const CItem& item);
+  // A list of one.
+  static std::list<CItem> MakeRequest(Kind kind, IBuffer* buffer, unsigned long length,
+                                      unsigned long timeout_ms);
 
-  static CItem MakeItem(IBuffer* buffer, unsigned long length, unsigned long timeout_ms, bool peek = false);
-
-  unsigned long QueueRead(IBuffer* buffer, unsigned long length, unsigned long timeout_ms, bool peek);
+  unsigned long QueueRead(Kind kind, IBuffer* buffer, unsigned long length, unsigned long timeout_ms);
   CRefObj<IBuffer> NewBuffer(unsigned long length);
-  void Append(const Direction& way, std::list<CItem> items);
-
+  void Append(Direction way, std::list<CItem> items);
   void StartClock(CItem& item);
 
-  // The transfer routine and its steps, in their order.
-  unsigned long Drain(const Direction& way, bool from_reactor);
-  // False: somebody is draining.
-  bool Enter(const Direction& way, bool from_reactor);
-  // Moves what can be moved, counts it in `total`, and leaves the entrance.
-  void Advance(const Direction& way, unsigned long& total);
-  // A copy of the request to work on. Empty: there is none, and the entrance has been left.
-  std::optional<CItem> Current(const Direction& way);
-  // One operation of the transport. False: the stream is closed now.
-  bool Step(const Direction& way, const CItem& item, long& moved);
-  void Account(const Direction& way, long moved);
-  void Complete(const Direction& way, const CItem& item);
-  // False: the transport has become ready since, the entrance is still held.
-  bool LeaveUnlessReady(const Direction& way);
-  void Leave(const Direction& way);
+  // How a step of the current request ended.
+  enum Progress {
+    kMoved,
+    kBusy,       // the transport will tell when it is ready
+    kNoRequest,  // there is none, or it has completed
+    kClosed,     // the stream is
+  };
 
-  bool Fail(unsigned code);  // disconnects; always false
-  CTransfer& Transfer(const Direction& way) REQUIRES(queue_lock_);
-  Deadline NextDeadline() const;
+  // The transfer routine, and what it calls: all but Enter only on the thread that is inside.
+  unsigned long Drain(Direction way, bool from_reactor);
+  // False: somebody is draining.
+  bool Enter(Direction way, bool from_reactor);
+  Progress Step(Direction way, unsigned long& total);
+  Progress Move(const CItem& item, long& moved);
+  bool CallTransport(const CItem& item, long& moved, long timeout_ms);
+  void Account(Direction way, CItem& item, long moved);
+  void Complete(Direction way);
+  Progress Fail(unsigned code);  // disconnects; always kClosed
+  CDeadline NextDeadline() const;
 
   CPropertyList properties_;
   std::atomic<IThreadSafty*> thread_safty_;
@@ -168,18 +177,17 @@ class CBaseStream : public IBaseStream,
   std::atomic<void*> user_data_{nullptr};
   std::atomic<bool> had_connected_;
   std::atomic<bool> closed_{false};
-  std::atomic<bool> read_flag_{false};
+  std::atomic<bool> ended_{false};
   std::atomic<bool> has_limits_{false};
   const StreamType type_;
 
   mutable CMutexLock queue_lock_;
-  CTransfer receive_ GUARDED_BY(queue_lock_);
-  CTransfer send_ GUARDED_BY(queue_lock_);
+  CTransfer transfers_[2] GUARDED_BY(queue_lock_);  // by Direction
   CRefObj<IMemAlloctor> allocator_ GUARDED_BY(queue_lock_);
   std::uint64_t start_tick_ms_ GUARDED_BY(queue_lock_);
   std::uint64_t connect_timeout_ms_ GUARDED_BY(queue_lock_) = kNoTimeout;
-  std::uint64_t transport_timeout_ms_ GUARDED_BY(queue_lock_) = kNoTimeout;
   std::uint64_t request_timeout_ms_ GUARDED_BY(queue_lock_) = kNoTimeout;
+  std::list<CItem> current_[2];  // by Direction: one request or none; only the thread that is inside touches it
   OBJECT_MONITOR<CBaseStream> monitor_;
 };
 

@@ -11,13 +11,15 @@
 
 // Reasons that a stream gives for a disconnect.
 enum StreamCode : unsigned {
-  kStreamAgain = 0xC000,        // also: a write without a buffer; a receive buffer without room
-  kStreamDestroyed = 0xC001,    // the stream's last reference went
-  kStreamTimeout = 0xE004,      // a request or a socket task ran out of time; host down or unreachable
-  kStreamSocketError = 0xE005,  // also: a read without a buffer
-  kStreamTimedOut = 0xE007,     // the system's ETIMEDOUT
-  kStreamConnReset = 0xE068,    // the system's ECONNRESET
-  kStreamOtherError = 0xE3E7,   // any other errno
+  kStreamAgain = 0xC000,         // the system's EAGAIN; two more reasons share the number, as handlers know it:
+  kStreamEnd = kStreamAgain,     //   the empty write, an orderly end
+  kStreamNoRoom = kStreamAgain,  //   a receive buffer without room
+  kStreamDestroyed = 0xC001,     // the stream's last reference went
+  kStreamTimeout = 0xE004,       // a request or a socket task ran out of time; host down or unreachable
+  kStreamSocketError = 0xE005,   // also: a read without a buffer
+  kStreamTimedOut = 0xE007,      // the system's ETIMEDOUT
+  kStreamConnReset = 0xE068,     // the system's ECONNRESET
+  kStreamOtherError = 0xE3E7,    // any other errno
 };
 
 // Time-outs are milliseconds; this one means "no limit".
@@ -131,7 +133,7 @@ class IBaseStream : public IReference {
   virtual IThreadSafty* ThreadSaftyImpl() = 0;
 
   // Queues the empty write: once everything queued before it has left, the stream disconnects with
-  // kStreamAgain.
+  // kStreamEnd.
   unsigned long WriteEnd() { return Write(static_cast<IBuffer*>(nullptr), 0, kNoTimeout); }
 };
 

@@ -33,9 +33,8 @@ void* CMemBuffer::Reset(void* pointer, std::size_t size) {
 CRefObj<IBuffer> cpy2buf(IMemAlloctor* allocator, const void* data, std::size_t size) {
   if (allocator == nullptr) return {};
   CRefObj<IBuffer> buffer = allocator->GetFreeBuffer(size);
-  if (!buffer) return {};
+  if (!buffer || buffer->SetSize(size) != size) return {};
   if (size != 0) std::memcpy(buffer->GetPointer(), data, size);
-  buffer->SetSize(size);
   return buffer;
 }
 

@@ -36,8 +36,7 @@ class CMemBuffer final : public IBuffer, private CReference {
   std::size_t buffer_size_;
 };
 
-// The allocator of buffers of class T. Threads: any, except that the accounted bytes are a plain figure that
-// only Realloc changes and nothing reads.
+// The allocator of buffers of class T. Threads: any.
 template <class T>
 class CMemAlloctorEx : public IMemAlloctor, private CReference {
  public:
@@ -52,15 +51,14 @@ class CMemAlloctorEx : public IMemAlloctor, private CReference {
   CRefObj<IBuffer> CreateBuffer(std::size_t size) override;
 
  private:
-  std::size_t accounted_bytes_ = 0;
-  std::size_t max_buffer_size_;
+  const std::size_t max_buffer_size_;
 };
 
 // The process-wide allocator.
 extern CRefObj<IMemAlloctor> g_pMemAlloctor;
 
-// A fresh buffer that holds a copy of `size` bytes at `data`. Empty: no allocator or no memory. The allocator's
-// maximum must not be below `size`.
+// A fresh buffer that holds a copy of `size` bytes at `data`. Empty: no allocator, no memory, or the
+// allocator's maximum is below `size`. Half a copy would be taken for the whole.
 CRefObj<IBuffer> cpy2buf(IMemAlloctor* allocator, const void* data, std::size_t size);
 CRefObj<IBuffer> cpy2buf(const void* data, std::size_t size);
 
@@ -76,9 +74,7 @@ void* CMemAlloctorEx<T>::Realloc(IBuffer* buffer, std::size_t size) {
   if (buffer == nullptr) return nullptr;
   void* block = std::realloc(buffer->GetActualPointer(), size);
   if (size != 0 && block == nullptr) return nullptr;
-  accounted_bytes_ -= buffer->GetActualSize();
   buffer->Reset(block, size);
-  accounted_bytes_ += buffer->GetActualSize();
   return block;
 }
 
