@@ -4,6 +4,7 @@
 
 #include <atomic>
 #include <cstdint>
+#include <limits>
 #include <string>
 
 #include "object/object_monitor.h"
@@ -13,8 +14,10 @@
 
 // Owns its socket, which it expects to be non-blocking. What would block is handed to the tracker as a task;
 // while a task of one direction is pending, further calls in that direction return true with nothing done.
-// Without a tracker, a call that would block waits. Every stream is disconnected before its last reference
-// goes; see the destructor.
+// Without a tracker, a call that would block waits. One connection does not hold the reactor's thread: what it
+// reads and sends there in one turn has a bound, and its next turn comes after those of the others. A turn of
+// reading also ends when the handler answers kReadStep with false: it had to wait for the far side. Every
+// stream is disconnected before its last reference goes; see the destructor.
 class CSockStream : public CBaseStream {
  public:
   // Live streams of the process.
@@ -34,9 +37,8 @@ class CSockStream : public CBaseStream {
   // The socket has become ready for `op`. Reactor's work thread; the caller holds a reference.
   void do_op(SelectOp op);
 
-  // Shuts the socket down both ways and tells the handler, once. At the end of a write (kStreamAgain) that the
-  // peer has not received in full yet, a CTCPLingerTask takes the receiving direction over instead. Never
-  // throws.
+  // Shuts the socket down both ways and tells the handler, once. At an orderly end (HasEnded) of which the peer
+  // has not received everything yet, a CTCPLingerTask takes the receiving direction over instead. Never throws.
   bool Disconnect_impl(unsigned int reason) override;
   // The socket's own and its peer's address as text, "127.0.0.1:22".
   const char* GetStreamName_impl() const override { return local_name_.c_str(); }
@@ -55,12 +57,14 @@ class CSockStream : public CBaseStream {
 
  private:
   static constexpr int kNoSocket = 0;
-  // A sender that never pauses must not keep the reactor from the other connections: after this much the stream
-  // waits for its turn in the next pass.
-  static constexpr std::int64_t kReadBurstBytes = 64 * 1024;
+  // What the reactor's thread reads or sends for this stream in one turn.
+  static constexpr std::int64_t kReadTurnBytes = 64 * 1024;
+  static constexpr std::int64_t kSendTurnBytes = 256 * 1024;
+  static constexpr std::int64_t kNoBound = std::numeric_limits<std::int64_t>::max();
 
   void ReadNames();
-  bool WaitInTracker(SelectOp op, std::atomic<bool>& pending);
+  CTCPTask TaskFor(SelectOp op);
+  bool WaitInTracker(const CTCPTask& task, std::atomic<bool>& pending);
   bool Notify(NotifyType type, IBuffer* buffer, unsigned long length, bool without_handler);
 
   std::string local_name_;
@@ -68,7 +72,8 @@ class CSockStream : public CBaseStream {
   std::atomic<bool> read_pending_{false};
   std::atomic<bool> write_pending_{false};
   CReadAhead ahead_;
-  std::atomic<std::int64_t> read_budget_{kReadBurstBytes};  // bytes to read before the reactor has to come by
+  std::atomic<std::int64_t> read_budget_{kReadTurnBytes};  // left of this turn
+  std::atomic<std::int64_t> send_budget_{kNoBound};  // the same; other threads than the reactor's have no bound
   std::atomic<int> socket_{kNoSocket};
   std::atomic<ITCPTaskTracker*> tracker_{nullptr};
   OBJECT_MONITOR<CSockStream> monitor_;

@@ -49,3 +49,12 @@ unsigned long CTCPStreamTask::timeleft() {
   if (timed_out_) GXModLog(kGXModLogError, "[CTCPStreamTask::timeout] read/write timeout");
   return left;
 }
+
+CTCPTurnTask::CTCPTurnTask(CSockStream* stream) : ITCPTask(-1, kSelectReadable), stream_(stream) {}
+
+CTCPTurnTask::~CTCPTurnTask() = default;
+
+bool CTCPTurnTask::Done() {
+  stream_->do_op(kSelectReadable);
+  return true;
+}
