@@ -95,15 +95,4 @@ TEST_F(ReadAheadTest, BytesComeBeforeAFailureAndTheFailureIsNotLost) {
   EXPECT_EQ(errno, ECONNRESET);
 }
 
-TEST_F(ReadAheadTest, PeekLeavesTheBytes) {
-  Send(3 * kRead);
-  Receive(kRead);
-  Receive(kRead);
-  ASSERT_FALSE(ahead_.empty());
-  char byte = 0;
-  EXPECT_EQ(ahead_.Receive(ends_[0], &byte, 1, MSG_PEEK), 1);
-  EXPECT_EQ(byte, sent_[received_]);
-  EXPECT_EQ(Receive(kRead), static_cast<ssize_t>(kRead));
-}
-
 }  // namespace
