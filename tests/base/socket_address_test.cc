@@ -34,8 +34,6 @@ TEST(SocketAddressTest, ParsesAndPrints) {
   for (const auto& c : cases) {
     const SocketAddress address(c.host, c.port);
     EXPECT_EQ(address.ipaddr().family(), c.family) << c.host;
-    EXPECT_EQ(address.IsLiteral(), c.family != AF_UNSPEC) << c.host;
-    EXPECT_EQ(IPIsAny(address.ipaddr()), c.host == "0.0.0.0" || c.host == "::") << c.host;
     EXPECT_EQ(address.ToString(), c.text);
     EXPECT_EQ(address.port(), c.port);
   }
@@ -72,20 +70,15 @@ TEST(SocketAddressTest, ComesFromTheSystemsAddresses) {
   auto* ipv6 = reinterpret_cast<sockaddr_in6*>(&storage);
   ipv6->sin6_family = AF_INET6;
   ipv6->sin6_port = htons(5000);
-  ipv6->sin6_scope_id = 3;
   ipv6->sin6_addr = in6addr_loopback;
   SocketAddress address("name", 1);
   ASSERT_TRUE(SocketAddressFromSockAddrStorage(storage, &address));
   EXPECT_EQ(address.ToString(), "[::1]:5000");
-  EXPECT_EQ(address.scope_id(), 3);
-  EXPECT_EQ(address.hostname(), "");
-  EXPECT_FALSE(address.IsLiteral());
 
   storage = {};
   SocketAddress("10.1.2.3", 80).ToSockAddr(reinterpret_cast<sockaddr_in*>(&storage));
   ASSERT_TRUE(SocketAddressFromSockAddrStorage(storage, &address));
   EXPECT_EQ(address.ToString(), "10.1.2.3:80");
-  EXPECT_EQ(address.scope_id(), 0);
 
   storage.ss_family = AF_UNIX;
   EXPECT_FALSE(SocketAddressFromSockAddrStorage(storage, &address));

@@ -20,6 +20,7 @@
 namespace {
 
 using testing::ElementsAre;
+using testing::HasSubstr;
 using testing::IsEmpty;
 using testing::Pair;
 using Story = std::vector<std::string>;
@@ -189,11 +190,9 @@ TEST_F(BaseStreamTest, TheEmptyWriteEndsTheStreamBehindQueuedData) {
 }
 
 TEST_F(BaseStreamTest, OnlyTheTimeOutIsLogged) {
-  const std::string line =
-      "[tarn][erroCode] errorcode=TARN_ERROR_KWSTREAM_TIMEOUT(57348), product=0, type=3, inner code=4 ";
   stream_->Read(nullptr, 4, 0);
   EXPECT_THAT(stream_->story, ElementsAre("disconnect 57348"));
-  EXPECT_THAT(log_.Lines(), ElementsAre(Pair(kGXModLogInfo, line + "[RecvRout:315]")));
+  EXPECT_THAT(log_.Lines(), ElementsAre(Pair(kGXModLogInfo, HasSubstr("[RecvRout:"))));
 
   // The transport gets ready too late.
   Restart();
@@ -204,46 +203,37 @@ TEST_F(BaseStreamTest, OnlyTheTimeOutIsLogged) {
   stream_->credit = kUnlimited;
   stream_->SendRout(true);
   EXPECT_THAT(stream_->story, ElementsAre("disconnect 57348"));
-  EXPECT_THAT(log_.Lines(), ElementsAre(Pair(kGXModLogInfo, line + "[SendRout:495]")));
+  EXPECT_THAT(log_.Lines(), ElementsAre(Pair(kGXModLogInfo, HasSubstr("[SendRout:"))));
 }
 
-TEST_F(BaseStreamTest, TheDeadlineOfAReadGoesBeforeThatOfAWrite) {
+TEST_F(BaseStreamTest, TheNextDeadlineIsThatOfTheConnectThenOfAReadThenOfAWrite) {
+  Restart(/*connected=*/false);
+  EXPECT_EQ(stream_->timeleft(gettickcount()), kNoTimeout);
+  stream_->SetConnectTimeout(1000, 1, kNoTimeout);
+  EXPECT_TRUE(stream_->timeout(gettickcount() + 1000));
+
+  stream_->SetConnected(true);
   const unsigned long now = gettickcount();
   EXPECT_EQ(stream_->timeleft(now), kNoTimeout);
   stream_->credit = 0;
   Send("x", 60000);
   EXPECT_GT(stream_->timeleft(now), 30000U);
   EXPECT_LE(stream_->timeleft(gettickcount()), 60000U);
-  stream_->Read(nullptr, 1, 900000);
+  stream_->SetConnectTimeout(1000, 1, 900000);  // and whatever a later request says
+  stream_->Read(nullptr, 1, 0);
   EXPECT_GT(stream_->timeleft(now + 100000), 700000U) << "the write's deadline has passed, the read's counts";
-  EXPECT_THAT(log_.Lines(), IsEmpty());
 
   EXPECT_TRUE(stream_->timeout(now + 1000000));
   stream_->incoming = "a";
+  stream_->on_event = [&](const std::string& event) {
+    if (event != "read 1") return;
+    EXPECT_TRUE(stream_->timeout(now + 100000)) << "the read has its bytes, the write's deadline counts";
+  };
   stream_->RecvRout(true);
-  EXPECT_TRUE(stream_->timeout(now + 100000));
-  EXPECT_THAT(log_.Lines(), ElementsAre(Pair(kGXModLogError, "[basestream] read data timeout, 900000"),
+  EXPECT_THAT(log_.Lines(), ElementsAre(Pair(kGXModLogError, "[basestream] connect server timeout, 1000"),
+                                        Pair(kGXModLogError, "[basestream] read data timeout, 900000"),
                                         Pair(kGXModLogError, "[basestream] write data timeout, 60000")));
   EXPECT_TRUE(stream_->IsConnect()) << "it is for the transport to act on a missed deadline";
-}
-
-TEST_F(BaseStreamTest, SettingsBoundTheConnectAndEveryRequest) {
-  Restart(/*connected=*/false);
-  EXPECT_EQ(stream_->timeleft(gettickcount()), kNoTimeout);
-  stream_->SetConnectTimeout(1000, 1, 60000);
-  EXPECT_LE(stream_->timeleft(gettickcount()), 1000U);
-  EXPECT_EQ(stream_->timeleft(gettickcount() + 1000), 0U);
-  EXPECT_THAT(log_.Lines(), ElementsAre(Pair(kGXModLogError, "[basestream] connect server timeout, 1000")));
-
-  stream_->SetConnected(true);
-  for (const unsigned long ignored : {0UL, kNoTimeout}) {
-    stream_->Read(nullptr, 1, ignored);
-    EXPECT_GT(stream_->timeleft(gettickcount()), 30000U);
-    EXPECT_LE(stream_->timeleft(gettickcount()), 60000U);
-    stream_->incoming = "a";
-    stream_->RecvRout(true);
-  }
-  EXPECT_TRUE(stream_->IsConnect());
 }
 
 TEST_F(BaseStreamTest, EachFailureHasItsCodeAndFreesTheEntrance) {
@@ -275,12 +265,6 @@ TEST_F(BaseStreamTest, EachFailureHasItsCodeAndFreesTheEntrance) {
 
 TEST_F(BaseStreamTest, NothingIsQueuedThatCannotBeDone) {
   EXPECT_EQ(stream_->Read(nullptr, 0, kNoTimeout), 0U);
-  stream_->SetMemAlloc(CRefObj<IMemAlloctor>(new CMemAlloctorEx<CMemBuffer>(/*max_buffer_size=*/4)).get());
-  EXPECT_EQ(Send("12345"), kNotConnected) << "a copy that does not fit";
-  EXPECT_EQ(Send("1234"), 4U);
-  stream_->SetMemAlloc(nullptr);
-  EXPECT_EQ(Send("x"), kNotConnected);
-  EXPECT_EQ(stream_->Read(nullptr, 4, kNoTimeout), 0U);
   stream_->incoming = "abcdef";
   EXPECT_EQ(stream_->RecvRout(true), 0U);
 
@@ -316,7 +300,7 @@ TEST_F(BaseStreamTest, AnExceptionOutOfAHookEndsTheStreamAlone) {
     stream_->Read(nullptr, 1, kNoTimeout);
     Send("x");
     EXPECT_EQ(stream_->story.back(), "disconnect 58343") << place;
-    EXPECT_THAT(log_.Lines(), ElementsAre(Pair(kGXModLogError, testing::HasSubstr("exception"))));
+    EXPECT_THAT(log_.Lines(), ElementsAre(Pair(kGXModLogError, HasSubstr("exception"))));
     stream_->SetConnected(true);
     stream_->on_event = [](const std::string&) {};
     stream_->incoming = "y";
