@@ -3,6 +3,9 @@
 #include <signal.h>
 #include <sys/select.h>
 
+#include <cassert>
+#include <exception>
+
 #include "base/clock.h"
 
 GX_MONITOR_CLASS(1, CBaseThread);
@@ -11,32 +14,32 @@ namespace {
 
 constexpr unsigned long kNoLimit = ~0UL;
 
-// Blocks every signal on the calling thread to the end of the scope; a thread created meanwhile inherits that.
-class AllSignalsBlocked {
+// A fault of the thread itself raises these: blocked, they end the process without the host's handler.
+constexpr int kSignalsOfOwnFaults[] = {SIGSEGV, SIGBUS, SIGFPE, SIGILL, SIGTRAP, SIGSYS, SIGABRT};
+
+// Blocks all other signals on the calling thread to the end of the scope; a thread created meanwhile inherits
+// that.
+class HostSignalsBlocked {
  public:
-  AllSignalsBlocked() {
-    sigset_t all;
-    sigfillset(&all);
-    pthread_sigmask(SIG_SETMASK, &all, &previous_);
+  HostSignalsBlocked() {
+    sigset_t blocked;
+    sigfillset(&blocked);
+    for (const int signal : kSignalsOfOwnFaults) sigdelset(&blocked, signal);
+    pthread_sigmask(SIG_SETMASK, &blocked, &previous_);
   }
-  AllSignalsBlocked(const AllSignalsBlocked&) = delete;
-  AllSignalsBlocked& operator=(const AllSignalsBlocked&) = delete;
-  ~AllSignalsBlocked() { pthread_sigmask(SIG_SETMASK, &previous_, nullptr); }
+  HostSignalsBlocked(const HostSignalsBlocked&) = delete;
+  HostSignalsBlocked& operator=(const HostSignalsBlocked&) = delete;
+  ~HostSignalsBlocked() { pthread_sigmask(SIG_SETMASK, &previous_, nullptr); }
 
  private:
   sigset_t previous_;
 };
 
-// Memory may run out inside a hook or a step. The host's process must not end for that; the thread does.
-template <class Work>
-void Contain(Work work) {
-  try {
-    work();
-  } catch (...) {
-  }
-}
+std::atomic<CBaseThread::FailureLog> g_failure_log{nullptr};
 
 }  // namespace
+
+CBaseThread::~CBaseThread() { assert(!joinable_ && "a thread outlives its object"); }
 
 bool CBaseThread::Run() { return Run_(false); }
 
@@ -57,7 +60,7 @@ bool CBaseThread::Run_(bool detach) {
   stop_requested_ = false;
   exited_ = false;
   creator_id_ = GetCurrentThreadNumber();
-  const AllSignalsBlocked blocked;
+  const HostSignalsBlocked blocked;
   if (pthread_create(&handle_, nullptr, &CBaseThread::ThreadFunc, this) != 0) {
     started_ = false;
     handle_ = pthread_t{};
@@ -102,13 +105,15 @@ void CBaseThread::SetThreadName(const char* name) {
   if (name != nullptr) name_ = name;
 }
 
+void CBaseThread::SetFailureLog(FailureLog log) { g_failure_log = log; }
+
 void* CBaseThread::ThreadFunc(void* self) {
   auto* thread = static_cast<CBaseThread*>(self);
   thread->own_id_ = GetCurrentThreadNumber();
   if (thread->detached_) pthread_detach(pthread_self());
-  Contain([thread] { thread->RunLoop(); });
+  thread->Contain([thread] { thread->RunLoop(); });
   thread->exited_.store(true, std::memory_order_release);
-  Contain([thread] { thread->OnExit(); });
+  thread->Contain([thread] { thread->OnExit(); });
   return nullptr;
 }
 
@@ -116,5 +121,18 @@ void CBaseThread::RunLoop() {
   OnBegin();
   // A detached thread takes one step only: its ThreadLoop keeps its own loop inside.
   while (!IsStopRequested() && ThreadLoop() && !detached_) {
+  }
+}
+
+// Memory may run out inside a hook or a step. The host's process must not end for that; the thread does.
+template <class Work>
+void CBaseThread::Contain(Work work) noexcept {
+  const FailureLog log = g_failure_log;
+  try {
+    work();
+  } catch (const std::exception& failure) {
+    if (log != nullptr) log(name_.c_str(), failure.what());
+  } catch (...) {
+    if (log != nullptr) log(name_.c_str(), "unknown exception");
   }
 }

@@ -11,16 +11,17 @@
 #include "object/object_monitor.h"
 
 // States: not started -> Run -> running -> (a step returned false, or stop requested) exited -> Stop -> not
-// started. The thread blocks every signal, so that the host's handlers run on the host's threads. An exception
-// that leaves a step or a hook ends it, and the thread too, as if a step had returned false. Threads: one owner
-// calls everything but the On... hooks and ThreadLoop, which run on the new thread. The destructor does not
-// stop the thread: the most derived class calls Stop in its own destructor.
+// started. The thread blocks all signals but those that tell of its own fault, so that the host's handlers run
+// on the host's threads and its crash reporter hears of a crash on any. An exception that leaves a step or a
+// hook ends it, and the thread too, as if a step had returned false; the failure log is told. Threads: one
+// owner calls everything but the On... hooks and ThreadLoop, which run on the new thread. The destructor does
+// not stop the thread: the most derived class calls Stop in its own destructor.
 class CBaseThread {
  public:
   CBaseThread() = default;
   CBaseThread(const CBaseThread&) = delete;
   CBaseThread& operator=(const CBaseThread&) = delete;
-  virtual ~CBaseThread() = default;
+  virtual ~CBaseThread();
 
   // Starts a joinable thread. True when it runs, also when it had been started before.
   virtual bool Run();
@@ -52,8 +53,13 @@ class CBaseThread {
   bool IsRunning() const;
   // Called on this very thread. Any thread may ask.
   bool IsCurrent() const;
-  // Only stored; null is ignored.
+  // What the failure log calls it; null is ignored. Before Run.
   void SetThreadName(const char* name);
+
+  // Hears, on the thread itself, that an exception ended it. Threads log through what stands above this folder.
+  using FailureLog = void (*)(const char* thread, const char* what) noexcept;
+  // For all threads of the process; null: nobody hears.
+  static void SetFailureLog(FailureLog log);
 
  protected:
   bool IsStopRequested() const { return stop_requested_.load(std::memory_order_acquire); }
@@ -61,6 +67,8 @@ class CBaseThread {
  private:
   static void* ThreadFunc(void* self);
   void RunLoop();
+  template <class Work>
+  void Contain(Work work) noexcept;
   void JoinOnce();
 
   pthread_t handle_{};
@@ -71,7 +79,7 @@ class CBaseThread {
   std::atomic<bool> detached_{false};
   std::uint32_t creator_id_ = 0;
   std::atomic<std::uint32_t> own_id_{0};
-  std::string name_;
+  std::string name_ = "unnamed";
   OBJECT_MONITOR<CBaseThread> monitor_;
 };
 

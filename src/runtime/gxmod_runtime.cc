@@ -6,11 +6,19 @@
 #include <memory>
 #include <new>
 
+#include "base/base_thread.h"
+
 namespace {
 
 constexpr std::size_t kLogLineBytes = 4096;  // with the terminator; a longer text is cut without notice
 
+void LogFailureOfThread(const char* thread, const char* what) noexcept {
+  GXModLog(kGXModLogError, "[thread] %s ended with an exception: %s", thread, what);
+}
+
 }  // namespace
+
+CGXModRuntime::CGXModRuntime() { CBaseThread::SetFailureLog(&LogFailureOfThread); }
 
 void CGXModRuntime::Log(int level, const char* text) {
   CAutoLock lock(lock_);

@@ -12,7 +12,8 @@
 // through the module from inside one.
 class CGXModRuntime final : public IGXModRuntime {
  public:
-  CGXModRuntime() = default;
+  // Lines about threads that end by an exception come here from now on.
+  CGXModRuntime();
   CGXModRuntime(const CGXModRuntime&) = delete;
   CGXModRuntime& operator=(const CGXModRuntime&) = delete;
 

@@ -3,11 +3,14 @@
 #include <gtest/gtest.h>
 
 #include <atomic>
+#include <new>
 #include <stdexcept>
 #include <string>
 #include <thread>
 #include <utility>
 #include <vector>
+
+#include "base/base_thread.h"
 
 namespace {
 
@@ -51,6 +54,28 @@ TEST_F(RuntimeTest, AHostThatThrowsCostsTheLineOnly) {
   GXModLog(kGXModLogInfo, "throw");
   GXModLog(kGXModLogInfo, "next");
   EXPECT_EQ(host_.lines_.size(), 1u);
+}
+
+class Unlucky final : public CBaseThread {
+ public:
+  Unlucky() { SetThreadName("worker"); }
+  ~Unlucky() override { Stop(); }
+
+ private:
+  void OnBegin() override { throw std::bad_alloc(); }
+  bool ThreadLoop() override { return false; }
+  void OnExit() override { throw 1; }
+};
+
+TEST_F(RuntimeTest, AThreadThatAnExceptionEndsSaysSo) {
+  {
+    Unlucky thread;
+    EXPECT_TRUE(thread.Run());
+  }
+  const auto line = [](const std::string& what) {
+    return std::make_pair(4, "[thread] worker ended with an exception: " + what);
+  };
+  EXPECT_EQ(host_.lines_, (std::vector{line("std::bad_alloc"), line("unknown exception")}));
 }
 
 TEST_F(RuntimeTest, CallsIntoTheHostNeverOverlap) {
