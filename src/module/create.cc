@@ -3,6 +3,7 @@
 #include <strings.h>
 
 #include <cstdio>
+#include <exception>
 #include <string>
 
 #include "module/create_policy_helper.h"
@@ -66,7 +67,10 @@ std::uint32_t ssh_control_create(void* params, void** out) {
   }
   try {
     return Create(static_cast<IGXModCreateParams*>(params), out);
+  } catch (const std::exception& failure) {  // no memory
+    GXModLog(kGXModLogError, "[ssh_control] ssh_control_create fail, %s", failure.what());
   } catch (...) {
-    return kNotCreated;  // no memory
+    GXModLog(kGXModLogError, "[ssh_control] ssh_control_create fail, the host's params threw");
   }
+  return kNotCreated;
 }

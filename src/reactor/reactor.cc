@@ -1,18 +1,27 @@
 #include "reactor/reactor.h"
 
+#include <cassert>
+#include <new>
+
 #include "runtime/gxmod_runtime.h"
 
 template <class Tracker>
 bool CReactor_T<Tracker>::Run(unsigned long threads) {
   if (IsRunning()) return true;
+  assert(threads_.empty());
   stopping_.store(false, std::memory_order_release);
-  thread_count_ = threads;
   this->Start(threads);  // a tracker that runs already goes on as it is
-  while (threads_.size() < thread_count_) {
-    auto thread = std::make_unique<CWorkThread>(this);
-    if (!thread->Run()) break;
-    threads_.push_back(std::move(thread));
+  try {
+    while (threads_.size() < threads) {
+      // In the list before it runs: Stop has to find every thread that there is.
+      threads_.push_back(std::make_unique<CWorkThread>(this));
+      if (threads_.back()->Run()) continue;
+      threads_.pop_back();
+      break;
+    }
+  } catch (const std::bad_alloc&) {
   }
+  if (threads_.empty()) this->Shutdown();  // nobody would serve what it accepts
   running_.store(!threads_.empty(), std::memory_order_release);
   return IsRunning();
 }

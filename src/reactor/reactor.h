@@ -10,8 +10,8 @@
 #include "base/mutex_lock.h"
 #include "reactor/select_tracker.h"
 
-// States: created; running, from a successful Run to Stop; stopped, until the next Run. A work thread that the
-// tracker sends away (select failed, or no wake-up socket) is not restarted before the next Stop and Run.
+// States: created; running, from a successful Run to Stop; stopped, until the next Run. Nothing but Stop ends a
+// work thread: the tracker gets over a select that fails and a wake-up socket that cannot be had.
 // Threads: Run and Stop are the owner's and must not overlap; AddTask, SetTimer and KillTimer are anybody's.
 template <class Tracker>
 class CReactor_T : public Tracker {
@@ -19,7 +19,8 @@ class CReactor_T : public Tracker {
   CReactor_T() = default;
   ~CReactor_T() override { Stop(); }
 
-  // Starts `threads` work threads. False when none could be started. True at once while running.
+  // Starts `threads` work threads, or as many as there is memory and room for. False when none could be
+  // started: the reactor is as stopped as before. True at once while running.
   bool Run(unsigned long threads);
   // Ends every wait, joins the threads and drops every task and timer without running it. True when every
   // thread has ended.
@@ -33,7 +34,7 @@ class CReactor_T : public Tracker {
  private:
   class CWorkThread final : public CBaseThread {
    public:
-    explicit CWorkThread(CReactor_T* reactor) : reactor_(reactor) {}
+    explicit CWorkThread(CReactor_T* reactor) : reactor_(reactor) { SetThreadName("reactor"); }
     ~CWorkThread() override { Stop(); }
     using CBaseThread::Stop;
 
@@ -49,7 +50,6 @@ class CReactor_T : public Tracker {
   // One work thread at a time waits, and fires timers; the others run a task or wait for their turn. Only work
   // threads take it.
   CStdMutex turn_;
-  unsigned long thread_count_ = 0;                   // as the last Run asked for
   std::list<std::unique_ptr<CWorkThread>> threads_;  // only Run and Stop, on the owner's thread
   std::atomic<bool> stopping_{false};
   std::atomic<bool> running_{false};

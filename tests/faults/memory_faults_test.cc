@@ -1,75 +1,121 @@
-// Memory that runs out, and threads that cannot be had, at every single place of a connection's life.
+// Memory that runs out, and threads that cannot be had, at every single place of the module's life.
 #include <errno.h>
 #include <gtest/gtest.h>
 #include <pthread.h>
+#include <sys/socket.h>
 
 #include <atomic>
+#include <chrono>
 #include <cstdlib>
 #include <iostream>
 #include <new>
 #include <string>
 #include <thread>
+#include <utility>
 
+#include "module/create.h"
+#include "module/ssh_client.h"
 #include "support/echo_client.h"
 #include "support/far_side.h"
-#include "support/forwarding.h"
+#include "support/leak_gate.h"
+#include "support/log_capture.h"
 #include "support/scale.h"
 
 namespace {
 
-// Counts down over the allocations of the module's own threads; the one that reaches 0 fails. With none armed
-// the figure only falls. The same for the threads that the module starts.
-constexpr long kNever = 1L << 40;
-std::atomic<long> g_until_failure{kNever};
-std::atomic<long> g_threads_until_failure{kNever};
-thread_local bool t_counts = false;
-
-bool Fails() { return t_counts && g_until_failure.fetch_sub(1) == 1; }
-
-// What the host does on a thread of the module's is not the module's.
-class HostCode {
+// What the module asks for, on any thread. Armed with n, its n-th request fails, and `more` that follow at
+// once.
+class Resource {
  public:
-  HostCode() { t_counts = false; }
-  HostCode(const HostCode&) = delete;
-  HostCode& operator=(const HostCode&) = delete;
-  ~HostCode() { t_counts = counted_; }
+  void Arm(long n, long more) {
+    more_ = more;
+    until_failure_ = n;
+  }
+  bool Fails() {
+    const long left = until_failure_.fetch_sub(1);
+    return left <= 1 && left >= 1 - more_;
+  }
+  bool HasFailed() const { return until_failure_ <= 0; }
+  void Disarm() { until_failure_ = kNever; }
 
  private:
-  const bool counted_ = t_counts;
+  static constexpr long kNever = 1L << 40;
+  std::atomic<long> until_failure_{kNever};
+  std::atomic<long> more_{0};
 };
+
+Resource g_memory;
+Resource g_threads;
+std::atomic<long> g_blocks{0};  // of memory that the process has and has not given back
+thread_local bool t_in_module = false;
+
+// The code of the host, or of the module, to the end of the scope. Only the module's requests fail.
+class Inside {
+ public:
+  explicit Inside(bool module) : before_(std::exchange(t_in_module, module)) {}
+  Inside(const Inside&) = delete;
+  Inside& operator=(const Inside&) = delete;
+  ~Inside() { t_in_module = before_; }
+
+ private:
+  const bool before_;
+};
+constexpr bool kHost = false;
+constexpr bool kModule = true;
+
+template <class Call>
+auto InModule(Call call) {
+  const Inside module(kModule);
+  return call();
+}
 
 struct Start {
   void* (*function)(void*);
   void* argument;
 };
 
-void* RunCounted(void* memory) {
+void* RunInModule(void* memory) {
   const Start start = *static_cast<Start*>(memory);
   delete static_cast<Start*>(memory);
-  t_counts = true;
+  t_in_module = true;
   return start.function(start.argument);
 }
 
 }  // namespace
 
-// The linker sends every malloc and pthread_create of the module and the test here; a std::thread starts inside
-// the C++ runtime and is not meant.
+// The linker sends every call of the module and the test here; a std::thread starts inside the C++ runtime and
+// is not meant.
 extern "C" {
 void* __real_malloc(std::size_t size);
-void* __wrap_malloc(std::size_t size) { return Fails() ? nullptr : __real_malloc(size); }
+void* __wrap_malloc(std::size_t size) {
+  if (t_in_module && g_memory.Fails()) return nullptr;
+  void* block = __real_malloc(size);
+  if (block != nullptr) ++g_blocks;
+  return block;
+}
+
+void __real_free(void* block);
+void __wrap_free(void* block) {
+  if (block != nullptr) --g_blocks;
+  __real_free(block);
+}
 
 int __real_pthread_create(pthread_t*, const pthread_attr_t*, void* (*)(void*), void*);
 int __wrap_pthread_create(pthread_t* thread, const pthread_attr_t* attributes, void* (*function)(void*),
                           void* argument) {
-  if (g_threads_until_failure.fetch_sub(1) == 1) return EAGAIN;
-  return __real_pthread_create(thread, attributes, RunCounted, new Start{function, argument});
+  if (g_threads.Fails()) return EAGAIN;
+  const Inside host(kHost);
+  const int result = __real_pthread_create(thread, attributes, RunInModule, new Start{function, argument});
+  // A thread that has come to its work by now shows it when its starter fails to keep account of it.
+  std::this_thread::sleep_for(std::chrono::milliseconds(1));
+  return result;
 }
 }
 
 // All forms, since a sanitizer brings its own. Out of line: the compiler must not see where the memory comes
 // from.
 [[gnu::noinline]] void* operator new(std::size_t size, const std::nothrow_t&) noexcept {
-  return Fails() ? nullptr : __real_malloc(size != 0 ? size : 1);
+  return __wrap_malloc(size != 0 ? size : 1);
 }
 [[gnu::noinline]] void* operator new(std::size_t size) {
   void* block = operator new(size, std::nothrow);
@@ -78,7 +124,7 @@ int __wrap_pthread_create(pthread_t* thread, const pthread_attr_t* attributes, v
 }
 void* operator new[](std::size_t size, const std::nothrow_t& tag) noexcept { return operator new(size, tag); }
 void* operator new[](std::size_t size) { return operator new(size); }
-[[gnu::noinline]] void operator delete(void* block) noexcept { std::free(block); }
+[[gnu::noinline]] void operator delete(void* block) noexcept { __wrap_free(block); }
 void operator delete(void* block, std::size_t) noexcept { operator delete(block); }
 void operator delete[](void* block) noexcept { operator delete(block); }
 void operator delete[](void* block, std::size_t) noexcept { operator delete(block); }
@@ -89,17 +135,16 @@ using gxtest::FarSide;
 using gxtest::Pattern;
 using gxtest::TcpClient;
 
-// The host's part of a call from the module: its allocations are none of the module's.
 class HostStream final : public IPluginStreamRaw, private CReference {
  public:
   explicit HostStream(CRefObj<gxtest::PluginStream> stream) : stream_(std::move(stream)) {}
   GX_FORWARD_REFERENCE();
   std::uint32_t Read(void* data, unsigned length, unsigned* got, unsigned flags) override {
-    const HostCode host;
+    const Inside host(kHost);
     return stream_->Read(data, length, got, flags);
   }
   std::uint32_t Write(const void* data, unsigned length, unsigned* written, unsigned flags) override {
-    const HostCode host;
+    const Inside host(kHost);
     return stream_->Write(data, length, written, flags);
   }
   std::uint32_t Close() override { return stream_->Close(); }
@@ -108,39 +153,107 @@ class HostStream final : public IPluginStreamRaw, private CReference {
   const CRefObj<gxtest::PluginStream> stream_;
 };
 
-class HostLog final : public LogCapture {
+class HostLog final : public LogKeeper {
  public:
-  void Log(int, const char*) override {}
+  void Log(int level, const char*) override { errors_ += level == kGXModLogError ? 1 : 0; }
+  std::atomic<int> errors_{0};
 };
+
+// What a host asks `create` for.
+class Params final : public IGXModCreateParams, public IGXModData, private CReference {
+ public:
+  GX_FORWARD_REFERENCE();
+  IGXModData* GetProperty(const char* key) override {
+    type_ = std::string_view(key) == kGXModPropertyVersion ? kGXModDataUInt64 : kGXModDataText;
+    return this;
+  }
+  int GetType() const override { return type_; }
+  const char* GetText() const override { return kControlSshInterfaceName; }
+  std::uint64_t GetUInt64() const override { return GXModPackVersion(kControlSshVersion); }
+
+ private:
+  int type_ = 0;
+};
+
+int ListeningSockets() {
+  int count = 0;
+  for (int descriptor = 0; descriptor < FD_SETSIZE; ++descriptor) {
+    int listens = 0;
+    socklen_t length = sizeof listens;
+    if (getsockopt(descriptor, SOL_SOCKET, SO_ACCEPTCONN, &listens, &length) == 0) count += listens;
+  }
+  return count;
+}
 
 class MemoryFaults : public gxtest::LeakGate {
  protected:
-  void TearDown() override {
-    Exit();
-    LeakGate::TearDown();
+  // From `init` to `uninit`, with connections between if it comes to that. Once the n-th request for `resource`
+  // has failed, results tell the truth, at most one connection is lost, and nothing is left. False: there were
+  // not so many requests.
+  bool Live(Resource& resource, long n, long more) {
+    const long blocks = g_blocks;
+    HostLog log;
+    bool reached = false;
+    {
+      const CRefObj<Params> params(new Params);
+      const CRefObj<gxtest::PluginStream> stream(new gxtest::PluginStream);
+      const CRefObj<IPluginStreamRaw> host_stream(new HostStream(stream));
+      resource.Arm(n, more);
+      EXPECT_TRUE(InModule([&] { return ssh_control_init(static_cast<IGXModRuntime*>(&log)); }));
+      void* made = nullptr;
+      const auto create = [&] {
+        return ssh_control_create(static_cast<IGXModCreateParams*>(params.get()), &made);
+      };
+      const bool created = InModule(create) == 1;
+      EXPECT_EQ(created, made != nullptr);
+      const auto plugin = CRefObj<IControlSshPlugin>::Attach(static_cast<IControlSshPlugin*>(made));
+      std::uint32_t result = kGXModFail;
+      if (plugin) {
+        const std::uint32_t initialised = InModule([&] { return plugin->InitInstance(host_stream.get()); });
+        result = InModule([&] { return plugin->Run(); });
+        EXPECT_TRUE(initialised == kGXModOk || result != kGXModOk);
+      }
+      if (result == kGXModOk) {
+        Use(plugin->GetLocalPort(), stream, resource);
+      } else {
+        EXPECT_TRUE(resource.HasFailed());
+        EXPECT_EQ(ListeningSockets(), 0);
+        EXPECT_GT(log.errors_ + more, 0) << "the reason is in the log, if there was memory for that";
+        ++failed_starts_;
+      }
+      if (plugin) InModule([&] { return plugin->ExitInstance(); });
+      reached = resource.HasFailed();
+      resource.Disarm();
+      EXPECT_EQ(ListeningSockets(), 0);
+    }
+    ssh_control_uninit();
+    EXPECT_TRUE(HasFailure() || g_blocks == blocks) << g_blocks - blocks << " blocks of memory are left";
+    return reached;
   }
 
-  // False: no port was opened.
-  bool Start() {
-    stream_ = CRefObj<gxtest::PluginStream>(new gxtest::PluginStream);
-    client_ = CRefObj<CPortForwardClientRaw>(new CPortForwardClientRaw);
-    client_->InitInstance(CRefObj<IPluginStreamRaw>(new HostStream(stream_)).get());
-    if (client_->Run() != kGXModOk) return false;
-    IChannelRaw* channel = client_->NewChannel("ssh", "", "h:1");
-    address_ = channel->get_LocalAddress();
-    return !address_.empty();
-  }
+  int failed_starts_ = 0;
+  int lost_ = 0;
 
-  void Exit() {
-    if (client_) client_->ExitInstance();
-    client_ = nullptr;
-    stream_ = nullptr;
+ private:
+  // Two connections, one within the life of the other.
+  void Use(int port, const CRefObj<gxtest::PluginStream>& stream, const Resource& resource) {
+    const bool failed_before = resource.HasFailed();
+    const FarSide far(stream);
+    gxtest::EchoClient client("127.0.0.1:" + std::to_string(port));
+    bool client_lives = client.Echoes();
+    const bool other_lived = LiveOnce(port);
+    client_lives = client_lives && client.Echoes();
+    const int lost = (client_lives ? 0 : 1) + (other_lived ? 0 : 1);
+    EXPECT_LE(lost, failed_before || !resource.HasFailed() ? 0 : 1);
+    EXPECT_EQ(far.Total().fault, "");
+    lost_ += lost;
   }
 
   // The whole life of a connection; whatever goes wrong in it ends it, so nothing here waits long.
-  bool LiveOnce() const {
-    const std::string bytes = Pattern(200'000);
-    TcpClient client(address_);
+  static bool LiveOnce(int port) {
+    const std::string bytes = Pattern(20'000);
+    TcpClient client(port);
+    if (!client.IsConnected()) return false;
     std::thread sender([&] { client.Send(bytes); });
     const bool echoed = client.Receive(bytes.size()) == bytes;
     client.FinishSending();
@@ -148,60 +261,40 @@ class MemoryFaults : public gxtest::LeakGate {
     sender.join();
     return echoed;
   }
-
-  HostLog log_;
-  CRefObj<gxtest::PluginStream> stream_;
-  CRefObj<CPortForwardClientRaw> client_;
-  std::string address_;
 };
 
-// The module has come to rest: the failure shall not meet what went before.
-void WaitForQuiet() {
-  EXPECT_TRUE(gxtest::Eventually([] {
-    const long before = g_until_failure;
-    std::this_thread::sleep_for(std::chrono::milliseconds(3));
-    return g_until_failure == before;
-  }));
-}
-
-// The n-th allocation of one connection's life fails, for every n: that connection ends at worst, or the reader
-// does. Nobody else is told anything wrong, nobody hangs, and nothing is left.
-TEST_F(MemoryFaults, EveryAllocationOfAConnectionMayFail) {
-  const long thorough_to = gxtest::Scale(30L, kNever);  // most places are met before the data flows
-  long failures = 0;
-  long lives_lost = 0;
-  bool reached = true;
-  for (long n = 1; reached && !HasFailure(); n += n < thorough_to ? 1 : 10) {
-    SCOPED_TRACE("allocation " + std::to_string(n));
-    ASSERT_TRUE(Start());
-    {
-      const FarSide far(stream_);
-      gxtest::EchoClient innocent(address_);
-      ASSERT_TRUE(innocent.Echoes());
-      WaitForQuiet();
-      g_until_failure = n;
-      const bool lived = LiveOnce();
-      reached = g_until_failure.exchange(kNever) <= 0;
-      EXPECT_TRUE(lived || reached);
-      failures += reached ? 1 : 0;
-      lives_lost += lived ? 0 : 1;
-      EXPECT_TRUE(innocent.Echoes());
-      EXPECT_TRUE(LiveOnce());
-      EXPECT_EQ(far.Total().fault, "");
+TEST_F(MemoryFaults, AnyRequestMayFail) {
+  Live(g_memory, 1L << 30, 0);  // what is made once and stays
+  const struct {
+    const char* name;
+    Resource& resource;
+    long more;
+  } cases[] = {{"allocation", g_memory, 0}, {"allocation and the next", g_memory, 1}, {"thread", g_threads, 0}};
+  for (const auto& c : cases) {
+    failed_starts_ = lost_ = 0;
+    long n = 0;
+    bool reached = true;
+    while (reached && n < 400) {
+      SCOPED_TRACE(c.name + (" " + std::to_string(++n)));
+      reached = Live(c.resource, n, c.more);
     }
-    Exit();
+    EXPECT_GT(n, 2);
+    std::cout << c.name << ": " << n - 1 << " failed, " << failed_starts_ << " starts, " << lost_
+              << " connections lost\n";
   }
-  std::cout << failures << " allocations failed, " << lives_lost << " connections were lost\n";
 }
 
-// Without one of its threads a client must not open a port that nobody answers on.
-TEST_F(MemoryFaults, WithoutAThreadNoPortIsOpened) {
-  for (int reactor_attempts = 0; reactor_attempts <= 1; ++reactor_attempts) {
-    g_threads_until_failure = 2 - reactor_attempts;
-    // The reactor is tried again when the channel needs it; the reader is not.
-    EXPECT_EQ(Start(), reactor_attempts == 1);
-    EXPECT_LE(g_threads_until_failure, 0);
-    Exit();
+TEST_F(MemoryFaults, AReactorThatCannotStartIsAsStoppedAsBefore) {
+  for (int i = 0; i < 40; ++i) {
+    CReactor_T<tcp_select_tracker> reactor;
+    const int allocation = i % 4;  // 0: the thread
+    (allocation == 0 ? g_threads : g_memory).Arm(allocation == 0 ? 1 : allocation, 0);
+    const bool runs = InModule([&] { return reactor.Run(1); });
+    g_memory.Disarm();
+    g_threads.Disarm();
+    EXPECT_EQ(runs, allocation == 1) << "only a log line may be missing";
+    EXPECT_EQ(reactor.AddTask(CTCPTask()), runs);
+    EXPECT_TRUE(reactor.Run(1));
   }
 }
 
