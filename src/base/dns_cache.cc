@@ -4,9 +4,11 @@
 #include <time.h>
 
 #include <cstddef>
+#include <optional>
 #include <utility>
 
 #include "base/file_stream.h"
+#include "base/shared_file.h"
 #include "base/singleton.h"
 #include "base/socket_address.h"
 
@@ -183,9 +185,16 @@ void DnsCache::WriteRecord(const Record& record) {
   const std::uint32_t now = Now();
   const bool fresh = now > record.timestamp && now - record.timestamp < refresh_interval_;
   if (fresh && records_.count(record.name) != 0) return;
+  std::optional<gxbase::SharedFile> file;
+  if (storage_ == nullptr) file.emplace(path_);  // what is read now stays so until it has been written back
   ReadCache();
   records_.insert_or_assign(record.name, record);
-  WriteCache();
+  const std::string text = FormatDnsRecords(records_);
+  if (file) {
+    file->Write(text);
+  } else {
+    storage_->Write(text);
+  }
 }
 
 void DnsCache::ReadCache() {
@@ -206,17 +215,6 @@ void DnsCache::ReadCache() {
     const std::uint32_t timestamp = entry.second.timestamp;
     return timestamp > now || now - timestamp > max_age;
   });
-}
-
-void DnsCache::WriteCache() {
-  if (records_.empty()) return;
-  const std::string text = FormatDnsRecords(records_);
-  FileStream file;
-  if (storage_ != nullptr) {
-    storage_->Write(text);
-  } else if (file.Open(path_, "wb+", nullptr)) {
-    file.Write(text.data(), text.size(), nullptr, nullptr);
-  }
 }
 
 bool dnscache_init(DnsCacheStorage* storage, unsigned max_age, unsigned refresh) {

@@ -3,8 +3,9 @@
 //
 // Until one of the two dnscache_init has succeeded, everything passes straight through to the system. No call
 // throws and none logs: an unreadable, oversized or damaged file is an empty cache, and what could not be saved
-// is still known in memory. The file is rewritten in place after each good answer; a crash or a full disk
-// during that costs the file, and with it what no running process remembers.
+// is still known in memory. After each good answer what the file holds by then is merged in, the newer record
+// of two wins, and the file is replaced: processes may share one, and a crash or a full disk costs nothing (see
+// SharedFile, also for folders where that cannot be done).
 #ifndef GX_BASE_DNS_CACHE_H
 #define GX_BASE_DNS_CACHE_H
 
@@ -87,7 +88,6 @@ class DnsCache {
   const Record* ReadRecord(const char* name) REQUIRES(lock_);
   void WriteRecord(const Record& record) REQUIRES(lock_);
   void ReadCache() REQUIRES(lock_);
-  void WriteCache() REQUIRES(lock_);
   // Null: the record gives no list.
   addrinfo* Record2Ai(const Record& record, const DnsQuery& query) REQUIRES(lock_);
   // This thread's block; null when it cannot be kept.

@@ -46,6 +46,6 @@ bool FileStream::GetSize(std::size_t* size) const {
   return true;
 }
 
-void FileStream::Close() { file_.reset(); }
+bool FileStream::Close() { return file_ == nullptr || std::fclose(file_.release()) == 0; }
 
 }  // namespace gxbase

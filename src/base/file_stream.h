@@ -26,7 +26,8 @@ class FileStream {
   StreamResult Write(const void* data, std::size_t size, std::size_t* written, int* error);
   // Size of the open file in bytes.
   bool GetSize(std::size_t* size) const;
-  void Close();
+  // False: some of what was written could not be saved. True without an open file.
+  bool Close();
 
  private:
   struct Closer {

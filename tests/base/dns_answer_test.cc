@@ -92,35 +92,6 @@ TEST(DnsAnswerTest, TheNameIsGivenOnRequest) {
   }
 }
 
-TEST(DnsAnswerTest, AHostentHoldsTheIpv4Addresses) {
-  const auto block = std::make_unique<DnsHostent>();
-  const hostent* host = block->FillRecord({"name", {"::1", "1.2.3.4", "5.6.7.8"}, 1});
-  ASSERT_NE(host, nullptr);
-  EXPECT_STREQ(host->h_name, "name");
-  EXPECT_EQ(*host->h_aliases, nullptr);
-  EXPECT_EQ(host->h_addrtype, AF_INET);
-  EXPECT_EQ(host->h_length, 4);
-  EXPECT_STREQ(inet_ntoa(*reinterpret_cast<in_addr*>(host->h_addr_list[0])), "1.2.3.4");
-  EXPECT_STREQ(inet_ntoa(*reinterpret_cast<in_addr*>(host->h_addr_list[1])), "5.6.7.8");
-  EXPECT_EQ(host->h_addr_list[2], nullptr);
-  EXPECT_EQ(block->FillRecord({"name", {"::1"}, 1}), nullptr);
-}
-
-TEST(DnsAnswerTest, AHostentHoldsAsManyAsFitBesideTheName) {
-  const auto block = std::make_unique<DnsHostent>();
-  for (std::size_t length = 0; length < 1500; ++length) {
-    const hostent* host = block->FillRecord(RecordOf(500, 0, std::string(length, 'n')));
-    const std::size_t used = sizeof(hostent) + 2 * sizeof(char*) + length + 1;
-    const std::size_t expected = used < 1424 ? (1424 - used) / (sizeof(char*) + sizeof(in_addr)) : 0;
-    ASSERT_EQ(host != nullptr, expected != 0) << length;
-    if (host == nullptr) continue;
-    EXPECT_EQ(std::string(host->h_name).size(), length);
-    std::size_t count = 0;
-    while (host->h_addr_list[count] != nullptr) ++count;
-    EXPECT_EQ(count, expected) << length;
-  }
-}
-
 TEST(DnsQueryTest, TheSystemTellsPortTypeAndProtocol) {
   const struct {
     const char* service;
@@ -131,12 +102,9 @@ TEST(DnsQueryTest, TheSystemTellsPortTypeAndProtocol) {
     int expected_type;
     int expected_protocol;
   } cases[] = {
-      {"22", SOCK_STREAM, 0, 0, 22, SOCK_STREAM, IPPROTO_TCP},
       {"0", 0, IPPROTO_UDP, 0, 0, SOCK_DGRAM, IPPROTO_UDP},
-      {nullptr, 0, 0, 0, 0, SOCK_STREAM, IPPROTO_TCP},
       {"no-such-service", SOCK_STREAM, 0, 0, -1, 0, 0},
       {"ssh", SOCK_STREAM, 0, AI_NUMERICSERV, -1, 0, 0},
-      {"22", SOCK_STREAM, IPPROTO_UDP, 0, -1, 0, 0},
   };
   for (const auto& c : cases) {
     addrinfo hints{};
