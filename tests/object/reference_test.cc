@@ -19,7 +19,6 @@ class Thing final : public IThing, private CReference {
   ~Thing() override { ++*destroyed_; }
 
   GX_FORWARD_REFERENCE();
-  using CReference::AddHold;
   using CReference::DropHold;
   int Value() const override { return 42; }
 
@@ -40,16 +39,6 @@ TEST_F(ReferenceTest, CountsFromZeroAndDeletesAtZero) {
   EXPECT_EQ(thing_->Release(), 1);
   EXPECT_EQ(destroyed_, 0);
   EXPECT_EQ(as_interface->Release(), 0);
-  EXPECT_EQ(destroyed_, 1);
-}
-
-TEST_F(ReferenceTest, AHoldKeepsTheObjectBeyondItsLastReference) {
-  EXPECT_EQ(thing_->AddHold(), 2);
-  thing_->AddRef();
-  EXPECT_EQ(thing_->Release(), 0);
-  EXPECT_EQ(destroyed_, 0);
-  EXPECT_EQ(thing_->AddRef(), 1) << "it may be used again";
-  EXPECT_EQ(thing_->Release(), 0);
   EXPECT_EQ(destroyed_, 1);
 }
 
