@@ -75,9 +75,10 @@ TEST_F(ConnectionsTest, TakeTurnsOnASlowLine) {
   constexpr std::size_t kBytes = 64 * 1024;
   Connection first = Connect();
   Connection second = Connect();
-  stream_->Behave({.write_at_most = 1000, .capacity = 1});
+  stream_->Behave({.capacity = 1});
   for (Connection* connection : {&first, &second}) connection->local.Send(Pattern(kBytes));
   ASSERT_TRUE(stream_->WaitUntilWriteBlocks());
+  stream_->Behave({.write_at_most = 1000});
   std::size_t in_a_row = 0;
   std::uint32_t last = 0;
   for (std::size_t received = 0; received < kBytes;) {
