@@ -32,7 +32,7 @@ class IFrameReceiver {
 // side to read.
 class CServerStreamThread final : public CBaseThread {
  public:
-  CServerStreamThread() = default;
+  CServerStreamThread() { SetThreadName("reader"); }
   ~CServerStreamThread() override { CBaseThread::Stop(); }
 
   // Before Run, not while the thread runs. `owner` is not counted.
