@@ -18,7 +18,7 @@ class CReadAhead {
   ssize_t Receive(int socket, char* data, std::size_t length, int flags);
   // Nothing is kept here.
   bool empty() const { return kept_ == 0; }
-  // Nor had the socket any more when it was last asked.
+  // The last read took less than it could: the socket is empty, too.
   bool drained() const { return empty() && emptied_; }
   // Forgets what is kept.
   void Clear();
@@ -32,7 +32,7 @@ class CReadAhead {
   std::size_t kept_ = 0;
   bool filled_ = false;   // the last read from the socket
   bool emptied_ = false;  // the socket, by that read
-  int error_ = 0;         // of a read that was cut short by it, for the next one
+  int error_ = 0;         // the errno that the next call reports
 };
 
 #endif  // GX_SOCK_READ_AHEAD_H

@@ -284,7 +284,7 @@ CBaseStream::Progress CBaseStream::Move(const CItem& item, long& moved) {
   if (!IsConnect()) return kClosed;  // a hook has disconnected: its handler shall hear of nothing more
   const bool writes = item.kind == kWrite;
   if (!item.buffer) {
-    ended_.store(writes, std::memory_order_relaxed);
+    if (writes) ended_.store(true, std::memory_order_relaxed);
     return Fail(writes ? kStreamEnd : kStreamSocketError);
   }
   const std::uint64_t left =

@@ -39,9 +39,11 @@ class IBaseStream : public IReference {
   enum NotifyType : std::uint32_t {
     kConnected = 0,
     kDisconnected = 1,  // once; the length is the reason, a StreamCode
-    kReadStep = 2,      // the length is what this step appended to the buffer
-    kWriteStep = 3,     // the length is what this step sent
-    kReadDone = 4,      // the length is that of the whole request, as in the next two
+    // The length is what this step appended to the buffer. The handler answers false when it had to wait for
+    // the far side: the stream then reads on only when others have had their turn.
+    kReadStep = 2,
+    kWriteStep = 3,  // the length is what this step sent
+    kReadDone = 4,   // the length is that of the whole request, as in the next two
     kWriteDone = 5,
     kPeekDone = 6,
   };

@@ -127,7 +127,7 @@ TEST_F(SockAcceptorTest, WhereTheSystemRefusesNothingListens) {
   KeepingAcceptor acceptor;
   KeepingTracker tracker;
   testing::internal::CaptureStdout();
-  for (const unsigned refused : {SYS_accept4, SYS_listen}) {
+  for (const long refused : {SYS_accept4, SYS_listen}) {
     ASSERT_TRUE(acceptor.StartListen("127.0.0.1:0", &tracker));
     const std::string before = acceptor.GetAddress();
     ASSERT_TRUE(acceptor.Stop());
@@ -151,7 +151,7 @@ TEST_F(SockAcceptorTest, AcceptsAgainAfterTheErrorOfOneConnection) {
   ASSERT_TRUE(acceptor.StartListen("127.0.0.1:0", &tracker));
   const TcpClient client(acceptor.GetAddress());
   testing::internal::CaptureStdout();
-  for (const unsigned error : {EPROTO, ENETDOWN, EHOSTUNREACH, ECONNABORTED, EOPNOTSUPP, EPERM}) {
+  for (const int error : {EPROTO, ENETDOWN, EHOSTUNREACH, ECONNABORTED, EOPNOTSUPP, EPERM}) {
     gxtest::WithRefusedCall(SYS_accept4, error, [&] { EXPECT_FALSE(acceptor.Accept()); });
     EXPECT_TRUE(acceptor.IsRunning());
     EXPECT_THAT(log.Lines(),

@@ -16,12 +16,12 @@ namespace gxtest {
 // Does `work` on a thread of its own, for which the system call `number` fails with `error`. Whatever threads
 // the work starts are refused it, too.
 template <class Work>
-void WithRefusedCall(unsigned number, unsigned error, Work work) {
+void WithRefusedCall(long number, int error, Work work) {
   std::thread([&] {
     sock_filter steps[] = {
         BPF_STMT(BPF_LD | BPF_W | BPF_ABS, offsetof(seccomp_data, nr)),
-        BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, number, 0, 1),
-        BPF_STMT(BPF_RET | BPF_K, SECCOMP_RET_ERRNO | error),
+        BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, static_cast<unsigned>(number), 0, 1),
+        BPF_STMT(BPF_RET | BPF_K, SECCOMP_RET_ERRNO | static_cast<unsigned>(error)),
         BPF_STMT(BPF_RET | BPF_K, SECCOMP_RET_ALLOW),
     };
     const sock_fprog program{sizeof steps / sizeof *steps, steps};
