@@ -1,5 +1,7 @@
 #include "base/mutex_lock.h"
 
+#include <cassert>
+
 CMutexLock::CMutexLock() {
   pthread_mutexattr_t attributes;
   pthread_mutexattr_init(&attributes);
@@ -11,11 +13,13 @@ CMutexLock::CMutexLock() {
 CMutexLock::~CMutexLock() { pthread_mutex_destroy(&mutex_); }
 
 bool CMutexLock::Lock() {
-  pthread_mutex_lock(&mutex_);
+  [[maybe_unused]] const int error = pthread_mutex_lock(&mutex_);
+  assert(error == 0 && "taken twice");
   return true;
 }
 
 bool CMutexLock::Unlock() {
-  pthread_mutex_unlock(&mutex_);
+  [[maybe_unused]] const int error = pthread_mutex_unlock(&mutex_);
+  assert(error == 0 && "not taken by this thread");
   return true;
 }

@@ -16,7 +16,8 @@ class ILockItem {
 };
 
 // An error-checking, non-recursive mutex. Lock and Unlock always return true, so a second Lock on the same
-// thread goes unnoticed and the first Unlock then frees the mutex: code must never take one twice.
+// thread goes unnoticed and the first Unlock then frees the mutex: code must never take one twice. Debug builds
+// assert that.
 class CAPABILITY("mutex") CMutexLock : public ILockItem {
  public:
   CMutexLock();

@@ -103,6 +103,24 @@ TEST_F(SelectTrackerTest, DescriptorsThatSelectCannotHoldWaitForTheirTimeLimit) 
   }
 }
 
+// As select tells it of a socket with urgent data.
+TEST_F(SelectTrackerTest, AnExceptionalConditionIsAnError) {
+  const int listener = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+  const int sender = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+  sockaddr address{};
+  socklen_t length = sizeof address;
+  EXPECT_EQ(listen(listener, 1), 0);
+  getsockname(listener, &address, &length);
+  EXPECT_EQ(connect(sender, &address, length), 0);
+  const int receiver = accept4(listener, nullptr, nullptr, SOCK_CLOEXEC);
+  Add(receiver, kSelectReadable);
+  EXPECT_EQ(send(sender, "!", 1, MSG_OOB), 1);
+  SelectOp op = kSelectNone;
+  EXPECT_EQ(Next(&op), receiver);
+  EXPECT_EQ(op, kSelectError);
+  for (const int descriptor : {listener, sender, receiver}) close(descriptor);
+}
+
 // More tasks than one pass takes: those left over must not wait for an event of those that were taken.
 TEST_F(SelectTrackerTest, ACrowdStarvesNobody) {
   const SocketPair quiet, busy;
