@@ -23,12 +23,13 @@ inline constexpr auto kGoodbyeFrame =
 // Back: the target has taken all of them and knows. No payload.
 inline constexpr auto kEndOfInputFrame = static_cast<gxmod::ConnectionType>(0xF3);
 
+inline constexpr auto kResetFrame = static_cast<gxmod::ConnectionType>(
+    0xF4);  // gx-ssh-peer to gx-ssh: the target's connection broke; its Close follows. No payload.
+
 inline constexpr std::size_t kPingBytes = 8;
 
 // True for the types of this header.
-constexpr bool IsControlFrame(gxmod::ConnectionType type) {
-  return type >= kPingFrame && type <= kEndOfInputFrame;
-}
+constexpr bool IsControlFrame(gxmod::ConnectionType type) { return type >= kPingFrame && type <= kResetFrame; }
 
 // A whole frame, header and payload.
 std::string MakeFrame(gxmod::ConnectionType type, std::uint32_t connection_id, std::string_view payload);

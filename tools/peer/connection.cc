@@ -202,6 +202,7 @@ std::optional<std::size_t> Connection::Read(std::span<char> out) {
   if (count < 0 && WouldBlock()) return 0;
   if (count <= 0) {
     target_ended_ = true;
+    read_failed_ = count < 0;
     return std::nullopt;
   }
   received_ += static_cast<std::size_t>(count);

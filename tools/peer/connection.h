@@ -58,6 +58,8 @@ class Connection final : public std::enable_shared_from_this<Connection>, privat
   std::uint32_t id() const { return id_; }
   const std::string& name() const { return name_; }
   State state() const { return state_; }
+  // The target's end was no end in order: bytes may be missing, there or here.
+  bool broken() const { return read_failed_ || write_failed_; }
   // The target says little at a time: somebody may be waiting for each word.
   bool interactive() const { return small_reads_ >= 2; }
   // Bytes that the target has not taken yet.
@@ -124,6 +126,7 @@ class Connection final : public std::enable_shared_from_this<Connection>, privat
   bool connected_ = false;
   bool write_waiting_ = false;
   bool target_ended_ = false;    // it has sent its last byte
+  bool read_failed_ = false;     // its end is an error
   bool write_failed_ = false;    // it takes no more bytes
   bool finish_writing_ = false;  // shut down once the queue is empty
   std::vector<iovec> gathered_;

@@ -223,6 +223,11 @@ std::string PeerSession::WhyNot(const HostPort& target) const {
 
 void PeerSession::Refuse(std::uint32_t id, const std::string& line) {
   Log(LogLevel::kWarning, line);
+  SendClose(id, true);
+}
+
+void PeerSession::SendClose(std::uint32_t id, bool broken) {
+  if (broken && !options_.raw) output_.AddControl(kResetFrame, id);
   output_.AddControl(ConnectionType::Close, id);
 }
 
@@ -289,7 +294,8 @@ void PeerSession::ReadInTurn(std::deque<ConnectionPtr>& readable, std::span<char
 
 void PeerSession::ReadTarget(const ConnectionPtr& connection, std::span<char> room) {
   const auto count = connection->Read(room);
-  if (!count) return End(*connection, "ended by the target");
+  if (!count)
+    return End(*connection, connection->broken() ? "was broken off by the target" : "ended by the target");
   if (*count != 0) output_.AddData(connection->id(), *count);
   loop_.OnRead(*count);
   if (connection->interactive()) GoFirst();
@@ -309,7 +315,7 @@ void PeerSession::GoFirst() {
 }
 
 void PeerSession::End(Connection& connection, const std::string& why) {
-  output_.AddControl(ConnectionType::Close, connection.id());
+  SendClose(connection.id(), connection.broken());
   StartClosing(connection, why);
 }
 
@@ -333,7 +339,7 @@ void PeerSession::AbortOldestClosing() {
 
 void PeerSession::Drop(Connection& connection, const std::string& why) {
   Log(LogLevel::kWarning, Label(connection) + ' ' + why);
-  output_.AddControl(ConnectionType::Close, connection.id());
+  SendClose(connection.id(), true);
   const ConnectionPtr held = connection.shared_from_this();
   live_.erase(held->id());
   held->Abort();

@@ -85,6 +85,8 @@ class PeerSession final : private StreamReader::Owner,
   std::optional<HostPort> JudgeTarget(std::uint32_t id, const std::string& text);
   std::string WhyNot(const HostPort& target) const;
   void Refuse(std::uint32_t id, const std::string& line);
+  // `broken`: the connection does not end in order, and bytes may be lost.
+  void SendClose(std::uint32_t id, bool broken);
   void OpenTarget(Connection& connection, const HostPort& target);
   void OnResolved(Connection& connection, const HostPort& target, const LookupResult& result);
   void AnswerTest();

@@ -128,13 +128,6 @@ TEST_F(PeerTest, NoOtherSpellingOfATargetPasses) {
   EXPECT_GE(rig.Connect(++id, target_).get(), 0);
 }
 
-TEST_F(PeerTest, ClosesWhatCannotBeReached) {
-  Rig rig(options_);
-  rig.Send(ConnectionType::Connect, 1, Target().Address());  // nobody listens there any more
-  rig.Send(ConnectionType::Data, 1, "lost");
-  EXPECT_EQ(rig.Next(), Of(ConnectionType::Close, 1));
-}
-
 TEST_F(PeerTest, FixedTargetOverridesWhatIsAsked) {
   options_.allow = AllowList();
   options_.target = ParseHostPort("localhost:" + std::to_string(target_.port()));
@@ -388,6 +381,23 @@ TEST_F(PeerLinkTest, GreetsThenSpeaksFramesAndSaysGoodbye) {
   EXPECT_EQ(rig.Join(), kPeerEnded);
 }
 
+TEST_F(PeerLinkTest, TellsABrokenConnectionFromOneThatEnded) {
+  Rig rig(options_);
+  Greet(rig);
+  rig.Send(ConnectionType::Connect, 1, Target().Address());  // nobody listens there any more
+  rig.Send(ConnectionType::Data, 1, "lost");
+  EXPECT_EQ(rig.Next(), Of(kResetFrame, 1));
+  EXPECT_EQ(rig.Next(), Of(ConnectionType::Close, 1));
+  rig.Connect(2, target_);
+  EXPECT_EQ(rig.Next(), Of(ConnectionType::Close, 2));
+  Descriptor broken = rig.Connect(3, target_);
+  const linger reset{1, 0};
+  ::setsockopt(broken.get(), SOL_SOCKET, SO_LINGER, &reset, sizeof reset);
+  broken.Reset();
+  EXPECT_EQ(rig.Next(), Of(kResetFrame, 3));
+  EXPECT_EQ(rig.Next(), Of(ConnectionType::Close, 3));
+}
+
 TEST_F(PeerLinkTest, TellsWhyNobodyWasFound) {
   const std::pair<const char*, const char*> cases[] = {
       {"GX-SSH-HOST 7\n", "version 7"},
@@ -437,7 +447,8 @@ TEST_F(PeerLinkTest, StopLetsWhatIsUnderWayFinish) {
     frame.id == 1 && !frame.payload.empty() ? void(received += frame.payload) : rest.push_back(frame);
   }
   EXPECT_TRUE(received == bytes);
-  EXPECT_THAT(rest, ElementsAre(Of(ConnectionType::Close, 3), Of(kGoodbyeFrame, 0, "stopped")));
+  EXPECT_THAT(rest,
+              ElementsAre(Of(kResetFrame, 3), Of(ConnectionType::Close, 3), Of(kGoodbyeFrame, 0, "stopped")));
   EXPECT_EQ(rig.Join(), kPeerEnded);
   EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(10));
 }
