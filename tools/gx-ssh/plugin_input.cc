@@ -7,6 +7,8 @@
 #include <cstring>
 #include <thread>
 
+#include "link/pieces.h"
+
 namespace gxtool {
 namespace {
 
@@ -26,12 +28,6 @@ constexpr int kCertain = 2 * kLikely;
 
 std::int64_t Milliseconds(Clock::time_point time) {
   return std::chrono::duration_cast<std::chrono::milliseconds>(time.time_since_epoch()).count();
-}
-
-std::size_t TotalBytes(std::span<const iovec> parts) {
-  std::size_t total = 0;
-  for (const iovec& part : parts) total += part.iov_len;
-  return total;
 }
 
 }  // namespace

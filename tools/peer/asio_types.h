@@ -10,7 +10,7 @@ namespace gxtool {
 
 using Clock = std::chrono::steady_clock;
 using Executor = asio::io_context::executor_type;
-using Descriptor = asio::posix::basic_stream_descriptor<Executor>;
+using StreamDescriptor = asio::posix::basic_stream_descriptor<Executor>;
 using StreamSocket = asio::basic_stream_socket<asio::generic::stream_protocol, Executor>;
 using TcpSocket = asio::basic_stream_socket<asio::ip::tcp, Executor>;
 using Timer = asio::basic_waitable_timer<Clock, asio::wait_traits<Clock>, Executor>;

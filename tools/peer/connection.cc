@@ -10,6 +10,8 @@
 #include <cerrno>
 #include <utility>
 
+#include "link/pieces.h"
+
 namespace gxtool {
 namespace {
 
@@ -27,12 +29,6 @@ constexpr std::size_t kDiscardBytes = 16 * 1024;  // read at a time when nobody 
 asio::error_code LastError() { return {errno, asio::error::get_system_category()}; }
 
 bool WouldBlock() { return errno == EAGAIN || errno == EWOULDBLOCK || errno == EINTR; }
-
-std::size_t TotalBytes(std::span<const iovec> pieces) {
-  std::size_t total = 0;
-  for (const iovec& piece : pieces) total += piece.iov_len;
-  return total;
-}
 
 }  // namespace
 

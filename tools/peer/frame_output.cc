@@ -113,7 +113,7 @@ void FrameOutput::Refill() {
 
 void FrameOutput::WaitWritable() {
   flush_pending_ = blocked_ = true;
-  fd_.async_wait(Descriptor::wait_write, [this](asio::error_code error) {
+  fd_.async_wait(StreamDescriptor::wait_write, [this](asio::error_code error) {
     if (error == asio::error::operation_aborted) return;
     error ? Break() : Flush();
   });

@@ -72,7 +72,7 @@ class FrameOutput {
   void Break();
 
   asio::io_context& io_;
-  Descriptor fd_;
+  StreamDescriptor fd_;
   Owner* const owner_;
   const std::unique_ptr<char[]> buffer_;
   std::size_t begin_ = 0;  // of what is unwritten

@@ -1,5 +1,4 @@
 // gx-ssh-peer: the far side of the tunnel as a program. Frames on stdin and stdout, words on stderr.
-#include <fcntl.h>
 #include <spdlog/sinks/stdout_sinks.h>
 #include <spdlog/spdlog.h>
 #include <sys/resource.h>
@@ -14,6 +13,7 @@
 #include <string>
 #include <utility>
 
+#include "link/descriptor.h"
 #include "peer/command_line.h"
 #include "peer/peer.h"
 
@@ -65,14 +65,6 @@ void RaiseDescriptorLimit(std::size_t connections) {
   setrlimit(RLIMIT_NOFILE, &limit);
 }
 
-// A connection must not get the number of a standard stream that was closed: words would go there.
-void FillStandardStreams() {
-  int fd = 0;
-  while ((fd = open("/dev/null", O_RDWR | O_CLOEXEC)) >= 0 && fd <= STDERR_FILENO) {
-  }
-  if (fd >= 0) close(fd);
-}
-
 int Main(int argc, const char* const* argv) {
   gxtool::CommandLine line = gxtool::ParseCommandLine(argc, argv);
   if (!line.text.empty()) {
@@ -99,10 +91,10 @@ int Main(int argc, const char* const* argv) {
 }  // namespace
 
 int main(int argc, char** argv) {
-  FillStandardStreams();
   SetUpLog();
   std::signal(SIGPIPE, SIG_IGN);
   try {
+    gxtool::FillStandardDescriptors();
     std::_Exit(Main(argc, argv));  // static objects stay: a look-up that hangs may come back and use them
   } catch (const gxtool::UsageError& error) {
     return FailUsage(error.what());

@@ -7,6 +7,7 @@
 #include "link/control_frames.h"
 #include "link/duration.h"
 #include "link/escape.h"
+#include "link/signals.h"
 
 namespace gxtool {
 namespace {
@@ -81,9 +82,7 @@ void PeerSession::Stop() {
 
 void PeerSession::WatchSignals() {
   for (const int number : {SIGTERM, SIGINT, SIGHUP}) {
-    struct sigaction present {};
-    // nohup and the like have a signal ignored on purpose.
-    if (sigaction(number, nullptr, &present) == 0 && present.sa_handler != SIG_IGN) signals_.add(number);
+    if (!IsIgnored(number)) signals_.add(number);
   }
   WaitForSignal();
 }

@@ -21,10 +21,10 @@
 #include <unordered_map>
 #include <vector>
 
+#include "link/borrowed_fd.h"
 #include "link/frame_reader.h"
 #include "link/ready_line.h"
 #include "peer/asio_types.h"
-#include "peer/borrowed_fd.h"
 #include "peer/connection.h"
 #include "peer/event_loop.h"
 #include "peer/frame_output.h"

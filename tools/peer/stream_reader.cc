@@ -8,12 +8,12 @@ namespace {
 constexpr std::size_t kReadBytes = 256 * 1024;
 
 // Asio knows of sockets, and only of them, that a short read has emptied them. That saves a call per wake-up.
-std::variant<Descriptor, StreamSocket> Open(asio::io_context& io, int fd) {
+std::variant<StreamDescriptor, StreamSocket> Open(asio::io_context& io, int fd) {
   struct stat status {};
   if (fstat(fd, &status) == 0 && S_ISSOCK(status.st_mode)) {
     return StreamSocket(io, asio::generic::stream_protocol(AF_UNSPEC, 0), fd);
   }
-  return Descriptor(io, fd);
+  return StreamDescriptor(io, fd);
 }
 
 }  // namespace

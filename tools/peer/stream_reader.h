@@ -41,7 +41,7 @@ class StreamReader {
   void Read();
   void WatchHangUp();
 
-  std::variant<Descriptor, StreamSocket> end_;
+  std::variant<StreamDescriptor, StreamSocket> end_;
   Owner* const owner_;
   const std::unique_ptr<char[]> buffer_;
   bool paused_ = false;

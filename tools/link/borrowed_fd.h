@@ -1,6 +1,6 @@
 // A second number for somebody else's descriptor.
-#ifndef GX_PEER_BORROWED_FD_H
-#define GX_PEER_BORROWED_FD_H
+#ifndef GX_LINK_BORROWED_FD_H
+#define GX_LINK_BORROWED_FD_H
 
 namespace gxtool {
 
@@ -24,4 +24,4 @@ class BorrowedFd {
 
 }  // namespace gxtool
 
-#endif  // GX_PEER_BORROWED_FD_H
+#endif  // GX_LINK_BORROWED_FD_H

@@ -1,19 +1,10 @@
-#include "peer/borrowed_fd.h"
+#include "link/borrowed_fd.h"
 
 #include <fcntl.h>
 
-#include <cerrno>
-#include <system_error>
+#include "link/descriptor.h"
 
 namespace gxtool {
-namespace {
-
-int Checked(int result, const char* what) {
-  if (result < 0) throw std::system_error(errno, std::generic_category(), what);
-  return result;
-}
-
-}  // namespace
 
 BorrowedFd::BorrowedFd(int fd) : fd_(fd), flags_(Checked(fcntl(fd, F_GETFL), "stream descriptor")) {
   fcntl(fd_, F_SETFL, flags_ | O_NONBLOCK);
