@@ -146,6 +146,7 @@ Failure Link::Summary() {
 // The next five come from threads of the module.
 
 void Link::OnChannelListDropped() {
+  if (std::exchange(channel_list_told_, true)) return;
   spdlog::warn("the far side wants to open ports here; --allow-channel-list lets it");
 }
 

@@ -88,6 +88,7 @@ class Link final : StreamObserver {
   bool ending_ = false;
   bool input_ended_ = false;
   bool down_ = false;
+  bool channel_list_told_ = false;  // only in the module's Read
 };
 
 }  // namespace gxtool

@@ -50,6 +50,15 @@ bool PluginOutput::Write(const void* data, std::size_t length) {
 
 void PluginOutput::Insert(std::string_view frame) {
   Lock lock(mutex_);
+  PutBetween(lock, frame);
+}
+
+void PluginOutput::Answer(std::string_view frame) {
+  Lock lock(mutex_);
+  if (queued() + inserts_.size() < kQueueBytes) PutBetween(lock, frame);
+}
+
+void PluginOutput::PutBetween(Lock& lock, std::string_view frame) {
   if (closed() || finished_) return;
   (between_frames_ ? queue_ : inserts_) += frame;
   Send();

@@ -47,6 +47,8 @@ class PluginOutput : FrameReader::Handler {
 
   // Puts a whole frame between those of Write, as soon as none of them is cut by it. Never blocks.
   void Insert(std::string_view frame);
+  // The same for an answer that can be spared: dropped while kQueueBytes or more wait, which answer as well.
+  void Answer(std::string_view frame);
 
   // Refuses further calls of Write, and one that waits for room as soon as there is some, and puts `frame` (may
   // be empty) behind what is queued. True: everything went out within `limit`.
@@ -66,6 +68,7 @@ class PluginOutput : FrameReader::Handler {
 
   bool closed() const { return broken_ || stop_.raised(); }
   std::size_t queued() const { return queue_.size() - sent_; }
+  void PutBetween(Lock& lock, std::string_view frame);
   void Defer();  // leaves what is queued to a later call, or to the writer's own thread
   void Send();   // what is queued, as far as the descriptor takes it
   void WaitForRoom(Lock& lock);

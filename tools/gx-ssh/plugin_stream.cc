@@ -67,7 +67,7 @@ bool PluginStream::Passes(const gxmod::FrameHeader& header) {
 
 void PluginStream::OnTaken(const gxmod::FrameHeader& header, std::string_view payload) {
   if (header.type == gxmod::ConnectionType::ChannelList) observer_.OnChannelListDropped();
-  if (header.type == kPingFrame) output_.Insert(MakeFrame(kPongFrame, 0, payload));
+  if (header.type == kPingFrame) output_.Answer(MakeFrame(kPongFrame, 0, payload));
   if (header.type == kEndOfInputFrame) observer_.OnInputDelivered(header.connection_id);
   if (header.type == kGoodbyeFrame) observer_.OnGoodbye(std::string(payload));
 }

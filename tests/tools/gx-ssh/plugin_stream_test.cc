@@ -137,6 +137,21 @@ TEST_F(PluginStreamTest, AnswersPingsBetweenFramesOnly) {
             frame + MakeFrame(kPongFrame, 0, "12345678") + MakeFrame(kGoodbyeFrame, 0, "done"));
 }
 
+TEST_F(PluginStreamTest, AnswersThatNobodyTakesDoNotPileUp) {
+  Open();
+  std::string pings;
+  for (int i = 0; i < 1000; ++i) pings += kPing;
+  auto module = std::async(std::launch::async, [this] { return ReadModule(4096); });
+  for (int i = 0; i < 200; ++i) EXPECT_TRUE(WriteAll(far_.get(), pings));
+  EndOfFarSide();
+  module.get();
+  auto end = std::async(std::launch::async, [this] {
+    stream_->Finish("", kPatience);
+    stream_ = {};
+  });
+  EXPECT_LT(ReadToEnd(far_.get()).size(), pings.size() * 50);
+}
+
 TEST_F(PluginStreamTest, RawStreamsCarryNothingButTheModulesFrames) {
   Open({.raw = true});
   stream_->Ping();

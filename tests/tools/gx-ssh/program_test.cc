@@ -110,6 +110,13 @@ TEST_F(ProgramTest, WhatTheModulePrintsIsNotOutput) {
   EXPECT_EQ(program.Status(), kExitModule);
 }
 
+TEST_F(ProgramTest, ManyDroppedChannelListsAreOneLine) {
+  const std::string list = Print(MakeFrame(gxmod::ConnectionType::ChannelList, 0, "0\t22"));
+  Program program(GX_SSH_PROGRAM, WithShell({}, kReady + list + list + kGoodbye));
+  EXPECT_THAT(program.Errors(), HasSubstr("--allow-channel-list"));
+  EXPECT_EQ(program.Errors().find("--allow-channel-list"), program.Errors().rfind("--allow-channel-list"));
+}
+
 // The end of the input comes long before the answer, which must be whole all the same.
 TEST_F(ProgramTest, StandardIoCarriesEverythingAndTheAnswer) {
   for (const std::size_t size : {0u, 5u, 3'000'000u}) {
