@@ -69,9 +69,7 @@ if(GX_STATIC_PEER)
   gx_package(peer-static gx-ssh-peer-static SECTION net
     DESCRIPTION "far side of gx-ssh as one static file
 gx-ssh-peer as one static file, /usr/libexec/gx-ssh/gx-ssh-peer. It runs where
-nothing is installed. Copy it into a container or a pod and start it there.
-.
-It connects to addresses and looks no names up.")
+nothing is installed. Copy it into a container or a pod and start it there.")
 endif()
 
 gx_package(dev libgxmod-dev SECTION libdevel

@@ -4,9 +4,13 @@
 #include <netinet/in.h>
 
 #include <algorithm>
+#include <iterator>
 
 namespace gxtool {
 namespace {
+
+constexpr std::string_view kLocalhost = "localhost";
+constexpr const char* kLoopback[] = {"127.0.0.1", "::1"};
 
 bool IsNearV4(std::uint32_t address) {
   const std::uint32_t net = address >> 24;
@@ -27,7 +31,7 @@ bool IsNear(const std::string& text) {
 
 AllowList AllowList::Default() {
   AllowList list;
-  list.entries_ = {{"127.0.0.1", 22}, {"::1", 22}};
+  for (const char* const address : kLoopback) list.entries_.push_back({address, 22});
   return list;
 }
 
@@ -49,18 +53,27 @@ bool AllowList::Add(std::string_view entry, std::string* why) {
   Entry parsed;
   if (!any_host && !(parsed.host = ParseHost(text->host, text->bracketed, why))) return false;
   if (!any_port && !(parsed.port = ParsePort(text->port, why))) return false;
-  entries_.push_back(std::move(parsed));
+  if (parsed.host == kLocalhost) {
+    for (const char* const address : kLoopback) entries_.push_back({address, parsed.port});
+  } else {
+    entries_.push_back(std::move(parsed));
+  }
   return true;
 }
 
 bool AllowList::Permits(const HostPort& target) const {
+  if (target.host == kLocalhost) {
+    return std::any_of(std::begin(kLoopback), std::end(kLoopback), [&](const char* address) {
+      return Permits({address, target.port});
+    });
+  }
   return std::any_of(entries_.begin(), entries_.end(), [&target](const Entry& entry) {
     return (!entry.host || *entry.host == target.host) && (!entry.port || *entry.port == target.port);
   });
 }
 
 bool AllowList::PermitsAddress(const HostPort& target, const std::string& address) const {
-  return target.host == "localhost" || !IsNear(address) || Permits({address, target.port});
+  return !IsNear(address) || Permits({address, target.port});
 }
 
 }  // namespace gxtool

@@ -2,7 +2,8 @@
 //
 // An entry reads HOST:PORT in the strict form of link/host_port.h; `*` stands for any host or for any port.
 // Entries and targets are compared after parsing. A name permits that name and not its addresses, an address
-// that address and not its names: nothing is looked up to answer Permits.
+// that address and not its names: nothing is looked up to answer Permits. "localhost" alone is another way to
+// write 127.0.0.1 and ::1, in entries and in targets.
 #ifndef GX_PEER_ALLOW_LIST_H
 #define GX_PEER_ALLOW_LIST_H
 
@@ -31,7 +32,7 @@ class AllowList {
 
   // Whether `target`, a name that Permits, may be reached at `address`. Whoever runs the name's server could
   // have it lead to services of this computer, so loopback, link-local, multicast and unspecified addresses
-  // must be permitted by themselves. "localhost" is what it says.
+  // must be permitted by themselves.
   bool PermitsAddress(const HostPort& target, const std::string& address) const;
 
  private:

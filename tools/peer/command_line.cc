@@ -90,7 +90,7 @@ void AddLimits(CLI::App& app, CommandLine* line) {
   AddDuration(app, "--connect-timeout", "Wait so long for a target, and for gx-ssh at first",
               &options->connect_timeout);
   app.add_option("--max-connections", options->max_connections,
-                 "Refuse more connections at once than these [256]")
+                 "Refuse more connections at once than these [1000]")
       ->check(CLI::Range(1, 100'000).description(""))
       ->type_name("COUNT");
   AddDuration(app, "--idle-timeout", "End connections on which nothing moves for so long",
@@ -102,8 +102,8 @@ void AddLimits(CLI::App& app, CommandLine* line) {
       ->type_name("COUNT");
 }
 
-void AddDnsCache(CLI::App& app, DnsCacheOptions* options) {
-  AddText(app, "--dns-cache", "FILE", "Keep the addresses of names, for when the resolver fails",
+void AddNameCache(CLI::App& app, NameCacheOptions* options) {
+  AddText(app, "--dns-cache", "FILE", "Keep the addresses of names, for when name servers fail",
           [options](const std::string& text) {
             if (text.empty()) throw UsageError("this takes the name of a file");
             options->file = text;
@@ -128,7 +128,7 @@ CommandLine ParseCommandLine(int argc, const char* const* argv) {
                        "Print the version");
   AddTargets(app, &line);
   AddLimits(app, &line);
-  if (kHasDnsCache) AddDnsCache(app, &line.dns_cache);
+  if (kHasNameCache) AddNameCache(app, &line.name_cache);
   app.add_flag("--raw", line.options.raw, "Frames only: no ready line, signs of life, goodbye");
   app.add_flag("-q,--quiet", line.quiet, "Say nothing while it works");
   app.add_flag("-v,--verbose", line.verbosity, "Say more: connections; twice: the stream");

@@ -5,14 +5,14 @@
 #include <stdexcept>
 #include <string>
 
-#include "peer/cached_lookup.h"
+#include "peer/name_cache.h"
 #include "peer/peer.h"
 
 namespace gxtool {
 
 struct CommandLine {
   PeerOptions options;
-  DnsCacheOptions dns_cache;
+  NameCacheOptions name_cache;
   bool quiet = false;
   int verbosity = 0;
   std::string text;  // not empty: what --help or --version asked to print, and nothing else is to be done

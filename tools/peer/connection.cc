@@ -240,6 +240,7 @@ void Connection::Discard() {
 void Connection::Abort() {
   if (state_ == State::kGone) return;
   state_ = State::kGone;
+  query.reset();
   asio::error_code ignored;
   socket_.close(ignored);
   const std::size_t before = queue_.size();

@@ -26,6 +26,7 @@
 
 #include "peer/asio_types.h"
 #include "peer/byte_queue.h"
+#include "peer/name_query.h"
 #include "peer/read_wait.h"
 
 namespace gxtool {
@@ -97,6 +98,7 @@ class Connection final : public std::enable_shared_from_this<Connection>, privat
   void Abort();
 
   // For the owner's use.
+  std::unique_ptr<NameQuery> query;  // of the target's addresses; dropped by Abort
   Clock::time_point close_until;
   bool over_mark = false;
   bool answer_when_written = false;

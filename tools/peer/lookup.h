@@ -2,8 +2,6 @@
 #ifndef GX_PEER_LOOKUP_H
 #define GX_PEER_LOOKUP_H
 
-#include <netdb.h>
-
 #include <functional>
 #include <string>
 #include <vector>
@@ -15,17 +13,18 @@ struct LookupResult {
   std::string error;                   // why there are none
 };
 
-// Takes a name, never an address. May block for as long as it likes: it is called on a thread that does nothing
-// else, one name at a time, and may still be running when the peer that asked is gone.
+// Answers at once for a name, never for an address.
 using Lookup = std::function<LookupResult(const std::string& host)>;
 
-// Asks the system's resolver.
-LookupResult SystemLookup(const std::string& host);
+// Sees what the name servers said of a host and returns what is to be believed: remembers good answers, and may
+// give an older one in place of a failure.
+using AnswerCache = std::function<LookupResult(const std::string& host, LookupResult live)>;
 
-// Asks a resolver with the two functions of the system's.
-using GetAddrInfo = int (*)(const char* node, const char* service, const addrinfo* hints, addrinfo** list);
-using FreeAddrInfo = void (*)(addrinfo* list);
-LookupResult LookupWith(GetAddrInfo get, FreeAddrInfo free, const std::string& host);
+struct NameSources {
+  Lookup lookup;        // answers everything, if there is one
+  std::string servers;  // asked in place of the system's unless empty: ADDRESS:PORT, divided by commas
+  AnswerCache cache;    // may be empty
+};
 
 }  // namespace gxtool
 

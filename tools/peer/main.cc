@@ -83,7 +83,7 @@ int Main(int argc, const char* const* argv) {
   RaiseDescriptorLimit(line.options.max_connections);
   line.options.handle_signals = true;
   line.options.log = Log;
-  if (!line.dns_cache.file.empty()) line.options.lookup = gxtool::CachedLookup(line.dns_cache);
+  if (!line.name_cache.file.empty()) line.options.names.cache = gxtool::OpenNameCache(line.name_cache);
   gxtool::Peer peer(std::move(line.options), STDIN_FILENO, STDOUT_FILENO);
   return peer.Run();
 }
@@ -95,7 +95,7 @@ int main(int argc, char** argv) {
   std::signal(SIGPIPE, SIG_IGN);
   try {
     gxtool::FillStandardDescriptors();
-    std::_Exit(Main(argc, argv));  // static objects stay: a look-up that hangs may come back and use them
+    return Main(argc, argv);
   } catch (const gxtool::UsageError& error) {
     return FailUsage(error.what());
   } catch (const std::exception& error) {

@@ -33,14 +33,14 @@ struct PeerOptions {
   std::chrono::milliseconds connect_timeout = std::chrono::seconds(10);  // also for the ready line; 0: none
   std::chrono::milliseconds idle_timeout{0};                             // of a connection; 0: none
   std::chrono::milliseconds stall_timeout = std::chrono::seconds(60);    // of a target that all others wait for
-  std::size_t max_connections = 256;
+  std::size_t max_connections = 1000;
   std::chrono::milliseconds keepalive =
       std::chrono::seconds(15);  // silence after which a ping is sent; 0: never
   int keepalive_count = 3;       // the link is lost after so many intervals of silence
   bool raw = false;              // frames from the first byte: no ready line, no pings, no goodbye
   bool handle_signals =
       false;  // SIGTERM, SIGINT and SIGHUP do what Stop does; for a process that is nothing else
-  Lookup lookup = SystemLookup;
+  NameSources names;
   // One line without a line end; text of the other side in it is escaped. Called on the thread of Run; may be
   // empty.
   std::function<void(LogLevel, const std::string&)> log;

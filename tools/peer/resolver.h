@@ -1,36 +1,29 @@
-// Looks names up on a thread of its own, so that a resolver that hangs holds up nothing but the names behind
-// it.
+// Looks names up without holding up anything else.
+// Threads: the one that runs the io_context.
 #ifndef GX_PEER_RESOLVER_H
 #define GX_PEER_RESOLVER_H
 
-#include <functional>
 #include <memory>
 #include <string>
-#include <vector>
+#include <utility>
 
 #include "peer/asio_types.h"
 #include "peer/lookup.h"
+#include "peer/name_query.h"
 
 namespace gxtool {
 
 class Resolver {
  public:
-  using Done = std::function<void(const LookupResult&)>;
+  // `io` outlives the resolver and the questions.
+  Resolver(asio::io_context& io, NameSources sources) : io_(io), sources_(std::move(sources)) {}
 
-  // `io` outlives the resolver.
-  Resolver(asio::io_context& io, Lookup lookup);
-  Resolver(const Resolver&) = delete;
-  Resolver& operator=(const Resolver&) = delete;
-  // Does not wait for a look-up that hangs: its thread ends by itself once it comes back.
-  ~Resolver();
-
-  // `done` is called later, by the event loop; never after the destructor.
-  void Resolve(const std::string& host, Done done);
+  // `done` is called later, by the event loop, unless the question is dropped before that.
+  [[nodiscard]] std::unique_ptr<NameQuery> Resolve(const std::string& host, NameQuery::Done done);
 
  private:
-  struct Shared;
-
-  std::shared_ptr<Shared> shared_;
+  asio::io_context& io_;
+  const NameSources sources_;
 };
 
 }  // namespace gxtool

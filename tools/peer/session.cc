@@ -53,7 +53,7 @@ PeerSession::PeerSession(PeerOptions options, int read_fd, int write_fd)
       output_(io_, write_fd_.Duplicate(), this),
       keepalive_(io_, options_.raw ? milliseconds(0) : options_.keepalive, options_.keepalive_count, this),
       tick_(io_),
-      resolver_(io_, options_.lookup),
+      resolver_(io_, options_.names),
       phase_(options_.raw ? Phase::kRunning : Phase::kGreeting) {}
 
 int PeerSession::Run() {
@@ -232,15 +232,14 @@ void PeerSession::SendClose(std::uint32_t id, bool broken) {
 
 void PeerSession::OpenTarget(Connection& connection, const HostPort& target) {
   if (target.IsNumeric()) return connection.Open(Endpoints({target.host}, target.port));
-  resolver_.Resolve(target.host,
-                    [this, held = connection.weak_from_this(), target](const LookupResult& result) {
-                      const ConnectionPtr waiting = held.lock();
-                      if (waiting == nullptr || waiting->state() == Connection::State::kGone) return;
-                      OnResolved(*waiting, target, result);
-                    });
+  // The question goes with the connection.
+  connection.query = resolver_.Resolve(target.host, [this, &connection, target](const LookupResult& result) {
+    OnResolved(connection, target, result);
+  });
 }
 
 void PeerSession::OnResolved(Connection& connection, const HostPort& target, const LookupResult& result) {
+  const ConnectionPtr held = connection.shared_from_this();
   std::vector<std::string> addresses;
   std::string why = result.error;
   for (const std::string& address : result.addresses) {

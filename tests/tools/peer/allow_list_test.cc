@@ -21,14 +21,14 @@ bool Passes(const AllowList& list, const char* text) {
 
 TEST(AllowListTest, PermitsWhatWasNamedHoweverItIsSpelled) {
   const AllowList list = ListOf({"127.0.0.1:22", "[::1]:22", "DB.example:5432", "*:80", "10.0.0.1:*"});
-  for (const char* text :
-       {"127.0.0.1:22", "[::1]:22", "[0::0:1]:22", "db.EXAMPLE:5432", "anything:80", "1.2.3.4.example:80",
-        "a-b_c.example:80", "[fe80::1]:80", "[::127.0.0.1]:80", "10.0.0.1:1", "10.0.0.1:65535"}) {
+  for (const char* text : {"127.0.0.1:22", "[::1]:22", "[0::0:1]:22", "db.EXAMPLE:5432", "anything:80",
+                           "1.2.3.4.example:80", "a-b_c.example:80", "[fe80::1]:80", "[::127.0.0.1]:80",
+                           "10.0.0.1:1", "10.0.0.1:65535", "localhost:22", "LOCALHOST:80"}) {
     EXPECT_TRUE(Passes(list, text)) << text;
   }
   for (const char* text :
-       {"127.0.0.1:23", "127.0.0.2:22", "localhost:22", "[::1]:23", "[::]:22", "0.0.0.0:22", "[::127.0.0.1]:22",
-        "db.example:22", "x.db.example:5432", "db:5432", "anything:81", "10.0.0.2:1"}) {
+       {"127.0.0.1:23", "127.0.0.2:22", "localhost:23", "localhost.x:22", "[::1]:23", "[::]:22", "0.0.0.0:22",
+        "[::127.0.0.1]:22", "db.example:22", "x.db.example:5432", "db:5432", "anything:81", "10.0.0.2:1"}) {
     EXPECT_FALSE(Passes(list, text)) << text;
   }
 }
@@ -36,6 +36,8 @@ TEST(AllowListTest, PermitsWhatWasNamedHoweverItIsSpelled) {
 TEST(AllowListTest, DefaultAndAny) {
   EXPECT_TRUE(Passes(AllowList::Default(), "127.0.0.1:22"));
   EXPECT_TRUE(Passes(AllowList::Default(), "[::1]:22"));
+  EXPECT_TRUE(Passes(AllowList::Default(), "localhost:22"));
+  EXPECT_TRUE(Passes(ListOf({"localhost:80"}), "[::1]:80"));
   EXPECT_FALSE(Passes(AllowList::Default(), "127.0.0.1:80"));
   EXPECT_TRUE(Passes(AllowList::Any(), "10.1.2.3:4"));
   EXPECT_FALSE(Passes(AllowList(), "127.0.0.1:22"));
@@ -54,6 +56,8 @@ TEST(AllowListTest, JudgesWhereNamesLead) {
     EXPECT_FALSE(list.PermitsAddress(name, address)) << address;
   }
   EXPECT_TRUE(list.PermitsAddress({"localhost", 80}, "127.0.0.1"));
+  EXPECT_TRUE(list.PermitsAddress({"localhost", 80}, "::1"));
+  EXPECT_FALSE(list.PermitsAddress({"localhost", 22}, "::1"));
   EXPECT_TRUE(AllowList::Any().PermitsAddress(name, "127.0.0.2"));
 }
 

@@ -8,6 +8,7 @@
 
 #include "link/control_frames.h"
 #include "link/ready_line.h"
+#include "peer/name_cache.h"
 #include "support/temp_dir.h"
 #include "tools/io.h"
 
@@ -141,11 +142,13 @@ TEST_F(PeerDnsCacheTest, ReachesANameThatOnlyTheFileKnows) {
 }
 
 TEST_F(PeerDnsCacheTest, RemembersWhatItReached) {
-  EXPECT_THAT(Ask("localhost", {"localhost"}), HasSubstr("is open"));
+  const LookupResult good{{"127.0.0.1", "2001:db8::1"}, {}};
+  EXPECT_EQ(OpenNameCache({file_})("db.example", good).addresses, good.addresses);
   std::ifstream file(file_);
   const std::string text(std::istreambuf_iterator<char>(file), {});
-  EXPECT_THAT(text, HasSubstr("\"localhost\""));
-  EXPECT_THAT(text, HasSubstr("\"127.0.0.1\""));
+  for (const char* const word : {"db.example", "127.0.0.1", "2001:db8::1"}) EXPECT_THAT(text, HasSubstr(word));
+  EXPECT_EQ(OpenNameCache({file_})("db.example", {{}, "down"}).addresses, good.addresses);
+  EXPECT_EQ(OpenNameCache({file_})("other.example", {{}, "down"}).error, "down");
 }
 
 }  // namespace
