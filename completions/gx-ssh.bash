@@ -26,7 +26,7 @@ _gx_ssh() {
   case $word in
     --print) mapfile -t COMPREPLY < <(compgen -W "addr port json env ssh-config none" -- "$current") ;;
     --run) mapfile -t COMPREPLY < <(compgen -c -- "$current") ;;
-    --target | --connect-timeout | --keepalive | --keepalive-count | --listen) COMPREPLY=() ;;
+    --target | --connect-timeout | --keepalive | --keepalive-count | --listen | --name) COMPREPLY=() ;;
     *) _gx_ssh_offer "$current" -W --stdio --run --local --target --module --raw --connect-timeout --keepalive \
       --keepalive-count --reconnect --allow-channel-list --listen --print --name --json --port-file -q --quiet \
       -v --verbose --version -h --help -- ;;
@@ -39,7 +39,7 @@ _gx_ssh_peer() {
       --keepalive-count | --dns-max-age | --dns-refresh) COMPREPLY=() ;;
     *) _gx_ssh_offer "${COMP_WORDS[COMP_CWORD]}" --allow --allow-any --target --connect-timeout \
       --max-connections --idle-timeout --keepalive --keepalive-count --dns-cache --dns-max-age --dns-refresh \
-      --raw -q --quiet -v --verbose --version -h --help ;;
+      --raw --no-confine -q --quiet -v --verbose --version -h --help ;;
   esac
 }
 

@@ -46,14 +46,40 @@ def check_syntax(shell, path):
         subprocess.run([shell, "-n", path], check=True, timeout=30)
 
 
+def offers_files(source, name, option):
+    """Whether bash completes the value of an option with the names of files."""
+    script = f"""source "$1"; COMP_WORDS=({name} {option} LIC); COMP_CWORD=2; compgen() {{ echo "$*"; }}
+_{name.replace("-", "_")}; echo "${{COMPREPLY[*]}}" """
+    result = subprocess.run(["bash", "-c", script, "bash", f"{source}/completions/gx-ssh.bash"],
+                            check=True, capture_output=True, text=True, timeout=30)
+    return result.stdout.startswith("-f ")
+
+
+def mistaken_files(source, program):
+    """Options whose values are names of files where others are completed, or the other way round."""
+    text = subprocess.run([program, "--help"], check=True, capture_output=True, text=True, timeout=30).stdout
+    values = re.findall(r"^  (?:-\w,)?(--[a-z-]+) ([A-Z]\S*)", text, re.MULTILINE)
+    return [option for option, kind in values
+            if offers_files(source, program.rsplit("/", 1)[1], option) != (kind in ("FILE", "PATH"))]
+
+
+def unknown_packages(source):
+    """Packages that a manual page names and nobody builds."""
+    with open(f"{source}/docs/man/gx-control-ssh.7", encoding="ascii") as page, \
+            open(f"{source}/cmake/GxPackage.cmake", encoding="ascii") as list_:
+        return set(re.findall(r"^\.Sy (\S+)", page.read(), re.MULTILINE)) - set(
+            re.findall(r"gx_package\(\S+ (\S+)", list_.read()))
+
+
 def main():
     parser = argparse.ArgumentParser(description=__doc__)
     parser.add_argument("--source", required=True)
     parser.add_argument("programs", nargs="+")
     arguments = parser.parse_args()
 
-    mistakes = []
+    mistakes = [f"there is no package {name}" for name in unknown_packages(arguments.source)]
     for program in arguments.programs:
+        mistakes += [f"{program} {option}: wrong about files" for option in mistaken_files(arguments.source, program)]
         name = program.rsplit("/", 1)[1]
         told = of_help(program)
         for path, shell, read in (

@@ -72,6 +72,15 @@ bool AllowList::Permits(const HostPort& target) const {
   });
 }
 
+std::optional<std::vector<std::uint16_t>> AllowList::Ports() const {
+  std::vector<std::uint16_t> ports;
+  for (const Entry& entry : entries_) {
+    if (!entry.port) return std::nullopt;
+    ports.push_back(*entry.port);
+  }
+  return ports;
+}
+
 bool AllowList::PermitsAddress(const HostPort& target, const std::string& address) const {
   return !IsNear(address) || Permits({address, target.port});
 }

@@ -29,6 +29,8 @@ class AllowList {
   bool Add(std::string_view entry, std::string* why);
 
   bool Permits(const HostPort& target) const;
+  // Those of all targets that it permits; nothing: any.
+  std::optional<std::vector<std::uint16_t>> Ports() const;
 
   // Whether `target`, a name that Permits, may be reached at `address`. Whoever runs the name's server could
   // have it lead to services of this computer, so loopback, link-local, multicast and unspecified addresses

@@ -10,6 +10,7 @@
 #include "link/duration.h"
 #include "link/escape.h"
 #include "link/ready_line.h"
+#include "peer/confinement.h"
 
 namespace gxtool {
 namespace {
@@ -115,6 +116,11 @@ void AddNameCache(CLI::App& app, NameCacheOptions* options) {
   for (const char* name : {"--dns-max-age", "--dns-refresh"}) app.get_option(name)->needs("--dns-cache");
 }
 
+std::string VersionText() {
+  return "gx-ssh-peer " GX_VERSION " (protocol " + std::to_string(kProtocolVersion) +
+         ")\nconfines: " + AvailableConfinement().ToString();
+}
+
 }  // namespace
 
 CommandLine ParseCommandLine(int argc, const char* const* argv) {
@@ -123,13 +129,13 @@ CommandLine ParseCommandLine(int argc, const char* const* argv) {
   app.footer(kFooter);
   app.formatter(std::make_shared<HelpFormatter>());
   app.set_help_flag("-h,--help", "Print this text");
-  app.set_version_flag("--version",
-                       "gx-ssh-peer " GX_VERSION " (protocol " + std::to_string(kProtocolVersion) + ")",
-                       "Print the version");
+  app.set_version_flag("--version", VersionText, "Print the version, and what confines it here");
   AddTargets(app, &line);
   AddLimits(app, &line);
   if (kHasNameCache) AddNameCache(app, &line.name_cache);
   app.add_flag("--raw", line.options.raw, "Frames only: no ready line, signs of life, goodbye");
+  app.add_flag_callback(
+      "--no-confine", [&line] { line.confine = false; }, "Keep rights that it has no use for");
   app.add_flag("-q,--quiet", line.quiet, "Say nothing while it works");
   app.add_flag("-v,--verbose", line.verbosity, "Say more: connections; twice: the stream");
   try {

@@ -13,6 +13,7 @@ namespace gxtool {
 struct CommandLine {
   PeerOptions options;
   NameCacheOptions name_cache;
+  bool confine = true;
   bool quiet = false;
   int verbosity = 0;
   std::string text;  // not empty: what --help or --version asked to print, and nothing else is to be done

@@ -15,6 +15,7 @@
 
 #include "link/descriptor.h"
 #include "peer/command_line.h"
+#include "peer/confinement.h"
 #include "peer/peer.h"
 
 namespace {
@@ -65,6 +66,12 @@ void RaiseDescriptorLimit(std::size_t connections) {
   setrlimit(RLIMIT_NOFILE, &limit);
 }
 
+gxtool::ConfinementNeeds Needs(const gxtool::CommandLine& line) {
+  gxtool::ConfinementNeeds needs{line.name_cache.file, line.options.allow.Ports()};
+  if (line.options.target) needs.tcp_ports = {line.options.target->port};
+  return needs;
+}
+
 int Main(int argc, const char* const* argv) {
   gxtool::CommandLine line = gxtool::ParseCommandLine(argc, argv);
   if (!line.text.empty()) {
@@ -84,6 +91,9 @@ int Main(int argc, const char* const* argv) {
   line.options.handle_signals = true;
   line.options.log = Log;
   if (!line.name_cache.file.empty()) line.options.names.cache = gxtool::OpenNameCache(line.name_cache);
+  // Before the first byte of the other side is read.
+  const std::string confined = line.confine ? Confine(Needs(line)).ToString() : "nothing, as asked for";
+  Log(gxtool::LogLevel::kDebug, "confines: " + confined);
   gxtool::Peer peer(std::move(line.options), STDIN_FILENO, STDOUT_FILENO);
   return peer.Run();
 }

@@ -8,6 +8,7 @@
 
 #include "link/control_frames.h"
 #include "link/ready_line.h"
+#include "peer/confinement.h"
 #include "peer/name_cache.h"
 #include "support/temp_dir.h"
 #include "tools/io.h"
@@ -75,13 +76,16 @@ TEST(PeerProgramTest, SpeaksToFilesToo) {
       MakeFrame(ConnectionType::Connect, 1, "refused:1") + MakeFrame(kPingFrame, 0, "8 bytes.");
   EXPECT_EQ(::write(file.get(), frames.data(), frames.size()), static_cast<ssize_t>(frames.size()));
   ::lseek(file.get(), 0, SEEK_SET);
-  Program program(GX_PEER_PROGRAM, {"--raw"}, file.get(), file.get());
+  Program program(GX_PEER_PROGRAM, {"--raw", "-vv"}, file.get(), file.get());
   EXPECT_EQ(program.Status(), 0);
   EXPECT_THAT(program.Errors(), HasSubstr("--allow refused:1"));
+  EXPECT_THAT(program.Errors(), HasSubstr("confines: " + AvailableConfinement().ToString()));
   ::lseek(file.get(), 0, SEEK_SET);
   Program quiet(GX_PEER_PROGRAM, {"--raw", "-q"}, file.get());
   EXPECT_EQ(quiet.Status(), 0);
   EXPECT_EQ(quiet.Errors(), "");
+  Program free(GX_PEER_PROGRAM, {"--raw", "-vv", "--no-confine"}, file.get());
+  EXPECT_THAT(free.Errors(), HasSubstr("confines: nothing"));
 }
 
 TEST(PeerProgramTest, SigtermEndsItInOrderAndAClosedStdoutQuietly) {
