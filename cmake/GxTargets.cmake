@@ -13,6 +13,23 @@ target_compile_options(gx_options INTERFACE
   # The module exports one function, and dlclose has to unmap it: no unique symbols.
   -fvisibility=hidden -fvisibility-inlines-hidden
   $<$<CXX_COMPILER_ID:GNU>:-fno-gnu-unique>)
+
+# As distributions build their packages: what remains of a mistake is a crash.
+include(CheckCXXCompilerFlag)
+include(CheckPIESupported)
+check_pie_supported()
+foreach(flag -fstack-protector-strong -fstack-clash-protection -fcf-protection -mbranch-protection=standard)
+  string(MAKE_C_IDENTIFIER "GX_HAS${flag}" has_flag)
+  check_cxx_compiler_flag(${flag} ${has_flag})
+  if(${has_flag} AND NOT GX_SANITIZE)
+    target_compile_options(gx_options INTERFACE ${flag})
+  endif()
+endforeach()
+if(NOT GX_SANITIZE)
+  target_compile_options(gx_options INTERFACE $<$<CONFIG:Release>:-U_FORTIFY_SOURCE;-D_FORTIFY_SOURCE=2>)
+endif()
+target_link_options(gx_options INTERFACE $<$<PLATFORM_ID:Linux>:LINKER:-z,relro,-z,now>)
+
 if(GX_SANITIZE)
   target_compile_options(gx_options INTERFACE
     -fsanitize=${GX_SANITIZE} -fno-sanitize-recover=all -fno-omit-frame-pointer)

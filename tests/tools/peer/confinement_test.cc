@@ -85,6 +85,7 @@ TEST_F(ConfinementTest, SystemCallsThatAStrangerWouldLikeFail) {
   char none[] = "";
   char* const arguments[] = {none, nullptr};
   const Descriptor stream(::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
+  const Descriptor datagram(::socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0));
   sockaddr_in any{};
   any.sin_family = AF_INET;
   char byte = 0;
@@ -98,7 +99,7 @@ TEST_F(ConfinementTest, SystemCallsThatAStrangerWouldLikeFail) {
       {"reading memory",
        [&] { return ::syscall(SYS_process_vm_readv, ::getpid(), &memory, 1, &memory, 1, 0); }},
       {"kill", [] { return ::kill(::getppid(), 0); }},
-      {"bind", [&] { return ::bind(stream.get(), reinterpret_cast<sockaddr*>(&any), sizeof any); }},
+      {"bind", [&] { return ::bind(datagram.get(), reinterpret_cast<sockaddr*>(&any), sizeof any); }},
       {"listen", [&] { return ::listen(stream.get(), 1); }},
       {"a local socket", [] { return Socket(AF_UNIX, SOCK_STREAM); }},
       {"a netlink socket", [] { return Socket(AF_NETLINK, SOCK_RAW); }},
