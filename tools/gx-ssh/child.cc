@@ -16,6 +16,7 @@
 
 #include "gx-ssh/failure.h"
 #include "gx-ssh/keeper.h"
+#include "link/high_descriptors.h"
 
 extern char** environ;
 
@@ -137,6 +138,7 @@ void Child::Launch(const Start& start, int report, int keeper_control) {
   const pid_t program = fork();
   if (program == 0) {
     ResetSignals();
+    RestoreDescriptorLimit();
     DieWith(parent);
     environ = environment_pointers.data();
     Execute({start.input, start.output, start.errors}, argument_pointers.data(), report);

@@ -10,6 +10,7 @@
 #include <cerrno>
 #include <utility>
 
+#include "link/high_descriptors.h"
 #include "link/pieces.h"
 
 namespace gxtool {
@@ -45,7 +46,7 @@ asio::error_code Connection::OpenSocket(const asio::ip::tcp::endpoint& endpoint)
   asio::error_code ignored;
   socket_.close(ignored);
 #ifdef SOCK_CLOEXEC
-  const int fd = ::socket(endpoint.protocol().family(), SOCK_STREAM | SOCK_CLOEXEC, 0);
+  const int fd = MoveUp(::socket(endpoint.protocol().family(), SOCK_STREAM | SOCK_CLOEXEC, 0));
 #else
   const int fd = ::socket(endpoint.protocol().family(), SOCK_STREAM, 0);
   if (fd >= 0) fcntl(fd, F_SETFD, FD_CLOEXEC);
