@@ -13,11 +13,12 @@ import sys
 import tempfile
 import time
 
+import relays
 from kills import VICTIMS, WAYS, KillRound
 from throwaway import (TRANSFER_S, Child, Clients, Failure, ProxyCommand, SshServer, Tunnel, bounded, free_port,
                        nothing_left, run, write_script)
 
-SCENARIOS = {}
+SCENARIOS = dict(relays.SCENARIOS)
 
 
 def scenario(function):

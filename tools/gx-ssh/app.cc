@@ -61,8 +61,9 @@ void App::Start() {
   WaitForSignal();
   if (options_.standard_io || !options_.run.empty()) standard_input_ = TakeStandardInput();
   module_.emplace(options_.module_path, module_log_);
-  if (options_.listen || options_.reconnect) {
-    listener_.emplace(io_, options_.listen.value_or(ListenAddress{"", "127.0.0.1", 0}));
+  if (options_.HasListener()) {
+    const auto address = options_.listen.value_or(ListenAddress{"", "127.0.0.1", 0});
+    listener_.emplace(io_, address, options_.user_only);
   }
   if (options_.listen && options_.listen->unix_path.empty() &&
       !asio::ip::make_address(options_.listen->address).is_loopback()) {
@@ -137,7 +138,7 @@ void App::OnLinkUp(const std::string& address, std::uint16_t port) {
   reporter_.OnLink("up", {});
   link_up_since_ = Clock::now();
   if (options_.standard_io) return StartStandardIo(address, port);
-  if (listener_) listener_->Open(address, port);
+  if (listener_) listener_->Open(address, port, link_->entrance());
   if (announced_) return spdlog::info("the link is up again");
   Announce(listener_ ? listener_->address() : ListenAddress{"", address, port});
 }
@@ -197,14 +198,13 @@ void App::Announce(const ListenAddress& address) {
 }
 
 void App::StartStandardIo(const std::string& address, std::uint16_t port) {
-  const auto tell = [this](std::uint32_t connection) { return link_->EndInput(connection); };
   const auto ended = [this](bool well) {
     if (well) return Finish(kExitOk, "the connection has ended");
     Fail(Failure(kExitLinkLost, "the far side closed the connection to " + options_.target +
                                     " at once; does it allow it (--allow) and does something listen there?"));
   };
-  standard_io_.emplace(io_, standard_input_.get(), standard_output_, ConnectTo(address, port), traffic_,
-                       StandardIo::Events{tell, ended});
+  standard_io_.emplace(io_, standard_input_.get(), standard_output_, ConnectTo(address, port),
+                       link_->entrance()->Expect(), ended);
 }
 
 }  // namespace gxtool

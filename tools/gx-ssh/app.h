@@ -54,7 +54,9 @@ class App final : public Link::Owner {
   void OnLinkUp(const std::string& address, std::uint16_t port) override;
   void OnLinkDown(const Failure& why) override;
   void TakeLinkDown(const Failure& why);
-  void OnInputDelivered() override { standard_io_->OnInputDelivered(); }
+  void OnInputDelivered() override {
+    if (standard_io_) standard_io_->OnInputDelivered();
+  }
   void OnFrame(const gxmod::FrameHeader& header, bool sent) override;
   void Reconnect(const Failure& why);
 

@@ -38,7 +38,13 @@ class Target final : public Counted<IControlSshListener> {
 }  // namespace
 
 Link::Link(asio::io_context& io, const Options& options, ModuleLibrary& module, Owner& owner)
-    : io_(io), options_(options), module_(module), owner_(owner), keepalive_timer_(io), end_timer_(io) {
+    : io_(io),
+      options_(options),
+      module_(module),
+      owner_(owner),
+      keepalive_timer_(io),
+      guest_timer_(io),
+      end_timer_(io) {
   // What ends on another thread or inside a handler is looked at from the event loop.
   auto check = [this] { CheckFarSide(); };
   auto on_ended = [&io, check = lifetime_.Guard(check)] { asio::post(io, check); };
@@ -72,15 +78,11 @@ Link::~Link() {
   far_side_->End();
 }
 
-bool Link::EndInput(std::uint32_t connection) {
-  if (stream_) stream_->EndInput(connection);
-  return !options_.raw;
-}
-
 void Link::RunModule(Descriptor input, const std::string& received) {
   handshake_.reset();
-  stream_ = CRefObj<PluginStream>(new PluginStream(std::move(input), std::move(output_), received,
-                                                   {options_.raw, options_.allow_channel_list}, *this));
+  const StreamSettings settings{options_.raw, options_.allow_channel_list, options_.HasRelay()};
+  stream_ =
+      CRefObj<PluginStream>(new PluginStream(std::move(input), std::move(output_), received, settings, *this));
   plugin_ = module_.CreatePlugin();
   if (!plugin_) return GoDown(Failure(kExitModule, "the module makes no plugin; -v shows its log"));
   const CRefObj<Target> target(new Target(options_.target));
@@ -106,6 +108,14 @@ void Link::KeepAlive() {
   keepalive_timer_.expires_after(std::min(options_.keepalive, limit - silence));
   keepalive_timer_.async_wait(lifetime_.Guard([this](asio::error_code error) {
     if (!error) KeepAlive();
+  }));
+}
+
+void Link::ExpireGuestsAt(Entrance::Clock::time_point time) {
+  guest_timer_.expires_at(time);
+  guest_timer_.async_wait(lifetime_.Guard([this](asio::error_code error) {
+    const auto next = error ? std::nullopt : stream_->entrance()->Expire(Entrance::Clock::now());
+    if (next) ExpireGuestsAt(*next);
   }));
 }
 
@@ -143,11 +153,16 @@ Failure Link::Summary() {
   return Failure(cause_->status(), std::string(cause_->what()) + "; " + far_side_->Describe());
 }
 
-// The next five come from threads of the module.
+// The next six come from threads of the module.
 
 void Link::OnChannelListDropped() {
   if (std::exchange(channel_list_told_, true)) return;
   spdlog::warn("the far side wants to open ports here; --allow-channel-list lets it");
+}
+
+void Link::OnWaiting() {
+  asio::post(io_, lifetime_.Guard(
+                      [this, time = Entrance::Clock::now() + Entrance::kSilence] { ExpireGuestsAt(time); }));
 }
 
 void Link::OnInputDelivered(std::uint32_t) {

@@ -12,6 +12,7 @@
 #include <string>
 
 #include "gx-ssh/descriptor.h"
+#include "gx-ssh/entrance.h"
 #include "gx-ssh/failure.h"
 #include "gx-ssh/far_side.h"
 #include "gx-ssh/handshake.h"
@@ -33,7 +34,7 @@ class Link final : StreamObserver {
     virtual void OnLinkUp(const std::string& address, std::uint16_t port) = 0;
     // Once; the link may then be destroyed. Status kExitOk: the far side has ended in order.
     virtual void OnLinkDown(const Failure& why) = 0;
-    // The target has all the bytes that were sent before EndInput.
+    // A target has all the bytes that came before the end of a connection's input.
     virtual void OnInputDelivered() = 0;
     // Every frame of the module's, either way. On threads of the module.
     virtual void OnFrame(const gxmod::FrameHeader& header, bool sent) = 0;
@@ -47,9 +48,8 @@ class Link final : StreamObserver {
   // Ends everything in order, within 2 s.
   ~Link();
 
-  // No more bytes will come for the connection, but its answer is waited for. False: the far side cannot be
-  // told, and there will be no OnInputDelivered.
-  bool EndInput(std::uint32_t connection);
+  // While the link is up: of the port; null where everybody may connect to it.
+  const std::shared_ptr<Entrance>& entrance() const { return stream_->entrance(); }
 
   // After SIGCHLD.
   void OnChildEnded() { CheckFarSide(); }
@@ -57,6 +57,7 @@ class Link final : StreamObserver {
  private:
   void RunModule(Descriptor input, const std::string& received);
   void KeepAlive();
+  void ExpireGuestsAt(Entrance::Clock::time_point time);
   void Fail(ExitStatus status, const std::string& reason);
   void BeginEnd();
   void CheckFarSide();
@@ -67,6 +68,7 @@ class Link final : StreamObserver {
   void OnFrameReceived(const gxmod::FrameHeader& header) override { owner_.OnFrame(header, false); }
   void OnInputDelivered(std::uint32_t connection) override;
   void OnChannelListDropped() override;
+  void OnWaiting() override;
   void OnGoodbye(const std::string& reason) override;
   void OnInputEnd(const std::string& reason) override;
   void OnOutputFailed(const std::string& reason) override;
@@ -82,6 +84,7 @@ class Link final : StreamObserver {
   CRefObj<PluginStream> stream_;
   CRefObj<IControlSshPlugin> plugin_;
   asio::steady_timer keepalive_timer_;
+  asio::steady_timer guest_timer_;  // of those who wait at the entrance
   asio::steady_timer end_timer_;
   std::optional<Failure> cause_;  // the first one
   std::optional<std::string> goodbye_;

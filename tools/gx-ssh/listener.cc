@@ -1,7 +1,10 @@
 #include "gx-ssh/listener.h"
 
 #include <fcntl.h>
+#include <netinet/in.h>
+#include <netinet/tcp.h>
 #include <spdlog/spdlog.h>
+#include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/un.h>
 #include <unistd.h>
@@ -15,6 +18,7 @@
 #include <utility>
 
 #include "gx-ssh/failure.h"
+#include "link/high_descriptors.h"
 
 namespace gxtool {
 namespace {
@@ -37,10 +41,11 @@ void RemoveIfStale(const std::string& path, const asio::generic::stream_protocol
 
 }  // namespace
 
-Listener::Listener(asio::io_context& io, const ListenAddress& address)
+Listener::Listener(asio::io_context& io, const ListenAddress& address, bool user_only)
     : io_(io), address_(address), acceptor_(io), pause_(io) {
   const bool is_unix = !address_.unix_path.empty();
   try {
+    if (user_only && !is_unix) users_.emplace();  // a Unix socket has its mode
     const Protocol::endpoint endpoint = Endpoint();
     acceptor_.open(endpoint.protocol());
     fcntl(acceptor_.native_handle(), F_SETFD, FD_CLOEXEC);
@@ -68,9 +73,10 @@ Listener::~Listener() {
   if (!address_.unix_path.empty()) unlink(address_.unix_path.c_str());
 }
 
-void Listener::Open(const std::string& address, std::uint16_t port) {
+void Listener::Open(const std::string& address, std::uint16_t port, std::shared_ptr<Entrance> entrance) {
   module_address_ = address;
   module_port_ = port;
+  entrance_ = std::move(entrance);
   open_ = true;
   Accept();
 }
@@ -80,6 +86,7 @@ void Listener::Close() {
   acceptor_.cancel();
   pause_.cancel();
   relays_.clear();
+  entrance_.reset();
 }
 
 Listener::Protocol::endpoint Listener::Endpoint() const {
@@ -91,7 +98,7 @@ void Listener::Accept() {
   acceptor_.async_accept(lifetime_.Guard([this](asio::error_code error, Protocol::socket client) {
     if (!open_) return;
     if (!error) {
-      Serve(client.native_handle());
+      Serve(Descriptor(MoveUp(client.release())));
       return Accept();
     }
     // Out of descriptors, most likely: the client waits, and so does this for a moment.
@@ -103,13 +110,19 @@ void Listener::Accept() {
   }));
 }
 
-void Listener::Serve(int client) {
+void Listener::Serve(Descriptor client) {
+  fcntl(client.get(), F_SETFD, FD_CLOEXEC);
+  if (users_ && users_->OwnerOfPeer(client.get()) != geteuid()) {
+    return spdlog::debug("turned a client of another user away");
+  }
+  const int on = 1;
+  if (address_.unix_path.empty()) setsockopt(client.get(), IPPROTO_TCP, TCP_NODELAY, &on, sizeof on);
   try {
     Descriptor module = ConnectTo(module_address_, module_port_);
     const auto relay = relays_.insert(relays_.end(), nullptr);
-    const auto ended = lifetime_.Guard([this, relay] { relays_.erase(relay); });
-    *relay = std::make_unique<Relay>(io_, Duplicate(client), Duplicate(client), std::move(module),
-                                     Relay::Events{{}, ended});
+    const auto ended = lifetime_.Guard([this, relay](const std::string&) { relays_.erase(relay); });
+    *relay = std::make_unique<Relay>(io_, std::move(client), Descriptor(), std::move(module),
+                                     entrance_->Expect(), Relay::Events{{}, {}, ended});
   } catch (const std::system_error& error) {
     spdlog::warn("cannot connect a client to the module: {}", error.code().message());
   }

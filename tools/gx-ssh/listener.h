@@ -9,11 +9,13 @@
 #include <cstdint>
 #include <list>
 #include <memory>
+#include <optional>
 #include <string>
 
 #include "gx-ssh/lifetime.h"
 #include "gx-ssh/options.h"
 #include "gx-ssh/relay.h"
+#include "gx-ssh/socket_table.h"
 
 namespace gxtool {
 
@@ -21,16 +23,17 @@ namespace gxtool {
 // Threads: the one that runs `io`.
 class Listener {
  public:
-  // Throws Failure (kExitListen).
-  Listener(asio::io_context& io, const ListenAddress& address);
+  // `user_only`: clients of other users of this computer, and of other computers, are turned away. Throws
+  // Failure (kExitListen).
+  Listener(asio::io_context& io, const ListenAddress& address, bool user_only);
   // Removes the Unix socket.
   ~Listener();
 
   // Where it listens; the port is the real one.
   const ListenAddress& address() const { return address_; }
 
-  // From now on clients are connected to that port of the module.
-  void Open(const std::string& address, std::uint16_t port);
+  // From now on clients are connected to that port of the module, through its entrance.
+  void Open(const std::string& address, std::uint16_t port, std::shared_ptr<Entrance> entrance);
   // Ends the connections of a link that is no more, and lets new clients wait.
   void Close();
 
@@ -40,15 +43,17 @@ class Listener {
 
   Protocol::endpoint Endpoint() const;
   void Accept();
-  void Serve(int client);
+  void Serve(Descriptor client);
 
   asio::io_context& io_;
   ListenAddress address_;
+  std::optional<SocketTable> users_;  // only one of them is let in
   asio::basic_socket_acceptor<Protocol> acceptor_;
   asio::steady_timer pause_;
   bool open_ = false;
   std::string module_address_;
   std::uint16_t module_port_ = 0;
+  std::shared_ptr<Entrance> entrance_;
   Relays relays_;
   Lifetime lifetime_;
 };

@@ -12,6 +12,7 @@
 #include "gx-ssh/failure.h"
 #include "gx-ssh/module_library.h"
 #include "gx-ssh/options.h"
+#include "link/high_descriptors.h"
 #include "link/ready_line.h"
 
 namespace {
@@ -37,6 +38,8 @@ int Run(int argc, char** argv) {
   const Options& options = std::get<Options>(parsed);
   const Descriptor output = TakeStandardOutput();
   if (options.show_version) return PrintVersion(options, output.get());
+  // The module watches its descriptors with select; those of the listener and of a far side inside move up.
+  if (options.local || options.HasListener()) RaiseDescriptorLimit();
   return App(options, output.get(), Console::SetUp(options.quiet, options.verbosity)).Run();
 }
 

@@ -154,6 +154,7 @@ void DeclareLink(CLI::App& app, Options& options) {
 void DeclareOutput(CLI::App& app, Options& options) {
   AddText(app, "--listen", options.listen, Listen, "ADDR:PORT|unix:PATH",
           "Listen there (any port of 127.0.0.1)");
+  app.add_flag("--user-only", options.user_only, "Turn clients of other users away");
   AddText(app, "--print", options.print, Print, "FORMAT",
           "What standard output tells: addr, port, json, env, ssh-config, none (addr)");
   AddText(app, "--name", options.name, Name, "NAME",
@@ -172,8 +173,9 @@ std::string Contradiction(const Options& options) {
   if (!options.local && options.carrier.empty()) return "a carrier is missing: a command behind --, or --local";
   if (options.standard_io && !options.run.empty()) return "-W and --run exclude each other";
   const bool prints = options.json || options.print != PrintFormat::kNothing;
-  if (options.standard_io && (options.listen || options.reconnect || prints || !options.port_file.empty())) {
-    return "-W opens no port: --listen, --reconnect, --print, --json and --port-file do not go with it";
+  if (options.standard_io && (options.HasListener() || prints || !options.port_file.empty())) {
+    return "-W opens no port: --listen, --reconnect, --user-only, --print, --json and --port-file do not go "
+           "with it";
   }
   if (options.quiet && options.verbosity > 0) return "-q and -v exclude each other";
   if (options.listen && !options.listen->unix_path.empty() && options.print == PrintFormat::kPort) {

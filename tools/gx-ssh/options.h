@@ -30,6 +30,7 @@ struct Options {
   std::string run;           // a shell command; empty: none
 
   std::optional<ListenAddress> listen;
+  bool user_only = false;
   bool reconnect = false;
   int reconnect_attempts = 0;  // in a row; 0: no limit
 
@@ -46,6 +47,11 @@ struct Options {
   bool quiet = false;
   int verbosity = 0;
   bool show_version = false;
+
+  // gx-ssh itself listens, and not the module for everybody.
+  bool HasListener() const { return listen || reconnect || user_only; }
+  // gx-ssh itself connects to the module's port, and nobody else may.
+  bool HasRelay() const { return HasListener() || standard_io; }
 };
 
 // Either what was asked for, or the status with which to end: help has been printed, or one line about the

@@ -1,6 +1,7 @@
 #include "gx-ssh/plugin_input.h"
 
 #include <poll.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <cerrno>
@@ -32,8 +33,10 @@ std::int64_t Milliseconds(Clock::time_point time) {
 
 }  // namespace
 
-PluginInput::PluginInput(int fd, const StopSignal& stop, Handler& handler, std::string_view received)
+PluginInput::PluginInput(int fd, const StopSignal& stop, Handler& handler, std::string_view received,
+                         bool takes_inserts)
     : fd_(fd), stop_(stop), handler_(handler), buffer_(new char[kBufferBytes]) {
+  if (takes_inserts) wake_ = MakePipe();
   end_ = received.copy(buffer_.get(), kBufferBytes);
 }
 
@@ -58,6 +61,13 @@ std::size_t PluginInput::Read(void* data, std::size_t length) {
   return got;
 }
 
+void PluginInput::InsertClose(std::uint32_t connection) {
+  const std::lock_guard lock(insert_mutex_);
+  inserted_.push_back(connection);
+  if (has_inserted_.exchange(true)) return;
+  [[maybe_unused]] const ssize_t written = write(wake_.write.get(), "", 1);
+}
+
 void PluginInput::OnSent(std::size_t length) {
   sends_little_.store(length <= kLittleBytes, std::memory_order_relaxed);
 }
@@ -68,7 +78,11 @@ std::chrono::milliseconds PluginInput::silence() const {
 }
 
 bool PluginInput::NextFrame() {
-  if (!Buffer(gxmod::kFrameHeaderBytes)) return false;
+  if (has_inserted_) TakeInserted();
+  between_frames_ = true;
+  const bool has_header = Buffer(gxmod::kFrameHeaderBytes);
+  between_frames_ = false;
+  if (!has_header) return end_reason_.empty();  // otherwise something was inserted
   const gxmod::FrameHeader header = gxmod::DecodeFrameHeader(buffer_.get() + begin_);
   if (handler_.Passes(header)) {
     passing_ = gxmod::kFrameHeaderBytes + std::uint64_t{header.length};
@@ -79,6 +93,26 @@ bool PluginInput::NextFrame() {
   if (!Buffer(kept)) return false;
   handler_.OnTaken(header, {buffer_.get() + begin_, kept});
   return Skip(header.length);
+}
+
+// In front of what is buffered, of which no byte belongs to a frame that the module has begun to read.
+void PluginInput::TakeInserted() {
+  const std::lock_guard lock(insert_mutex_);
+  const std::size_t room = (kBufferBytes - buffered()) / gxmod::kFrameHeaderBytes;
+  const std::size_t taken = std::min(room, inserted_.size());
+  char* const front = buffer_.get();
+  std::memmove(front + taken * gxmod::kFrameHeaderBytes, front + begin_, buffered());
+  end_ = taken * gxmod::kFrameHeaderBytes + buffered();
+  begin_ = 0;
+  for (std::size_t i = 0; i < taken; ++i) {
+    gxmod::EncodeFrameHeader({0, inserted_[i], gxmod::ConnectionType::Close},
+                             front + i * gxmod::kFrameHeaderBytes);
+  }
+  inserted_.erase(inserted_.begin(), inserted_.begin() + static_cast<std::ptrdiff_t>(taken));
+  if (!inserted_.empty()) return;
+  char byte = 0;
+  [[maybe_unused]] const ssize_t got = read(wake_.read.get(), &byte, 1);
+  has_inserted_ = false;
 }
 
 bool PluginInput::Buffer(std::size_t bytes) {
@@ -107,6 +141,7 @@ bool PluginInput::Skip(std::uint64_t bytes) {
 
 std::size_t PluginInput::Receive(std::span<iovec> parts) {
   while (!stop_.raised()) {
+    if (between_frames_ && has_inserted_) return 0;
     if (drained_) Wait();
     const ssize_t received = readv(fd_, parts.data(), static_cast<int>(parts.size()));
     // Less than there was room for: the next call would only find nothing.
@@ -129,7 +164,9 @@ std::size_t PluginInput::Receive(std::span<iovec> parts) {
 void PluginInput::Wait() {
   const Clock::time_point begin = Clock::now();
   waiting_since_ms_ = Milliseconds(begin);
-  if (conversation_ < kLikely || !ComesBefore(begin + kAwake)) stop_.WaitFor(fd_, POLLIN);
+  if (conversation_ < kLikely || !ComesBefore(begin + kAwake)) {
+    stop_.WaitFor(fd_, POLLIN, between_frames_ ? wake_.read.get() : -1);
+  }
   waiting_since_ms_ = 0;
   const auto soon = sends_little_ ? kSoon : kSoonBesideTransfer;
   conversation_ = Clock::now() - begin < soon ? std::min(conversation_ + 1, kCertain) : conversation_ / 2;

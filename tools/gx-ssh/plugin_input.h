@@ -11,17 +11,20 @@
 #include <cstddef>
 #include <cstdint>
 #include <memory>
+#include <mutex>
 #include <span>
 #include <string>
 #include <string_view>
+#include <vector>
 
+#include "gx-ssh/descriptor.h"
 #include "gx-ssh/stop_signal.h"
 
 namespace gxtool {
 
 // Reads ahead, so that small frames do not cost two system calls each, and looks at every header that passes.
 // Within a conversation, little that is answered soon, Read waits awake for a moment before it sleeps.
-// Threads: Read on one; OnSent and silence on any.
+// Threads: Read on one; everything else on any.
 class PluginInput {
  public:
   // Called from inside Read.
@@ -38,12 +41,17 @@ class PluginInput {
   static constexpr std::size_t kTakenPayloadBytes = 256;
 
   // `fd` is non-blocking; descriptor, `stop` and `handler` outlive the reader. `received` are bytes of the
-  // stream that have been read from `fd` already, at most kBufferBytes.
-  PluginInput(int fd, const StopSignal& stop, Handler& handler, std::string_view received);
+  // stream that have been read from `fd` already, at most kBufferBytes. `takes_inserts`: InsertClose is used.
+  PluginInput(int fd, const StopSignal& stop, Handler& handler, std::string_view received,
+              bool takes_inserts = false);
 
   // Blocks until at least one byte is there; returns how many are in `data`, 0 at the end. A frame that is
   // taken out is never seen, not even in part.
   std::size_t Read(void* data, std::size_t length);
+
+  // Puts a Close of that connection, as if the far side had sent it, in front of the next frame. A Read that
+  // waits for one returns with it.
+  void InsertClose(std::uint32_t connection);
 
   // A block of that many bytes goes the other way.
   void OnSent(std::size_t length);
@@ -57,7 +65,8 @@ class PluginInput {
   static constexpr std::size_t kBufferBytes = 256 * 1024;
 
  private:
-  bool NextFrame();                // decides on the frame at the front of the buffer
+  bool NextFrame();  // decides on the frame at the front of the buffer, if one is there
+  void TakeInserted();
   bool Buffer(std::size_t bytes);  // makes at least that many available
   bool Skip(std::uint64_t bytes);  // drops that many
   std::size_t Receive(std::span<iovec> parts);
@@ -75,6 +84,13 @@ class PluginInput {
   bool drained_ = false;       // nothing was left to read
   int conversation_ = 0;       // how much what comes looks like one
   std::string end_reason_;
+  bool between_frames_ = false;  // Read waits for a header
+
+  std::atomic<bool> has_inserted_{false};
+  std::mutex insert_mutex_;              // guards the next two
+  std::vector<std::uint32_t> inserted_;  // connections whose Close is to be read
+  Pipe wake_;                            // holds a byte while there are some
+
   std::atomic<bool> sends_little_{true};           // at a time, the other way
   std::atomic<std::int64_t> waiting_since_ms_{0};  // of the monotonic clock; 0: not waiting
 };

@@ -19,11 +19,16 @@ PluginStream::PluginStream(Descriptor input, Descriptor output, std::string_view
       output_fd_(std::move(output)),
       settings_(settings),
       observer_(observer),
-      input_(input_fd_.get(), stop_, *this, received),
-      output_(output_fd_.get(), stop_, *this) {
+      input_(input_fd_.get(), stop_, *this, received, settings.guarded),
+      output_(output_fd_.get(), stop_, *this),
+      entrance_(settings.guarded ? new Entrance(!settings.raw, *this) : nullptr) {
   SetNonBlocking(input_fd_.get(), true);
   SetNonBlocking(output_fd_.get(), true);
   SetUnreadBytes(output_fd_.get(), kUnreadBytes);
+}
+
+PluginStream::~PluginStream() {
+  if (entrance_) entrance_->Close();
 }
 
 std::uint32_t PluginStream::Read(void* data, unsigned length, unsigned* got, unsigned /*flags*/) {
@@ -35,7 +40,9 @@ std::uint32_t PluginStream::Read(void* data, unsigned length, unsigned* got, uns
 
 std::uint32_t PluginStream::Write(const void* data, unsigned length, unsigned* written, unsigned /*flags*/) {
   input_.OnSent(length);
-  const bool taken = output_.Write(data, length);
+  std::string_view block(static_cast<const char*>(data), length);
+  if (entrance_) block = entrance_->Filter(block);
+  const bool taken = output_.Write(block.data(), block.size());
   *written = taken ? length : 0;
   return taken ? kGXModOk : kGXModFail;
 }
@@ -50,10 +57,6 @@ void PluginStream::Ping() {
   if (!settings_.raw) output_.Insert(MakeFrame(kPingFrame, 0, std::string(kPingBytes, '\0')));
 }
 
-void PluginStream::EndInput(std::uint32_t connection) {
-  if (!settings_.raw) output_.Insert(MakeFrame(kEndOfInputFrame, connection, {}));
-}
-
 void PluginStream::Finish(std::string_view reason, std::chrono::milliseconds limit) {
   output_.Finish(settings_.raw ? std::string() : MakeFrame(kGoodbyeFrame, 0, reason), limit);
 }
@@ -61,8 +64,18 @@ void PluginStream::Finish(std::string_view reason, std::chrono::milliseconds lim
 bool PluginStream::Passes(const gxmod::FrameHeader& header) {
   if (IsControlFrame(header.type)) return false;
   if (header.type == gxmod::ConnectionType::ChannelList) return settings_.allow_channel_list;
+  if (entrance_ && !entrance_->Admits(header)) return false;
   observer_.OnFrameReceived(header);
   return true;
+}
+
+void PluginStream::OnFrameSent(const gxmod::FrameHeader& header) {
+  if (entrance_) entrance_->OnSent(header);
+  observer_.OnFrameSent(header);
+}
+
+void PluginStream::OnInputSent(std::uint32_t connection) {
+  output_.Insert(MakeFrame(kEndOfInputFrame, connection, {}));
 }
 
 void PluginStream::OnTaken(const gxmod::FrameHeader& header, std::string_view payload) {

@@ -6,11 +6,14 @@
 #include <gxmod/frames.h>
 
 #include <chrono>
+#include <cstdint>
+#include <memory>
 #include <string>
 #include <string_view>
 
 #include "gx-ssh/counted.h"
 #include "gx-ssh/descriptor.h"
+#include "gx-ssh/entrance.h"
 #include "gx-ssh/plugin_input.h"
 #include "gx-ssh/plugin_output.h"
 #include "gx-ssh/stop_signal.h"
@@ -30,6 +33,8 @@ class StreamObserver {
   virtual void OnGoodbye(const std::string& reason) = 0;
   // Nothing more comes, and not because of Close. Once; `reason` is for a message.
   virtual void OnInputEnd(const std::string& reason) = 0;
+  // Somebody waits at the entrance, see Entrance::Handler.
+  virtual void OnWaiting() = 0;
   // Nothing more can be sent. Once.
   virtual void OnOutputFailed(const std::string& reason) = 0;
 
@@ -40,17 +45,21 @@ class StreamObserver {
 struct StreamSettings {
   bool raw = false;                 // send no frames but the module's
   bool allow_channel_list = false;  // otherwise lists from the far side, which open ports here, are dropped
+  bool guarded = false;             // has an entrance; otherwise everybody's connections are carried
 };
 
 // Write takes the whole block at once. Frames that only the two tools exchange never reach the module: pings
-// are answered, the rest is reported. Threads: as IPluginStreamRaw says; Ping, EndInput, Finish and silence on
-// any.
-class PluginStream final : public Counted<IPluginStreamRaw>, PluginInput::Handler, PluginOutput::Handler {
+// are answered, the rest is reported. Threads: as IPluginStreamRaw says; Ping, Finish and silence on any.
+class PluginStream final : public Counted<IPluginStreamRaw>,
+                           PluginInput::Handler,
+                           PluginOutput::Handler,
+                           Entrance::Handler {
  public:
   // Owns the descriptors. `received` is what has been read from `input` already. `observer` outlives the
   // stream.
   PluginStream(Descriptor input, Descriptor output, std::string_view received, StreamSettings settings,
                StreamObserver& observer);
+  ~PluginStream() override;
 
   std::uint32_t Read(void* data, unsigned length, unsigned* got, unsigned flags) override;
   std::uint32_t Write(const void* data, unsigned length, unsigned* written, unsigned flags) override;
@@ -58,9 +67,8 @@ class PluginStream final : public Counted<IPluginStreamRaw>, PluginInput::Handle
 
   // Asks the far side for a sign of life.
   void Ping();
-  // Tells the far side that no more bytes will come for a connection that stays open for the answer. It
-  // replies, see OnInputDelivered.
-  void EndInput(std::uint32_t connection);
+  // Null unless guarded. It may outlive the stream, and is closed then.
+  const std::shared_ptr<Entrance>& entrance() const { return entrance_; }
   // For how long the far side has been silent while the module was waiting for it.
   std::chrono::milliseconds silence() const { return input_.silence(); }
   // Takes no more from the module, says goodbye and waits until all is sent, at most `limit`.
@@ -69,8 +77,11 @@ class PluginStream final : public Counted<IPluginStreamRaw>, PluginInput::Handle
  private:
   bool Passes(const gxmod::FrameHeader& header) override;
   void OnTaken(const gxmod::FrameHeader& header, std::string_view payload) override;
-  void OnFrameSent(const gxmod::FrameHeader& header) override { observer_.OnFrameSent(header); }
+  void OnFrameSent(const gxmod::FrameHeader& header) override;
   void OnWriteFailed(const std::string& reason) override { observer_.OnOutputFailed(reason); }
+  void OnRefused(std::uint32_t connection) override { input_.InsertClose(connection); }
+  void OnInputSent(std::uint32_t connection) override;
+  void OnWaiting() override { observer_.OnWaiting(); }
 
   const Descriptor input_fd_;
   const Descriptor output_fd_;
@@ -79,6 +90,7 @@ class PluginStream final : public Counted<IPluginStreamRaw>, PluginInput::Handle
   StopSignal stop_;
   PluginInput input_;
   PluginOutput output_;
+  const std::shared_ptr<Entrance> entrance_;
   bool input_ended_ = false;  // only in Read
 };
 

@@ -3,7 +3,6 @@
 #include <fcntl.h>
 #include <netinet/in.h>
 #include <netinet/tcp.h>
-#include <poll.h>
 #include <sys/socket.h>
 
 #include <asio/buffer.hpp>
@@ -14,56 +13,80 @@
 #include <system_error>
 #include <utility>
 
+#include "link/high_descriptors.h"
+
 namespace gxtool {
 
 Descriptor ConnectTo(const std::string& address, std::uint16_t port) {
-  constexpr int kLimitMs = 1000;
   const asio::ip::tcp::endpoint endpoint(asio::ip::make_address(address), port);
-  Descriptor made(socket(endpoint.protocol().family(), SOCK_STREAM, 0));
+  Descriptor made(MoveUp(socket(endpoint.protocol().family(), SOCK_STREAM, 0)));
+  if (!made) throw std::system_error(errno, std::generic_category(), "socket");
   fcntl(made.get(), F_SETFD, FD_CLOEXEC);
   SetNonBlocking(made.get(), true);
   const int on = 1;
   setsockopt(made.get(), IPPROTO_TCP, TCP_NODELAY, &on, sizeof on);
-  int error = connect(made.get(), endpoint.data(), static_cast<socklen_t>(endpoint.size())) == 0 ? 0 : errno;
-  if (error == EINPROGRESS) {
-    pollfd wait{made.get(), POLLOUT, 0};
-    socklen_t size = sizeof error;
-    error = ETIMEDOUT;
-    if (poll(&wait, 1, kLimitMs) == 1) getsockopt(made.get(), SOL_SOCKET, SO_ERROR, &error, &size);
-  }
-  if (error != 0) throw std::system_error(error, std::generic_category(), "connect");
+  const int result = connect(made.get(), endpoint.data(), static_cast<socklen_t>(endpoint.size()));
+  if (result != 0 && errno != EINPROGRESS) throw std::system_error(errno, std::generic_category(), "connect");
   return made;
 }
 
-Relay::Relay(asio::io_context& io, Descriptor input, Descriptor output, Descriptor port, Events events)
+Relay::Relay(asio::io_context& io, Descriptor input, Descriptor output, Descriptor port, Entrance::Pass pass,
+             Events events)
     : input_(io, input.Release()),
-      output_(io, output.Release()),
+      output_(output ? std::make_optional<Stream>(io, output.Release()) : std::nullopt),
       port_(io, port.Release()),
+      pass_(std::move(pass)),
       events_(std::move(events)) {
+  if (!pass_) {
+    Begin();
+    return;
+  }
+  const auto sent = [this](asio::error_code error, std::size_t) {
+    error ? End("the port: " + error.message()) : Begin();
+  };
+  asio::async_write(port_, asio::buffer(pass_.secret()), lifetime_.Guard(sent));
+}
+
+void Relay::Begin() {
   Pump(up_);
   Pump(down_);
 }
 
 void Relay::Pump(Direction& direction) {
-  const auto written = [this, &direction](asio::error_code error, std::size_t) {
-    error ? OnFinished(direction, true) : Pump(direction);
+  const auto written = [this, &direction](asio::error_code error, std::size_t bytes) {
+    OnWritten(direction, error, bytes);
   };
   const auto read = [this, &direction, written](asio::error_code error, std::size_t got) {
-    if (error) return OnFinished(direction, error != asio::error::eof);
-    direction.bytes += got;
-    asio::async_write(direction.to, asio::buffer(direction.buffer, got), lifetime_.Guard(written));
+    if (error) return OnReadEnd(direction, error);
+    asio::async_write(direction.to, asio::buffer(direction.buffer.get(), got), lifetime_.Guard(written));
   };
-  direction.from.async_read_some(asio::buffer(direction.buffer), lifetime_.Guard(read));
+  direction.from.async_read_some(asio::buffer(direction.buffer.get(), kBufferBytes), lifetime_.Guard(read));
 }
 
-void Relay::OnFinished(const Direction& direction, bool failed) {
-  // The module never ends only one half of a connection: when it sends no more, it takes no more either.
-  if (failed || &direction == &down_) {
-    const auto ended = events_.ended;
-    return ended();
-  }
-  if (events_.client_finished) return events_.client_finished();
+void Relay::OnReadEnd(Direction& direction, asio::error_code error) {
+  const bool in_order = error == asio::error::eof;
+  if (&direction == &down_) return End(in_order ? "" : "the port: " + error.message());
+  if (!in_order) return End("reading from the client: " + error.message());
+  if (pass_.EndInput(up_.bytes)) return;
+  if (events_.untold) return events_.untold();
   shutdown(port_.native_handle(), SHUT_WR);
+}
+
+void Relay::OnWritten(Direction& direction, asio::error_code error, std::size_t bytes) {
+  direction.bytes += bytes;
+  if (&direction == &down_) {
+    if (error) return End("writing to the client: " + error.message());
+    Pump(direction);
+    if (events_.delivered) events_.delivered();
+  } else if (!error) {
+    Pump(direction);
+  }
+  // A port that takes no more has ended. What it has still said is read first.
+}
+
+void Relay::End(const std::string& problem) {
+  const auto ended = events_.ended;
+  ended(problem);
 }
 
 }  // namespace gxtool

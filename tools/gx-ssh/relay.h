@@ -1,57 +1,71 @@
-// Carries bytes both ways between a client and a port of the module.
+// Carries bytes both ways between a client and a port.
 #ifndef GX_SSH_RELAY_H
 #define GX_SSH_RELAY_H
 
-#include <array>
+#include <asio/error_code.hpp>
 #include <asio/io_context.hpp>
 #include <asio/posix/stream_descriptor.hpp>
 #include <cstddef>
 #include <cstdint>
 #include <functional>
+#include <memory>
+#include <optional>
 #include <string>
 
 #include "gx-ssh/descriptor.h"
+#include "gx-ssh/entrance.h"
 #include "gx-ssh/lifetime.h"
 
 namespace gxtool {
 
-// Connects to a local port; what listens there answers at once, so this hardly waits. Throws std::system_error.
+// Begins to connect to a local port, where the relay may begin at once. Throws std::system_error.
 Descriptor ConnectTo(const std::string& address, std::uint16_t port);
 
+// The end of the client's input goes on to the port, and the relay lasts until the port's side ends, too.
 // Threads: the one that runs `io`.
 class Relay {
  public:
   struct Events {
-    // The client sends no more. Empty: the port learns it at once.
-    std::function<void()> client_finished;
-    // Over: the port's side has ended and all of it is with the client, or one of the two has failed. Once; it
-    // may destroy the relay.
-    std::function<void()> ended;
+    // More bytes are with the client. May be empty.
+    std::function<void()> delivered;
+    // The client sends no more, and the far side cannot be told. Empty: the port's sending side is shut down.
+    std::function<void()> untold;
+    // Over. `problem` is empty when the port's side has ended and all of it is with the client; otherwise it
+    // tells what has failed. Once; it may destroy the relay.
+    std::function<void(const std::string& problem)> ended;
   };
 
-  // Reads the client from `input` and writes to it at `output`.
-  Relay(asio::io_context& io, Descriptor input, Descriptor output, Descriptor port, Events events);
+  // Reads the client from `input` and writes to it at `output`; none: at `input`, too. `pass` lets it enter at
+  // `port`; none: that port has no entrance.
+  Relay(asio::io_context& io, Descriptor input, Descriptor output, Descriptor port, Entrance::Pass pass,
+        Events events);
 
-  std::uint64_t sent() const { return up_.bytes; }        // from the client
-  std::uint64_t received() const { return down_.bytes; }  // to the client
+  std::uint64_t sent() const { return up_.bytes; }        // of the client's, to the port
+  std::uint64_t received() const { return down_.bytes; }  // from the port, to the client
 
  private:
   using Stream = asio::posix::stream_descriptor;
+  // Memory that nobody has written to yet costs nothing, so it is not cleared: most connections say little.
   struct Direction {
     Stream& from;
     Stream& to;
     std::uint64_t bytes = 0;
-    std::array<char, 64 * 1024> buffer = {};
+    std::unique_ptr<char[]> buffer = std::unique_ptr<char[]>(new char[kBufferBytes]);
   };
+  static constexpr std::size_t kBufferBytes = 64 * 1024;
 
+  void Begin();
   void Pump(Direction& direction);
-  void OnFinished(const Direction& direction, bool failed);
+  void OnReadEnd(Direction& direction, asio::error_code error);
+  void OnWritten(Direction& direction, asio::error_code error, std::size_t bytes);
+  void End(const std::string& problem);
 
   Stream input_;
-  Stream output_;
+  std::optional<Stream> output_;
   Stream port_;
   Direction up_{input_, port_};
-  Direction down_{port_, output_};
+  Direction down_{port_, output_ ? *output_ : input_};
+  Entrance::Pass pass_;
   const Events events_;
   Lifetime lifetime_;
 };

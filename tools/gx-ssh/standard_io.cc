@@ -4,7 +4,6 @@
 #include <spdlog/spdlog.h>
 
 #include <utility>
-#include <vector>
 
 #include "link/duration.h"
 
@@ -13,27 +12,28 @@ namespace {
 
 using std::chrono::milliseconds;
 
-constexpr milliseconds kSentCheck{5};
-// Without a byte from the far side after the end of the input. A far side that was told closes by itself.
-constexpr milliseconds kToldPatience{30'000};
+// Without a byte from a far side that cannot be told of the end of the input.
 constexpr milliseconds kUntoldPatience{3'000};
 
 }  // namespace
 
-StandardIo::StandardIo(asio::io_context& io, int input, int output, Descriptor port, const Traffic& traffic,
-                       Events events)
+StandardIo::StandardIo(asio::io_context& io, int input, int output, Descriptor port, Entrance::Pass pass,
+                       Ended ended)
     : input_(input),
       output_(output),
       input_flags_(fcntl(input, F_GETFL)),
       output_flags_(fcntl(output, F_GETFL)),
-      traffic_(traffic),
-      events_(std::move(events)),
+      ended_(std::move(ended)),
       timer_(io),
-      relay_(io, Duplicate(input), Duplicate(output), std::move(port),
-             {[this] { AwaitSent(); },
+      relay_(io, Duplicate(input), Duplicate(output), std::move(port), std::move(pass),
+             {{},
               [this] {
-                const auto ended = events_.ended;
-                ended(delivered_ || relay_.received() > 0);
+                delivered_ = true;  // as far as can be known
+                AwaitAnswer(kUntoldPatience);
+              },
+              [this](const std::string&) {
+                const auto told = ended_;
+                told(delivered_ || relay_.received() > 0);
               }}) {}
 
 StandardIo::~StandardIo() {
@@ -42,23 +42,13 @@ StandardIo::~StandardIo() {
   fcntl(output_, F_SETFL, output_flags_);
 }
 
-void StandardIo::AwaitSent() {
-  const std::vector<Traffic::Connection> open = traffic_.open();
-  if (!open.empty() && open.front().sent >= relay_.sent()) {
-    delivered_ = !events_.input_sent(open.front().id);
-    return AwaitAnswer(delivered_ ? kUntoldPatience : kToldPatience);
-  }
-  timer_.expires_after(kSentCheck);
-  timer_.async_wait(lifetime_.Guard([this](asio::error_code) { AwaitSent(); }));
-}
-
 void StandardIo::AwaitAnswer(milliseconds patience) {
   timer_.expires_after(patience);
   timer_.async_wait(lifetime_.Guard([this, patience, before = relay_.received()](asio::error_code) {
     if (relay_.received() != before) return AwaitAnswer(patience);
     spdlog::info("nothing came for {} after the end of the input, and the target does not end the connection",
                  FormatDuration(patience));
-    const auto ended = events_.ended;
+    const auto ended = ended_;
     ended(delivered_ || relay_.received() > 0);
   }));
 }

@@ -2,12 +2,14 @@
 
 #include <poll.h>
 
+#include <iterator>
+
 namespace gxtool {
 
-bool StopSignal::WaitFor(int fd, short events) const {
-  pollfd waits[2] = {{this->fd(), POLLIN, 0}, {fd, events, 0}};
+bool StopSignal::WaitFor(int fd, short events, int wake) const {
+  pollfd waits[] = {{this->fd(), POLLIN, 0}, {fd, events, 0}, {wake, POLLIN, 0}};
   // A wait that a signal cuts short is simply repeated.
-  while (!raised_ && poll(waits, 2, -1) < 0) {
+  while (!raised_ && poll(waits, std::size(waits), -1) < 0) {
   }
   return !raised_;
 }

@@ -22,8 +22,9 @@ class StopSignal {
   // Becomes readable when the switch is thrown.
   int fd() const { return pipe_.read.get(); }
 
-  // Waits until `fd` is ready for `events` (of poll). False: the switch was thrown.
-  bool WaitFor(int fd, short events) const;
+  // Waits until `fd` is ready for `events` (of poll), or `wake` (-1: none) for reading. False: the switch was
+  // thrown.
+  bool WaitFor(int fd, short events, int wake = -1) const;
 
  private:
   Pipe pipe_;

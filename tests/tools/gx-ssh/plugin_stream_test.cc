@@ -32,6 +32,7 @@ class Diary : public StreamObserver {
   void OnInputDelivered(std::uint32_t) override {}
   void OnChannelListDropped() override {}
   void OnGoodbye(const std::string&) override {}
+  void OnWaiting() override {}
   void OnInputEnd(const std::string& reason) override { Add("end: " + reason); }
   void OnOutputFailed(const std::string& reason) override { Add("failed: " + reason); }
 
@@ -210,6 +211,33 @@ TEST_F(PluginStreamTest, SilenceCountsOnlyWhileTheModuleWaits) {
   EndOfFarSide();
   reader.get();
   EXPECT_EQ(stream_->silence().count(), 0);
+}
+
+// A stranger at the module's port: the module hears a Close that the far side never sent, between its frames,
+// even while it waits for the far side; the far side hears nothing.
+TEST_F(PluginStreamTest, StrangersAreClosedAndTheFarSideHearsNothing) {
+  Open({.guarded = true});
+  const std::string close = MakeFrame(ConnectionType::Close, 1, "");
+  const std::string list = MakeFrame(ConnectionType::ChannelList, 0, "");
+  const auto come = [this, &close] {
+    EXPECT_TRUE(WriteModule(MakeFrame(ConnectionType::Connect, 1, "x:1")));
+    EXPECT_TRUE(WriteModule(DataFrame(1, "sixteen wrong ones and more")));
+    EXPECT_TRUE(WriteModule(close));
+  };
+  Send(DataFrame(1, "for a stranger") + kPing.substr(0, 20));
+  auto module = std::async(std::launch::async, [this] { return ReadModule(3); });
+  come();
+  Send(kPing.substr(20));
+  EXPECT_TRUE(gxtest::Eventually([this] { return diary_.Take().find("frame") != std::string::npos; }));
+  come();
+  EXPECT_TRUE(gxtest::Eventually([this] { return diary_.Take().find("frame") != std::string::npos; }));
+  EndOfFarSide();
+  EXPECT_EQ(module.get(), close + close);
+  EXPECT_TRUE(WriteModule(list));
+  stream_->Finish("done", kPatience);
+  stream_ = {};
+  EXPECT_EQ(ReadToEnd(far_.get()),
+            MakeFrame(kPongFrame, 0, "12345678") + list + MakeFrame(kGoodbyeFrame, 0, "done"));
 }
 
 // Answers that come at once are awaited awake; that must end with them, and with a stream that is closed.

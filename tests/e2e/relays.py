@@ -1,0 +1,217 @@
+"""What gx-ssh carries itself between its clients and the module: who gets in, how much, and to the last byte."""
+
+import contextlib
+import os
+import re
+import resource
+import selectors
+import signal
+import socket
+import subprocess
+import threading
+
+from throwaway import Child, Failure, write_script
+
+CONNECTIONS = 950
+LISTENING = "0A"
+NOBODY = 65534
+
+
+def ways(folder):
+    """The modes in which gx-ssh listens itself."""
+    return {"listen": ["--listen", "127.0.0.1:0"], "unix": ["--listen", f"unix:{folder}/socket"],
+            "reconnect": ["--reconnect"], "user-only": ["--user-only"]}
+
+
+class Target:
+    """Answers each connection with what it has sent: at once, or (`last`) when it has sent its last byte."""
+
+    def __init__(self, last=False):
+        self._last = last
+        self._listener = socket.create_server(("127.0.0.1", 0), backlog=1024)
+        self.address = "127.0.0.1:%d" % self._listener.getsockname()[1]
+        self.connections = 0
+        self.closing = False
+        threading.Thread(target=self._serve, daemon=True).start()
+
+    def _serve(self):
+        owed = {}
+        with selectors.DefaultSelector() as ready, self._listener:
+            ready.register(self._listener, selectors.EVENT_READ)
+            while not self.closing:
+                for key, _ in ready.select(0.1):
+                    if key.fileobj is self._listener:
+                        client, _ = self._listener.accept()
+                        ready.register(client, selectors.EVENT_READ)
+                        owed[client] = b""
+                        self.connections += 1
+                    elif not self._answer(key.fileobj, owed):
+                        ready.unregister(key.fileobj)
+                        key.fileobj.close()
+            for client in owed:
+                client.close()
+
+    def _answer(self, client, owed):
+        try:
+            piece = client.recv(1 << 16)
+            owed[client] += piece
+            if piece and self._last:
+                return True
+            client.sendall(owed.pop(client))
+            owed[client] = b""
+        except OSError:
+            return False
+        return piece
+
+
+class Host:
+    """gx-ssh before that target, with the limit of descriptors that most systems give a program."""
+
+    def __init__(self, tools, target, *options, local=False):
+        far_side = ["--local"] if local else ["--", tools.gx_ssh_peer, "-q", "--allow", target.address]
+        self.process = Child(["sh", "-c", 'ulimit -Sn 1024; exec "$@"', "sh", tools.gx_ssh, "--target",
+                              target.address, *options, *far_side])
+        self.address = ""
+
+    def __enter__(self):
+        return self
+
+    def __exit__(self, *failure):
+        with self.process:
+            if failure[0] is None:
+                self.process.signal(signal.SIGTERM)
+                self.process.expect_status(0)
+
+    def connect(self):
+        if not self.address:
+            self.address = self.process.expect(self.process.out, r"^(unix:/.*|127\.0\.0\.1:\d+)$").group(1)
+        return connect(self.address)
+
+    def module_port(self):
+        """Of the sockets of 127.0.0.1 at which the process listens the one that it has not announced."""
+        inodes = set()
+        for name in os.listdir(f"/proc/{self.process.pid}/fd"):
+            with contextlib.suppress(FileNotFoundError):
+                inodes.update(re.findall(r"^socket:\[(\d+)\]$", os.readlink(f"/proc/{self.process.pid}/fd/{name}")))
+        with open("/proc/net/tcp", encoding="ascii") as table:
+            rows = [line.split() for line in table]
+        ports = {int(row[1].split(":")[1], 16) for row in rows if row[3] == LISTENING and row[9] in inodes}
+        return (ports - {int(self.address.rpartition(":")[2])} if self.address[:1].isdigit() else ports).pop()
+
+
+def connect(address):
+    family = socket.AF_UNIX if address.startswith("unix:") else socket.AF_INET
+    client = socket.socket(family)
+    client.settimeout(30)
+    host, _, port = address.rpartition(":")
+    client.connect(port if host == "unix" else (host, int(port)))
+    return client
+
+
+def expect_answer(client, text, what):
+    """The answer, or the end of a connection that is over."""
+    received = b""
+    with contextlib.suppress(ConnectionError):
+        while len(received) < len(text) and (piece := client.recv(1 << 16)):
+            received += piece
+    if received != text:
+        raise Failure(f"{what}: {len(received)} bytes of {len(text)} came back")
+
+
+def expect_echo(client, what):
+    client.sendall(b"hello")
+    expect_answer(client, b"hello", what)
+
+
+def expect_end(client, what):
+    with contextlib.suppress(ConnectionResetError):
+        if client.recv(1):
+            raise Failure(f"{what} got a byte")
+
+
+def strangers(tools, server):
+    """Who finds the module's own port reaches nothing, and keeps nobody out of the front door."""
+    for name, options in [*ways(server.folder).items(), ("stdio", ["-W"])]:
+        target = Target()
+        with Host(tools, target, *options) as host, contextlib.ExitStack() as clients:
+            if name == "stdio":
+                host.process.send("hello\n")
+                host.process.expect(host.process.out, "^hello$")
+            else:
+                expect_echo(clients.enter_context(host.connect()), name)
+            address = f"127.0.0.1:{host.module_port()}"
+            silent = [clients.enter_context(connect(address)) for _ in range(100)]
+            bold = clients.enter_context(connect(address))
+            bold.sendall(b"x" * 100_000)
+            expect_end(bold, f"{name}: a stranger that talks")
+            for client in silent:
+                expect_end(client, f"{name}: a silent stranger")
+            if name == "stdio":
+                host.process.send("again\n")
+                host.process.expect(host.process.out, "^again$")
+                host.process.stdin.close()
+                host.process.expect_status(0)
+            else:
+                expect_echo(clients.enter_context(host.connect()), name)
+            if target.connections != (1 if name == "stdio" else 2):
+                raise Failure(f"{name}: {target.connections} connections reached the target")
+        target.closing = True
+
+
+def half_close(tools, server):
+    """An answer that the target begins when it has heard all comes back whole."""
+    text = os.urandom(3_000_000)
+    for name, options in ways(server.folder).items():
+        for size in (0, 5, len(text)):
+            target = Target(last=True)
+            with Host(tools, target, *options) as host, host.connect() as client:
+                threading.Thread(target=lambda: (client.sendall(text[:size]), client.shutdown(socket.SHUT_WR))).start()
+                expect_answer(client, text[:size], f"{name}, {size} bytes before the end of the input")
+                expect_end(client, name)
+            target.closing = True
+
+
+def many(tools, server):
+    """So many connections at once, in each mode; and a carrier gets the limit of descriptors that gx-ssh had."""
+    resource.setrlimit(resource.RLIMIT_NOFILE, (resource.getrlimit(resource.RLIMIT_NOFILE)[1],) * 2)
+    limit = f"{server.folder}/limit"
+    write_script(f"{server.folder}/peer", f'ulimit -Sn >"{limit}"; exec "{tools.gx_ssh_peer}" "$@"')
+    carriers = type(tools)(gx_ssh=tools.gx_ssh, gx_ssh_peer=f"{server.folder}/peer")
+    modes = [(name, options, False) for name, options in ways(server.folder).items()]
+    for name, options, local in [*modes, ("local", [], True), ("local listen", modes[0][1], True)]:
+        target = Target()
+        with Host(carriers, target, *options, local=local) as host, contextlib.ExitStack() as clients:
+            opened = [clients.enter_context(host.connect()) for _ in range(CONNECTIONS)]
+            for number, client in enumerate(opened):
+                client.sendall(b"%d" % number)
+            for number, client in enumerate(opened):
+                expect_answer(client, b"%d" % number, f"{name}, connection {number}")
+        target.closing = True
+    with open(limit, encoding="ascii") as file:
+        if file.read() != "1024\n":
+            raise Failure("the carrier did not get the old limit of descriptors")
+
+
+def user_only(tools, _server):
+    """With --user-only another user, and a socket that nobody holds any more, get nowhere; needs root."""
+    if os.geteuid() != 0:
+        return
+    target = Target()
+    with Host(tools, target, "--user-only") as host, host.connect() as own:
+        expect_echo(own, "the same user")
+        stranger = ("import socket, sys; c = socket.create_connection(('127.0.0.1', int(sys.argv[1]))); "
+                    "c.sendall(b'x')")
+        command = ["python3", "-c", stranger, host.address.rpartition(":")[2]]
+        subprocess.run([*command[:2], stranger + "; c.recv(1)", *command[3:]], user=NOBODY, check=False,
+                       stderr=subprocess.DEVNULL)
+        host.process.signal(signal.SIGSTOP)  # so that it looks when the stranger has gone
+        subprocess.run(command, user=NOBODY, check=True)
+        host.process.signal(signal.SIGCONT)
+        with host.connect() as other:
+            expect_echo(other, "the same user")
+        if target.connections != 2:
+            raise Failure(f"{target.connections} connections reached the target, and two of them were ours")
+    target.closing = True
+
+
+SCENARIOS = {each.__name__: each for each in (strangers, half_close, many, user_only)}

@@ -1,0 +1,155 @@
+#include "gx-ssh/entrance.h"
+
+#include <gtest/gtest.h>
+
+#include <memory>
+#include <optional>
+#include <string>
+#include <string_view>
+
+#include "link/control_frames.h"
+
+namespace gxtool {
+namespace {
+
+using gxmod::ConnectionType;
+
+// The module and the program's own connections are played by the test; what the far side gets is written down.
+class EntranceTest : public testing::Test, protected Entrance::Handler {
+ protected:
+  void OnRefused(std::uint32_t connection) override { story_ += "refuse " + std::to_string(connection) + "; "; }
+  void OnInputSent(std::uint32_t connection) override { story_ += "end " + std::to_string(connection) + "; "; }
+  void OnWaiting() override { ++waits_; }
+
+  // The module writes, at most `step` bytes at a time.
+  std::string Write(std::string_view bytes, std::size_t step = std::string::npos) {
+    std::string out;
+    for (std::size_t at = 0; at < bytes.size(); at += std::min(step, bytes.size() - at)) {
+      const std::string_view passed = entrance_->Filter(bytes.substr(at, step));
+      out += passed;
+      sent_.Feed(passed);
+    }
+    return out;
+  }
+  std::string TakeStory() { return std::exchange(story_, {}); }
+  bool HearsTheFarSide(std::uint32_t id) const { return entrance_->Admits({5, id, ConnectionType::Data}); }
+
+  // Tells the entrance what has gone out, as the output does.
+  struct Sent final : FrameReader::Handler {
+    explicit Sent(EntranceTest* test) : test_(test) {}
+    void OnFrame(const gxmod::FrameHeader& header) override { test_->entrance_->OnSent(header); }
+    void OnPayload(std::string_view) override {}
+    void OnFrameEnd() override {}
+    EntranceTest* const test_;
+  };
+
+  std::string story_;
+  int waits_ = 0;
+  std::shared_ptr<Entrance> entrance_{new Entrance(true, *this)};
+  Sent sent_handler_{this};
+  FrameReader sent_{&sent_handler_};
+};
+
+std::string Secret(const Entrance::Pass& pass) { return {pass.secret().begin(), pass.secret().end()}; }
+std::string Connect(std::uint32_t id) { return MakeFrame(ConnectionType::Connect, id, "127.0.0.1:22"); }
+std::string Data(std::uint32_t id, std::string_view bytes) {
+  return MakeFrame(ConnectionType::Data, id, bytes);
+}
+std::string Close(std::uint32_t id) { return MakeFrame(ConnectionType::Close, id, ""); }
+
+// The frames that the connection's bytes come in, and the pieces that the frames come in, are the module's
+// affair.
+TEST_F(EntranceTest, OwnConnectionsPassWithoutTheirSecret) {
+  const std::string list = MakeFrame(ConnectionType::ChannelList, 0, "name=ssh;");
+  std::uint32_t id = 0;
+  for (std::size_t first = 0; first <= 20; ++first) {
+    for (const std::size_t step : {1u, 7u, 16u, 17u, 1000u}) {
+      const auto pass = entrance_->Expect();
+      const std::string bytes = Secret(pass) + "hello";
+      ++id;
+      const std::string rest = first <= 16
+                                   ? Data(id, "hello")
+                                   : Data(id, bytes.substr(16, first - 16)) + Data(id, bytes.substr(first));
+      EXPECT_EQ(Write(Connect(id) + list + Data(id, bytes.substr(0, first)) + Data(id, bytes.substr(first)) +
+                          Close(id),
+                      step),
+                list + Connect(id) + rest + Close(id))
+          << first << " " << step;
+    }
+  }
+  EXPECT_EQ(TakeStory(), "");
+}
+
+TEST_F(EntranceTest, NothingOfAStrangerPassesEitherWay) {
+  std::optional<Entrance::Pass> pass(entrance_->Expect());
+  const std::string secret = Secret(*pass);
+  EXPECT_EQ(Write(Connect(1) + Data(1, "GET / HTTP/1.1\r\n\r\n") + Data(1, secret) + Close(1)), "");
+  EXPECT_EQ(TakeStory(), "refuse 1; ") << "a secret that comes late counts for nothing";
+  std::string almost = secret;
+  almost.back() ^= 1;
+  EXPECT_EQ(Write(Connect(2) + Data(2, secret.substr(0, 15)) + Close(2) + Connect(3) + Data(3, almost)), "");
+  EXPECT_EQ(TakeStory(), "refuse 3; ") << "who has left by itself needs no Close";
+  EXPECT_FALSE(HearsTheFarSide(3));
+
+  EXPECT_NE(Write(Connect(4) + Data(4, secret)), "");
+  EXPECT_TRUE(HearsTheFarSide(4));
+  EXPECT_EQ(Write(Connect(5) + Data(5, secret)), "") << "a secret counts once";
+  EXPECT_NE(Write(Close(4)), "");
+  EXPECT_FALSE(HearsTheFarSide(4));
+
+  pass.emplace(entrance_->Expect());
+  const std::string given_up = Secret(*pass);
+  pass.reset();
+  EXPECT_EQ(Write(Connect(6) + Data(6, given_up)), "");
+}
+
+TEST_F(EntranceTest, SilentStrangersGoAndKeepNobodyOut) {
+  const auto begin = Entrance::Clock::now();
+  EXPECT_FALSE(entrance_->Expire(begin));
+  Write(Connect(1));
+  EXPECT_EQ(waits_, 1);
+  const auto next = entrance_->Expire(begin);
+  ASSERT_TRUE(next);
+  EXPECT_GE(*next, begin + Entrance::kSilence);
+  EXPECT_EQ(TakeStory(), "");
+  EXPECT_FALSE(entrance_->Expire(*next));
+  EXPECT_EQ(TakeStory(), "refuse 1; ");
+
+  for (std::uint32_t id = 2; id <= 2 + Entrance::kWaiting; ++id) Write(Connect(id));
+  EXPECT_EQ(TakeStory(), "refuse 2; ") << "of too many the one that has waited longest goes";
+  EXPECT_EQ(waits_, 2) << "one call of Expire is asked for at a time";
+  const auto pass = entrance_->Expect();
+  EXPECT_EQ(Write(Connect(100)), "");
+  EXPECT_EQ(TakeStory(), "") << "those that are expected take nobody's place";
+  EXPECT_EQ(Write(Data(100, Secret(pass) + "x")), Connect(100) + Data(100, "x"));
+}
+
+// The far side hears of the end once, behind the last byte and never before the Connect.
+TEST_F(EntranceTest, TheEndOfTheInputFollowsTheLastByte) {
+  for (const std::size_t size : {0u, 5u}) {
+    for (const std::size_t told_after : {0u, 1u, 2u}) {
+      auto pass = entrance_->Expect();
+      const std::uint32_t id = static_cast<std::uint32_t>(10 + 10 * size + told_after);
+      const std::string bytes(size, 'x');
+      const auto tell_after = [&](std::size_t step) {
+        EXPECT_TRUE(step != told_after || pass.EndInput(size));
+      };
+      tell_after(0);
+      Write(Connect(id) + Data(id, Secret(pass).substr(0, 10)));
+      tell_after(1);
+      EXPECT_EQ(TakeStory(), "");
+      Write(Data(id, Secret(pass).substr(10) + bytes.substr(0, size / 2)));
+      tell_after(2);
+      if (size > 0) {
+        EXPECT_EQ(TakeStory(), "");
+        Write(Data(id, bytes.substr(size / 2)));
+      }
+      EXPECT_EQ(TakeStory(), "end " + std::to_string(id) + "; ") << size << " " << told_after;
+      Write(Close(id));
+      EXPECT_EQ(TakeStory(), "");
+    }
+  }
+}
+
+}  // namespace
+}  // namespace gxtool

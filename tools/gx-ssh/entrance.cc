@@ -1,0 +1,226 @@
+#include "gx-ssh/entrance.h"
+
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <system_error>
+#include <utility>
+
+namespace gxtool {
+namespace {
+
+using gxmod::ConnectionType;
+
+// Takes the same time for every wrong one, so that nobody finds a secret byte by byte.
+bool AreEqual(const Entrance::Secret& secret, std::string_view proof) {
+  unsigned difference = 0;
+  for (std::size_t i = 0; i < secret.size(); ++i)
+    difference |= static_cast<unsigned>(secret[i] ^ proof[i]) & 0xFF;
+  return difference == 0;
+}
+
+}  // namespace
+
+Entrance::Pass::~Pass() {
+  if (entrance_) entrance_->Forget(ticket_);
+}
+
+bool Entrance::Pass::EndInput(std::uint64_t bytes) {
+  if (!entrance_ || !entrance_->tells_end_) return false;
+  entrance_->EndInput(ticket_, bytes);
+  return true;
+}
+
+Entrance::Pass Entrance::Expect() {
+  Pass pass;
+  if (getentropy(pass.secret_.data(), pass.secret_.size()) != 0) {
+    throw std::system_error(errno, std::generic_category(), "random bytes");
+  }
+  const std::lock_guard lock(mutex_);
+  pass.entrance_ = shared_from_this();
+  pass.ticket_ = ++last_ticket_;
+  expected_.push_back({pass.ticket_, pass.secret_, {}});
+  return pass;
+}
+
+std::string_view Entrance::Filter(std::string_view block) {
+  passed_.clear();
+  {
+    const std::lock_guard lock(mutex_);
+    // What the module nearly always brings needs no copy.
+    if (IsOwnData(block)) return block;
+    frames_.Feed(block);
+  }
+  CallHandler();
+  return passed_;
+}
+
+void Entrance::OnSent(const gxmod::FrameHeader& header) {
+  bool ends = false;
+  {
+    const std::lock_guard lock(mutex_);
+    const auto found = own_.find(header.connection_id);
+    if (found == own_.end()) return;
+    Own& own = found->second;
+    if (header.type == ConnectionType::Connect) own.connect_sent = true;
+    if (header.type == ConnectionType::Data) own.sent += header.length;
+    ends = TakeEnd(own);
+  }
+  if (ends && handler_ != nullptr) handler_->OnInputSent(header.connection_id);
+}
+
+bool Entrance::Admits(const gxmod::FrameHeader& header) const {
+  if (header.type != ConnectionType::Data) return true;
+  const std::lock_guard lock(mutex_);
+  return own_.contains(header.connection_id);
+}
+
+std::optional<Entrance::Clock::time_point> Entrance::Expire(Clock::time_point now) {
+  std::optional<Clock::time_point> next;
+  {
+    const std::lock_guard lock(mutex_);
+    while (!waiting_.empty() && waiting_.front().until <= now) Refuse(waiting_.begin());
+    if (!waiting_.empty()) next = waiting_.front().until;
+    expiry_is_due_ = next.has_value();
+  }
+  CallHandler();
+  return next;
+}
+
+void Entrance::OnFrame(const gxmod::FrameHeader& header) {
+  frame_ = header;
+  fate_ = Judge(header);
+  if (fate_ == Fate::kPasses) PassHeader(header);
+}
+
+void Entrance::OnPayload(std::string_view piece) {
+  if (fate_ == Fate::kPasses) {
+    passed_ += piece;
+    return;
+  }
+  const Guest guest = FindGuest(frame_.connection_id);
+  if (guest == waiting_.end()) return;
+  if (fate_ == Fate::kIsConnect) guest->connect += piece;
+  if (fate_ == Fate::kIsProof) TakeProof(guest, piece);
+}
+
+bool Entrance::IsOwnData(std::string_view block) const {
+  if (!frames_.AtFrameEnd() || block.size() < gxmod::kFrameHeaderBytes) return false;
+  const gxmod::FrameHeader header = gxmod::DecodeFrameHeader(block.data());
+  return header.type == ConnectionType::Data && block.size() == gxmod::kFrameHeaderBytes + header.length &&
+         own_.contains(header.connection_id);
+}
+
+Entrance::Fate Entrance::Judge(const gxmod::FrameHeader& header) {
+  const std::uint32_t id = header.connection_id;
+  switch (header.type) {
+    case ConnectionType::Connect:
+      BeginToWait(header);
+      return Fate::kIsConnect;
+    case ConnectionType::Data:
+      if (own_.contains(id)) return Fate::kPasses;
+      return FindGuest(id) != waiting_.end() ? Fate::kIsProof : Fate::kIsDropped;
+    case ConnectionType::Close:
+      std::erase_if(waiting_, [id](const Waiting& guest) { return guest.id == id; });
+      refused_.erase(id);
+      return own_.erase(id) != 0 ? Fate::kPasses : Fate::kIsDropped;
+    default:
+      return Fate::kPasses;
+  }
+}
+
+void Entrance::BeginToWait(const gxmod::FrameHeader& header) {
+  if (waiting_.size() >= kWaiting + expected_.size()) Refuse(waiting_.begin());
+  Waiting guest{header.connection_id, Clock::now() + kSilence, {}, {}};
+  guest.connect.resize(gxmod::kFrameHeaderBytes);
+  gxmod::EncodeFrameHeader(header, guest.connect.data());
+  waiting_.push_back(std::move(guest));
+  if (!std::exchange(expiry_is_due_, true)) wait_begins_ = true;
+}
+
+void Entrance::TakeProof(Guest guest, std::string_view piece) {
+  const std::size_t taken = std::min(piece.size(), Secret().size() - guest->proof.size());
+  guest->proof += piece.substr(0, taken);
+  frame_.length -= static_cast<std::uint32_t>(taken);
+  if (guest->proof.size() < Secret().size()) return;
+  if (!IsExpected(*guest)) {
+    Refuse(guest);
+    fate_ = Fate::kIsDropped;
+    return;
+  }
+  passed_ += guest->connect;
+  waiting_.erase(guest);
+  if (frame_.length > 0) PassHeader(frame_);
+  passed_ += piece.substr(taken);
+  fate_ = Fate::kPasses;
+}
+
+bool Entrance::IsExpected(const Waiting& guest) {
+  const auto found = std::find_if(expected_.begin(), expected_.end(), [&guest](const Expected& expected) {
+    return AreEqual(expected.secret, guest.proof);
+  });
+  if (found == expected_.end()) return false;
+  own_.emplace(guest.id, Own{found->ticket, found->end});
+  expected_.erase(found);
+  return true;
+}
+
+void Entrance::Refuse(Guest guest) {
+  refused_.insert(guest->id);
+  to_close_.push_back(guest->id);
+  waiting_.erase(guest);
+}
+
+Entrance::Guest Entrance::FindGuest(std::uint32_t id) {
+  return std::find_if(waiting_.begin(), waiting_.end(), [id](const Waiting& guest) { return guest.id == id; });
+}
+
+void Entrance::PassHeader(const gxmod::FrameHeader& header) {
+  const std::size_t at = passed_.size();
+  passed_.resize(at + gxmod::kFrameHeaderBytes);
+  gxmod::EncodeFrameHeader(header, passed_.data() + at);
+}
+
+bool Entrance::TakeEnd(Own& own) {
+  // In front of its Connect the far side would not know whose end it is.
+  if (!own.connect_sent || !own.end || own.sent < *own.end) return false;
+  own.end.reset();
+  return true;
+}
+
+void Entrance::EndInput(std::uint64_t ticket, std::uint64_t bytes) {
+  std::optional<std::uint32_t> ended;
+  {
+    const std::lock_guard lock(mutex_);
+    for (Expected& expected : expected_) {
+      if (expected.ticket == ticket) expected.end = bytes;
+    }
+    for (auto& [id, own] : own_) {
+      if (own.ticket != ticket) continue;
+      own.end = bytes;
+      if (TakeEnd(own)) ended = id;
+    }
+  }
+  if (ended && handler_ != nullptr) handler_->OnInputSent(*ended);
+}
+
+void Entrance::Forget(std::uint64_t ticket) {
+  const std::lock_guard lock(mutex_);
+  std::erase_if(expected_, [ticket](const Expected& expected) { return expected.ticket == ticket; });
+}
+
+void Entrance::CallHandler() {
+  std::vector<std::uint32_t> refused;
+  bool wait_begins = false;
+  {
+    const std::lock_guard lock(mutex_);
+    refused.swap(to_close_);
+    wait_begins = std::exchange(wait_begins_, false);
+  }
+  if (handler_ == nullptr) return;
+  for (const std::uint32_t id : refused) handler_->OnRefused(id);
+  if (wait_begins) handler_->OnWaiting();
+}
+
+}  // namespace gxtool
