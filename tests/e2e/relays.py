@@ -10,7 +10,7 @@ import socket
 import subprocess
 import threading
 
-from throwaway import Child, Failure, write_script
+from throwaway import Child, Clients, Failure, write_script
 
 CONNECTIONS = 950
 LISTENING = "0A"
@@ -192,6 +192,27 @@ def many(tools, server):
             raise Failure("the carrier did not get the old limit of descriptors")
 
 
+def socket_config(tools, server):
+    """ssh finds its way to a Unix socket by what --print ssh-config says, whatever the path is like."""
+    before = os.getcwd()
+    os.chdir(server.folder)
+    try:
+        with Child([tools.gx_ssh, "--target", f"127.0.0.1:{server.port}", "--listen", "unix:it's 50%h of a $HOME",
+                    "--print", "ssh-config", "--local"]) as host:
+            proxy = host.expect(host.out, r"^ *(ProxyCommand .*)$").group(1)
+            os.chdir("/")
+            if Clients(server, proxy).run("ssh", "far", "cat; echo done") != "done\n":
+                raise Failure("the command printed something else")
+            nowhere = subprocess.run([tools.gx_ssh, "--connect", f"unix:{server.folder}/none"], check=False,
+                                     stdin=subprocess.DEVNULL, capture_output=True, text=True)
+            if nowhere.returncode != 1 or "No such file" not in nowhere.stderr:
+                raise Failure(f"--connect to nothing ended with {nowhere.returncode}: {nowhere.stderr}")
+            host.signal(signal.SIGTERM)
+            host.expect_status(0)
+    finally:
+        os.chdir(before)
+
+
 def user_only(tools, _server):
     """With --user-only another user, and a socket that nobody holds any more, get nowhere; needs root."""
     if os.geteuid() != 0:
@@ -214,4 +235,4 @@ def user_only(tools, _server):
     target.closing = True
 
 
-SCENARIOS = {each.__name__: each for each in (strangers, half_close, many, user_only)}
+SCENARIOS = {each.__name__: each for each in (strangers, half_close, many, socket_config, user_only)}

@@ -1,6 +1,7 @@
 // gx-ssh: forwards local TCP connections through the standard input and output of a command.
 
 #include <signal.h>
+#include <unistd.h>
 
 #include <cstdio>
 #include <exception>
@@ -12,6 +13,7 @@
 #include "gx-ssh/failure.h"
 #include "gx-ssh/module_library.h"
 #include "gx-ssh/options.h"
+#include "gx-ssh/socket_client.h"
 #include "link/high_descriptors.h"
 #include "link/ready_line.h"
 
@@ -38,9 +40,13 @@ int Run(int argc, char** argv) {
   const Options& options = std::get<Options>(parsed);
   const Descriptor output = TakeStandardOutput();
   if (options.show_version) return PrintVersion(options, output.get());
+  const auto console = Console::SetUp(options.quiet, options.verbosity);
+  if (!options.connect_path.empty()) {
+    return ConnectSocket(options.connect_path, options.connect_timeout, STDIN_FILENO, output.get());
+  }
   // The module watches its descriptors with select; those of the listener and of a far side inside move up.
   if (options.local || options.HasListener()) RaiseDescriptorLimit();
-  return App(options, output.get(), Console::SetUp(options.quiet, options.verbosity)).Run();
+  return App(options, output.get(), console).Run();
 }
 
 }  // namespace

@@ -47,18 +47,6 @@ class CreateParams final : public Counted<IGXModCreateParams> {
   const CRefObj<IGXModData> name_{new Value(kControlSshInterfaceName)};
 };
 
-fs::path ProgramPath() {
-#ifdef __APPLE__
-  char path[4096];
-  std::uint32_t size = sizeof path;
-  if (_NSGetExecutablePath(path, &size) != 0) return {};
-  return fs::path(path);
-#else
-  std::error_code none;
-  return fs::read_symlink("/proc/self/exe", none);
-#endif
-}
-
 std::string VersionText(std::uint64_t packed) {
   const GXModVersion version = GXModUnpackVersion(packed);
   return std::to_string(version.major_number) + "." + std::to_string(version.minor_number) + "." +
@@ -67,8 +55,20 @@ std::string VersionText(std::uint64_t packed) {
 
 }  // namespace
 
+std::string ProgramPath() {
+#ifdef __APPLE__
+  char path[4096];
+  std::uint32_t size = sizeof path;
+  if (_NSGetExecutablePath(path, &size) != 0) return {};
+  return path;
+#else
+  std::error_code none;
+  return fs::read_symlink("/proc/self/exe", none).string();
+#endif
+}
+
 std::string DefaultModulePath() {
-  const fs::path folder = ProgramPath().parent_path();
+  const fs::path folder = fs::path(ProgramPath()).parent_path();
   // Only a program in its build tree looks there: an installed one takes nothing but what was installed with
   // it.
   const bool in_build_tree = folder.filename() == "gx-ssh" && folder.parent_path().filename() == "tools";

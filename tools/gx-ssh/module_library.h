@@ -13,6 +13,8 @@ namespace gxtool {
 // Where the module lies that belongs to this program: beside it in the build tree, or where both were
 // installed.
 std::string DefaultModulePath();
+// Of this program; empty when the system does not tell.
+std::string ProgramPath();
 
 // Loaded while this object lives. Every plugin is released before.
 class ModuleLibrary {

@@ -22,7 +22,8 @@ constexpr const char* kUsage =
     "Usage: gx-ssh [OPTIONS] -- CARRIER [ARG...]\n"
     "       gx-ssh -W [OPTIONS] -- CARRIER [ARG...]\n"
     "       gx-ssh --run 'CMD' [OPTIONS] -- CARRIER [ARG...]\n"
-    "       gx-ssh --local [OPTIONS]\n";
+    "       gx-ssh --local [OPTIONS]\n"
+    "       gx-ssh --connect unix:PATH\n";
 constexpr const char* kHint = "usage: gx-ssh [OPTIONS] -- CARRIER [ARG...]; gx-ssh --help tells more";
 constexpr const char* kDescription =
     "Forwards local TCP connections through the standard input and output of CARRIER, a command\n"
@@ -48,11 +49,17 @@ std::string Target(const std::string& text) {
   return target->ToString();
 }
 
+std::string UnixPath(const std::string& option, const std::string& text) {
+  constexpr std::string_view kScheme = "unix:";
+  if (!text.starts_with(kScheme)) throw CLI::ValidationError(option + " \"" + text + "\": it is unix:PATH");
+  if (text.size() == kScheme.size()) throw CLI::ValidationError(option + " \"unix:\": a path is missing");
+  return text.substr(kScheme.size());
+}
+
 ListenAddress Listen(const std::string& text) {
   ListenAddress result;
   if (text.starts_with("unix:")) {
-    result.unix_path = text.substr(5);
-    if (result.unix_path.empty()) throw CLI::ValidationError("--listen \"unix:\": a path is missing");
+    result.unix_path = UnixPath("--listen", text);
     return result;
   }
   std::string why;
@@ -123,6 +130,9 @@ void DeclareModes(CLI::App& app, Options& options) {
   app.add_option("--run", options.run, "Run the shell command CMD when the port is up, end with its status")
       ->option_text("CMD");
   app.add_flag("--local", options.local, "Be the far side, too: no carrier");
+  const auto path = [](const std::string& text) { return UnixPath("--connect", text); };
+  AddText(app, "--connect", options.connect_path, path, "unix:PATH",
+          "Be a client: carry standard input and output to the socket of --listen");
 }
 
 void DeclareLink(CLI::App& app, Options& options) {
@@ -169,6 +179,10 @@ void DeclareOutput(CLI::App& app, Options& options) {
 
 // What no single option can tell. Empty: all is well.
 std::string Contradiction(const Options& options) {
+  if (!options.connect_path.empty()) {
+    const bool more = options.local || options.HasRelay() || !options.run.empty() || !options.carrier.empty();
+    return more ? "--connect takes no carrier and goes with no other mode" : "";
+  }
   if (options.local && !options.carrier.empty()) return "--local takes no carrier";
   if (!options.local && options.carrier.empty()) return "a carrier is missing: a command behind --, or --local";
   if (options.standard_io && !options.run.empty()) return "-W and --run exclude each other";
@@ -176,6 +190,10 @@ std::string Contradiction(const Options& options) {
   if (options.standard_io && (options.HasListener() || prints || !options.port_file.empty())) {
     return "-W opens no port: --listen, --reconnect, --user-only, --print, --json and --port-file do not go "
            "with it";
+  }
+  if (options.listen && options.listen->unix_path.find('\n') != std::string::npos &&
+      options.print == PrintFormat::kSshConfig) {
+    return "--print ssh-config: a path of two lines cannot be told";
   }
   if (options.quiet && options.verbosity > 0) return "-q and -v exclude each other";
   if (options.listen && !options.listen->unix_path.empty() && options.print == PrintFormat::kPort) {

@@ -27,6 +27,7 @@ struct Options {
   std::string module_path;
 
   bool standard_io = false;  // -W
+  std::string connect_path;  // of a Unix socket; not empty: carry standard input and output to it, no more
   std::string run;           // a shell command; empty: none
 
   std::optional<ListenAddress> listen;

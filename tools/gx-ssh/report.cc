@@ -5,6 +5,7 @@
 #include <array>
 #include <filesystem>
 
+#include "gx-ssh/module_library.h"
 #include "link/escape.h"
 
 namespace gxtool {
@@ -25,18 +26,34 @@ std::string Quote(std::string_view text) {
   return result + '"';
 }
 
+// For ssh, which replaces what begins with a percent sign, and then for the shell.
+std::string ProxyCommand(const std::string& path) {
+  const std::string address = "unix:" + std::filesystem::absolute(path).string();
+  std::string command;
+  for (const char c : ShellQuoted(ProgramPath()) + " --connect " + ShellQuoted(address)) {
+    command.append(c == '%' ? 2 : 1, c);
+  }
+  return command;
+}
+
 std::string SshConfig(const ListenAddress& address, const std::string& name) {
   std::string text = "Host " + name + "\n";
   if (address.unix_path.empty()) {
     text += fmt::format("  HostName {}\n  Port {}\n", address.address, address.port);
   } else {
-    text += fmt::format("  ProxyCommand nc -U \"{}\"\n", address.unix_path);
+    text += fmt::format("  ProxyCommand {}\n", ProxyCommand(address.unix_path));
   }
   // The port is another one each time, so the key is kept under a name of its own.
   return text + fmt::format("  HostKeyAlias {}\n", name);
 }
 
 }  // namespace
+
+std::string ShellQuoted(std::string_view text) {
+  std::string result = "'";
+  for (const char c : text) result += c == '\'' ? std::string("'\\''") : std::string(1, c);
+  return result + '\'';
+}
 
 std::string ProgramName(const std::string& path) {
   return Escape(std::filesystem::path(path).filename().string());

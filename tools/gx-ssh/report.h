@@ -30,6 +30,9 @@ class JsonObject {
   std::string members_;
 };
 
+// One word of a shell's command line.
+std::string ShellQuoted(std::string_view text);
+
 // The last part of a command's path, made harmless.
 std::string ProgramName(const std::string& path);
 
