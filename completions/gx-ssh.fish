@@ -11,6 +11,8 @@ complete -c gx-ssh -l keepalive-count -x -d 'Give up after so many without an an
 complete -c gx-ssh -l reconnect -d 'Start a lost link again'
 complete -c gx-ssh -l allow-channel-list -d 'Let the far side open further ports here'
 complete -c gx-ssh -l listen -x -d 'Listen there'
+complete -c gx-ssh -l user-only -d 'Turn clients of other users away'
+complete -c gx-ssh -l connect -x -d 'Be a client of the socket of --listen'
 complete -c gx-ssh -l print -x -a 'addr port json env ssh-config none' -d 'What standard output tells'
 complete -c gx-ssh -l name -x -d 'Name of the far side for ssh-config and its host key'
 complete -c gx-ssh -l json -d 'Events on standard output'

@@ -42,7 +42,7 @@ Relay::Relay(asio::io_context& io, Descriptor input, Descriptor output, Descript
     return;
   }
   const auto sent = [this](asio::error_code error, std::size_t) {
-    error ? End("the port: " + error.message()) : Begin();
+    error ? End("the port broke it: " + error.message()) : Begin();
   };
   asio::async_write(port_, asio::buffer(pass_.secret()), lifetime_.Guard(sent));
 }
@@ -65,8 +65,8 @@ void Relay::Pump(Direction& direction) {
 
 void Relay::OnReadEnd(Direction& direction, asio::error_code error) {
   const bool in_order = error == asio::error::eof;
-  if (&direction == &down_) return End(in_order ? "" : "the port: " + error.message());
-  if (!in_order) return End("reading from the client: " + error.message());
+  if (&direction == &down_) return End(in_order ? "" : "the port broke it: " + error.message());
+  if (!in_order) return End("its input cannot be read: " + error.message());
   if (pass_.EndInput(up_.bytes)) return;
   if (events_.untold) return events_.untold();
   shutdown(port_.native_handle(), SHUT_WR);
@@ -75,7 +75,7 @@ void Relay::OnReadEnd(Direction& direction, asio::error_code error) {
 void Relay::OnWritten(Direction& direction, asio::error_code error, std::size_t bytes) {
   direction.bytes += bytes;
   if (&direction == &down_) {
-    if (error) return End("writing to the client: " + error.message());
+    if (error) return End("its output cannot be written: " + error.message());
     Pump(direction);
     if (events_.delivered) events_.delivered();
   } else if (!error) {

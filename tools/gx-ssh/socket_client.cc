@@ -46,7 +46,7 @@ int ConnectSocket(const std::string& path, std::chrono::milliseconds limit, int 
     int status = kExitOk;
     const auto ended = [&](const std::string& problem) {
       if (!problem.empty()) {
-        spdlog::error("{}", problem);
+        spdlog::error("the connection has ended: {}", problem);
         status = kExitLinkLost;
       }
       io.stop();

@@ -131,9 +131,7 @@ TEST_F(EntranceTest, TheEndOfTheInputFollowsTheLastByte) {
       auto pass = entrance_->Expect();
       const std::uint32_t id = static_cast<std::uint32_t>(10 + 10 * size + told_after);
       const std::string bytes(size, 'x');
-      const auto tell_after = [&](std::size_t step) {
-        EXPECT_TRUE(step != told_after || pass.EndInput(size));
-      };
+      const auto tell_after = [&](std::size_t step) { EXPECT_TRUE(step != told_after || pass.EndInput(size)); };
       tell_after(0);
       Write(Connect(id) + Data(id, Secret(pass).substr(0, 10)));
       tell_after(1);

@@ -74,6 +74,9 @@ TEST(OptionsTest, EachMistakeHasOneLineAndAHint) {
       {{"--local", "-W", "--run", "x"}, "-W and --run"},
       {{"--local", "-W", "--json"}, "-W opens no port"},
       {{"--local", "-W", "--print", "port"}, "-W opens no port"},
+      {{"--local", "--connect", "unix:/x"}, "--connect takes no carrier"},
+      {{"--connect", "/x"}, "it is unix:PATH"},
+      {{"--local", "--listen", "unix:/x\ny", "--print", "ssh-config"}, "two lines"},
       {{"--local", "-q", "-v"}, "-q and -v"},
   };
   for (const auto& [words, complaint] : mistakes) {
