@@ -126,6 +126,12 @@ TEST_F(EntranceTest, SilentStrangersGoAndKeepNobodyOut) {
 
 // The far side hears of the end once, behind the last byte and never before the Connect.
 TEST_F(EntranceTest, TheEndOfTheInputFollowsTheLastByte) {
+  auto early = entrance_->Expect();
+  const std::string on_its_way(entrance_->Filter(Connect(1) + Data(1, Secret(early))));
+  EXPECT_TRUE(early.EndInput(0));
+  EXPECT_EQ(TakeStory(), "");
+  sent_.Feed(on_its_way);
+  EXPECT_EQ(TakeStory(), "end 1; ");
   for (const std::size_t size : {0u, 5u}) {
     for (const std::size_t told_after : {0u, 1u, 2u}) {
       auto pass = entrance_->Expect();

@@ -2,6 +2,7 @@
 
 #include <gtest/gtest.h>
 #include <signal.h>
+#include <sys/ioctl.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
@@ -225,9 +226,16 @@ TEST_F(PluginStreamTest, StrangersAreClosedAndTheFarSideHearsNothing) {
     EXPECT_TRUE(WriteModule(close));
   };
   Send(DataFrame(1, "for a stranger") + kPing.substr(0, 20));
+  const auto all_read = [this] {
+    int unread = 0;
+    return ioctl(far_.get(), TIOCOUTQ, &unread) == 0 && unread == 0;
+  };
   auto module = std::async(std::launch::async, [this] { return ReadModule(3); });
+  EXPECT_TRUE(gxtest::Eventually(all_read));
   come();
-  Send(kPing.substr(20));
+  Send(kPing.substr(20, 2));
+  EXPECT_TRUE(gxtest::Eventually(all_read));
+  Send(kPing.substr(22));
   EXPECT_TRUE(gxtest::Eventually([this] { return diary_.Take().find("frame") != std::string::npos; }));
   come();
   EXPECT_TRUE(gxtest::Eventually([this] { return diary_.Take().find("frame") != std::string::npos; }));
