@@ -15,6 +15,7 @@ import time
 
 import relays
 from kills import VICTIMS, WAYS, KillRound
+from terminal import Typist
 from throwaway import (TRANSFER_S, Child, Clients, Failure, ProxyCommand, SshServer, Tunnel, bounded, free_port,
                        nothing_left, run, write_script)
 
@@ -258,8 +259,22 @@ def kills(tools, server):
     for _ in range(tools.rounds):
         for victim in VICTIMS:
             for way in WAYS:
-                slowest = max(slowest, KillRound(tools, server, way).kill(victim, random.random() * 0.4))
+                took = KillRound(tools, server, way).kill(victim, random.random() * 0.4)
+                expect(took < tools.end_s, f"after the kill of {victim} ({way}) it took {took:.2f} s to end")
+                slowest = max(slowest, took)
     say(f"all was over {slowest:.2f} s after a kill, at the latest")
+
+
+@scenario
+def terminal(tools, _):
+    """Who gets what is typed, and who may write."""
+    typist = Typist(tools)
+    typist.interrupts_a_command()
+    typist.interrupts_a_carrier()
+    typist.goes_on_in_a_script()
+    typist.suspends_and_continues()
+    typist.suspends_where_no_shell_could_continue()
+    typist.has_it_in_the_background()
 
 
 def parse_arguments():
@@ -268,6 +283,7 @@ def parse_arguments():
     parser.add_argument("--gx-ssh-peer", required=True, type=os.path.abspath, help="the program")
     parser.add_argument("--size-mib", type=int, default=64, help="size of the file that the demo copies")
     parser.add_argument("--rounds", type=int, default=20, help="how often a scenario does what it repeats")
+    parser.add_argument("--end-s", type=float, default=2, help="within which all is over after a kill")
     parser.add_argument("--limit-s", type=int, default=240, help="fail when this takes longer")
     parser.add_argument("scenario", choices=SCENARIOS)
     return parser.parse_args()

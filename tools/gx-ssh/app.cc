@@ -2,46 +2,24 @@
 
 #include <signal.h>
 #include <spdlog/spdlog.h>
-#include <unistd.h>
 
 #include <asio/ip/address.hpp>
 #include <asio/post.hpp>
+#include <chrono>
 #include <exception>
 #include <utility>
 
-#include "link/duration.h"
-
 namespace gxtool {
-namespace {
-
-constexpr std::chrono::seconds kCommandPatience{2};
-constexpr std::chrono::milliseconds kAnswerPatience{500};
-constexpr std::chrono::milliseconds kSignalGrace{100};
-constexpr std::chrono::seconds kStableLink{10};  // after which the next loss is the first one again
-
-bool IsIgnored(int number) {
-  struct sigaction current {};
-  return sigaction(number, nullptr, &current) == 0 && current.sa_handler == SIG_IGN;
-}
-
-bool MayPass(ExitStatus status) {
-  return status == kExitOk || status == kExitLinkLost || status == kExitNotReady;
-}
-
-}  // namespace
 
 App::App(const Options& options, int output, std::shared_ptr<Console> console)
     : options_(options),
       standard_output_(output),
       console_(std::move(console)),
-      signals_(io_, SIGINT, SIGTERM, SIGCHLD),
-      link_timer_(io_),
-      patience_timer_(io_),
+      signals_(io_, [this](Signal signal) { OnSignal(signal); }),
+      pause_(io_),
       module_log_(options.verbosity),
-      reporter_(io_, options, *console_, output, traffic_) {
-  signals_.add(SIGUSR1);
-  if (!IsIgnored(SIGHUP)) signals_.add(SIGHUP);  // nohup asks for that
-}
+      reporter_(io_, options, *console_, output, traffic_),
+      link_policy_(options.reconnect, options.reconnect_attempts) {}
 
 int App::Run() {
   try {
@@ -58,7 +36,6 @@ int App::Run() {
 }
 
 void App::Start() {
-  WaitForSignal();
   if (options_.standard_io || !options_.run.empty()) standard_input_ = TakeStandardInput();
   module_.emplace(options_.module_path, module_log_);
   if (options_.HasListener()) {
@@ -77,11 +54,11 @@ void App::CleanUp() {
   listener_.reset();
   standard_io_.reset();
   command_.reset();
-  link_.reset();
-  for (const Traffic::Connection& closed : traffic_.CloseAll()) reporter_.OnConnection({false, closed});
+  EndLink();
 }
 
 void App::Finish(int status, const std::string& reason) {
+  if (std::exchange(finished_, true)) return;
   status_ = status;
   reason_ = reason;
   io_.stop();
@@ -92,34 +69,39 @@ void App::Fail(const Failure& failure) {
   Finish(options_.run.empty() ? failure.status() : kExitTunnel, failure.what());
 }
 
-void App::WaitForSignal() {
-  signals_.async_wait([this](asio::error_code error, int number) {
-    if (error) return;
-    WaitForSignal();
-    OnSignal(number);
-  });
-}
-
-void App::OnSignal(int number) {
-  switch (number) {
+void App::OnSignal(Signal signal) {
+  switch (signal.number) {
     case SIGCHLD:
       return OnChildEnded();
+    case SIGTSTP:
+      return OnSuspend(signal);
+    case SIGCONT:
+      return OnContinued();
     case SIGUSR1:
       return reporter_.PrintTable();
     default:
-      return OnStopSignal(number);
+      return OnStopSignal(signal);
   }
 }
 
-void App::OnStopSignal(int number) {
-  if (!command_) return Finish(options_.run.empty() ? kExitOk : kExitTunnel, "stopped");
-  // Ctrl-C has reached the command as well, and what it means there is the command's affair.
-  if (number == SIGINT && isatty(STDERR_FILENO)) return;
-  command_->Signal(number);
-  patience_timer_.expires_after(kCommandPatience);
-  patience_timer_.async_wait([this](asio::error_code error) {
-    if (!error) command_->Signal(SIGKILL);
-  });
+void App::OnStopSignal(Signal signal) {
+  if (command_) return command_->OnStopSignal(signal);
+  Finish(options_.run.empty() ? kExitOk : kExitTunnel, "stopped");
+}
+
+// A key has reached the whole group already, unless it was for a program that has the terminal.
+void App::OnSuspend(Signal signal) {
+  console_->SetStatus({});
+  signals_.Suspend(signal.typed);
+  OnContinued();
+}
+
+// A shell had the terminal meanwhile.
+void App::OnContinued() {
+  console_->ForgetStatus();
+  terminal_.OnContinued();
+  if (link_) link_->OnContinued();
+  if (command_) command_->Continue();
 }
 
 void App::OnChildEnded() {
@@ -131,40 +113,54 @@ void App::OnChildEnded() {
 
 void App::StartLink() {
   reporter_.OnLink("starting", {});
-  link_ = std::make_unique<Link>(io_, options_, *module_, *this);
+  link_ = std::make_unique<Link>(io_, options_, *module_, *console_, terminal_, *this);
+}
+
+void App::EndLink() {
+  link_.reset();
+  for (const Traffic::Connection& closed : traffic_.CloseAll()) reporter_.OnConnection({false, closed});
 }
 
 void App::OnLinkUp(const std::string& address, std::uint16_t port) {
+  terminal_.TakeBack();
   reporter_.OnLink("up", {});
-  link_up_since_ = Clock::now();
+  link_policy_.OnUp(LinkPolicy::Clock::now());
   if (options_.standard_io) return StartStandardIo(address, port);
   if (listener_) listener_->Open(address, port, link_->entrance());
-  if (announced_) return spdlog::info("the link is up again");
-  Announce(listener_ ? listener_->address() : ListenAddress{"", address, port});
+  if (!announced_) return Announce(listener_ ? listener_->address() : ListenAddress{"", address, port});
+  spdlog::info("the link is up again");
+  if (command_) command_->Continue();
 }
 
-// Ctrl-C reaches the far side, too, whose end may be known here before our own signal is.
-void App::OnLinkDown(const Failure& why) {
-  if (command_) return TakeLinkDown(why);
-  link_timer_.expires_after(kSignalGrace);
-  link_timer_.async_wait([this, why](asio::error_code) { TakeLinkDown(why); });
-}
-
-void App::TakeLinkDown(const Failure& why) {
-  reporter_.OnLink(why.status() == kExitOk ? "ended" : "lost", why.what());
-  if (standard_io_ && why.status() == kExitOk) {
-    // It has said goodbye behind its last byte, which may still be on its way to standard output.
-    patience_timer_.expires_after(kAnswerPatience);
-    patience_timer_.async_wait([this, why](asio::error_code) { Fail(Failure(kExitLinkLost, why.what())); });
-    return;
-  }
+void App::OnLinkDown(const Failure& why, bool in_order) {
+  // What was typed for the whole group, or sent to all of it, may have ended the far side as well.
+  signals_.HandOn();
+  if (finished_) return;
+  terminal_.TakeBack();
+  reporter_.OnLink(in_order ? "ended" : "lost", why.what());
+  if (standard_io_ && in_order) return standard_io_->EndAfter(traffic_.totals().received, why.what());
   if (listener_) listener_->Close();
-  link_.reset();
-  for (const Traffic::Connection& closed : traffic_.CloseAll()) reporter_.OnConnection({false, closed});
-  if (options_.reconnect && MayPass(why.status())) return Reconnect(why);
-  if (why.status() != kExitOk || !options_.run.empty()) return Fail(why);
-  spdlog::info("{}", why.what());
-  Finish(kExitOk, why.what());
+  EndLink();
+  const auto pause = link_policy_.OnDown(why.status(), LinkPolicy::Clock::now());
+  if (!pause) return Fail(why);
+  spdlog::warn("{}; next try in {:.1f}s", why.what(), std::chrono::duration<double>(*pause).count());
+  pause_.expires_after(*pause);
+  pause_.async_wait([this](asio::error_code error) {
+    if (!error) StartLink();
+  });
+}
+
+void App::OnInputDelivered() {
+  if (standard_io_) standard_io_->OnInputDelivered();
+}
+
+void App::OnReset() {
+  if (standard_io_) return standard_io_->OnReset();
+  // Whatever the command does, its connections fail.
+  if (command_ && traffic_.totals().received == 0) {
+    Fail(Failure(kExitLinkLost, "the far side cannot open " + options_.target +
+                                    "; does it allow it (--allow), and does something listen there?"));
+  }
 }
 
 void App::OnFrame(const gxmod::FrameHeader& header, bool sent) {
@@ -174,34 +170,19 @@ void App::OnFrame(const gxmod::FrameHeader& header, bool sent) {
     asio::post(io_, [this, change = *change] { reporter_.OnConnection(change); });
 }
 
-void App::Reconnect(const Failure& why) {
-  if (announced_ && Clock::now() - link_up_since_ > kStableLink) backoff_.Reset();
-  if (options_.reconnect_attempts > 0 && backoff_.attempts() >= options_.reconnect_attempts) return Fail(why);
-  const std::chrono::milliseconds pause = backoff_.Next();
-  spdlog::warn("{}; next try in {:.1f}s", why.what(), std::chrono::duration<double>(pause).count());
-  link_timer_.expires_after(pause);
-  link_timer_.async_wait([this](asio::error_code error) {
-    if (!error) StartLink();
-  });
-}
-
 void App::Announce(const ListenAddress& address) {
   announced_ = true;
   if (!options_.port_file.empty()) port_file_.emplace(options_.port_file, AddressText(address) + "\n");
   reporter_.OnListening(address);
   if (options_.run.empty()) return;
-  Child::Start start{{"/bin/sh", "-c", options_.run}};
-  start.input = standard_input_.get();
-  start.output = standard_output_;
-  start.environment = AddressVariables(address);
-  command_ = std::make_unique<Child>(start);
+  command_.emplace(io_, terminal_, options_.run, standard_input_.get(), standard_output_,
+                   AddressVariables(address));
 }
 
 void App::StartStandardIo(const std::string& address, std::uint16_t port) {
-  const auto ended = [this](bool well) {
-    if (well) return Finish(kExitOk, "the connection has ended");
-    Fail(Failure(kExitLinkLost, "the far side closed the connection to " + options_.target +
-                                    " at once; does it allow it (--allow) and does something listen there?"));
+  const auto ended = [this](const std::string& problem) {
+    if (problem.empty()) return Finish(kExitOk, "the connection has ended");
+    Fail(Failure(kExitLinkLost, "the connection to " + options_.target + " ended: " + problem));
   };
   standard_io_.emplace(io_, standard_input_.get(), standard_output_, ConnectTo(address, port),
                        link_->entrance()->Expect(), ended);

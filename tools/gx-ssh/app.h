@@ -1,28 +1,28 @@
-// The program: signals, links, and what it does with the port.
+// The program: its parts, and what one of them means for the others.
 #ifndef GX_SSH_APP_H
 #define GX_SSH_APP_H
 
 #include <asio/io_context.hpp>
-#include <asio/signal_set.hpp>
 #include <asio/steady_timer.hpp>
-#include <chrono>
 #include <cstdint>
 #include <memory>
 #include <optional>
 #include <string>
 
-#include "gx-ssh/backoff.h"
-#include "gx-ssh/child.h"
+#include "gx-ssh/command.h"
 #include "gx-ssh/console.h"
 #include "gx-ssh/descriptor.h"
 #include "gx-ssh/failure.h"
 #include "gx-ssh/link.h"
+#include "gx-ssh/link_policy.h"
 #include "gx-ssh/listener.h"
 #include "gx-ssh/module_library.h"
 #include "gx-ssh/options.h"
 #include "gx-ssh/port_file.h"
 #include "gx-ssh/reporter.h"
+#include "gx-ssh/signals.h"
 #include "gx-ssh/standard_io.h"
+#include "gx-ssh/terminal.h"
 #include "gx-ssh/traffic.h"
 
 namespace gxtool {
@@ -38,27 +38,24 @@ class App final : public Link::Owner {
   int Run();
 
  private:
-  using Clock = std::chrono::steady_clock;
-
   void Start();
   void CleanUp();
   void Finish(int status, const std::string& reason);
   void Fail(const Failure& failure);
 
-  void WaitForSignal();
-  void OnSignal(int number);
-  void OnStopSignal(int number);
+  void OnSignal(Signal signal);
+  void OnStopSignal(Signal signal);
+  void OnSuspend(Signal signal);
+  void OnContinued();
   void OnChildEnded();
 
   void StartLink();
+  void EndLink();
   void OnLinkUp(const std::string& address, std::uint16_t port) override;
-  void OnLinkDown(const Failure& why) override;
-  void TakeLinkDown(const Failure& why);
-  void OnInputDelivered() override {
-    if (standard_io_) standard_io_->OnInputDelivered();
-  }
+  void OnLinkDown(const Failure& why, bool in_order) override;
+  void OnInputDelivered() override;
+  void OnReset() override;
   void OnFrame(const gxmod::FrameHeader& header, bool sent) override;
-  void Reconnect(const Failure& why);
 
   void Announce(const ListenAddress& address);
   void StartStandardIo(const std::string& address, std::uint16_t port);
@@ -66,25 +63,25 @@ class App final : public Link::Owner {
   const Options& options_;
   const int standard_output_;
   const std::shared_ptr<Console> console_;
+  Terminal terminal_;
   asio::io_context io_;
-  asio::signal_set signals_;
-  asio::steady_timer link_timer_;      // between one link and what comes after it
-  asio::steady_timer patience_timer_;  // with what is about to end
+  Signals signals_;
+  asio::steady_timer pause_;  // before the next link
   ModuleLog module_log_;
   Traffic traffic_;
   Reporter reporter_;
-  Backoff backoff_;
+  LinkPolicy link_policy_;
   Descriptor standard_input_;  // with -W and --run
 
   std::optional<ModuleLibrary> module_;
   std::unique_ptr<Link> link_;
-  Clock::time_point link_up_since_;
   std::optional<Listener> listener_;
   std::optional<StandardIo> standard_io_;
   std::optional<PortFile> port_file_;
-  std::unique_ptr<Child> command_;
+  std::optional<Command> command_;
 
   bool announced_ = false;
+  bool finished_ = false;
   int status_ = kExitOk;
   std::string reason_;
 };

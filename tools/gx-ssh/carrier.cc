@@ -4,9 +4,10 @@
 #include <sys/wait.h>
 
 #include <asio/buffer.hpp>
+#include <cstdlib>
 
+#include "gx-ssh/readable.h"
 #include "gx-ssh/report.h"
-#include "link/escape.h"
 
 namespace gxtool {
 namespace {
@@ -14,16 +15,28 @@ namespace {
 constexpr std::size_t kLastLines = 3;
 constexpr std::size_t kLineBytes = 1000;
 
+// With a socket for its input bash takes itself for a command of a remote login and reads ~/.bashrc, unless it
+// runs inside another shell. Under a shell gx-ssh has the variable and passes it on.
+Child::Variables ShellLevel() {
+  const char* level = std::getenv("SHLVL");
+  if (level != nullptr && std::atoi(level) > 0) return {};
+  return {{"SHLVL", "1"}};
+}
+
 }  // namespace
 
-Carrier::Carrier(asio::io_context& io, const std::vector<std::string>& command, std::function<void()> on_quiet)
+Carrier::Carrier(asio::io_context& io, const std::vector<std::string>& command, bool raw, Console& console,
+                 Terminal& terminal, std::function<void()> on_quiet)
     : name_(ProgramName(command.front())),
-      child_({command, input_.read.get(), output_.write.get(), error_pipe_.write.get()}),
+      console_(console),
+      child_({command, input_.read.get(), output_.write.get(), error_pipe_.write.get(), ShellLevel(),
+              raw ? Child::Group::kOurs : Child::Group::kOwnSharesInterrupts, terminal.ToLend()}),
       errors_(io, error_pipe_.read.Release()),
       on_quiet_(std::move(on_quiet)) {
   input_.read.Reset();
   output_.write.Reset();
   error_pipe_.write.Reset();
+  if (!raw) terminal.LentTo(child_.group());
   ReadErrors();
 }
 
@@ -41,6 +54,7 @@ void Carrier::End() {
     const std::size_t got = errors_.read_some(asio::buffer(chunk_), error);
     TakeErrors({chunk_.data(), got});
   }
+  if (!line_.empty()) TakeLine();
   errors_.close(error);
 }
 
@@ -68,15 +82,21 @@ void Carrier::TakeErrors(std::string_view text) {
     if (byte == '\n' || line_.size() == kLineBytes) TakeLine();
     if (byte != '\n' && byte != '\r') line_ += byte;
   }
+  const std::string_view begun = WholeCharacters(line_);
+  if (!begun.empty() && spdlog::should_log(spdlog::level::info)) console_.ShowUnfinished(Prefixed(begun));
 }
 
 void Carrier::TakeLine() {
   const std::string line = std::exchange(line_, {});
-  const std::string prefix = name_ + ": ";
-  spdlog::info("{}{}", line.starts_with(prefix) ? "" : prefix, Escape(line, kLineBytes));
-  if (line.empty()) return;
-  last_lines_.push_back(Escape(line));
+  spdlog::info("{}", Prefixed(line));
+  if (line.empty() || spdlog::should_log(spdlog::level::info)) return;
+  last_lines_.push_back(Readable(line));
   if (last_lines_.size() > kLastLines) last_lines_.pop_front();
+}
+
+std::string Carrier::Prefixed(std::string_view line) const {
+  const std::string prefix = name_ + ": ";
+  return (line.starts_with(prefix) ? "" : prefix) + Readable(line);
 }
 
 }  // namespace gxtool

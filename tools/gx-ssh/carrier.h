@@ -2,6 +2,8 @@
 #ifndef GX_SSH_CARRIER_H
 #define GX_SSH_CARRIER_H
 
+#include <signal.h>
+
 #include <array>
 #include <asio/io_context.hpp>
 #include <asio/posix/stream_descriptor.hpp>
@@ -13,24 +15,30 @@
 #include <vector>
 
 #include "gx-ssh/child.h"
+#include "gx-ssh/console.h"
 #include "gx-ssh/far_side.h"
 #include "gx-ssh/lifetime.h"
+#include "gx-ssh/terminal.h"
 
 namespace gxtool {
 
-// Its standard input and output are the stream. What it writes to standard error is said line by line, made
-// harmless; the last lines are kept for the message about its end.
+// Its standard input and output are the stream. What it writes to standard error is said as it comes, made
+// harmless; what nobody was shown is kept, as far as the last lines go, for the message about its end. Unless
+// the link is raw it is a process group of its own and has the terminal, to ask for passwords, until that is
+// taken back.
 class Carrier final : public FarSide {
  public:
   // Throws Failure when the command cannot be run. `on_quiet` is called once, when its standard error has
   // ended.
-  Carrier(asio::io_context& io, const std::vector<std::string>& command, std::function<void()> on_quiet);
+  Carrier(asio::io_context& io, const std::vector<std::string>& command, bool raw, Console& console,
+          Terminal& terminal, std::function<void()> on_quiet);
 
   Descriptor TakeInput() override { return std::move(output_.read); }
   Descriptor TakeOutput() override { return std::move(input_.write); }
   bool Exited() override { return child_.Poll().has_value(); }
   bool Killed() override;
   bool Ended() override { return Exited() && !errors_.is_open(); }
+  void Continue() override { child_.Signal(SIGCONT); }
   void End() override;
   std::string Describe() override;
 
@@ -38,8 +46,10 @@ class Carrier final : public FarSide {
   void ReadErrors();
   void TakeErrors(std::string_view text);
   void TakeLine();
+  std::string Prefixed(std::string_view line) const;
 
   const std::string name_;  // of the program, for people
+  Console& console_;
   Pipe input_ = MakeSocketPipe();
   Pipe output_ = MakeSocketPipe();
   Pipe error_pipe_ = MakePipe();

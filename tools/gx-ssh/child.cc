@@ -2,6 +2,7 @@
 
 #include <fcntl.h>
 #include <signal.h>
+#include <spdlog/spdlog.h>
 #include <sys/socket.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -16,6 +17,7 @@
 
 #include "gx-ssh/failure.h"
 #include "gx-ssh/keeper.h"
+#include "link/escape.h"
 #include "link/high_descriptors.h"
 
 extern char** environ;
@@ -31,13 +33,13 @@ std::vector<char*> Pointers(std::vector<std::string>& texts) {
   return result;
 }
 
-std::vector<std::string> Environment(const std::vector<std::pair<std::string, std::string>>& more) {
+std::vector<std::string> Environment(const Child::Variables& changes) {
   std::vector<std::string> result;
   for (char** entry = environ; *entry != nullptr; ++entry) result.emplace_back(*entry);
-  for (const auto& [name, value] : more) {
+  for (const auto& [name, value] : changes) {
     const std::string begin = name + "=";
     std::erase_if(result, [&begin](const std::string& entry) { return entry.starts_with(begin); });
-    result.push_back(begin + value);
+    if (value) result.push_back(begin + *value);
   }
   return result;
 }
@@ -56,7 +58,8 @@ class SignalsBlocked {
   sigset_t before_;
 };
 
-bool ReadInt(int fd, int* value) {
+template <class Value>
+bool ReadValue(int fd, Value* value) {
   ssize_t got = 0;
   do {
     got = read(fd, value, sizeof *value);
@@ -93,7 +96,11 @@ void ResetSignals() {
   _exit(127);
 }
 
-void BecomeKeeper() {
+// The terminal, too, before the program can ask for it: a group in the background is stopped for that. All
+// signals are blocked, so this one is not.
+void BecomeKeeper(Child::Group group, int terminal) {
+  if (group != Child::Group::kOurs) setpgid(0, 0);
+  if (group != Child::Group::kOurs && terminal >= 0) tcsetpgrp(terminal, getpgrp());
 #ifdef __linux__
   prctl(PR_SET_CHILD_SUBREAPER, 1);
   prctl(PR_SET_NAME, "gx-ssh-keeper");
@@ -109,7 +116,7 @@ void DieWith([[maybe_unused]] pid_t parent) {
 
 }  // namespace
 
-Child::Child(const Start& start) {
+Child::Child(const Start& start) : name_(start.arguments.front()) {
   Pipe report = MakePipe();  // closed by a successful exec; otherwise it brings the reason
   auto [ours, keepers] = MakeSocketPair();
   control_ = std::move(ours);
@@ -117,10 +124,10 @@ Child::Child(const Start& start) {
   report.write.Reset();
   keepers.Reset();
   int reason = 0;
-  if (!ReadInt(report.read.get(), &reason)) return;
+  if (!ReadValue(report.read.get(), &reason)) return;
   End();
   throw Failure(reason == ENOENT ? kExitNotFound : kExitNotExecutable,
-                "cannot run \"" + start.arguments[0] + "\": " + std::strerror(reason));
+                "cannot run \"" + name_ + "\": " + std::strerror(reason));
 }
 
 void Child::Launch(const Start& start, int report, int keeper_control) {
@@ -129,25 +136,31 @@ void Child::Launch(const Start& start, int report, int keeper_control) {
   const std::vector<char*> argument_pointers = Pointers(arguments);
   std::vector<char*> environment_pointers = Pointers(environment);
 
+  const pid_t parent = getpid();
+  const pid_t job = start.group == Group::kOurs ? 0 : getpgrp();
   const SignalsBlocked blocked;
   keeper_ = fork();
   if (keeper_ < 0) throw std::system_error(errno, std::generic_category(), "fork");
   if (keeper_ > 0) return;
-  BecomeKeeper();
-  const pid_t parent = getpid();
+  BecomeKeeper(start.group, start.terminal);
+  const pid_t keeper = getpid();
   const pid_t program = fork();
   if (program == 0) {
     ResetSignals();
     RestoreDescriptorLimit();
-    DieWith(parent);
+    DieWith(keeper);
     environ = environment_pointers.data();
     Execute({start.input, start.output, start.errors}, argument_pointers.data(), report);
   }
   if (program < 0) _exit(126);
-  Keep(program, keeper_control);
+  Keep({program, keeper_control, parent, job, start.group == Group::kOwnSharesInterrupts,
+        static_cast<int>(start.leftover_time.count())});
 }
 
-std::optional<int> Child::Poll() { return Wait(WNOHANG); }
+std::optional<int> Child::Poll() {
+  Wait(WNOHANG);
+  return status_;
+}
 
 void Child::Signal(int number) {
   const auto byte = static_cast<unsigned char>(number);
@@ -155,18 +168,20 @@ void Child::Signal(int number) {
 }
 
 void Child::End() {
-  if (!status_) shutdown(control_.get(), SHUT_WR);
-  while (!Wait(0)) {
-  }
+  if (!over_) shutdown(control_.get(), SHUT_WR);
+  while (!over_) Wait(0);
 }
 
-std::optional<int> Child::Wait(int flags) {
-  int status = 0;
-  if (status_ || waitpid(keeper_, &status, flags) != keeper_) return status_;
+void Child::Wait(int flags) {
+  KeeperReport report;
+  if (over_ || waitpid(keeper_, &report.status, flags) != keeper_) return;
+  over_ = true;
   // A keeper that was killed itself has left no word, and has taken the program with it.
-  ReadInt(control_.get(), &status);
-  status_ = status;
-  return status_;
+  ReadValue(control_.get(), &report);
+  if (report.ended) status_ = report.status;
+  if (report.left == 0) return;
+  spdlog::error("cannot end \"{}\": process {} goes on{}", Escape(name_), report.left,
+                report.left_why == 0 ? "" : std::string(": ") + std::strerror(report.left_why));
 }
 
 std::string Child::Describe(int wait_status) {

@@ -4,6 +4,7 @@
 
 #include <sys/types.h>
 
+#include <chrono>
 #include <optional>
 #include <string>
 #include <utility>
@@ -15,15 +16,25 @@ namespace gxtool {
 
 // One program, under a keeper. It gets the default SIGPIPE, an empty signal mask and no descriptor of ours but
 // 0, 1 and 2. Neither it nor what it has started outlives this object or the process, however that ends, by
-// more than 1.5 s. Threads: the one that started it.
+// more than 1.5 s, except what we may not signal. Threads: the one that started it.
 class Child {
  public:
+  // Changes of the environment; no value: the variable goes.
+  using Variables = std::vector<std::pair<std::string, std::optional<std::string>>>;
+
+  // The process group of the program. One of its own has the terminal when that is given to it, and ours is
+  // stopped with it; what interrupts the second kind there interrupts our group as well.
+  enum class Group { kOurs, kOwn, kOwnSharesInterrupts };
+
   struct Start {
     std::vector<std::string> arguments;  // the first is looked up in PATH
     int input = 0;                       // descriptors that become its 0, 1 and 2
     int output = 1;
     int errors = 2;
-    std::vector<std::pair<std::string, std::string>> environment = {};  // beside ours
+    Variables environment = {};
+    Group group = Group::kOurs;
+    int terminal = -1;  // nonnegative: given to the new group before the program runs
+    std::chrono::milliseconds leftover_time{200};  // see KeeperOrders
   };
 
   // Throws Failure (kExitNotFound, kExitNotExecutable).
@@ -36,10 +47,15 @@ class Child {
   // The status that waitpid gives, once the program has ended. Never blocks; call it after SIGCHLD.
   std::optional<int> Poll();
 
+  // SIGKILL ends also what the program has started, SIGCONT is for its group.
   void Signal(int number);
 
-  // Waits for the end, and brings it about if it does not come by itself.
+  // Brings the end about if it does not come by itself, and waits for it. A program that stays all the same is
+  // named in the log.
   void End();
+
+  // The process group, when it has one of its own.
+  pid_t group() const { return keeper_; }
 
   // "exit status 3", "signal 9 (Killed)"
   static std::string Describe(int wait_status);
@@ -48,10 +64,12 @@ class Child {
 
  private:
   void Launch(const Start& start, int report, int keeper_control);
-  std::optional<int> Wait(int flags);
+  void Wait(int flags);
 
+  const std::string name_;
   pid_t keeper_ = -1;
   Descriptor control_;  // to the keeper
+  bool over_ = false;   // the keeper has ended
   std::optional<int> status_;
 };
 

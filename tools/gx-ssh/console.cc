@@ -10,10 +10,13 @@
 #include <utility>
 
 #include "gx-ssh/descriptor.h"
+#include "gx-ssh/terminal.h"
 #include "link/escape.h"
 
 namespace gxtool {
 namespace {
+
+const std::string kPrefix = "gx-ssh: ";
 
 void WriteOut(std::string_view text) { WriteText(STDERR_FILENO, text); }
 
@@ -36,7 +39,7 @@ std::string Fit(const std::string& lines) {
 std::shared_ptr<Console> Console::SetUp(bool quiet, int verbosity) {
   auto console = std::make_shared<Console>();
   auto logger = std::make_shared<spdlog::logger>("gx-ssh", console);
-  logger->set_pattern("gx-ssh: %v");
+  logger->set_pattern(kPrefix + "%v");
   logger->set_level(quiet            ? spdlog::level::err
                     : verbosity >= 2 ? spdlog::level::trace
                     : verbosity == 1 ? spdlog::level::debug
@@ -52,20 +55,43 @@ void Console::SetStatus(const std::string& lines) {
   Draw();
 }
 
+void Console::ForgetStatus() {
+  const std::lock_guard lock(mutex_);
+  status_.clear();
+}
+
+void Console::ShowUnfinished(const std::string& text) {
+  const std::lock_guard lock(mutex_);
+  Wipe();
+  status_.clear();
+  Say(kPrefix + text);
+  unfinished_ = kPrefix + text;
+}
+
 void Console::sink_it_(const spdlog::details::log_msg& message) {
   spdlog::memory_buf_t line;
   formatter_->format(message, line);
   Wipe();
-  WriteOut({line.data(), line.size()});
+  Say({line.data(), line.size()});
   Draw();
 }
 
+void Console::Say(std::string_view text) {
+  const std::string before = std::exchange(unfinished_, {});
+  if (text.starts_with(before)) return WriteOut(text.substr(before.size()));
+  WriteOut("\n");
+  WriteOut(text);
+}
+
 void Console::Draw() {
-  if (!status_.empty()) WriteOut(status_ + "\n");
+  if (!InForeground(STDERR_FILENO)) status_.clear();
+  if (status_.empty()) return;
+  if (!std::exchange(unfinished_, {}).empty()) WriteOut("\n");
+  WriteOut(status_ + "\n");
 }
 
 void Console::Wipe() {
-  if (status_.empty()) return;
+  if (status_.empty() || !InForeground(STDERR_FILENO)) return;
   const auto lines = 1 + std::count(status_.begin(), status_.end(), '\n');
   // The terminal may have echoed a key since, and moved the cursor.
   WriteOut("\r\x1b[" + std::to_string(lines) + "A\x1b[J");

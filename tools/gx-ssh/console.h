@@ -9,11 +9,12 @@
 #include <memory>
 #include <mutex>
 #include <string>
+#include <string_view>
 
 namespace gxtool {
 
-// Where the program's log lines go. It can keep a status under them that is rewritten in place.
-// Threads: any.
+// Where the program's log lines go. It can keep a status under them that is rewritten in place, while this
+// program is in the foreground of the terminal. Threads: any.
 class Console final : public spdlog::sinks::base_sink<std::mutex> {
  public:
   // Makes spdlog's default logger write here. With `quiet` only errors are said; `verbosity` counts -v: 1 adds
@@ -24,15 +25,24 @@ class Console final : public spdlog::sinks::base_sink<std::mutex> {
   // width of the terminal; the empty text takes them away.
   void SetStatus(const std::string& lines);
 
+  // A shell has used the terminal meanwhile: the status is not where it was.
+  void ForgetStatus();
+
+  // The beginning of a line of news that has not ended yet, such as a prompt. When the line grows and when it
+  // is logged, only the rest follows, unless something else was said in between.
+  void ShowUnfinished(const std::string& text);
+
  protected:
   void sink_it_(const spdlog::details::log_msg& message) override;
   void flush_() override {}
 
  private:
+  void Say(std::string_view text);  // on a line of its own, or as the rest of the unfinished one
   void Draw();
   void Wipe();
 
-  std::string status_;
+  std::string status_;      // as shown
+  std::string unfinished_;  // as shown, behind which the cursor stands
 };
 
 // Hands the module's log lines to the console.

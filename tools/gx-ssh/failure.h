@@ -8,7 +8,7 @@
 namespace gxtool {
 
 enum ExitStatus : int {
-  kExitOk = 0,  // stopped in order, or the end of standard input with -W
+  kExitOk = 0,  // stopped in order, or with -W the end of the connection
   kExitLinkLost = 1,
   kExitUsage = 2,
   kExitModule = 3,           // missing or wrong

@@ -23,6 +23,8 @@ class FarSide {
   virtual bool Killed() = 0;
   // It has ended and its last word has come.
   virtual bool Ended() = 0;
+  // A shell has stopped and continued gx-ssh, and with it the terminal's other groups.
+  virtual void Continue() = 0;
   // Makes it end, within 2 s at most. The descriptors of the stream are closed before.
   virtual void End() = 0;
   // What ended and how, for a message: carrier "docker", exit status 1: no such container

@@ -29,6 +29,7 @@ Handshake::Handshake(asio::io_context& io, Descriptor input, int output, std::ch
 
 void Handshake::Read() {
   input_.async_read_some(asio::buffer(chunk_), lifetime_.Guard([this](asio::error_code error, std::size_t got) {
+    if (settled_) return;
     error ? Fail("it has ended before it was ready; does it run gx-ssh-peer?") : Take({chunk_.data(), got});
   }));
 }
@@ -54,7 +55,9 @@ void Handshake::Take(std::string_view bytes) {
   }
 }
 
+// What is read later is for nobody: a far side that is ready too late is not ready.
 void Handshake::Fail(const std::string& problem) {
+  if (std::exchange(settled_, true)) return;
   std::string text = problem;
   if (finder_.echoed()) text += "; a terminal in between echoes (docker exec -i without -t, ssh -T)";
   if (!finder_.noise().empty()) text += "; it said \"" + Escape(finder_.noise()) + "\"";

@@ -39,6 +39,7 @@ class Handshake {
   asio::steady_timer timer_;
   const Result result_;
   ReadyLineFinder finder_{Side::kPeer};
+  bool settled_ = false;
   std::array<char, 4096> chunk_;
   Lifetime lifetime_;
 };

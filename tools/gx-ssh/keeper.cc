@@ -10,6 +10,7 @@
 #include <sys/syscall.h>
 #endif
 
+#include <cerrno>
 #include <cstddef>
 #include <cstdint>
 #include <initializer_list>
@@ -21,14 +22,16 @@ constexpr std::int64_t kByItselfMs = 700;  // the end of its input is a hint
 constexpr std::int64_t kTermMs = 700;
 constexpr std::int64_t kLeftoverTermMs = 200;
 constexpr std::int64_t kKillAgainMs = 20;  // what is killed may leave children
+constexpr std::int64_t kGiveUpMs = 500;    // after the first SIGKILL
 
 int g_signal_pipe = -1;
 
 void OnSignal(int number, siginfo_t* info, void*) {
-  // What the terminal sends has reached the program as well; what somebody sent to this process alone has not.
+  // What the terminal sends has reached the whole group. What a process sends here means nothing: gx-ssh uses
+  // the socket, and a `kill 0` of the program is its own affair.
   const bool from_a_process = info->si_code <= 0;
   const unsigned char byte = static_cast<unsigned char>(number);
-  if (number != SIGCHLD && !from_a_process) return;
+  if (number != SIGCHLD && from_a_process) return;
   [[maybe_unused]] const ssize_t written = write(g_signal_pipe, &byte, 1);
 }
 
@@ -55,11 +58,12 @@ void CloseAllBut(int kept) {
 
 class Keeper {
  public:
-  Keeper(pid_t program, int control) : program_(program), control_(control) {}
+  explicit Keeper(const KeeperOrders& orders) : orders_(orders) {}
 
   [[noreturn]] void Run() {
     SetUpSignals();
     for (;;) {
+      TakeSignals();
       Reap();
       if (ended_ && CountOthers() == 0) Leave();
       if (stage_ != Stage::kWatching && NowMs() >= stage_end_) NextStage();
@@ -75,6 +79,9 @@ class Keeper {
   void TakeControl();
   void TakeSignals();
   void Reap();
+  void OnProgramStopped(int number) const;
+  void OnProgramEnded(int status);
+  void TellJob(int number) const;
   void Enter(Stage stage, std::int64_t duration_ms);
   void NextStage();
   template <class Function>
@@ -82,16 +89,24 @@ class Keeper {
   int CountOthers() const {
     return ForEachOther([](pid_t) {});
   }
-  void SignalAll(int number) const;
+  void Kill();
+  void Signal(pid_t pid, int number);
+  void SignalAll(int number);
+  void ReturnTerminal() const;
   [[noreturn]] void Leave() const;
 
-  const pid_t program_;
-  const int control_;
+  const KeeperOrders orders_;
   int signals_ = -1;  // read end of the pipe that OnSignal writes to
+  bool control_ended_ = false;
   Stage stage_ = Stage::kWatching;
   std::int64_t stage_end_ = 0;
-  bool ended_ = false;  // the program
+  std::int64_t give_up_ = 0;  // when, in kKilling
+  bool ended_ = false;        // the program
   int status_ = 0;
+  // By the last SignalAll: somebody was reached; one that was there, and why not reached (0: was).
+  bool reached_ = false;
+  pid_t left_ = 0;
+  int left_why_ = 0;
 };
 
 void Keeper::SetUpSignals() {
@@ -107,7 +122,8 @@ void Keeper::SetUpSignals() {
     sigaction(number, &action, nullptr);
   }
   // A terminal must not stop the one process that has to act when the others are gone.
-  for (const int number : {SIGPIPE, SIGTSTP, SIGTTIN, SIGTTOU, SIGUSR1, SIGUSR2}) signal(number, SIG_IGN);
+  for (const int number : {SIGPIPE, SIGTSTP, SIGTTIN, SIGTTOU, SIGUSR1, SIGUSR2, SIGCONT})
+    signal(number, SIG_IGN);
   sigset_t none;
   sigemptyset(&none);
   sigprocmask(SIG_SETMASK, &none, nullptr);
@@ -117,37 +133,65 @@ void Keeper::Wait() {
   const bool watching = stage_ == Stage::kWatching;
   const std::int64_t left = stage_end_ - NowMs();
   // The end of `control` is seen once; afterwards it would wake this up for ever.
-  pollfd waits[2] = {{signals_, POLLIN, 0}, {control_, POLLIN, 0}};
-  if (poll(waits, watching ? 2 : 1, watching ? -1 : static_cast<int>(left < 0 ? 0 : left)) <= 0) return;
-  if (waits[0].revents != 0) TakeSignals();
-  if (watching && waits[1].revents != 0) TakeControl();
+  pollfd waits[2] = {{signals_, POLLIN, 0}, {orders_.control, POLLIN, 0}};
+  if (poll(waits, control_ended_ ? 1 : 2, watching ? -1 : static_cast<int>(left < 0 ? 0 : left)) <= 0) return;
+  if (waits[1].revents != 0) TakeControl();
 }
 
 void Keeper::TakeControl() {
   unsigned char number = 0;
-  const ssize_t got = read(control_, &number, 1);
-  if (got == 1 && !ended_) kill(program_, number);
-  if (got == 0) Enter(Stage::kByItself, kByItselfMs);
+  const ssize_t got = read(orders_.control, &number, 1);
+  if (got < 0) return;
+  if (got == 0) {
+    control_ended_ = true;
+    if (stage_ == Stage::kWatching) return Enter(Stage::kByItself, kByItselfMs);
+    if (stage_ == Stage::kTerminating && stage_end_ > NowMs() + kTermMs) stage_end_ = NowMs() + kTermMs;
+  } else if (number == SIGKILL) {
+    Kill();
+  } else if (number == SIGCONT && orders_.job != 0) {
+    kill(0, SIGCONT);
+  } else if (!ended_) {
+    kill(orders_.program, number);
+  }
 }
 
 void Keeper::TakeSignals() {
   unsigned char number = 0;
   while (read(signals_, &number, 1) == 1) {
-    if (number != SIGCHLD && !ended_) kill(program_, number);
+    if (number != SIGCHLD && orders_.passes_interrupts) TellJob(number);
   }
+}
+
+void Keeper::TellJob(int number) const {
+  // While gx-ssh lives its group does, too, and the number is nobody else's.
+  if (orders_.job != 0 && getppid() == orders_.parent) kill(-orders_.job, number);
 }
 
 void Keeper::Reap() {
   int status = 0;
-  for (pid_t gone = 0; (gone = waitpid(-1, &status, WNOHANG)) > 0;) {
-    if (gone == program_) {
-      ended_ = true;
-      status_ = status;
-      if (stage_ != Stage::kKilling) Enter(Stage::kTerminating, kLeftoverTermMs);
+  for (pid_t who = 0; (who = waitpid(-1, &status, WNOHANG | WUNTRACED)) > 0;) {
+    if (WIFSTOPPED(status)) {
+      if (who == orders_.program) OnProgramStopped(WSTOPSIG(status));
+      continue;
     }
+    if (who == orders_.program) OnProgramEnded(status);
     // Its children have become ours just now.
     if (stage_ == Stage::kTerminating) SignalAll(SIGTERM);
   }
+}
+
+// A key: gx-ssh decides, because there may be no shell that could continue anybody. A read or write in the
+// background: as if the whole job had tried.
+void Keeper::OnProgramStopped(int number) const {
+  if (number == SIGTSTP && orders_.job != 0 && getppid() == orders_.parent) kill(orders_.parent, SIGTSTP);
+  if (number == SIGTTIN || number == SIGTTOU) TellJob(number);
+}
+
+void Keeper::OnProgramEnded(int status) {
+  ended_ = true;
+  status_ = status;
+  if (stage_ == Stage::kKilling) return;
+  Enter(Stage::kTerminating, stage_ == Stage::kWatching ? orders_.leftover_ms : kLeftoverTermMs);
 }
 
 void Keeper::Enter(Stage stage, std::int64_t duration_ms) {
@@ -160,6 +204,12 @@ void Keeper::NextStage() {
     Enter(Stage::kTerminating, kTermMs);
     return SignalAll(SIGTERM);
   }
+  if (stage_ == Stage::kKilling && (!reached_ || NowMs() >= give_up_)) Leave();
+  Kill();
+}
+
+void Keeper::Kill() {
+  if (stage_ != Stage::kKilling) give_up_ = NowMs() + kGiveUpMs;
   Enter(Stage::kKilling, kKillAgainMs);
   SignalAll(SIGKILL);
 }
@@ -179,7 +229,7 @@ int Keeper::ForEachOther([[maybe_unused]] Function function) const {
       pid = pid * 10 + (list[i] - '0');
       continue;
     }
-    if (pid != program_ && getsid(pid) == getsid(0)) {
+    if (pid != orders_.program && getsid(pid) == getsid(0)) {
       ++count;
       function(pid);
     }
@@ -189,21 +239,42 @@ int Keeper::ForEachOther([[maybe_unused]] Function function) const {
   return count;
 }
 
-void Keeper::SignalAll(int number) const {
-  if (!ended_) kill(program_, number);
-  ForEachOther([number](pid_t pid) { kill(pid, number); });
+void Keeper::Signal(pid_t pid, int number) {
+  left_ = pid;
+  left_why_ = kill(pid, number) == 0 ? 0 : errno;
+  reached_ = reached_ || left_why_ == 0;
+}
+
+void Keeper::SignalAll(int number) {
+  reached_ = false;
+  if (!ended_) Signal(orders_.program, number);
+  ForEachOther([this, number](pid_t pid) { Signal(pid, number); });
+}
+
+void Keeper::ReturnTerminal() const {
+  if (orders_.job == 0) return;
+  const int terminal = open("/dev/tty", O_RDWR | O_NOCTTY | O_CLOEXEC);
+  if (terminal >= 0 && tcgetpgrp(terminal) == getpgrp()) tcsetpgrp(terminal, orders_.job);
 }
 
 void Keeper::Leave() const {
-  [[maybe_unused]] const ssize_t written = write(control_, &status_, sizeof status_);
+  ReturnTerminal();
+  KeeperReport report;
+  report.status = status_;
+  report.ended = ended_;
+  if (!ended_ || CountOthers() > 0) {
+    report.left = left_;
+    report.left_why = left_why_;
+  }
+  [[maybe_unused]] const ssize_t written = write(orders_.control, &report, sizeof report);
   _exit(0);
 }
 
 }  // namespace
 
-void Keep(pid_t program, int control) {
-  CloseAllBut(control);
-  Keeper(program, control).Run();
+void Keep(const KeeperOrders& orders) {
+  CloseAllBut(orders.control);
+  Keeper(orders).Run();
 }
 
 }  // namespace gxtool

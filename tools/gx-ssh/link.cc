@@ -37,7 +37,8 @@ class Target final : public Counted<IControlSshListener> {
 
 }  // namespace
 
-Link::Link(asio::io_context& io, const Options& options, ModuleLibrary& module, Owner& owner)
+Link::Link(asio::io_context& io, const Options& options, ModuleLibrary& module, Console& console,
+           Terminal& terminal, Owner& owner)
     : io_(io),
       options_(options),
       module_(module),
@@ -51,7 +52,7 @@ Link::Link(asio::io_context& io, const Options& options, ModuleLibrary& module, 
   if (options.local) {
     far_side_ = std::make_unique<LocalPeer>(options.target, options.raw, on_ended);
   } else {
-    far_side_ = std::make_unique<Carrier>(io, options.carrier, on_ended);
+    far_side_ = std::make_unique<Carrier>(io, options.carrier, options.raw, console, terminal, on_ended);
   }
   output_ = far_side_->TakeOutput();
   if (options.raw) {
@@ -140,12 +141,12 @@ void Link::CheckFarSide() {
 
 void Link::GoDown(const Failure& why) {
   if (std::exchange(down_, true)) return;
-  asio::post(io_, lifetime_.Guard([&owner = owner_, why] { owner.OnLinkDown(why); }));
+  asio::post(io_, lifetime_.Guard([this, why] { owner_.OnLinkDown(why, EndedInOrder()); }));
 }
 
 Failure Link::Summary() {
   // A carrier that was killed takes the far side with it, which then says goodbye.
-  if (goodbye_ && !far_side_->Killed()) return Failure(kExitOk, "the far side has ended: " + Escape(*goodbye_));
+  if (EndedInOrder()) return Failure(kExitLinkLost, "the far side has ended: " + Escape(*goodbye_));
   if (!cause_) {
     cause_ = stream_ ? Failure(kExitLinkLost, kLinkLost + "the carrier has ended")
                      : Failure(kExitNotReady, kNotReady + "the carrier has ended");
@@ -167,6 +168,10 @@ void Link::OnWaiting() {
 
 void Link::OnInputDelivered(std::uint32_t) {
   asio::post(io_, lifetime_.Guard([this] { owner_.OnInputDelivered(); }));
+}
+
+void Link::OnReset(std::uint32_t) {
+  asio::post(io_, lifetime_.Guard([this] { owner_.OnReset(); }));
 }
 
 void Link::OnGoodbye(const std::string& reason) {

@@ -11,6 +11,7 @@
 #include <optional>
 #include <string>
 
+#include "gx-ssh/console.h"
 #include "gx-ssh/descriptor.h"
 #include "gx-ssh/entrance.h"
 #include "gx-ssh/failure.h"
@@ -20,6 +21,7 @@
 #include "gx-ssh/module_library.h"
 #include "gx-ssh/options.h"
 #include "gx-ssh/plugin_stream.h"
+#include "gx-ssh/terminal.h"
 
 namespace gxtool {
 
@@ -32,10 +34,13 @@ class Link final : StreamObserver {
    public:
     // The module listens there.
     virtual void OnLinkUp(const std::string& address, std::uint16_t port) = 0;
-    // Once; the link may then be destroyed. Status kExitOk: the far side has ended in order.
-    virtual void OnLinkDown(const Failure& why) = 0;
+    // Once; the link may then be destroyed. `in_order`: the far side has said that it ends, and the module has
+    // all that it sent.
+    virtual void OnLinkDown(const Failure& why, bool in_order) = 0;
     // A target has all the bytes that came before the end of a connection's input.
     virtual void OnInputDelivered() = 0;
+    // The target could not be reached, or has broken the connection, which ends now.
+    virtual void OnReset() = 0;
     // Every frame of the module's, either way. On threads of the module.
     virtual void OnFrame(const gxmod::FrameHeader& header, bool sent) = 0;
 
@@ -44,7 +49,8 @@ class Link final : StreamObserver {
   };
 
   // All arguments outlive the link. Throws Failure when the carrier cannot be run.
-  Link(asio::io_context& io, const Options& options, ModuleLibrary& module, Owner& owner);
+  Link(asio::io_context& io, const Options& options, ModuleLibrary& module, Console& console,
+       Terminal& terminal, Owner& owner);
   // Ends everything in order, within 2 s.
   ~Link();
 
@@ -53,6 +59,8 @@ class Link final : StreamObserver {
 
   // After SIGCHLD.
   void OnChildEnded() { CheckFarSide(); }
+  // After SIGCONT.
+  void OnContinued() { far_side_->Continue(); }
 
  private:
   void RunModule(Descriptor input, const std::string& received);
@@ -62,11 +70,13 @@ class Link final : StreamObserver {
   void BeginEnd();
   void CheckFarSide();
   void GoDown(const Failure& why);
+  bool EndedInOrder() const { return goodbye_ && !far_side_->Killed(); }
   Failure Summary();
 
   void OnFrameSent(const gxmod::FrameHeader& header) override { owner_.OnFrame(header, true); }
   void OnFrameReceived(const gxmod::FrameHeader& header) override { owner_.OnFrame(header, false); }
   void OnInputDelivered(std::uint32_t connection) override;
+  void OnReset(std::uint32_t connection) override;
   void OnChannelListDropped() override;
   void OnWaiting() override;
   void OnGoodbye(const std::string& reason) override;

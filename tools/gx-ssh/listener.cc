@@ -57,6 +57,9 @@ Listener::Listener(asio::io_context& io, const ListenAddress& address, bool user
     acceptor_.bind(endpoint, error);
     umask(before);
     if (error) throw std::system_error(error);
+    struct stat bound_path {};
+    if (is_unix && lstat(address_.unix_path.c_str(), &bound_path) == 0)
+      own_path_.emplace(address_.unix_path, bound_path);
     acceptor_.listen();
     if (!is_unix) {
       asio::ip::tcp::endpoint bound;
@@ -67,10 +70,6 @@ Listener::Listener(asio::io_context& io, const ListenAddress& address, bool user
   } catch (const std::system_error& error) {
     throw Failure(kExitListen, "cannot listen at " + Text(address_) + ": " + error.code().message());
   }
-}
-
-Listener::~Listener() {
-  if (!address_.unix_path.empty()) unlink(address_.unix_path.c_str());
 }
 
 void Listener::Open(const std::string& address, std::uint16_t port, std::shared_ptr<Entrance> entrance) {

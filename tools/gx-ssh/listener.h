@@ -14,6 +14,7 @@
 
 #include "gx-ssh/lifetime.h"
 #include "gx-ssh/options.h"
+#include "gx-ssh/own_path.h"
 #include "gx-ssh/relay.h"
 #include "gx-ssh/socket_table.h"
 
@@ -24,11 +25,8 @@ namespace gxtool {
 class Listener {
  public:
   // `user_only`: clients of other users of this computer, and of other computers, are turned away. Throws
-  // Failure (kExitListen).
+  // Failure (kExitListen). A Unix socket is removed at the end.
   Listener(asio::io_context& io, const ListenAddress& address, bool user_only);
-  // Removes the Unix socket.
-  ~Listener();
-
   // Where it listens; the port is the real one.
   const ListenAddress& address() const { return address_; }
 
@@ -49,6 +47,7 @@ class Listener {
   ListenAddress address_;
   std::optional<SocketTable> users_;  // only one of them is let in
   asio::basic_socket_acceptor<Protocol> acceptor_;
+  std::optional<OwnPath> own_path_;  // the Unix socket's
   asio::steady_timer pause_;
   bool open_ = false;
   std::string module_address_;

@@ -25,6 +25,7 @@ class LocalPeer final : public FarSide {
   bool Exited() override { return exited_; }
   bool Killed() override { return false; }
   bool Ended() override { return exited_; }
+  void Continue() override {}
   void End() override;
   std::string Describe() override { return "far side inside gx-ssh"; }
 

@@ -8,22 +8,23 @@
 #include <cstdio>
 #include <cstring>
 
-#include "gx-ssh/descriptor.h"
 #include "gx-ssh/failure.h"
 
 namespace gxtool {
 
-PortFile::PortFile(const std::string& path, const std::string& content) : path_(path) {
+PortFile::PortFile(const std::string& path, const std::string& content) {
   std::string draft = path + ".XXXXXX";
-  const Descriptor file(mkostemp(draft.data(), O_CLOEXEC));  // with mode 0600
+  file_ = Descriptor(mkostemp(draft.data(), O_CLOEXEC));  // with mode 0600
+  struct stat what {};
   const bool written =
-      file && write(file.get(), content.data(), content.size()) == static_cast<ssize_t>(content.size());
-  if (written && rename(draft.c_str(), path.c_str()) == 0) return;
+      file_ && write(file_.get(), content.data(), content.size()) == static_cast<ssize_t>(content.size());
+  if (written && fstat(file_.get(), &what) == 0 && rename(draft.c_str(), path.c_str()) == 0) {
+    own_path_.emplace(path, what);
+    return;
+  }
   const int reason = errno;
-  if (file) unlink(draft.c_str());
+  if (file_) unlink(draft.c_str());
   throw Failure(kExitListen, "cannot write " + path + ": " + std::strerror(reason));
 }
-
-PortFile::~PortFile() { unlink(path_.c_str()); }
 
 }  // namespace gxtool

@@ -53,8 +53,9 @@ void Relay::Begin() {
 }
 
 void Relay::Pump(Direction& direction) {
-  const auto written = [this, &direction](asio::error_code error, std::size_t bytes) {
-    OnWritten(direction, error, bytes);
+  const auto written = [this, &direction](asio::error_code error, std::size_t put) {
+    direction.bytes += put;
+    error ? OnWriteFailed(direction, error) : OnWritten(direction);
   };
   const auto read = [this, &direction, written](asio::error_code error, std::size_t got) {
     if (error) return OnReadEnd(direction, error);
@@ -63,25 +64,26 @@ void Relay::Pump(Direction& direction) {
   direction.from.async_read_some(asio::buffer(direction.buffer.get(), kBufferBytes), lifetime_.Guard(read));
 }
 
-void Relay::OnReadEnd(Direction& direction, asio::error_code error) {
-  const bool in_order = error == asio::error::eof;
-  if (&direction == &down_) return End(in_order ? "" : "the port broke it: " + error.message());
-  if (!in_order) return End("its input cannot be read: " + error.message());
+void Relay::OnReadEnd(const Direction& direction, asio::error_code error) {
+  const bool broken = error != asio::error::eof;
+  // The module never ends only one half of a connection: when it sends no more, it takes no more either.
+  if (&direction == &down_) return End(broken ? "the module broke it: " + error.message() : "");
+  if (broken) return End("its input cannot be read: " + error.message());
   if (pass_.EndInput(up_.bytes)) return;
   if (events_.untold) return events_.untold();
   shutdown(port_.native_handle(), SHUT_WR);
 }
 
-void Relay::OnWritten(Direction& direction, asio::error_code error, std::size_t bytes) {
-  direction.bytes += bytes;
-  if (&direction == &down_) {
-    if (error) return End("its output cannot be written: " + error.message());
-    Pump(direction);
-    if (events_.delivered) events_.delivered();
-  } else if (!error) {
-    Pump(direction);
-  }
-  // A port that takes no more has ended. What it has still said is read first.
+void Relay::OnWriteFailed(const Direction& direction, asio::error_code error) {
+  // A port that takes no more has ended, and what it sent before is still read.
+  if (&direction == &down_) End("its output cannot be written: " + error.message());
+}
+
+void Relay::OnWritten(Direction& direction) {
+  Pump(direction);
+  if (&direction != &down_ || !events_.delivered) return;
+  const auto delivered = events_.delivered;
+  delivered();
 }
 
 void Relay::End(const std::string& problem) {

@@ -26,12 +26,12 @@ Descriptor ConnectTo(const std::string& address, std::uint16_t port);
 class Relay {
  public:
   struct Events {
-    // More bytes are with the client. May be empty.
+    // More of what the port's side sent is with the client. May be empty; it may destroy the relay.
     std::function<void()> delivered;
     // The client sends no more, and the far side cannot be told. Empty: the port's sending side is shut down.
     std::function<void()> untold;
-    // Over. `problem` is empty when the port's side has ended and all of it is with the client; otherwise it
-    // tells what has failed. Once; it may destroy the relay.
+    // Over: the port's side has ended and all of it is with the client, or something has failed: `problem` says
+    // what. Once; it may destroy the relay.
     std::function<void(const std::string& problem)> ended;
   };
 
@@ -40,8 +40,8 @@ class Relay {
   Relay(asio::io_context& io, Descriptor input, Descriptor output, Descriptor port, Entrance::Pass pass,
         Events events);
 
-  std::uint64_t sent() const { return up_.bytes; }        // of the client's, to the port
-  std::uint64_t received() const { return down_.bytes; }  // from the port, to the client
+  std::uint64_t sent() const { return up_.bytes; }        // from the client to the port
+  std::uint64_t received() const { return down_.bytes; }  // from there, and with the client
 
  private:
   using Stream = asio::posix::stream_descriptor;
@@ -56,8 +56,9 @@ class Relay {
 
   void Begin();
   void Pump(Direction& direction);
-  void OnReadEnd(Direction& direction, asio::error_code error);
-  void OnWritten(Direction& direction, asio::error_code error, std::size_t bytes);
+  void OnReadEnd(const Direction& direction, asio::error_code error);
+  void OnWriteFailed(const Direction& direction, asio::error_code error);
+  void OnWritten(Direction& direction);
   void End(const std::string& problem);
 
   Stream input_;

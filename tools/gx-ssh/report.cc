@@ -49,12 +49,6 @@ std::string SshConfig(const ListenAddress& address, const std::string& name) {
 
 }  // namespace
 
-std::string ShellQuoted(std::string_view text) {
-  std::string result = "'";
-  for (const char c : text) result += c == '\'' ? std::string("'\\''") : std::string(1, c);
-  return result + '\'';
-}
-
 std::string ProgramName(const std::string& path) {
   return Escape(std::filesystem::path(path).filename().string());
 }
@@ -82,7 +76,9 @@ std::string Announcement(PrintFormat format, const ListenAddress& address, const
       return AddressObject(address).Text() + "\n";
     case PrintFormat::kEnvironment: {
       std::string line;
-      for (const auto& [key, value] : AddressVariables(address)) line += fmt::format("{}='{}' ", key, value);
+      for (const auto& [key, value] : AddressVariables(address)) {
+        if (value) line += fmt::format("{}={} ", key, ShellQuoted(*value));
+      }
       line.back() = '\n';
       return line;
     }
@@ -94,14 +90,20 @@ std::string Announcement(PrintFormat format, const ListenAddress& address, const
   return {};
 }
 
-std::vector<std::pair<std::string, std::string>> AddressVariables(const ListenAddress& address) {
-  std::vector<std::pair<std::string, std::string>> result;
+std::vector<std::pair<std::string, std::optional<std::string>>> AddressVariables(const ListenAddress& address) {
+  std::optional<std::string> host;
+  std::optional<std::string> port;
   if (address.unix_path.empty()) {
-    result.emplace_back("GX_SSH_HOST", address.address);
-    result.emplace_back("GX_SSH_PORT", std::to_string(address.port));
+    host = address.address;
+    port = std::to_string(address.port);
   }
-  result.emplace_back("GX_SSH_ADDR", AddressText(address));
-  return result;
+  return {{"GX_SSH_HOST", host}, {"GX_SSH_PORT", port}, {"GX_SSH_ADDR", AddressText(address)}};
+}
+
+std::string ShellQuoted(std::string_view text) {
+  std::string result = "'";
+  for (const char c : text) result += c == '\'' ? std::string("'\\''") : std::string(1, c);
+  return result + '\'';
 }
 
 std::string FormatBytes(double bytes) {

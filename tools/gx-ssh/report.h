@@ -4,6 +4,7 @@
 
 #include <chrono>
 #include <cstdint>
+#include <optional>
 #include <string>
 #include <string_view>
 #include <utility>
@@ -46,8 +47,8 @@ JsonObject AddressObject(const ListenAddress& address);
 // the far side in ssh's configuration, also for its key.
 std::string Announcement(PrintFormat format, const ListenAddress& address, const std::string& name);
 
-// GX_SSH_HOST, GX_SSH_PORT and GX_SSH_ADDR; only the last for a Unix socket.
-std::vector<std::pair<std::string, std::string>> AddressVariables(const ListenAddress& address);
+// GX_SSH_HOST, GX_SSH_PORT and GX_SSH_ADDR; the first two have no value for a Unix socket.
+std::vector<std::pair<std::string, std::optional<std::string>>> AddressVariables(const ListenAddress& address);
 
 // "512 B", "1.5 KiB", "88.0 MiB"
 std::string FormatBytes(double bytes);

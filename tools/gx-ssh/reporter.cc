@@ -6,8 +6,6 @@
 #include <cstdlib>
 #include <string_view>
 
-#include "gx-ssh/descriptor.h"
-
 namespace gxtool {
 namespace {
 
@@ -23,13 +21,20 @@ bool HasTerminal(const Options& options) {
   return ours && isatty(STDERR_FILENO) && terminal != nullptr && std::string_view(terminal) != "dumb";
 }
 
+std::string EventLine(const char* event, const JsonObject& details) {
+  const auto now = std::chrono::system_clock::now().time_since_epoch();
+  JsonObject object;
+  object.Add("event", event).Add("time", std::chrono::duration<double>(now).count()).Add(details);
+  return object.Text() + "\n";
+}
+
 }  // namespace
 
 Reporter::Reporter(asio::io_context& io, const Options& options, Console& console, int output,
                    const Traffic& traffic)
     : options_(options),
       console_(console),
-      output_(output),
+      output_(output, [](std::uint64_t lost) { return EventLine("lost", JsonObject().Add("events", lost)); }),
       traffic_(traffic),
       live_(HasTerminal(options)),
       timer_(io) {
@@ -39,7 +44,7 @@ Reporter::Reporter(asio::io_context& io, const Options& options, Console& consol
 
 void Reporter::OnListening(const ListenAddress& address) {
   route_ = AddressText(address) + " -> " + options_.target + " through " + route_;
-  PrintOut(Announcement(options_.print, address, options_.name));
+  PrintOut(Announcement(options_.print, address, options_.name), OutputQueue::Kind::kNews);
   Emit("listening", AddressObject(address));
 }
 
@@ -73,10 +78,11 @@ void Reporter::OnExit(int status, const std::string& reason) {
   Emit("exit", object.Add("status", static_cast<std::uint64_t>(status)).Add("reason", reason));
 }
 
-void Reporter::PrintOut(const std::string& text) {
+void Reporter::PrintOut(const std::string& text, OutputQueue::Kind kind) {
+  if (text.empty()) return;
   // Both may be one terminal; the next tick shows the status again, below this.
-  if (!text.empty()) console_.SetStatus({});
-  WriteText(output_, text);
+  console_.SetStatus({});
+  output_.Add(text, kind);
 }
 
 void Reporter::PrintTable() {
@@ -106,18 +112,15 @@ void Reporter::ShowStatus(const Traffic::Totals& totals) {
                                  rate(totals.received, last_totals_.received)));
 }
 
-void Reporter::Emit(const char* event, const JsonObject& details) {
-  if (!options_.json) return;
-  const auto now = std::chrono::system_clock::now().time_since_epoch();
-  JsonObject object;
-  object.Add("event", event).Add("time", std::chrono::duration<double>(now).count()).Add(details);
-  PrintOut(object.Text() + "\n");
+void Reporter::Emit(const char* event, const JsonObject& details, OutputQueue::Kind kind) {
+  if (options_.json) PrintOut(EventLine(event, details), kind);
 }
 
 void Reporter::EmitStatistics(const Traffic::Totals& totals) {
   JsonObject object;
   object.Add("open", totals.open).Add("connections", totals.connections);
-  Emit("stats", object.Add("sent", totals.sent).Add("received", totals.received));
+  Emit("stats", object.Add("sent", totals.sent).Add("received", totals.received),
+       OutputQueue::Kind::kStatistics);
 }
 
 }  // namespace gxtool

@@ -10,13 +10,14 @@
 
 #include "gx-ssh/console.h"
 #include "gx-ssh/options.h"
+#include "gx-ssh/output_queue.h"
 #include "gx-ssh/report.h"
 #include "gx-ssh/traffic.h"
 
 namespace gxtool {
 
 // The address on standard output, events with --json, connections with -v, and a status on a terminal that is
-// kept up to date. Threads: the one that runs `io`.
+// kept up to date. None of it waits for a reader of standard output. Threads: the one that runs `io`.
 class Reporter {
  public:
   // All arguments outlive the reporter; `output` is standard output.
@@ -36,15 +37,15 @@ class Reporter {
  private:
   using Clock = std::chrono::steady_clock;
 
-  void PrintOut(const std::string& text);
+  void PrintOut(const std::string& text, OutputQueue::Kind kind);
   void Tick();
   void ShowStatus(const Traffic::Totals& totals);
-  void Emit(const char* event, const JsonObject& details);
+  void Emit(const char* event, const JsonObject& details, OutputQueue::Kind kind = OutputQueue::Kind::kNews);
   void EmitStatistics(const Traffic::Totals& totals);
 
   const Options& options_;
   Console& console_;
-  const int output_;
+  OutputQueue output_;
   const Traffic& traffic_;
   const bool live_;  // there is a status to show
   asio::steady_timer timer_;

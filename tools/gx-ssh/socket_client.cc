@@ -13,7 +13,7 @@
 
 #include "gx-ssh/failure.h"
 #include "gx-ssh/relay.h"
-#include "peer/borrowed_fd.h"
+#include "link/borrowed_fd.h"
 
 namespace gxtool {
 namespace {

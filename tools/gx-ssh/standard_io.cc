@@ -12,7 +12,8 @@ namespace {
 
 using std::chrono::milliseconds;
 
-// Without a byte from a far side that cannot be told of the end of the input.
+// A far side that cannot be told of the end of the input cannot answer it by an end of its own. Silence for so
+// long has to stand for that.
 constexpr milliseconds kUntoldPatience{3'000};
 
 }  // namespace
@@ -26,15 +27,12 @@ StandardIo::StandardIo(asio::io_context& io, int input, int output, Descriptor p
       ended_(std::move(ended)),
       timer_(io),
       relay_(io, Duplicate(input), Duplicate(output), std::move(port), std::move(pass),
-             {{},
+             {[this] { OnDelivered(); },
               [this] {
                 delivered_ = true;  // as far as can be known
-                AwaitAnswer(kUntoldPatience);
+                AwaitAnswer();
               },
-              [this](const std::string&) {
-                const auto told = ended_;
-                told(delivered_ || relay_.received() > 0);
-              }}) {}
+              [this](const std::string& problem) { OnRelayEnded(problem); }}) {}
 
 StandardIo::~StandardIo() {
   // They may be shared with the shell, which expects them to block.
@@ -42,15 +40,38 @@ StandardIo::~StandardIo() {
   fcntl(output_, F_SETFL, output_flags_);
 }
 
-void StandardIo::AwaitAnswer(milliseconds patience) {
-  timer_.expires_after(patience);
-  timer_.async_wait(lifetime_.Guard([this, patience, before = relay_.received()](asio::error_code) {
-    if (relay_.received() != before) return AwaitAnswer(patience);
+void StandardIo::AwaitAnswer() {
+  timer_.expires_after(kUntoldPatience);
+  timer_.async_wait(lifetime_.Guard([this, before = relay_.received()](asio::error_code) {
+    if (relay_.received() != before) return AwaitAnswer();
     spdlog::info("nothing came for {} after the end of the input, and the target does not end the connection",
-                 FormatDuration(patience));
-    const auto ended = ended_;
-    ended(delivered_ || relay_.received() > 0);
+                 FormatDuration(kUntoldPatience));
+    End({});
   }));
+}
+
+void StandardIo::EndAfter(std::uint64_t received, const std::string& problem) {
+  last_byte_ = received;
+  link_problem_ = problem;
+  OnDelivered();
+}
+
+void StandardIo::OnDelivered() {
+  if (last_byte_ && relay_.received() >= *last_byte_) End(link_problem_);
+}
+
+void StandardIo::OnRelayEnded(const std::string& problem) {
+  if (!problem.empty()) return End(problem);
+  if (last_byte_) return End(link_problem_);
+  if (relay_.received() == 0 && !delivered_) {
+    return End("the far side closed it at once; does it allow it (--allow), and does something listen there?");
+  }
+  End(reset_ ? "the target broke it, and bytes may be lost" : "");
+}
+
+void StandardIo::End(const std::string& problem) {
+  const auto ended = ended_;
+  ended(problem);
 }
 
 }  // namespace gxtool

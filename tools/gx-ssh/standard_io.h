@@ -7,6 +7,7 @@
 #include <chrono>
 #include <cstdint>
 #include <functional>
+#include <optional>
 #include <string>
 
 #include "gx-ssh/descriptor.h"
@@ -16,11 +17,12 @@
 namespace gxtool {
 
 // Carries the bytes of two descriptors over one connection of the module, which lasts until the target closes
-// it. Threads: the one that runs `io`.
+// it, however long that takes. Threads: the one that runs `io`.
 class StandardIo {
  public:
-  // Once; it may destroy this object. `well`: a byte came back, or the target has got all of the input.
-  using Ended = std::function<void(bool well)>;
+  // Once; it may destroy this object. An empty `problem`: it ended in order, after a byte came back or the
+  // target had got all of the input. Otherwise it tells why bytes are missing, or may be.
+  using Ended = std::function<void(const std::string& problem)>;
 
   // The descriptors are borrowed and made non-blocking for the lifetime of this object.
   StandardIo(asio::io_context& io, int input, int output, Descriptor port, Entrance::Pass pass, Ended ended);
@@ -28,9 +30,16 @@ class StandardIo {
 
   // The target has got all of the input.
   void OnInputDelivered() { delivered_ = true; }
+  // The target could not be reached, or has broken the connection, whose end follows.
+  void OnReset() { reset_ = true; }
+  // The link has ended behind so many bytes of the connection. Ends with `problem` once they have been written.
+  void EndAfter(std::uint64_t received, const std::string& problem);
 
  private:
-  void AwaitAnswer(std::chrono::milliseconds patience);
+  void AwaitAnswer();
+  void OnDelivered();
+  void OnRelayEnded(const std::string& problem);
+  void End(const std::string& problem);
 
   const int input_;
   const int output_;
@@ -38,6 +47,9 @@ class StandardIo {
   const int output_flags_;
   const Ended ended_;
   bool delivered_ = false;
+  bool reset_ = false;
+  std::optional<std::uint64_t> last_byte_;  // see EndAfter, as for the next one
+  std::string link_problem_;
   asio::steady_timer timer_;
   Lifetime lifetime_;
   Relay relay_;

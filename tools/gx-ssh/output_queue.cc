@@ -1,0 +1,130 @@
+#include "gx-ssh/output_queue.h"
+
+#include <limits.h>
+#include <poll.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <chrono>
+#include <condition_variable>
+#include <deque>
+#include <mutex>
+#include <string_view>
+#include <thread>
+#include <utility>
+
+#include "gx-ssh/stop_signal.h"
+
+namespace gxtool {
+namespace {
+
+constexpr std::chrono::milliseconds kLastChance{300};
+
+// So much is taken by a pipe that is ready, and the call does not wait.
+constexpr std::size_t kStepBytes = std::min<std::size_t>(PIPE_BUF, 4096);
+
+ssize_t WriteStep(int fd, std::string_view text) {
+  text = text.substr(0, kStepBytes);
+  const ssize_t sent = send(fd, text.data(), text.size(), MSG_DONTWAIT | MSG_NOSIGNAL);
+  return sent < 0 && errno == ENOTSOCK ? write(fd, text.data(), text.size()) : sent;
+}
+
+}  // namespace
+
+class OutputQueue::Writer {
+ public:
+  Writer(int fd, std::function<std::string(std::uint64_t)> lost_line)
+      : fd_(fd), lost_line_(std::move(lost_line)) {}
+
+  void Add(std::string line, Kind kind) {
+    const std::lock_guard lock(mutex_);
+    if (ended_) return;
+    bytes_ += line.size();
+    lines_.push_back({std::move(line), kind});
+    while (bytes_ > kBytes) DropOne();
+    changed_.notify_all();
+  }
+
+  // The writing thread.
+  void Run() {
+    for (std::string line; !(line = Next()).empty();) {
+      if (!Write(line)) break;
+    }
+    const std::lock_guard lock(mutex_);
+    ended_ = true;
+    changed_.notify_all();
+  }
+
+  // True: the thread has ended. Otherwise something else has filled what seemed to have room, and it waits.
+  bool Finish() {
+    std::unique_lock lock(mutex_);
+    finishing_ = true;
+    changed_.notify_all();
+    if (changed_.wait_for(lock, kLastChance, [this] { return ended_; })) return true;
+    lock.unlock();
+    stop_.Raise();
+    lock.lock();
+    return changed_.wait_for(lock, kLastChance, [this] { return ended_; });
+  }
+
+ private:
+  struct Line {
+    std::string text;
+    Kind kind;
+  };
+
+  void DropOne() {
+    const auto statistics = std::find_if(lines_.begin(), lines_.end(),
+                                         [](const Line& line) { return line.kind == Kind::kStatistics; });
+    const auto victim = statistics == lines_.end() ? lines_.begin() : statistics;
+    bytes_ -= victim->text.size();
+    lines_.erase(victim);
+    ++lost_;
+  }
+
+  // Empty: that was all.
+  std::string Next() {
+    std::unique_lock lock(mutex_);
+    changed_.wait(lock, [this] { return finishing_ || !lines_.empty(); });
+    if (lost_ > 0) return lost_line_(std::exchange(lost_, 0));
+    if (lines_.empty()) return {};
+    std::string line = std::move(lines_.front().text);
+    lines_.pop_front();
+    bytes_ -= line.size();
+    return line;
+  }
+
+  // False: nobody takes any more.
+  bool Write(std::string_view text) {
+    while (!text.empty()) {
+      if (!stop_.WaitFor(fd_, POLLOUT)) return false;
+      const ssize_t taken = WriteStep(fd_, text);
+      if (taken < 0 && errno != EAGAIN && errno != EINTR) return false;
+      if (taken > 0) text.remove_prefix(static_cast<std::size_t>(taken));
+    }
+    return true;
+  }
+
+  const int fd_;
+  const std::function<std::string(std::uint64_t)> lost_line_;
+  StopSignal stop_;
+  std::mutex mutex_;  // guards what follows
+  std::condition_variable changed_;
+  std::deque<Line> lines_;
+  std::size_t bytes_ = 0;
+  std::uint64_t lost_ = 0;
+  bool finishing_ = false;
+  bool ended_ = false;
+};
+
+OutputQueue::OutputQueue(int fd, std::function<std::string(std::uint64_t)> lost_line)
+    : writer_(std::make_shared<Writer>(fd, std::move(lost_line))),
+      thread_([writer = writer_] { writer->Run(); }) {}
+
+OutputQueue::~OutputQueue() { writer_->Finish() ? thread_.join() : thread_.detach(); }
+
+void OutputQueue::Add(std::string line, Kind kind) { writer_->Add(std::move(line), kind); }
+
+}  // namespace gxtool
