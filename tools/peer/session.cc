@@ -12,7 +12,6 @@
 namespace gxtool {
 namespace {
 
-using asio::ip::tcp;
 using gxmod::ConnectionType;
 using std::chrono::milliseconds;
 
@@ -20,24 +19,10 @@ constexpr std::size_t kTextBytes = 1024;                   // of a frame that is
 constexpr std::size_t kQueueMark = 8 * 1024 * 1024;        // for one target; past it the input waits
 constexpr std::size_t kTotalQueueMark = 64 * 1024 * 1024;  // for all targets
 constexpr std::size_t kOwedMark = 1024 * 1024;             // answers that the other side does not take
+constexpr std::uint64_t kToldComplaints = 100;
 constexpr char kWithTheLink[] = "ended with the link";
-constexpr auto kInteractiveTime = std::chrono::seconds(1);  // after a small answer; a typist's pause
 constexpr auto kTick = milliseconds(50);
-constexpr auto kCloseTime = std::chrono::seconds(5);  // for a target to take what is queued and to end
-constexpr auto kStopTime = milliseconds(1700);        // for what is under way when a stop is asked for
-constexpr auto kInputEndTime = milliseconds(1000);    // the same at the end of the input
-constexpr auto kEndTime = milliseconds(200);          // for the last frames
-constexpr auto kQuietTime = milliseconds(250);        // without a byte moving: nothing is under way
-
-std::vector<tcp::endpoint> Endpoints(const std::vector<std::string>& addresses, std::uint16_t port) {
-  std::vector<tcp::endpoint> endpoints;
-  for (const std::string& text : addresses) {
-    asio::error_code error;
-    const asio::ip::address address = asio::ip::make_address(text, error);
-    if (!error) endpoints.emplace_back(address, port);
-  }
-  return endpoints;
-}
+constexpr auto kQuietTime = milliseconds(250);  // without a byte moving: nothing is under way
 
 std::string Label(const Connection& connection) {
   return "connection " + std::to_string(connection.id()) + " to " + connection.name();
@@ -54,19 +39,21 @@ PeerSession::PeerSession(PeerOptions options, int read_fd, int write_fd)
       keepalive_(io_, options_.raw ? milliseconds(0) : options_.keepalive, options_.keepalive_count, this),
       tick_(io_),
       resolver_(io_, options_.names),
-      phase_(options_.raw ? Phase::kRunning : Phase::kGreeting) {}
+      admission_(options_),
+      closing_(options_.max_connections),
+      shutdown_(options_.raw) {}
 
 int PeerSession::Run() {
-  if (phase_ == Phase::kGreeting) {
+  if (shutdown_.phase() == Phase::kGreeting) {
     output_.AddText(ReadyLine(Side::kPeer));
-    phase_end_ = Clock::now() + options_.connect_timeout;
+    shutdown_.Greet(options_.connect_timeout);
     NeedTick();
   }
   if (options_.handle_signals) WatchSignals();
   input_.Start();
   loop_.Run();
   for (const auto& [id, connection] : live_) connection->Abort();
-  for (const ConnectionPtr& connection : closing_) connection->Abort();
+  closing_.AbortAll();
   return result_;
 }
 
@@ -75,9 +62,8 @@ void PeerSession::RequestStop() {
 }
 
 void PeerSession::Stop() {
-  if (stop_requested_) return io_.stop();
-  stop_requested_ = true;
-  if (IsWorking()) StartDraining(kStopTime);
+  if (!shutdown_.RequestStop()) return io_.stop();
+  StopAdmitting();
 }
 
 void PeerSession::WatchSignals() {
@@ -98,8 +84,8 @@ void PeerSession::WaitForSignal() {
 void PeerSession::OnBytes(std::string_view bytes) {
   keepalive_.OnReceived();
   loop_.OnRead(bytes.size());
-  if (phase_ == Phase::kGreeting) Greet(&bytes);
-  if (phase_ == Phase::kRunning || phase_ == Phase::kDraining) frames_.Feed(bytes);
+  if (shutdown_.phase() == Phase::kGreeting) Greet(&bytes);
+  if (shutdown_.IsCarrying()) frames_.Feed(bytes);
   for (const ConnectionPtr& connection : gathering_) connection->Deliver();
   gathering_.clear();
   PauseOrResumeInput();
@@ -111,7 +97,7 @@ void PeerSession::Greet(std::string_view* bytes) {
     case ReadyLineFinder::State::kSearching:
       return;
     case ReadyLineFinder::State::kFound:
-      phase_ = Phase::kRunning;
+      shutdown_.Run();
       return keepalive_.Start();
     case ReadyLineFinder::State::kOtherVersion:
       return FailGreeting("gx-ssh speaks version " + greeting_.version() +
@@ -189,40 +175,18 @@ void PeerSession::OnWritten(Connection& connection) {
 
 void PeerSession::Connect(std::uint32_t id, const std::string& text) {
   if (live_.contains(id)) {
-    return Log(LogLevel::kWarning, "a second Connect for connection " + std::to_string(id) + " was ignored");
+    return Complain("a second Connect for connection " + std::to_string(id) + " was ignored");
   }
-  const auto target = JudgeTarget(id, text);
-  if (!target) return;
+  const auto [target, refusal] = admission_.Judge(text, live_.size());
+  if (!target) {
+    Complain(refusal);
+    return SendClose(id, true);
+  }
   const auto connection =
       std::make_shared<Connection>(io_, id, target->ToString(), static_cast<Connection::Owner*>(this));
   live_.emplace(id, connection);
   NeedTick();
   OpenTarget(*connection, *target);
-}
-
-// Nothing: the connection was refused.
-std::optional<HostPort> PeerSession::JudgeTarget(std::uint32_t id, const std::string& text) {
-  std::string why;
-  auto target = options_.target ? options_.target : ParseHostPort(text, &why);
-  if (target) why = WhyNot(*target);
-  if (why.empty()) return target;
-  Refuse(id, "refused " + (target ? target->ToString() : '"' + Escape(text) + '"') + ": " + why);
-  return std::nullopt;
-}
-
-// Empty: the target may be opened.
-std::string PeerSession::WhyNot(const HostPort& target) const {
-  if (!options_.target && !options_.allow.Permits(target)) {
-    return "to permit it, start with --allow " + target.ToString();
-  }
-  if (phase_ != Phase::kRunning) return "stopping";
-  if (live_.size() < options_.max_connections) return {};
-  return std::to_string(live_.size()) + " connections are open, more need a higher --max-connections";
-}
-
-void PeerSession::Refuse(std::uint32_t id, const std::string& line) {
-  Log(LogLevel::kWarning, line);
-  SendClose(id, true);
 }
 
 void PeerSession::SendClose(std::uint32_t id, bool broken) {
@@ -231,7 +195,7 @@ void PeerSession::SendClose(std::uint32_t id, bool broken) {
 }
 
 void PeerSession::OpenTarget(Connection& connection, const HostPort& target) {
-  if (target.IsNumeric()) return connection.Open(Endpoints({target.host}, target.port));
+  if (target.IsNumeric()) return connection.Open(EndpointsOf({target.host}, target.port));
   // The question goes with the connection.
   connection.query = resolver_.Resolve(target.host, [this, &connection, target](const LookupResult& result) {
     OnResolved(connection, target, result);
@@ -240,21 +204,11 @@ void PeerSession::OpenTarget(Connection& connection, const HostPort& target) {
 
 void PeerSession::OnResolved(Connection& connection, const HostPort& target, const LookupResult& result) {
   const ConnectionPtr held = connection.shared_from_this();
-  std::vector<std::string> addresses;
-  std::string why = result.error;
-  for (const std::string& address : result.addresses) {
-    if (options_.target || options_.allow.PermitsAddress(target, address)) {
-      addresses.push_back(address);
-    } else {
-      const std::string place = HostPort{address, target.port}.ToString();
-      why = "it leads to ";
-      why.append(place).append("; to permit that, start with --allow ").append(place);
-    }
+  const auto [endpoints, why_none] = admission_.JudgeAddresses(target, result);
+  if (endpoints.empty() && connection.state() == Connection::State::kOpening) {
+    return Drop(connection, "could not be opened: " + why_none);
   }
-  if (addresses.empty() && connection.state() == Connection::State::kOpening) {
-    return Drop(connection, "could not be opened: " + why);
-  }
-  connection.Open(Endpoints(addresses, target.port));
+  connection.Open(endpoints);
 }
 
 // The channel is this very stream, so it works; the text goes back for the asker to know its tests apart.
@@ -270,46 +224,10 @@ void PeerSession::OnOpenFailed(Connection& connection, asio::error_code error) {
   Drop(connection, "could not be opened: " + error.message());
 }
 
-void PeerSession::OnReadable(Connection& connection) {
-  (connection.interactive() ? interactive_ : readable_).push_back(connection.shared_from_this());
-  ReadTargets();
-}
+void PeerSession::OnReadable(Connection& connection) { scheduler_.Add(connection); }
 
-void PeerSession::ReadTargets() {
-  if (output_.interactive() && Clock::now() >= interactive_until_) output_.SetInteractive(false);
-  ReadInTurn(interactive_, &FrameOutput::Room);
-  ReadInTurn(readable_, &FrameOutput::BulkRoom);
-}
-
-// Round robin, one frame a turn, for as long as the output has room.
-void PeerSession::ReadInTurn(std::deque<ConnectionPtr>& readable, std::span<char> (FrameOutput::*room)()) {
-  for (std::span<char> out; !readable.empty() && !(out = (output_.*room)()).empty();) {
-    const ConnectionPtr connection = std::move(readable.front());
-    readable.pop_front();
-    if (connection->state() == Connection::State::kOpen) ReadTarget(connection, out);
-  }
-}
-
-void PeerSession::ReadTarget(const ConnectionPtr& connection, std::span<char> room) {
-  const auto count = connection->Read(room);
-  if (!count)
-    return End(*connection, connection->broken() ? "was broken off by the target" : "ended by the target");
-  if (*count != 0) output_.AddData(connection->id(), *count);
-  loop_.OnRead(*count);
-  if (connection->interactive()) GoFirst();
-  if (*count == room.size()) {
-    readable_.push_back(connection);
-  } else {
-    connection->WaitReadable();
-  }
-}
-
-// Alone it has nobody to go before.
-void PeerSession::GoFirst() {
-  output_.Hurry();
-  if (live_.size() == 1) return;
-  interactive_until_ = Clock::now() + kInteractiveTime;
-  output_.SetInteractive(true);
+void PeerSession::OnTargetEnd(Connection& connection) {
+  End(connection, connection.broken() ? "was broken off by the target" : "ended by the target");
 }
 
 void PeerSession::End(Connection& connection, const std::string& why) {
@@ -322,21 +240,12 @@ void PeerSession::StartClosing(Connection& connection, const std::string& why) {
                            " bytes there, " + std::to_string(connection.received()) + " back");
   const ConnectionPtr held = connection.shared_from_this();
   live_.erase(held->id());
-  held->close_until = Clock::now() + kCloseTime;
-  closing_.push_back(held);
-  held->Close();
-  // Targets that do not end must not add up.
-  if (closing_.size() > options_.max_connections) AbortOldestClosing();
+  closing_.Add(held);
   NeedTick();
 }
 
-void PeerSession::AbortOldestClosing() {
-  closing_.front()->Abort();
-  closing_.pop_front();
-}
-
 void PeerSession::Drop(Connection& connection, const std::string& why) {
-  Log(LogLevel::kWarning, Label(connection) + ' ' + why);
+  Complain(Label(connection) + ' ' + why);
   SendClose(connection.id(), true);
   const ConnectionPtr held = connection.shared_from_this();
   live_.erase(held->id());
@@ -344,7 +253,7 @@ void PeerSession::Drop(Connection& connection, const std::string& why) {
 }
 
 void PeerSession::OnGone(Connection& connection) {
-  closing_.erase(std::find(closing_.begin(), closing_.end(), connection.shared_from_this()));
+  closing_.Remove(connection);
   CheckPhase(Clock::now());
 }
 
@@ -359,23 +268,23 @@ void PeerSession::OnQueued(Connection& connection, std::ptrdiff_t delta) {
 
 void PeerSession::OnOutputProgress() {
   PauseOrResumeInput();
-  ReadTargets();
+  scheduler_.Run();
   CheckPhase(Clock::now());
 }
 
 void PeerSession::OnOutputBroken() {
-  if (IsWorking()) return Lose(LogLevel::kInfo, "nobody reads the stream any more");
-  if (phase_ == Phase::kDraining) EndAll({});
+  if (shutdown_.IsWorking()) return Lose(LogLevel::kInfo, "nobody reads the stream any more");
+  if (shutdown_.phase() == Phase::kDraining) EndAll({});
   CheckPhase(Clock::now());
 }
 
 void PeerSession::OnQuiet() {
   // What waits to be written shows as well that this side lives.
-  if (IsWorking() && output_.idle()) output_.AddControl(kPingFrame, 0, std::string(kPingBytes, '\0'));
+  if (shutdown_.IsWorking() && output_.idle()) output_.AddControl(kPingFrame, 0, std::string(kPingBytes, '\0'));
 }
 
 void PeerSession::OnSilent() {
-  if (!IsWorking()) return;
+  if (!shutdown_.IsWorking()) return;
   const std::string time = FormatDuration(options_.keepalive * options_.keepalive_count);
   Lose(LogLevel::kError, "nothing came for " + time + ": the link is lost");
 }
@@ -415,10 +324,12 @@ void PeerSession::OnTick() {
     CheckConnection(*connection, now);
     opening = opening || connection->state() == Connection::State::kOpening;
   }
-  while (!closing_.empty() && closing_.front()->close_until <= now) AbortOldestClosing();
+  closing_.AbortLate(now);
   CheckPhase(now);
   const bool idle_counts = options_.idle_timeout.count() != 0 && !live_.empty();
-  if (opening || idle_counts || !closing_.empty() || input_.paused() || phase_ != Phase::kRunning) NeedTick();
+  if (opening || idle_counts || !closing_.empty() || input_.paused() || shutdown_.phase() != Phase::kRunning) {
+    NeedTick();
+  }
 }
 
 void PeerSession::CheckConnection(Connection& connection, Clock::time_point now) {
@@ -441,50 +352,53 @@ void PeerSession::CheckConnection(Connection& connection, Clock::time_point now)
 }
 
 void PeerSession::OnEnd() {
-  if (phase_ == Phase::kGreeting) return FailGreeting("the stream ended before the ready line of gx-ssh");
+  if (shutdown_.phase() == Phase::kGreeting)
+    return FailGreeting("the stream ended before the ready line of gx-ssh");
   // While the input waited, what is unread is lost with its writer.
   if (!input_.paused() && !frames_.AtFrameEnd()) {
     result_ = kPeerLinkLost;
     Log(LogLevel::kError, "the stream ended inside a frame");
   }
   input_.Stop();
-  input_ended_ = true;
   for (const auto& [id, connection] : live_) connection->FinishWriting();
-  IsWorking() ? StartDraining(kInputEndTime) : CheckPhase(Clock::now());
+  shutdown_.EndInput();
+  StopAdmitting();
 }
 
-void PeerSession::StartDraining(Clock::duration time) {
-  phase_ = Phase::kDraining;
-  phase_end_ = Clock::now() + time;
+void PeerSession::StopAdmitting() {
+  admission_.Stop();
   NeedTick();
   CheckPhase(Clock::now());
 }
 
 void PeerSession::CheckPhase(Clock::time_point now) {
-  if (phase_ == Phase::kGreeting && options_.connect_timeout.count() != 0 && now >= phase_end_) {
-    FailGreeting("no ready line of gx-ssh within " + FormatDuration(options_.connect_timeout) +
-                 ": gx-ssh starts this program itself; for another far side use --raw on both");
+  if (shutdown_.phase() == Phase::kRunning) return;
+  const bool done = live_.empty() && closing_.empty() && output_.idle();
+  switch (shutdown_.Next(now, IsUnderWay(now), done)) {
+    case Shutdown::Step::kNothing:
+      return;
+    case Shutdown::Step::kGiveGreetingUp:
+      return FailGreeting("no ready line of gx-ssh within " + FormatDuration(options_.connect_timeout) +
+                          ": gx-ssh starts this program itself; for another far side use --raw on both");
+    case Shutdown::Step::kEndAll:
+      return EndAll(shutdown_.reason());
+    case Shutdown::Step::kLeave:
+      return io_.stop();
   }
-  if (phase_ == Phase::kDraining && (now >= phase_end_ || NothingUnderWay(now))) {
-    EndAll(stop_requested_ ? "stopped" : "end of input");
-  }
-  if (phase_ != Phase::kEnding) return;
-  if (now >= phase_end_ || (live_.empty() && closing_.empty() && output_.idle())) io_.stop();
 }
 
-bool PeerSession::NothingUnderWay(Clock::time_point now) const {
-  if (input_ended_) return live_.empty() && closing_.empty();
-  return interactive_.empty() && readable_.empty() && output_.idle() &&
-         std::all_of(live_.begin(), live_.end(), [now](const auto& entry) {
+bool PeerSession::IsUnderWay(Clock::time_point now) const {
+  if (shutdown_.input_ended()) return !live_.empty() || !closing_.empty();
+  return !scheduler_.idle() || !output_.idle() ||
+         std::any_of(live_.begin(), live_.end(), [now](const auto& entry) {
            const Connection& connection = *entry.second;
-           return connection.state() == Connection::State::kOpen && connection.queued() == 0 &&
-                  now - connection.last_move() >= kQuietTime;
+           return connection.state() != Connection::State::kOpen || connection.queued() != 0 ||
+                  now - connection.last_move() < kQuietTime;
          });
 }
 
 void PeerSession::EndAll(std::string_view reason) {
-  phase_ = Phase::kEnding;
-  phase_end_ = Clock::now() + kEndTime;
+  shutdown_.End();
   input_.Stop();
   // The goodbye closes them all. A Close of its own would look like the target's end.
   while (!live_.empty()) {
@@ -494,6 +408,11 @@ void PeerSession::EndAll(std::string_view reason) {
   if (!options_.raw && result_ == kPeerEnded) output_.AddControl(kGoodbyeFrame, 0, reason);
   NeedTick();
   asio::post(io_, [this] { CheckPhase(Clock::now()); });  // there may be nothing to wait for
+}
+
+void PeerSession::Complain(const std::string& line) {
+  Log(complaints_ < kToldComplaints ? LogLevel::kWarning : LogLevel::kInfo, line);
+  if (++complaints_ == kToldComplaints) Log(LogLevel::kWarning, "more of this is told only with -v");
 }
 
 void PeerSession::Log(LogLevel level, const std::string& line) const {

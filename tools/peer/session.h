@@ -1,21 +1,13 @@
 // The event loop behind Peer: frames in, frames out, connections in between.
-//
-//   phase      entered when                              left when
-//   kGreeting  constructed, unless raw                   the ready line has come; as kRunning
-//   kRunning   the ready line has come; constructed raw  the input ends; a stop is asked for; the link is lost
-//   kDraining  the input has ended; a stop was asked for nothing is under way any more; its time is over
-//   kEnding    every connection was told to close        all is written and closed; its time is over
-//
+// What is decided lies elsewhere: Admission (who may connect where), ReadScheduler (whose bytes go next),
+// Shutdown (how far it has come).
 // Threads: all on the one of Run, but RequestStop.
 #ifndef GX_PEER_SESSION_H
 #define GX_PEER_SESSION_H
 
 #include <cstddef>
 #include <cstdint>
-#include <deque>
 #include <memory>
-#include <optional>
-#include <span>
 #include <string>
 #include <string_view>
 #include <unordered_map>
@@ -24,13 +16,16 @@
 #include "link/borrowed_fd.h"
 #include "link/frame_reader.h"
 #include "link/ready_line.h"
+#include "peer/admission.h"
 #include "peer/asio_types.h"
 #include "peer/connection.h"
 #include "peer/event_loop.h"
 #include "peer/frame_output.h"
 #include "peer/keepalive.h"
 #include "peer/peer.h"
+#include "peer/read_scheduler.h"
 #include "peer/resolver.h"
+#include "peer/shutdown.h"
 #include "peer/stream_reader.h"
 
 namespace gxtool {
@@ -39,6 +34,7 @@ class PeerSession final : private StreamReader::Owner,
                           private FrameReader::Handler,
                           private FrameOutput::Owner,
                           private Connection::Owner,
+                          private ReadScheduler::Owner,
                           private Keepalive::Owner {
  public:
   PeerSession(PeerOptions options, int read_fd, int write_fd);
@@ -47,7 +43,7 @@ class PeerSession final : private StreamReader::Owner,
   void RequestStop();
 
  private:
-  enum class Phase { kGreeting, kRunning, kDraining, kEnding };
+  using Phase = Shutdown::Phase;
   using ConnectionPtr = std::shared_ptr<Connection>;
 
   void OnBytes(std::string_view bytes) override;
@@ -67,6 +63,9 @@ class PeerSession final : private StreamReader::Owner,
   void OnQueued(Connection& connection, std::ptrdiff_t delta) override;
   void OnGone(Connection& connection) override;
 
+  void OnTargetEnd(Connection& connection) override;
+  bool IsAlone() const override { return live_.size() == 1; }
+
   void OnQuiet() override;
   void OnSilent() override;
   bool IsDeaf() const override { return input_.paused(); }
@@ -82,26 +81,16 @@ class PeerSession final : private StreamReader::Owner,
   void OnControlFrame();
   void EndOfInput();
   void Connect(std::uint32_t id, const std::string& text);
-  std::optional<HostPort> JudgeTarget(std::uint32_t id, const std::string& text);
-  std::string WhyNot(const HostPort& target) const;
-  void Refuse(std::uint32_t id, const std::string& line);
   // `broken`: the connection does not end in order, and bytes may be lost.
   void SendClose(std::uint32_t id, bool broken);
   void OpenTarget(Connection& connection, const HostPort& target);
   void OnResolved(Connection& connection, const HostPort& target, const LookupResult& result);
   void AnswerTest();
 
-  // Data from targets.
-  void ReadTargets();
-  void ReadInTurn(std::deque<ConnectionPtr>& readable, std::span<char> (FrameOutput::*room)());
-  void GoFirst();
-  void ReadTarget(const ConnectionPtr& connection, std::span<char> room);
-
   // Ways out of live_. End and Drop tell the other side.
   void End(Connection& connection, const std::string& why);
   void StartClosing(Connection& connection, const std::string& why);
   void Drop(Connection& connection, const std::string& why);
-  void AbortOldestClosing();
 
   void PauseOrResumeInput();
 
@@ -110,15 +99,17 @@ class PeerSession final : private StreamReader::Owner,
   void OnTick();
   void CheckConnection(Connection& connection, Clock::time_point now);
 
-  void StartDraining(Clock::duration time);
+  void StopAdmitting();
   void Lose(LogLevel level, const std::string& why);
   void CheckPhase(Clock::time_point now);
-  bool IsWorking() const { return phase_ == Phase::kGreeting || phase_ == Phase::kRunning; }
-  bool NothingUnderWay(Clock::time_point now) const;
+  bool IsUnderWay(Clock::time_point now) const;
   // Ends every connection and says goodbye, unless the link was lost.
   void EndAll(std::string_view reason);
 
   void Log(LogLevel level, const std::string& line) const;
+  // Of what the other side has brought about, and may as often as it likes: after the first hundred it is no
+  // warning.
+  void Complain(const std::string& line);
 
   const PeerOptions options_;
   const BorrowedFd read_fd_;
@@ -131,6 +122,8 @@ class PeerSession final : private StreamReader::Owner,
   Timer tick_;
   bool tick_armed_ = false;
   Resolver resolver_;
+  Admission admission_;
+  ReadScheduler scheduler_{output_, loop_, *this};
   asio::signal_set signals_{io_};
   ReadyLineFinder greeting_{Side::kHost};
 
@@ -141,18 +134,13 @@ class PeerSession final : private StreamReader::Owner,
   std::vector<ConnectionPtr> gathering_;  // have gathered bytes
 
   std::unordered_map<std::uint32_t, ConnectionPtr> live_;  // known to the other side
-  std::deque<ConnectionPtr> closing_;                      // not any more; in the order of close_until
-  std::deque<ConnectionPtr> interactive_;                  // readable, in the order of their turns
-  std::deque<ConnectionPtr> readable_;                     // those that have more to say
-  Clock::time_point interactive_until_;
+  ClosingConnections closing_;
   std::size_t queued_ = 0;     // for all targets, bytes
   std::size_t over_mark_ = 0;  // connections that owe their target too much
   Clock::time_point paused_since_;
 
-  bool stop_requested_ = false;
-  bool input_ended_ = false;
-  Phase phase_;
-  Clock::time_point phase_end_;
+  Shutdown shutdown_;
+  std::uint64_t complaints_ = 0;
   int result_ = kPeerEnded;
 };
 

@@ -33,39 +33,6 @@ std::size_t WriteUntilStuck(int fd, std::string_view bytes) {
   return written;
 }
 
-TEST_F(PeerTest, CarriesManyConnectionsBothWaysAtOnce) {
-  constexpr std::uint32_t kConnections = 32;
-  constexpr std::size_t kBytes = 512 * 1024;
-  EchoServer server;
-  Rig rig(options_);
-  std::map<std::uint32_t, std::string> sent;
-  for (std::uint32_t id = 1; id <= kConnections; ++id) sent[id] = Pattern(kBytes, id);
-
-  std::thread writer([&] {
-    for (const auto& [id, bytes] : sent) rig.Send(ConnectionType::Connect, id, server.target().Address());
-    // Frames of many sizes, the connections interleaved.
-    std::map<std::uint32_t, std::size_t> at;
-    for (std::size_t round = 0; at[kConnections] < kBytes; ++round) {
-      for (const auto& [id, bytes] : sent) {
-        const std::size_t size = std::min(kBytes - at[id], std::size_t{1} + (round * 7919) % 20'000);
-        rig.Send(ConnectionType::Data, id, std::string_view(bytes).substr(at[id], size));
-        at[id] += size;
-      }
-    }
-  });
-  std::map<std::uint32_t, std::string> received;
-  for (std::size_t total = 0; total < kConnections * kBytes;) {
-    const Frame frame = rig.Next();
-    if (frame.type != static_cast<int>(ConnectionType::Data)) break;
-    EXPECT_LE(frame.payload.size(), 65536U);
-    received[frame.id] += frame.payload;
-    total += frame.payload.size();
-  }
-  writer.join();
-  EXPECT_TRUE(received == sent);
-  EXPECT_EQ(rig.End(), kPeerEnded);
-}
-
 TEST_F(PeerTest, RefusesTargetsOutsideTheListAndNamesTheWayIn) {
   options_.allow = AllowList::Default();
   Rig rig(options_);
@@ -84,47 +51,14 @@ TEST_F(PeerTest, RefusesTargetsOutsideTheListAndNamesTheWayIn) {
   for (const std::string& line : rig.lines()) EXPECT_LT(line.size(), 1000U);
 }
 
-std::vector<std::string> Split(std::string_view text, char divider) {
-  std::vector<std::string> parts(1);
-  for (const char c : text) c == divider ? void(parts.emplace_back()) : parts.back().push_back(c);
-  return parts;
-}
-
-// Each of these some resolver or C library would take for the one target that is permitted, or for one like it.
-TEST_F(PeerTest, NoOtherSpellingOfATargetPasses) {
-  using namespace std::string_view_literals;
-  const std::string port = std::to_string(target_.port());
-  std::vector<std::string> hosts = Split(
-      "127.0.0.1||*|localhost.|.localhost|a..b|-a|a-|a b|a/b|user@127.0.0.1|127.1|127.0.1|"
-      "127.0.0.1.|127.0.0.1..|127.0.0.1.1|127.0.0.01|127.0.0.256|0177.0.0.1|0x7f.1|0X7F.0.0.1|0x7f000001|0x|"
-      "2130706433|017700000001|0.0.0.0|0| 127.0.0.1|127.0.0.1 |127.0.0.1\t|127.0.0.1\n|127.0.0.1\0|\0"
-      "127.0.0.1|127.0.0.1\0.example|127.0.0.1%lo|\xef\xbc\x91.0.0.1|b\xc3\xbc.example|::1|[::1]|[::]|[]|"
-      "[[::1]]|[::1|::1]|[:::1]|[00000::1]|[::1%lo]|[::1%1]|[::1\0]|[127.0.0.1]|[localhost]|[::127.0.0.1]|"
-      "[::ffff:127.0.0.1]|[::FFFF:7f00:1]|[0:0:0:0:0:ffff:7f00:0001]|[64:ff9b::7f00:1]"sv,
-      '|');
-  for (const char c : {'a', '[', '\0'}) hosts.emplace_back(65536, c);
-  // P stands for the port.
-  std::vector<std::string> ports = Split("P||0|0P|+P|-P| P|P |P\n|P\0|P:P|P,22|0x16|ssh|*"sv, '|');
-  ports.push_back(std::to_string(65536 + target_.port()));
-  ports.emplace_back(65536, '2');
-
+TEST_F(PeerTest, WhatTheOtherSideMayRepeatDoesNotFloodTheLog) {
   options_.allow = AllowList();
-  std::string why;
-  ASSERT_TRUE(options_.allow.Add(target_.Address(), &why));
   Rig rig(options_);
-  std::uint32_t id = 0;
-  for (const std::string& host : hosts) {
-    for (std::string text : ports) {
-      for (std::size_t at = 0; (at = text.find('P')) != std::string::npos;) text.replace(at, 1, port);
-      text.insert(0, host + ':');
-      if (text == target_.Address()) continue;
-      rig.Send(ConnectionType::Connect, ++id, text);
-      ASSERT_EQ(rig.Next(), Of(ConnectionType::Close, id)) << text.substr(0, 80);
-    }
-  }
-  EXPECT_GT(id, 1000U);
-  EXPECT_FALSE(target_.HasCaller(0));
-  EXPECT_GE(rig.Connect(++id, target_).get(), 0);
+  for (std::uint32_t id = 1; id <= 500; ++id) rig.Send(ConnectionType::Connect, id, "10.0.0.1:22");
+  for (std::uint32_t id = 1; id <= 500; ++id) EXPECT_EQ(rig.Next(), Of(ConnectionType::Close, id));
+  rig.End();
+  EXPECT_EQ(rig.lines().size(), 101U);
+  EXPECT_THAT(rig.lines().back(), HasSubstr("-v"));
 }
 
 TEST_F(PeerTest, FixedTargetOverridesWhatIsAsked) {
@@ -275,31 +209,6 @@ TEST_F(PeerTest, StrangeFramesDoNoHarm) {
   EXPECT_TRUE(WriteAll(connection.get(), "yes"));
   EXPECT_EQ(rig.Next(), Of(ConnectionType::Data, 1, "yes"));
   EXPECT_THAT(rig.lines(), ElementsAre(HasSubstr("second Connect for connection 1")));
-}
-
-TEST_F(PeerTest, PromisedLengthCostsNothing) {
-  Rig rig(options_);
-  const Descriptor connection = rig.Connect(1, target_);
-  char header[gxmod::kFrameHeaderBytes];
-  gxmod::EncodeFrameHeader({0xffffffff, 1, ConnectionType::Data}, header);
-  EXPECT_TRUE(WriteAll(rig.host(), {header, sizeof header}));
-  const std::string bytes = Pattern(100'000, 1);
-  EXPECT_TRUE(WriteAll(rig.host(), bytes));
-  EXPECT_TRUE(ReadExactly(connection.get(), bytes.size()) == bytes);
-  EXPECT_EQ(rig.End(), kPeerLinkLost);
-}
-
-TEST_F(PeerTest, AnswersTestsAndPings) {
-  Rig rig(options_);
-  rig.Send(ConnectionType::TestChannel, 0, "are you there?");
-  const Frame answer = rig.Next();
-  gxmod::TestResponse response;
-  ASSERT_TRUE(gxmod::DecodeTestResponse(answer.payload.data(), answer.payload.size(), &response));
-  EXPECT_EQ(answer.type, static_cast<int>(ConnectionType::TestRespond));
-  EXPECT_EQ(response.status, 0U);
-  EXPECT_EQ(std::string(response.text, response.text_length), "are you there?");
-  rig.Send(kPingFrame, 0, "8 bytes.");
-  EXPECT_EQ(rig.Next(), Of(kPongFrame, 0, "8 bytes."));
 }
 
 TEST_F(PeerTest, AnswersThatNobodyTakesDoNotPileUp) {
