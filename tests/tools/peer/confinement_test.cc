@@ -68,6 +68,7 @@ long Open(const std::string& path, int flags) {
 
 long Socket(int family, int type) { return Descriptor(::socket(family, type | SOCK_CLOEXEC, 0)).get(); }
 
+// What SECURITY.md says of the far side's confinement.
 class ConfinementTest : public testing::Test {
  protected:
   ConfinementTest() { std::ofstream(other_.path() + "/secret") << "x"; }
