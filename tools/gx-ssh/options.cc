@@ -195,6 +195,9 @@ std::string Contradiction(const Options& options) {
       options.print == PrintFormat::kSshConfig) {
     return "--print ssh-config: a path of two lines cannot be told";
   }
+  if (options.allow_channel_list && options.HasRelay()) {
+    return "--allow-channel-list opens ports that -W, --listen, --reconnect and --user-only keep closed";
+  }
   if (options.quiet && options.verbosity > 0) return "-q and -v exclude each other";
   if (options.listen && !options.listen->unix_path.empty() && options.print == PrintFormat::kPort) {
     return "--print port: a Unix socket has none";

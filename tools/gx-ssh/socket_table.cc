@@ -76,7 +76,7 @@ std::optional<uid_t> SocketTable::OwnerOfPeer(int socket) const {
     return std::nullopt;
   }
   // When there is no such connection the answer may be a socket that listens there. One without an inode has no
-  // program any more, and would be told as root's.
+  // program any more, and some kernels say that it is root's.
   if (found.id.idiag_dport != request.body.id.idiag_dport || found.idiag_inode == 0) return std::nullopt;
   return found.idiag_uid;
 }

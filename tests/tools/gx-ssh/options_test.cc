@@ -69,6 +69,7 @@ TEST(OptionsTest, EachMistakeHasOneLineAndAHint) {
       {{"--local", "--connect", "unix:/x"}, "--connect takes no carrier"},
       {{"--connect", "/x"}, "it is unix:PATH"},
       {{"--local", "--listen", "unix:/x\ny", "--print", "ssh-config"}, "two lines"},
+      {{"--local", "--reconnect", "--allow-channel-list"}, "opens ports that"},
       {{"--local", "-q", "-v"}, "-q and -v"},
   };
   for (const auto& [words, complaint] : mistakes) {
