@@ -28,8 +28,8 @@ _gx_ssh() {
     --run) mapfile -t COMPREPLY < <(compgen -c -- "$current") ;;
     --target | --connect-timeout | --keepalive | --keepalive-count | --listen | --connect | --name) COMPREPLY=() ;;
     *) _gx_ssh_offer "$current" -W --stdio --run --local --target --module --raw --connect-timeout --keepalive \
-      --keepalive-count --reconnect --allow-channel-list --listen --user-only --connect --print --name --json --port-file \
-      -q --quiet -v --verbose --version -h --help -- ;;
+      --keepalive-count --reconnect --allow-channel-list --listen --user-only --connect --print --name --json \
+      --port-file -q --quiet -v --verbose --version -h --help -- ;;
   esac
 }
 
