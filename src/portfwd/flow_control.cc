@@ -81,7 +81,9 @@ std::uint64_t CFlowControl::Owed(const Account& account) const {
 // True: the level has just become full.
 bool CFlowControl::Add(Level& level, std::uint64_t bytes) {
   level.bytes += bytes;
-  if (level.full || level.bytes <= level.limit) return false;
+  if (level.bytes <= level.limit) return false;
+  level.waits = true;
+  if (level.full) return false;
   level.full = true;
   level.full_since_ms = now_();
   return true;
@@ -90,20 +92,21 @@ bool CFlowControl::Add(Level& level, std::uint64_t bytes) {
 void CFlowControl::Subtract(Level& level, std::uint64_t bytes) {
   assert(level.bytes >= bytes);
   level.bytes -= bytes;
-  if (!level.full || level.bytes > level.limit / 2) return;
-  level.full = false;
+  if (level.bytes <= level.limit / 2) level.full = false;
+  if (!level.waits || level.bytes > level.limit - level.limit / 64) return;
+  level.waits = false;
   changed_.notify_one();
 }
 
 CFlowControl::Verdict CFlowControl::Judge(Account& account) {
-  if (stopped_ || (!account.level_.full && !total_.full)) return {Verdict::kGoOn};
+  if (stopped_ || (!account.level_.waits && !total_.waits)) return {Verdict::kGoOn};
   const std::uint64_t now_ms = now_();
 
   // Whoever holds the reader up and takes nothing.
   std::uint64_t until_ms = kNever;
   Account* stalled = nullptr;
   for (Account* held : accounts_) {
-    if (held->level_.bytes == 0 || (held != &account && !total_.full)) continue;
+    if (held->level_.bytes == 0 || (held != &account && !total_.waits)) continue;
     const std::uint64_t due_ms = StalledSince(*held) + limits_.stall_ms;
     if (due_ms > now_ms) {
       until_ms = std::min(until_ms, due_ms);

@@ -13,7 +13,7 @@
 
 // The wire has no window, so what a client does not take piles up in memory. This object knows what each
 // connection owes, when its client last took a byte, and since when the host's Write has taken none. Past a
-// mark the reader waits here until half of it is gone.
+// mark the reader waits here until a 64th of it is gone: every other connection waits as well, so no longer.
 //
 // When Write is stuck as well, the far side may be waiting for the reader: then the reader goes on, up to twice
 // the mark, where it waits again. A connection that holds the reader up for too long is cut.
@@ -36,14 +36,15 @@ class CFlowControl {
   // rounding.
   static constexpr std::uint64_t kBlockBytes = 256;
 
-  // Bytes held, and whether they are too many: from past the limit down to half of it.
+  // Bytes held, and whether they are too many.
   struct Level {
     explicit Level(std::uint64_t limit_bytes = 0) : limit(limit_bytes) {}
     bool IsFarOver() const { return bytes > 2 * limit; }
 
     std::uint64_t limit;
     std::uint64_t bytes = 0;
-    bool full = false;
+    bool waits = false;  // from past the limit until a 64th of it is gone
+    bool full = false;   // an episode, which is told once: from past the limit down to half of it
     std::uint64_t full_since_ms = 0;
   };
 

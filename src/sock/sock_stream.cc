@@ -9,6 +9,7 @@
 #include <algorithm>
 #include <cstdio>
 #include <cstring>
+#include <thread>
 
 #include "base/socket_address.h"
 #include "runtime/gxmod_runtime.h"
@@ -100,11 +101,10 @@ void CSockStream::do_op(SelectOp op) {
       RecvRout(true);
       break;
     case kSelectWritable:
-      send_budget_ = kSendTurnBytes;
+      reactor_ = std::this_thread::get_id();
+      turn_budget_ = kSendTurnBytes;
       write_pending_ = false;
       SendRout(true);
-      // Another thread that was sending meanwhile may have used the budget. Then it has left a task, as we do.
-      send_budget_ = kNoBound;
       break;
     case kSelectConnect:
       ReadNames();
@@ -179,14 +179,15 @@ bool CSockStream::readbyflag(char* data, long length, long& count, long timeout_
 bool CSockStream::write(const char* data, long length, long& count, long timeout_ms, long flags) {
   count = 0;
   if (write_pending_) return true;
-  const std::int64_t budget = send_budget_;
+  std::atomic<std::int64_t>& left = reactor_.load() == std::this_thread::get_id() ? turn_budget_ : own_budget_;
+  const std::int64_t budget = left;
   if (budget <= 0 && timeout_ms != 0 && WaitInTracker(TaskFor(kSelectWritable), write_pending_)) return true;
 
   const auto most = static_cast<std::size_t>(budget > 0 ? std::min<std::int64_t>(length, budget) : length);
   const ssize_t sent = send(socket_, data, most, 0);
   if (sent > 0) {
     count = sent;
-    send_budget_ -= sent;
+    left -= sent;
     return true;
   }
   if (sent == 0) {
@@ -211,6 +212,11 @@ bool CSockStream::write(const char* data, long length, long& count, long timeout
   GXModLog(kGXModLogTrace, "[CSockStream] send failed isel <= 0 || !FD_ISSET(m_Socket,&setsock) ,%d",
            error.value());
   return false;
+}
+
+unsigned long CSockStream::SendRout(bool from_reactor) {
+  if (!from_reactor) own_budget_ = kSendTurnBytes;
+  return CBaseStream::SendRout(from_reactor);
 }
 
 bool CSockStream::read_done(IBuffer* buffer, unsigned long length) {

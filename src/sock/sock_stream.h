@@ -4,8 +4,8 @@
 
 #include <atomic>
 #include <cstdint>
-#include <limits>
 #include <string>
+#include <thread>
 
 #include "object/object_monitor.h"
 #include "reactor/tcp_task.h"
@@ -47,6 +47,7 @@ class CSockStream : public CBaseStream {
   bool read(char* data, long length, long& count, long timeout_ms) override;
   bool peek(char* data, long length, long& count, long timeout_ms) override;
   bool write(const char* data, long length, long& count, long timeout_ms, long flags) override;
+  unsigned long SendRout(bool from_reactor) override;
   bool read_done(IBuffer* buffer, unsigned long length) override;
   bool write_done(IBuffer* buffer, unsigned long length) override;
   bool read_step(IBuffer* buffer, unsigned long length) override;
@@ -57,10 +58,9 @@ class CSockStream : public CBaseStream {
 
  private:
   static constexpr int kNoSocket = 0;
-  // What the reactor's thread reads or sends for this stream in one turn.
+  // What a thread reads or sends for this stream in one turn, which ends in the tracker.
   static constexpr std::int64_t kReadTurnBytes = 64 * 1024;
   static constexpr std::int64_t kSendTurnBytes = 256 * 1024;
-  static constexpr std::int64_t kNoBound = std::numeric_limits<std::int64_t>::max();
 
   void ReadNames();
   CTCPTask TaskFor(SelectOp op);
@@ -73,7 +73,11 @@ class CSockStream : public CBaseStream {
   std::atomic<bool> write_pending_{false};
   CReadAhead ahead_;
   std::atomic<std::int64_t> read_budget_{kReadTurnBytes};  // left of this turn
-  std::atomic<std::int64_t> send_budget_{kNoBound};  // the same; other threads than the reactor's have no bound
+  // The same: of the reactor's turn, and of what another thread sends itself. That one may find a long queue,
+  // too, and has its own work to go back to.
+  std::atomic<std::int64_t> turn_budget_{kSendTurnBytes};
+  std::atomic<std::int64_t> own_budget_{kSendTurnBytes};
+  std::atomic<std::thread::id> reactor_{};
   std::atomic<int> socket_{kNoSocket};
   std::atomic<ITCPTaskTracker*> tracker_{nullptr};
   OBJECT_MONITOR<CSockStream> monitor_;

@@ -52,16 +52,18 @@ class FlowControlTest : public testing::Test {
   Account& first_ = accounts_[0];
 };
 
-TEST_F(FlowControlTest, WaitsFromTheMarkToHalfOfIt) {
+TEST_F(FlowControlTest, WaitsForALittleRoomAndTellsOnceUntilHalfIsGone) {
   EXPECT_EQ(Queue(first_, 10), Filled::kNothing);
   EXPECT_EQ(Action(first_), Verdict::kGoOn);
   EXPECT_EQ(Queue(first_, 1), Filled::kConnection);
-  EXPECT_EQ(Queue(first_, 1), Filled::kNothing) << "told once";
   EXPECT_EQ(Action(accounts_[1]), Verdict::kGoOn) << "another one's data";
-  Release(first_, 6);
+  Release(first_, 1);
   EXPECT_EQ(Action(first_), Verdict::kWait);
   Release(first_, 1);
   EXPECT_EQ(Action(first_), Verdict::kGoOn);
+  EXPECT_EQ(Queue(first_, 2), Filled::kNothing) << "told once";
+  EXPECT_EQ(Action(first_), Verdict::kWait);
+  Release(first_, 6);
   EXPECT_EQ(Queue(first_, 6), Filled::kConnection) << "the next time";
 }
 
