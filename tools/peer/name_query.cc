@@ -22,13 +22,15 @@ void InitLibraryOnce() {
   static_cast<void>(status);
 }
 
-LookupResult ToResult(int status, const ares_addrinfo* list) {
+LookupResult Failed(int status) {
   LookupResult result;
-  if (status != ARES_SUCCESS) {
-    result.error = ares_strerror(status);
-    return result;
-  }
-  for (const ares_addrinfo_node* node = list->nodes; node != nullptr; node = node->ai_next) {
+  result.error = ares_strerror(status);
+  return result;
+}
+
+LookupResult Found(const ares_addrinfo& list) {
+  LookupResult result;
+  for (const ares_addrinfo_node* node = list.nodes; node != nullptr; node = node->ai_next) {
     char text[INET6_ADDRSTRLEN];
     const void* const address =
         node->ai_family == AF_INET
@@ -86,7 +88,7 @@ void NameQuery::Channel::Ask(const std::string& servers, const std::string& host
   options.sock_state_cb_data = this;
   int status = ares_init_options(&ares_, &options, ARES_OPT_LOOKUPS | ARES_OPT_SOCK_STATE_CB);
   if (status == ARES_SUCCESS && !servers.empty()) status = ares_set_servers_ports_csv(ares_, servers.c_str());
-  if (status != ARES_SUCCESS) return Answer(ToResult(status, nullptr));
+  if (status != ARES_SUCCESS) return Answer(Failed(status));
   ares_addrinfo_hints hints{};
   hints.ai_family = AF_UNSPEC;
   hints.ai_socktype = SOCK_STREAM;
@@ -119,7 +121,7 @@ void NameQuery::Channel::Watch(ares_socket_t fd, bool readable, bool writable) {
 }
 
 void NameQuery::Channel::OnAnswer(void* self, int status, int /*timeouts*/, ares_addrinfo* list) {
-  const LookupResult result = ToResult(status, list);
+  const LookupResult result = status == ARES_SUCCESS && list != nullptr ? Found(*list) : Failed(status);
   if (list != nullptr) ares_freeaddrinfo(list);
   if (status != ARES_EDESTRUCTION) static_cast<Channel*>(self)->Answer(result);
 }
