@@ -7,6 +7,8 @@
 #include <cerrno>
 #include <cstring>
 
+#include "link/local_socket.h"
+
 namespace gxtool {
 namespace {
 
@@ -18,10 +20,19 @@ constexpr std::chrono::microseconds kLinger{50};
 // While a flow sends by itself all that it brings, nobody need look after it that often.
 constexpr std::chrono::microseconds kLongestLinger{1000};
 
+// What may lie unread. On a fast line much of it saves switches between the two programs. On a slow one the
+// descriptor would take no more for many seconds, and to the module that looks like a far side that is stuck.
+constexpr int kUnreadBytes = 208 * 1024;
+constexpr int kUnreadBytesSlow = 8 * 1024;
+constexpr std::uint64_t kFastBytesPerMs = 1000;
+constexpr std::chrono::milliseconds kLook{20};
+
 }  // namespace
 
 PluginOutput::PluginOutput(int fd, StopSignal& stop, Handler& handler)
-    : fd_(fd), stop_(stop), handler_(handler), flusher_([this] { Flush(); }) {}
+    : fd_(fd), stop_(stop), handler_(handler), flusher_([this] { Flush(); }) {
+  SetUnreadBytes(fd_, kUnreadBytesSlow);
+}
 
 PluginOutput::~PluginOutput() {
   stop_.Raise();
@@ -93,6 +104,7 @@ void PluginOutput::Send() {
     const ssize_t step = write(fd_, queue_.data() + sent_, queued());
     if (step >= 0) {
       sent_ += static_cast<std::size_t>(step);
+      sent_ever_ += static_cast<std::uint64_t>(step);
     } else if (errno == EAGAIN) {
       full_ = true;
     } else if (errno != EINTR) {
@@ -129,8 +141,20 @@ void PluginOutput::WaitForDescriptor(Lock& lock) {
   lock.unlock();
   stop_.WaitFor(fd_, POLLOUT);
   lock.lock();
+  LookAtRate();
   full_ = false;
   Send();
+}
+
+void PluginOutput::LookAtRate() {
+  const auto now = std::chrono::steady_clock::now();
+  const auto passed = std::chrono::duration_cast<std::chrono::milliseconds>(now - looked_at_);
+  if (passed < kLook) return;
+  const bool fast = sent_ever_ - sent_then_ >= kFastBytesPerMs * static_cast<std::uint64_t>(passed.count());
+  if (fast != fast_) SetUnreadBytes(fd_, fast ? kUnreadBytes : kUnreadBytesSlow);
+  fast_ = fast;
+  looked_at_ = now;
+  sent_then_ = sent_ever_;
 }
 
 // As long as the flow goes on nobody has to wake this thread, and the writer itself sends what it collects.

@@ -74,6 +74,7 @@ class PluginOutput : FrameReader::Handler {
   void WaitForRoom(Lock& lock);
   void Flush();  // the writer's own thread
   void WaitForDescriptor(Lock& lock);
+  void LookAtRate();
   void Linger(Lock& lock);
   // Tells the handler, without the lock, of a failure that is new. False: the descriptor takes no more.
   bool Report(Lock& lock);
@@ -92,7 +93,11 @@ class PluginOutput : FrameReader::Handler {
   std::size_t sent_ = 0;
   std::string inserts_;  // frames that wait for the end of the one that is being written
   bool between_frames_ = true;
-  bool full_ = false;          // the descriptor, as far as is known
+  bool full_ = false;  // the descriptor, as far as is known
+  std::uint64_t sent_ever_ = 0;
+  bool fast_ = false;  // at the last look
+  std::chrono::steady_clock::time_point looked_at_{};
+  std::uint64_t sent_then_ = 0;
   bool writer_waits_ = false;  // in WaitForRoom, and looks after the queue
   bool deferred_ = false;      // since the writer's own thread last looked
   std::uint64_t sends_ = 0;    // calls of Send

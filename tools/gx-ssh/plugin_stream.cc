@@ -3,15 +3,8 @@
 #include <utility>
 
 #include "link/control_frames.h"
-#include "link/local_socket.h"
 
 namespace gxtool {
-namespace {
-
-// A burst passes in fewer switches between the two programs.
-constexpr int kUnreadBytes = 208 * 1024;
-
-}  // namespace
 
 PluginStream::PluginStream(Descriptor input, Descriptor output, std::string_view received,
                            StreamSettings settings, StreamObserver& observer)
@@ -24,7 +17,6 @@ PluginStream::PluginStream(Descriptor input, Descriptor output, std::string_view
       entrance_(settings.guarded ? new Entrance(!settings.raw, *this) : nullptr) {
   SetNonBlocking(input_fd_.get(), true);
   SetNonBlocking(output_fd_.get(), true);
-  SetUnreadBytes(output_fd_.get(), kUnreadBytes);
 }
 
 PluginStream::~PluginStream() {

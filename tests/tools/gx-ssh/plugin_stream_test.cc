@@ -6,6 +6,7 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <chrono>
 #include <ctime>
 #include <future>
@@ -247,6 +248,26 @@ TEST_F(PluginStreamTest, StrangersAreClosedAndTheFarSideHearsNothing) {
   stream_ = {};
   EXPECT_EQ(ReadToEnd(far_.get()),
             MakeFrame(kPongFrame, 0, "12345678") + list + MakeFrame(kGoodbyeFrame, 0, "done"));
+}
+
+// On a line of half a megabyte a second every 32 KiB that have left let the module write on: if a queue of
+// hundreds had to leave first, it would take the far side for stuck.
+TEST_F(PluginStreamTest, ASlowLineIsSeenToMove) {
+  Open();
+  std::atomic<std::size_t> taken{0};
+  std::thread module([&] {
+    while (WriteModule(DataFrame(7, std::string(4080, 'x')))) taken += 4096;
+  });
+  EXPECT_TRUE(gxtest::Eventually([&] { return taken >= PluginOutput::kQueueBytes; }));
+  for (int time = 0; time < 5; ++time) {
+    std::this_thread::sleep_for(std::chrono::milliseconds(64));
+    const std::size_t before = taken;
+    std::string part(32 * 1024, '\0');
+    EXPECT_EQ(recv(far_.get(), part.data(), part.size(), MSG_WAITALL), static_cast<ssize_t>(part.size()));
+    EXPECT_TRUE(gxtest::Eventually([&] { return taken > before; }, std::chrono::seconds(3))) << time;
+  }
+  stream_->Close();
+  module.join();
 }
 
 // Answers that come at once are awaited awake; that must end with them, and with a stream that is closed.
