@@ -18,6 +18,7 @@ target_compile_options(gx_options INTERFACE
 include(CheckCXXCompilerFlag)
 include(CheckPIESupported)
 check_pie_supported()
+set(CMAKE_REQUIRED_FLAGS -Werror)  # Clang only warns of a flag that the processor has no use for
 foreach(flag -fstack-protector-strong -fstack-clash-protection -fcf-protection -mbranch-protection=standard)
   string(MAKE_C_IDENTIFIER "GX_HAS${flag}" has_flag)
   check_cxx_compiler_flag(${flag} ${has_flag})
@@ -25,6 +26,7 @@ foreach(flag -fstack-protector-strong -fstack-clash-protection -fcf-protection -
     target_compile_options(gx_options INTERFACE ${flag})
   endif()
 endforeach()
+unset(CMAKE_REQUIRED_FLAGS)
 if(NOT GX_SANITIZE)
   target_compile_options(gx_options INTERFACE $<$<CONFIG:Release>:-U_FORTIFY_SOURCE;-D_FORTIFY_SOURCE=2>)
 endif()
