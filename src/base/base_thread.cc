@@ -114,6 +114,7 @@ void* CBaseThread::ThreadFunc(void* self) {
   thread->Contain([thread] { thread->RunLoop(); });
   thread->exited_.store(true, std::memory_order_release);
   thread->Contain([thread] { thread->OnExit(); });
+  thread->own_id_ = 0;  // the system gives the number to others
   return nullptr;
 }
 

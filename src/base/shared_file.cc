@@ -27,6 +27,9 @@ bool WriteAll(FileStream& file, const std::string& text) {
          file.Close();
 }
 
+// The folder allows no new files. A shortage is something else: the old text must not go for it.
+bool IsForbidden(int error) { return error == EACCES || error == EPERM || error == EROFS; }
+
 bool CopyPermissions(const std::string& from, const std::string& to) {
   struct stat status;
   if (stat(from.c_str(), &status) != 0) return errno == ENOENT;
@@ -46,20 +49,22 @@ SharedFile::~SharedFile() {
 
 bool SharedFile::Write(const std::string& text) {
   if (turn_ == Turn::kOthers) return false;
-  const std::string fresh = path_ + ".tmp";  // a crash may have left one
+  const std::string fresh = path_ + ".tmp";
   FileStream file;
-  if (turn_ == Turn::kNobodys || !file.Open(fresh, "wb+", nullptr)) {
-    return file.Open(path_, "wb+", nullptr) && WriteAll(file, text);
-  }
+  int error = 0;
+  if (turn_ == Turn::kMine) unlink(fresh.c_str());  // a crash may have left one
+  const bool in_place = turn_ == Turn::kNobodys || (!file.Open(fresh, "wb+", &error) && IsForbidden(error));
+  if (in_place) return file.Open(path_, "wb+", nullptr) && WriteAll(file, text);
+  if (error != 0) return false;
   const bool saved =
-      WriteAll(file, text) && CopyPermissions(path_, fresh) && rename(fresh.c_str(), path_.c_str()) == 0;
+      CopyPermissions(path_, fresh) && WriteAll(file, text) && rename(fresh.c_str(), path_.c_str()) == 0;
   if (!saved) unlink(fresh.c_str());
   return saved;
 }
 
 // No system waits for this lock with a limit, so it is asked for again and again.
 SharedFile::Turn SharedFile::Lock(int lock_file, unsigned patience_ms) {
-  if (lock_file == -1) return errno == EMFILE || errno == ENFILE ? Turn::kOthers : Turn::kNobodys;
+  if (lock_file == -1) return IsForbidden(errno) || errno == ENOENT ? Turn::kNobodys : Turn::kOthers;
   const std::uint64_t deadline_ms = gettickcount() + patience_ms;
   while (flock(lock_file, LOCK_EX | LOCK_NB) != 0) {
     if (errno != EWOULDBLOCK && errno != EINTR) return Turn::kNobodys;  // the file system knows no locks

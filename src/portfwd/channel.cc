@@ -19,7 +19,10 @@ void TellConnected(CSockStream& stream) {
 // The same on the reactor's thread.
 struct CONNECTED_TASK {
   CRefObj<CSockStream> stream;
-  void Done() { TellConnected(*stream); }
+  void Done() try { TellConnected(*stream); } catch (...) {
+    stream->Disconnect(kStreamOtherError);  // nobody would ever read from it
+    throw;
+  }
 };
 
 }  // namespace

@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <cassert>
 #include <chrono>
+#include <utility>
 
 void CFlowControl::Open(Account& account, std::uint32_t id) {
   CStdLock lock(mutex_);
@@ -29,7 +30,7 @@ CFlowControl::Filled CFlowControl::Queued(Account& account, std::uint64_t payloa
 
 void CFlowControl::Took(Account& account) {
   CStdLock lock(mutex_);
-  if (account.level_.full || total_.full) account.took_ms_ = now_();
+  if (account.level_.waits || total_.waits) account.took_ms_ = now_();
 }
 
 void CFlowControl::Released(Account& account, std::uint64_t payload) {
@@ -50,6 +51,7 @@ std::optional<std::uint32_t> CFlowControl::WaitForRoom(Account& account) {
   CStdLock lock(mutex_);
   for (;;) {
     const Verdict verdict = Judge(account);
+    if (verdict.action != Verdict::kWait) wants_write_.store(false);
     if (verdict.action == Verdict::kGoOn) return std::nullopt;
     if (verdict.action == Verdict::kCut) return verdict.id;
     if (verdict.until_ms == kNever) {
@@ -82,11 +84,9 @@ std::uint64_t CFlowControl::Owed(const Account& account) const {
 bool CFlowControl::Add(Level& level, std::uint64_t bytes) {
   level.bytes += bytes;
   if (level.bytes <= level.limit) return false;
+  if (!level.waits) level.waits_since_ms = now_();
   level.waits = true;
-  if (level.full) return false;
-  level.full = true;
-  level.full_since_ms = now_();
-  return true;
+  return !std::exchange(level.full, true);
 }
 
 void CFlowControl::Subtract(Level& level, std::uint64_t bytes) {
@@ -130,7 +130,8 @@ CFlowControl::Verdict CFlowControl::Judge(Account& account) {
 }
 
 std::uint64_t CFlowControl::StalledSince(const Account& account) const {
-  return std::max(account.took_ms_, account.level_.full ? account.level_.full_since_ms : total_.full_since_ms);
+  return std::max(account.took_ms_,
+                  account.level_.waits ? account.level_.waits_since_ms : total_.waits_since_ms);
 }
 
 CFlowControl::Account* CFlowControl::Largest() {

@@ -44,8 +44,8 @@ class CFlowControl {
     std::uint64_t limit;
     std::uint64_t bytes = 0;
     bool waits = false;  // from past the limit until a 64th of it is gone
-    bool full = false;   // an episode, which is told once: from past the limit down to half of it
-    std::uint64_t full_since_ms = 0;
+    std::uint64_t waits_since_ms = 0;
+    bool full = false;  // an episode, which is told once: from past the limit down to half of it
   };
 
   // What one connection owes. A member of its handler; guarded by the lock of the flow control that it is open
@@ -78,7 +78,7 @@ class CFlowControl {
   void Took(Account& account);
   void Released(Account& account, std::uint64_t payload);
 
-  // The host's Write is called at `now_ms`, or called again for the rest of what it was given; the last of
+  // The host's Write is called at `now_ms`, or has taken a part and is called again for the rest; the last of
   // these calls has returned.
   void WriteWaits(std::uint64_t now_ms);
   void WriteEnds() { write_waits_since_ms_.store(0); }

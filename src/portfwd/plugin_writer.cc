@@ -30,18 +30,18 @@ bool CPluginWriter::WriteFrame(const void* frame, std::size_t length) {
   const WriteScope writing(flow_);
   const auto* const data = static_cast<const unsigned char*>(frame);
   const std::uint64_t start_ms = gettickcount();
-  std::uint64_t now_ms = start_ms;
   std::size_t done = 0;
   unsigned calls = 0;
-  for (; done < length; now_ms = gettickcount()) {
-    flow_.WriteWaits(now_ms);
+  flow_.WriteWaits(start_ms);
+  while (done < length) {
     const auto rest =
         static_cast<unsigned>(std::min<std::size_t>(length - done, std::numeric_limits<unsigned>::max()));
     unsigned written = 0;
     if (stream_->Write(data + done, rest, &written, 0) != 0) break;
-    done += std::min(written, rest);
     ++calls;
+    done += std::min(written, rest);
+    if (written != 0 && done < length) flow_.WriteWaits(gettickcount());
   }
   torn_ = done != 0 && done != length;
-  return calls <= 1 && now_ms - start_ms <= kPromptMs;
+  return calls <= 1 && gettickcount() - start_ms <= kPromptMs;
 }

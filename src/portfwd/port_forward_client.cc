@@ -164,10 +164,9 @@ void CPortForwardClientRaw::OnEnd(MyHandler& connection, bool owes_close) {
       closes_owed_ = true;
       return;
     }
-  } else if (owes_close) {
-    connection.SendClose();
   }
-  connections_.Remove(connection);
+  connections_.Remove(connection);  // first: the host's Write may throw
+  if (owes_close && !reader_.IsCurrent()) connection.SendClose();
 }
 
 void CPortForwardClientRaw::BeforeFrame() {

@@ -55,7 +55,7 @@ bool CServerStreamThread::ThreadLoop() {
     if (header.length != 0 && !payload) throw std::bad_alloc();
     Dispatch(header, payload.get());
   } catch (...) {
-    Lose(header.connection_id);
+    Lose(header);
   }
   return true;
 }
@@ -79,9 +79,15 @@ bool CServerStreamThread::Skip(std::uint32_t length) {
 
 // Memory ran out on the way of a frame. Its connection must not go on with a hole in its data; the others
 // shall.
-void CServerStreamThread::Lose(std::uint32_t connection_id) {
-  GXModLog(kGXModLogError, "[portfwd] no memory for a frame, connection %u is disconnected", connection_id);
-  if (const CRefObj<MyHandler> connection = owner_->FindStream(connection_id)) connection->Disconnect();
+void CServerStreamThread::Lose(const gxmod::FrameHeader& header) {
+  if (header.type != gxmod::ConnectionType::Data && header.type != gxmod::ConnectionType::Close) {
+    GXModLog(kGXModLogError, "[portfwd] a frame of type %u was lost: no memory, or its listener failed",
+             static_cast<unsigned>(header.type));
+    return;
+  }
+  GXModLog(kGXModLogError, "[portfwd] no memory for a frame, connection %u is disconnected",
+           header.connection_id);
+  if (const CRefObj<MyHandler> connection = owner_->FindStream(header.connection_id)) connection->Disconnect();
 }
 
 void CServerStreamThread::Dispatch(const gxmod::FrameHeader& header, IBuffer* payload) {

@@ -52,7 +52,7 @@ class CServerStreamThread final : public CBaseThread {
   // True with an empty `payload`: there was no memory for it, and it has been skipped.
   bool ReadPayload(std::uint32_t length, CRefObj<IBuffer>& payload);
   bool Skip(std::uint32_t length);
-  void Lose(std::uint32_t connection_id);
+  void Lose(const gxmod::FrameHeader& header);
   void Dispatch(const gxmod::FrameHeader& header, IBuffer* payload);
   void DeliverData(std::uint32_t connection_id, IBuffer* payload);
   void DeliverTestResponse(IBuffer* payload);

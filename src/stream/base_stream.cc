@@ -131,7 +131,11 @@ bool CBaseStream::GetFreeBuffer(IBuffer** out, unsigned long length) {
 }
 
 bool CBaseStream::Disconnect_impl(unsigned int /*reason*/) {
-  return !closed_.exchange(true, std::memory_order_acq_rel);
+  if (closed_.exchange(true, std::memory_order_acq_rel)) return false;
+  std::list<CItem> dropped[2];  // outlive the lock; a task may hold the stream itself for long
+  CAutoLock lock(queue_lock_);
+  for (const Direction way : {kReceive, kSend}) dropped[way].swap(transfers_[way].queue);
+  return true;
 }
 
 bool CBaseStream::timeout(unsigned long now_ms) { return timeleft(now_ms) == 0; }

@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include <atomic>
+#include <chrono>
 #include <functional>
 #include <memory>
 #include <new>
@@ -22,6 +23,7 @@ class ByteStream final : public IPluginStreamRaw, private CReference {
 
   std::uint32_t Read(void*, unsigned, unsigned*, unsigned) override { return 1; }
   std::uint32_t Write(const void* data, unsigned, unsigned* written, unsigned) override {
+    if (nothing_taken && nothing_taken(++calls)) return 0;
     if (taken.size() == offset && event) {
       if (!std::exchange(event, nullptr)()) return 1;
     }
@@ -34,6 +36,8 @@ class ByteStream final : public IPluginStreamRaw, private CReference {
   std::string taken;
   std::size_t offset = 0;
   std::function<bool()> event;  // once; false: the call fails
+  unsigned calls = 0;
+  std::function<bool(unsigned)> nothing_taken;  // asked at each call
 };
 
 class PluginWriterTest : public testing::Test {
@@ -97,6 +101,26 @@ TEST_F(PluginWriterTest, AWriteThatThrowsIsOver) {
   const std::uint64_t stalled_ms = flow_.Look(account).until_ms;
   EXPECT_THROW(Write("frame"), std::bad_alloc);
   EXPECT_EQ(flow_.Look(account).until_ms, stalled_ms);
+  flow_.Close(account);
+}
+
+// A host may return without an error and without having taken anything.
+TEST_F(PluginWriterTest, AWriteThatTakesNothingIsStuck) {
+  CFlowControl::Account account;
+  flow_.Open(account, 1);
+  flow_.Queued(account, CFlowControl::Limits().connection_bytes);
+  std::uint64_t first_ms = 0;
+  Restart(0, {});
+  stream_->nothing_taken = [&](unsigned calls) {
+    if (calls > 3) return false;
+    const std::uint64_t until_ms = flow_.Look(account).until_ms;
+    if (calls == 1) first_ms = until_ms;
+    EXPECT_EQ(until_ms, first_ms) << calls;
+    if (calls < 3) std::this_thread::sleep_for(std::chrono::milliseconds(2));
+    return calls < 3;
+  };
+  Write("frame");
+  EXPECT_EQ(stream_->taken, "frame");
   flow_.Close(account);
 }
 

@@ -134,6 +134,8 @@ TEST_F(StalledReaderTest, DoesNotHoldAFarSideThatWaitsItself) {
     EXPECT_LE(gxtest::HeapBytes(), heap + 2 * mark_ + kFrameBytes + kSlack);
     return connection->stream()->IsClosed();
   }));
+  EXPECT_LE(gxtest::HeapBytes(), heap + mark_ + kSlack)
+      << "what waited for it is gone, though Write is still stuck";
   stop_ = true;
   stream_->Send({ConnectionType::Data, busy.id, "still read"});
   EXPECT_EQ(busy.local.Receive(10), "still read");
