@@ -156,8 +156,10 @@ void App::OnInputDelivered() {
 
 void App::OnReset() {
   if (standard_io_) return standard_io_->OnReset();
-  // Whatever the command does, its connections fail.
-  if (command_ && traffic_.totals().received == 0) {
+  // A first connection without an answer was in all likelihood not opened. Whatever the command does, the next
+  // ones fail, too.
+  const Traffic::Totals totals = traffic_.totals();
+  if (command_ && totals.connections == 1 && totals.received == 0) {
     Fail(Failure(kExitLinkLost, "the far side cannot open " + options_.target +
                                     "; does it allow it (--allow), and does something listen there?"));
   }

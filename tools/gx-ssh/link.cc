@@ -166,15 +166,25 @@ void Link::OnWaiting() {
                       [this, time = Entrance::Clock::now() + Entrance::kSilence] { ExpireGuestsAt(time); }));
 }
 
+// However many of them the far side sends, one of each waits for the event loop.
 void Link::OnInputDelivered(std::uint32_t) {
-  asio::post(io_, lifetime_.Guard([this] { owner_.OnInputDelivered(); }));
+  if (delivered_waits_.exchange(true)) return;
+  asio::post(io_, lifetime_.Guard([this] {
+    delivered_waits_ = false;
+    owner_.OnInputDelivered();
+  }));
 }
 
 void Link::OnReset(std::uint32_t) {
-  asio::post(io_, lifetime_.Guard([this] { owner_.OnReset(); }));
+  if (reset_waits_.exchange(true)) return;
+  asio::post(io_, lifetime_.Guard([this] {
+    reset_waits_ = false;
+    owner_.OnReset();
+  }));
 }
 
 void Link::OnGoodbye(const std::string& reason) {
+  if (goodbye_came_.exchange(true)) return;
   asio::post(io_, lifetime_.Guard([this, reason] { goodbye_ = reason; }));
 }
 

@@ -6,6 +6,7 @@
 
 #include <asio/io_context.hpp>
 #include <asio/steady_timer.hpp>
+#include <atomic>
 #include <cstdint>
 #include <memory>
 #include <optional>
@@ -98,6 +99,9 @@ class Link final : StreamObserver {
   asio::steady_timer end_timer_;
   std::optional<Failure> cause_;  // the first one
   std::optional<std::string> goodbye_;
+  std::atomic<bool> delivered_waits_{false};
+  std::atomic<bool> reset_waits_{false};
+  std::atomic<bool> goodbye_came_{false};
   bool ending_ = false;
   bool input_ended_ = false;
   bool down_ = false;

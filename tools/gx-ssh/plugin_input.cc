@@ -147,7 +147,10 @@ std::size_t PluginInput::Receive(std::span<iovec> parts) {
     // Less than there was room for: the next call would only find nothing.
     drained_ = received < 0 ? errno == EAGAIN : static_cast<std::size_t>(received) < TotalBytes(parts);
     if (received > static_cast<ssize_t>(kLittleBytes)) conversation_ = 0;
-    if (received > 0) return static_cast<std::size_t>(received);
+    if (received > 0) {
+      quiet_since_ms_ = 0;
+      return static_cast<std::size_t>(received);
+    }
     if (received == 0) {
       end_reason_ = "end of the stream";
       return 0;
@@ -163,7 +166,8 @@ std::size_t PluginInput::Receive(std::span<iovec> parts) {
 
 void PluginInput::Wait() {
   const Clock::time_point begin = Clock::now();
-  waiting_since_ms_ = Milliseconds(begin);
+  if (quiet_since_ms_ == 0) quiet_since_ms_ = Milliseconds(begin);
+  waiting_since_ms_ = quiet_since_ms_;
   if (conversation_ < kLikely || !ComesBefore(begin + kAwake)) {
     stop_.WaitFor(fd_, POLLIN, between_frames_ ? wake_.read.get() : -1);
   }

@@ -91,7 +91,9 @@ class PluginInput {
   std::vector<std::uint32_t> inserted_;  // connections whose Close is to be read
   Pipe wake_;                            // holds a byte while there are some
 
-  std::atomic<bool> sends_little_{true};           // at a time, the other way
+  std::atomic<bool> sends_little_{true};  // at a time, the other way
+  std::int64_t quiet_since_ms_ =
+      0;  // the first wait behind the last byte; one that an inserted frame ends goes on
   std::atomic<std::int64_t> waiting_since_ms_{0};  // of the monotonic clock; 0: not waiting
 };
 

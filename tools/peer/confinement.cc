@@ -122,7 +122,12 @@ bool RestrictAccess(const ConfinementNeeds& needs) {
   if (const auto folder = RealFolder("/etc/resolv.conf"); folder != "/etc" && folder != "/") {
     rules.PermitReading(folder);
   }
-  if (!needs.cache_file.empty()) rules.PermitReplacingFilesIn(RealFolder(needs.cache_file));
+  if (!needs.cache_file.empty()) {
+    std::error_code ignored;
+    const std::filesystem::path file = std::filesystem::absolute(needs.cache_file, ignored);
+    rules.PermitReplacingFilesIn(file.parent_path());
+    rules.PermitReading(std::filesystem::weakly_canonical(file, ignored));  // a link, until it is replaced
+  }
   if (needs.tcp_ports) {
     rules.PermitConnecting(kDnsPort);
     for (const std::uint16_t port : *needs.tcp_ports) rules.PermitConnecting(port);

@@ -216,6 +216,27 @@ TEST_F(PluginStreamTest, SilenceCountsOnlyWhileTheModuleWaits) {
   EXPECT_EQ(stream_->silence().count(), 0);
 }
 
+// Whoever connects to the module's port again and again must not make a dead far side look alive.
+TEST_F(PluginStreamTest, AStrangerIsNoSignOfLife) {
+  Open({.guarded = true});
+  const auto read_frame = [this] {
+    char header[16];
+    unsigned got = 0;
+    return stream_->Read(header, sizeof header, &got, 0);
+  };
+  auto first = std::async(std::launch::async, read_frame);
+  EXPECT_TRUE(gxtest::Eventually([this] { return stream_->silence().count() >= 50; }));
+  EXPECT_TRUE(WriteModule(MakeFrame(ConnectionType::Connect, 1, "x:1")));
+  EXPECT_TRUE(WriteModule(DataFrame(1, "sixteen wrong ones and more")));
+  EXPECT_EQ(first.get(), kGXModOk);
+  auto second = std::async(std::launch::async, read_frame);
+  std::chrono::milliseconds silence{};
+  EXPECT_TRUE(gxtest::Eventually([&] { return (silence = stream_->silence()).count() > 0; }));
+  EXPECT_GE(silence.count(), 50);
+  stream_->Close();
+  second.get();
+}
+
 // A stranger at the module's port: the module hears a Close that the far side never sent, between its frames,
 // even while it waits for the far side; the far side hears nothing.
 TEST_F(PluginStreamTest, StrangersAreClosedAndTheFarSideHearsNothing) {
