@@ -9,7 +9,9 @@
 #include <unistd.h>
 
 #include <functional>
-#include <optional>
+#include <future>
+#include <mutex>
+#include <utility>
 
 #include "support/far_listener.h"
 #include "support/forwarding.h"
@@ -17,13 +19,20 @@
 
 namespace {
 
-// What happens before the process next accepts a connection; with the listening socket.
+// What happens before the process next accepts a connection; with the listening socket. Threads accept, and the
+// test sets it.
+std::mutex before_accept_mutex;
 std::function<void(int)> before_accept;
 
 }  // namespace
 
 extern "C" int accept4(int listener, sockaddr* address, socklen_t* length, int flags) {
-  if (before_accept) std::exchange(before_accept, nullptr)(listener);
+  std::function<void(int)> now;
+  {
+    const std::lock_guard lock(before_accept_mutex);
+    now = std::exchange(before_accept, nullptr);
+  }
+  if (now) now(listener);
   return static_cast<int>(syscall(SYS_accept4, listener, address, length, flags));
 }
 
@@ -76,17 +85,21 @@ TEST_F(ServerStreamThreadTest, OpensPortsWithoutWaitingForTheFarSide) {
   stream_->Behave({.capacity = 1});
   busy.local.Send("blocks");
   ASSERT_TRUE(stream_->WaitUntilWriteBlocks());
-  std::optional<TcpClient> early;
-  before_accept = [&](int listener) {
-    sockaddr_in address{};
-    socklen_t length = sizeof address;
-    getsockname(listener, reinterpret_cast<sockaddr*>(&address), &length);
-    early.emplace(ntohs(address.sin_port));
-  };
+  std::promise<TcpClient> early;
+  {
+    const std::lock_guard lock(before_accept_mutex);
+    before_accept = [&](int listener) {
+      sockaddr_in address{};
+      socklen_t length = sizeof address;
+      getsockname(listener, reinterpret_cast<sockaddr*>(&address), &length);
+      early.set_value(TcpClient(ntohs(address.sin_port)));
+    };
+  }
   stream_->Send({ConnectionType::ChannelList, 0, "name=a&addr=y%3A2;"});
   stream_->Send({ConnectionType::Data, busy.id, "still read"});
   EXPECT_EQ(busy.local.Receive(10), "still read");
-  EXPECT_TRUE(early && early->IsConnected());
+  const TcpClient client = early.get_future().get();
+  EXPECT_TRUE(client.IsConnected());
   stream_->Behave({});
   const auto connect = stream_->Receive(ConnectionType::Connect);
   ASSERT_TRUE(connect);
