@@ -179,7 +179,7 @@ class Fixture {
     Check(forbidden_.Accept() < 0);
     std::string_view frames = wire;
     if (!raw) {
-      const std::string ready = gxtool::ReadyLine(Side::kPeer);
+      const std::string ready = gxtool::Greeting(Side::kPeer);
       Check(answer.starts_with(ready));
       answer.erase(0, ready.size());
       gxtool::ReadyLineFinder finder(Side::kHost);

@@ -27,7 +27,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
   const std::size_t taken = whole.Feed(text);
   Check(FeedInPieces(cut, text, 1 + data[0] / 2) == taken);
   Check(cut.state() == whole.state() && cut.version() == whole.version() && cut.noise() == whole.noise() &&
-        cut.echoed() == whole.echoed());
+        cut.echoed() == whole.echoed() && cut.features() == whole.features());
 
   const std::string seen = '\n' + text.substr(0, taken);
   const std::string line = '\n' + gxtool::ReadyLine(other);

@@ -16,7 +16,7 @@ Handshake::Handshake(asio::io_context& io, Descriptor input, int output, std::ch
                      Result result)
     : input_(io, input.Release()), timer_(io), result_(std::move(result)) {
   // It fits into an empty pipe. If nobody is there to read it, the input ends as well, and that is reported.
-  const std::string line = ReadyLine(Side::kHost);
+  const std::string line = Greeting(Side::kHost);
   [[maybe_unused]] const ssize_t written = write(output, line.data(), line.size());
   Read();
   if (timeout.count() == 0) return;
@@ -42,7 +42,7 @@ void Handshake::Take(std::string_view bytes) {
     case ReadyLineFinder::State::kFound: {
       // Local copies: the callee may destroy this object.
       const auto ready = result_.ready;
-      return ready(Descriptor(input_.release()), std::string(bytes));
+      return ready(Descriptor(input_.release()), std::string(bytes), finder_.features());
     }
     case ReadyLineFinder::State::kOtherVersion:
       return Fail("it speaks version " + finder_.version() + " of the protocol, this gx-ssh version " +

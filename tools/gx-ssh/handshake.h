@@ -22,8 +22,9 @@ class Handshake {
  public:
   // Called once; they may destroy the handshake.
   struct Result {
-    std::function<void(Descriptor input, std::string received)> ready;  // bytes that came behind the line
-    std::function<void(const std::string& problem)> failed;             // with a hint
+    // `received`: bytes that came behind the line. `features`: of the far side.
+    std::function<void(Descriptor input, std::string received, Features features)> ready;
+    std::function<void(const std::string& problem)> failed;  // with a hint
   };
 
   // Owns `input`; `output` is borrowed. A timeout of 0 is none.

@@ -61,12 +61,13 @@ Link::Link(asio::io_context& io, const Options& options, ModuleLibrary& module, 
   }
   handshake_ = std::make_unique<Handshake>(
       io, far_side_->TakeInput(), output_.get(), options.connect_timeout,
-      Handshake::Result{
-          [this](Descriptor ready, const std::string& received) { RunModule(std::move(ready), received); },
-          [this](const std::string& problem) {
-            input_ended_ = true;
-            Fail(kExitNotReady, kNotReady + problem);
-          }});
+      Handshake::Result{[this](Descriptor ready, const std::string& received, const Features&) {
+                          RunModule(std::move(ready), received);
+                        },
+                        [this](const std::string& problem) {
+                          input_ended_ = true;
+                          Fail(kExitNotReady, kNotReady + problem);
+                        }});
 }
 
 Link::~Link() {

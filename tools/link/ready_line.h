@@ -14,8 +14,20 @@ enum class Side { kHost, kPeer };  // gx-ssh, gx-ssh-peer
 inline constexpr int kProtocolVersion = 1;
 inline constexpr std::size_t kNoiseBytes = 64 * 1024;
 
+// What a side can do beyond version 1 of the protocol. A side tells it in a line of its own before its ready
+// line, where a release that does not know the line skips it as noise.
+struct Features {
+  bool flow_control = false;  // it acknowledges what it receives
+  bool unix_targets = false;  // it connects to Unix sockets
+
+  friend bool operator==(const Features&, const Features&) = default;
+};
+inline constexpr Features kOwnFeatures{};
+
 // The line that `side` sends, with its line feed.
 std::string ReadyLine(Side side);
+// The same behind a line with our features, when there are some.
+std::string Greeting(Side side);
 
 // Looks for the line of the other side in the bytes received.
 class ReadyLineFinder {
@@ -36,6 +48,8 @@ class ReadyLineFinder {
 
   State state() const { return state_; }
   const std::string& version() const { return version_; }
+  // Of the other side. None are known of one whose line of features was lost in the noise.
+  const Features& features() const { return features_; }
   // The last kQuoteBytes that were skipped, as they came.
   const std::string& noise() const { return noise_; }
   // Our own line has come back: a terminal in between echoes.
@@ -44,11 +58,14 @@ class ReadyLineFinder {
  private:
   void TakeByte(char byte);
   void JudgeLine();
+  void TakeFeatures(std::string_view words);
 
+  const std::string features_name_;
   const std::string expected_;
   const std::string own_;
   State state_ = State::kSearching;
   std::string version_;
+  Features features_;
   std::string line_;  // the current one, as far as it can still matter
   std::string noise_;
   std::size_t skipped_ = 0;

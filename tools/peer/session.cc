@@ -45,7 +45,7 @@ PeerSession::PeerSession(PeerOptions options, int read_fd, int write_fd)
 
 int PeerSession::Run() {
   if (shutdown_.phase() == Phase::kGreeting) {
-    output_.AddText(ReadyLine(Side::kPeer));
+    output_.AddText(Greeting(Side::kPeer));
     shutdown_.Greet(options_.connect_timeout);
     NeedTick();
   }

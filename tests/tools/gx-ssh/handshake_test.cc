@@ -13,7 +13,7 @@ TEST(HandshakeTest, ReadyAfterItsTimeIsNotReady) {
   auto [ours, theirs] = MakeSocketPair();
   std::string story;
   Handshake handshake(io, Duplicate(ours.get()), ours.get(), std::chrono::milliseconds(1),
-                      {[&](const Descriptor&, const std::string&) { story += "ready"; },
+                      {[&](const Descriptor&, const std::string&, Features) { story += "ready"; },
                        [&](const std::string&) { story += "failed"; }});
   while (story.empty()) io.run_one_for(kPatience);
   WriteAll(theirs.get(), ReadyLine(Side::kPeer));

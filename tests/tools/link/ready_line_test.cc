@@ -18,5 +18,12 @@ TEST(ReadyLineTest, GivesUpAfterTooMuchNoise) {
   EXPECT_EQ(finder.noise(), std::string(kQuoteBytes - 4, 'x') + "\nlas");
 }
 
+TEST(ReadyLineTest, TellsTheFeaturesOfTheOtherSide) {
+  ReadyLineFinder finder(Side::kPeer);
+  finder.Feed("GX-SSH-HOST-CAN flow-control\nGX-SSH-PEER-CAN later unix-targets\n" + ReadyLine(Side::kPeer));
+  EXPECT_EQ(finder.state(), State::kFound);
+  EXPECT_EQ(finder.features(), (Features{.flow_control = false, .unix_targets = true}));
+}
+
 }  // namespace
 }  // namespace gxtool

@@ -267,14 +267,14 @@ class PeerLinkTest : public PeerTest {
   PeerLinkTest() { options_.raw = false; }
 
   static void Greet(Rig& rig) {
-    EXPECT_EQ(rig.Line(), ReadyLine(Side::kPeer));
+    EXPECT_EQ(rig.Line(), Greeting(Side::kPeer));
     EXPECT_TRUE(WriteAll(rig.host(), ReadyLine(Side::kHost)));
   }
 };
 
 TEST_F(PeerLinkTest, GreetsThenSpeaksFramesAndSaysGoodbye) {
   Rig rig(options_);
-  EXPECT_EQ(rig.Line(), ReadyLine(Side::kPeer));
+  EXPECT_EQ(rig.Line(), Greeting(Side::kPeer));
   EXPECT_TRUE(WriteAll(rig.host(), "banner\n" + ReadyLine(Side::kHost) +
                                        MakeFrame(ConnectionType::Connect, 1, target_.Address()) +
                                        MakeFrame(ConnectionType::Data, 1, "hi")));

@@ -91,7 +91,8 @@ TEST(PeerProgramTest, SpeaksToFilesToo) {
 TEST(PeerProgramTest, SigtermEndsItInOrderAndAClosedStdoutQuietly) {
   const Pipe in = MakePipe();
   Program stopped(GX_PEER_PROGRAM, {}, in.read.get());
-  EXPECT_EQ(stopped.Line() + '\n', ReadyLine(Side::kPeer));
+  std::istringstream greeting(Greeting(Side::kPeer));
+  for (std::string line; std::getline(greeting, line);) EXPECT_EQ(stopped.Line(), line);
   stopped.Signal(SIGTERM);
   EXPECT_EQ(stopped.Status(), 0);
   EXPECT_EQ(stopped.Output(), MakeFrame(kGoodbyeFrame, 0, "stopped"));

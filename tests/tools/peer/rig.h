@@ -68,7 +68,7 @@ class Rig {
     return target.Accept();
   }
 
-  std::string Line() { return ReadExactly(host(), ReadyLine(Side::kPeer).size()); }
+  std::string Line() { return ReadExactly(host(), Greeting(Side::kPeer).size()); }
   Frame Next() {
     const std::string bytes = ReadExactly(host(), gxmod::kFrameHeaderBytes);
     if (bytes.size() < gxmod::kFrameHeaderBytes) return {};
