@@ -345,9 +345,9 @@ class ProxyCommand(Clients):
     def __init__(self, tools, server):
         target = f"127.0.0.1:{server.port}"
         program = f"{server.folder}/proxy"
-        super().__init__(server, f"ProxyCommand {program}")
+        super().__init__(server, "HostName 127.0.0.1", f"Port {server.port}", f"ProxyCommand {program} %h:%p")
         write_script(program, f"""
-            exec "{tools.gx_ssh}" -q -W --target {target} -- \\
+            exec "{tools.gx_ssh}" -q -W "$1" -- \\
               sh -c 'echo "a banner"; exec "$@"' sh "{tools.gx_ssh_peer}" -q --allow {target}
             """)
 

@@ -20,7 +20,7 @@ using std::chrono::milliseconds;
 
 constexpr const char* kUsage =
     "Usage: gx-ssh [OPTIONS] -- CARRIER [ARG...]\n"
-    "       gx-ssh -W [OPTIONS] -- CARRIER [ARG...]\n"
+    "       gx-ssh -W [HOST:PORT] [OPTIONS] -- CARRIER [ARG...]\n"
     "       gx-ssh --run 'CMD' [OPTIONS] -- CARRIER [ARG...]\n"
     "       gx-ssh --local [OPTIONS]\n"
     "       gx-ssh --connect unix:PATH\n";
@@ -35,6 +35,9 @@ constexpr const char* kFooter =
     "5 cannot listen, 126 or 127 carrier not executable or not found; with --run that of CMD, 255 when the\n"
     "tunnel failed first.";
 
+// What CLI11 gives for an option that stands alone, and nobody writes. An empty text is a mistake of its own.
+constexpr const char* kNoValue = "\n";
+
 const std::map<std::string, PrintFormat> kPrintFormats{{"addr", PrintFormat::kAddress},
                                                        {"port", PrintFormat::kPort},
                                                        {"json", PrintFormat::kJson},
@@ -42,11 +45,18 @@ const std::map<std::string, PrintFormat> kPrintFormats{{"addr", PrintFormat::kAd
                                                        {"ssh-config", PrintFormat::kSshConfig},
                                                        {"none", PrintFormat::kNothing}};
 
-std::string Target(const std::string& text) {
+std::string Target(const std::string& option, const std::string& text) {
   std::string why;
   const auto target = ParseHostPort(text, &why);
-  if (!target) throw CLI::ValidationError("--target \"" + text + "\": " + why);
+  if (!target) throw CLI::ValidationError(option + " \"" + text + "\": " + why);
   return target->ToString();
+}
+
+// ssh's %h:%p has no brackets round an IPv6 address.
+std::string StandardIoTarget(const std::string& text) {
+  const std::size_t colon = std::min(text.rfind(':'), text.size());
+  const auto v6 = ParseHostPort("[" + text.substr(0, colon) + "]" + text.substr(colon));
+  return v6 ? v6->ToString() : Target("-W", text);
 }
 
 std::string UnixPath(const std::string& option, const std::string& text) {
@@ -125,8 +135,17 @@ CLI::Option* AddDuration(CLI::App& app, const std::string& name, milliseconds& v
 }
 
 void DeclareModes(CLI::App& app, Options& options) {
-  app.add_flag("-W,--stdio", options.standard_io,
-               "Carry one connection on standard input and output (ProxyCommand of ssh)");
+  const auto standard_io = [&app, &options](const std::string& text) {
+    options.standard_io = true;
+    if (text == kNoValue) return;
+    if (app.count("--target") > 0) throw CLI::ValidationError("-W HOST:PORT and --target exclude each other");
+    options.target = StandardIoTarget(text);
+  };
+  app.add_option_function<std::string>(
+         "-W,--stdio", standard_io, "Carry one connection on standard input and output (ProxyCommand of ssh)")
+      ->expected(0, 1)
+      ->default_str(kNoValue)
+      ->option_text("[HOST:PORT]");
   app.add_option("--run", options.run, "Run the shell command CMD when the port is up, end with its status")
       ->option_text("CMD");
   app.add_flag("--local", options.local, "Be the far side, too: no carrier");
@@ -136,7 +155,8 @@ void DeclareModes(CLI::App& app, Options& options) {
 }
 
 void DeclareLink(CLI::App& app, Options& options) {
-  AddText(app, "--target", options.target, Target, "HOST:PORT",
+  const auto target = [](const std::string& text) { return Target("--target", text); };
+  AddText(app, "--target", options.target, target, "HOST:PORT",
           "Where the far side connects to (127.0.0.1:22)");
   app.add_option("--module", options.module_path, "The module to load (the one built with this program)")
       ->option_text("PATH");

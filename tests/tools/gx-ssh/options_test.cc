@@ -46,6 +46,26 @@ TEST(OptionsTest, ReadsValues) {
   EXPECT_EQ(Parsed({"--local", "--reconnect"}).reconnect_attempts, 0);
 }
 
+// What ssh makes of %h:%p, and what a user may put before or behind it.
+TEST(OptionsTest, StandardIoTakesATargetAsSshNamesIt) {
+  for (const auto& [words, target] : std::vector<std::pair<Words, std::string>>{
+           {{"-q", "-W", "db.internal:22", "--", "cat"}, "db.internal:22"},
+           {{"-qW", "host:22", "--", "cat"}, "host:22"},
+           {{"-Whost:22", "--", "cat"}, "host:22"},
+           {{"--stdio=host:22", "--raw", "--", "cat"}, "host:22"},
+           {{"-W", "::1:22", "--", "cat"}, "[::1]:22"},
+           {{"-W", "2001:db8::a:b:2222", "--", "cat"}, "[2001:db8::a:b]:2222"},
+           {{"-W", "[::1]:22", "--", "cat"}, "[::1]:22"},
+           {{"-W", "--", "cat", "host:22"}, "127.0.0.1:22"},
+           {{"-W", "-q", "--", "cat"}, "127.0.0.1:22"},
+           {{"-W", "--target", "host:22", "--", "cat"}, "host:22"},
+           {{"-W", "--local"}, "127.0.0.1:22"}}) {
+    const Options options = Parsed(words);
+    EXPECT_TRUE(options.standard_io) << target;
+    EXPECT_EQ(options.target, target);
+  }
+}
+
 TEST(OptionsTest, StandardOutputIsLeftToWhomItBelongs) {
   EXPECT_EQ(Parsed({"--local"}).print, PrintFormat::kAddress);
   EXPECT_EQ(Parsed({"--local", "-W"}).print, PrintFormat::kNothing);
@@ -68,6 +88,11 @@ TEST(OptionsTest, EachMistakeHasOneLineAndAHint) {
       {{"--local", "-W", "--json"}, "-W opens no port"},
       {{"--local", "--connect", "unix:/x"}, "--connect takes no carrier"},
       {{"--connect", "/x"}, "it is unix:PATH"},
+      {{"-W", "cat"}, "-W \"cat\": a target reads HOST:PORT"},
+      {{"-W", "", "--", "cat"}, "-W \"\": a target reads HOST:PORT"},
+      {{"-W", "1:2:3", "--", "cat"}, "-W \"1:2:3\": an IPv6 target reads"},
+      {{"-W", "fe80::1%eth0:22", "--", "cat"}, "an IPv6 target reads"},
+      {{"-W", "a:1", "--target", "b:1", "--", "cat"}, "-W HOST:PORT and --target exclude"},
       {{"--local", "--listen", "unix:/x\ny", "--print", "ssh-config"}, "two lines"},
       {{"--local", "--reconnect", "--allow-channel-list"}, "opens ports that"},
       {{"--local", "-q", "-v"}, "-q and -v"},
