@@ -77,6 +77,7 @@ class Typist:
     """What a person does with gx-ssh."""
 
     def __init__(self, tools):
+        self._gx_ssh_path = tools.gx_ssh
         self._gx_ssh = shlex.quote(tools.gx_ssh)
         self._peer = shlex.quote(tools.gx_ssh_peer)
 
@@ -112,6 +113,9 @@ class Typist:
         with Terminal("sh", "-c", f"exec {self._gx_ssh} -- {self._asking()}") as terminal:
             terminal.expect("Password: ")
             terminal.type(INTERRUPT)
+            terminal.expect_status(0)
+        # gx-ssh may hear of the end of such a carrier before it hears of the key.
+        with Terminal(self._gx_ssh_path, "--", "sh", "-c", "kill -INT $$") as terminal:
             terminal.expect_status(0)
 
     def goes_on_in_a_script(self):

@@ -135,6 +135,8 @@ void App::OnLinkUp(const std::string& address, std::uint16_t port) {
 void App::OnLinkDown(const Failure& why, bool in_order) {
   // What was typed for the whole group, or sent to all of it, may have ended the far side as well.
   signals_.HandOn();
+  // The key itself may still be on its way through the carrier's keeper.
+  if (!command_ && link_->Interrupted()) OnStopSignal({SIGINT, true});
   if (finished_) return;
   terminal_.TakeBack();
   reporter_.OnLink(in_order ? "ended" : "lost", why.what());

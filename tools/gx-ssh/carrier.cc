@@ -29,8 +29,9 @@ Carrier::Carrier(asio::io_context& io, const std::vector<std::string>& command, 
                  Terminal& terminal, std::function<void()> on_quiet)
     : name_(ProgramName(command.front())),
       console_(console),
+      terminal_(raw ? -1 : terminal.ToLend()),
       child_({command, input_.read.get(), output_.write.get(), error_pipe_.write.get(), ShellLevel(),
-              raw ? Child::Group::kOurs : Child::Group::kOwnSharesInterrupts, terminal.ToLend()}),
+              raw ? Child::Group::kOurs : Child::Group::kOwnSharesInterrupts, terminal_}),
       errors_(io, error_pipe_.read.Release()),
       on_quiet_(std::move(on_quiet)) {
   input_.read.Reset();
@@ -43,6 +44,11 @@ Carrier::Carrier(asio::io_context& io, const std::vector<std::string>& command, 
 bool Carrier::Killed() {
   const auto status = child_.Poll();
   return status && WIFSIGNALED(*status);
+}
+
+bool Carrier::Interrupted() {
+  const auto status = terminal_ >= 0 ? child_.Poll() : std::nullopt;
+  return status && WIFSIGNALED(*status) && WTERMSIG(*status) == SIGINT;
 }
 
 void Carrier::End() {

@@ -37,6 +37,7 @@ class Carrier final : public FarSide {
   Descriptor TakeOutput() override { return std::move(input_.write); }
   bool Exited() override { return child_.Poll().has_value(); }
   bool Killed() override;
+  bool Interrupted() override;
   bool Ended() override { return Exited() && !errors_.is_open(); }
   void Continue() override { child_.Signal(SIGCONT); }
   void End() override;
@@ -53,6 +54,7 @@ class Carrier final : public FarSide {
   Pipe input_ = MakeSocketPipe();
   Pipe output_ = MakeSocketPipe();
   Pipe error_pipe_ = MakePipe();
+  const int terminal_;  // lent to it; -1: none
   Child child_;
   asio::posix::stream_descriptor errors_;
   const std::function<void()> on_quiet_;

@@ -21,6 +21,8 @@ class FarSide {
   virtual bool Exited() = 0;
   // It was ended by a signal, and so not by itself.
   virtual bool Killed() = 0;
+  // Somebody has interrupted it at the terminal that it had.
+  virtual bool Interrupted() = 0;
   // It has ended and its last word has come.
   virtual bool Ended() = 0;
   // A shell has stopped and continued gx-ssh, and with it the terminal's other groups.

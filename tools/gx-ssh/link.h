@@ -58,6 +58,9 @@ class Link final : StreamObserver {
   // While the link is up: of the port; null where everybody may connect to it.
   const std::shared_ptr<Entrance>& entrance() const { return stream_->entrance(); }
 
+  // Somebody has interrupted the carrier at the terminal, before the far side was ready.
+  bool Interrupted() const { return !stream_ && far_side_->Interrupted(); }
+
   // After SIGCHLD.
   void OnChildEnded() { CheckFarSide(); }
   // After SIGCONT.

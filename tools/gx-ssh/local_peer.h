@@ -24,6 +24,7 @@ class LocalPeer final : public FarSide {
   Descriptor TakeOutput() override { return std::move(ends_.first); }
   bool Exited() override { return exited_; }
   bool Killed() override { return false; }
+  bool Interrupted() override { return false; }
   bool Ended() override { return exited_; }
   void Continue() override {}
   void End() override;
