@@ -2,7 +2,6 @@
 
 #include <gtest/gtest.h>
 #include <signal.h>
-#include <sys/mman.h>
 
 #include <functional>
 #include <future>
@@ -97,29 +96,6 @@ TEST(BaseThreadTest, TheHostsSignalsStayOnTheHostsThreads) {
   for (const int signal : {SIGSEGV, SIGBUS, SIGFPE, SIGILL, SIGTRAP, SIGSYS, SIGABRT}) {
     EXPECT_FALSE(sigismember(&workers, signal)) << signal;
   }
-}
-
-// A page that must not be touched until the handler of the fault opens it.
-void* g_page;
-constexpr std::size_t kPageBytes = 4096;
-
-// The system ends a process whose thread commits a fault with the fault's signal blocked.
-TEST(BaseThreadTest, TheHostsCrashReporterHearsOfAFault) {
-  g_page = mmap(nullptr, kPageBytes, PROT_NONE, MAP_PRIVATE | MAP_ANON, -1, 0);
-  ASSERT_NE(g_page, MAP_FAILED);
-  struct sigaction reporter {};
-  struct sigaction before {};
-  reporter.sa_handler = [](int) { mprotect(g_page, kPageBytes, PROT_READ | PROT_WRITE); };
-  sigaction(SIGSEGV, &reporter, &before);
-  Worker worker([] {
-    *static_cast<volatile char*>(g_page) = 1;
-    return false;
-  });
-  worker.Run();
-  worker.AwaitExit();
-  worker.Stop();
-  sigaction(SIGSEGV, &before, nullptr);
-  munmap(g_page, kPageBytes);
 }
 
 TEST(BaseThreadTest, AnExceptionEndsTheThreadAndNotTheProcess) {

@@ -8,6 +8,7 @@
 #include <cstdint>
 #include <fstream>
 #include <iterator>
+#include <locale>
 #include <memory>
 #include <stdexcept>
 #include <string>
@@ -19,6 +20,152 @@
 namespace {
 
 using Ips = std::vector<std::string>;
+
+DnsQuery QueryFor(int family) { return {family, SOCK_STREAM, IPPROTO_TCP, htons(22), false}; }
+
+// The addresses of a list, after a look at everything that a caller of connect relies on.
+Ips Walk(const addrinfo* list) {
+  Ips ips;
+  for (const addrinfo* info = list; info != nullptr; info = info->ai_next) {
+    EXPECT_EQ(info->ai_socktype, SOCK_STREAM);
+    EXPECT_EQ(info->ai_protocol, IPPROTO_TCP);
+    EXPECT_EQ(info->ai_addr->sa_family, info->ai_family);
+    EXPECT_EQ(info->ai_addrlen, info->ai_family == AF_INET ? sizeof(sockaddr_in) : sizeof(sockaddr_in6));
+    EXPECT_EQ(reinterpret_cast<const sockaddr_in*>(info->ai_addr)->sin_port, htons(22));
+    gxbase::IPAddress ip;
+    EXPECT_TRUE(gxbase::IPFromAddrInfo(info, &ip));
+    ips.push_back(ip.ToString());
+  }
+  return ips;
+}
+
+Ips Fill(const DnsRecord& record, int family) {
+  const auto block = std::make_unique<DnsAddrInfo>();
+  return Walk(block->FillRecord(record, QueryFor(family)));
+}
+
+DnsRecord Crowd(const std::string& name) {
+  DnsRecord record{name, {}, 1};
+  for (int i = 0; i < 1000; ++i) {
+    record.ips.push_back((i % 3 == 0 ? "2001:db8::" : "10.0.0.") + std::to_string(1 + i % 250));
+  }
+  return record;
+}
+
+TEST(DnsAnswerTest, HoldsTheFamilyAskedInTheRecordsOrderAndAsManyAsFit) {
+  const DnsRecord record{"a", {"1.1.1.1", "::2", "nonsense", "3.3.3.3", "::4"}, 1};
+  EXPECT_EQ(Fill(record, AF_UNSPEC), (Ips{"1.1.1.1", "::2", "3.3.3.3", "::4"}));
+  EXPECT_EQ(Fill(record, AF_INET), (Ips{"1.1.1.1", "3.3.3.3"}));
+  EXPECT_EQ(Fill(record, AF_INET6), (Ips{"::2", "::4"}));
+  EXPECT_EQ(Fill(record, AF_UNIX), Ips{});
+
+  constexpr std::size_t kBlock = 5120;
+  const DnsRecord crowd = Crowd("a");
+  EXPECT_EQ(Fill(crowd, AF_INET).size(), kBlock / (sizeof(addrinfo) + sizeof(sockaddr_in)));
+  EXPECT_EQ(Fill(crowd, AF_INET6).size(), kBlock / (sizeof(addrinfo) + (sizeof(sockaddr_in6) + 7) / 8 * 8));
+  const Ips mixed = Fill(crowd, AF_UNSPEC);
+  EXPECT_TRUE(std::equal(mixed.begin(), mixed.end() - 1, crowd.ips.begin()));
+}
+
+TEST(DnsAnswerTest, TheNameIsGivenOnRequest) {
+  DnsQuery query = QueryFor(AF_INET);
+  const auto block = std::make_unique<DnsAddrInfo>();
+  EXPECT_EQ(block->FillRecord(Crowd("a"), query)->ai_canonname, nullptr);
+  query.wants_name = true;
+  for (const std::size_t length : {0u, 1000u, 5055u}) {
+    const addrinfo* list = block->FillRecord(Crowd(std::string(length, 'n')), query);
+    ASSERT_NE(list, nullptr) << length;
+    EXPECT_EQ(list->ai_canonname, std::string(length, 'n'));
+    EXPECT_EQ(Walk(list).front(), "10.0.0.2");
+  }
+  EXPECT_EQ(block->FillRecord(Crowd(std::string(5056, 'n')), query), nullptr);
+}
+
+TEST(DnsQueryTest, TheSystemTellsPortTypeAndProtocol) {
+  addrinfo hints{};
+  hints.ai_family = AF_INET6;
+  hints.ai_protocol = IPPROTO_UDP;
+  hints.ai_flags = AI_NUMERICSERV | AI_CANONNAME;
+  const auto query = DnsQuery::Make("5353", &hints);
+  ASSERT_TRUE(query);
+  EXPECT_EQ(ntohs(query->port), 5353);
+  EXPECT_EQ(query->socktype, SOCK_DGRAM);
+  EXPECT_EQ(query->protocol, IPPROTO_UDP);
+  EXPECT_EQ(query->family, AF_INET6);
+  EXPECT_TRUE(query->wants_name);
+  EXPECT_FALSE(DnsQuery::Make("ssh", &hints)) << "no number";
+  EXPECT_FALSE(DnsQuery::Make("no-such-service", nullptr));
+  const auto plain = DnsQuery::Make(nullptr, nullptr);
+  ASSERT_TRUE(plain);
+  EXPECT_EQ(plain->family, AF_UNSPEC);
+  EXPECT_EQ(plain->socktype, SOCK_STREAM);
+  EXPECT_EQ(plain->port, 0);
+}
+
+// "name=ip,ip@timestamp " for each record.
+std::string Story(const DnsRecords& records) {
+  std::string story;
+  for (const auto& [key, record] : records) {
+    EXPECT_EQ(key, record.name);
+    std::string ips;
+    for (const std::string& ip : record.ips) ips += (ips.empty() ? "" : ",") + ip;
+    story += record.name + "=" + ips + "@" + std::to_string(record.timestamp) + " ";
+  }
+  return story;
+}
+
+std::string Parsed(const std::string& text) { return Story(ParseDnsRecords(text)); }
+
+// A document with one good record behind the element under test: the rest of the file must survive it.
+std::string Document(const std::string& element) {
+  return R"({"cache": [)" + element + R"(, {"name": "z", "ips": ["9.9.9.9"], "timestamp": 9}]})";
+}
+
+TEST(DnsRecordsTest, WhatIsNoRecordIsSkipped) {
+  const struct {
+    std::string element;
+    std::string story;
+  } cases[] = {
+      {R"({"name": "a", "ips": ["1.2.3.4"], "timestamp": 5.9})", "a=1.2.3.4@5 "},
+      {R"({"name": "a", "ips": ["1.2.3.4"], "timestamp": 4294967296})", ""},
+      {R"({"name": "a", "ips": ["1.2.3.4"], "timestamp": -1})", ""},
+      {R"({"name": "a", "ips": ["1.2.3.4"]})", ""},
+      {R"({"name": "a", "ips": "1.2.3.4", "timestamp": 5})", ""},
+      {R"({"ips": ["1.2.3.4"], "timestamp": 5})", ""},
+      {R"({"name": "a", "ips": ["", 7, null, ["1.1.1.1"], "nothing", "1.2.3.4"], "timestamp": 5})",
+       "a=1.2.3.4@5 "},
+      {R"({"name": "a\u0000b", "ips": ["1.2.3.4"], "timestamp": 5})", std::string("a\0b=1.2.3.4@5 ", 14)},
+      {R"({"name": "z", "ips": ["1.2.3.4"], "timestamp": 5})", ""},  // replaced by the later one
+      {"/* a remark */ 1", ""},
+  };
+  for (const auto& c : cases) EXPECT_EQ(Parsed(Document(c.element)), c.story + "z=9.9.9.9@9 ") << c.element;
+  const std::string whole = Document("1");
+  for (const std::string& text : {whole.substr(0, whole.size() - 1), std::string("[]"), std::string("7"),
+                                  std::string(R"({"cache": {}})"), std::string(5000, '['), '\0' + whole}) {
+    EXPECT_EQ(Parsed(text), "") << text;
+  }
+}
+
+struct GroupsDigits : std::numpunct<char> {
+  char do_thousands_sep() const override { return '.'; }
+  std::string do_grouping() const override { return "\3"; }
+};
+
+TEST(DnsRecordsTest, FormatAndParseAreInverse) {
+  DnsRecords records;
+  records["b.example"] = {"b.example", {"192.0.2.1", "2001:db8::1"}, 1700000000};
+  records["a \"quoted\"\n\xC3\xA4"] = {"a \"quoted\"\n\xC3\xA4", {"::"}, 0};
+  records[""] = {"", {"0.0.0.0"}, 4294967295};
+  // The host may have set a locale that groups digits.
+  const std::locale before = std::locale::global(std::locale(std::locale::classic(), new GroupsDigits));
+  const std::string text = FormatDnsRecords(records);
+  const DnsRecords again = ParseDnsRecords(text);
+  std::locale::global(before);
+  EXPECT_EQ(Story(again), Story(records));
+  EXPECT_NE(text.find("\"timestamp\" : 1700000000"), std::string::npos) << text;
+  EXPECT_NE(text.find("\n\t"), std::string::npos) << "indented";
+  EXPECT_EQ(Parsed(FormatDnsRecords({})), "");
+}
 
 class ScriptedStorage final : public DnsCacheStorage {
  public:
@@ -44,24 +191,19 @@ std::string Text(const std::string& name, const Ips& ips, std::uint32_t timestam
   return FormatDnsRecords({{name, {name, ips, timestamp}}});
 }
 
-// A live answer as the system would give it.
-std::unique_ptr<addrinfo, decltype(&freeaddrinfo)> LiveAnswer(const std::string& ip) {
-  addrinfo hints{};
-  hints.ai_flags = AI_NUMERICHOST;
-  hints.ai_socktype = SOCK_STREAM;
-  addrinfo* list = nullptr;
-  EXPECT_EQ(getaddrinfo(ip.c_str(), nullptr, &hints, &list), 0);
-  return {list, freeaddrinfo};
-}
-
 class DnsCacheTest : public testing::Test {
  protected:
   // The live look-up of `name` found `ip`.
   void Succeed(const std::string& name, const std::string& ip) {
-    const auto live = LiveAnswer(ip);
-    addrinfo* list = live.get();
+    addrinfo hints{};
+    hints.ai_flags = AI_NUMERICHOST;
+    hints.ai_socktype = SOCK_STREAM;
+    addrinfo* live = nullptr;
+    ASSERT_EQ(getaddrinfo(ip.c_str(), nullptr, &hints, &live), 0);
+    addrinfo* list = live;
     EXPECT_EQ(cache_.getaddrinfo_local(name.c_str(), nullptr, nullptr, &list, 0), 0);
-    EXPECT_EQ(list, live.get());
+    EXPECT_EQ(list, live);
+    cache_.freeaddrinfo_local(list);
   }
 
   // The live look-up of `name` failed: the addresses that the cache gives.
@@ -71,21 +213,15 @@ class DnsCacheTest : public testing::Test {
     addrinfo* list = nullptr;
     const int code = cache.getaddrinfo_local(name.c_str(), "22", nullptr, &list, EAI_AGAIN);
     EXPECT_EQ(code, list != nullptr ? 0 : EAI_AGAIN);
-    Ips ips;
-    for (const addrinfo* info = list; info != nullptr; info = info->ai_next) {
-      gxbase::IPAddress ip;
-      EXPECT_TRUE(gxbase::IPFromAddrInfo(info, &ip));
-      ips.push_back(ip.ToString());
-    }
+    const Ips ips = Walk(list);
     cache.freeaddrinfo_local(list);
     return ips;
   }
 
-  std::string FileText() const {
+  DnsRecords Saved() const {
     std::ifstream file(path_, std::ios::binary);
-    return {std::istreambuf_iterator<char>(file), {}};
+    return ParseDnsRecords({std::istreambuf_iterator<char>(file), {}});
   }
-  void SetFileText(const std::string& text) const { std::ofstream(path_, std::ios::binary) << text; }
 
   const TempDir dir_;
   const std::string path_ = dir_.path() + "/dnscache.json";
@@ -97,11 +233,10 @@ TEST_F(DnsCacheTest, AGoodAnswerIsSavedAndAnotherProcessAnswersFromIt) {
   EXPECT_TRUE(cache_.Init(path_, 0, /*refresh=*/1'000'000));
   const std::uint32_t before = Now();
   Succeed("host.example", "192.0.2.7");
-  const DnsRecords saved = ParseDnsRecords(FileText());
-  ASSERT_EQ(saved.size(), 1u);
-  EXPECT_EQ(saved.at("host.example").ips, Ips{"192.0.2.7"});
-  EXPECT_GE(saved.at("host.example").timestamp, before);
-  EXPECT_LE(saved.at("host.example").timestamp, Now());
+  ASSERT_EQ(Saved().size(), 1u);
+  EXPECT_EQ(Saved().at("host.example").ips, Ips{"192.0.2.7"});
+  EXPECT_GE(Saved().at("host.example").timestamp, before);
+  EXPECT_LE(Saved().at("host.example").timestamp, Now());
 
   DnsCache other;
   EXPECT_TRUE(other.Init(path_, 0, 0));
@@ -110,67 +245,68 @@ TEST_F(DnsCacheTest, AGoodAnswerIsSavedAndAnotherProcessAnswersFromIt) {
 
   Succeed("host.example", "2001:db8::1");
   EXPECT_EQ(Fail("host.example"), Ips{"2001:db8::1"}) << "the last answer counts";
-  EXPECT_EQ(ParseDnsRecords(FileText()).size(), 1u);
-  EXPECT_EQ(ParseDnsRecords(FileText()).at("host.example").ips, Ips{"2001:db8::1"}) << "and is saved at once";
+  EXPECT_EQ(Saved().at("host.example").ips, Ips{"2001:db8::1"}) << "and is saved at once";
 }
 
-TEST_F(DnsCacheTest, AnAnswerFromTheCacheIsFitForConnect) {
+TEST_F(DnsCacheTest, AHostEntryHoldsTheIpv4Addresses) {
+  EXPECT_EQ(cache_.gethostbyname_local("host", nullptr), nullptr) << "not enabled yet";
   cache_.Init(&storage_, 0, 0);
-  storage_.text_ = Text("host", {"127.0.0.1", "::1"}, 1);
-  addrinfo hints{};
-  hints.ai_family = AF_INET6;
-  hints.ai_socktype = SOCK_DGRAM;
-  addrinfo* list = nullptr;
-  ASSERT_EQ(cache_.getaddrinfo_local("host", "5353", &hints, &list, EAI_AGAIN), 0);
-  EXPECT_EQ(list->ai_socktype, SOCK_DGRAM);
-  EXPECT_EQ(reinterpret_cast<const sockaddr_in6*>(list->ai_addr)->sin6_port, htons(5353));
-  EXPECT_EQ(list->ai_next, nullptr);  // the list is still out when the cache goes
+  storage_.text_ = Text("host", {"1.2.3.4", "::1", "5.6.7.8"}, 1);
+  hostent* host = cache_.gethostbyname_local("host", nullptr);
+  ASSERT_NE(host, nullptr);
+  EXPECT_STREQ(host->h_name, "host");
+  EXPECT_EQ(host->h_addrtype, AF_INET);
+  EXPECT_EQ(host->h_length, 4);
+  EXPECT_EQ(*host->h_aliases, nullptr);
+  EXPECT_EQ(cache_.gethostbyname_local("other", host), host) << "a live answer";
+  EXPECT_EQ(Fail("other"), (Ips{"1.2.3.4", "5.6.7.8"}));
+  EXPECT_EQ(cache_.gethostbyname_local("nobody", nullptr), nullptr);
+  cache_.freehost_local(host);
 
-  list = nullptr;
-  hints.ai_socktype = SOCK_STREAM;
-  EXPECT_EQ(cache_.getaddrinfo_local("host", "no-such-service", &hints, &list, EAI_AGAIN), EAI_AGAIN);
-  EXPECT_EQ(list, nullptr);
+  const auto block = std::make_unique<DnsHostent>();
+  host = block->FillRecord(Crowd("name"));
+  std::size_t count = 0;
+  while (host->h_addr_list[count] != nullptr) ++count;
+  EXPECT_EQ(count, (sizeof(DnsHostent) - sizeof(hostent) - 2 * sizeof(char*) - 5) / (sizeof(char*) + 4));
+  EXPECT_EQ(block->FillRecord({"name", {"::1"}, 1}), nullptr);
+  EXPECT_EQ(block->FillRecord({std::string(sizeof(DnsHostent), 'n'), {"1.2.3.4"}, 1}), nullptr);
 }
 
 TEST_F(DnsCacheTest, WhatCannotBeAnsweredKeepsTheResolversCode) {
   addrinfo* list = nullptr;
   storage_.text_ = Text("host", {"1.2.3.4"}, 1);
-  EXPECT_EQ(Fail("host"), Ips{}) << "not enabled yet";
   EXPECT_FALSE(cache_.Init("", 0, 0));
   EXPECT_FALSE(cache_.Init(static_cast<DnsCacheStorage*>(nullptr), 0, 0));
-  EXPECT_EQ(Fail("host"), Ips{}) << "still not";
+  EXPECT_EQ(Fail("host"), Ips{}) << "not enabled yet";
 
   EXPECT_TRUE(cache_.Init(&storage_, 0, 0));
   errno = ENOMSG;
   EXPECT_EQ(cache_.getaddrinfo_local("unknown", nullptr, nullptr, &list, EAI_SYSTEM), EAI_SYSTEM);
   EXPECT_EQ(errno, ENOMSG) << "it explains EAI_SYSTEM";
   EXPECT_EQ(cache_.getaddrinfo_local("host", nullptr, nullptr, nullptr, EAI_FAIL), EAI_FAIL);
+  EXPECT_EQ(cache_.getaddrinfo_local("host", "no-such-service", nullptr, &list, EAI_FAIL), EAI_FAIL);
   EXPECT_EQ(cache_.getaddrinfo_local(nullptr, "22", nullptr, &list, EAI_FAIL), EAI_FAIL);
-  const auto live = LiveAnswer("127.0.0.1");
-  list = live.get();
-  EXPECT_EQ(cache_.getaddrinfo_local(nullptr, "22", nullptr, &list, 0), 0) << "nothing to remember";
-  EXPECT_EQ(ParseDnsRecords(storage_.text_).size(), 1u);
+  EXPECT_EQ(list, nullptr);
   EXPECT_EQ(Fail("host"), Ips{"1.2.3.4"});
 }
 
 TEST_F(DnsCacheTest, AnOldRecordIsPrunedOnlyAmongMoreThanTwoHundred) {
-  const std::uint32_t now = Now();
   for (const int extra : {0, 1}) {
     for (const unsigned max_age : {0u, 1000u}) {
       DnsRecords records;
       const auto add = [&](const std::string& name, std::uint32_t stamp) {
         records[name] = {name, {"1.1.1.1"}, stamp};
       };
-      add("old", now - 2000);
-      add("future", now + 1000);
-      for (int i = 0; i < 198 + extra; ++i) add("host" + std::to_string(i), now - 100);
+      add("old", Now() - 2000);
+      add("future", Now() + 1000);
+      for (int i = 0; i < 198 + extra; ++i) add("host" + std::to_string(i), Now() - 100);
       storage_.text_ = FormatDnsRecords(records);
       DnsCache cache;
       cache.Init(&storage_, max_age, 0);
       const bool pruned = extra == 1 && max_age != 0;
       EXPECT_EQ(FailIn(cache, "old").empty(), pruned) << extra << " " << max_age;
       EXPECT_EQ(FailIn(cache, "future").empty(), pruned) << extra << " " << max_age;
-      EXPECT_EQ(FailIn(cache, "host0").empty(), false);
+      EXPECT_FALSE(FailIn(cache, "host0").empty());
     }
   }
 }
@@ -179,9 +315,9 @@ TEST_F(DnsCacheTest, WhatCannotBeReadOrSavedChangesNoResult) {
   cache_.Init(path_, 0, 0);
   std::string text = Text("host", {"1.2.3.4"}, 1);
   text.resize(0x500000, ' ');
-  SetFileText(text + " ");
+  std::ofstream(path_, std::ios::binary) << text << ' ';
   EXPECT_EQ(Fail("host"), Ips{}) << "too long";
-  SetFileText(text);
+  std::ofstream(path_, std::ios::binary) << text;
   EXPECT_EQ(Fail("host"), Ips{"1.2.3.4"});
 
   cache_.Init(&storage_, 0, 0);
@@ -201,37 +337,23 @@ TEST_F(DnsCacheTest, WhatCannotBeReadOrSavedChangesNoResult) {
   Succeed("host", "5.6.7.8");
 }
 
-// A name that no resolver knows; it fails without a packet, because the label is too long for one. The cache is
-// the process's and forgets nothing, so each name is new.
-std::string UnknownName() {
-  static int count = 0;
-  return std::string(70, 'x') + std::to_string(++count) + ".invalid";
-}
-
-// The singleton and the system's resolver. Everything that has to do with them is here.
-class DnsCacheSystemTest : public DnsCacheTest {
- protected:
-  DnsCacheSystemTest() { dnscache_init(&storage_, 0, 0); }
-  ~DnsCacheSystemTest() override { dnscache_init(static_cast<DnsCacheStorage*>(nullptr), 0, 0); }
-};
-
-TEST_F(DnsCacheSystemTest, LooksUpLiveRemembersAndFallsBack) {
-  for (const char* name : {"127.0.0.1", "::1", "localhost"}) {
+// The cache of the process in front of the system's resolver.
+TEST_F(DnsCacheTest, LooksUpLiveRemembersAndFallsBack) {
+  dnscache_init(&storage_, 0, 0);
+  for (const char* name : {"::1", "localhost"}) {
     addrinfo* list = nullptr;
     ASSERT_EQ(dnscache_getaddrinfo(name, "22", nullptr, &list), 0) << name;
     EXPECT_EQ(ParseDnsRecords(storage_.text_).count(name), 1u) << storage_.text_;
     dnscache_freeaddrinfo(list);
-
     list = nullptr;
-    ASSERT_EQ(dnscache_getaddrinfo_local(name, "22", nullptr, &list, EAI_AGAIN), 0) << "the resolver is down";
-    EXPECT_EQ(reinterpret_cast<const sockaddr_in*>(list->ai_addr)->sin_port, htons(22));
+    EXPECT_EQ(dnscache_getaddrinfo_local(name, "22", nullptr, &list, EAI_AGAIN), 0) << "the resolver is down";
+    EXPECT_FALSE(Walk(list).empty());
     dnscache_freeaddrinfo(list);
   }
+  // The label is too long for a packet, so no resolver is asked.
   addrinfo* list = nullptr;
-  const std::string unknown = UnknownName();
-  const int code = getaddrinfo(unknown.c_str(), nullptr, nullptr, &list);
-  EXPECT_NE(code, 0);
-  EXPECT_EQ(dnscache_getaddrinfo(unknown.c_str(), nullptr, nullptr, &list), code);
+  EXPECT_NE(dnscache_getaddrinfo((std::string(70, 'x') + ".invalid").c_str(), nullptr, nullptr, &list), 0);
+  dnscache_init(static_cast<DnsCacheStorage*>(nullptr), 0, 0);
 }
 
 }  // namespace

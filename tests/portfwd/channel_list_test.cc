@@ -1,14 +1,8 @@
 #include "portfwd/channel_list.h"
 
-#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include "portfwd/url_code.h"
-#include "portfwd/value_separater.h"
-
 namespace {
-
-using testing::ElementsAre;
 
 std::string Describe(const std::string& text) {
   std::string description;
@@ -33,32 +27,13 @@ TEST(ChannelListTest, Reads) {
       {"name=b&pro=tcp&addr=x;name=a&pro=tcp&addr=y;", "[a|tcp|y][b|tcp|x]"},
       {" name=a&pro=tcp&addr=y", "[a|tcp|y]"},
       {"addr=y&name=a", "[a||y]"},
-      {"name=%4&addr=y", "[||y]"},
+      {"name=%4&addr=a+b%20c", "[||a b c]"},
+      {"name=%4G&pro=%GG&addr=%e4", "[\x04||\xE4]"},  // as streams read numbers
+      {" name = a ;; bare", "[||][||][ a ||]"},
       {"name=first&name=second", "[first||]"},
       {"colour=red;;", "[||][||]"},
   };
   for (const auto& c : cases) EXPECT_EQ(Describe(c.text), c.records) << c.text;
-}
-
-TEST(ChannelListTest, DecodesAsStreamsReadNumbers) {
-  const struct {
-    const char* text;
-    const char* decoded;
-  } cases[] = {
-      {"a+b", "a b"}, {"a%20b", "a b"}, {"%4G", "\x04"}, {"%4", ""},
-      {"ab%", ""},    {"%GG", ""},      {"%e4", "\xE4"}, {"", ""},
-  };
-  for (const auto& c : cases) EXPECT_EQ(url_decode(c.text), c.decoded) << c.text;
-  EXPECT_EQ(url_encode("a b-_.~"), "a%20b%2D%5F%2E%7E");
-}
-
-TEST(ChannelListTest, SeparaterTrimsKeysOnly) {
-  const CValueSeparater_T<char> values(" k = v ;;bare ; k=w;", ';', '=');
-  EXPECT_THAT(values.Items(), ElementsAre("", "bare ", "k", "k"));
-  EXPECT_EQ(values.Value("k"), " v ");
-  EXPECT_EQ(values.Value("none"), "");
-  EXPECT_EQ(trim_string_t<char>("xxaxx", "x", true, false), "axx");
-  EXPECT_EQ(trim_string_t<char>(" \t\r\n", nullptr, false, true), "");
 }
 
 }  // namespace

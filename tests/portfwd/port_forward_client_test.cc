@@ -40,27 +40,55 @@ TEST_F(PortForwardClientTest, CutsAnUploadIntoReads) {
 
 TEST_F(PortForwardClientTest, ChannelListFollowsEveryChange) {
   const std::string first = "name=ssh&pro=&addr=10%2E0%2E0%2E1%3A22;";
-  const std::string both = first + "name=x&pro=tcp&addr=a%3A1;";
   const auto expect_list = [&](const std::string& list) {
     EXPECT_EQ(stream_->Receive(), (Frame{ConnectionType::ChannelList, 0, list}));
   };
   EXPECT_THAT(log_.Lines(), Contains(Pair(kGXModLogInfo, "[portfwd] channel list: " + first)));
   IChannelRaw* second = client_->NewChannel("x", "tcp", "a:1");
   ASSERT_NE(second, nullptr);
-  expect_list(both);
-  const std::uint32_t index = second->get_Index();
-  EXPECT_EQ(client_->GetChannel2(index), second);
+  expect_list(first + "name=x&pro=tcp&addr=a%3A1;");
+  EXPECT_EQ(client_->GetChannel2(second->get_Index()), second);
   EXPECT_EQ(client_->GetChannel(1), second);
   EXPECT_EQ(client_->GetChannel(2), nullptr);
-
-  EXPECT_EQ(client_->DeleteChannel2(index + 1000), 0U);
-  expect_list(both);
   EXPECT_EQ(second->Erase(), 0U);
   expect_list(first);
   EXPECT_EQ(client_->DeleteChannel2(client_->GetChannel(0)->get_Index()), 0U);
   expect_list("");
   EXPECT_EQ(client_->GetChannelsCount(), 0U);
   EXPECT_FALSE(TcpClient(address_).IsConnected());
+}
+
+// Neither a stop nor a change of sharing touches who is connected.
+TEST_F(PortForwardClientTest, AChannelStopsAndMovesToAFreshPort) {
+  const CRefObj<IChannelRaw> channel(client_->GetChannel(0));
+  Connection open = Connect();
+  EXPECT_TRUE(channel->Run());
+  EXPECT_EQ(channel->get_LocalAddress(), address_) << "it was running";
+  EXPECT_TRUE(channel->Stop());
+  EXPECT_FALSE(TcpClient(address_).IsConnected());
+  EXPECT_TRUE(open.local.Send("still here"));
+  EXPECT_EQ(ReceiveData(open.id, 10), "still here");
+
+  channel->put_AllowShare(1);
+  const std::string shared = channel->get_LocalAddress();
+  EXPECT_THAT(shared, testing::StartsWith("127.0.0.1:"));
+  EXPECT_TRUE(TcpClient(shared).IsConnected()) << "listens at once";
+  channel->put_AllowShare(1);
+  EXPECT_EQ(channel->get_LocalAddress(), shared) << "no change, no new port";
+  channel->put_AllowShare(0);
+  EXPECT_FALSE(TcpClient(shared).IsConnected());
+  const std::string local = channel->get_LocalAddress();
+  EXPECT_TRUE(TcpClient(local).IsConnected());
+
+  // Who keeps a channel longer than its client must not reach the client through it.
+  Stop();
+  EXPECT_FALSE(TcpClient(local).IsConnected());
+  EXPECT_FALSE(channel->Run());
+  channel->put_AllowShare(1);
+  EXPECT_EQ(channel->get_AllowShare(), 1);
+  EXPECT_EQ(channel->Erase(), 0U);
+  channel->put_Name(nullptr);
+  EXPECT_STREQ(channel->get_Name(), "");
 }
 
 TEST_F(PortForwardClientTest, WithoutAStreamItDoesNotRun) {

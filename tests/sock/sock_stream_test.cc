@@ -2,7 +2,6 @@
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
-#include <poll.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
@@ -14,6 +13,7 @@
 #include <vector>
 
 #include "reactor/reactor.h"
+#include "sock/keeping_tracker.h"
 #include "stream/mem_buffer.h"
 #include "support/leak_gate.h"
 #include "support/log_capture.h"
@@ -61,24 +61,6 @@ class Recorder final : public IBaseStream::IBaseHandler {
   std::mutex mutex_;
   std::string received_;
   std::vector<unsigned> reasons_;
-};
-
-// Keeps what it is given, for the test to run.
-class KeepingTracker final : public ITCPTaskTracker {
- public:
-  bool AddTask(const CTCPTask& task) override {
-    tasks.push_back(task);
-    return true;
-  }
-  void RunLast() {
-    const CTCPTask task = tasks.back();
-    tasks.pop_back();
-    const short event = task.type() == kWaitWritable ? POLLOUT : POLLIN;
-    pollfd waiter{task.socket(), event, 0};
-    EXPECT_TRUE(task->timeout() || poll(&waiter, 1, 0) == 1) << "nobody would run it";
-    task->Done();
-  }
-  std::vector<CTCPTask> tasks;
 };
 
 // A far side that sends the next block whenever one has left, and a client that takes everything at once.
@@ -233,33 +215,6 @@ TEST_F(SockStreamTest, NoCallSendsMoreThanATurn) {
   while (!tracker.tasks.empty()) tracker.RunLast();
   EXPECT_EQ(download.Moved(), bytes.size());
   stream->Disconnect(0);
-}
-
-// The download goes on until the keystroke has been heard: if it kept the reactor's thread, that would be
-// never.
-TEST_F(SockStreamTest, AKeystrokeIsHeardBesideADownload) {
-  CReactor_T<tcp_select_tracker> reactor;
-  ASSERT_TRUE(reactor.Run(1));
-  Recorder keystrokes;
-  std::atomic<bool> over{false};
-  {
-    const CRefObj<CSockStream> fast = MakeStream(&reactor);
-    Download download(far_, [&] { return !over && keystrokes.Received().empty(); });
-    const CRefObj<CSockStream> slow = MakeStream(&reactor);
-    slow->Handler(&keystrokes);
-    slow->Read(nullptr, 1, kNoTimeout);
-    download.TakeNothing();
-    download.Start(*fast);
-    download.TakeAgain();
-    const std::size_t before = download.Moved();
-    ASSERT_TRUE(Eventually([&] { return download.Moved() > before + 1'000'000; }));
-    EXPECT_EQ(send(far_, "k", 1, 0), 1);
-    EXPECT_TRUE(Eventually([&] { return keystrokes.Received() == "k"; }));
-    over = true;
-    slow->Disconnect(0);
-    fast->Disconnect(0);
-    reactor.Stop();
-  }
 }
 
 // What the peer has not received yet would be lost with a reset. Other reasons share the code, but do not

@@ -1,0 +1,30 @@
+// A reactor that does nothing by itself.
+#ifndef GX_TESTS_SOCK_KEEPING_TRACKER_H
+#define GX_TESTS_SOCK_KEEPING_TRACKER_H
+
+#include <gtest/gtest.h>
+#include <poll.h>
+
+#include <vector>
+
+#include "reactor/tcp_task.h"
+
+// Keeps what it is given, for the test to run.
+class KeepingTracker final : public ITCPTaskTracker {
+ public:
+  bool AddTask(const CTCPTask& task) override {
+    tasks.push_back(task);
+    return true;
+  }
+  void RunLast() {
+    const CTCPTask task = tasks.back();
+    tasks.pop_back();
+    const short event = task.type() == kWaitWritable ? POLLOUT : POLLIN;
+    pollfd waiter{task.socket(), event, 0};
+    EXPECT_TRUE(task->timeout() || poll(&waiter, 1, 0) == 1) << "nobody would run it";
+    task->Done();
+  }
+  std::vector<CTCPTask> tasks;
+};
+
+#endif  // GX_TESTS_SOCK_KEEPING_TRACKER_H
