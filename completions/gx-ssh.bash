@@ -26,9 +26,9 @@ _gx_ssh() {
   case $word in
     --print) mapfile -t COMPREPLY < <(compgen -W "addr port json env ssh-config none" -- "$current") ;;
     --run) mapfile -t COMPREPLY < <(compgen -c -- "$current") ;;
-    --target | --connect-timeout | --keepalive | --keepalive-count | --listen | --connect | --name) COMPREPLY=() ;;
+    --target | --connect-timeout | --keepalive | --keepalive-count | --listen | -L | --connect | --name) COMPREPLY=() ;;
     *) _gx_ssh_offer "$current" -W --stdio --run --local --target --module --raw --connect-timeout --keepalive \
-      --keepalive-count --reconnect --allow-channel-list --listen --user-only --connect --print --name --json \
+      --keepalive-count --reconnect --allow-channel-list --listen -L --user-only --connect --print --name --json \
       --port-file -q --quiet -v --verbose --version -h --help -- ;;
   esac
 }

@@ -13,6 +13,8 @@ import threading
 from throwaway import Child, Clients, Failure, write_script
 
 CONNECTIONS = 950
+FORWARDED = 100  # connections of each -L
+ADDRESS = r"^(unix:/.*|127\.0\.0\.1:\d+|\[::\]:\d+)$"
 LISTENING = "0A"
 NOBODY = 65534
 
@@ -69,8 +71,8 @@ class Host:
 
     def __init__(self, tools, target, *options, local=False):
         far_side = ["--local"] if local else ["--", tools.gx_ssh_peer, "-q", "--allow", target.address]
-        self.process = Child(["sh", "-c", 'ulimit -Sn 1024; exec "$@"', "sh", tools.gx_ssh, "--target",
-                              target.address, *options, *far_side])
+        own = [] if "-L" in options else ["--target", target.address]
+        self.process = Child(["sh", "-c", 'ulimit -Sn 1024; exec "$@"', "sh", tools.gx_ssh, *own, *options, *far_side])
         self.address = ""
 
     def __enter__(self):
@@ -84,7 +86,7 @@ class Host:
 
     def connect(self):
         if not self.address:
-            self.address = self.process.expect(self.process.out, r"^(unix:/.*|127\.0\.0\.1:\d+)$").group(1)
+            self.address = self.process.expect(self.process.out, ADDRESS).group(1)
         return connect(self.address)
 
     def module_port(self):
@@ -104,7 +106,7 @@ def connect(address):
     client = socket.socket(family)
     client.settimeout(30)
     host, _, port = address.rpartition(":")
-    client.connect(port if host == "unix" else (host, int(port)))
+    client.connect(port if host == "unix" else (host.replace("[::]", "127.0.0.1"), int(port)))
     return client
 
 
@@ -192,6 +194,45 @@ def many(tools, server):
             raise Failure("the carrier did not get the old limit of descriptors")
 
 
+def forwards(tools, server):
+    """Each -L leads to its target over the one carrier, however many go through; one that is refused harms no other."""
+    with contextlib.ExitStack() as exits:
+        targets = [Target() for _ in range(5)]
+        for target in targets:
+            exits.callback(setattr, target, "closing", True)
+        ports = [target.address.rpartition(":")[2] for target in targets]
+        starts = ["0", "localhost:0", "*:0", f"{server.folder}/socket", "127.0.0.1:0"]
+        hosts = ["127.0.0.1", "localhost", "127.0.0.1", "127.0.0.1", "127.0.0.1"]
+        options = [word for each in zip(starts, hosts, ports) for word in ("-L", ":".join(each))]
+        carrier = [tools.gx_ssh_peer, "-q"]
+        for host, port in list(zip(hosts, ports))[:4]:
+            carrier += ["--allow", f"{host}:{port}"]
+        process = exits.enter_context(Child([tools.gx_ssh, "--port-file", f"{server.folder}/addresses", *options, "--",
+                                             *carrier]))
+        process.expect(process.err, "other computers can reach ")
+        process.expect(process.out, ADDRESS)
+        with open(f"{server.folder}/addresses", encoding="ascii") as file:
+            addresses = file.read().splitlines()
+        for address in addresses:
+            process.expect(process.out, f"^{re.escape(address)}$")
+        clients = [(number, exits.enter_context(connect(address)))
+                   for _ in range(FORWARDED) for number, address in enumerate(addresses)]
+        texts = [os.urandom(20_000) for _ in clients]
+        for (_, client), text in zip(clients, texts):
+            with contextlib.suppress(ConnectionError):
+                client.sendall(text)
+        for (number, client), text in zip(clients, texts):
+            if number < 4:
+                expect_answer(client, text, f"connection through {addresses[number]}")
+            else:
+                expect_end(client, "a connection to a target that is refused")
+        reached = [target.connections for target in targets]
+        if reached != [FORWARDED] * 4 + [0]:
+            raise Failure(f"the targets were reached {reached} times")
+        process.signal(signal.SIGTERM)
+        process.expect_status(0)
+
+
 def socket_config(tools, server):
     """ssh finds its way to a Unix socket by what --print ssh-config says, whatever the path is like."""
     before = os.getcwd()
@@ -217,8 +258,14 @@ def user_only(tools, _server):
     """With --user-only another user, and a socket that nobody holds any more, get nowhere; needs root."""
     if os.geteuid() != 0:
         return
-    target = Target()
-    with Host(tools, target, "--user-only") as host, host.connect() as own:
+    for way in ([], ["--listen", "127.0.0.1:0"], ["-L", "*:0:%s"]):
+        target = Target()
+        turn_others_away(tools, target, [word.replace("%s", target.address) for word in way])
+        target.closing = True
+
+
+def turn_others_away(tools, target, way):
+    with Host(tools, target, "--user-only", *way) as host, host.connect() as own:
         expect_echo(own, "the same user")
         stranger = ("import socket, sys; c = socket.create_connection(('127.0.0.1', int(sys.argv[1]))); "
                     "c.sendall(b'x')")
@@ -232,7 +279,6 @@ def user_only(tools, _server):
             expect_echo(other, "the same user")
         if target.connections != 2:
             raise Failure(f"{target.connections} connections reached the target, and two of them were ours")
-    target.closing = True
 
 
-SCENARIOS = {each.__name__: each for each in (strangers, half_close, many, socket_config, user_only)}
+SCENARIOS = {each.__name__: each for each in (strangers, half_close, many, forwards, socket_config, user_only)}

@@ -3,7 +3,6 @@
 #include <signal.h>
 #include <spdlog/spdlog.h>
 
-#include <asio/ip/address.hpp>
 #include <asio/post.hpp>
 #include <chrono>
 #include <exception>
@@ -38,20 +37,18 @@ int App::Run() {
 void App::Start() {
   if (options_.standard_io || !options_.run.empty()) standard_input_ = TakeStandardInput();
   module_.emplace(options_.module_path, module_log_);
-  if (options_.HasListener()) {
-    const auto address = options_.listen.value_or(ListenAddress{"", "127.0.0.1", 0});
-    listener_.emplace(io_, address, options_.user_only);
-  }
-  if (options_.listen && options_.listen->unix_path.empty() &&
-      !asio::ip::make_address(options_.listen->address).is_loopback()) {
-    spdlog::warn("other computers can reach {}, and so the target behind it", AddressText(*options_.listen));
+  for (const Forward& forward : options_.Listeners()) {
+    const Listener& listener = listeners_.emplace_back(io_, forward, options_.user_only);
+    if (!listener.IsOpenToOthers()) continue;
+    spdlog::warn("other computers can reach {}, and so the target behind it",
+                 AddressText(listener.forward().at));
   }
   StartLink();
 }
 
 void App::CleanUp() {
   port_file_.reset();
-  listener_.reset();
+  listeners_.clear();
   standard_io_.reset();
   command_.reset();
   EndLink();
@@ -126,8 +123,13 @@ void App::OnLinkUp(const std::string& address, std::uint16_t port) {
   reporter_.OnLink("up", {});
   link_policy_.OnUp(LinkPolicy::Clock::now());
   if (options_.standard_io) return StartStandardIo(address, port);
-  if (listener_) listener_->Open(address, port, link_->entrance());
-  if (!announced_) return Announce(listener_ ? listener_->address() : ListenAddress{"", address, port});
+  std::vector<Forward> forwards;
+  for (Listener& listener : listeners_) {
+    listener.Open(address, port, link_->entrance());
+    forwards.push_back(listener.forward());
+  }
+  if (forwards.empty()) forwards.push_back({{"", address, port}, options_.target});
+  if (announced_.empty()) return Announce(std::move(forwards));
   spdlog::info("the link is up again");
   if (command_) command_->Continue();
 }
@@ -141,7 +143,7 @@ void App::OnLinkDown(const Failure& why, bool in_order) {
   terminal_.TakeBack();
   reporter_.OnLink(in_order ? "ended" : "lost", why.what());
   if (standard_io_ && in_order) return standard_io_->EndAfter(traffic_.totals().received, why.what());
-  if (listener_) listener_->Close();
+  for (Listener& listener : listeners_) listener.Close();
   EndLink();
   const auto pause = link_policy_.OnDown(why.status(), LinkPolicy::Clock::now());
   if (!pause) return Fail(why);
@@ -159,10 +161,10 @@ void App::OnInputDelivered() {
 void App::OnReset() {
   if (standard_io_) return standard_io_->OnReset();
   // A first connection without an answer was in all likelihood not opened. Whatever the command does, the next
-  // ones fail, too.
+  // ones fail, too, unless there are other targets.
   const Traffic::Totals totals = traffic_.totals();
-  if (command_ && totals.connections == 1 && totals.received == 0) {
-    Fail(Failure(kExitLinkLost, "the far side cannot open " + options_.target +
+  if (command_ && announced_.size() == 1 && totals.connections == 1 && totals.received == 0) {
+    Fail(Failure(kExitLinkLost, "the far side cannot open " + announced_.front().target +
                                     "; does it allow it (--allow), and does something listen there?"));
   }
 }
@@ -174,13 +176,15 @@ void App::OnFrame(const gxmod::FrameHeader& header, bool sent) {
     asio::post(io_, [this, change = *change] { reporter_.OnConnection(change); });
 }
 
-void App::Announce(const ListenAddress& address) {
-  announced_ = true;
-  if (!options_.port_file.empty()) port_file_.emplace(options_.port_file, AddressText(address) + "\n");
-  reporter_.OnListening(address);
+void App::Announce(std::vector<Forward> forwards) {
+  announced_ = std::move(forwards);
+  std::string lines;
+  for (const Forward& forward : announced_) lines += AddressText(forward.at) + "\n";
+  if (!options_.port_file.empty()) port_file_.emplace(options_.port_file, lines);
+  reporter_.OnListening(announced_);
   if (options_.run.empty()) return;
   command_.emplace(io_, terminal_, options_.run, standard_input_.get(), standard_output_,
-                   AddressVariables(address));
+                   AddressVariables(announced_));
 }
 
 void App::StartStandardIo(const std::string& address, std::uint16_t port) {
@@ -189,7 +193,7 @@ void App::StartStandardIo(const std::string& address, std::uint16_t port) {
     Fail(Failure(kExitLinkLost, "the connection to " + options_.target + " ended: " + problem));
   };
   standard_io_.emplace(io_, standard_input_.get(), standard_output_, ConnectTo(address, port),
-                       link_->entrance()->Expect(), ended);
+                       link_->entrance()->Expect(options_.target), ended);
 }
 
 }  // namespace gxtool

@@ -5,9 +5,11 @@
 #include <asio/io_context.hpp>
 #include <asio/steady_timer.hpp>
 #include <cstdint>
+#include <list>
 #include <memory>
 #include <optional>
 #include <string>
+#include <vector>
 
 #include "gx-ssh/command.h"
 #include "gx-ssh/console.h"
@@ -57,7 +59,7 @@ class App final : public Link::Owner {
   void OnReset() override;
   void OnFrame(const gxmod::FrameHeader& header, bool sent) override;
 
-  void Announce(const ListenAddress& address);
+  void Announce(std::vector<Forward> forwards);
   void StartStandardIo(const std::string& address, std::uint16_t port);
 
   const Options& options_;
@@ -75,12 +77,12 @@ class App final : public Link::Owner {
 
   std::optional<ModuleLibrary> module_;
   std::unique_ptr<Link> link_;
-  std::optional<Listener> listener_;
+  std::list<Listener> listeners_;
   std::optional<StandardIo> standard_io_;
   std::optional<PortFile> port_file_;
   std::optional<Command> command_;
 
-  bool announced_ = false;
+  std::vector<Forward> announced_;  // empty: nothing yet
   bool finished_ = false;
   int status_ = kExitOk;
   std::string reason_;

@@ -7,6 +7,8 @@
 #include <system_error>
 #include <utility>
 
+#include "link/control_frames.h"
+
 namespace gxtool {
 namespace {
 
@@ -32,7 +34,7 @@ bool Entrance::Pass::EndInput(std::uint64_t bytes) {
   return true;
 }
 
-Entrance::Pass Entrance::Expect() {
+Entrance::Pass Entrance::Expect(std::string target) {
   Pass pass;
   if (getentropy(pass.secret_.data(), pass.secret_.size()) != 0) {
     throw std::system_error(errno, std::generic_category(), "random bytes");
@@ -40,7 +42,7 @@ Entrance::Pass Entrance::Expect() {
   const std::lock_guard lock(mutex_);
   pass.entrance_ = shared_from_this();
   pass.ticket_ = ++last_ticket_;
-  expected_.push_back({pass.ticket_, pass.secret_, {}});
+  expected_.push_back({pass.ticket_, pass.secret_, std::move(target), {}});
   return pass;
 }
 
@@ -99,10 +101,9 @@ void Entrance::OnPayload(std::string_view piece) {
     passed_ += piece;
     return;
   }
+  if (fate_ == Fate::kIsDropped) return;
   const Guest guest = FindGuest(frame_.connection_id);
-  if (guest == waiting_.end()) return;
-  if (fate_ == Fate::kIsConnect) guest->connect += piece;
-  if (fate_ == Fate::kIsProof) TakeProof(guest, piece);
+  if (guest != waiting_.end()) TakeProof(guest, piece);
 }
 
 bool Entrance::IsOwnData(std::string_view block) const {
@@ -116,8 +117,8 @@ Entrance::Fate Entrance::Judge(const gxmod::FrameHeader& header) {
   const std::uint32_t id = header.connection_id;
   switch (header.type) {
     case ConnectionType::Connect:
-      BeginToWait(header);
-      return Fate::kIsConnect;
+      BeginToWait(id);
+      return Fate::kIsDropped;
     case ConnectionType::Data:
       if (own_.contains(id)) return Fate::kPasses;
       return FindGuest(id) != waiting_.end() ? Fate::kIsProof : Fate::kIsDropped;
@@ -130,12 +131,9 @@ Entrance::Fate Entrance::Judge(const gxmod::FrameHeader& header) {
   }
 }
 
-void Entrance::BeginToWait(const gxmod::FrameHeader& header) {
+void Entrance::BeginToWait(std::uint32_t id) {
   if (waiting_.size() >= kWaiting + expected_.size()) Refuse(waiting_.begin());
-  Waiting guest{header.connection_id, Clock::now() + kSilence, {}, {}};
-  guest.connect.resize(gxmod::kFrameHeaderBytes);
-  gxmod::EncodeFrameHeader(header, guest.connect.data());
-  waiting_.push_back(std::move(guest));
+  waiting_.push_back({id, Clock::now() + kSilence, {}});
   if (!std::exchange(expiry_is_due_, true)) wait_begins_ = true;
 }
 
@@ -144,26 +142,28 @@ void Entrance::TakeProof(Guest guest, std::string_view piece) {
   guest->proof += piece.substr(0, taken);
   frame_.length -= static_cast<std::uint32_t>(taken);
   if (guest->proof.size() < Secret().size()) return;
-  if (!IsExpected(*guest)) {
+  const auto target = Enter(*guest);
+  if (!target) {
     Refuse(guest);
     fate_ = Fate::kIsDropped;
     return;
   }
-  passed_ += guest->connect;
+  passed_ += MakeFrame(ConnectionType::Connect, guest->id, *target);
   waiting_.erase(guest);
   if (frame_.length > 0) PassHeader(frame_);
   passed_ += piece.substr(taken);
   fate_ = Fate::kPasses;
 }
 
-bool Entrance::IsExpected(const Waiting& guest) {
+std::optional<std::string> Entrance::Enter(const Waiting& guest) {
   const auto found = std::find_if(expected_.begin(), expected_.end(), [&guest](const Expected& expected) {
     return AreEqual(expected.secret, guest.proof);
   });
-  if (found == expected_.end()) return false;
+  if (found == expected_.end()) return std::nullopt;
   own_.emplace(guest.id, Own{found->ticket, found->end});
+  std::string target = std::move(found->target);
   expected_.erase(found);
-  return true;
+  return target;
 }
 
 void Entrance::Refuse(Guest guest) {

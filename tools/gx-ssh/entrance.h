@@ -24,7 +24,8 @@ namespace gxtool {
 
 // The module listens on 127.0.0.1, where every user of the computer can connect. So each of the program's own
 // connections begins with a secret. This stands between the module and the far side, holds the frames of a
-// connection back until the secret has come, and takes it out of them.
+// connection back until the secret has come, and takes it out of them. The module knows one target; the Connect
+// that goes out names that of the pass.
 //
 //   a connection is  entered when                          left when
 //   waiting          its Connect is written                its first bytes are complete; its Close is written
@@ -84,8 +85,9 @@ class Entrance final : public std::enable_shared_from_this<Entrance>, FrameReade
   // `tells_end`: the far side understands the end of the input. `handler` outlives Close.
   Entrance(bool tells_end, Handler& handler) : tells_end_(tells_end), handler_(&handler) {}
 
-  // Throws std::system_error when the system has no random bytes.
-  Pass Expect();
+  // For a connection to `target`, as a Connect frame carries it. Throws std::system_error when the system has
+  // no random bytes.
+  Pass Expect(std::string target);
 
   // What of the module's `block`, which may begin and end anywhere in a frame, may go out. Valid until the next
   // call and as long as `block`.
@@ -106,13 +108,13 @@ class Entrance final : public std::enable_shared_from_this<Entrance>, FrameReade
   struct Expected {
     std::uint64_t ticket;
     Secret secret;
+    std::string target;
     std::optional<std::uint64_t> end;  // of the input, in bytes
   };
   struct Waiting {
     std::uint32_t id;
     Clock::time_point until;
-    std::string connect;  // the frame
-    std::string proof;    // the first bytes
+    std::string proof;  // the first bytes
   };
   struct Own {
     std::uint64_t ticket;
@@ -121,7 +123,7 @@ class Entrance final : public std::enable_shared_from_this<Entrance>, FrameReade
     std::uint64_t sent = 0;
   };
   using Guest = std::list<Waiting>::iterator;
-  enum class Fate { kPasses, kIsDropped, kIsConnect, kIsProof };
+  enum class Fate { kPasses, kIsDropped, kIsProof };
 
   void OnFrame(const gxmod::FrameHeader& header) override;
   void OnPayload(std::string_view piece) override;
@@ -129,9 +131,10 @@ class Entrance final : public std::enable_shared_from_this<Entrance>, FrameReade
 
   bool IsOwnData(std::string_view block) const;
   Fate Judge(const gxmod::FrameHeader& header);
-  void BeginToWait(const gxmod::FrameHeader& header);
+  void BeginToWait(std::uint32_t id);
   void TakeProof(Guest guest, std::string_view piece);
-  bool IsExpected(const Waiting& guest);
+  // The target, when the guest's proof is an expected one.
+  std::optional<std::string> Enter(const Waiting& guest);
   void Refuse(Guest guest);
   Guest FindGuest(std::uint32_t id);
   void PassHeader(const gxmod::FrameHeader& header);

@@ -10,6 +10,7 @@
 #include <unistd.h>
 
 #include <asio/ip/tcp.hpp>
+#include <asio/ip/v6_only.hpp>
 #include <asio/local/stream_protocol.hpp>
 #include <cerrno>
 #include <chrono>
@@ -41,35 +42,47 @@ void RemoveIfStale(const std::string& path, const asio::generic::stream_protocol
 
 }  // namespace
 
-Listener::Listener(asio::io_context& io, const ListenAddress& address, bool user_only)
-    : io_(io), address_(address), acceptor_(io), pause_(io) {
-  const bool is_unix = !address_.unix_path.empty();
+Listener::Listener(asio::io_context& io, Forward forward, bool user_only)
+    : io_(io), forward_(std::move(forward)), acceptor_(io), pause_(io) {
   try {
-    if (user_only && !is_unix) users_.emplace();  // a Unix socket has its mode
-    const Protocol::endpoint endpoint = Endpoint();
-    acceptor_.open(endpoint.protocol());
-    fcntl(acceptor_.native_handle(), F_SETFD, FD_CLOEXEC);
-    if (is_unix) RemoveIfStale(address_.unix_path, endpoint);
-    if (!is_unix) acceptor_.set_option(asio::socket_base::reuse_address(true));
-    // The socket is born with its mode: there is no moment at which somebody else could connect.
-    const mode_t before = umask(kOwnerOnly);
-    asio::error_code error;
-    acceptor_.bind(endpoint, error);
-    umask(before);
-    if (error) throw std::system_error(error);
-    struct stat bound_path {};
-    if (is_unix && lstat(address_.unix_path.c_str(), &bound_path) == 0)
-      own_path_.emplace(address_.unix_path, bound_path);
+    if (user_only && !IsUnix()) users_.emplace();  // a Unix socket has its mode
+    Bind();
     acceptor_.listen();
-    if (!is_unix) {
-      asio::ip::tcp::endpoint bound;
-      const Protocol::endpoint local = acceptor_.local_endpoint();
-      std::memcpy(bound.data(), local.data(), local.size());
-      address_.port = bound.port();
-    }
   } catch (const std::system_error& error) {
-    throw Failure(kExitListen, "cannot listen at " + Text(address_) + ": " + error.code().message());
+    throw Failure(kExitListen, "cannot listen at " + Text(forward_.at) + ": " + error.code().message());
   }
+}
+
+bool Listener::IsOpenToOthers() const {
+  return !IsUnix() && !asio::ip::make_address(forward_.at.address).is_loopback();
+}
+
+void Listener::Bind() {
+  const Protocol::endpoint endpoint = Endpoint();
+  acceptor_.open(endpoint.protocol());
+  fcntl(acceptor_.native_handle(), F_SETFD, FD_CLOEXEC);
+  if (IsUnix()) RemoveIfStale(forward_.at.unix_path, endpoint);
+  if (!IsUnix()) acceptor_.set_option(asio::socket_base::reuse_address(true));
+  if (forward_.at.address == kAnyAddress && endpoint.protocol().family() == AF_INET6) {
+    acceptor_.set_option(asio::ip::v6_only(false));
+  }
+  // The socket is born with its mode: there is no moment at which somebody else could connect.
+  const mode_t before = umask(kOwnerOnly);
+  asio::error_code error;
+  acceptor_.bind(endpoint, error);
+  umask(before);
+  if (error) throw std::system_error(error);
+  if (IsUnix()) {
+    struct stat bound_path {};
+    if (lstat(forward_.at.unix_path.c_str(), &bound_path) == 0)
+      own_path_.emplace(forward_.at.unix_path, bound_path);
+    return;
+  }
+  asio::ip::tcp::endpoint bound;
+  const Protocol::endpoint local = acceptor_.local_endpoint();
+  std::memcpy(bound.data(), local.data(), local.size());
+  forward_.at.address = bound.address().to_string();
+  forward_.at.port = bound.port();
 }
 
 void Listener::Open(const std::string& address, std::uint16_t port, std::shared_ptr<Entrance> entrance) {
@@ -89,8 +102,11 @@ void Listener::Close() {
 }
 
 Listener::Protocol::endpoint Listener::Endpoint() const {
-  if (!address_.unix_path.empty()) return asio::local::stream_protocol::endpoint(address_.unix_path);
-  return asio::ip::tcp::endpoint(asio::ip::make_address(address_.address), address_.port);
+  const auto& [unix_path, address, port] = forward_.at;
+  if (IsUnix()) return asio::local::stream_protocol::endpoint(unix_path);
+  if (address != kAnyAddress) return asio::ip::tcp::endpoint(asio::ip::make_address(address), port);
+  const Descriptor probe(socket(AF_INET6, SOCK_STREAM, 0));
+  return asio::ip::tcp::endpoint(probe ? asio::ip::tcp::v6() : asio::ip::tcp::v4(), port);
 }
 
 void Listener::Accept() {
@@ -115,13 +131,13 @@ void Listener::Serve(Descriptor client) {
     return spdlog::debug("turned a client of another user away");
   }
   const int on = 1;
-  if (address_.unix_path.empty()) setsockopt(client.get(), IPPROTO_TCP, TCP_NODELAY, &on, sizeof on);
+  if (!IsUnix()) setsockopt(client.get(), IPPROTO_TCP, TCP_NODELAY, &on, sizeof on);
   try {
     Descriptor module = ConnectTo(module_address_, module_port_);
     const auto relay = relays_.insert(relays_.end(), nullptr);
     const auto ended = lifetime_.Guard([this, relay](const std::string&) { relays_.erase(relay); });
     *relay = std::make_unique<Relay>(io_, std::move(client), Descriptor(), std::move(module),
-                                     entrance_->Expect(), Relay::Events{{}, {}, ended});
+                                     entrance_->Expect(forward_.target), Relay::Events{{}, {}, ended});
   } catch (const std::system_error& error) {
     spdlog::warn("cannot connect a client to the module: {}", error.code().message());
   }

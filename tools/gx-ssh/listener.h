@@ -12,8 +12,8 @@
 #include <optional>
 #include <string>
 
+#include "gx-ssh/forward.h"
 #include "gx-ssh/lifetime.h"
-#include "gx-ssh/options.h"
 #include "gx-ssh/own_path.h"
 #include "gx-ssh/relay.h"
 #include "gx-ssh/socket_table.h"
@@ -26,9 +26,11 @@ class Listener {
  public:
   // `user_only`: clients of other users of this computer, and of other computers, are turned away. Throws
   // Failure (kExitListen). A Unix socket is removed at the end.
-  Listener(asio::io_context& io, const ListenAddress& address, bool user_only);
-  // Where it listens; the port is the real one.
-  const ListenAddress& address() const { return address_; }
+  Listener(asio::io_context& io, Forward forward, bool user_only);
+  // What was asked for, with the real address and port.
+  const Forward& forward() const { return forward_; }
+  // Other computers can connect.
+  bool IsOpenToOthers() const;
 
   // From now on clients are connected to that port of the module, through its entrance.
   void Open(const std::string& address, std::uint16_t port, std::shared_ptr<Entrance> entrance);
@@ -39,12 +41,14 @@ class Listener {
   using Protocol = asio::generic::stream_protocol;
   using Relays = std::list<std::unique_ptr<Relay>>;
 
+  bool IsUnix() const { return !forward_.at.unix_path.empty(); }
   Protocol::endpoint Endpoint() const;
+  void Bind();
   void Accept();
   void Serve(Descriptor client);
 
   asio::io_context& io_;
-  ListenAddress address_;
+  Forward forward_;
   std::optional<SocketTable> users_;  // only one of them is let in
   asio::basic_socket_acceptor<Protocol> acceptor_;
   std::optional<OwnPath> own_path_;  // the Unix socket's

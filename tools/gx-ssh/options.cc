@@ -66,23 +66,17 @@ std::string UnixPath(const std::string& option, const std::string& text) {
   return text.substr(kScheme.size());
 }
 
-ListenAddress Listen(const std::string& text) {
-  ListenAddress result;
-  if (text.starts_with("unix:")) {
-    result.unix_path = UnixPath("--listen", text);
-    return result;
-  }
+// What `parse` makes of the value of an option.
+template <class Value>
+Value Parsed(const std::string& option, const std::string& text,
+             std::optional<Value> (*parse)(std::string_view, std::string*)) {
   std::string why;
-  const auto halves = SplitHostPort(text, &why);
-  const auto host = halves ? ParseHost(halves->host, halves->bracketed, &why) : std::nullopt;
-  const bool any_port = halves && halves->port == "0";
-  const auto port = !host || any_port ? std::optional<std::uint16_t>(0) : ParsePort(halves->port, &why);
-  if (host && !HostPort{*host, 1}.IsNumeric()) why = "the address must be numeric";
-  if (!why.empty()) throw CLI::ValidationError("--listen \"" + text + "\": " + why);
-  result.address = *host;
-  result.port = *port;
-  return result;
+  auto value = parse(text, &why);
+  if (!value) throw CLI::ValidationError(option + " \"" + text + "\": " + why);
+  return *std::move(value);
 }
+
+ListenAddress Listen(const std::string& text) { return Parsed("--listen", text, ParseListen); }
 
 // It becomes a word in ssh's configuration.
 std::string Name(const std::string& text) {
@@ -184,13 +178,23 @@ void DeclareLink(CLI::App& app, Options& options) {
 void DeclareOutput(CLI::App& app, Options& options) {
   AddText(app, "--listen", options.listen, Listen, "ADDR:PORT|unix:PATH",
           "Listen there (any port of 127.0.0.1)");
+  const auto forward = [&app, &options](const std::vector<std::string>& texts) {
+    if (app.count("--target") > 0 && app.count("--listen") == 0) {
+      throw CLI::ValidationError("-L names targets of its own; --target goes with --listen");
+    }
+    for (const std::string& text : texts) options.forwards.push_back(Parsed("-L", text, ParseForward));
+  };
+  app.add_option_function<std::vector<std::string>>(
+         "-L", forward, "Listen there for that target, as -L of ssh; may be repeated")
+      ->allow_extra_args(false)
+      ->option_text("[BIND:]PORT:HOST:PORT");
   app.add_flag("--user-only", options.user_only, "Turn clients of other users away");
   AddText(app, "--print", options.print, Print, "FORMAT",
           "What standard output tells: addr, port, json, env, ssh-config, none (addr)");
   AddText(app, "--name", options.name, Name, "NAME",
           "Name of the far side for ssh-config and its host key (gx-ssh)");
   app.add_flag("--json", options.json, "Events on standard output, one object a line");
-  app.add_option("--port-file", options.port_file, "Write the address to FILE while the port is open")
+  app.add_option("--port-file", options.port_file, "Write the addresses to FILE while the ports are open")
       ->option_text("FILE");
   app.add_flag("-q,--quiet", options.quiet, "Say nothing but errors");
   app.add_flag("-v,--verbose", options.verbosity, "Say more: connections; twice, thrice: the module's log");
@@ -208,20 +212,22 @@ std::string Contradiction(const Options& options) {
   if (options.standard_io && !options.run.empty()) return "-W and --run exclude each other";
   const bool prints = options.json || options.print != PrintFormat::kNothing;
   if (options.standard_io && (options.HasListener() || prints || !options.port_file.empty())) {
-    return "-W opens no port: --listen, --reconnect, --user-only, --print, --json and --port-file do not go "
-           "with it";
+    return "-W opens no port: --listen, -L, --reconnect, --user-only, --print, --json and --port-file do not "
+           "go with it";
   }
-  if (options.listen && options.listen->unix_path.find('\n') != std::string::npos &&
-      options.print == PrintFormat::kSshConfig) {
+  const std::vector<Forward> listeners = options.Listeners();
+  if (options.print == PrintFormat::kSshConfig && !listeners.empty() &&
+      listeners.front().at.unix_path.find('\n') != std::string::npos) {
     return "--print ssh-config: a path of two lines cannot be told";
   }
-  if (options.allow_channel_list && options.HasRelay()) {
-    return "--allow-channel-list opens ports that -W, --listen, --reconnect and --user-only keep closed";
-  }
-  if (options.quiet && options.verbosity > 0) return "-q and -v exclude each other";
-  if (options.listen && !options.listen->unix_path.empty() && options.print == PrintFormat::kPort) {
+  const auto is_unix = [](const Forward& forward) { return !forward.at.unix_path.empty(); };
+  if (options.print == PrintFormat::kPort && std::any_of(listeners.begin(), listeners.end(), is_unix)) {
     return "--print port: a Unix socket has none";
   }
+  if (options.allow_channel_list && options.HasRelay()) {
+    return "--allow-channel-list opens ports that -W, -L, --listen, --reconnect and --user-only keep closed";
+  }
+  if (options.quiet && options.verbosity > 0) return "-q and -v exclude each other";
   return {};
 }
 
@@ -231,6 +237,14 @@ int Complain(const std::string& mistake) {
 }
 
 }  // namespace
+
+std::vector<Forward> Options::Listeners() const {
+  std::vector<Forward> all = forwards;
+  const ListenAddress any_port{"", "127.0.0.1", 0};
+  if (listen || (forwards.empty() && HasListener()))
+    all.insert(all.begin(), {listen.value_or(any_port), target});
+  return all;
+}
 
 std::variant<Options, int> ParseOptions(int argc, const char* const* argv) {
   Options options;

@@ -9,14 +9,9 @@
 #include <variant>
 #include <vector>
 
-namespace gxtool {
+#include "gx-ssh/forward.h"
 
-// Where gx-ssh listens itself, instead of the module.
-struct ListenAddress {
-  std::string unix_path;   // empty: `address` and `port`
-  std::string address;     // numeric
-  std::uint16_t port = 0;  // 0: any
-};
+namespace gxtool {
 
 enum class PrintFormat { kAddress, kPort, kJson, kEnvironment, kSshConfig, kNothing };
 
@@ -30,7 +25,8 @@ struct Options {
   std::string connect_path;  // of a Unix socket; not empty: carry standard input and output to it, no more
   std::string run;           // a shell command; empty: none
 
-  std::optional<ListenAddress> listen;
+  std::optional<ListenAddress> listen;  // leads to `target`
+  std::vector<Forward> forwards;        // -L
   bool user_only = false;
   bool reconnect = false;
   int reconnect_attempts = 0;  // in a row; 0: no limit
@@ -50,7 +46,9 @@ struct Options {
   bool show_version = false;
 
   // gx-ssh itself listens, and not the module for everybody.
-  bool HasListener() const { return listen || reconnect || user_only; }
+  bool HasListener() const { return listen || reconnect || user_only || !forwards.empty(); }
+  // Where, in the order in which that is told.
+  std::vector<Forward> Listeners() const;
   // gx-ssh itself connects to the module's port, and nobody else may.
   bool HasRelay() const { return HasListener() || standard_io; }
 };

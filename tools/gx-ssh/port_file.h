@@ -1,4 +1,4 @@
-// A file that tells other programs the address while the port is open.
+// A file that tells other programs the addresses while the ports are open.
 #ifndef GX_SSH_PORT_FILE_H
 #define GX_SSH_PORT_FILE_H
 

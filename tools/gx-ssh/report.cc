@@ -47,6 +47,11 @@ std::string SshConfig(const ListenAddress& address, const std::string& name) {
   return text + fmt::format("  HostKeyAlias {}\n", name);
 }
 
+std::string AnnouncedLine(PrintFormat format, const Forward& forward) {
+  if (format == PrintFormat::kPort) return std::to_string(forward.at.port);
+  return format == PrintFormat::kJson ? ForwardObject(forward).Text() : AddressText(forward.at);
+}
+
 }  // namespace
 
 std::string ProgramName(const std::string& path) {
@@ -60,44 +65,52 @@ std::string AddressText(const ListenAddress& address) {
             : fmt::format("{}:{}", address.address, address.port);
 }
 
-JsonObject AddressObject(const ListenAddress& address) {
+JsonObject ForwardObject(const Forward& forward) {
   JsonObject object;
-  if (address.unix_path.empty()) object.Add("host", address.address).Add("port", std::uint64_t{address.port});
-  return object.Add("address", AddressText(address));
+  const ListenAddress& at = forward.at;
+  if (at.unix_path.empty()) object.Add("host", at.address).Add("port", std::uint64_t{at.port});
+  return object.Add("address", AddressText(at)).Add("target", forward.target);
 }
 
-std::string Announcement(PrintFormat format, const ListenAddress& address, const std::string& name) {
+std::string Announcement(PrintFormat format, const std::vector<Forward>& forwards, const std::string& name) {
   switch (format) {
     case PrintFormat::kAddress:
-      return AddressText(address) + "\n";
     case PrintFormat::kPort:
-      return fmt::format("{}\n", address.port);
-    case PrintFormat::kJson:
-      return AddressObject(address).Text() + "\n";
+    case PrintFormat::kJson: {
+      std::string lines;
+      for (const Forward& forward : forwards) lines += AnnouncedLine(format, forward) + "\n";
+      return lines;
+    }
     case PrintFormat::kEnvironment: {
       std::string line;
-      for (const auto& [key, value] : AddressVariables(address)) {
+      for (const auto& [key, value] : AddressVariables(forwards)) {
         if (value) line += fmt::format("{}={} ", key, ShellQuoted(*value));
       }
       line.back() = '\n';
       return line;
     }
     case PrintFormat::kSshConfig:
-      return SshConfig(address, name);
+      return SshConfig(forwards.front().at, name);
     case PrintFormat::kNothing:
       break;
   }
   return {};
 }
 
-std::vector<std::pair<std::string, std::optional<std::string>>> AddressVariables(const ListenAddress& address) {
-  std::optional<std::string> host;
-  std::optional<std::string> port;
-  if (address.unix_path.empty()) {
-    host = address.address;
-    port = std::to_string(address.port);
-  }
-  return {{"GX_SSH_HOST", host}, {"GX_SSH_PORT", port}, {"GX_SSH_ADDR", AddressText(address)}};
+std::vector<std::pair<std::string, std::optional<std::string>>> AddressVariables(
+    const std::vector<Forward>& forwards) {
+  std::vector<std::pair<std::string, std::optional<std::string>>> variables;
+  const auto add = [&variables](const ListenAddress& at, const std::string& end) {
+    const bool has_port = at.unix_path.empty();
+    const auto port = has_port ? std::make_optional(std::to_string(at.port)) : std::nullopt;
+    variables.emplace_back("GX_SSH_HOST" + end, has_port ? std::make_optional(at.address) : std::nullopt);
+    variables.emplace_back("GX_SSH_PORT" + end, port);
+    variables.emplace_back("GX_SSH_ADDR" + end, AddressText(at));
+  };
+  add(forwards.front().at, "");
+  for (std::size_t i = 0; forwards.size() > 1 && i < forwards.size(); ++i)
+    add(forwards[i].at, fmt::format("_{}", i + 1));
+  return variables;
 }
 
 std::string ShellQuoted(std::string_view text) {

@@ -10,6 +10,7 @@
 #include <utility>
 #include <vector>
 
+#include "gx-ssh/forward.h"
 #include "gx-ssh/options.h"
 #include "gx-ssh/traffic.h"
 
@@ -40,15 +41,17 @@ std::string ProgramName(const std::string& path);
 // "127.0.0.1:40001", "[::1]:40001", "unix:/run/box"
 std::string AddressText(const ListenAddress& address);
 
-// Host and port (TCP only), and both as one text.
-JsonObject AddressObject(const ListenAddress& address);
+// Host and port (TCP only), both as one text, and the target.
+JsonObject ForwardObject(const Forward& forward);
 
-// What standard output shall tell about the address, with its line end; empty for kNothing. `name` is that of
-// the far side in ssh's configuration, also for its key.
-std::string Announcement(PrintFormat format, const ListenAddress& address, const std::string& name);
+// What standard output shall tell about the addresses, of which there is at least one, with its line ends;
+// empty for kNothing. `name` is that of the far side in ssh's configuration, also for its key.
+std::string Announcement(PrintFormat format, const std::vector<Forward>& forwards, const std::string& name);
 
-// GX_SSH_HOST, GX_SSH_PORT and GX_SSH_ADDR; the first two have no value for a Unix socket.
-std::vector<std::pair<std::string, std::optional<std::string>>> AddressVariables(const ListenAddress& address);
+// GX_SSH_HOST, GX_SSH_PORT and GX_SSH_ADDR of the first; where there are more, the same with _1, _2 and so on
+// at the end for each. Host and port have no value for a Unix socket.
+std::vector<std::pair<std::string, std::optional<std::string>>> AddressVariables(
+    const std::vector<Forward>& forwards);
 
 // "512 B", "1.5 KiB", "88.0 MiB"
 std::string FormatBytes(double bytes);

@@ -42,10 +42,12 @@ Reporter::Reporter(asio::io_context& io, const Options& options, Console& consol
   if (live_ || options_.json) Tick();
 }
 
-void Reporter::OnListening(const ListenAddress& address) {
-  route_ = AddressText(address) + " -> " + options_.target + " through " + route_;
-  PrintOut(Announcement(options_.print, address, options_.name), OutputQueue::Kind::kNews);
-  Emit("listening", AddressObject(address));
+void Reporter::OnListening(const std::vector<Forward>& forwards) {
+  const Forward& first = forwards.front();
+  const std::string more = forwards.size() > 1 ? " and " + std::to_string(forwards.size() - 1) + " more" : "";
+  route_ = AddressText(first.at) + " -> " + first.target + more + " through " + route_;
+  PrintOut(Announcement(options_.print, forwards, options_.name), OutputQueue::Kind::kNews);
+  for (const Forward& forward : forwards) Emit("listening", ForwardObject(forward));
 }
 
 void Reporter::OnLink(const std::string& state, const std::string& detail) {

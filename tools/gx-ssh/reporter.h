@@ -7,6 +7,7 @@
 #include <chrono>
 #include <memory>
 #include <string>
+#include <vector>
 
 #include "gx-ssh/console.h"
 #include "gx-ssh/options.h"
@@ -23,7 +24,7 @@ class Reporter {
   // All arguments outlive the reporter; `output` is standard output.
   Reporter(asio::io_context& io, const Options& options, Console& console, int output, const Traffic& traffic);
 
-  void OnListening(const ListenAddress& address);
+  void OnListening(const std::vector<Forward>& forwards);
   // `state` is one word: starting, up, lost, ended. `detail` may be empty.
   void OnLink(const std::string& state, const std::string& detail);
   // False: nobody would see what OnConnection tells. Any thread.

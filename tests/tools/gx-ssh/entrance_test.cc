@@ -51,7 +51,12 @@ class EntranceTest : public testing::Test, protected Entrance::Handler {
 };
 
 std::string Secret(const Entrance::Pass& pass) { return {pass.secret().begin(), pass.secret().end()}; }
+const std::string kTarget = "db.internal:5432";
+// What the module says, and what the far side hears for a pass to `target`.
 std::string Connect(std::uint32_t id) { return MakeFrame(ConnectionType::Connect, id, "127.0.0.1:22"); }
+std::string Connected(std::uint32_t id, const std::string& target = kTarget) {
+  return MakeFrame(ConnectionType::Connect, id, target);
+}
 std::string Data(std::uint32_t id, std::string_view bytes) {
   return MakeFrame(ConnectionType::Data, id, bytes);
 }
@@ -59,21 +64,21 @@ std::string Close(std::uint32_t id) { return MakeFrame(ConnectionType::Close, id
 
 // The frames that the connection's bytes come in, and the pieces that the frames come in, are the module's
 // affair.
-TEST_F(EntranceTest, OwnConnectionsPassWithoutTheirSecret) {
+TEST_F(EntranceTest, OwnConnectionsPassWithoutTheirSecretToTheirTarget) {
   const std::string list = MakeFrame(ConnectionType::ChannelList, 0, "name=ssh;");
   std::uint32_t id = 0;
   for (std::size_t first = 0; first <= 20; ++first) {
     for (const std::size_t step : {1u, 7u, 16u, 17u, 1000u}) {
-      const auto pass = entrance_->Expect();
+      const std::string target = "host" + std::to_string(++id) + ":1";
+      const auto pass = entrance_->Expect(target);
       const std::string bytes = Secret(pass) + "hello";
-      ++id;
       const std::string rest = first <= 16
                                    ? Data(id, "hello")
                                    : Data(id, bytes.substr(16, first - 16)) + Data(id, bytes.substr(first));
       EXPECT_EQ(Write(Connect(id) + list + Data(id, bytes.substr(0, first)) + Data(id, bytes.substr(first)) +
                           Close(id),
                       step),
-                list + Connect(id) + rest + Close(id))
+                list + Connected(id, target) + rest + Close(id))
           << first << " " << step;
     }
   }
@@ -81,7 +86,7 @@ TEST_F(EntranceTest, OwnConnectionsPassWithoutTheirSecret) {
 }
 
 TEST_F(EntranceTest, NothingOfAStrangerPassesEitherWay) {
-  std::optional<Entrance::Pass> pass(entrance_->Expect());
+  std::optional<Entrance::Pass> pass(entrance_->Expect(kTarget));
   const std::string secret = Secret(*pass);
   EXPECT_EQ(Write(Connect(1) + Data(1, "GET / HTTP/1.1\r\n\r\n") + Data(1, secret) + Close(1)), "");
   EXPECT_EQ(TakeStory(), "refuse 1; ") << "a secret that comes late counts for nothing";
@@ -97,7 +102,7 @@ TEST_F(EntranceTest, NothingOfAStrangerPassesEitherWay) {
   EXPECT_NE(Write(Close(4)), "");
   EXPECT_FALSE(HearsTheFarSide(4));
 
-  pass.emplace(entrance_->Expect());
+  pass.emplace(entrance_->Expect(kTarget));
   const std::string given_up = Secret(*pass);
   pass.reset();
   EXPECT_EQ(Write(Connect(6) + Data(6, given_up)), "");
@@ -118,15 +123,15 @@ TEST_F(EntranceTest, SilentStrangersGoAndKeepNobodyOut) {
   for (std::uint32_t id = 2; id <= 2 + Entrance::kWaiting; ++id) Write(Connect(id));
   EXPECT_EQ(TakeStory(), "refuse 2; ") << "of too many the one that has waited longest goes";
   EXPECT_EQ(waits_, 2) << "one call of Expire is asked for at a time";
-  const auto pass = entrance_->Expect();
+  const auto pass = entrance_->Expect(kTarget);
   EXPECT_EQ(Write(Connect(100)), "");
   EXPECT_EQ(TakeStory(), "") << "those that are expected take nobody's place";
-  EXPECT_EQ(Write(Data(100, Secret(pass) + "x")), Connect(100) + Data(100, "x"));
+  EXPECT_EQ(Write(Data(100, Secret(pass) + "x")), Connected(100) + Data(100, "x"));
 }
 
 // The far side hears of the end once, behind the last byte and never before the Connect.
 TEST_F(EntranceTest, TheEndOfTheInputFollowsTheLastByte) {
-  auto early = entrance_->Expect();
+  auto early = entrance_->Expect(kTarget);
   const std::string on_its_way(entrance_->Filter(Connect(1) + Data(1, Secret(early))));
   EXPECT_TRUE(early.EndInput(0));
   EXPECT_EQ(TakeStory(), "");
@@ -134,7 +139,7 @@ TEST_F(EntranceTest, TheEndOfTheInputFollowsTheLastByte) {
   EXPECT_EQ(TakeStory(), "end 1; ");
   for (const std::size_t size : {0u, 5u}) {
     for (const std::size_t told_after : {0u, 1u, 2u}) {
-      auto pass = entrance_->Expect();
+      auto pass = entrance_->Expect(kTarget);
       const std::uint32_t id = static_cast<std::uint32_t>(10 + 10 * size + told_after);
       const std::string bytes(size, 'x');
       const auto tell_after = [&](std::size_t step) { EXPECT_TRUE(step != told_after || pass.EndInput(size)); };

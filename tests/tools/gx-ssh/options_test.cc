@@ -66,6 +66,30 @@ TEST(OptionsTest, StandardIoTakesATargetAsSshNamesIt) {
   }
 }
 
+// Where gx-ssh listens for it, and the target.
+std::vector<std::string> Told(const Options& options) {
+  std::vector<std::string> told;
+  for (const auto& [at, target] : options.Listeners()) {
+    told.push_back((at.unix_path.empty() ? at.address + ' ' + std::to_string(at.port) : at.unix_path) + " -> " +
+                   target);
+  }
+  return told;
+}
+
+TEST(OptionsTest, ForwardsReadAsThoseOfSsh) {
+  EXPECT_THAT(Told(Parsed({"--local", "-L", "8080:web:80", "-L0:[::1]:5432", "-L", "[::1]:1:127.0.0.1:65535",
+                           "-L", "10.0.0.1:1:Web:80", "-L", "localhost:1:web:80", "-L", "*:1:web:80", "-L",
+                           ":2:web:80", "-L", "/run/a b:web:80"})),
+              ElementsAre("127.0.0.1 8080 -> web:80", "127.0.0.1 0 -> [::1]:5432", "::1 1 -> 127.0.0.1:65535",
+                          "10.0.0.1 1 -> web:80", "127.0.0.1 1 -> web:80", "* 1 -> web:80", "* 2 -> web:80",
+                          "/run/a b -> web:80"));
+  EXPECT_THAT(Told(Parsed({"--local", "-L", "1:web:80", "--target", "a:1", "--listen", "[::1]:2"})),
+              ElementsAre("::1 2 -> a:1", "127.0.0.1 1 -> web:80"))
+      << "--listen comes first";
+  EXPECT_THAT(Told(Parsed({"--local", "--user-only"})), ElementsAre("127.0.0.1 0 -> 127.0.0.1:22"));
+  EXPECT_THAT(Told(Parsed({"--local", "--user-only", "-L", "1:web:80"})), ElementsAre("127.0.0.1 1 -> web:80"));
+}
+
 TEST(OptionsTest, StandardOutputIsLeftToWhomItBelongs) {
   EXPECT_EQ(Parsed({"--local"}).print, PrintFormat::kAddress);
   EXPECT_EQ(Parsed({"--local", "-W"}).print, PrintFormat::kNothing);
@@ -88,6 +112,18 @@ TEST(OptionsTest, EachMistakeHasOneLineAndAHint) {
       {{"--local", "-W", "--json"}, "-W opens no port"},
       {{"--local", "--connect", "unix:/x"}, "--connect takes no carrier"},
       {{"--connect", "/x"}, "it is unix:PATH"},
+      {{"--local", "-L", "8080"}, "-L \"8080\": it is [BIND:]PORT:HOST:HOSTPORT"},
+      {{"--local", "-L", "1:web:80", "-L", "8080:[::1:80"}, "-L \"8080:[::1:80\": it is"},
+      {{"--local", "-L", "1:2:3:4:5"}, "it is [BIND:]PORT:HOST:HOSTPORT"},
+      {{"--local", "-L", "[::1]1:web:80"}, "it is [BIND:]PORT:HOST:HOSTPORT"},
+      {{"--local", "-L", "8080:::1:80"}, "it is [BIND:]PORT:HOST:HOSTPORT"},
+      {{"--local", "-L", "65536:web:80"}, "a port is a decimal number"},
+      {{"--local", "-L", "web:1:web:80"}, "must be numeric"},
+      {{"--local", "-L", "1:web:0"}, "a port is a decimal number"},
+      {{"--local", "-L", "/a:1:web:80"}, "neither a name nor an address"},
+      {{"--local", "-L", "/a:web:80", "--print", "port"}, "has none"},
+      {{"--local", "-L", "1:web:80", "--target", "a:1"}, "--target goes with --listen"},
+      {{"--local", "-W", "-L", "1:web:80"}, "-W opens no port"},
       {{"-W", "cat"}, "-W \"cat\": a target reads HOST:PORT"},
       {{"-W", "", "--", "cat"}, "-W \"\": a target reads HOST:PORT"},
       {{"-W", "1:2:3", "--", "cat"}, "-W \"1:2:3\": an IPv6 target reads"},

@@ -321,14 +321,20 @@ TEST_F(ProgramTest, CarrierThatCannotBeEndedIsLeftAndTold) {
   EXPECT_EQ(host.Status(), kExitOk);
 }
 
-TEST_F(ProgramTest, ReconnectsAtTheSameAddress) {
-  Program program(GX_SSH_PROGRAM, WithPeer({"--reconnect"}));
-  const std::string address = program.Line();
+TEST_F(ProgramTest, ReconnectsAtTheSameAddresses) {
+  Program program(GX_SSH_PROGRAM, WithPeer({"--reconnect", "--listen", "127.0.0.1:0", "-L",
+                                            "0:" + server_.target().Address()}));
+  const std::vector<std::string> addresses = {program.Line(), program.Line()};
   for (int round = 0; round < 3; ++round) {
-    const Descriptor connection = Connect(address);
-    EXPECT_EQ(Echo(connection, "hello"), "hello") << round;
+    std::vector<Descriptor> connections;
+    for (const std::string& address : addresses) {
+      connections.push_back(Connect(address));
+      EXPECT_EQ(Echo(connections.back(), "hello"), "hello") << round << ' ' << address;
+    }
     SignalPeer(SIGKILL);
-    EXPECT_EQ(ReadToEnd(connection.get()), "") << "a connection of the lost link is closed";
+    for (const Descriptor& connection : connections) {
+      EXPECT_EQ(ReadToEnd(connection.get()), "") << "a connection of the lost link is closed";
+    }
   }
   program.Signal(SIGTERM);
   EXPECT_THAT(program.Errors(), HasSubstr("the link is up again"));

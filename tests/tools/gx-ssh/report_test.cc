@@ -5,22 +5,33 @@
 namespace gxtool {
 namespace {
 
-const ListenAddress kTcp{"", "127.0.0.1", 40001};
-const ListenAddress kUnix{"/run/b'x", "", 0};
+const Forward kTcp{{"", "127.0.0.1", 40001}, "web:80"};
+const Forward kUnix{{"/run/b'x", "", 0}, "db:5432"};
+
+std::string Announcement(PrintFormat format, const std::vector<Forward>& forwards) {
+  return gxtool::Announcement(format, forwards, "box");
+}
 
 TEST(ReportTest, AnnouncesTheAddressInEveryForm) {
-  EXPECT_EQ(Announcement(PrintFormat::kAddress, kTcp, "box"), "127.0.0.1:40001\n");
-  EXPECT_EQ(Announcement(PrintFormat::kAddress, {"", "::1", 22}, "box"), "[::1]:22\n");
-  EXPECT_EQ(Announcement(PrintFormat::kAddress, kUnix, "box"), "unix:/run/b'x\n");
-  EXPECT_EQ(Announcement(PrintFormat::kPort, kTcp, "box"), "40001\n");
-  EXPECT_EQ(Announcement(PrintFormat::kJson, kTcp, "box"),
-            "{\"host\":\"127.0.0.1\",\"port\":40001,\"address\":\"127.0.0.1:40001\"}\n");
-  EXPECT_EQ(Announcement(PrintFormat::kEnvironment, kTcp, "box"),
+  EXPECT_EQ(Announcement(PrintFormat::kAddress, {kTcp}), "127.0.0.1:40001\n");
+  EXPECT_EQ(Announcement(PrintFormat::kAddress, {{{"", "::1", 22}, ""}}), "[::1]:22\n");
+  EXPECT_EQ(Announcement(PrintFormat::kPort, {kTcp}), "40001\n");
+  EXPECT_EQ(Announcement(PrintFormat::kEnvironment, {kTcp}),
             "GX_SSH_HOST='127.0.0.1' GX_SSH_PORT='40001' GX_SSH_ADDR='127.0.0.1:40001'\n");
-  EXPECT_EQ(Announcement(PrintFormat::kEnvironment, kUnix, "box"), "GX_SSH_ADDR='unix:/run/b'\\''x'\n");
-  EXPECT_EQ(Announcement(PrintFormat::kSshConfig, kTcp, "box"),
+  EXPECT_EQ(Announcement(PrintFormat::kSshConfig, {kTcp, kUnix}),
             "Host box\n  HostName 127.0.0.1\n  Port 40001\n  HostKeyAlias box\n");
-  EXPECT_EQ(Announcement(PrintFormat::kNothing, kTcp, "box"), "");
+  EXPECT_EQ(Announcement(PrintFormat::kNothing, {kTcp}), "");
+}
+
+TEST(ReportTest, AnnouncesEveryAddressInItsOrder) {
+  EXPECT_EQ(Announcement(PrintFormat::kAddress, {kUnix, kTcp}), "unix:/run/b'x\n127.0.0.1:40001\n");
+  EXPECT_EQ(Announcement(PrintFormat::kPort, {kTcp, kTcp}), "40001\n40001\n");
+  EXPECT_EQ(Announcement(PrintFormat::kJson, {kTcp, kUnix}),
+            "{\"host\":\"127.0.0.1\",\"port\":40001,\"address\":\"127.0.0.1:40001\",\"target\":\"web:80\"}\n"
+            "{\"address\":\"unix:/run/b'x\",\"target\":\"db:5432\"}\n");
+  EXPECT_EQ(Announcement(PrintFormat::kEnvironment, {kUnix, kTcp}),
+            "GX_SSH_ADDR='unix:/run/b'\\''x' GX_SSH_ADDR_1='unix:/run/b'\\''x' "
+            "GX_SSH_HOST_2='127.0.0.1' GX_SSH_PORT_2='40001' GX_SSH_ADDR_2='127.0.0.1:40001'\n");
 }
 
 TEST(ReportTest, FormatsNumbersForPeople) {
