@@ -49,10 +49,12 @@ function(gx_library name)
   target_link_libraries(gx_${name} PUBLIC ${ARG_DEPENDS} PRIVATE gx_options)
 endfunction()
 
-# One test program tests/<folder>, found by ctest under the names of its cases.
+# One test program tests/<folder>, found by ctest under the names of its cases. Compiled in one piece, which takes
+# a third of the time.
 function(gx_test name)
   cmake_parse_arguments(ARG "" "" "SOURCES;DEPENDS" ${ARGN})
   add_executable(${name} ${ARG_SOURCES})
+  set_target_properties(${name} PROPERTIES UNITY_BUILD ON UNITY_BUILD_BATCH_SIZE 0)
   target_include_directories(${name} PRIVATE ${PROJECT_SOURCE_DIR}/tests)
   target_link_libraries(${name} PRIVATE ${ARG_DEPENDS} gx_options GTest::gmock GTest::gtest_main)
   gtest_discover_tests(${name} DISCOVERY_TIMEOUT 60 PROPERTIES TIMEOUT 120)

@@ -9,7 +9,7 @@ namespace {
 
 int g_pipe = -1;
 
-void OnSignal(int number, siginfo_t* info, void*) {
+void PassOn(int number, siginfo_t* info, void*) {
   const int before = errno;
   const Signal signal{static_cast<unsigned char>(number), info->si_code > 0};
   // A pipe that is full holds enough of them.
@@ -37,7 +37,7 @@ void Signals::Watch(int number) {
   sigaction(number, nullptr, &before);
   if ((number == SIGHUP || number == SIGTSTP) && before.sa_handler == SIG_IGN) return;
   struct sigaction action {};
-  action.sa_sigaction = OnSignal;
+  action.sa_sigaction = PassOn;
   action.sa_flags = SA_SIGINFO | SA_RESTART;
   sigaction(number, &action, nullptr);
   before_.emplace_back(number, before);

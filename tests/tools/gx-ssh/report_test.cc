@@ -40,7 +40,7 @@ TEST(ReportTest, FormatsNumbersForPeople) {
   for (const auto& [number, text] : bytes) EXPECT_EQ(FormatBytes(number), text);
   const std::vector<std::pair<double, std::string>> seconds = {
       {9.9, "9.9s"}, {59.9, "59s"}, {60, "1m 0s"}, {7500, "2h 5m"}};
-  for (const auto& [number, text] : seconds) EXPECT_EQ(FormatSeconds(number), text);
+  for (const auto& [number, text] : ages) EXPECT_EQ(FormatSeconds(number), text);
 }
 
 TEST(ReportTest, JsonStaysOnOneLineWhateverIsInIt) {
