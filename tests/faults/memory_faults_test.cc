@@ -16,11 +16,10 @@
 
 #include "module/create.h"
 #include "module/ssh_client.h"
-#include "support/echo_client.h"
 #include "support/far_side.h"
 #include "support/leak_gate.h"
 #include "support/log_capture.h"
-#include "support/scale.h"
+#include "support/tcp_client.h"
 
 namespace {
 
@@ -134,7 +133,6 @@ void operator delete[](void* block, std::size_t) noexcept { operator delete(bloc
 namespace {
 
 using gxtest::FarSide;
-using gxtest::Pattern;
 using gxtest::TcpClient;
 
 class HostStream final : public IPluginStreamRaw, private CReference {
@@ -242,31 +240,22 @@ class MemoryFaults : public gxtest::LeakGate {
     return testing::UnitTest::GetInstance()->current_test_info()->result()->total_part_count();
   }
 
-  // Two connections, one within the life of the other.
+  // Two connections, one within the life of the other. Whatever goes wrong ends one of them, so nothing here
+  // waits long.
   void Use(int port, const CRefObj<gxtest::PluginStream>& stream, const Resource& resource) {
     const long failed_before = resource.Failed();
     const FarSide far(stream);
-    gxtest::EchoClient client("127.0.0.1:" + std::to_string(port));
+    TcpClient client(port);
     bool client_lives = client.Echoes();
-    const bool other_lived = LiveOnce(port);
+    TcpClient other(port);
+    const bool other_lived = other.IsConnected() && other.Echoes(20'000);
+    if (other.IsConnected()) other.FinishSending();
+    EXPECT_TRUE(!other.IsConnected() || other.WaitForEnd());
     client_lives = client_lives && client.Echoes();
     const long lost = (client_lives ? 0 : 1) + (other_lived ? 0 : 1);
     EXPECT_LE(lost, resource.Failed() - failed_before);
     EXPECT_EQ(far.Total().fault, "");
     lost_ += lost;
-  }
-
-  // The whole life of a connection; whatever goes wrong in it ends it, so nothing here waits long.
-  static bool LiveOnce(int port) {
-    const std::string bytes = Pattern(20'000);
-    TcpClient client(port);
-    if (!client.IsConnected()) return false;
-    std::thread sender([&] { client.Send(bytes); });
-    const bool echoed = client.Receive(bytes.size()) == bytes;
-    client.FinishSending();
-    EXPECT_TRUE(client.WaitForEnd());
-    sender.join();
-    return echoed;
   }
 };
 

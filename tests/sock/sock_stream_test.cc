@@ -233,6 +233,13 @@ TEST_F(SockStreamTest, OnlyAnOrderlyEndLingers) {
     }
     EXPECT_THAT(recorder.Reasons(), testing::ElementsAre(0xC000));
     EXPECT_EQ(tracker.tasks.size(), orderly ? 1U : 0U);
+    if (!orderly) continue;
+    EXPECT_EQ(send(far_, "late", 4, 0), 4);
+    tracker.RunLast();
+    EXPECT_EQ(tracker.tasks.size(), 1U) << "the peer has not ended";
+    shutdown(far_, SHUT_WR);
+    tracker.RunLast();
+    EXPECT_TRUE(tracker.tasks.empty());
   }
 }
 

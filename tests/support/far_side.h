@@ -79,6 +79,11 @@ class FarSide {
 
  private:
   struct Connection {
+    // False: it is not what comes next.
+    bool Add(const std::string& data) {
+      if (bytes == 0) seed = SeedOf(data);
+      return data == Pattern(data.size(), seed, std::exchange(bytes, bytes + data.size()));
+    }
     std::uint64_t bytes = 0;
     std::uint32_t seed = 0;
     bool closed = false;
@@ -115,19 +120,10 @@ class FarSide {
       case gxmod::ConnectionType::Data:
         totals_.bytes += frame.payload.size();
         if (known == connections_.end() || known->second.closed) return "data outside the life of " + name;
-        return AccountData(known->second, frame.payload);
+        return known->second.Add(frame.payload) ? "" : "other data than was sent to " + name;
       default:
         return "a frame of type " + std::to_string(static_cast<int>(frame.type));
     }
-  }
-
-  // Who sends the pattern shows in its first word.
-  static std::string AccountData(Connection& connection, const std::string& data) {
-    if (connection.bytes == 0 && data.size() >= PatternWord::kBytes) {
-      if (const auto first = PatternWord::Decode(data.data())) connection.seed = first->seed;
-    }
-    const std::uint64_t at = std::exchange(connection.bytes, connection.bytes + data.size());
-    return connection.seed != 0 ? PatternFault(data, connection.seed, at) : "";
   }
 
   const CRefObj<PluginStream> stream_;

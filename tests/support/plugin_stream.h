@@ -3,7 +3,6 @@
 #define GX_TESTS_SUPPORT_PLUGIN_STREAM_H
 
 #include <algorithm>
-#include <atomic>
 #include <condition_variable>
 #include <cstring>
 #include <initializer_list>
@@ -12,7 +11,6 @@
 #include <optional>
 #include <random>
 #include <string>
-#include <thread>
 
 #include "gxmod/control_ssh.h"
 #include "gxmod/frames.h"
@@ -53,38 +51,6 @@ class ByteQueue {
  private:
   std::string bytes_;
   std::size_t head_ = 0;
-};
-
-// Watches the road out for a thread that writes inside the frame of another one.
-class FrameWatch {
- public:
-  // False: this thread writes on inside somebody else's frame.
-  bool Write(const char* bytes, std::size_t count) {
-    const std::thread::id writer = std::this_thread::get_id();
-    if ((!header_.empty() || left_ != 0) && writer != writer_) return false;
-    writer_ = writer;
-    while (count != 0) {
-      std::size_t part = std::min(count, left_);
-      if (left_ != 0) {
-        left_ -= part;
-      } else {
-        part = std::min(count, gxmod::kFrameHeaderBytes - header_.size());
-        header_.append(bytes, part);
-        if (header_.size() == gxmod::kFrameHeaderBytes) {
-          left_ = gxmod::DecodeFrameHeader(header_.data()).length;
-          header_.clear();
-        }
-      }
-      bytes += part;
-      count -= part;
-    }
-    return true;
-  }
-
- private:
-  std::thread::id writer_;
-  std::string header_;    // as far as it has come
-  std::size_t left_ = 0;  // of the payload
 };
 
 // The module's side is IPluginStreamRaw; everything else is the test's. Bytes wait in memory both ways.
@@ -131,17 +97,14 @@ class PluginStream final : public IPluginStreamRaw, private CReference {
   }
 
   std::uint32_t Write(const void* data, unsigned length, unsigned* written, unsigned) override {
-    if (writers_.fetch_add(1) != 0) overlapped_ = true;
     std::unique_lock lock(mutex_);
     blocked_ = Room() == 0;
     changed_.notify_all();
     changed_.wait(lock, [&] { return closed_ || Room() != 0; });
     blocked_ = false;
-    --writers_;
     const std::size_t until_failure = behaviour_.fail_write_at - std::min(behaviour_.fail_write_at, written_);
     if (closed_ || until_failure == 0) return 1;
     const std::size_t count = Cut(writes_, {length, behaviour_.write_at_most, Room(), until_failure});
-    if (!watch_.Write(static_cast<const char*>(data), count)) overlapped_ = true;
     from_module_.Append(static_cast<const char*>(data), count);
     written_ += count;
     *written = static_cast<unsigned>(count);
@@ -222,8 +185,6 @@ class PluginStream final : public IPluginStreamRaw, private CReference {
     const std::lock_guard lock(mutex_);
     return closed_;
   }
-  // Two threads have been inside Write, or inside one frame, at the same time.
-  bool Overlapped() const { return overlapped_; }
 
  private:
   template <class Condition>
@@ -255,7 +216,6 @@ class PluginStream final : public IPluginStreamRaw, private CReference {
   ByteQueue to_module_;
   ByteQueue from_module_;
   std::size_t taken_ = 0;
-  FrameWatch watch_;
   unsigned reads_ = 0;
   unsigned writes_ = 0;
   std::size_t read_ = 0;
@@ -264,8 +224,6 @@ class PluginStream final : public IPluginStreamRaw, private CReference {
   bool ended_ = false;
   bool read_ended_ = false;
   bool blocked_ = false;
-  std::atomic<int> writers_{0};
-  std::atomic<bool> overlapped_{false};
 };
 
 }  // namespace gxtest

@@ -3,17 +3,22 @@
 #define GX_TESTS_SUPPORT_TCP_CLIENT_H
 
 #include <arpa/inet.h>
+#include <fcntl.h>
 #include <netinet/in.h>
 #include <poll.h>
+#include <sys/select.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <cerrno>
 #include <cstring>
 #include <optional>
 #include <string>
+#include <thread>
 #include <utility>
 
+#include "support/pattern.h"
 #include "support/wait.h"
 
 namespace gxtest {
@@ -34,15 +39,23 @@ class TcpClient {
   // "127.0.0.1:port"
   explicit TcpClient(const std::string& address)
       : TcpClient(std::stoi(address.substr(address.rfind(':') + 1))) {}
-  TcpClient(TcpClient&& other) noexcept : socket_(std::exchange(other.socket_, -1)) {}
+  TcpClient(TcpClient&& other) noexcept { *this = std::move(other); }
   TcpClient& operator=(TcpClient&& other) noexcept {
     std::swap(socket_, other.socket_);
+    std::swap(seed_, other.seed_);
+    std::swap(said_, other.said_);
     return *this;
   }
   ~TcpClient() { Close(); }
 
   bool IsConnected() const { return socket_ >= 0; }
   int socket_handle() const { return socket_; }
+  // Leaves the descriptors that select can watch to the module.
+  void LeaveSelect() {
+    const int high = fcntl(socket_, F_DUPFD_CLOEXEC, FD_SETSIZE);
+    Close();
+    socket_ = high;
+  }
   // The socket is the caller's.
   int Release() { return std::exchange(socket_, -1); }
 
@@ -65,6 +78,15 @@ class TcpClient {
       bytes += *part;
     }
     return bytes;
+  }
+
+  // Sends the next bytes of a pattern of its own and gets them back.
+  bool Echoes(std::size_t length = 2000) {
+    const std::string bytes = Pattern(length, seed_, std::exchange(said_, said_ + length));
+    std::thread sender([&] { Send(bytes); });
+    const bool same = Receive(length) == bytes;
+    sender.join();
+    return same;
   }
 
   // Everything up to the end of the connection; nothing when the end does not come in time, or as a reset.
@@ -127,7 +149,11 @@ class TcpClient {
     return part;
   }
 
-  int socket_;
+  inline static std::atomic<std::uint32_t> seeds_{0};
+
+  int socket_ = -1;
+  std::uint32_t seed_ = ++seeds_;
+  std::uint64_t said_ = 0;
 };
 
 }  // namespace gxtest
