@@ -4,12 +4,12 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <chrono>
 #include <cstdlib>
 #include <sstream>
 #include <string_view>
 #include <utility>
 
-#include "gx-ssh/descriptor.h"
 #include "gx-ssh/terminal.h"
 #include "link/escape.h"
 
@@ -18,7 +18,11 @@ namespace {
 
 const std::string kPrefix = "gx-ssh: ";
 
-void WriteOut(std::string_view text) { WriteText(STDERR_FILENO, text); }
+constexpr std::chrono::milliseconds kWipeTime{300};
+
+std::string LostLine(std::uint64_t lost) {
+  return kPrefix + std::to_string(lost) + " messages are missing here: nobody read them in time\n";
+}
 
 // No line may be wider than the terminal: it would take two, and Wipe would not know.
 std::string Fit(const std::string& lines) {
@@ -36,6 +40,8 @@ std::string Fit(const std::string& lines) {
 
 }  // namespace
 
+Console::Console() : output_(STDERR_FILENO, LostLine) {}
+
 std::shared_ptr<Console> Console::SetUp(bool quiet, int verbosity) {
   auto console = std::make_shared<Console>();
   auto logger = std::make_shared<spdlog::logger>("gx-ssh", console);
@@ -49,10 +55,15 @@ std::shared_ptr<Console> Console::SetUp(bool quiet, int verbosity) {
 }
 
 void Console::SetStatus(const std::string& lines) {
-  const std::lock_guard lock(mutex_);
-  Wipe();
-  status_ = Fit(lines);
-  Draw();
+  {
+    const std::lock_guard lock(mutex_);
+    if (status_.empty() && lines.empty()) return;
+    Wipe();
+    status_ = Fit(lines);
+    Draw();
+    Flush();
+  }
+  if (lines.empty()) output_.WaitUntilWritten(kWipeTime);
 }
 
 void Console::ForgetStatus() {
@@ -66,6 +77,7 @@ void Console::ShowUnfinished(const std::string& text) {
   status_.clear();
   Say(kPrefix + text);
   unfinished_ = kPrefix + text;
+  Flush();
 }
 
 void Console::sink_it_(const spdlog::details::log_msg& message) {
@@ -74,27 +86,34 @@ void Console::sink_it_(const spdlog::details::log_msg& message) {
   Wipe();
   Say({line.data(), line.size()});
   Draw();
+  Flush();
 }
 
 void Console::Say(std::string_view text) {
   const std::string before = std::exchange(unfinished_, {});
-  if (text.starts_with(before)) return WriteOut(text.substr(before.size()));
-  WriteOut("\n");
-  WriteOut(text);
+  if (text.starts_with(before)) {
+    out_ += text.substr(before.size());
+  } else {
+    out_.append("\n").append(text);
+  }
 }
 
 void Console::Draw() {
-  if (!InForeground(STDERR_FILENO)) status_.clear();
+  if (!InForeground(STDERR_FILENO) || !output_.WaitUntilWritten({})) status_.clear();
   if (status_.empty()) return;
-  if (!std::exchange(unfinished_, {}).empty()) WriteOut("\n");
-  WriteOut(status_ + "\n");
+  if (!std::exchange(unfinished_, {}).empty()) out_ += '\n';
+  out_ += status_ + '\n';
 }
 
 void Console::Wipe() {
   if (status_.empty() || !InForeground(STDERR_FILENO)) return;
   const auto lines = 1 + std::count(status_.begin(), status_.end(), '\n');
   // The terminal may have echoed a key since, and moved the cursor.
-  WriteOut("\r\x1b[" + std::to_string(lines) + "A\x1b[J");
+  out_ += "\r\x1b[" + std::to_string(lines) + "A\x1b[J";
+}
+
+void Console::Flush() {
+  if (!out_.empty()) output_.Add(std::exchange(out_, {}));
 }
 
 void ModuleLog::Log(int level, const char* text) {

@@ -2,6 +2,7 @@
 
 #include <limits.h>
 #include <poll.h>
+#include <signal.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
@@ -49,12 +50,20 @@ class OutputQueue::Writer {
 
   // The writing thread.
   void Run() {
+    sigset_t all;
+    sigfillset(&all);
+    pthread_sigmask(SIG_BLOCK, &all, nullptr);  // also the one that stops who writes in the background
     for (std::string line; !(line = Next()).empty();) {
       if (!Write(line)) break;
     }
     const std::lock_guard lock(mutex_);
     ended_ = true;
     changed_.notify_all();
+  }
+
+  bool WaitUntilWritten(std::chrono::milliseconds limit) {
+    std::unique_lock lock(mutex_);
+    return changed_.wait_for(lock, limit, [this] { return ended_ || (lines_.empty() && !writing_); });
   }
 
   // True: the thread has ended. Otherwise something else has filled what seemed to have room, and it waits.
@@ -87,21 +96,24 @@ class OutputQueue::Writer {
   // Empty: that was all.
   std::string Next() {
     std::unique_lock lock(mutex_);
+    writing_ = false;
+    changed_.notify_all();
     changed_.wait(lock, [this] { return finishing_ || !lines_.empty(); });
+    if (lines_.empty() && lost_ == 0) return {};
+    writing_ = true;
     if (lost_ > 0) return lost_line_(std::exchange(lost_, 0));
-    if (lines_.empty()) return {};
     std::string line = std::move(lines_.front().text);
     lines_.pop_front();
     bytes_ -= line.size();
     return line;
   }
 
-  // False: nobody takes any more.
+  // False: stopped. What cannot be written is not; the next line may be.
   bool Write(std::string_view text) {
     while (!text.empty()) {
       if (!stop_.WaitFor(fd_, POLLOUT)) return false;
       const ssize_t taken = WriteStep(fd_, text);
-      if (taken < 0 && errno != EAGAIN && errno != EINTR) return false;
+      if (taken < 0 && errno != EAGAIN && errno != EINTR) return true;
       if (taken > 0) text.remove_prefix(static_cast<std::size_t>(taken));
     }
     return true;
@@ -115,6 +127,7 @@ class OutputQueue::Writer {
   std::deque<Line> lines_;
   std::size_t bytes_ = 0;
   std::uint64_t lost_ = 0;
+  bool writing_ = false;  // what is in lines_ no more
   bool finishing_ = false;
   bool ended_ = false;
 };
@@ -124,6 +137,8 @@ OutputQueue::OutputQueue(int fd, std::function<std::string(std::uint64_t)> lost_
       thread_([writer = writer_] { writer->Run(); }) {}
 
 OutputQueue::~OutputQueue() { writer_->Finish() ? thread_.join() : thread_.detach(); }
+
+bool OutputQueue::WaitUntilWritten(std::chrono::milliseconds limit) { return writer_->WaitUntilWritten(limit); }
 
 void OutputQueue::Add(std::string line, Kind kind) { writer_->Add(std::move(line), kind); }
 

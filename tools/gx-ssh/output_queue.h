@@ -2,6 +2,7 @@
 #ifndef GX_SSH_OUTPUT_QUEUE_H
 #define GX_SSH_OUTPUT_QUEUE_H
 
+#include <chrono>
 #include <cstddef>
 #include <cstdint>
 #include <functional>
@@ -13,7 +14,7 @@ namespace gxtool {
 
 // Writes them on a thread of its own, so that nobody else ever waits for the reader. When more than kBytes
 // wait, the oldest statistics go, and after these the oldest of all; a line in their place tells how many.
-// Threads: one caller.
+// Threads: any.
 class OutputQueue {
  public:
   static constexpr std::size_t kBytes = 1024 * 1024;
@@ -27,6 +28,8 @@ class OutputQueue {
   OutputQueue& operator=(const OutputQueue&) = delete;
 
   void Add(std::string line, Kind kind = Kind::kNews);
+  // True: nothing waits any more. False: it still does after `limit`.
+  bool WaitUntilWritten(std::chrono::milliseconds limit);
 
  private:
   class Writer;

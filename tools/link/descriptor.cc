@@ -1,7 +1,6 @@
 #include "link/descriptor.h"
 
 #include <fcntl.h>
-#include <poll.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
@@ -53,20 +52,6 @@ Descriptor Duplicate(int fd) { return Descriptor(Checked(fcntl(fd, F_DUPFD_CLOEX
 void SetNonBlocking(int fd, bool on) {
   const int flags = Checked(fcntl(fd, F_GETFL), "fcntl");
   Checked(fcntl(fd, F_SETFL, on ? flags | O_NONBLOCK : flags & ~O_NONBLOCK), "fcntl");
-}
-
-void WriteText(int fd, std::string_view text) {
-  while (!text.empty()) {
-    const ssize_t taken = write(fd, text.data(), text.size());
-    pollfd wait{fd, POLLOUT, 0};
-    if (taken >= 0) {
-      text.remove_prefix(static_cast<std::size_t>(taken));
-    } else if (errno == EAGAIN) {
-      poll(&wait, 1, -1);
-    } else if (errno != EINTR) {
-      return;
-    }
-  }
 }
 
 void FillStandardDescriptors() {

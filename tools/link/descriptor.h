@@ -2,7 +2,6 @@
 #ifndef GX_LINK_DESCRIPTOR_H
 #define GX_LINK_DESCRIPTOR_H
 
-#include <string_view>
 #include <utility>
 
 namespace gxtool {
@@ -48,9 +47,6 @@ Pipe MakeSocketPipe();
 Descriptor Duplicate(int fd);
 
 void SetNonBlocking(int fd, bool on);
-
-// Blocks until all of `text` is written, whatever mode `fd` is in, or nobody takes any more.
-void WriteText(int fd, std::string_view text);
 
 // Puts /dev/null where 0, 1 or 2 is closed, so that nothing else that is opened later lands there and is then
 // taken for standard input or output. Throws std::system_error.

@@ -3,7 +3,9 @@
 #include <fcntl.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <limits.h>
 #include <signal.h>
+#include <sys/ioctl.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/un.h>
@@ -414,6 +416,20 @@ TEST_F(ProgramTest, ReaderOfEventsThatStallsHoldsUpNothing) {
   const std::string port_file = folder_.path() + "/port";
   Program program(GX_SSH_PROGRAM, WithPeer({"--json", "--port-file", port_file}), 0, events.write.get());
   ASSERT_TRUE(gxtest::Eventually([&] { return std::filesystem::exists(port_file); }));
+  program.Signal(SIGTERM);
+  EXPECT_EQ(program.Status(), kExitOk);
+}
+
+TEST_F(ProgramTest, ReaderOfErrorsThatStallsHoldsUpNothing) {
+  Program program(GX_SSH_PROGRAM,
+                  WithShell({}, kReady + "head -c 100000 /dev/zero | tr '\\0' '\\n' >&2; cat >/dev/null"));
+  program.Line();
+  const auto is_full = [&program] {
+    int unread = 0;
+    return ioctl(program.errors(), FIONREAD, &unread) == 0 &&
+           unread + PIPE_BUF > fcntl(program.errors(), F_GETPIPE_SZ);
+  };
+  ASSERT_TRUE(gxtest::Eventually(is_full));
   program.Signal(SIGTERM);
   EXPECT_EQ(program.Status(), kExitOk);
 }

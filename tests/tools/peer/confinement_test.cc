@@ -46,8 +46,8 @@ std::string Confined(const ConfinementNeeds& needs, const std::vector<Deed>& for
     for (const Deed& deed : permitted) {
       if (deed.act() < 0) text += std::string(deed.name) + " fails: " + std::strerror(errno) + '\n';
     }
-    WriteText(words.write.get(), text + "end");
-    ::_exit(0);
+    text += "end";
+    ::_exit(::write(words.write.get(), text.data(), text.size()) < 0 ? 1 : 0);
   }
   words.write.Reset();
   const std::string text = ReadToEnd(words.read.get());
