@@ -274,6 +274,7 @@ def terminal(tools, _):
     typist.goes_on_in_a_script()
     typist.suspends_and_continues()
     typist.suspends_where_no_shell_could_continue()
+    typist.is_stopped_inside_a_script()
     typist.has_it_in_the_background()
 
 

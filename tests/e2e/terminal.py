@@ -5,6 +5,7 @@ import pty
 import select
 import shlex
 import signal
+import tempfile
 import time
 
 from throwaway import END_S, READY_S, Failure
@@ -150,6 +151,30 @@ class Typist:
             terminal.type(SUSPEND + "text\n")
             terminal.expect("<text>")
             terminal.expect_status(7)
+
+    def is_stopped_inside_a_script(self):
+        """By a signal that is not typed: it stops with its carrier, and the script goes on."""
+        with tempfile.NamedTemporaryFile() as carrier, self._shell() as shell:
+            stopped = "grep -q '^State:.T' /proc/{}/status"
+            shell.type(f"""cat >{carrier.name}.sh <<'END'
+{self._gx_ssh} -- sh -c 'echo $$ >{carrier.name}; exec {self._peer}' &
+read x
+kill -TSTP $!
+until {stopped.format('$!')} && {stopped.format(f'$(cat {carrier.name})')}; do :; done
+echo on it goes
+kill -CONT $!
+kill $!
+wait $!
+echo status $?
+END
+""")
+            shell.type(f"sh {carrier.name}.sh\n")
+            shell.expect("127.0.0.1:")
+            shell.type("\n")
+            shell.expect("on it goes")
+            shell.expect("status 0")
+            shell.type(f"rm {carrier.name}.sh; exit\n")
+            shell.expect_status(0)
 
     def has_it_in_the_background(self):
         """It shows how things stand, but not over the shell."""

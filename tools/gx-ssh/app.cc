@@ -86,10 +86,17 @@ void App::OnStopSignal(Signal signal) {
   Finish(options_.run.empty() ? kExitOk : kExitTunnel, "stopped");
 }
 
-// A key has reached the whole group already, unless it was for a program that has the terminal.
+// A key has reached the whole group already, unless it was for a program that has the terminal: then that one's
+// keeper has sent this, and the rest of the job follows. What anybody else sends is for this program alone, and
+// for what it has started.
 void App::OnSuspend(Signal signal) {
   console_->SetStatus({});
-  signals_.Suspend(signal.typed);
+  const bool for_the_job = terminal_.IsLentTo(signal.sender);
+  if (!signal.typed && !for_the_job) {
+    if (link_) link_->Suspend();
+    if (command_) command_->Suspend();
+  }
+  signals_.Suspend(!for_the_job);
   OnContinued();
 }
 
@@ -138,7 +145,7 @@ void App::OnLinkDown(const Failure& why, bool in_order) {
   // What was typed for the whole group, or sent to all of it, may have ended the far side as well.
   signals_.HandOn();
   // The key itself may still be on its way through the carrier's keeper.
-  if (!command_ && link_->Interrupted()) OnStopSignal({SIGINT, true});
+  if (!command_ && link_->Interrupted()) OnStopSignal({SIGINT, true, 0});
   if (finished_) return;
   terminal_.TakeBack();
   reporter_.OnLink(in_order ? "ended" : "lost", why.what());
@@ -158,15 +165,17 @@ void App::OnInputDelivered() {
   if (standard_io_) standard_io_->OnInputDelivered();
 }
 
-void App::OnReset() {
-  if (standard_io_) return standard_io_->OnReset();
-  // A first connection without an answer was in all likelihood not opened. Whatever the command does, the next
-  // ones fail, too, unless there are other targets.
-  const Traffic::Totals totals = traffic_.totals();
-  if (command_ && announced_.size() == 1 && totals.connections == 1 && totals.received == 0) {
-    Fail(Failure(kExitLinkLost, "the far side cannot open " + announced_.front().target +
-                                    "; does it allow it (--allow), and does something listen there?"));
+// Whatever the command does, its next connections fail, too, when the first one is refused, unless there are
+// other targets.
+void App::OnRefused(const std::string& why) {
+  if (standard_io_) return standard_io_->OnRefused(why);
+  if (command_ && announced_.size() == 1 && traffic_.totals().connections == 1) {
+    Fail(Failure(kExitLinkLost, "the far side cannot open " + announced_.front().target + ": " + why));
   }
+}
+
+void App::OnReset() {
+  if (standard_io_) standard_io_->OnReset();
 }
 
 void App::OnFrame(const gxmod::FrameHeader& header, bool sent) {

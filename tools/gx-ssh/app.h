@@ -56,6 +56,7 @@ class App final : public Link::Owner {
   void OnLinkUp(const std::string& address, std::uint16_t port) override;
   void OnLinkDown(const Failure& why, bool in_order) override;
   void OnInputDelivered() override;
+  void OnRefused(const std::string& why) override;
   void OnReset() override;
   void OnFrame(const gxmod::FrameHeader& header, bool sent) override;
 

@@ -39,6 +39,7 @@ class Carrier final : public FarSide {
   bool Killed() override;
   bool Interrupted() override;
   bool Ended() override { return Exited() && !errors_.is_open(); }
+  void Suspend() override { child_.Signal(SIGTSTP); }
   void Continue() override { child_.Signal(SIGCONT); }
   void End() override;
   std::string Describe() override;

@@ -47,7 +47,7 @@ class Child {
   // The status that waitpid gives, once the program has ended. Never blocks; call it after SIGCHLD.
   std::optional<int> Poll();
 
-  // SIGKILL ends also what the program has started, SIGCONT is for its group.
+  // SIGKILL ends also what the program has started; SIGTSTP and SIGCONT are for its group.
   void Signal(int number);
 
   // Brings the end about if it does not come by itself, and waits for it. A program that stays all the same is

@@ -2,6 +2,8 @@
 #ifndef GX_SSH_COMMAND_H
 #define GX_SSH_COMMAND_H
 
+#include <signal.h>
+
 #include <asio/io_context.hpp>
 #include <asio/steady_timer.hpp>
 #include <optional>
@@ -26,6 +28,8 @@ class Command {
 
   // Somebody wants gx-ssh to stop, and so the command: within 2 s, except for a key, which is its own affair.
   void OnStopSignal(Signal signal);
+  // gx-ssh alone is about to be stopped.
+  void Suspend() { child_.Signal(SIGTSTP); }
   // gx-ssh was stopped by a shell and goes on, or another program has had the terminal.
   void Continue();
 

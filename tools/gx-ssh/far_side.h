@@ -25,6 +25,8 @@ class FarSide {
   virtual bool Interrupted() = 0;
   // It has ended and its last word has come.
   virtual bool Ended() = 0;
+  // gx-ssh is about to be stopped, and nobody stops this with it.
+  virtual void Suspend() = 0;
   // A shell has stopped and continued gx-ssh, and with it the terminal's other groups.
   virtual void Continue() = 0;
   // Makes it end, within 2 s at most. The descriptors of the stream are closed before.

@@ -98,6 +98,7 @@ class Keeper {
   const KeeperOrders orders_;
   int signals_ = -1;  // read end of the pipe that OnSignal writes to
   bool control_ended_ = false;
+  bool stopped_by_us_ = false;  // the group, so nobody has typed anything
   Stage stage_ = Stage::kWatching;
   std::int64_t stage_end_ = 0;
   std::int64_t give_up_ = 0;  // when, in kKilling
@@ -148,8 +149,9 @@ void Keeper::TakeControl() {
     if (stage_ == Stage::kTerminating && stage_end_ > NowMs() + kTermMs) stage_end_ = NowMs() + kTermMs;
   } else if (number == SIGKILL) {
     Kill();
-  } else if (number == SIGCONT && orders_.job != 0) {
-    kill(0, SIGCONT);
+  } else if ((number == SIGCONT || number == SIGTSTP) && orders_.job != 0) {
+    stopped_by_us_ = number == SIGTSTP;
+    kill(0, number);
   } else if (!ended_) {
     kill(orders_.program, number);
   }
@@ -183,7 +185,9 @@ void Keeper::Reap() {
 // A key: gx-ssh decides, because there may be no shell that could continue anybody. A read or write in the
 // background: as if the whole job had tried.
 void Keeper::OnProgramStopped(int number) const {
-  if (number == SIGTSTP && orders_.job != 0 && getppid() == orders_.parent) kill(orders_.parent, SIGTSTP);
+  if (number == SIGTSTP && !stopped_by_us_ && orders_.job != 0 && getppid() == orders_.parent) {
+    kill(orders_.parent, SIGTSTP);
+  }
   if (number == SIGTTIN || number == SIGTTOU) TellJob(number);
 }
 

@@ -31,11 +31,11 @@ struct KeeperReport {
 // Watches over the program, and over what it starts. On Linux that is everything that the program leaves
 // behind, except what has made itself a session of its own: that wants to stay.
 //
-// Each byte that comes from `control` is a signal: SIGKILL for everything, SIGCONT for the group, others for
-// the program alone. The end of `control`, as after gx-ssh was killed, means that all must end: by itself for a
-// moment, then with SIGTERM, then with SIGKILL, in 1.5 s altogether. When the program has ended, what it left
-// is ended as well. What may not be signalled, or does not go within half a second of SIGKILL, is left and
-// reported.
+// Each byte that comes from `control` is a signal: SIGKILL for everything, SIGTSTP and SIGCONT for the group,
+// others for the program alone. The end of `control`, as after gx-ssh was killed, means that all must end: by
+// itself for a moment, then with SIGTERM, then with SIGKILL, in 1.5 s altogether. When the program has ended,
+// what it left is ended as well. What may not be signalled, or does not go within half a second of SIGKILL, is
+// left and reported.
 //
 // For a process that was forked from one with other threads, with all signals blocked: calls only what a signal
 // handler may call.

@@ -155,7 +155,7 @@ Failure Link::Summary() {
   return Failure(cause_->status(), std::string(cause_->what()) + "; " + far_side_->Describe());
 }
 
-// The next six come from threads of the module.
+// The next seven come from threads of the module.
 
 void Link::OnChannelListDropped() {
   if (std::exchange(channel_list_told_, true)) return;
@@ -176,12 +176,18 @@ void Link::OnInputDelivered(std::uint32_t) {
   }));
 }
 
-void Link::OnReset(std::uint32_t) {
+void Link::OnReset(std::uint32_t, std::string_view why_not_opened) {
+  if (!why_not_opened.empty()) return OnRefused(Escape(why_not_opened));
   if (reset_waits_.exchange(true)) return;
   asio::post(io_, lifetime_.Guard([this] {
     reset_waits_ = false;
     owner_.OnReset();
   }));
+}
+
+void Link::OnRefused(const std::string& why) {
+  if (refusal_came_.exchange(true)) return;
+  asio::post(io_, lifetime_.Guard([this, why] { owner_.OnRefused(why); }));
 }
 
 void Link::OnGoodbye(const std::string& reason) {

@@ -40,7 +40,9 @@ class Link final : StreamObserver {
     virtual void OnLinkDown(const Failure& why, bool in_order) = 0;
     // A target has all the bytes that came before the end of a connection's input.
     virtual void OnInputDelivered() = 0;
-    // The target could not be reached, or has broken the connection, which ends now.
+    // A target could not be reached: once, for the first one.
+    virtual void OnRefused(const std::string& why) = 0;
+    // A target has broken a connection, which ends now.
     virtual void OnReset() = 0;
     // Every frame of the module's, either way. On threads of the module.
     virtual void OnFrame(const gxmod::FrameHeader& header, bool sent) = 0;
@@ -63,6 +65,8 @@ class Link final : StreamObserver {
 
   // After SIGCHLD.
   void OnChildEnded() { CheckFarSide(); }
+  // Before gx-ssh alone is stopped.
+  void Suspend() { far_side_->Suspend(); }
   // After SIGCONT.
   void OnContinued() { far_side_->Continue(); }
 
@@ -80,7 +84,8 @@ class Link final : StreamObserver {
   void OnFrameSent(const gxmod::FrameHeader& header) override { owner_.OnFrame(header, true); }
   void OnFrameReceived(const gxmod::FrameHeader& header) override { owner_.OnFrame(header, false); }
   void OnInputDelivered(std::uint32_t connection) override;
-  void OnReset(std::uint32_t connection) override;
+  void OnReset(std::uint32_t connection, std::string_view why_not_opened) override;
+  void OnRefused(const std::string& why);
   void OnChannelListDropped() override;
   void OnWaiting() override;
   void OnGoodbye(const std::string& reason) override;
@@ -104,6 +109,7 @@ class Link final : StreamObserver {
   std::optional<std::string> goodbye_;
   std::atomic<bool> delivered_waits_{false};
   std::atomic<bool> reset_waits_{false};
+  std::atomic<bool> refusal_came_{false};
   std::atomic<bool> goodbye_came_{false};
   bool ending_ = false;
   bool input_ended_ = false;

@@ -26,6 +26,7 @@ class LocalPeer final : public FarSide {
   bool Killed() override { return false; }
   bool Interrupted() override { return false; }
   bool Ended() override { return exited_; }
+  void Suspend() override {}
   void Continue() override {}
   void End() override;
   std::string Describe() override { return "far side inside gx-ssh"; }

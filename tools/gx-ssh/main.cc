@@ -40,12 +40,12 @@ int Run(int argc, char** argv) {
   const Options& options = std::get<Options>(parsed);
   const Descriptor output = TakeStandardOutput();
   if (options.show_version) return PrintVersion(options, output.get());
+  // The module watches its descriptors with select; those of the listener and of a far side inside move up.
+  if (options.local || options.HasListener()) RaiseDescriptorLimit();
   const auto console = Console::SetUp(options.quiet, options.verbosity);
   if (!options.connect_path.empty()) {
     return ConnectSocket(options.connect_path, options.connect_timeout, STDIN_FILENO, output.get());
   }
-  // The module watches its descriptors with select; those of the listener and of a far side inside move up.
-  if (options.local || options.HasListener()) RaiseDescriptorLimit();
   return App(options, output.get(), console).Run();
 }
 

@@ -74,7 +74,7 @@ void PluginStream::OnTaken(const gxmod::FrameHeader& header, std::string_view pa
   if (header.type == gxmod::ConnectionType::ChannelList) observer_.OnChannelListDropped();
   if (header.type == kPingFrame) output_.Answer(MakeFrame(kPongFrame, 0, payload));
   if (header.type == kEndOfInputFrame) observer_.OnInputDelivered(header.connection_id);
-  if (header.type == kResetFrame) observer_.OnReset(header.connection_id);
+  if (header.type == kResetFrame) observer_.OnReset(header.connection_id, payload);
   if (header.type == kGoodbyeFrame) observer_.OnGoodbye(std::string(payload));
 }
 

@@ -27,8 +27,9 @@ class StreamObserver {
   virtual void OnFrameReceived(const gxmod::FrameHeader& header) = 0;
   // The target of a connection has got everything that was sent before EndInput.
   virtual void OnInputDelivered(std::uint32_t connection) = 0;
-  // The target of a connection could not be reached, or broke the connection; its Close follows.
-  virtual void OnReset(std::uint32_t connection) = 0;
+  // The target of a connection was never reached, `why_not_opened` tells why, or without a reason has broken
+  // the connection, as far as is known; its Close follows.
+  virtual void OnReset(std::uint32_t connection, std::string_view why_not_opened) = 0;
   // A channel list from the far side was dropped.
   virtual void OnChannelListDropped() = 0;
   // The far side ends in order; the end of the stream follows.

@@ -11,7 +11,8 @@ int g_pipe = -1;
 
 void PassOn(int number, siginfo_t* info, void*) {
   const int before = errno;
-  const Signal signal{static_cast<unsigned char>(number), info->si_code > 0};
+  const bool by_kernel = info->si_code > 0;
+  const Signal signal{static_cast<unsigned char>(number), by_kernel, by_kernel ? 0 : info->si_pid};
   // A pipe that is full holds enough of them.
   [[maybe_unused]] const ssize_t written = write(g_pipe, &signal, sizeof signal);
   errno = before;

@@ -17,6 +17,7 @@ namespace gxtool {
 struct Signal {
   unsigned char number = 0;
   bool typed = false;  // by the kernel, for a key on the terminal or its end, to the whole process group
+  pid_t sender = 0;    // the process, unless typed
 };
 
 // Takes SIGINT, SIGTERM, SIGHUP (unless it is ignored: nohup asks for that), SIGCHLD, SIGTSTP, SIGCONT and

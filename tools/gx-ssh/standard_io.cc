@@ -1,6 +1,5 @@
 #include "gx-ssh/standard_io.h"
 
-#include <fcntl.h>
 #include <spdlog/spdlog.h>
 
 #include <utility>
@@ -22,23 +21,16 @@ StandardIo::StandardIo(asio::io_context& io, int input, int output, Descriptor p
                        Ended ended)
     : input_(input),
       output_(output),
-      input_flags_(fcntl(input, F_GETFL)),
-      output_flags_(fcntl(output, F_GETFL)),
       ended_(std::move(ended)),
       timer_(io),
-      relay_(io, Duplicate(input), Duplicate(output), std::move(port), std::move(pass),
+      relay_(io, Descriptor(input_.Duplicate()), Descriptor(output_.Duplicate()), std::move(port),
+             std::move(pass),
              {[this] { OnDelivered(); },
               [this] {
                 delivered_ = true;  // as far as can be known
                 AwaitAnswer();
               },
               [this](const std::string& problem) { OnRelayEnded(problem); }}) {}
-
-StandardIo::~StandardIo() {
-  // They may be shared with the shell, which expects them to block.
-  fcntl(input_, F_SETFL, input_flags_);
-  fcntl(output_, F_SETFL, output_flags_);
-}
 
 void StandardIo::AwaitAnswer() {
   timer_.expires_after(kUntoldPatience);
@@ -62,6 +54,7 @@ void StandardIo::OnDelivered() {
 
 void StandardIo::OnRelayEnded(const std::string& problem) {
   if (!problem.empty()) return End(problem);
+  if (!refused_.empty()) return End("the far side cannot open it: " + refused_);
   if (last_byte_) return End(link_problem_);
   if (relay_.received() == 0 && !delivered_) {
     return End("the far side closed it at once; does it allow it (--allow), and does something listen there?");

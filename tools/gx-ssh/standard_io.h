@@ -13,6 +13,7 @@
 #include "gx-ssh/descriptor.h"
 #include "gx-ssh/lifetime.h"
 #include "gx-ssh/relay.h"
+#include "link/borrowed_fd.h"
 
 namespace gxtool {
 
@@ -26,11 +27,12 @@ class StandardIo {
 
   // The descriptors are borrowed and made non-blocking for the lifetime of this object.
   StandardIo(asio::io_context& io, int input, int output, Descriptor port, Entrance::Pass pass, Ended ended);
-  ~StandardIo();
 
   // The target has got all of the input.
   void OnInputDelivered() { delivered_ = true; }
-  // The target could not be reached, or has broken the connection, whose end follows.
+  // The target could not be reached; the end of the connection follows.
+  void OnRefused(const std::string& why) { refused_ = why; }
+  // The target has broken the connection, whose end follows.
   void OnReset() { reset_ = true; }
   // The link has ended behind so many bytes of the connection. Ends with `problem` once they have been written.
   void EndAfter(std::uint64_t received, const std::string& problem);
@@ -41,13 +43,12 @@ class StandardIo {
   void OnRelayEnded(const std::string& problem);
   void End(const std::string& problem);
 
-  const int input_;
-  const int output_;
-  const int input_flags_;
-  const int output_flags_;
+  const BorrowedFd input_;
+  const BorrowedFd output_;
   const Ended ended_;
   bool delivered_ = false;
   bool reset_ = false;
+  std::string refused_;                     // why; empty: it was not, as far as is known
   std::optional<std::uint64_t> last_byte_;  // see EndAfter, as for the next one
   std::string link_problem_;
   asio::steady_timer timer_;

@@ -24,6 +24,7 @@ class Terminal {
   int ToLend() const;
   // That group has it now, or would have it.
   void LentTo(pid_t group) { borrower_ = group; }
+  bool IsLentTo(pid_t group) const { return borrower_ > 0 && borrower_ == group; }
   // From its borrower, if that has it.
   void TakeBack();
   // A shell has put this program into the foreground again: its borrower follows.

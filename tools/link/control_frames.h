@@ -23,8 +23,10 @@ inline constexpr auto kGoodbyeFrame =
 // Back: the target has taken all of them and knows. No payload.
 inline constexpr auto kEndOfInputFrame = static_cast<gxmod::ConnectionType>(0xF3);
 
-inline constexpr auto kResetFrame = static_cast<gxmod::ConnectionType>(
-    0xF4);  // gx-ssh-peer to gx-ssh: the target's connection broke; its Close follows. No payload.
+// gx-ssh-peer to gx-ssh, in front of the Close of that connection id: its target's connection broke, without a
+// payload, or was never opened, with the reason in ASCII.
+inline constexpr auto kResetFrame = static_cast<gxmod::ConnectionType>(0xF4);
+inline constexpr std::size_t kReasonBytes = 200;  // at most
 
 inline constexpr std::size_t kPingBytes = 8;
 

@@ -5,8 +5,14 @@
 #include <sys/select.h>
 #include <unistd.h>
 
+#include <algorithm>
+
 namespace gxtool {
 namespace {
+
+// Some thousand connections. Some systems allow a billion, and whoever walks through all numbers up to the
+// limit takes minutes then.
+constexpr rlim_t kEnough = 8192;
 
 rlimit g_before{};
 bool g_raised = false;
@@ -16,7 +22,7 @@ bool g_raised = false;
 void RaiseDescriptorLimit() {
   if (g_raised || getrlimit(RLIMIT_NOFILE, &g_before) != 0) return;
   rlimit raised = g_before;
-  raised.rlim_cur = raised.rlim_max;
+  raised.rlim_cur = std::max(raised.rlim_cur, std::min(raised.rlim_max, kEnough));
   g_raised = setrlimit(RLIMIT_NOFILE, &raised) == 0;
 }
 

@@ -5,7 +5,7 @@
 
 namespace gxtool {
 
-// Lets this process have as many descriptors as the system allows it. Once, before there are threads.
+// Lets this process have thousands of descriptors, if the system allows it. Once, before there are threads.
 void RaiseDescriptorLimit();
 
 // For a forked child, before it becomes another program: the limit that RaiseDescriptorLimit found, because a

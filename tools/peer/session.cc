@@ -180,7 +180,7 @@ void PeerSession::Connect(std::uint32_t id, const std::string& text) {
   const auto [target, refusal] = admission_.Judge(text, live_.size());
   if (!target) {
     Complain(refusal);
-    return SendClose(id, true);
+    return SendReset(id, refusal);
   }
   const auto connection =
       std::make_shared<Connection>(io_, id, target->ToString(), static_cast<Connection::Owner*>(this));
@@ -189,9 +189,11 @@ void PeerSession::Connect(std::uint32_t id, const std::string& text) {
   OpenTarget(*connection, *target);
 }
 
-void PeerSession::SendClose(std::uint32_t id, bool broken) {
-  if (broken && !options_.raw) output_.AddControl(kResetFrame, id);
-  output_.AddControl(ConnectionType::Close, id);
+void PeerSession::SendClose(std::uint32_t id) { output_.AddControl(ConnectionType::Close, id); }
+
+void PeerSession::SendReset(std::uint32_t id, const std::string& why_not_opened) {
+  if (!options_.raw) output_.AddControl(kResetFrame, id, Escape(why_not_opened).substr(0, kReasonBytes));
+  SendClose(id);
 }
 
 void PeerSession::OpenTarget(Connection& connection, const HostPort& target) {
@@ -206,7 +208,7 @@ void PeerSession::OnResolved(Connection& connection, const HostPort& target, con
   const ConnectionPtr held = connection.shared_from_this();
   const auto [endpoints, why_none] = admission_.JudgeAddresses(target, result);
   if (endpoints.empty() && connection.state() == Connection::State::kOpening) {
-    return Drop(connection, "could not be opened: " + why_none);
+    return DropUnopened(connection, why_none);
   }
   connection.Open(endpoints);
 }
@@ -221,7 +223,7 @@ void PeerSession::AnswerTest() {
 void PeerSession::OnOpen(Connection& connection) { Log(LogLevel::kInfo, Label(connection) + " is open"); }
 
 void PeerSession::OnOpenFailed(Connection& connection, asio::error_code error) {
-  Drop(connection, "could not be opened: " + error.message());
+  DropUnopened(connection, error.message());
 }
 
 void PeerSession::OnReadable(Connection& connection) { scheduler_.Add(connection); }
@@ -231,7 +233,7 @@ void PeerSession::OnTargetEnd(Connection& connection) {
 }
 
 void PeerSession::End(Connection& connection, const std::string& why) {
-  SendClose(connection.id(), connection.broken());
+  connection.broken() ? SendReset(connection.id(), {}) : SendClose(connection.id());
   StartClosing(connection, why);
 }
 
@@ -246,7 +248,17 @@ void PeerSession::StartClosing(Connection& connection, const std::string& why) {
 
 void PeerSession::Drop(Connection& connection, const std::string& why) {
   Complain(Label(connection) + ' ' + why);
-  SendClose(connection.id(), true);
+  SendReset(connection.id(), {});
+  Forget(connection);
+}
+
+void PeerSession::DropUnopened(Connection& connection, const std::string& why) {
+  Complain(Label(connection) + " could not be opened: " + why);
+  SendReset(connection.id(), why);
+  Forget(connection);
+}
+
+void PeerSession::Forget(Connection& connection) {
   const ConnectionPtr held = connection.shared_from_this();
   live_.erase(held->id());
   held->Abort();
@@ -341,7 +353,7 @@ void PeerSession::CheckConnection(Connection& connection, Clock::time_point now)
   if (connection.state() == Connection::State::kOpening) {
     if (options_.connect_timeout.count() != 0) connection.Hurry(options_.connect_timeout);
     if (over(options_.connect_timeout, still)) {
-      Drop(connection, "could not be opened within " + FormatDuration(options_.connect_timeout));
+      DropUnopened(connection, "no answer within " + FormatDuration(options_.connect_timeout));
     }
   } else if (input_.paused() && connection.queued() != 0 &&
              now - std::max(paused_since_, connection.last_taken()) >= options_.stall_timeout) {

@@ -81,8 +81,10 @@ class PeerSession final : private StreamReader::Owner,
   void OnControlFrame();
   void EndOfInput();
   void Connect(std::uint32_t id, const std::string& text);
-  // `broken`: the connection does not end in order, and bytes may be lost.
-  void SendClose(std::uint32_t id, bool broken);
+  void SendClose(std::uint32_t id);
+  // The connection was never opened, and this is why, or it does not end in order, and bytes may be lost: no
+  // reason.
+  void SendReset(std::uint32_t id, const std::string& why_not_opened);
   void OpenTarget(Connection& connection, const HostPort& target);
   void OnResolved(Connection& connection, const HostPort& target, const LookupResult& result);
   void AnswerTest();
@@ -91,6 +93,8 @@ class PeerSession final : private StreamReader::Owner,
   void End(Connection& connection, const std::string& why);
   void StartClosing(Connection& connection, const std::string& why);
   void Drop(Connection& connection, const std::string& why);
+  void DropUnopened(Connection& connection, const std::string& why);
+  void Forget(Connection& connection);
 
   void PauseOrResumeInput();
 

@@ -32,7 +32,7 @@ class Diary : public StreamObserver {
   void OnFrameSent(const gxmod::FrameHeader&) override {}
   void OnFrameReceived(const gxmod::FrameHeader&) override { Add("frame"); }
   void OnInputDelivered(std::uint32_t) override {}
-  void OnReset(std::uint32_t) override {}
+  void OnReset(std::uint32_t, std::string_view) override {}
   void OnChannelListDropped() override {}
   void OnGoodbye(const std::string&) override {}
   void OnWaiting() override {}

@@ -135,6 +135,9 @@ std::string Answer(const std::string& bytes) { return "grep -zaqF 127.0.0.1; " +
 
 const std::string kReset = MakeFrame(kResetFrame, 1, {}) + MakeFrame(gxmod::ConnectionType::Close, 1, {});
 
+const std::string kRefusal =
+    MakeFrame(kResetFrame, 1, "no route") + MakeFrame(gxmod::ConnectionType::Close, 1, {});
+
 TEST_F(ProgramTest, StandardIoThatLosesBytesIsNoSuccess) {
   const std::string part = MakeFrame(gxmod::ConnectionType::Data, 1, "part");
   const Descriptor full(open("/dev/full", O_WRONLY | O_CLOEXEC));
@@ -153,7 +156,8 @@ TEST_F(ProgramTest, StandardIoThatLosesBytesIsNoSuccess) {
        words.get(),
        -1,
        "",
-       "closed it at once"},
+       "the far side cannot open it: refused " + server_.target().Address() + ": to permit it"},
+      {WithShell({"-W"}, kReady + Answer(kReset) + "cat >/dev/null"), words.get(), -1, "", "closed it at once"},
       {WithShell({"-W"}, kReady + Answer(part + kReset) + "cat >/dev/null"), words.get(), -1, "part",
        "the target broke it, and bytes may be lost"},
       {peer, words.get(), full.get(), "", "No space left on device"},
@@ -205,11 +209,14 @@ TEST_F(ProgramTest, StopSignalGoesToTheCommandAndThenToItsChildren) {
 }
 
 TEST_F(ProgramTest, CommandWhoseTargetIsRefusedIsNotWaitedFor) {
-  Program program(GX_SSH_PROGRAM,
-                  WithShell({"--run", "bash -c 'exec 3<>/dev/tcp/127.0.0.1/$GX_SSH_PORT; echo >&3; sleep 60'"},
-                            kReady + Answer(kReset) + "cat >/dev/null"));
-  EXPECT_THAT(program.Errors(), HasSubstr("the far side cannot open 127.0.0.1:22"));
-  EXPECT_EQ(program.Status(), kExitTunnel);
+  const std::string connect = "exec 3<>/dev/tcp/127.0.0.1/$GX_SSH_PORT; echo >&3; ";
+  Program refused(GX_SSH_PROGRAM, WithShell({"--run", "bash -c '" + connect + "sleep 60'"},
+                                            kReady + Answer(kRefusal) + "cat >/dev/null"));
+  EXPECT_THAT(refused.Errors(), HasSubstr("the far side cannot open 127.0.0.1:22: no route\n"));
+  EXPECT_EQ(refused.Status(), kExitTunnel);
+  Program broken(GX_SSH_PROGRAM, WithShell({"--run", "bash -c '" + connect + "cat <&3; exit 7'"},
+                                           kReady + Answer(kReset) + "cat >/dev/null"));
+  EXPECT_EQ(broken.Status(), 7) << "it was open, as far as is known";
 }
 
 TEST_F(ProgramTest, FailedTunnelEndsTheCommand) {
@@ -426,8 +433,8 @@ TEST_F(ProgramTest, ReaderOfErrorsThatStallsHoldsUpNothing) {
   program.Line();
   const auto is_full = [&program] {
     int unread = 0;
-    return ioctl(program.errors(), FIONREAD, &unread) == 0 &&
-           unread + PIPE_BUF > fcntl(program.errors(), F_GETPIPE_SZ);
+    const int size = fcntl(program.errors(), F_GETPIPE_SZ);
+    return ioctl(program.errors(), FIONREAD, &unread) == 0 && unread > size - 2 * PIPE_BUF;
   };
   ASSERT_TRUE(gxtest::Eventually(is_full));
   program.Signal(SIGTERM);

@@ -294,11 +294,13 @@ TEST_F(PeerLinkTest, TellsABrokenConnectionFromOneThatEnded) {
   Greet(rig);
   rig.Send(ConnectionType::Connect, 1, Target().Address());  // nobody listens there any more
   rig.Send(ConnectionType::Data, 1, "lost");
-  EXPECT_EQ(rig.Next(), Of(kResetFrame, 1));
+  EXPECT_EQ(rig.Next(), Of(kResetFrame, 1, "Connection refused"));
   EXPECT_EQ(rig.Next(), Of(ConnectionType::Close, 1));
   rig.Connect(2, target_);
   EXPECT_EQ(rig.Next(), Of(ConnectionType::Close, 2));
   Descriptor broken = rig.Connect(3, target_);
+  WriteAll(broken.get(), "open");
+  EXPECT_EQ(rig.Next(), Of(ConnectionType::Data, 3, "open"));
   const linger reset{1, 0};
   ::setsockopt(broken.get(), SOL_SOCKET, SO_LINGER, &reset, sizeof reset);
   broken.Reset();
@@ -355,8 +357,8 @@ TEST_F(PeerLinkTest, StopLetsWhatIsUnderWayFinish) {
     frame.id == 1 && !frame.payload.empty() ? void(received += frame.payload) : rest.push_back(frame);
   }
   EXPECT_TRUE(received == bytes);
-  EXPECT_THAT(rest,
-              ElementsAre(Of(kResetFrame, 3), Of(ConnectionType::Close, 3), Of(kGoodbyeFrame, 0, "stopped")));
+  EXPECT_THAT(rest, ElementsAre(Of(kResetFrame, 3, "refused " + target_.Address() + ": stopping"),
+                                Of(ConnectionType::Close, 3), Of(kGoodbyeFrame, 0, "stopped")));
   EXPECT_EQ(rig.Join(), kPeerEnded);
   EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(10));
 }

@@ -1,0 +1,66 @@
+// A link to a far side that floods.
+#include "gx-ssh/link.h"
+
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <fstream>
+
+#include "gx-ssh/console.h"
+#include "gx-ssh/module_library.h"
+#include "link/control_frames.h"
+#include "link/ready_line.h"
+#include "support/temp_dir.h"
+#include "support/wait.h"
+
+namespace gxtool {
+namespace {
+
+class CountingOwner final : public Link::Owner {
+ public:
+  void OnLinkUp(const std::string&, std::uint16_t) override { up = true; }
+  void OnLinkDown(const Failure&, bool) override {}
+  void OnInputDelivered() override { ++delivered; }
+  void OnRefused(const std::string&) override { ++refused; }
+  void OnReset() override { ++resets; }
+  void OnFrame(const gxmod::FrameHeader&, bool sent) override { marker_came = marker_came || !sent; }
+
+  bool up = false;
+  int delivered = 0;
+  int refused = 0;
+  int resets = 0;
+  std::atomic<bool> marker_came{false};
+};
+
+// The event loop is busy meanwhile.
+TEST(LinkTest, FloodOfControlFramesLeavesLittleForTheEventLoop) {
+  constexpr int kFrames = 1000;
+  const TempDir folder;
+  {
+    std::ofstream flood(folder.path() + "/flood", std::ios::binary);
+    flood << ReadyLine(Side::kPeer);
+    for (int i = 0; i < kFrames; ++i) {
+      flood << MakeFrame(kEndOfInputFrame, 1, {}) << MakeFrame(kResetFrame, 1, {})
+            << MakeFrame(kResetFrame, 1, "no route") << MakeFrame(kGoodbyeFrame, 0, "bye");
+    }
+    flood << MakeFrame(gxmod::ConnectionType::Data, 1, {});
+  }
+  Options options;
+  options.carrier = {"sh", "-c", "read greeting; cat " + folder.path() + "/flood -"};
+  asio::io_context io;
+  ModuleLog log(0);
+  ModuleLibrary module(GX_MODULE, log);
+  Console console;
+  Terminal terminal;
+  CountingOwner owner;
+  Link link(io, options, module, console, terminal, owner);
+  while (!owner.up) io.run_one();
+  ASSERT_TRUE(gxtest::Eventually([&owner] { return owner.marker_came.load(); }));
+  EXPECT_LT(io.poll(), 20U) << "handlers that wait";
+  EXPECT_EQ(owner.delivered, 1);
+  EXPECT_EQ(owner.refused, 1);
+  EXPECT_EQ(owner.resets, 1);
+}
+
+}  // namespace
+}  // namespace gxtool
