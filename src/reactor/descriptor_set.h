@@ -4,6 +4,11 @@
 
 #include <sys/select.h>
 
+#include <array>
+#include <bit>
+#include <cstddef>
+#include <cstdint>
+
 // True when a set has a place for this descriptor. Select cannot wait for any other.
 inline bool IsSelectable(int descriptor) { return descriptor >= 0 && descriptor < FD_SETSIZE; }
 
@@ -15,10 +20,34 @@ class DescriptorSet {
   void Add(int descriptor) {
     if (IsSelectable(descriptor)) FD_SET(descriptor, &bits_);
   }
+  void Remove(int descriptor) {
+    if (IsSelectable(descriptor)) FD_CLR(descriptor, &bits_);
+  }
+  void AddAll(const DescriptorSet& other) {
+    Combine(other, [](std::uint64_t mine, std::uint64_t theirs) { return mine | theirs; });
+  }
+  void RemoveAll(const DescriptorSet& other) {
+    Combine(other, [](std::uint64_t mine, std::uint64_t theirs) { return mine & ~theirs; });
+  }
+  void KeepOnly(const DescriptorSet& other) {
+    Combine(other, [](std::uint64_t mine, std::uint64_t theirs) { return mine & theirs; });
+  }
+  bool empty() const { return std::bit_cast<Words>(bits_) == Words{}; }
   bool Has(int descriptor) const { return IsSelectable(descriptor) && FD_ISSET(descriptor, &bits_); }
   fd_set* get() { return &bits_; }
 
  private:
+  // As numbers, of which there are fewer than bits.
+  using Words = std::array<std::uint64_t, sizeof(fd_set) / sizeof(std::uint64_t)>;
+
+  template <class Operation>
+  void Combine(const DescriptorSet& other, Operation operation) {
+    Words mine = std::bit_cast<Words>(bits_);
+    const Words theirs = std::bit_cast<Words>(other.bits_);
+    for (std::size_t i = 0; i < mine.size(); ++i) mine[i] = operation(mine[i], theirs[i]);
+    bits_ = std::bit_cast<fd_set>(mine);
+  }
+
   fd_set bits_;
 };
 

@@ -1,7 +1,6 @@
 #include "reactor/select_tracker.h"
 
 #include <errno.h>
-#include <sys/socket.h>
 
 #include <algorithm>
 #include <list>
@@ -14,86 +13,19 @@ namespace {
 
 constexpr std::size_t kMaxTasksPerPass =
     1023;  // with the wake-up socket 1024, what an fd_set holds on most systems
+constexpr std::size_t kEverybody = ~std::size_t{0};
 constexpr unsigned int kCrowdedWaitMs = 10;
 constexpr unsigned int kDeafWaitMs = 10;  // for want of a wake-up socket
 
-bool IsBadDescriptor(int descriptor) {
-  if (!IsSelectable(descriptor)) return false;
-  DescriptorSet probe;
-  probe.Add(descriptor);
-  timeval at_once{};
-  return select(descriptor + 1, probe.get(), nullptr, nullptr, &at_once) < 0 && errno == EBADF;
-}
-
-bool HasConnectFailed(int descriptor) {
-  std::int32_t error = 0;
-  socklen_t length = sizeof error;
-  return getsockopt(descriptor, SOL_SOCKET, SO_ERROR, &error, &length) != 0 || error != 0;
-}
-
 }  // namespace
 
-// The tasks of a pass that wait for the same thing. `ready` holds all their descriptors before select, those
-// that are ready after it.
-template <class Task>
-struct select_tracker<Task>::Waiters {
-  std::list<Task> tasks;
-  DescriptorSet ready;
-};
-
-// What one pass has collected. The entries of the queues themselves travel through it: a pass that needed
-// memory of its own could lose everybody's tasks for want of it.
+// What is known of one pass only.
 template <class Task>
 struct select_tracker<Task>::Pass {
   bool IsFull() const { return collected == kMaxTasksPerPass; }
-  bool HasWaiters() const { return !readers.tasks.empty() || !writers.tasks.empty(); }
 
-  // Takes over all of `tasks`; those that wait for nothing known are dropped.
-  void Enter(std::list<Task> tasks) {
-    collected += tasks.size();
-    while (!tasks.empty()) {
-      if (std::list<Task>* place = PlaceOf(tasks.front())) {
-        place->splice(place->end(), tasks, tasks.begin());
-      } else {
-        tasks.pop_front();
-      }
-    }
-  }
-
-  std::list<Task>* PlaceOf(const Task& task) {
-    if (task && task->timeout()) return &timed_out;
-    if (task.type() == kWaitWritable) return &Wait(writers, task).tasks;
-    if (task.type() == kWaitReadable) return &Wait(readers, task).tasks;
-    return nullptr;
-  }
-
-  Waiters& Wait(Waiters& waiters, const Task& task) {
-    Watch(task.socket(), waiters.ready);
-    if (task) limit_ms = std::min<std::uint64_t>(limit_ms, task->timeleft());
-    return waiters;
-  }
-
-  void Watch(int descriptor, DescriptorSet& ready) {
-    ready.Add(descriptor);
-    failed.Add(descriptor);
-    if (IsSelectable(descriptor)) highest = std::max(highest, descriptor);
-  }
-
-  int Select(std::uint64_t wait_ms) {
-    timeval limit;
-    limit.tv_sec = static_cast<decltype(limit.tv_sec)>(wait_ms / 1000);
-    limit.tv_usec = static_cast<decltype(limit.tv_usec)>(wait_ms % 1000 * 1000);
-    return select(highest + 1, readers.ready.get(), writers.ready.get(), failed.get(),
-                  wait_ms == task_timed_queue::kNoTimer ? nullptr : &limit);
-  }
-
-  std::size_t collected = 0;
-  Waiters readers;
-  Waiters writers;
   std::list<Task> timed_out;
-  DescriptorSet failed;  // as `ready`, for all descriptors
-  int highest = 0;
-  std::uint64_t limit_ms = task_timed_queue::kNoTimer;  // until the first of the waiters is out of time
+  std::size_t collected = 0;
 };
 
 template <class Task>
@@ -121,6 +53,7 @@ bool select_tracker<Task>::Start(unsigned long) {
     return false;
   }
   timers_.clean();
+  waiting_.TakeAll();   // those of a pass that an exception ended
   loopback_.Destroy();  // the stop event of the previous run may still be queued in it
   stopped_.store(false, std::memory_order_release);
   GXModLog(kGXModLogTrace, "[select_tracker] run ok");
@@ -148,8 +81,9 @@ bool select_tracker<Task>::GetComeleted(Task& out) {
   FireTimers();
   Pass pass;
   Collect(pass);
-  const bool go_on = pass.HasWaiters() ? SelectPass(pass, out) : IdlePass(pass, out);
+  const bool go_on = !waiting_.empty() ? SelectPass(pass, out) : IdlePass(pass, out);
   listening_ = false;
+  EndPass();
   return go_on;
 }
 
@@ -157,6 +91,11 @@ template <class Task>
 void select_tracker<Task>::Shutdown() {
   if (stopped_.exchange(true, std::memory_order_acq_rel)) return;
   Wake(ie_stop);
+  std::list<Task> dropped;  // outlives the lock
+  {
+    CStdLock lock(passing_mutex_);
+    if (!passing_) dropped = waiting_.TakeAll();
+  }
   uncompleted_.close();
   completed_.close();
   timers_.clean();
@@ -203,8 +142,20 @@ void select_tracker<Task>::FireTimers() {
 
 template <class Task>
 void select_tracker<Task>::Collect(Pass& pass) {
+  {
+    CStdLock lock(passing_mutex_);
+    passing_ = true;
+  }
   listening_ = true;  // before it looks: what comes too late to be seen finds it set
-  pass.Enter(uncompleted_.take(kMaxTasksPerPass - pass.collected));
+  std::list<Task> fresh = uncompleted_.take(kEverybody);
+  if (fresh.size() + waiting_.size() > kMaxTasksPerPass) {
+    std::list<Task> everybody = waiting_.TakeAll();
+    everybody.splice(everybody.end(), fresh);
+    uncompleted_.append(everybody);
+    fresh = uncompleted_.take(kMaxTasksPerPass);
+  }
+  pass.collected = fresh.size() + waiting_.size();
+  waiting_.Enter(std::move(fresh), pass.timed_out);
 }
 
 // Milliseconds until this pass has to end by itself. A task whose time has passed does not wait for the others,
@@ -213,9 +164,9 @@ template <class Task>
 unsigned int select_tracker<Task>::WaitLimit(const Pass& pass) {
   if (!pass.timed_out.empty()) return 0;
   unsigned int limit = timers_.next_pop_time();
-  if (pass.limit_ms < limit) limit = static_cast<unsigned int>(pass.limit_ms);
+  limit = static_cast<unsigned int>(std::min<std::uint64_t>(limit, waiting_.TimeLeft()));
   if (pass.IsFull()) limit = std::min(limit, kCrowdedWaitMs);
-  return pass.HasWaiters() && deaf_ ? std::min(limit, kDeafWaitMs) : limit;
+  return deaf_ && !waiting_.empty() ? std::min(limit, kDeafWaitMs) : limit;
 }
 
 template <class Task>
@@ -232,18 +183,22 @@ template <class Task>
 bool select_tracker<Task>::SelectPass(Pass& pass, Task& out) {
   OpenWakeUpSocket(pass);
   if (IsStopped()) return false;
-  const int result = pass.Select(WaitLimit(pass));
+  const unsigned int wait_ms = WaitLimit(pass);
+  SelectSets sets = waiting_.Sets();
+  sets.Watch(loopback_.GetHandle());
+  const int result = sets.Select(wait_ms);
   const int error = errno;
+  std::list<Task> ready;
   if (result < 0) {
     GXModLog(kGXModLogTrace, "[select_tracker] select return %d, cause %u", result,
              static_cast<unsigned>(error));
-    RepairAfter(error, pass);
+    RepairAfter(error);
   } else {
-    HandleControlEvent(pass);
-    Dispatch(pass.readers, pass.failed);
-    Dispatch(pass.writers, pass.failed);
+    HandleControlEvent(sets);
+    waiting_.TakeReady(sets, ready);
   }
   if (IsStopped()) return false;
+  completed_.append(ready);
   completed_.append(pass.timed_out);
   completed_.peek(out);
   return true;
@@ -255,54 +210,46 @@ void select_tracker<Task>::OpenWakeUpSocket(Pass& pass) {
   const bool was_closed = loopback_.GetHandle() == -1;
   const bool was_deaf = std::exchange(deaf_, !loopback_.CreateIfNot());
   if (deaf_ && !was_deaf) GXModLog(kGXModLogError, "[select_tracker] udp loopback create failed");
-  pass.Watch(loopback_.GetHandle(), pass.readers.ready);
-  if (was_closed) Collect(pass);  // what came meanwhile could not be announced
+  if (!was_closed) return;
+  listening_ = true;  // what came meanwhile could not be announced
+  std::list<Task> fresh = uncompleted_.take(kMaxTasksPerPass - pass.collected);
+  pass.collected += fresh.size();
+  waiting_.EnterLast(std::move(fresh), pass.timed_out);
 }
 
 // Everybody waits again, but for the tasks whose descriptor is bad.
 template <class Task>
-void select_tracker<Task>::RepairAfter(int error, Pass& pass) {
+void select_tracker<Task>::RepairAfter(int error) {
   if (error == EBADF) {
     loopback_.Destroy();  // the bad one may be our own, closed by somebody's mistake
-    const auto is_bad = [](const Task& task) { return IsBadDescriptor(task.socket()); };
-    pass.readers.tasks.remove_if(is_bad);
-    pass.writers.tasks.remove_if(is_bad);
+    waiting_.DropBad();
   } else if (error != EINTR) {  // a change of user ids interrupts every thread, whatever signals it blocks
     tarn::event_timedwait(event_.get(), kCrowdedWaitMs);  // nothing that trying at once would cure
   }
-  uncompleted_.append(pass.readers.tasks);
-  uncompleted_.append(pass.writers.tasks);
+}
+
+// A stop leaves it to the pass to drop those who wait in it.
+template <class Task>
+void select_tracker<Task>::EndPass() {
+  waiting_.EndPass(uncompleted_.take(kEverybody));
+  std::list<Task> dropped;  // outlives the lock
+  CStdLock lock(passing_mutex_);
+  passing_ = false;
+  if (IsStopped()) dropped = waiting_.TakeAll();
 }
 
 // One datagram per pass; the next ones end the next selects.
 template <class Task>
-void select_tracker<Task>::HandleControlEvent(const Pass& pass) {
+void select_tracker<Task>::HandleControlEvent(const SelectSets& sets) {
   const int handle = loopback_.GetHandle();
   inner_event_type event;
-  if (pass.readers.ready.Has(handle) && _read_event(event) && event == ie_stop) {
+  if (sets.read.Has(handle) && _read_event(event) && event == ie_stop) {
     stopped_.store(true, std::memory_order_release);
     GXModLog(kGXModLogInfo, "[select_tracker] control event : Stop");
-  } else if (pass.failed.Has(handle)) {
+  } else if (sets.failed.Has(handle)) {
     GXModLog(kGXModLogInfo, "[select_tracker] control event socket be closed");
     loopback_.Destroy();
   }
-}
-
-template <class Task>
-void select_tracker<Task>::Dispatch(Waiters& waiters, const DescriptorSet& failed) {
-  std::list<Task> ready;
-  for (auto next = waiters.tasks.begin(); next != waiters.tasks.end();) {
-    const auto entry = next++;
-    const int descriptor = entry->socket();
-    const bool error = failed.Has(descriptor);
-    if (!error && !waiters.ready.Has(descriptor)) continue;
-    if (error || (entry->selectop() == kSelectConnect && HasConnectFailed(descriptor))) {
-      entry->selectop() = kSelectError;
-    }
-    ready.splice(ready.end(), waiters.tasks, entry);
-  }
-  completed_.append(ready);
-  uncompleted_.append(waiters.tasks);
 }
 
 template class select_tracker<CTCPTask>;

@@ -7,12 +7,13 @@
 #include <memory>
 
 #include "base/event.h"
-#include "reactor/descriptor_set.h"
+#include "base/mutex_lock.h"
 #include "reactor/sem_queue.h"
 #include "reactor/task_timed_queue.h"
 #include "reactor/tcp_task.h"
 #include "reactor/timer.h"
 #include "reactor/udp_loopback.h"
+#include "reactor/waiting_tasks.h"
 
 // States:    stopped (at first); running, from Start to Shutdown. A stopped tracker refuses tasks; it takes
 //            timers, but the next Start drops them.
@@ -59,7 +60,6 @@ class select_tracker : public ITimer {
     ie_kill_timer = 2,
     ie_add_task = 3,
   };
-  struct Waiters;
   struct Pass;
 
   struct EventDeleter {
@@ -76,9 +76,9 @@ class select_tracker : public ITimer {
   bool IdlePass(Pass& pass, Task& out);
   bool SelectPass(Pass& pass, Task& out);
   void OpenWakeUpSocket(Pass& pass);
-  void RepairAfter(int error, Pass& pass);
-  void HandleControlEvent(const Pass& pass);
-  void Dispatch(Waiters& waiters, const DescriptorSet& failed);
+  void RepairAfter(int error);
+  void HandleControlEvent(const SelectSets& sets);
+  void EndPass();
 
   std::atomic<bool> stopped_{true};
   std::atomic<bool> listening_{false};  // a pass waits, or is about to, and has not been told of a change yet
@@ -86,7 +86,10 @@ class select_tracker : public ITimer {
   CUdpLoopback loopback_;                                     // ends a select pass; closed by idle passes
   bool deaf_ = false;                                         // no wake-up socket to be had; select thread only
   sem_queue<Task> uncompleted_;                               // to be entered into the next pass
-  sem_queue<Task> completed_;                                 // ready to be done
+  waiting_tasks<Task> waiting_;                               // those of the last pass and of this one
+  CStdMutex passing_mutex_;
+  bool passing_ GUARDED_BY(passing_mutex_) = false;  // the pass has waiting_ for itself
+  sem_queue<Task> completed_;                        // ready to be done
   task_timed_queue timers_;
 };
 

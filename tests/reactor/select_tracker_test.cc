@@ -12,6 +12,8 @@
 namespace {
 
 using testing::Contains;
+using testing::HasSubstr;
+using testing::Not;
 using testing::Pair;
 
 class SelectTrackerTest : public testing::Test {
@@ -70,6 +72,23 @@ TEST_F(SelectTrackerTest, ATaskWhoseTimeHasPassedWaitsForNobody) {
     tracker_.AddTask(CTCPTask(late.get()));
     EXPECT_EQ(Next(), quiet.descriptor());
   }
+}
+
+TEST_F(SelectTrackerTest, NothingIsLeftOfATaskWhoseTimeHasPassed) {
+  const SocketPair pair, other;
+  const int left = fcntl(pair.descriptor(), F_DUPFD_CLOEXEC, 500);  // a number that nobody reuses
+  const auto late = Add(left, kSelectReadable);
+  for (const bool timed_out : {false, true}) {
+    late->timed_out = timed_out;
+    other.Send();
+    Add(other.descriptor(), kSelectReadable);
+    EXPECT_EQ(Next(), other.descriptor());
+  }
+  EXPECT_EQ(Next(), left);
+  close(left);
+  Add(other.descriptor(), kSelectReadable);
+  EXPECT_EQ(Next(), other.descriptor());
+  EXPECT_THAT(log_.Lines(), Not(Contains(Pair(kGXModLogTrace, HasSubstr("select return -1")))));
 }
 
 TEST_F(SelectTrackerTest, ABadDescriptorIsDroppedAndTheOthersStay) {
