@@ -38,7 +38,7 @@ TEST(ReportTest, FormatsNumbersForPeople) {
   const std::vector<std::pair<double, std::string>> bytes = {
       {0, "0 B"}, {1023, "1023 B"}, {1024, "1.0 KiB"}, {1024 * 1023.96, "1.0 MiB"}, {1.5e9, "1.4 GiB"}};
   for (const auto& [number, text] : bytes) EXPECT_EQ(FormatBytes(number), text);
-  const std::vector<std::pair<double, std::string>> seconds = {
+  const std::vector<std::pair<double, std::string>> ages = {
       {9.9, "9.9s"}, {59.9, "59s"}, {60, "1m 0s"}, {7500, "2h 5m"}};
   for (const auto& [number, text] : ages) EXPECT_EQ(FormatSeconds(number), text);
 }
