@@ -378,8 +378,9 @@ class Tunnel(Clients):
             if failure[0] is None and not self._over:
                 self.stop()
 
-    def stop(self, number=signal.SIGTERM):
-        """Ends the tunnel as a user does."""
+    def stop(self, number=signal.SIGTERM, status=0):
+        """Ends the tunnel with that signal (0: it ends by itself)."""
         self._over = True
-        self.host.signal(number)
-        self.host.expect_status(0)
+        if number:
+            self.host.signal(number)
+        self.host.expect_status(status)

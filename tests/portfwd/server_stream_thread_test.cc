@@ -56,28 +56,6 @@ class ServerStreamThreadTest : public gxtest::ForwardingTest {
   const CRefObj<FarListener> listener_{new FarListener};
 };
 
-TEST_F(ServerStreamThreadTest, TellsOfWellFormedTestResponses) {
-  stream_->Send(Answer(7, "no"));
-  stream_->Send({ConnectionType::TestRespond, 0, ""});
-  stream_->Send({ConnectionType::TestRespond, 0, "1234567"});
-  stream_->Send(Answer(0, ""));
-  EXPECT_THAT(listener_->WaitFor(2), ElementsAre("fails no", "works "));
-}
-
-TEST_F(ServerStreamThreadTest, ChannelListOpensPorts) {
-  stream_->Send(
-      {ConnectionType::ChannelList, 0, "name=b&addr=x%3A1;name=a&addr=y%3A2;" + std::string("\0tail", 5)});
-  stream_->Send({ConnectionType::ChannelList, 0, ""});
-  EXPECT_THAT(listener_->WaitFor(2), ElementsAre("list name=b&addr=x%3A1;name=a&addr=y%3A2;", "list "));
-  ASSERT_EQ(client_->GetChannelsCount(), 3U);
-  EXPECT_STREQ(client_->GetChannel(1)->get_Name(), "a");
-  EXPECT_STREQ(client_->GetChannel(2)->get_Name(), "b");
-  const TcpClient local(client_->GetChannel(1)->get_LocalAddress());
-  const auto connect = stream_->Receive(ConnectionType::Connect);
-  ASSERT_TRUE(connect);
-  EXPECT_EQ(connect->payload, "y:2");
-}
-
 // A client that gets in between listen and the first accept: the reader must not write its Connect, because the
 // far side may be waiting for the reader.
 TEST_F(ServerStreamThreadTest, OpensPortsWithoutWaitingForTheFarSide) {

@@ -7,16 +7,9 @@
 #include <sys/resource.h>
 #include <unistd.h>
 
-#include <cstddef>
 #include <vector>
 
 namespace gxtest {
-
-inline int LowestFreeDescriptor() {
-  const int descriptor = open("/dev/null", O_RDONLY | O_CLOEXEC);
-  close(descriptor);
-  return descriptor;
-}
 
 // Only descriptors below `limit` can be opened while it lives.
 class DescriptorLimit {
@@ -34,28 +27,20 @@ class DescriptorLimit {
   rlimit before_;
 };
 
-// Open files that take every descriptor below `limit`, but for the `spare` last ones.
+// Open files that take every descriptor below `limit`.
 class TakenDescriptors {
  public:
-  explicit TakenDescriptors(int limit, int spare = 0) {
+  explicit TakenDescriptors(int limit) {
     for (int taken = 0; taken < limit - 1;) {
       taken = open("/dev/null", O_RDONLY | O_CLOEXEC);
       if (taken < 0) break;
       files_.push_back(taken);
     }
-    for (; spare > 0; --spare) Free();
   }
   TakenDescriptors(const TakenDescriptors&) = delete;
   TakenDescriptors& operator=(const TakenDescriptors&) = delete;
   ~TakenDescriptors() {
-    while (!files_.empty()) Free();
-  }
-
-  std::size_t Count() const { return files_.size(); }
-  // Gives the last one back.
-  void Free() {
-    close(files_.back());
-    files_.pop_back();
+    for (const int file : files_) close(file);
   }
 
  private:

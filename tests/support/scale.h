@@ -2,7 +2,6 @@
 #ifndef GX_TESTS_SUPPORT_SCALE_H
 #define GX_TESTS_SUPPORT_SCALE_H
 
-#include <chrono>
 #include <cstdlib>
 
 namespace gxtest {
@@ -19,14 +18,6 @@ Figure Scale(Figure brief, Figure full) {
 inline int Rounds(int brief, int full) {
   const char* rounds = std::getenv("GX_LONG_ROUNDS");
   return rounds != nullptr ? std::atoi(rounds) : Scale(brief, full);
-}
-
-// Milliseconds that `action` takes.
-template <class Action>
-long Measure(Action action) {
-  const auto start = std::chrono::steady_clock::now();
-  action();
-  return static_cast<long>((std::chrono::steady_clock::now() - start) / std::chrono::milliseconds(1));
 }
 
 }  // namespace gxtest

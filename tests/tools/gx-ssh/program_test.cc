@@ -350,13 +350,6 @@ TEST_F(ProgramTest, ReconnectsAtTheSameAddresses) {
   EXPECT_EQ(program.Status(), kExitOk);
 }
 
-TEST_F(ProgramTest, GivesUpAfterSoManyAttempts) {
-  Program program(GX_SSH_PROGRAM, WithShell({"--reconnect=2"}, "exit 1"));
-  const std::string errors = program.Errors();
-  EXPECT_EQ(std::count(errors.begin(), errors.end(), '\n'), 3) << errors;
-  EXPECT_EQ(program.Status(), kExitNotReady);
-}
-
 TEST_F(ProgramTest, UnixSocketIsTheOwnersAndGoesAway) {
   const std::string path = folder_.path() + "/socket";
   for (int round = 0; round < 2; ++round) {
