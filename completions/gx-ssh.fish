@@ -1,6 +1,12 @@
 # Completion of gx-ssh for fish.
 complete -c gx-ssh -s W -l stdio -d 'Carry one connection on standard input and output'
 complete -c gx-ssh -l run -x -a '(__fish_complete_command)' -d 'Run a command when the port is up'
+complete -c gx-ssh -l probe -d 'Measure what the carrier is good for'
+complete -c gx-ssh -l background -d 'Go on in the background when ready'
+complete -c gx-ssh -l ready-fd -x -d 'Write a line to this descriptor when ready'
+complete -c gx-ssh -l log-file -r -F -d 'Append what is said to a file'
+complete -c gx-ssh -l log-format -x -a 'text json' -d 'Of that file'
+complete -c gx-ssh -l stats -x -d 'Tell so often how much was carried'
 complete -c gx-ssh -l local -d 'Be the far side, too'
 complete -c gx-ssh -l target -x -d 'Where the far side connects to'
 complete -c gx-ssh -l module -r -F -d 'The module to load'

@@ -10,7 +10,7 @@
 
 namespace gxtool {
 
-App::App(const Options& options, int output, std::shared_ptr<Console> console)
+App::App(const Options& options, int output, std::shared_ptr<Console> console, Background* background)
     : options_(options),
       standard_output_(output),
       console_(std::move(console)),
@@ -18,6 +18,8 @@ App::App(const Options& options, int output, std::shared_ptr<Console> console)
       pause_(io_),
       module_log_(options.verbosity),
       reporter_(io_, options, *console_, output, traffic_),
+      background_(background),
+      readiness_(io_, options.ready_fd),
       link_policy_(options.reconnect, options.reconnect_attempts) {}
 
 int App::Run() {
@@ -29,6 +31,7 @@ int App::Run() {
   } catch (const std::exception& error) {
     Fail(Failure(kExitLinkLost, error.what()));
   }
+  readiness_.OnStopping();
   CleanUp();
   reporter_.OnExit(status_, reason_);
   return status_;
@@ -128,6 +131,7 @@ void App::EndLink() {
 void App::OnLinkUp(const std::string& address, std::uint16_t port) {
   terminal_.TakeBack();
   reporter_.OnLink("up", {});
+  readiness_.OnStatus("the link is up");
   link_policy_.OnUp(LinkPolicy::Clock::now());
   if (options_.standard_io) return StartStandardIo(address, port);
   std::vector<Forward> forwards;
@@ -148,6 +152,7 @@ void App::OnLinkDown(const Failure& why, bool in_order) {
   if (!command_ && link_->Interrupted()) OnStopSignal({SIGINT, true, 0});
   if (finished_) return;
   terminal_.TakeBack();
+  readiness_.OnStatus(why.what());
   reporter_.OnLink(in_order ? "ended" : "lost", why.what());
   if (standard_io_ && in_order) return standard_io_->EndAfter(traffic_.totals().received, why.what());
   for (Listener& listener : listeners_) listener.Close();
@@ -191,9 +196,18 @@ void App::Announce(std::vector<Forward> forwards) {
   for (const Forward& forward : announced_) lines += AddressText(forward.at) + "\n";
   if (!options_.port_file.empty()) port_file_.emplace(options_.port_file, lines);
   reporter_.OnListening(announced_);
+  TellReady(AddressText(announced_.front().at));
   if (options_.run.empty()) return;
   command_.emplace(io_, terminal_, options_.run, standard_input_.get(), standard_output_,
                    AddressVariables(announced_));
+}
+
+void App::TellReady(const std::string& line) {
+  readiness_.OnReady(line);
+  if (background_ == nullptr) return;
+  reporter_.Flush();
+  terminal_.Leave();
+  if (!background_->Detach(standard_output_)) Finish(kExitOk, "nobody waited for this");
 }
 
 void App::StartStandardIo(const std::string& address, std::uint16_t port) {
@@ -203,6 +217,7 @@ void App::StartStandardIo(const std::string& address, std::uint16_t port) {
   };
   standard_io_.emplace(io_, standard_input_.get(), standard_output_, ConnectTo(address, port),
                        link_->entrance()->Expect(options_.target), ended);
+  TellReady("ready");
 }
 
 }  // namespace gxtool

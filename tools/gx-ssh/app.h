@@ -11,6 +11,7 @@
 #include <string>
 #include <vector>
 
+#include "gx-ssh/background.h"
 #include "gx-ssh/command.h"
 #include "gx-ssh/console.h"
 #include "gx-ssh/descriptor.h"
@@ -21,6 +22,7 @@
 #include "gx-ssh/module_library.h"
 #include "gx-ssh/options.h"
 #include "gx-ssh/port_file.h"
+#include "gx-ssh/readiness.h"
 #include "gx-ssh/reporter.h"
 #include "gx-ssh/signals.h"
 #include "gx-ssh/standard_io.h"
@@ -34,7 +36,8 @@ namespace gxtool {
 class App final : public Link::Owner {
  public:
   // `output` is standard output, borrowed.
-  App(const Options& options, int output, std::shared_ptr<Console> console);
+  // `background`: to be left for it when all is ready; null: not asked for.
+  App(const Options& options, int output, std::shared_ptr<Console> console, Background* background);
 
   // Returns the exit status, after a failure was told.
   int Run();
@@ -61,6 +64,7 @@ class App final : public Link::Owner {
   void OnFrame(const gxmod::FrameHeader& header, bool sent) override;
 
   void Announce(std::vector<Forward> forwards);
+  void TellReady(const std::string& line);
   void StartStandardIo(const std::string& address, std::uint16_t port);
 
   const Options& options_;
@@ -73,6 +77,8 @@ class App final : public Link::Owner {
   ModuleLog module_log_;
   Traffic traffic_;
   Reporter reporter_;
+  Background* const background_;
+  Readiness readiness_;
   LinkPolicy link_policy_;
   Descriptor standard_input_;  // with -W and --run
 

@@ -13,6 +13,7 @@
 #include <array>
 #include <cerrno>
 #include <cstring>
+#include <string_view>
 #include <system_error>
 
 #include "gx-ssh/failure.h"
@@ -33,9 +34,16 @@ std::vector<char*> Pointers(std::vector<std::string>& texts) {
   return result;
 }
 
+// What a service manager tells this process is for nobody else.
+constexpr std::string_view kOurVariables[] = {
+    "NOTIFY_SOCKET=", "WATCHDOG_USEC=", "WATCHDOG_PID=", "LISTEN_FDS=", "LISTEN_PID=", "LISTEN_FDNAMES="};
+
 std::vector<std::string> Environment(const Child::Variables& changes) {
   std::vector<std::string> result;
   for (char** entry = environ; *entry != nullptr; ++entry) result.emplace_back(*entry);
+  for (const std::string_view name : kOurVariables) {
+    std::erase_if(result, [name](const std::string& entry) { return entry.starts_with(name); });
+  }
   for (const auto& [name, value] : changes) {
     const std::string begin = name + "=";
     std::erase_if(result, [&begin](const std::string& entry) { return entry.starts_with(begin); });

@@ -31,6 +31,9 @@ class Handshake {
   Handshake(asio::io_context& io, Descriptor input, int output, std::chrono::milliseconds timeout,
             Result result);
 
+  // The end of what came before the ready line.
+  const std::string& noise() const { return finder_.noise(); }
+
  private:
   void Read();
   void Take(std::string_view bytes);

@@ -165,8 +165,9 @@ void Keeper::TakeSignals() {
 }
 
 void Keeper::TellJob(int number) const {
-  // While gx-ssh lives its group does, too, and the number is nobody else's.
-  if (orders_.job != 0 && getppid() == orders_.parent) kill(-orders_.job, number);
+  // While gx-ssh lives and is in it the group lives, too, and the number is nobody else's.
+  const bool there = getppid() == orders_.parent && getpgid(orders_.parent) == orders_.job;
+  if (orders_.job != 0 && there) kill(-orders_.job, number);
 }
 
 void Keeper::Reap() {

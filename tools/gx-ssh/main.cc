@@ -5,14 +5,18 @@
 
 #include <cstdio>
 #include <exception>
+#include <optional>
 #include <variant>
 
 #include "gx-ssh/app.h"
+#include "gx-ssh/background.h"
 #include "gx-ssh/console.h"
 #include "gx-ssh/descriptor.h"
 #include "gx-ssh/failure.h"
 #include "gx-ssh/module_library.h"
 #include "gx-ssh/options.h"
+#include "gx-ssh/probe.h"
+#include "gx-ssh/readiness.h"
 #include "gx-ssh/socket_client.h"
 #include "link/high_descriptors.h"
 #include "link/ready_line.h"
@@ -22,6 +26,8 @@ namespace {
 int PrintVersion(const gxtool::Options& options, int output) {
   gxtool::ModuleLog log(0);
   dprintf(output, "gx-ssh %s\nprotocol %d\n", GX_VERSION, gxtool::kProtocolVersion);
+  dprintf(output, "service manager %s\n",
+          gxtool::Readiness::KnowsServiceManager() ? "yes" : "not in this build");
   try {
     const gxtool::ModuleLibrary module(options.module_path, log);
     dprintf(output, "module %s (%s)\n", module.Description().c_str(), module.path().c_str());
@@ -29,6 +35,16 @@ int PrintVersion(const gxtool::Options& options, int output) {
     dprintf(output, "module none: %s\n", failure.what());
   }
   return gxtool::kExitOk;
+}
+
+int PrintProbe(const gxtool::Options& options, int output, gxtool::Console& console) {
+  const gxtool::ProbeResult result = gxtool::Probe(options, console);
+  if (options.json) {
+    dprintf(output, "%s\n", gxtool::ProbeObject(result).Text().c_str());
+  } else {
+    for (const std::string& line : gxtool::ProbeTable(result)) dprintf(output, "%s\n", line.c_str());
+  }
+  return result.problem.empty() ? gxtool::kExitOk : gxtool::kExitNotReady;
 }
 
 int Run(int argc, char** argv) {
@@ -42,11 +58,15 @@ int Run(int argc, char** argv) {
   if (options.show_version) return PrintVersion(options, output.get());
   // The module watches its descriptors with select; those of the listener and of a far side inside move up.
   if (options.local || options.HasListener()) RaiseDescriptorLimit();
+  std::optional<Background> background;
+  if (options.background) background.emplace(output.get());
   const auto console = Console::SetUp(options.quiet, options.verbosity);
+  if (!options.log_file.empty()) AddLogFile(options.log_file, options.log_format);
   if (!options.connect_path.empty()) {
     return ConnectSocket(options.connect_path, options.connect_timeout, STDIN_FILENO, output.get());
   }
-  return App(options, output.get(), console).Run();
+  if (options.probe) return PrintProbe(options, output.get(), *console);
+  return App(options, output.get(), console, background ? &*background : nullptr).Run();
 }
 
 }  // namespace
@@ -54,6 +74,9 @@ int Run(int argc, char** argv) {
 int main(int argc, char** argv) {
   try {
     return Run(argc, argv);
+  } catch (const gxtool::Failure& failure) {
+    std::fprintf(stderr, "gx-ssh: %s\n", failure.what());
+    return failure.status();
   } catch (const std::exception& error) {
     std::fprintf(stderr, "gx-ssh: %s\n", error.what());
     return gxtool::kExitLinkLost;

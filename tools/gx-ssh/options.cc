@@ -1,5 +1,8 @@
 #include "gx-ssh/options.h"
 
+#include <fcntl.h>
+#include <unistd.h>
+
 #include <CLI/CLI.hpp>
 #include <algorithm>
 #include <charconv>
@@ -23,6 +26,7 @@ constexpr const char* kUsage =
     "       gx-ssh -W [HOST:PORT] [OPTIONS] -- CARRIER [ARG...]\n"
     "       gx-ssh --run 'CMD' [OPTIONS] -- CARRIER [ARG...]\n"
     "       gx-ssh --local [OPTIONS]\n"
+    "       gx-ssh --probe [OPTIONS] -- CARRIER [ARG...]\n"
     "       gx-ssh --connect unix:PATH\n";
 constexpr const char* kHint = "usage: gx-ssh [OPTIONS] -- CARRIER [ARG...]; gx-ssh --help tells more";
 constexpr const char* kDescription =
@@ -96,6 +100,20 @@ PrintFormat Print(const std::string& text) {
   return found->second;
 }
 
+LogFormat Format(const std::string& text) {
+  if (text == "text") return LogFormat::kText;
+  if (text == "json") return LogFormat::kJson;
+  throw CLI::ValidationError("--log-format \"" + text + "\": it is text or json");
+}
+
+int ReadyDescriptor(const std::string& text) {
+  int fd = 0;
+  const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), fd);
+  if (error == std::errc() && end == text.data() + text.size() && fd > STDERR_FILENO && fcntl(fd, F_GETFD) >= 0)
+    return fd;
+  throw CLI::ValidationError("--ready-fd \"" + text + "\": not an open descriptor above 2");
+}
+
 int Attempts(const std::string& text) {
   int attempts = 0;
   const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), attempts);
@@ -119,7 +137,8 @@ CLI::Option* AddText(CLI::App& app, const std::string& name, Value& value, Conve
   return app.add_option_function<std::string>(name, take, help)->option_text(type);
 }
 
-CLI::Option* AddDuration(CLI::App& app, const std::string& name, milliseconds& value, const char* help) {
+template <class Value>
+CLI::Option* AddDuration(CLI::App& app, const std::string& name, Value& value, const char* help) {
   const auto convert = [name](const std::string& text) {
     const auto duration = ParseDuration(text);
     if (!duration) throw CLI::ValidationError(name + " \"" + text + "\": not a duration (500ms, 15s, 2m)");
@@ -142,10 +161,22 @@ void DeclareModes(CLI::App& app, Options& options) {
       ->option_text("[HOST:PORT]");
   app.add_option("--run", options.run, "Run the shell command CMD when the port is up, end with its status")
       ->option_text("CMD");
+  app.add_flag("--probe", options.probe, "Measure what the carrier is good for, and end");
   app.add_flag("--local", options.local, "Be the far side, too: no carrier");
   const auto path = [](const std::string& text) { return UnixPath("--connect", text); };
   AddText(app, "--connect", options.connect_path, path, "unix:PATH",
           "Be a client: carry standard input and output to the socket of --listen");
+}
+
+void DeclareSystem(CLI::App& app, Options& options) {
+  app.add_flag("--background", options.background,
+               "Go on in the background when ready, and print the number of that process");
+  AddText(app, "--ready-fd", options.ready_fd, ReadyDescriptor, "N",
+          "Write one line to this descriptor when ready, and close it");
+  app.add_option("--log-file", options.log_file, "Append what is said to FILE as well, with the time")
+      ->option_text("FILE");
+  AddText(app, "--log-format", options.log_format, Format, "FORMAT", "Of that file: text, json (text)");
+  AddDuration(app, "--stats", options.stats, "Tell so often how much was carried; 0s: never");
 }
 
 void DeclareLink(CLI::App& app, Options& options) {
@@ -207,6 +238,12 @@ std::string Contradiction(const Options& options) {
     const bool more = options.local || options.HasRelay() || !options.run.empty() || !options.carrier.empty();
     return more ? "--connect takes no carrier and goes with no other mode" : "";
   }
+  if (options.probe && (options.local || options.raw || options.HasRelay() || !options.run.empty())) {
+    return "--probe takes a carrier and goes with no other mode, nor with --raw";
+  }
+  if (options.background && (options.probe || options.standard_io || !options.run.empty() || options.json)) {
+    return "--background leaves standard input and output: --probe, -W, --run and --json do not go with it";
+  }
   if (options.local && !options.carrier.empty()) return "--local takes no carrier";
   if (!options.local && options.carrier.empty()) return "a carrier is missing: a command behind --, or --local";
   if (options.standard_io && !options.run.empty()) return "-W and --run exclude each other";
@@ -259,6 +296,7 @@ std::variant<Options, int> ParseOptions(int argc, const char* const* argv) {
   app.footer(kFooter);
   DeclareModes(app, options);
   DeclareLink(app, options);
+  DeclareSystem(app, options);
   DeclareOutput(app, options);
   try {
     app.parse(static_cast<int>(divider - argv), argv);

@@ -10,6 +10,7 @@
 #include <vector>
 
 #include "gx-ssh/forward.h"
+#include "gx-ssh/log_file.h"
 
 namespace gxtool {
 
@@ -24,6 +25,8 @@ struct Options {
   bool standard_io = false;  // -W
   std::string connect_path;  // of a Unix socket; not empty: carry standard input and output to it, no more
   std::string run;           // a shell command; empty: none
+  bool probe = false;        // measure the carrier, no more
+  bool background = false;
 
   std::optional<ListenAddress> listen;  // leads to `target`
   std::vector<Forward> forwards;        // -L
@@ -41,6 +44,10 @@ struct Options {
   std::string name = "gx-ssh";                // of the far side, in ssh's configuration
   bool json = false;
   std::string port_file;
+  int ready_fd = -1;                               // gets a line when all is ready; -1: none
+  std::optional<std::chrono::milliseconds> stats;  // between lines of statistics
+  std::string log_file;
+  LogFormat log_format = LogFormat::kText;
   bool quiet = false;
   int verbosity = 0;
   bool show_version = false;

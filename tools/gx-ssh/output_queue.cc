@@ -43,6 +43,7 @@ class OutputQueue::Writer {
     const std::lock_guard lock(mutex_);
     if (ended_) return;
     bytes_ += line.size();
+    statistics_ += kind == Kind::kStatistics ? 1 : 0;
     lines_.push_back({std::move(line), kind});
     while (bytes_ > kBytes) DropOne();
     changed_.notify_all();
@@ -85,12 +86,17 @@ class OutputQueue::Writer {
   };
 
   void DropOne() {
-    const auto statistics = std::find_if(lines_.begin(), lines_.end(),
-                                         [](const Line& line) { return line.kind == Kind::kStatistics; });
-    const auto victim = statistics == lines_.end() ? lines_.begin() : statistics;
-    bytes_ -= victim->text.size();
+    const auto is_statistics = [](const Line& line) { return line.kind == Kind::kStatistics; };
+    const auto victim =
+        statistics_ == 0 ? lines_.begin() : std::find_if(lines_.begin(), lines_.end(), is_statistics);
+    Forget(*victim);
     lines_.erase(victim);
     ++lost_;
+  }
+
+  void Forget(const Line& line) {
+    bytes_ -= line.text.size();
+    statistics_ -= line.kind == Kind::kStatistics ? 1 : 0;
   }
 
   // Empty: that was all.
@@ -102,9 +108,9 @@ class OutputQueue::Writer {
     if (lines_.empty() && lost_ == 0) return {};
     writing_ = true;
     if (lost_ > 0) return lost_line_(std::exchange(lost_, 0));
+    Forget(lines_.front());
     std::string line = std::move(lines_.front().text);
     lines_.pop_front();
-    bytes_ -= line.size();
     return line;
   }
 
@@ -126,6 +132,7 @@ class OutputQueue::Writer {
   std::condition_variable changed_;
   std::deque<Line> lines_;
   std::size_t bytes_ = 0;
+  std::size_t statistics_ = 0;  // lines of that kind
   std::uint64_t lost_ = 0;
   bool writing_ = false;  // what is in lines_ no more
   bool finishing_ = false;

@@ -162,6 +162,12 @@ std::vector<std::string> Table(const std::vector<Traffic::Connection>& open, con
   return lines;
 }
 
+std::string TotalsLine(const Traffic::Totals& totals) {
+  return fmt::format("{} open, {} in all; {} sent, {} received", totals.open, totals.connections,
+                     FormatBytes(static_cast<double>(totals.sent)),
+                     FormatBytes(static_cast<double>(totals.received)));
+}
+
 std::string StatusLines(const std::string& route, const std::string& link_state, const Traffic::Totals& totals,
                         double sent_rate, double received_rate) {
   return fmt::format("{}   {}\n{} open, {} in all   sent {} ({}/s)   received {} ({}/s)", route, link_state,

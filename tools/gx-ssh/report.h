@@ -63,6 +63,9 @@ std::string ConnectionLine(const Traffic::Change& change);
 // One line for each open connection, with a heading and the totals.
 std::vector<std::string> Table(const std::vector<Traffic::Connection>& open, const Traffic::Totals& totals);
 
+// "2 open, 5 in all; 1.0 KiB sent, 88.0 MiB received"
+std::string TotalsLine(const Traffic::Totals& totals);
+
 // Two lines for the terminal. Rates in bytes per second.
 std::string StatusLines(const std::string& route, const std::string& link_state, const Traffic::Totals& totals,
                         double sent_rate, double received_rate);

@@ -10,14 +10,14 @@ namespace gxtool {
 namespace {
 
 constexpr std::chrono::milliseconds kTick{500};
-constexpr unsigned kTicksPerStatistics = 20;
+constexpr std::chrono::seconds kStatisticsOfEvents{10};
 
 const std::string kStarting = "starting";
 
 bool HasTerminal(const Options& options) {
   const char* terminal = std::getenv("TERM");
   // The command of --run and what talks through -W have the terminal for themselves.
-  const bool ours = !options.quiet && !options.standard_io && options.run.empty();
+  const bool ours = !options.quiet && !options.background && !options.standard_io && options.run.empty();
   return ours && isatty(STDERR_FILENO) && terminal != nullptr && std::string_view(terminal) != "dumb";
 }
 
@@ -37,9 +37,13 @@ Reporter::Reporter(asio::io_context& io, const Options& options, Console& consol
       output_(output, [](std::uint64_t lost) { return EventLine("lost", JsonObject().Add("events", lost)); }),
       traffic_(traffic),
       live_(HasTerminal(options)),
-      timer_(io) {
+      timer_(io),
+      statistics_timer_(io),
+      statistics_time_(
+          options.stats.value_or(options.json ? kStatisticsOfEvents : std::chrono::milliseconds(0))) {
   route_ = options_.local ? "far side inside" : ProgramName(options_.carrier.front());
-  if (live_ || options_.json) Tick();
+  if (live_) Tick();
+  if (statistics_time_.count() > 0) AwaitStatistics();
 }
 
 void Reporter::OnListening(const std::vector<Forward>& forwards) {
@@ -74,6 +78,7 @@ void Reporter::OnConnection(const Traffic::Change& change) {
 
 void Reporter::OnExit(int status, const std::string& reason) {
   timer_.cancel();
+  statistics_timer_.cancel();
   console_.SetStatus({});
   if (options_.json) EmitStatistics(traffic_.totals());
   JsonObject object;
@@ -95,12 +100,21 @@ void Reporter::PrintTable() {
 void Reporter::Tick() {
   const Traffic::Totals totals = traffic_.totals();
   // A carrier that starts may ask for a password, and wants the terminal to itself.
-  if (live_ && link_state_ != kStarting) ShowStatus(totals);
-  if (options_.json && ++ticks_ % kTicksPerStatistics == 0) EmitStatistics(totals);
+  if (link_state_ != kStarting) ShowStatus(totals);
   last_totals_ = totals;
   timer_.expires_after(kTick);
   timer_.async_wait([this](asio::error_code error) {
     if (!error) Tick();
+  });
+}
+
+void Reporter::AwaitStatistics() {
+  statistics_timer_.expires_after(statistics_time_);
+  statistics_timer_.async_wait([this](asio::error_code error) {
+    if (error) return;
+    const Traffic::Totals totals = traffic_.totals();
+    options_.json ? EmitStatistics(totals) : spdlog::info("{}", TotalsLine(totals));
+    AwaitStatistics();
   });
 }
 

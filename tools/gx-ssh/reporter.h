@@ -35,11 +35,15 @@ class Reporter {
 
   void PrintTable();
 
+  // Standard output has what was printed, unless its reader stalls.
+  void Flush() { output_.WaitUntilWritten(std::chrono::milliseconds(300)); }
+
  private:
   using Clock = std::chrono::steady_clock;
 
   void PrintOut(const std::string& text, OutputQueue::Kind kind);
   void Tick();
+  void AwaitStatistics();
   void ShowStatus(const Traffic::Totals& totals);
   void Emit(const char* event, const JsonObject& details, OutputQueue::Kind kind = OutputQueue::Kind::kNews);
   void EmitStatistics(const Traffic::Totals& totals);
@@ -50,7 +54,8 @@ class Reporter {
   const Traffic& traffic_;
   const bool live_;  // there is a status to show
   asio::steady_timer timer_;
-  unsigned ticks_ = 0;
+  asio::steady_timer statistics_timer_;
+  const std::chrono::milliseconds statistics_time_;  // 0: never
   Traffic::Totals last_totals_;
   std::string route_;
   std::string link_state_ = "starting";

@@ -27,6 +27,8 @@ class Terminal {
   bool IsLentTo(pid_t group) const { return borrower_ > 0 && borrower_ == group; }
   // From its borrower, if that has it.
   void TakeBack();
+  // For good.
+  void Leave() { terminal_.Reset(); }
   // A shell has put this program into the foreground again: its borrower follows.
   void OnContinued();
 

@@ -49,8 +49,13 @@ std::size_t ReadyLineFinder::Feed(std::string_view bytes) {
 
 void ReadyLineFinder::TakeByte(char byte) {
   if (line_.size() < kLineBytes) line_ += byte;
+  const std::size_t length = line_.size();
+  const bool tells_features = byte == '\n' && line_.starts_with(features_name_);
   if (byte == '\n') JudgeLine();
-  if (state_ == State::kFound) return;
+  if (state_ == State::kFound || tells_features) {
+    noise_.resize(noise_.size() - std::min(noise_.size(), length - 1));
+    return;
+  }
   if (noise_.size() == kQuoteBytes) noise_.erase(0, 1);
   noise_ += byte;
   if (++skipped_ == kNoiseBytes && state_ == State::kSearching) state_ = State::kTooMuchNoise;

@@ -15,6 +15,7 @@
 #include <fstream>
 
 #include "gx-ssh/failure.h"
+#include "gx-ssh/readiness.h"
 #include "gx-ssh/relay.h"
 #include "link/control_frames.h"
 #include "support/temp_dir.h"
@@ -422,7 +423,7 @@ TEST_F(ProgramTest, ReaderOfEventsThatStallsHoldsUpNothing) {
 
 TEST_F(ProgramTest, ReaderOfErrorsThatStallsHoldsUpNothing) {
   Program program(GX_SSH_PROGRAM,
-                  WithShell({}, kReady + "head -c 100000 /dev/zero | tr '\\0' '\\n' >&2; cat >/dev/null"));
+                  WithShell({}, kReady + "head -c 10000 /dev/zero | tr '\\0' '\\n' >&2; cat >/dev/null"));
   program.Line();
   const auto is_full = [&program] {
     int unread = 0;
@@ -431,6 +432,96 @@ TEST_F(ProgramTest, ReaderOfErrorsThatStallsHoldsUpNothing) {
   };
   ASSERT_TRUE(gxtest::Eventually(is_full));
   program.Signal(SIGTERM);
+  EXPECT_EQ(program.Status(), kExitOk);
+}
+
+TEST_F(ProgramTest, ProbeTellsWhatTheCarrierIsGoodFor) {
+  const std::string peer = GX_PEER_PROGRAM;
+  Program good(GX_SSH_PROGRAM, WithShell({"--probe", "--json"}, "echo Welcome; exec " + peer));
+  EXPECT_THAT(good.Output(),
+              AllOf(HasSubstr(R"("usable":1)"), HasSubstr(R"("noise":"Welcome\\n)"),
+                    HasSubstr(R"("round_trip_median_ms":)"), HasSubstr(R"("bytes_survive":1)"),
+                    HasSubstr(R"("there_bytes_per_second":)"), HasSubstr(R"("both_bytes_per_second":)")));
+  EXPECT_EQ(good.Status(), kExitOk) << good.Errors();
+  Program bad(GX_SSH_PROGRAM, WithShell({"--probe"}, peer + " | stdbuf -o0 tr '\\200' '\\201'"));
+  EXPECT_THAT(bad.Output(), HasSubstr("not usable: byte 0x80 comes back as 0x81"));
+  EXPECT_EQ(bad.Status(), kExitNotReady);
+}
+
+TEST_F(ProgramTest, TellsWhoeverWaitsAndKeepsALog) {
+  const std::string ready = folder_.path() + "/ready";
+  const std::string log = folder_.path() + "/log";
+  Arguments arguments = {"-c",
+                         "exec 3>" + ready + "; exec \"$0\" \"$@\"",
+                         GX_SSH_PROGRAM,
+                         "--ready-fd",
+                         "3",
+                         "--log-file",
+                         log,
+                         "--log-format",
+                         "json",
+                         "--stats",
+                         "100ms"};
+  const Arguments more = WithPeer({});
+  arguments.insert(arguments.end(), more.begin(), more.end());
+  Program program("/bin/sh", arguments);
+  const std::string address = program.Line();
+  std::string told;
+  EXPECT_TRUE(gxtest::Eventually([&] { return bool(std::getline(std::ifstream(ready), told)); }));
+  EXPECT_EQ(told, address);
+  EXPECT_THAT(ReadLine(program.errors()), HasSubstr("0 open, 0 in all; 0 B sent"));
+  program.Signal(SIGTERM);
+  EXPECT_EQ(program.Status(), kExitOk);
+  std::getline(std::ifstream(log), told);
+  EXPECT_THAT(
+      told,
+      AllOf(testing::StartsWith(R"({"time":"20)"),
+            testing::EndsWith(R"("level":"info","message":"0 open, 0 in all; 0 B sent, 0 B received"})")));
+}
+
+TEST_F(ProgramTest, GoesOnInTheBackground) {
+  const std::string port_file = folder_.path() + "/port";
+  Program program(GX_SSH_PROGRAM, WithPeer({"--background", "--port-file", port_file}));
+  const std::string address = program.Line();
+  const pid_t pid = std::stoi(program.Line());
+  EXPECT_EQ(program.Output() + program.Errors(), "") << "both are let go";
+  EXPECT_EQ(program.Status(), kExitOk);
+  EXPECT_EQ(getsid(pid), pid);
+  EXPECT_EQ(Echo(Connect(address), "hello"), "hello");
+  EXPECT_EQ(kill(pid, SIGTERM), 0);
+  EXPECT_TRUE(gxtest::Eventually([&] { return !std::filesystem::exists(port_file); }));
+
+  Program failing(GX_SSH_PROGRAM, WithShell({"--background"}, "exit 1"));
+  EXPECT_THAT(failing.Errors(), HasSubstr("it has ended before it was ready"));
+  EXPECT_EQ(failing.Output(), "");
+  EXPECT_EQ(failing.Status(), kExitNotReady);
+}
+
+TEST_F(ProgramTest, ServiceManagerHearsHowItIs) {
+  if (!Readiness::KnowsServiceManager()) GTEST_SKIP() << "not in this build";
+  sockaddr_un address{};
+  address.sun_family = AF_UNIX;
+  const std::string path = folder_.path() + "/notify";
+  path.copy(address.sun_path, sizeof address.sun_path - 1);
+  const Descriptor manager(socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0));
+  ASSERT_EQ(bind(manager.get(), reinterpret_cast<sockaddr*>(&address), sizeof address), 0);
+  const auto hears = [&manager](const std::string& word) {
+    for (std::string said; !(said = ReadSome(manager.get())).empty();) {
+      if (said == word) return true;
+    }
+    return false;
+  };
+  Arguments arguments = {"NOTIFY_SOCKET=" + path, "WATCHDOG_USEC=200000", GX_SSH_PROGRAM};
+  // A carrier that could speak for gx-ssh does not become ready.
+  const Arguments more = WithShell({}, "test -z \"$NOTIFY_SOCKET\" || exit 1; " + kReady + "cat >/dev/null");
+  arguments.insert(arguments.end(), more.begin(), more.end());
+  Program program("/usr/bin/env", arguments);
+  EXPECT_TRUE(hears("STATUS=the link is up"));
+  EXPECT_TRUE(hears("READY=1"));
+  EXPECT_TRUE(hears("WATCHDOG=1"));
+  EXPECT_TRUE(hears("WATCHDOG=1"));
+  program.Signal(SIGTERM);
+  EXPECT_TRUE(hears("STOPPING=1"));
   EXPECT_EQ(program.Status(), kExitOk);
 }
 
