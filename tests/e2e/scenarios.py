@@ -6,7 +6,6 @@ import contextlib
 import hashlib
 import os
 import secrets
-import shutil
 import signal
 import sys
 import tempfile
@@ -87,51 +86,6 @@ def sessions(tools, server):
                 terminal.expect(terminal.out, "typed-by-hand")
                 terminal.send("exit 7\n")
                 terminal.expect_status(7)
-
-
-def make_tree(root):
-    os.makedirs(f"{root}/a/b/c")
-    os.makedirs(f"{root}/empty folder")
-    for number in range(50):
-        with open(f"{root}/a/b/{number}.bin", "wb") as file:
-            file.write(secrets.token_bytes(number * 997))
-    random_file(f"{root}/a/b/c/large", 2)
-    with open(f"{root}/a/name with blanks.sh", "w", encoding="ascii") as file:
-        os.fchmod(file.fileno(), 0o750)
-
-
-def describe_tree(root):
-    """Relative path, mode and SHA-256 of everything below `root`."""
-    found = []
-    for folder, folders, files in os.walk(root):
-        for name in folders + files:
-            path = os.path.join(folder, name)
-            digest = sha256(path) if name in files else ""
-            found.append((os.path.relpath(path, root), os.stat(path).st_mode, digest))
-    return sorted(found)
-
-
-@scenario
-def tree_copies(tools, server):
-    """A tree there and back by scp, rsync and git."""
-    tree, there, back, clone = (f"{server.folder}/{name}" for name in ("tree", "there", "back", "clone"))
-    make_tree(tree)
-    proxy = ProxyCommand(tools, server)
-    ssh = f"ssh -F {proxy.config}"
-    for command in (proxy.command("scp", "-q", "-p", "-r"), ["rsync", "-a", "-e", ssh]):
-        # rsync copies what is in a folder whose name ends in a slash, scp the folder itself.
-        slash = "/" if command[0] == "rsync" else ""
-        run([*command, tree + slash, f"far:{there}"])
-        run([*command, f"far:{there}{slash}", back])
-        expect(describe_tree(tree) == describe_tree(there) == describe_tree(back), f"{command[0]}: trees differ")
-        shutil.rmtree(there)
-        shutil.rmtree(back)
-    git = ["git", "-C", tree, "-c", "user.name=x", "-c", "user.email=x", "-c", f"core.sshCommand={ssh}"]
-    run([*git, "init", "-q"])
-    run([*git, "add", "."])
-    run([*git, "commit", "-q", "-m", "x"])
-    run([*git, "clone", "-q", f"far:{tree}", clone])
-    expect(sha256(f"{clone}/a/b/c/large") == sha256(f"{tree}/a/b/c/large"), "git cloned something else")
 
 
 @scenario

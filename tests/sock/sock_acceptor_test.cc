@@ -171,18 +171,4 @@ TEST_F(SockAcceptorTest, DescriptorsAreCloseOnExecFromTheirFirstMoment) {
   EXPECT_EQ(DescriptorsForPrograms(), before);
 }
 
-// Nobody would watch the port: clients must be refused instead of left waiting.
-TEST_F(SockAcceptorTest, WithoutMemoryForATaskThePortIsClosed) {
-  class FullTracker final : public ITCPTaskTracker {
-   public:
-    bool AddTask(const CTCPTask&) override { throw std::bad_alloc(); }
-  };
-  FullTracker tracker;
-  KeepingAcceptor acceptor;
-  const int open = gxtest::OpenDescriptors();
-  EXPECT_FALSE(acceptor.StartListen("127.0.0.1:0", &tracker));
-  EXPECT_EQ(gxtest::OpenDescriptors(), open);
-  EXPECT_STREQ(acceptor.GetAddress(), "");
-}
-
 }  // namespace

@@ -24,9 +24,8 @@
 
 namespace gxtool {
 
-inline constexpr int kBoundMs = 20'000;  // of every wait
-
-inline constexpr std::chrono::milliseconds kPatience{kBoundMs};
+using gxtest::kPatience;
+inline constexpr int kBoundMs = std::chrono::milliseconds(kPatience).count();  // of every wait
 
 inline bool WaitFor(int fd, short events, int bound_ms = kBoundMs) {
   pollfd entry{fd, events, 0};
