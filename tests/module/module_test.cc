@@ -176,6 +176,11 @@ TEST_F(ModuleTest, PluginWalksItsRoad) {
   const CRefObj<IControlSshPlugin> plugin = Create();
   const CRefObj<PluginStream> stream(new PluginStream);
   const CRefObj<Listener> listener(new Listener("10.0.0.5:2222"));
+  void* same = nullptr;
+  EXPECT_FALSE(plugin->GetInterface("IOther", &same));
+  EXPECT_FALSE(plugin->GetInterface(kControlSshInterfaceName, nullptr));
+  EXPECT_TRUE(plugin->GetInterface(kControlSshInterfaceName, &same));
+  EXPECT_EQ(CRefObj<IControlSshPlugin>::Attach(static_cast<IControlSshPlugin*>(same)).get(), plugin.get());
   plugin->SetListener(listener.get());
   EXPECT_STREQ(plugin->GetLocalAddress(), "127.0.0.1");
   EXPECT_EQ(plugin->GetLocalPort(), 22);

@@ -84,6 +84,8 @@ TEST_F(StalledReaderTest, IsBoundedAndCutInTheEnd) {
   stop_ = true;
   stream_->Send({ConnectionType::Data, other.id, "later"});
   EXPECT_EQ(other.local.Receive(5), "later");
+  other.local.Send("up");
+  EXPECT_EQ(stream_->Receive(), (Frame{ConnectionType::Data, other.id, "up"})) << "one Close";
   EXPECT_EQ(WarningCount(), 2U);
 }
 

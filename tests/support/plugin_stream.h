@@ -80,6 +80,7 @@ class PluginStream final : public IPluginStreamRaw, private CReference {
 
   std::uint32_t Read(void* data, unsigned length, unsigned* got, unsigned) override {
     std::unique_lock lock(mutex_);
+    if (read_ended_) ++reads_behind_the_end_;
     changed_.wait(lock, [&] {
       return closed_ || ReadFails() || (behaviour_.read_at_most != 0 && (ended_ || !to_module_.empty()));
     });
@@ -173,6 +174,10 @@ class PluginStream final : public IPluginStreamRaw, private CReference {
   bool WaitUntilReadEnds() {
     return WaitUntil([&] { return read_ended_; });
   }
+  std::size_t ReadsBehindTheEnd() {
+    const std::lock_guard lock(mutex_);
+    return reads_behind_the_end_;
+  }
   bool WaitUntilWriteBlocks() {
     return WaitUntil([&] { return blocked_; });
   }
@@ -223,6 +228,7 @@ class PluginStream final : public IPluginStreamRaw, private CReference {
   bool closed_ = false;
   bool ended_ = false;
   bool read_ended_ = false;
+  std::size_t reads_behind_the_end_ = 0;
   bool blocked_ = false;
 };
 

@@ -199,7 +199,6 @@ TEST_F(PeerTest, AnswersThatNobodyTakesDoNotPileUp) {
 }
 
 TEST_F(PeerTest, EndsWithItsInput) {
-  const auto start = std::chrono::steady_clock::now();
   {
     Rig cut(options_);
     EXPECT_TRUE(WriteAll(cut.host(), "half a"));
@@ -213,7 +212,6 @@ TEST_F(PeerTest, EndsWithItsInput) {
     gone.HangUp();
     gone.Join();
   }
-  EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(10));
 }
 
 TEST_F(PeerTest, StopDoesNotWaitForWhatNeverEnds) {
@@ -313,7 +311,6 @@ TEST_F(PeerLinkTest, StopLetsWhatIsUnderWayFinish) {
   ::setsockopt(busy.get(), SOL_SOCKET, SO_SNDBUF, &buffer, sizeof buffer);
   std::string bytes = Pattern(16 << 20, 1);
   bytes.resize(WriteUntilStuck(busy.get(), bytes));
-  const auto start = std::chrono::steady_clock::now();
   rig.peer().Stop();
   rig.Send(ConnectionType::Connect, 3, target_.Address());
   std::string received;
@@ -325,7 +322,6 @@ TEST_F(PeerLinkTest, StopLetsWhatIsUnderWayFinish) {
   EXPECT_THAT(rest, ElementsAre(Of(kResetFrame, 3, "refused " + target_.Address() + ": stopping"),
                                 Of(ConnectionType::Close, 3), Of(kGoodbyeFrame, 0, "stopped")));
   EXPECT_EQ(rig.Join(), kPeerEnded);
-  EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(10));
 }
 
 TEST_F(PeerTest, ConnectionsAreCounted) {
