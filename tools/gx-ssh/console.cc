@@ -61,7 +61,7 @@ void Console::SetStatus(const std::string& lines) {
     Wipe();
     status_ = Fit(lines);
     Draw();
-    Flush();
+    SendOut();
   }
   if (lines.empty()) output_.WaitUntilWritten(kWipeTime);
 }
@@ -77,7 +77,7 @@ void Console::ShowUnfinished(const std::string& text) {
   status_.clear();
   Say(kPrefix + text);
   unfinished_ = kPrefix + text;
-  Flush();
+  SendOut();
 }
 
 void Console::sink_it_(const spdlog::details::log_msg& message) {
@@ -86,7 +86,7 @@ void Console::sink_it_(const spdlog::details::log_msg& message) {
   Wipe();
   Say({line.data(), line.size()});
   Draw();
-  Flush();
+  SendOut();
 }
 
 void Console::Say(std::string_view text) {
@@ -112,7 +112,7 @@ void Console::Wipe() {
   out_ += "\r\x1b[" + std::to_string(lines) + "A\x1b[J";
 }
 
-void Console::Flush() {
+void Console::SendOut() {
   if (!out_.empty()) output_.Add(std::exchange(out_, {}));
 }
 

@@ -46,7 +46,7 @@ class Console final : public spdlog::sinks::base_sink<std::mutex> {
   void Say(std::string_view text);  // on a line of its own, or as the rest of the unfinished one
   void Draw();
   void Wipe();
-  void Flush();  // queues what the three above have written
+  void SendOut();  // queues what the three above have written
 
   OutputQueue output_;
   std::string out_;         // for output_

@@ -15,6 +15,7 @@
 
 #include <csignal>
 #include <cstring>
+#include <filesystem>
 #include <fstream>
 #include <functional>
 
@@ -150,6 +151,8 @@ TEST_F(ConfinementTest, OnlyTheCachesFolderIsWrittenTo) {
       {"deleting", [&] { return ::unlink(file.c_str()); }},
   };
   EXPECT_EQ(Confined(needs_, forbidden, permitted), "end");
+  const ConfinementNeeds relative{std::filesystem::relative(file), needs_.tcp_ports};
+  EXPECT_EQ(Confined(relative, {}, permitted), "end");
 }
 
 TEST_F(ConfinementTest, OnlyPermittedPortsAreConnectedTo) {
