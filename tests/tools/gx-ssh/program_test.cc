@@ -484,7 +484,8 @@ TEST_F(ProgramTest, GoesOnInTheBackground) {
   Program program(GX_SSH_PROGRAM, WithPeer({"--background", "--port-file", port_file}));
   const std::string address = program.Line();
   const pid_t pid = std::stoi(program.Line());
-  EXPECT_EQ(program.Output() + program.Errors(), "") << "both are let go";
+  EXPECT_EQ(program.Output() + program.Errors(), "");
+  EXPECT_TRUE(WaitFor(program.errors(), POLLIN)) << "nobody holds it open";
   EXPECT_EQ(program.Status(), kExitOk);
   EXPECT_EQ(getsid(pid), pid);
   EXPECT_EQ(Echo(Connect(address), "hello"), "hello");
