@@ -50,7 +50,7 @@ This package holds the module and an overview of the whole as a manual page.")
 
 gx_package(gx-ssh gx-ssh SECTION net
   DEPENDS "libgx-control-ssh (= ${GX_DEBIAN_VERSION})" RECOMMENDS "openssh-client"
-  SUGGESTS "gx-ssh-peer (= ${GX_DEBIAN_VERSION})"
+  SUGGESTS "gx-ssh-peer (= ${GX_DEBIAN_VERSION}), gx-ssh-peers (= ${GX_DEBIAN_VERSION})"
   DESCRIPTION "forward connections through the stdin and stdout of a command
 gx-ssh starts a command that runs gx-ssh-peer on another computer - inside a
 container, behind a jump host, at the end of a serial line - and opens a local
@@ -70,6 +70,13 @@ if(GX_STATIC_PEER)
     DESCRIPTION "far side of gx-ssh as one static file
 gx-ssh-peer as one static file, /usr/libexec/gx-ssh/gx-ssh-peer. It runs where
 nothing is installed. Copy it into a container or a pod and start it there.")
+endif()
+
+if(GX_STATIC_PEER)
+  gx_package(peers gx-ssh-peers SECTION net
+    DESCRIPTION "far sides that gx-ssh brings to other computers
+gx-ssh --bring sends one of these static builds of gx-ssh-peer to a computer
+on which there is nothing but a shell, and runs it there.")
 endif()
 
 gx_package(dev libgxmod-dev SECTION libdevel

@@ -24,14 +24,16 @@ _gx_ssh() {
   done
   word=${COMP_WORDS[COMP_CWORD - 1]}
   case $word in
+    --peer-dir) mapfile -t COMPREPLY < <(compgen -d -- "$current") ;;
     --print) mapfile -t COMPREPLY < <(compgen -W "addr port json env ssh-config none" -- "$current") ;;
     --log-format) mapfile -t COMPREPLY < <(compgen -W "text json" -- "$current") ;;
     --run) mapfile -t COMPREPLY < <(compgen -c -- "$current") ;;
     --target | --connect-timeout | --keepalive | --keepalive-count | --listen | -L | --connect | --name | \
-      --ready-fd | --stats) COMPREPLY=() ;;
+      --ready-fd | --stats | --allow | --bring-dir) COMPREPLY=() ;;
     *) _gx_ssh_offer "$current" -W --stdio --run --local --target --module --raw --connect-timeout --keepalive \
-      --keepalive-count --reconnect --allow-channel-list --listen -L --user-only --connect --print --name --json \
-      --port-file --probe --background --ready-fd --log-file --log-format --stats -q --quiet -v --verbose --version -h --help -- ;;
+      --keepalive-count --reconnect --allow-channel-list --bring --bring-dir --bring-once --allow --peer-dir \
+      --listen -L --user-only --connect --print --name --json --port-file --probe --background --ready-fd \
+      --log-file --log-format --stats -q --quiet -v --verbose --version -h --help -- ;;
   esac
 }
 

@@ -11,12 +11,13 @@ import sys
 import tempfile
 import time
 
+import bringing
 import relays
 from terminal import Typist
 from throwaway import (Failure, ProxyCommand, SshServer, Tunnel, bounded, nothing_left, run, wait_until_gone,
                        write_script)
 
-SCENARIOS = dict(relays.SCENARIOS)
+SCENARIOS = {**relays.SCENARIOS, **bringing.SCENARIOS}
 
 
 def scenario(function):

@@ -67,6 +67,7 @@ def main():
         installed = files_below(f"{scratch}/tree")
         packed = set().union(*contents)
         check(sum(map(len, contents)) == len(packed), "a file is in two packages")
+        installed = without_gz(installed)
         check(without_gz(packed) == installed, f"in one only: {without_gz(packed) ^ installed}")
         if arguments.install:
             install_and_purge(packages, f"{scratch}/root")

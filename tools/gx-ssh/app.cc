@@ -128,6 +128,12 @@ void App::EndLink() {
   for (const Traffic::Connection& closed : traffic_.CloseAll()) reporter_.OnConnection({false, closed});
 }
 
+// A shell has answered, so nobody is asked for a password any more.
+void App::OnBringing(const StoredPeer& peer, std::size_t sent, std::size_t total) {
+  terminal_.TakeBack();
+  reporter_.OnBringing(peer.architecture, sent, total);
+}
+
 void App::OnLinkUp(const std::string& address, std::uint16_t port) {
   terminal_.TakeBack();
   reporter_.OnLink("up", {});

@@ -56,6 +56,7 @@ class App final : public Link::Owner {
 
   void StartLink();
   void EndLink();
+  void OnBringing(const StoredPeer& peer, std::size_t sent, std::size_t total) override;
   void OnLinkUp(const std::string& address, std::uint16_t port) override;
   void OnLinkDown(const Failure& why, bool in_order) override;
   void OnInputDelivered() override;

@@ -3,6 +3,7 @@
 #include <unistd.h>
 
 #include <asio/buffer.hpp>
+#include <asio/post.hpp>
 #include <cerrno>
 #include <cstring>
 #include <utility>
@@ -12,13 +13,13 @@
 
 namespace gxtool {
 
-Handshake::Handshake(asio::io_context& io, Descriptor input, int output, std::chrono::milliseconds timeout,
-                     Result result)
+Handshake::Handshake(asio::io_context& io, Descriptor input, const std::string& received, int output,
+                     std::chrono::milliseconds timeout, Result result)
     : input_(io, input.Release()), timer_(io), result_(std::move(result)) {
   // It fits into an empty pipe. If nobody is there to read it, the input ends as well, and that is reported.
   const std::string line = Greeting(Side::kHost);
   [[maybe_unused]] const ssize_t written = write(output, line.data(), line.size());
-  Read();
+  asio::post(io, lifetime_.Guard([this, received] { Take(received); }));
   if (timeout.count() == 0) return;
   timer_.expires_after(timeout);
   timer_.async_wait(lifetime_.Guard([this, timeout](asio::error_code) {

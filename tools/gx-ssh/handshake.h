@@ -27,9 +27,9 @@ class Handshake {
     std::function<void(const std::string& problem)> failed;  // with a hint
   };
 
-  // Owns `input`; `output` is borrowed. A timeout of 0 is none.
-  Handshake(asio::io_context& io, Descriptor input, int output, std::chrono::milliseconds timeout,
-            Result result);
+  // Owns `input`, of which `received` has been read already; `output` is borrowed. A timeout of 0 is none.
+  Handshake(asio::io_context& io, Descriptor input, const std::string& received, int output,
+            std::chrono::milliseconds timeout, Result result);
 
   // The end of what came before the ready line.
   const std::string& noise() const { return finder_.noise(); }

@@ -59,15 +59,7 @@ Link::Link(asio::io_context& io, const Options& options, ModuleLibrary& module, 
     asio::post(io_, lifetime_.Guard([this] { RunModule(far_side_->TakeInput(), {}); }));
     return;
   }
-  handshake_ = std::make_unique<Handshake>(
-      io, far_side_->TakeInput(), output_.get(), options.connect_timeout,
-      Handshake::Result{[this](Descriptor ready, const std::string& received, const Features&) {
-                          RunModule(std::move(ready), received);
-                        },
-                        [this](const std::string& problem) {
-                          input_ended_ = true;
-                          Fail(kExitNotReady, kNotReady + problem);
-                        }});
+  options.bring ? StartBring() : StartHandshake(far_side_->TakeInput(), {});
 }
 
 Link::~Link() {
@@ -75,9 +67,37 @@ Link::~Link() {
   if (plugin_) plugin_->ExitInstance();
   plugin_ = {};
   stream_ = {};
+  bring_.reset();
   handshake_.reset();
   output_.Reset();
   far_side_->End();
+}
+
+void Link::StartBring() {
+  bring_ = std::make_unique<Bring>(
+      io_, far_side_->TakeInput(), output_.get(), options_.connect_timeout, MakeBringOrders(options_),
+      Bring::Result{[this](Descriptor input, const std::string& received) {
+                      bring_.reset();
+                      StartHandshake(std::move(input), received);
+                    },
+                    [this](const std::string& problem) { FailToStart(problem); },
+                    [this](const StoredPeer& peer, std::size_t sent, std::size_t total) {
+                      owner_.OnBringing(peer, sent, total);
+                    }});
+}
+
+void Link::StartHandshake(Descriptor input, const std::string& received) {
+  handshake_ = std::make_unique<Handshake>(
+      io_, std::move(input), received, output_.get(), options_.connect_timeout,
+      Handshake::Result{[this](Descriptor ready, const std::string& rest, const Features&) {
+                          RunModule(std::move(ready), rest);
+                        },
+                        [this](const std::string& problem) { FailToStart(problem); }});
+}
+
+void Link::FailToStart(const std::string& problem) {
+  input_ended_ = true;
+  Fail(kExitNotReady, kNotReady + problem);
 }
 
 void Link::RunModule(Descriptor input, const std::string& received) {

@@ -12,6 +12,7 @@
 #include <optional>
 #include <string>
 
+#include "gx-ssh/bring.h"
 #include "gx-ssh/console.h"
 #include "gx-ssh/descriptor.h"
 #include "gx-ssh/entrance.h"
@@ -26,13 +27,15 @@
 
 namespace gxtool {
 
-// States: starting (the far side is being waited for), up (the module works on the stream), ending (something
-// has broken; for a moment the carrier's exit status and last words are waited for), down. Threads: the one
-// that runs `io`.
+// States: starting (the far side is being brought or waited for), up (the module works on the stream), ending
+// (something has broken; for a moment the carrier's exit status and last words are waited for), down. Threads:
+// the one that runs `io`.
 class Link final : StreamObserver {
  public:
   class Owner {
    public:
+    // gx-ssh-peer is being sent to the far side.
+    virtual void OnBringing(const StoredPeer& peer, std::size_t sent, std::size_t total) = 0;
     // The module listens there.
     virtual void OnLinkUp(const std::string& address, std::uint16_t port) = 0;
     // Once; the link may then be destroyed. `in_order`: the far side has said that it ends, and the module has
@@ -71,6 +74,9 @@ class Link final : StreamObserver {
   void OnContinued() { far_side_->Continue(); }
 
  private:
+  void StartBring();
+  void StartHandshake(Descriptor input, const std::string& received);
+  void FailToStart(const std::string& problem);
   void RunModule(Descriptor input, const std::string& received);
   void KeepAlive();
   void ExpireGuestsAt(Entrance::Clock::time_point time);
@@ -99,6 +105,7 @@ class Link final : StreamObserver {
   Lifetime lifetime_;
   std::unique_ptr<FarSide> far_side_;
   Descriptor output_;  // to the far side, until the stream takes it
+  std::unique_ptr<Bring> bring_;
   std::unique_ptr<Handshake> handshake_;
   CRefObj<PluginStream> stream_;
   CRefObj<IControlSshPlugin> plugin_;

@@ -67,13 +67,15 @@ std::string ProgramPath() {
 #endif
 }
 
-std::string DefaultModulePath() {
+std::string InstalledPath(const std::string& built, const std::string& installed) {
   const fs::path folder = fs::path(ProgramPath()).parent_path();
   // Only a program in its build tree looks there: an installed one takes nothing but what was installed with
   // it.
   const bool in_build_tree = folder.filename() == "gx-ssh" && folder.parent_path().filename() == "tools";
-  return (folder / (in_build_tree ? GX_SSH_BUILT_MODULE : GX_SSH_INSTALLED_MODULE)).lexically_normal();
+  return (folder / (in_build_tree ? built : installed)).lexically_normal();
 }
+
+std::string DefaultModulePath() { return InstalledPath(GX_SSH_BUILT_MODULE, GX_SSH_INSTALLED_MODULE); }
 
 ModuleLibrary::ModuleLibrary(const std::string& path, IGXModRuntime& runtime)
     // A bare file name would be searched for in the system's folders.

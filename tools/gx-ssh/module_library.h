@@ -13,6 +13,8 @@ namespace gxtool {
 // Where the module lies that belongs to this program: beside it in the build tree, or where both were
 // installed.
 std::string DefaultModulePath();
+// What belongs to this program: `built` in the build tree, else `installed`, either from the program's folder.
+std::string InstalledPath(const std::string& built, const std::string& installed);
 // Of this program; empty when the system does not tell.
 std::string ProgramPath();
 

@@ -12,9 +12,11 @@
 
 #include "gx-ssh/failure.h"
 #include "gx-ssh/module_library.h"
+#include "gx-ssh/peer_store.h"
 #include "link/duration.h"
 #include "link/escape.h"
 #include "link/host_port.h"
+#include "peer/allow_list.h"
 
 namespace gxtool {
 namespace {
@@ -123,6 +125,20 @@ int Attempts(const std::string& text) {
   return attempts;
 }
 
+std::string AllowEntry(const std::string& text) {
+  std::string why;
+  if (!AllowList().Add(text, &why)) throw CLI::ValidationError("--allow \"" + text + "\": " + why);
+  return text;
+}
+
+// It becomes a part of a line for a shell.
+std::string BringFolder(const std::string& text) {
+  if (text.empty() || text.find('\n') != std::string::npos || text.size() > 500) {
+    throw CLI::ValidationError("--bring-dir \"" + text + "\": not the path of a folder");
+  }
+  return text;
+}
+
 class HelpText : public CLI::Formatter {
  public:
   HelpText() { column_width(34); }
@@ -206,6 +222,25 @@ void DeclareLink(CLI::App& app, Options& options) {
   app.add_flag("--allow-channel-list", options.allow_channel_list, "Let the far side open further ports here");
 }
 
+void DeclareBring(CLI::App& app, Options& options) {
+  app.add_flag("--bring", options.bring,
+               "The carrier leads to a shell: send gx-ssh-peer there if need be, and run it");
+  AddText(app, "--bring-dir", options.bring_folder, BringFolder, "DIR",
+          "Where it lies there (~/.cache/gx-ssh, else in /tmp)");
+  app.add_flag("--bring-once", options.bring_once, "Remove it there as soon as it runs");
+  app.add_option_function<std::vector<std::string>>(
+         "--allow",
+         [&options](const std::vector<std::string>& texts) {
+           for (const std::string& text : texts) options.allow.push_back(AllowEntry(text));
+         },
+         "Let it open this target, too; may be repeated")
+      ->option_text("HOST:PORT")
+      ->allow_extra_args(false);
+  app.add_option("--peer-dir", options.peer_folder,
+                 "What is there to be sent (that of the package gx-ssh-peers)")
+      ->option_text("DIR");
+}
+
 void DeclareOutput(CLI::App& app, Options& options) {
   AddText(app, "--listen", options.listen, Listen, "ADDR:PORT|unix:PATH",
           "Listen there (any port of 127.0.0.1)");
@@ -245,6 +280,17 @@ std::string Contradiction(const Options& options) {
     return "--background leaves standard input and output: --probe, -W, --run and --json do not go with it";
   }
   if (options.local && !options.carrier.empty()) return "--local takes no carrier";
+  if (options.bring && (options.local || options.raw || options.probe)) {
+    return "--bring does not go with --local, --raw and --probe";
+  }
+  if (!options.bring && (options.bring_once || !options.bring_folder.empty() || !options.allow.empty())) {
+    return "--bring-dir, --bring-once and --allow go with --bring";
+  }
+  std::string permitted;
+  for (const std::string& target : options.PermittedTargets()) permitted += "--allow" + target + "       ";
+  if (options.bring && (permitted.size() > 1200 || permitted.find('\n') != std::string::npos)) {
+    return "--bring: the targets do not fit into a line for a shell";
+  }
   if (!options.local && options.carrier.empty()) return "a carrier is missing: a command behind --, or --local";
   if (options.standard_io && !options.run.empty()) return "-W and --run exclude each other";
   const bool prints = options.json || options.print != PrintFormat::kNothing;
@@ -283,9 +329,17 @@ std::vector<Forward> Options::Listeners() const {
   return all;
 }
 
+std::vector<std::string> Options::PermittedTargets() const {
+  std::vector<std::string> targets = allow;
+  if (forwards.empty() || listen || standard_io) targets.push_back(target);
+  for (const Forward& forward : forwards) targets.push_back(forward.target);
+  return targets;
+}
+
 std::variant<Options, int> ParseOptions(int argc, const char* const* argv) {
   Options options;
   options.module_path = DefaultModulePath();
+  options.peer_folder = DefaultPeerFolder();
   // The carrier's own options are none of ours, so the line is cut before it is parsed.
   const char* const* end = argv + argc;
   const char* const* divider = std::find(argv, end, std::string_view("--"));
@@ -296,6 +350,7 @@ std::variant<Options, int> ParseOptions(int argc, const char* const* argv) {
   app.footer(kFooter);
   DeclareModes(app, options);
   DeclareLink(app, options);
+  DeclareBring(app, options);
   DeclareSystem(app, options);
   DeclareOutput(app, options);
   try {

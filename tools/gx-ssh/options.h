@@ -34,6 +34,12 @@ struct Options {
   bool reconnect = false;
   int reconnect_attempts = 0;  // in a row; 0: no limit
 
+  bool bring = false;  // the carrier leads to a shell
+  bool bring_once = false;
+  std::string bring_folder;        // over there; empty: the usual one
+  std::string peer_folder;         // here: what can be brought
+  std::vector<std::string> allow;  // with `bring`, beside our own targets
+
   bool raw = false;
   bool allow_channel_list = false;
   std::chrono::milliseconds connect_timeout{10'000};
@@ -52,6 +58,8 @@ struct Options {
   int verbosity = 0;
   bool show_version = false;
 
+  // What a gx-ssh-peer that we bring has to permit.
+  std::vector<std::string> PermittedTargets() const;
   // gx-ssh itself listens, and not the module for everybody.
   bool HasListener() const { return listen || reconnect || user_only || !forwards.empty(); }
   // Where, in the order in which that is told.

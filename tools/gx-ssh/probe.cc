@@ -57,7 +57,7 @@ class Session final : FrameReader::Handler {
         output_(io_, carrier_.TakeOutput().Release()),
         timer_(io_) {
     handshake_.emplace(
-        io_, carrier_.TakeInput(), output_.native_handle(), options.connect_timeout,
+        io_, carrier_.TakeInput(), std::string(), output_.native_handle(), options.connect_timeout,
         Handshake::Result{[this](Descriptor input, const std::string& received, const Features& features) {
                             OnReady(std::move(input), received, features);
                           },

@@ -5,6 +5,7 @@
 
 #include <cstdlib>
 #include <string_view>
+#include <utility>
 
 namespace gxtool {
 namespace {
@@ -56,12 +57,22 @@ void Reporter::OnListening(const std::vector<Forward>& forwards) {
 
 void Reporter::OnLink(const std::string& state, const std::string& detail) {
   link_state_ = state;
+  bringing_ = false;
   if (state == kStarting) console_.SetStatus({});
   link_since_ = Clock::now();
   JsonObject object;
   object.Add("state", state);
   if (!detail.empty()) object.Add("detail", detail);
   Emit("link", object);
+}
+
+void Reporter::OnBringing(const std::string& architecture, std::size_t sent, std::size_t total) {
+  if (!std::exchange(bringing_, true)) {
+    spdlog::info("sends gx-ssh-peer for {} there, {}", architecture, FormatBytes(static_cast<double>(total)));
+  }
+  if (!live_) return;
+  console_.SetStatus("sent " + FormatBytes(static_cast<double>(sent)) + " of " +
+                     FormatBytes(static_cast<double>(total)));
 }
 
 bool Reporter::TellsConnections() const { return options_.json || spdlog::should_log(spdlog::level::debug); }

@@ -27,6 +27,8 @@ class Reporter {
   void OnListening(const std::vector<Forward>& forwards);
   // `state` is one word: starting, up, lost, ended. `detail` may be empty.
   void OnLink(const std::string& state, const std::string& detail);
+  // That much of a gx-ssh-peer for that architecture was sent.
+  void OnBringing(const std::string& architecture, std::size_t sent, std::size_t total);
   // False: nobody would see what OnConnection tells. Any thread.
   bool TellsConnections() const;
   void OnConnection(const Traffic::Change& change);
@@ -58,6 +60,7 @@ class Reporter {
   const std::chrono::milliseconds statistics_time_;  // 0: never
   Traffic::Totals last_totals_;
   std::string route_;
+  bool bringing_ = false;
   std::string link_state_ = "starting";
   Clock::time_point link_since_ = Clock::now();
 };

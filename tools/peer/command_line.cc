@@ -136,6 +136,9 @@ CommandLine ParseCommandLine(int argc, const char* const* argv) {
   app.add_flag("--raw", line.options.raw, "Frames only: no ready line, signs of life, goodbye");
   app.add_flag_callback(
       "--no-confine", [&line] { line.confine = false; }, "Keep rights that it has no use for");
+  // For gx-ssh --bring, and no business of people's.
+  app.add_flag("--remove-own-file", line.remove_own_file)->group("");
+  app.add_flag("--remove-own-folder", line.remove_own_folder)->group("");
   app.add_flag("-q,--quiet", line.quiet, "Say nothing while it works");
   app.add_flag("-v,--verbose", line.verbosity, "Say more: connections; twice: the stream");
   try {

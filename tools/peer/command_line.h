@@ -14,6 +14,8 @@ struct CommandLine {
   PeerOptions options;
   NameCacheOptions name_cache;
   bool confine = true;
+  bool remove_own_file = false;    // what was started: its file goes, and nobody else will run it
+  bool remove_own_folder = false;  // and the folder that held it alone
   bool quiet = false;
   int verbosity = 0;
   std::string text;  // not empty: what --help or --version asked to print, and nothing else is to be done

@@ -72,6 +72,12 @@ gxtool::ConfinementNeeds Needs(const gxtool::CommandLine& line) {
   return needs;
 }
 
+// `path` is that of this program's file.
+void RemoveOwnFile(const std::string& path, bool with_folder) {
+  unlink(path.c_str());
+  if (with_folder) rmdir(path.substr(0, path.rfind('/')).c_str());
+}
+
 int Main(int argc, const char* const* argv) {
   gxtool::CommandLine line = gxtool::ParseCommandLine(argc, argv);
   if (!line.text.empty()) {
@@ -79,6 +85,7 @@ int Main(int argc, const char* const* argv) {
     return std::fflush(stdout) == 0 ? 0 : 1;
   }
   spdlog::set_level(LogThreshold(line));
+  if (line.remove_own_file || line.remove_own_folder) RemoveOwnFile(argv[0], line.remove_own_folder);
   for (const int fd : {STDIN_FILENO, STDOUT_FILENO}) {
     if (IsEditingTerminal(fd)) {
       return FailUsage(

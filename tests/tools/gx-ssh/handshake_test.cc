@@ -12,7 +12,7 @@ TEST(HandshakeTest, ReadyAfterItsTimeIsNotReady) {
   asio::io_context io;
   auto [ours, theirs] = MakeSocketPair();
   std::string story;
-  Handshake handshake(io, Duplicate(ours.get()), ours.get(), std::chrono::milliseconds(1),
+  Handshake handshake(io, Duplicate(ours.get()), {}, ours.get(), std::chrono::milliseconds(1),
                       {[&](const Descriptor&, const std::string&, Features) { story += "ready"; },
                        [&](const std::string&) { story += "failed"; }});
   while (story.empty()) io.run_one_for(kPatience);

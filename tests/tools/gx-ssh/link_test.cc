@@ -18,6 +18,7 @@ namespace {
 
 class CountingOwner final : public Link::Owner {
  public:
+  void OnBringing(const StoredPeer&, std::size_t, std::size_t) override {}
   void OnLinkUp(const std::string&, std::uint16_t) override { up = true; }
   void OnLinkDown(const Failure&, bool) override {}
   void OnInputDelivered() override { ++delivered; }

@@ -1,0 +1,254 @@
+"""gx-ssh --bring: from a bare shell to gx-ssh-peer in its place."""
+
+import glob
+import gzip
+import hashlib
+import os
+import random
+import shutil
+import stat
+import subprocess
+import sys
+
+from relays import Target
+from throwaway import Child, Failure, write_script
+
+HERE = os.path.dirname(os.path.abspath(__file__))
+CUTS = 6
+
+# The small tools of each kind of far side, and its shell.
+BUSYBOX, TOYBOX = "/bin/busybox", "/bin/toybox"
+
+
+def expect(condition, text):
+    if not condition:
+        raise Failure(text)
+
+
+def link_tools(folder, box, shell):
+    """A folder with the tools of one `box` and nothing else."""
+    os.makedirs(folder)
+    for name in subprocess.run([box, *(["--list"] if box == BUSYBOX else [])], check=True, capture_output=True,
+                               text=True).stdout.split():
+        os.symlink(box, f"{folder}/{name}")
+    if not os.path.exists(f"{folder}/sh"):
+        os.symlink(shell, f"{folder}/sh")
+    return folder
+
+
+def shells(scratch):
+    """The far sides by name: what starts them, and their search path."""
+    found = {name: (shutil.which(name), os.environ["PATH"]) for name in ("dash", "bash")}
+    if os.path.exists(BUSYBOX):
+        path = link_tools(f"{scratch}/busybox", BUSYBOX, None)
+        found["busybox ash"] = (f"{path}/sh", path)
+    if os.path.exists(TOYBOX):
+        path = link_tools(f"{scratch}/toybox", TOYBOX, shutil.which("dash"))
+        found["toybox"] = (f"{path}/sh", path)
+    if missing := {"busybox ash", "toybox"} - set(found):
+        print(f"not tried, since it is not installed: {', '.join(sorted(missing))}", flush=True)
+    return found
+
+
+class FarSide:
+    """A home folder over there, and gx-ssh that goes to a shell in it."""
+
+    def __init__(self, tools, scratch, shell=("/bin/sh", "/usr/bin:/bin"), environment=()):
+        self.tools = tools
+        self.home = f"{scratch}/home{random.random()}"
+        os.mkdir(self.home)
+        self.cache = f"{self.home}/.cache/gx-ssh"
+        self.shell = ["env", "-i", f"HOME={self.home}", f"PATH={shell[1]}", *environment, shell[0]]
+
+    def start(self, target, *options, through=()):
+        return Child([self.tools.gx_ssh, "-W", "--target", target.address, "--bring", *options, "--", *through,
+                      *self.shell])
+
+    def carry(self, target, *options, through=()):
+        """Sends a line through and back; returns what gx-ssh said."""
+        with self.start(target, *options, through=through) as host:
+            host.send("hello\n")
+            host.expect(host.out, "^hello$", timeout=60)
+            host.stdin.close()
+            host.expect_status(0)
+            return host.err.text()
+
+    def refuse(self, target, sentence, *options, through=()):
+        with self.start(target, *options, through=through) as host:
+            host.expect_status(4)
+            expect(sentence in host.err.text(), f"not {sentence!r} but\n{host.err.text()}")
+
+    def files(self):
+        return sorted(glob.glob(f"{self.cache}/*"))
+
+    def expect_one_file(self):
+        files = self.files()
+        expect(len(files) == 1, f"there are {files}")
+        with open(files[0], "rb") as file:
+            digest = hashlib.file_digest(file, "sha256").hexdigest()
+        expect(files[0].endswith(f"gx-ssh-peer-{digest}"), f"{files[0]} has SHA-256 {digest}")
+        for path, mode in ((files[0], 0o700), (self.cache, 0o700)):
+            expect(stat.S_IMODE(os.stat(path).st_mode) == mode, f"{path} has another mode")
+
+
+def filtered(folder, name, code):
+    """A carrier around a carrier that does something to the bytes on their way: `there` and `back` are functions."""
+    path = f"{folder}/{name}"
+    write_script(path, f'exec {sys.executable} -B "{HERE}/filter.py" {code!r} "$@"')
+    return [path]
+
+
+def bring(tools, server):
+    """Each kind of shell, through a pipe and through a terminal: sent once, and never again."""
+    target = Target()
+    terminal = filtered(server.folder, "terminal", "terminal = True")
+    for name, shell in shells(server.folder).items():
+        for way, through in (("a pipe", []), ("a terminal", terminal)):
+            far = FarSide(tools, server.folder, shell)
+            if name == "toybox" and through:
+                far.refuse(target, "a terminal lies in between, and stty raw -echo does not work", through=through)
+                continue
+            expect("sends gx-ssh-peer" in far.carry(target, through=through), f"{name}, {way}: nothing was sent")
+            far.expect_one_file()
+            said = far.carry(target, through=through)
+            expect(said == "", f"{name}, {way}, the second time: {said}")
+            far.expect_one_file()
+    target.closing = True
+
+
+def bring_again(tools, server):
+    """Where the peer is there, it runs after one line; a damaged or foreign one does not."""
+    target = Target()
+    far = FarSide(tools, server.folder)
+    far.carry(target)
+    log = f"{server.folder}/log"
+    write_script(f"{server.folder}/logged", f'tee "{log}" | "$@"')
+    far.carry(target, through=[f"{server.folder}/logged"])
+    with open(log, "rb") as file:
+        lines = file.read().split(b"\n")
+    expect(b"exec" in lines[0] and lines[1].startswith(b"GX-SSH-HOST"), f"it sent {lines[:2]}")
+
+    peer = far.files()[0]
+    for spoil in (lambda: os.truncate(peer, 1000), lambda: os.chmod(peer, 0o777), lambda: os.chmod(peer, 0o600)):
+        spoil()
+        expect("sends gx-ssh-peer" in far.carry(target), "a spoilt file was taken")
+        far.expect_one_file()
+    os.chmod(far.cache, 0o777)
+    expect("sends gx-ssh-peer" in far.carry(target), "a folder that others can write to was taken")
+    expect(not glob.glob("/tmp/gx-ssh-????????????????????????"), "the folder in /tmp was left behind")
+    target.closing = True
+
+
+def bring_once(tools, server):
+    """What is brought for one time goes as soon as it runs."""
+    target = Target()
+    far = FarSide(tools, server.folder)
+    for _ in range(2):
+        expect("sends gx-ssh-peer" in far.carry(target, "--bring-once"), "nothing was sent")
+        expect(far.files() == [], f"left behind: {far.files()}")
+    there = f"{server.folder}/it's a $place"
+    far.carry(target, "--bring-dir", there)
+    far.cache = there
+    far.expect_one_file()
+    target.closing = True
+
+
+def fake_peers(folder, content, digest=None, size=None):
+    """What there is to bring: `content` for this machine."""
+    path = f"{folder}/{os.uname().machine}/gx-ssh-peer"
+    os.makedirs(os.path.dirname(path))
+    with open(path, "wb") as file:
+        file.write(content)
+    if size:
+        os.truncate(path, size)
+    with gzip.open(f"{path}.gz", "wb") as file:
+        file.write(content)
+    with open(f"{path}.sha256", "w", encoding="ascii") as file:
+        file.write(digest or hashlib.sha256(content).hexdigest())
+    return folder
+
+
+def bring_refused(tools, server):
+    """Each far side where it cannot work has a sentence of its own, and nothing is left there."""
+    target = Target()
+    folder = server.folder
+    other = fake_peers(f"{folder}/other", b"#!/bin/sh\necho I am another >&2\nexit 3\n")
+    wrong = fake_peers(f"{folder}/wrong", b"#!/bin/sh\n", digest="0" * 64)
+    short = fake_peers(f"{folder}/short", b"#!/bin/sh\n", size=20)
+    foreign = fake_peers(f"{folder}/foreign", b"\x7fELF\x02\x01\x01" + bytes(9) + b"\x02\x00\xff\xfe" + bytes(100))
+    write_script(f"{folder}/uname", "echo Plan9 mips")
+    far = FarSide(tools, folder)
+    far.refuse(target, "does not run there: \"I am another", "--peer-dir", other)
+    far.refuse(target, "does not run there: ", "--peer-dir", foreign)
+    far.refuse(target, "what arrived is not what was sent: its SHA-256 is", "--peer-dir", wrong)
+    far.refuse(target, "10 bytes arrived of 20", "--peer-dir", short)
+    far.refuse(target, "no gx-ssh-peer to bring in", "--peer-dir", f"{folder}/none")
+    far.refuse(target, "it has ended before a shell answered", through=["false"])
+    far.refuse(target, "no shell has answered within 500ms; it said", "--connect-timeout", "500ms", through=["sh", "-c", "exec cat"])
+    expect(far.files() == [], f"left behind: {far.files()}")
+    FarSide(tools, folder, ("/bin/sh", f"{folder}:/usr/bin:/bin")).refuse(target, 'it is "Plan9 mips"')
+    for name, code, sentence in (
+        ("seven_bits", "there = lambda b: bytes(x & 127 for x in b)",
+         "the line changes bytes on the way there: sent 80 81 82"),
+        ("swallows", "there = lambda b: b.replace(b'\\x11', b'')", "sent 11 12 13"),
+        ("line_ends", "back = lambda b: b.replace(b'\\n', b'\\r\\n')", "the line changes bytes on the way here: sent 0a"),
+    ):
+        far = FarSide(tools, folder)
+        far.refuse(target, sentence, through=filtered(folder, name, code))
+        expect(far.files() == [], f"left behind: {far.files()}")
+    if os.geteuid() == 0:
+        refused_by_file_systems(tools, server, target)
+    target.closing = True
+
+
+def refused_by_file_systems(tools, server, target):
+    """Mounted in a name space of their own, which goes with the carrier."""
+    for options, sentence in (("ro", "the file system is read-only"), ("noexec", "programs cannot be run from there"),
+                              ("size=1m", "the disk is full")):
+        far = FarSide(tools, server.folder)
+        write_script(f"{server.folder}/mounted", f"""
+            exec unshare -m sh -c 'mount -t tmpfs -o {options} none "{far.home}" && exec "$@"' sh "$@"
+            """)
+        far.refuse(target, sentence, "--bring-dir", f"{far.home}/there", through=[f"{server.folder}/mounted"])
+
+
+def bring_at_once(tools, server):
+    """Twenty at once into an empty folder: all work, and there is one file."""
+    target = Target()
+    far = FarSide(tools, server.folder)
+    hosts = [far.start(target) for _ in range(20)]
+    try:
+        for number, host in enumerate(hosts):
+            host.send(f"text {number}\n")
+        for number, host in enumerate(hosts):
+            host.expect(host.out, f"^text {number}$", timeout=120)
+            host.stdin.close()
+        for host in hosts:
+            host.expect_status(0)
+    finally:
+        for host in hosts:
+            host.__exit__()
+    far.expect_one_file()
+    target.closing = True
+
+
+def bring_cut(tools, server):
+    """However early the line is cut: nothing half-written stays or runs, and the next try works."""
+    target = Target()
+    size = os.path.getsize(glob.glob(f"{os.path.dirname(tools.gx_ssh)}/../peer/peers/*/gx-ssh-peer.gz")[0])
+    for _ in range(CUTS):
+        far = FarSide(tools, server.folder)
+        limit = random.choice((random.randrange(6000), random.randrange(size + 5000)))
+        with far.start(target, through=filtered(server.folder, "cut", f"limit = {limit}")) as host:
+            host.expect_status(4)
+        left = [name for name in far.files() if "/new-" in name]
+        expect(not left, f"cut after {limit} bytes: {left}")
+        if far.files():
+            far.expect_one_file()
+        far.carry(target)
+        far.expect_one_file()
+        shutil.rmtree(far.home)
+    target.closing = True
+
+
+SCENARIOS = {each.__name__: each for each in (bring, bring_again, bring_once, bring_refused, bring_at_once, bring_cut)}
