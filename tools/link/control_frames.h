@@ -8,6 +8,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <optional>
 #include <string>
 #include <string_view>
 
@@ -28,10 +29,33 @@ inline constexpr auto kEndOfInputFrame = static_cast<gxmod::ConnectionType>(0xF3
 inline constexpr auto kResetFrame = static_cast<gxmod::ConnectionType>(0xF4);
 inline constexpr std::size_t kReasonBytes = 200;  // at most
 
+// Either way: what its sender has received so far, see Acknowledgement.
+inline constexpr auto kAcknowledgementFrame = static_cast<gxmod::ConnectionType>(0xF5);
+
+// A pong stands for an acknowledgement too, so the payload is how many bytes had been sent before the ping.
 inline constexpr std::size_t kPingBytes = 8;
 
 // True for the types of this header.
-constexpr bool IsControlFrame(gxmod::ConnectionType type) { return type >= kPingFrame && type <= kResetFrame; }
+constexpr bool IsControlFrame(gxmod::ConnectionType type) {
+  return type >= kPingFrame && type <= kAcknowledgementFrame;
+}
+
+// Totals of bytes since the ready line. Counted are all frames but those of this header, with their headers.
+struct Acknowledgement {
+  std::uint64_t received = 0;
+  std::uint64_t permitted = 0;  // there is room for so many
+
+  friend bool operator==(const Acknowledgement&, const Acknowledgement&) = default;
+};
+
+std::string MakeAcknowledgement(const Acknowledgement& totals);
+// Nothing: `payload` is none. What follows the totals is left for later releases.
+std::optional<Acknowledgement> ReadAcknowledgement(std::string_view payload);
+
+// The payload of a ping.
+std::string PingPayload(std::uint64_t sent);
+// How many bytes the pong with that payload acknowledges.
+std::uint64_t SentBefore(std::string_view ping_payload);
 
 // A whole frame, header and payload.
 std::string MakeFrame(gxmod::ConnectionType type, std::uint32_t connection_id, std::string_view payload);
