@@ -1,5 +1,6 @@
 // The frames that gx-ssh reads for the module, from a peer that sends whatever it likes: the module gets its
-// own to the byte, however it asks for them, and nothing of those that the two tools keep between them.
+// own to the byte, however it asks for them, and nothing of those that the two tools keep between them. What
+// the peer acknowledges has to be possible, or counts for nothing.
 //
 // An input is how much the module reads at a time, how much had come before the reading began, and the stream.
 #include <sys/socket.h>
@@ -13,6 +14,7 @@
 #include "check.h"
 #include "gx-ssh/plugin_input.h"
 #include "link/control_frames.h"
+#include "link/line_pace.h"
 
 using gxtool::PluginInput;
 
@@ -28,12 +30,30 @@ class Keeper final : public PluginInput::Handler {
   void OnTaken(const gxmod::FrameHeader& header, std::string_view payload) override {
     taken.emplace_back(static_cast<int>(header.type), payload);
   }
+  void OnUrgent(const gxmod::FrameHeader& header, std::string_view payload) override {
+    urgent.emplace_back(static_cast<int>(header.type), payload);
+    pace_.OnSent(4096);
+    if (header.type == gxtool::kPongFrame) pace_.OnReceived(gxtool::SentBefore(payload));
+    const auto totals = gxtool::ReadAcknowledgement(payload);
+    if (header.type == gxtool::kAcknowledgementFrame && totals) pace_.OnAcknowledgement(*totals);
+    Check(pace_.view().under_way <= pace_.sent());
+  }
+  void OnAcknowledge(const gxtool::Acknowledgement& totals) override {
+    Check(totals.received >= told.received && totals.permitted >= told.permitted);
+    Check(totals.permitted <= totals.received + gxtool::Receipts::kRoomBytes);
+    told = totals;
+  }
 
   Taken taken;
+  Taken urgent;
+  gxtool::Acknowledgement told;
+
+ private:
+  gxtool::LinePace pace_;
 };
 
 // What the module has to get. The beginning of a header at the end of the stream says nothing to anybody.
-std::string Passed(std::string_view wire, Taken* taken) {
+std::string Passed(std::string_view wire, Taken* taken, Taken* urgent) {
   std::string passed;
   while (wire.size() >= gxmod::kFrameHeaderBytes) {
     const gxmod::FrameHeader header = gxmod::DecodeFrameHeader(wire.data());
@@ -46,7 +66,9 @@ std::string Passed(std::string_view wire, Taken* taken) {
     const std::string_view payload = frame.substr(gxmod::kFrameHeaderBytes, PluginInput::kTakenPayloadBytes);
     const bool is_whole =
         payload.size() == std::min<std::size_t>(header.length, PluginInput::kTakenPayloadBytes);
-    if (is_whole) taken->emplace_back(static_cast<int>(header.type), payload);
+    const bool is_urgent = gxtool::Intake::IsUrgent(header.type);
+    const bool has_all = is_urgent ? frame.size() == gxmod::kFrameHeaderBytes + header.length : is_whole;
+    if (has_all) (is_urgent ? urgent : taken)->emplace_back(static_cast<int>(header.type), payload);
   }
   return passed;
 }
@@ -64,14 +86,16 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
 
   const gxtool::StopSignal stop;
   Keeper keeper;
-  PluginInput input(ends[1], stop, keeper, std::string_view(wire).substr(0, before));
+  PluginInput input(ends[1], stop, keeper, std::string_view(wire).substr(0, before), true);
   std::string got;
   std::string piece(1 + std::size_t{data[0]}, '\0');
   while (const std::size_t count = input.Read(piece.data(), piece.size())) got.append(piece, 0, count);
   close(ends[1]);
 
   Taken taken;
-  Check(got == Passed(wire, &taken) && keeper.taken == taken);
+  Taken urgent;
+  Check(got == Passed(wire, &taken, &urgent) && keeper.taken == taken && keeper.urgent == urgent);
+  Check(keeper.told.received <= wire.size());
   Check(input.end_reason() == "end of the stream");
   return 0;
 }

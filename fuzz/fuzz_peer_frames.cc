@@ -224,6 +224,13 @@ class Fixture {
     return answer;
   }
 
+  static void CheckTotals(std::string_view payload, gxtool::Acknowledgement* told) {
+    const auto totals = gxtool::ReadAcknowledgement(payload);
+    Check(totals && totals->received >= told->received && totals->permitted >= told->permitted);
+    Check(totals->received <= kMostBytes);
+    *told = *totals;
+  }
+
   static void CheckAnswers(const std::vector<Frame>& asked, const std::vector<Frame>& answered) {
     std::vector<std::string> tests;
     std::vector<std::string> pings;
@@ -234,6 +241,7 @@ class Fixture {
         pings.push_back(frame.payload);
       if (frame.type == ConnectionType::Connect) ++connects[frame.id];
     }
+    gxtool::Acknowledgement told;
     std::vector<std::string> test_answers;
     std::vector<std::string> pongs;
     for (const Frame& frame : answered) {
@@ -241,6 +249,8 @@ class Fixture {
         test_answers.push_back(frame.payload.substr(gxmod::kTestRespondHeaderBytes));
       } else if (frame.type == gxtool::kPongFrame) {
         pongs.push_back(frame.payload);
+      } else if (frame.type == gxtool::kAcknowledgementFrame) {
+        CheckTotals(frame.payload, &told);
       } else if (frame.type == ConnectionType::Close) {
         Check(connects[frame.id]-- > 0);
       } else if (frame.type == ConnectionType::Data || frame.type == gxtool::kEndOfInputFrame) {

@@ -39,6 +39,7 @@ class Socket {
   bool ReceiveAll(std::span<std::byte> bytes);
   // The other side reads the end of the stream.
   void EndSending() { shutdown(fd_, SHUT_WR); }
+  int fd() const { return fd_; }
 
  private:
   int fd_ = -1;

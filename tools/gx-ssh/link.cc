@@ -56,7 +56,7 @@ Link::Link(asio::io_context& io, const Options& options, ModuleLibrary& module, 
   }
   output_ = far_side_->TakeOutput();
   if (options.raw) {
-    asio::post(io_, lifetime_.Guard([this] { RunModule(far_side_->TakeInput(), {}); }));
+    asio::post(io_, lifetime_.Guard([this] { RunModule(far_side_->TakeInput(), {}, false); }));
     return;
   }
   options.bring ? StartBring() : StartHandshake(far_side_->TakeInput(), {});
@@ -89,8 +89,8 @@ void Link::StartBring() {
 void Link::StartHandshake(Descriptor input, const std::string& received) {
   handshake_ = std::make_unique<Handshake>(
       io_, std::move(input), received, output_.get(), options_.connect_timeout,
-      Handshake::Result{[this](Descriptor ready, const std::string& rest, const Features&) {
-                          RunModule(std::move(ready), rest);
+      Handshake::Result{[this](Descriptor ready, const std::string& rest, const Features& features) {
+                          RunModule(std::move(ready), rest, kOwnFeatures.flow_control && features.flow_control);
                         },
                         [this](const std::string& problem) { FailToStart(problem); }});
 }
@@ -100,9 +100,9 @@ void Link::FailToStart(const std::string& problem) {
   Fail(kExitNotReady, kNotReady + problem);
 }
 
-void Link::RunModule(Descriptor input, const std::string& received) {
+void Link::RunModule(Descriptor input, const std::string& received, bool acknowledges) {
   handshake_.reset();
-  const StreamSettings settings{options_.raw, options_.allow_channel_list, options_.HasRelay()};
+  const StreamSettings settings{options_.raw, options_.allow_channel_list, acknowledges, options_.HasRelay()};
   stream_ =
       CRefObj<PluginStream>(new PluginStream(std::move(input), std::move(output_), received, settings, *this));
   plugin_ = module_.CreatePlugin();
@@ -181,6 +181,8 @@ void Link::OnChannelListDropped() {
   if (std::exchange(channel_list_told_, true)) return;
   spdlog::warn("the far side wants to open ports here; --allow-channel-list lets it");
 }
+
+void Link::OnFalseAcknowledgement() { spdlog::warn("the far side acknowledges bytes that it cannot have got"); }
 
 void Link::OnWaiting() {
   asio::post(io_, lifetime_.Guard(

@@ -77,7 +77,7 @@ class Link final : StreamObserver {
   void StartBring();
   void StartHandshake(Descriptor input, const std::string& received);
   void FailToStart(const std::string& problem);
-  void RunModule(Descriptor input, const std::string& received);
+  void RunModule(Descriptor input, const std::string& received, bool acknowledges);
   void KeepAlive();
   void ExpireGuestsAt(Entrance::Clock::time_point time);
   void Fail(ExitStatus status, const std::string& reason);
@@ -93,6 +93,7 @@ class Link final : StreamObserver {
   void OnReset(std::uint32_t connection, std::string_view why_not_opened) override;
   void OnRefused(const std::string& why);
   void OnChannelListDropped() override;
+  void OnFalseAcknowledgement() override;
   void OnWaiting() override;
   void OnGoodbye(const std::string& reason) override;
   void OnInputEnd(const std::string& reason) override;

@@ -27,20 +27,24 @@ constexpr std::chrono::microseconds kAwake{100};
 constexpr int kLikely = 4;
 constexpr int kCertain = 2 * kLikely;
 
-std::int64_t Milliseconds(Clock::time_point time) {
-  return std::chrono::duration_cast<std::chrono::milliseconds>(time.time_since_epoch()).count();
-}
-
 }  // namespace
 
 PluginInput::PluginInput(int fd, const StopSignal& stop, Handler& handler, std::string_view received,
-                         bool takes_inserts)
-    : fd_(fd), stop_(stop), handler_(handler), buffer_(new char[kBufferBytes]) {
+                         bool acknowledges, bool takes_inserts)
+    : fd_(fd),
+      stop_(stop),
+      handler_(handler),
+      intake_(fd, stop, handler, received, acknowledges),
+      buffer_(new char[kBufferBytes]) {
   if (takes_inserts) wake_ = MakePipe();
-  end_ = received.copy(buffer_.get(), kBufferBytes);
 }
 
 std::size_t PluginInput::Read(void* data, std::size_t length) {
+  const Intake::Turn turn(intake_);
+  return ReadInTurn(data, length);
+}
+
+std::size_t PluginInput::ReadInTurn(void* data, std::size_t length) {
   while (passing_ == 0) {
     if (!NextFrame()) return 0;
   }
@@ -72,11 +76,6 @@ void PluginInput::OnSent(std::size_t length) {
   sends_little_.store(length <= kLittleBytes, std::memory_order_relaxed);
 }
 
-std::chrono::milliseconds PluginInput::silence() const {
-  const std::int64_t since = waiting_since_ms_;
-  return std::chrono::milliseconds(since == 0 ? 0 : Milliseconds(Clock::now()) - since);
-}
-
 bool PluginInput::NextFrame() {
   if (has_inserted_) TakeInserted();
   between_frames_ = true;
@@ -91,7 +90,7 @@ bool PluginInput::NextFrame() {
   begin_ += gxmod::kFrameHeaderBytes;
   const std::size_t kept = std::min<std::size_t>(header.length, kTakenPayloadBytes);
   if (!Buffer(kept)) return false;
-  handler_.OnTaken(header, {buffer_.get() + begin_, kept});
+  if (!Intake::IsUrgent(header.type)) handler_.OnTaken(header, {buffer_.get() + begin_, kept});
   return Skip(header.length);
 }
 
@@ -142,15 +141,12 @@ bool PluginInput::Skip(std::uint64_t bytes) {
 std::size_t PluginInput::Receive(std::span<iovec> parts) {
   while (!stop_.raised()) {
     if (between_frames_ && has_inserted_) return 0;
-    if (drained_) Wait();
-    const ssize_t received = readv(fd_, parts.data(), static_cast<int>(parts.size()));
+    if (drained_ && !intake_.holds()) Wait();
+    const ssize_t received = intake_.Read(parts);
     // Less than there was room for: the next call would only find nothing.
     drained_ = received < 0 ? errno == EAGAIN : static_cast<std::size_t>(received) < TotalBytes(parts);
     if (received > static_cast<ssize_t>(kLittleBytes)) conversation_ = 0;
-    if (received > 0) {
-      quiet_since_ms_ = 0;
-      return static_cast<std::size_t>(received);
-    }
+    if (received > 0) return static_cast<std::size_t>(received);
     if (received == 0) {
       end_reason_ = "end of the stream";
       return 0;
@@ -166,12 +162,11 @@ std::size_t PluginInput::Receive(std::span<iovec> parts) {
 
 void PluginInput::Wait() {
   const Clock::time_point begin = Clock::now();
-  if (quiet_since_ms_ == 0) quiet_since_ms_ = Milliseconds(begin);
-  waiting_since_ms_ = quiet_since_ms_;
+  intake_.BeginToWait();
   if (conversation_ < kLikely || !ComesBefore(begin + kAwake)) {
     stop_.WaitFor(fd_, POLLIN, between_frames_ ? wake_.read.get() : -1);
   }
-  waiting_since_ms_ = 0;
+  intake_.EndToWait();
   const auto soon = sends_little_ ? kSoon : kSoonBesideTransfer;
   conversation_ = Clock::now() - begin < soon ? std::min(conversation_ + 1, kCertain) : conversation_ / 2;
 }

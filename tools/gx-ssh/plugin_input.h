@@ -18,6 +18,7 @@
 #include <vector>
 
 #include "gx-ssh/descriptor.h"
+#include "gx-ssh/intake.h"
 #include "gx-ssh/stop_signal.h"
 
 namespace gxtool {
@@ -27,12 +28,13 @@ namespace gxtool {
 // Threads: Read on one; everything else on any.
 class PluginInput {
  public:
-  // Called from inside Read.
-  class Handler {
+  // Called from inside Read, but for what an intake calls.
+  class Handler : public Intake::Handler {
    public:
     // A frame has begun to arrive. True: the module gets it. False: it is taken out, see OnTaken.
     virtual bool Passes(const gxmod::FrameHeader& header) = 0;
-    // A frame that was taken out has come: its payload, or the first kTakenPayloadBytes of it.
+    // A frame that was taken out, and is not an urgent one, has come: its payload, or the first
+    // kTakenPayloadBytes of it.
     virtual void OnTaken(const gxmod::FrameHeader& header, std::string_view payload) = 0;
 
    protected:
@@ -41,9 +43,10 @@ class PluginInput {
   static constexpr std::size_t kTakenPayloadBytes = 256;
 
   // `fd` is non-blocking; descriptor, `stop` and `handler` outlive the reader. `received` are bytes of the
-  // stream that have been read from `fd` already, at most kBufferBytes. `takes_inserts`: InsertClose is used.
+  // stream that have been read from `fd` already. `acknowledges`: as with the intake. `takes_inserts`:
+  // InsertClose is used.
   PluginInput(int fd, const StopSignal& stop, Handler& handler, std::string_view received,
-              bool takes_inserts = false);
+              bool acknowledges = false, bool takes_inserts = false);
 
   // Blocks until at least one byte is there; returns how many are in `data`, 0 at the end. A frame that is
   // taken out is never seen, not even in part.
@@ -59,8 +62,9 @@ class PluginInput {
   // Why Read returned 0, for a message.
   const std::string& end_reason() const { return end_reason_; }
 
-  // For how long Read has been waiting for bytes that do not come. Zero while nobody reads.
-  std::chrono::milliseconds silence() const;
+  // See Intake.
+  std::chrono::milliseconds silence() const { return intake_.silence(); }
+  void Close() { intake_.Close(); }
 
   static constexpr std::size_t kBufferBytes = 256 * 1024;
 
@@ -69,6 +73,7 @@ class PluginInput {
   void TakeInserted();
   bool Buffer(std::size_t bytes);  // makes at least that many available
   bool Skip(std::uint64_t bytes);  // drops that many
+  std::size_t ReadInTurn(void* data, std::size_t length);
   std::size_t Receive(std::span<iovec> parts);
   void Wait();
   bool ComesBefore(std::chrono::steady_clock::time_point end) const;
@@ -77,6 +82,7 @@ class PluginInput {
   const int fd_;
   const StopSignal& stop_;
   Handler& handler_;
+  Intake intake_;
   std::unique_ptr<char[]> buffer_;
   std::size_t begin_ = 0;
   std::size_t end_ = 0;
@@ -92,9 +98,6 @@ class PluginInput {
   Pipe wake_;                            // holds a byte while there are some
 
   std::atomic<bool> sends_little_{true};  // at a time, the other way
-  std::int64_t quiet_since_ms_ =
-      0;  // the first wait behind the last byte; one that an inserted frame ends goes on
-  std::atomic<std::int64_t> waiting_since_ms_{0};  // of the monotonic clock; 0: not waiting
 };
 
 }  // namespace gxtool

@@ -42,21 +42,45 @@ PluginOutput::~PluginOutput() {
 
 bool PluginOutput::Write(const void* data, std::size_t length) {
   const std::string_view block(static_cast<const char*>(data), length);
+  const bool from_its_begin = scanner_.AtFrameEnd();
   begun_.clear();
   scanner_.Feed(block);
+  const bool is_one_frame = from_its_begin && scanner_.AtFrameEnd() && begun_.size() == 1;
   Lock lock(mutex_);
-  if (queued() >= kQueueBytes) WaitForRoom(lock);
-  if (!Report(lock) || closed() || finished_) return false;
-  queue_ += block;
-  between_frames_ = scanner_.AtFrameEnd();
-  const bool more_to_come = inserts_.empty() && length >= kFullBlockBytes && queued() < kBatchBytes;
-  if (between_frames_) queue_ += std::exchange(inserts_, {});
-  more_to_come ? Defer() : Send();
-  if (!Report(lock)) return false;
+  if (is_one_frame && block.size() > pace_.FrameBytes() && begun_.front().type == gxmod::ConnectionType::Data) {
+    if (!PutInPieces(lock, begun_.front(), block.substr(gxmod::kFrameHeaderBytes))) return false;
+  } else if (!Put(lock, block)) {
+    return false;
+  }
   lock.unlock();
   // Only now, so that what the handler inserts in answer comes behind the block.
   for (const gxmod::FrameHeader& header : begun_) handler_.OnFrameSent(header);
   return true;
+}
+
+bool PluginOutput::PutInPieces(Lock& lock, const gxmod::FrameHeader& header, std::string_view payload) {
+  while (!payload.empty()) {
+    const std::string_view piece = payload.substr(0, pace_.DataBytes());
+    if (!Put(lock, MakeFrame(header.type, header.connection_id, piece))) return false;
+    payload.remove_prefix(piece.size());
+  }
+  return true;
+}
+
+bool PluginOutput::Put(Lock& lock, std::string_view bytes) {
+  if (MustWait(bytes.size())) WaitForRoom(lock, bytes.size());
+  if (!Report(lock) || closed() || finished_) return false;
+  queue_ += bytes;
+  pace_.OnSent(bytes.size());
+  between_frames_ = scanner_.AtFrameEnd();
+  const bool more_to_come = inserts_.empty() && bytes.size() >= kFullBlockBytes && queued() < kBatchBytes;
+  if (between_frames_) queue_ += std::exchange(inserts_, {});
+  more_to_come ? Defer() : Send();
+  return Report(lock);
+}
+
+bool PluginOutput::MustWait(std::size_t bytes) const {
+  return !closed() && !finished_ && (queued() >= kQueueBytes || !pace_.HasRoomFor(bytes));
 }
 
 void PluginOutput::Insert(std::string_view frame) {
@@ -67,6 +91,38 @@ void PluginOutput::Insert(std::string_view frame) {
 void PluginOutput::Answer(std::string_view frame) {
   Lock lock(mutex_);
   if (queued() + inserts_.size() < kQueueBytes) PutBetween(lock, frame);
+}
+
+void PluginOutput::Ping() {
+  Lock lock(mutex_);
+  PutBetween(lock, MakeFrame(kPingFrame, 0, PingPayload(pace_.sent())));
+}
+
+void PluginOutput::OnPong(std::string_view payload) {
+  if (payload.size() != kPingBytes) return;
+  Lock lock(mutex_);
+  pace_.OnReceived(SentBefore(payload));
+  line_.notify_all();
+}
+
+void PluginOutput::Acknowledge(const Acknowledgement& totals) {
+  Lock lock(mutex_);
+  if (full_ || !between_frames_) {
+    acknowledgement_ = MakeAcknowledgement(totals);
+  } else {
+    PutBetween(lock, MakeAcknowledgement(totals));
+  }
+}
+
+bool PluginOutput::OnAcknowledgement(const Acknowledgement& totals) {
+  Lock lock(mutex_);
+  line_.notify_all();
+  return pace_.OnAcknowledgement(totals);
+}
+
+LinePace::View PluginOutput::line() const {
+  Lock lock(mutex_);
+  return pace_.view();
 }
 
 void PluginOutput::PutBetween(Lock& lock, std::string_view frame) {
@@ -83,6 +139,7 @@ bool PluginOutput::Finish(std::string_view frame, std::chrono::milliseconds limi
     Send();
   }
   finished_ = true;
+  line_.notify_all();
   sent_all_.wait_for(lock, limit, [this] { return closed() || queued() == 0; });
   return !broken_ && queued() == 0;
 }
@@ -91,6 +148,7 @@ void PluginOutput::Close() {
   Lock lock(mutex_);
   sent_all_.notify_all();
   work_.notify_all();
+  line_.notify_all();
 }
 
 void PluginOutput::Defer() {
@@ -110,7 +168,9 @@ void PluginOutput::Send() {
     } else if (errno != EINTR) {
       broken_ = true;
       failure_ = std::strerror(errno);
+      line_.notify_all();
     }
+    if (queued() == 0 && between_frames_) queue_ += std::exchange(acknowledgement_, {});
   }
   if (queued() == 0 || sent_ >= kQueueBytes) {
     queue_.erase(0, sent_);
@@ -119,12 +179,15 @@ void PluginOutput::Send() {
   queued() == 0 || broken_ ? sent_all_.notify_all() : work_.notify_one();
 }
 
-// The caller waits for the descriptor itself: to be woken by another thread would cost it time.
-void PluginOutput::WaitForRoom(Lock& lock) {
-  writer_waits_ = true;
-  while (!closed() && !finished_ && queued() >= kQueueBytes) WaitForDescriptor(lock);
-  writer_waits_ = false;
-  work_.notify_one();
+// The caller waits for the descriptor itself: to be woken by another thread would cost it time. While it waits
+// for the line, the writer's own thread looks after the queue.
+void PluginOutput::WaitForRoom(Lock& lock, std::size_t bytes) {
+  Send();
+  while (MustWait(bytes)) {
+    writer_waits_ = queued() >= kQueueBytes;
+    writer_waits_ ? WaitForDescriptor(lock) : line_.wait(lock);
+    if (std::exchange(writer_waits_, false)) work_.notify_one();
+  }
 }
 
 void PluginOutput::Flush() {

@@ -17,13 +17,15 @@
 
 #include "gx-ssh/stop_signal.h"
 #include "link/frame_reader.h"
+#include "link/line_pace.h"
 
 namespace gxtool {
 
 // A lone frame is written by the caller itself, at once. Frames of a size that more of them follow are
 // collected first, until one system call is worth its price, the flow ebbs, or a moment is over. What a slow
 // far side does not take, and what has lingered, is sent by a thread of the writer's, unless Write waits for
-// room and does it itself. Threads: Write one call at a time, everything else on any.
+// room and does it itself. Once the far side acknowledges what comes, no more goes out than the line carries.
+// Threads: Write one call at a time, everything else on any.
 class PluginOutput : FrameReader::Handler {
  public:
   class Handler {
@@ -41,7 +43,8 @@ class PluginOutput : FrameReader::Handler {
   PluginOutput(int fd, StopSignal& stop, Handler& handler);
   virtual ~PluginOutput();
 
-  // Takes the whole block, which may begin and end anywhere in a frame. Blocks while kQueueBytes or more wait.
+  // Takes the whole block, which may begin and end anywhere in a frame. Blocks while kQueueBytes or more wait,
+  // and until the line has room. A Data frame that is long for the line goes as several.
   // False: closed, finished or broken.
   bool Write(const void* data, std::size_t length);
 
@@ -49,6 +52,16 @@ class PluginOutput : FrameReader::Handler {
   void Insert(std::string_view frame);
   // The same for an answer that can be spared: dropped while kQueueBytes or more wait, which answer as well.
   void Answer(std::string_view frame);
+
+  // Asks the far side for a sign of life.
+  void Ping();
+  // The pong has come.
+  void OnPong(std::string_view payload);
+  // Tells the far side what has come from it. While the descriptor takes no more, the last totals wait.
+  void Acknowledge(const Acknowledgement& totals);
+  // The far side has told the same. False: that cannot be.
+  bool OnAcknowledgement(const Acknowledgement& totals);
+  LinePace::View line() const;
 
   // Refuses further calls of Write, and one that waits for room as soon as there is some, and puts `frame` (may
   // be empty) behind what is queued. True: everything went out within `limit`.
@@ -68,10 +81,13 @@ class PluginOutput : FrameReader::Handler {
 
   bool closed() const { return broken_ || stop_.raised(); }
   std::size_t queued() const { return queue_.size() - sent_; }
+  bool Put(Lock& lock, std::string_view bytes);
+  bool PutInPieces(Lock& lock, const gxmod::FrameHeader& header, std::string_view payload);
+  bool MustWait(std::size_t bytes) const;
   void PutBetween(Lock& lock, std::string_view frame);
   void Defer();  // leaves what is queued to a later call, or to the writer's own thread
   void Send();   // what is queued, as far as the descriptor takes it
-  void WaitForRoom(Lock& lock);
+  void WaitForRoom(Lock& lock, std::size_t bytes);
   void Flush();  // the writer's own thread
   void WaitForDescriptor(Lock& lock);
   void LookAtRate();
@@ -86,10 +102,13 @@ class PluginOutput : FrameReader::Handler {
   FrameReader scanner_{this};              // of what Write brings; only in Write
   std::vector<gxmod::FrameHeader> begun_;  // in this call of Write; only there
 
-  std::mutex mutex_;                  // guards what follows
+  mutable std::mutex mutex_;          // guards what follows
   std::condition_variable sent_all_;  // nothing is queued, or nothing is taken any more
   std::condition_variable work_;      // something is queued that nobody looks after
-  std::string queue_;                 // bytes to send, from sent_ on
+  std::condition_variable line_;      // has carried something, or whoever waits for that need not any more
+  LinePace pace_;
+  std::string acknowledgement_;  // waits
+  std::string queue_;            // bytes to send, from sent_ on
   std::size_t sent_ = 0;
   std::string inserts_;  // frames that wait for the end of the one that is being written
   bool between_frames_ = true;

@@ -12,7 +12,7 @@ PluginStream::PluginStream(Descriptor input, Descriptor output, std::string_view
       output_fd_(std::move(output)),
       settings_(settings),
       observer_(observer),
-      input_(input_fd_.get(), stop_, *this, received, settings.guarded),
+      input_(input_fd_.get(), stop_, *this, received, settings.acknowledges, settings.guarded),
       output_(output_fd_.get(), stop_, *this),
       entrance_(settings.guarded ? new Entrance(!settings.raw, *this) : nullptr) {
   SetNonBlocking(input_fd_.get(), true);
@@ -20,6 +20,8 @@ PluginStream::PluginStream(Descriptor input, Descriptor output, std::string_view
 }
 
 PluginStream::~PluginStream() {
+  stop_.Raise();
+  input_.Close();
   if (entrance_) entrance_->Close();
 }
 
@@ -46,7 +48,7 @@ std::uint32_t PluginStream::Close() {
 }
 
 void PluginStream::Ping() {
-  if (!settings_.raw) output_.Insert(MakeFrame(kPingFrame, 0, std::string(kPingBytes, '\0')));
+  if (!settings_.raw) output_.Ping();
 }
 
 void PluginStream::Finish(std::string_view reason, std::chrono::milliseconds limit) {
@@ -70,9 +72,17 @@ void PluginStream::OnInputSent(std::uint32_t connection) {
   output_.Insert(MakeFrame(kEndOfInputFrame, connection, {}));
 }
 
+void PluginStream::OnUrgent(const gxmod::FrameHeader& header, std::string_view payload) {
+  if (header.type == kPingFrame) output_.Answer(MakeFrame(kPongFrame, 0, payload));
+  if (header.type == kPongFrame) output_.OnPong(payload);
+  if (header.type != kAcknowledgementFrame || settings_.raw) return;
+  const auto totals = ReadAcknowledgement(payload);
+  if (!totals || output_.OnAcknowledgement(*totals) || std::exchange(doubted_, true)) return;
+  observer_.OnFalseAcknowledgement();
+}
+
 void PluginStream::OnTaken(const gxmod::FrameHeader& header, std::string_view payload) {
   if (header.type == gxmod::ConnectionType::ChannelList) observer_.OnChannelListDropped();
-  if (header.type == kPingFrame) output_.Answer(MakeFrame(kPongFrame, 0, payload));
   if (header.type == kEndOfInputFrame) observer_.OnInputDelivered(header.connection_id);
   if (header.type == kResetFrame) observer_.OnReset(header.connection_id, payload);
   if (header.type == kGoodbyeFrame) observer_.OnGoodbye(std::string(payload));

@@ -36,6 +36,8 @@ class StreamObserver {
   virtual void OnGoodbye(const std::string& reason) = 0;
   // Nothing more comes, and not because of Close. Once; `reason` is for a message.
   virtual void OnInputEnd(const std::string& reason) = 0;
+  // The far side has acknowledged what cannot be; that counted for nothing. Once.
+  virtual void OnFalseAcknowledgement() = 0;
   // Somebody waits at the entrance, see Entrance::Handler.
   virtual void OnWaiting() = 0;
   // Nothing more can be sent. Once.
@@ -48,6 +50,7 @@ class StreamObserver {
 struct StreamSettings {
   bool raw = false;                 // send no frames but the module's
   bool allow_channel_list = false;  // otherwise lists from the far side, which open ports here, are dropped
+  bool acknowledges = false;        // the far side knows of acknowledgements
   bool guarded = false;             // has an entrance; otherwise everybody's connections are carried
 };
 
@@ -70,9 +73,12 @@ class PluginStream final : public Counted<IPluginStreamRaw>,
 
   // Asks the far side for a sign of life.
   void Ping();
+  // What is known of the line to the far side.
+  LinePace::View line() const { return output_.line(); }
   // Null unless guarded. It may outlive the stream, and is closed then.
   const std::shared_ptr<Entrance>& entrance() const { return entrance_; }
-  // For how long the far side has been silent while the module was waiting for it.
+  // For how long the far side has been silent while somebody was waiting for it: the module, or the stream in
+  // its place where the far side knows of acknowledgements.
   std::chrono::milliseconds silence() const { return input_.silence(); }
   // Takes no more from the module, says goodbye and waits until all is sent, at most `limit`.
   void Finish(std::string_view reason, std::chrono::milliseconds limit);
@@ -80,6 +86,8 @@ class PluginStream final : public Counted<IPluginStreamRaw>,
  private:
   bool Passes(const gxmod::FrameHeader& header) override;
   void OnTaken(const gxmod::FrameHeader& header, std::string_view payload) override;
+  void OnUrgent(const gxmod::FrameHeader& header, std::string_view payload) override;
+  void OnAcknowledge(const Acknowledgement& totals) override { output_.Acknowledge(totals); }
   void OnFrameSent(const gxmod::FrameHeader& header) override;
   void OnWriteFailed(const std::string& reason) override { observer_.OnOutputFailed(reason); }
   void OnRefused(std::uint32_t connection) override { input_.InsertClose(connection); }
@@ -95,6 +103,7 @@ class PluginStream final : public Counted<IPluginStreamRaw>,
   PluginOutput output_;
   const std::shared_ptr<Entrance> entrance_;
   bool input_ended_ = false;  // only in Read
+  bool doubted_ = false;      // only in OnUrgent
 };
 
 }  // namespace gxtool

@@ -23,6 +23,8 @@ class Receipts {
   // Acknowledgements are wanted, the first one at once.
   void Start() { wanted_ = true; }
 
+  bool wanted() const { return wanted_; }
+
   // The header, or a piece of the payload, of a frame that is counted.
   void OnReceived(std::size_t bytes) { totals_.received += bytes; }
   // What came does not end inside a frame.

@@ -204,7 +204,9 @@ std::optional<std::size_t> Connection::Read(std::span<char> out) {
   }
   received_ += static_cast<std::size_t>(count);
   unwaited_ += static_cast<std::size_t>(count);
-  small_reads_ = static_cast<std::size_t>(count) <= kSmallBytes ? small_reads_ + 1 : 0;
+  // On a slow line there is little room, and who fills it may have much to say.
+  const bool small = static_cast<std::size_t>(count) <= std::min(kSmallBytes, out.size() - 1);
+  small_reads_ = small ? small_reads_ + 1 : 0;
   last_move_ = Clock::now();
   return static_cast<std::size_t>(count);
 }

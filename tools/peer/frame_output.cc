@@ -5,8 +5,8 @@
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
+#include <utility>
 
-#include "link/control_frames.h"
 #include "link/local_socket.h"
 
 namespace gxtool {
@@ -31,11 +31,13 @@ FrameOutput::FrameOutput(asio::io_context& io, int fd, Owner* owner)
 std::span<char> FrameOutput::Room() {
   const std::size_t taken = end_ + gxmod::kFrameHeaderBytes;
   if (broken_ || !overflow_.empty() || taken + kLeastRoom > kBufferBytes) return {};
-  return {buffer_.get() + taken, std::min(kDataBytes, kBufferBytes - taken)};
+  // Who says little may go one frame further than the others.
+  if (pace_.Room(pace_.FrameBytes()) < pace_.FrameBytes()) return {};
+  return {buffer_.get() + taken, std::min({kDataBytes, pace_.DataBytes(), kBufferBytes - taken})};
 }
 
 std::span<char> FrameOutput::BulkRoom() {
-  if (blocked_) return {};
+  if (blocked_ || !pace_.HasRoomFor(pace_.FrameBytes())) return {};
   if (!interactive_) return Room();
   if (!idle()) return {};
   const std::span<char> room = Room();
@@ -52,12 +54,22 @@ void FrameOutput::AddData(std::uint32_t connection_id, std::size_t count) {
   gxmod::EncodeFrameHeader({static_cast<std::uint32_t>(count), connection_id, gxmod::ConnectionType::Data},
                            buffer_.get() + end_);
   end_ += gxmod::kFrameHeaderBytes + count;
+  pace_.OnSent(gxmod::kFrameHeaderBytes + count);
   ScheduleFlush();
 }
 
 void FrameOutput::AddControl(gxmod::ConnectionType type, std::uint32_t connection_id,
                              std::string_view payload) {
+  if (!IsControlFrame(type)) pace_.OnSent(gxmod::kFrameHeaderBytes + payload.size());
   AddText(MakeFrame(type, connection_id, payload));
+}
+
+void FrameOutput::Acknowledge(const Acknowledgement& totals) {
+  if (blocked_) {
+    acknowledgement_ = totals;
+  } else {
+    AddText(MakeAcknowledgement(totals));
+  }
 }
 
 void FrameOutput::AddText(std::string_view text) {
@@ -84,7 +96,9 @@ void FrameOutput::Hurry() {
 }
 
 void FrameOutput::Flush() {
-  flush_pending_ = blocked_ = false;
+  blocked_ = false;
+  if (const auto totals = std::exchange(acknowledgement_, std::nullopt)) Acknowledge(*totals);
+  flush_pending_ = false;
   while (!idle()) {
     if (WriteSome() >= 0) continue;
     if (errno == EAGAIN || errno == EWOULDBLOCK) {

@@ -4,6 +4,7 @@
 // behind its header, and whole runs of frames leave in one write. Runs and frames are large, which is cheap. No
 // more than one run is ever queued ahead of a new frame, except for answers that must not wait (AddControl).
 // While somebody waits for small answers, SetInteractive trades some of the cheapness for less ahead of them.
+// On a line whose other side acknowledges what comes no more data is added than the line carries.
 // Threads: the one that runs the io_context.
 #ifndef GX_PEER_FRAME_OUTPUT_H
 #define GX_PEER_FRAME_OUTPUT_H
@@ -14,10 +15,13 @@
 #include <cstddef>
 #include <cstdint>
 #include <memory>
+#include <optional>
 #include <span>
 #include <string>
 #include <string_view>
 
+#include "link/control_frames.h"
+#include "link/line_pace.h"
 #include "peer/asio_types.h"
 
 namespace gxtool {
@@ -41,7 +45,8 @@ class FrameOutput {
   // Takes `fd` over, which does not block. `owner` is not owned.
   FrameOutput(asio::io_context& io, int fd, Owner* owner);
 
-  // Where the payload of a Data frame may be put now; empty: not before OnOutputProgress.
+  // Where the payload of a Data frame may be put now; empty: not before OnOutputProgress, or before the line
+  // has carried more.
   std::span<char> Room();
   // The same for a connection that has much to say: not while the stream takes no more. When interactive,
   // little at a time and only once all that was queued is written.
@@ -55,6 +60,9 @@ class FrameOutput {
   void Hurry();
   // Queues a frame behind all others, room or no room.
   void AddControl(gxmod::ConnectionType type, std::uint32_t connection_id, std::string_view payload = {});
+  // Tells the other side what has been received. While the stream takes no more, the last totals wait.
+  void Acknowledge(const Acknowledgement& totals);
+  LinePace& pace() { return pace_; }
   // Queues bytes that are no frame.
   void AddText(std::string_view text);
 
@@ -77,6 +85,8 @@ class FrameOutput {
   const std::unique_ptr<char[]> buffer_;
   std::size_t begin_ = 0;  // of what is unwritten
   std::size_t end_ = 0;
+  LinePace pace_;
+  std::optional<Acknowledgement> acknowledgement_;  // waits
   std::string overflow_;  // comes after the buffer; no data is added while there is some
   bool flush_pending_ = false;
   bool blocked_ = false;  // the stream takes no more

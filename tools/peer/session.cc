@@ -41,6 +41,7 @@ PeerSession::PeerSession(PeerOptions options, int read_fd, int write_fd)
       resolver_(io_, options_.names),
       admission_(options_),
       closing_(options_.max_connections),
+      receipts_timer_(io_),
       shutdown_(options_.raw) {}
 
 int PeerSession::Run() {
@@ -88,6 +89,8 @@ void PeerSession::OnBytes(std::string_view bytes) {
   if (shutdown_.IsCarrying()) frames_.Feed(bytes);
   for (const ConnectionPtr& connection : gathering_) connection->Deliver();
   gathering_.clear();
+  if (std::exchange(line_moved_, false)) scheduler_.Run();
+  receipts_.OnFrameEnd(frames_.AtFrameEnd());
   PauseOrResumeInput();
 }
 
@@ -98,6 +101,7 @@ void PeerSession::Greet(std::string_view* bytes) {
       return;
     case ReadyLineFinder::State::kFound:
       shutdown_.Run();
+      if (kOwnFeatures.flow_control && greeting_.features().flow_control) receipts_.Start();
       return keepalive_.Start();
     case ReadyLineFinder::State::kOtherVersion:
       return FailGreeting("gx-ssh speaks version " + greeting_.version() +
@@ -122,12 +126,14 @@ void PeerSession::OnFrame(const gxmod::FrameHeader& header) {
   frame_ = header;
   text_.clear();
   data_connection_ = nullptr;
+  if (!IsControlFrame(header.type)) receipts_.OnReceived(gxmod::kFrameHeaderBytes);
   if (header.type != ConnectionType::Data) return;
   if (const auto found = live_.find(header.connection_id); found != live_.end())
     data_connection_ = found->second;
 }
 
 void PeerSession::OnPayload(std::string_view piece) {
+  if (!IsControlFrame(frame_.type)) receipts_.OnReceived(piece.size());
   if (data_connection_ != nullptr) {
     if (!data_connection_->gathering()) gathering_.push_back(data_connection_);
     data_connection_->Gather(piece);
@@ -157,8 +163,21 @@ void PeerSession::OnFrameEnd() {
 void PeerSession::OnControlFrame() {
   if (frame_.type == kGoodbyeFrame) Log(LogLevel::kInfo, "the other side ends: " + Escape(text_));
   if (frame_.type == kEndOfInputFrame) EndOfInput();
+  if (frame_.type == kAcknowledgementFrame && !options_.raw) OnAcknowledgement();
+  if (frame_.type == kPongFrame && text_.size() == kPingBytes) {
+    output_.pace().OnReceived(SentBefore(text_));
+    line_moved_ = true;
+  }
   if (frame_.type != kPingFrame || text_.size() != kPingBytes) return;
   output_.AddControl(kPongFrame, 0, text_);
+}
+
+void PeerSession::OnAcknowledgement() {
+  const auto totals = ReadAcknowledgement(text_);
+  if (!totals) return;
+  line_moved_ = true;
+  if (output_.pace().OnAcknowledgement(*totals) || std::exchange(doubted_, true)) return;
+  Complain("the other side acknowledges bytes that it cannot have got");
 }
 
 void PeerSession::EndOfInput() {
@@ -292,7 +311,8 @@ void PeerSession::OnOutputBroken() {
 
 void PeerSession::OnQuiet() {
   // What waits to be written shows as well that this side lives.
-  if (shutdown_.IsWorking() && output_.idle()) output_.AddControl(kPingFrame, 0, std::string(kPingBytes, '\0'));
+  if (shutdown_.IsWorking() && output_.idle())
+    output_.AddControl(kPingFrame, 0, PingPayload(output_.pace().sent()));
 }
 
 void PeerSession::OnSilent() {
@@ -309,14 +329,32 @@ void PeerSession::Lose(LogLevel level, const std::string& why) {
 
 // Each mark is let go at its half, so that the input does not stop and start for every byte.
 void PeerSession::PauseOrResumeInput() {
-  const std::size_t part = input_.paused() ? 2 : 1;
-  const bool wait = over_mark_ != 0 || queued_ > kTotalQueueMark / part || output_.owed() > kOwedMark / part;
-  if (wait == input_.paused()) return;
-  Log(LogLevel::kDebug, wait ? "the input waits for a slow target" : "the input goes on");
-  if (!wait) return input_.Resume();
-  paused_since_ = Clock::now();
-  input_.Pause();
-  NeedTick();
+  const std::size_t part = holds_ ? 2 : 1;
+  const bool answers_wait = output_.owed() > kOwedMark / part;
+  const bool holds = over_mark_ != 0 || queued_ > kTotalQueueMark / part || answers_wait;
+  if (holds != std::exchange(holds_, holds)) {
+    Log(LogLevel::kDebug, holds ? "the input waits for a slow target" : "the input goes on");
+    holds_since_ = Clock::now();
+    NeedTick();
+  }
+  if (!holds) receipts_.Permit(0);
+  // Who keeps to what it may send is read on, for its acknowledgements.
+  const bool pause = holds && (!receipts_.wanted() || receipts_.exceeded() || answers_wait);
+  if (pause != input_.paused()) pause ? input_.Pause() : input_.Resume();
+  Acknowledge();
+}
+
+void PeerSession::Acknowledge() {
+  const auto due = receipts_.due();
+  if (!due || !shutdown_.IsCarrying()) return;
+  const Clock::time_point now = Clock::now();
+  if (*due <= now) return output_.Acknowledge(receipts_.Take(now));
+  if (std::exchange(receipts_timer_armed_, true)) return;
+  receipts_timer_.expires_at(*due);
+  receipts_timer_.async_wait([this](asio::error_code) {
+    receipts_timer_armed_ = false;
+    Acknowledge();
+  });
 }
 
 void PeerSession::NeedTick() {
@@ -339,7 +377,7 @@ void PeerSession::OnTick() {
   closing_.AbortLate(now);
   CheckPhase(now);
   const bool idle_counts = options_.idle_timeout.count() != 0 && !live_.empty();
-  if (opening || idle_counts || !closing_.empty() || input_.paused() || shutdown_.phase() != Phase::kRunning) {
+  if (opening || idle_counts || !closing_.empty() || holds_ || shutdown_.phase() != Phase::kRunning) {
     NeedTick();
   }
 }
@@ -355,8 +393,8 @@ void PeerSession::CheckConnection(Connection& connection, Clock::time_point now)
     if (over(options_.connect_timeout, still)) {
       DropUnopened(connection, "no answer within " + FormatDuration(options_.connect_timeout));
     }
-  } else if (input_.paused() && connection.queued() != 0 &&
-             now - std::max(paused_since_, connection.last_taken()) >= options_.stall_timeout) {
+  } else if (holds_ && connection.queued() != 0 &&
+             now - std::max(holds_since_, connection.last_taken()) >= options_.stall_timeout) {
     Drop(connection, "was cut: its target takes nothing, and all others wait for it");
   } else if (over(options_.idle_timeout, still)) {
     End(connection, "was idle for " + FormatDuration(options_.idle_timeout));
@@ -372,8 +410,10 @@ void PeerSession::OnEnd() {
     Log(LogLevel::kError, "the stream ended inside a frame");
   }
   input_.Stop();
+  output_.pace().End();  // no acknowledgement comes any more
   for (const auto& [id, connection] : live_) connection->FinishWriting();
   shutdown_.EndInput();
+  scheduler_.Run();
   StopAdmitting();
 }
 

@@ -16,6 +16,7 @@
 #include "link/borrowed_fd.h"
 #include "link/frame_reader.h"
 #include "link/ready_line.h"
+#include "link/receipts.h"
 #include "peer/admission.h"
 #include "peer/asio_types.h"
 #include "peer/connection.h"
@@ -79,6 +80,7 @@ class PeerSession final : private StreamReader::Owner,
 
   // What frames ask for.
   void OnControlFrame();
+  void OnAcknowledgement();
   void EndOfInput();
   void Connect(std::uint32_t id, const std::string& text);
   void SendClose(std::uint32_t id);
@@ -96,7 +98,10 @@ class PeerSession final : private StreamReader::Owner,
   void DropUnopened(Connection& connection, const std::string& why);
   void Forget(Connection& connection);
 
+  // Lets the other side send on, or not: by what it may send, or by not reading where that does not help.
   void PauseOrResumeInput();
+  // Tells the other side what has come, if that is due, or else when it will be.
+  void Acknowledge();
 
   // Deadlines are kept by one timer, which runs only while there are some.
   void NeedTick();
@@ -141,7 +146,13 @@ class PeerSession final : private StreamReader::Owner,
   ClosingConnections closing_;
   std::size_t queued_ = 0;     // for all targets, bytes
   std::size_t over_mark_ = 0;  // connections that owe their target too much
-  Clock::time_point paused_since_;
+  bool holds_ = false;         // the other side shall send no more
+  Clock::time_point holds_since_;
+  Receipts receipts_;
+  Timer receipts_timer_;
+  bool receipts_timer_armed_ = false;
+  bool line_moved_ = false;  // the other side has got something
+  bool doubted_ = false;     // it acknowledged what cannot be
 
   Shutdown shutdown_;
   std::uint64_t complaints_ = 0;

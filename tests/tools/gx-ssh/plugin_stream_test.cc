@@ -6,6 +6,7 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <atomic>
 #include <chrono>
 #include <future>
@@ -17,6 +18,7 @@
 
 #include "gx-ssh/descriptor.h"
 #include "link/control_frames.h"
+#include "support/pattern.h"
 #include "support/wait.h"
 #include "tools/io.h"
 
@@ -34,6 +36,7 @@ class Diary : public StreamObserver {
   void OnReset(std::uint32_t, std::string_view) override {}
   void OnChannelListDropped() override {}
   void OnGoodbye(const std::string&) override {}
+  void OnFalseAcknowledgement() override { Add("doubt"); }
   void OnWaiting() override {}
   void OnInputEnd(const std::string& reason) override { Add("end: " + reason); }
   void OnOutputFailed(const std::string& reason) override { Add("failed: " + reason); }
@@ -179,6 +182,94 @@ TEST_F(PluginStreamTest, CloseReleasesWhoWaits) {
   EXPECT_FALSE(WriteModule("x"));
   EXPECT_EQ(ReadModule(16), "");
   EXPECT_EQ(diary_.Take().find("end"), std::string::npos) << "our own close is no news";
+}
+
+// A far side that acknowledges, one frame at a time.
+class AcknowledgingFarSide {
+ public:
+  explicit AcknowledgingFarSide(int fd) : fd_(fd) {}
+
+  // Takes what comes until all is still for a moment; returns the bytes that count.
+  std::uint64_t Take() {
+    const std::uint64_t before = received;
+    while (WaitFor(fd_, POLLIN, 100)) {
+      const std::string header = ReadExactly(fd_, gxmod::kFrameHeaderBytes);
+      if (header.size() < gxmod::kFrameHeaderBytes) break;
+      const gxmod::FrameHeader frame = gxmod::DecodeFrameHeader(header.data());
+      const std::string payload = ReadExactly(fd_, frame.length);
+      if (frame.type == kAcknowledgementFrame) told = *ReadAcknowledgement(payload);
+      if (frame.type == kPongFrame) ponged = true;
+      if (frame.type == ConnectionType::Data) {
+        data += payload;
+        longest = std::max(longest, payload.size());
+      }
+      if (!IsControlFrame(frame.type)) received += header.size() + payload.size();
+    }
+    return received - before;
+  }
+  bool Acknowledge() const { return WriteAll(fd_, MakeAcknowledgement({received, 1 << 20})); }
+
+  std::string data;
+  std::size_t longest = 0;
+  std::uint64_t received = 0;
+  Acknowledgement told;
+  bool ponged = false;
+
+ private:
+  const int fd_;
+};
+
+// While the module waits for a client, and reads nothing, what it writes must still go out, and the far side
+// must be heard. The module gets all of it later.
+TEST_F(PluginStreamTest, TheFarSideIsHeardWhileTheModuleDoesNotRead) {
+  Open({.acknowledges = true});
+  AcknowledgingFarSide far(far_.get());
+  const std::string first = DataFrame(7, "first");
+  Send(MakeAcknowledgement({0, 1 << 20}) + first);
+  std::string read(first.size(), '\0');
+  for (unsigned bytes = 0, got = 0; bytes < read.size(); bytes += got) {
+    ASSERT_EQ(stream_->Read(read.data() + bytes, static_cast<unsigned>(read.size()) - bytes, &got, 0),
+              kGXModOk);
+  }
+  const std::string payload = gxtest::Pattern(60'000, 1);
+  auto module = std::async(std::launch::async, [&] { return WriteModule(DataFrame(7, payload)); });
+  EXPECT_LE(far.Take(), 16U << 10) << "before anything is known of the line";
+  EXPECT_EQ(far.Take(), 0U);
+  while (far.data.size() < payload.size() && far.Acknowledge() && far.Take() > 0) {
+  }
+  EXPECT_EQ(module.wait_for(kPatience), std::future_status::ready);
+  EXPECT_EQ(far.data, payload);
+  EXPECT_LE(far.longest, 4096U);
+
+  // Nothing is lost or out of its place that comes meanwhile, and no more may come than there is room for.
+  std::string sent;
+  for (std::uint64_t before = 0; far.told.permitted != before; far.Take()) {
+    before = far.told.permitted;
+    std::string frames;
+    while (first.size() + sent.size() + frames.size() + 65536 <= before) {
+      frames += DataFrame(8, gxtest::Pattern(65520, 2));
+      frames += kPing;
+      sent += frames.substr(frames.size() - 65536 - kPing.size(), 65536);
+      EXPECT_TRUE(WriteAll(far_.get(), std::exchange(frames, {})));
+    }
+  }
+  EXPECT_GE(far.told.received, std::uint64_t{7} << 20);
+  EXPECT_LT(far.told.permitted, std::uint64_t{9} << 20);
+  EXPECT_TRUE(far.ponged);
+  EXPECT_TRUE(gxtest::Eventually([this] { return stream_->silence().count() >= 20; })) << "somebody waits";
+  auto all = std::async(std::launch::async, [this] { return ReadModule(100'000); });
+  while (far.told.permitted < (std::uint64_t{15} << 20) && !HasFailure()) far.Take();
+  EndOfFarSide();
+  EXPECT_TRUE(all.get() == sent);
+}
+
+TEST_F(PluginStreamTest, FalseAcknowledgementsAreToldOnce) {
+  Open({.acknowledges = true});
+  Send(MakeAcknowledgement({0, 1 << 20}));
+  for (int time = 0; time < 3; ++time) Send(MakeAcknowledgement({1 << 20, 0}));
+  EndOfFarSide();
+  EXPECT_EQ(ReadModule(4096), "");
+  EXPECT_EQ(diary_.Take(), "doubt; end: end of the stream; ");
 }
 
 // Nobody else may notice: the one that waits for the far side has to tell.

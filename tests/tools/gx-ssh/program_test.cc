@@ -18,6 +18,7 @@
 #include "gx-ssh/readiness.h"
 #include "gx-ssh/relay.h"
 #include "link/control_frames.h"
+#include "link/ready_line.h"
 #include "support/temp_dir.h"
 #include "tools/io.h"
 
@@ -289,7 +290,8 @@ TEST_F(ProgramTest, CarrierIsHeardAtOnceAndHarmless) {
   Program program(GX_SSH_PROGRAM, WithShell({}, "printf '\\033[1m\\nSchl\\303\\274ssel: ' >&2; cat >&2"));
   const std::string heard = "gx-ssh: sh: \\x1b[1m\ngx-ssh: sh: Schlüssel: ";
   EXPECT_EQ(ReadExactly(program.errors(), heard.size()), heard);
-  EXPECT_EQ(ReadLine(program.errors()), "GX-SSH-HOST 1") << "the rest of that line";
+  const std::string greeting = Greeting(Side::kHost);
+  EXPECT_EQ(ReadLine(program.errors()), greeting.substr(0, greeting.find('\n'))) << "the rest of that line";
   program.Signal(SIGTERM);
   EXPECT_EQ(program.Status(), kExitOk);
 }

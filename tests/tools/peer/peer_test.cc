@@ -1,5 +1,6 @@
 #include "peer/peer.h"
 
+#include "link/receipts.h"
 #include "support/pattern.h"
 #include "tools/peer/name_server.h"
 #include "tools/peer/rig.h"
@@ -270,6 +271,89 @@ TEST_F(PeerLinkTest, TellsABrokenConnectionFromOneThatEnded) {
   broken.Reset();
   EXPECT_EQ(rig.Next(), Of(kResetFrame, 3));
   EXPECT_EQ(rig.Next(), Of(ConnectionType::Close, 3));
+}
+
+// The frames that come until all is still for a moment.
+std::vector<Frame> Burst(Rig& rig) {
+  std::vector<Frame> frames;
+  while (WaitFor(rig.host(), POLLIN, 300)) frames.push_back(rig.Next());
+  return frames;
+}
+
+TEST_F(PeerLinkTest, NoMoreIsUnderWayThanTheLineCarries) {
+  Rig rig(options_);
+  EXPECT_EQ(rig.Line(), Greeting(Side::kPeer));
+  EXPECT_TRUE(WriteAll(rig.host(), Greeting(Side::kHost)));
+  const Acknowledgement first{0, Receipts::kRoomBytes};
+  EXPECT_EQ(rig.Next(),
+            Of(kAcknowledgementFrame, 0, MakeAcknowledgement(first).substr(gxmod::kFrameHeaderBytes)));
+  EXPECT_TRUE(WriteAll(rig.host(), MakeAcknowledgement({0, 128 << 10})));
+  const Descriptor bulk = rig.Connect(1, target_);
+  const Descriptor talk = rig.Connect(2, target_);
+  WriteUntilStuck(bulk.get(), std::string(8 << 20, 'x'));
+  std::uint64_t came = 0;
+  const auto take_burst = [&] {
+    std::uint64_t bytes = 0;
+    for (const Frame& frame : Burst(rig)) {
+      if (frame.type == static_cast<int>(kAcknowledgementFrame)) continue;
+      bytes += gxmod::kFrameHeaderBytes + frame.payload.size();
+    }
+    came += bytes;
+    return bytes;
+  };
+  EXPECT_LE(take_burst(), 9U << 10) << "before anything is known of the line";
+  // Who says little gets ahead of what waits.
+  EXPECT_TRUE(WriteAll(talk.get(), "one"));
+  EXPECT_EQ(take_burst(), 0U) << "nobody knows yet that it says little";
+  EXPECT_TRUE(WriteAll(rig.host(), MakeAcknowledgement({came, 128 << 10})));
+  EXPECT_GT(take_burst(), 0U);
+  // What is said falsely counts for nothing, and a pong for an acknowledgement.
+  EXPECT_TRUE(WriteAll(rig.host(), MakeAcknowledgement({0, 0}) + MakeAcknowledgement({0, 0})));
+  EXPECT_EQ(take_burst(), 0U);
+  EXPECT_THAT(rig.lines(), ElementsAre(HasSubstr("cannot have got")));
+  rig.Send(kPongFrame, 0, PingPayload(came));
+  EXPECT_GT(take_burst(), 0U);
+  // Not even a fast line gets more than there is room for at its end.
+  for (std::uint64_t before = 0; came != before;) {
+    before = came;
+    EXPECT_TRUE(WriteAll(rig.host(), MakeAcknowledgement({came, 128 << 10})));
+    take_burst();
+  }
+  EXPECT_LE(came, 128U << 10);
+}
+
+// What the other side may send is what is read of it, so it is heard in any case.
+TEST_F(PeerLinkTest, ASlowTargetLeavesTheOtherSideHeard) {
+  Rig rig(options_);
+  EXPECT_EQ(rig.Line(), Greeting(Side::kPeer));
+  EXPECT_TRUE(WriteAll(rig.host(), Greeting(Side::kHost)));
+  const Descriptor slow = rig.Connect(1, target_);
+  std::uint64_t permitted = 0;
+  const auto take_frames = [&] {
+    bool ponged = false;
+    for (const Frame& frame : Burst(rig)) {
+      ponged = ponged || frame.type == static_cast<int>(kPongFrame);
+      if (const auto totals = ReadAcknowledgement(frame.payload)) permitted = totals->permitted;
+    }
+    return ponged;
+  };
+  take_frames();
+  const std::string frame = MakeFrame(ConnectionType::Data, 1, std::string(65520, 'x'));
+  std::uint64_t sent = gxmod::kFrameHeaderBytes + target_.Address().size();
+  for (std::uint64_t before = 0; permitted != before; take_frames()) {
+    before = permitted;
+    for (; sent + frame.size() <= permitted; sent += frame.size()) EXPECT_TRUE(WriteAll(rig.host(), frame));
+  }
+  EXPECT_GT(permitted, std::uint64_t{8} << 20);
+  EXPECT_LT(permitted, std::uint64_t{32} << 20);
+  rig.Send(kPingFrame, 0, PingPayload(0));
+  EXPECT_TRUE(take_frames());
+  // Who goes beyond it is not read on.
+  std::string flood;
+  for (int i = 0; i < 512; ++i) flood += frame;
+  EXPECT_LT(WriteUntilStuck(rig.host(), flood), std::size_t{8} << 20);
+  rig.HangUp();
+  rig.Join();
 }
 
 TEST_F(PeerLinkTest, TellsWhyNobodyWasFound) {
