@@ -124,8 +124,9 @@ void App::StartLink() {
 }
 
 void App::EndLink() {
-  link_.reset();
+  // First of all: nobody runs what the end of the link itself posts when the program ends with it.
   for (const Traffic::Connection& closed : traffic_.CloseAll()) reporter_.OnConnection({false, closed});
+  link_.reset();
 }
 
 // A shell has answered, so nobody is asked for a password any more.
@@ -222,7 +223,7 @@ void App::StartStandardIo(const std::string& address, std::uint16_t port) {
     Fail(Failure(kExitLinkLost, "the connection to " + options_.target + " ended: " + problem));
   };
   standard_io_.emplace(io_, standard_input_.get(), standard_output_, ConnectTo(address, port),
-                       link_->entrance()->Expect(options_.target), ended);
+                       link_->entrance()->Expect({"", options_.target}), ended);
   TellReady("ready");
 }
 

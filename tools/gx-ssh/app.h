@@ -9,6 +9,7 @@
 #include <memory>
 #include <optional>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "gx-ssh/background.h"
@@ -62,6 +63,9 @@ class App final : public Link::Owner {
   void OnInputDelivered() override;
   void OnRefused(const std::string& why) override;
   void OnReset() override;
+  void OnRoute(std::uint32_t connection, Route route) override {
+    traffic_.OnRoute(connection, std::move(route));
+  }
   void OnFrame(const gxmod::FrameHeader& header, bool sent) override;
 
   void Announce(std::vector<Forward> forwards);

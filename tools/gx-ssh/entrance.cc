@@ -34,7 +34,7 @@ bool Entrance::Pass::EndInput(std::uint64_t bytes) {
   return true;
 }
 
-Entrance::Pass Entrance::Expect(std::string target) {
+Entrance::Pass Entrance::Expect(Route route) {
   Pass pass;
   if (getentropy(pass.secret_.data(), pass.secret_.size()) != 0) {
     throw std::system_error(errno, std::generic_category(), "random bytes");
@@ -42,7 +42,7 @@ Entrance::Pass Entrance::Expect(std::string target) {
   const std::lock_guard lock(mutex_);
   pass.entrance_ = shared_from_this();
   pass.ticket_ = ++last_ticket_;
-  expected_.push_back({pass.ticket_, pass.secret_, std::move(target), {}});
+  expected_.push_back({pass.ticket_, pass.secret_, std::move(route), {}});
   return pass;
 }
 
@@ -161,7 +161,8 @@ std::optional<std::string> Entrance::Enter(const Waiting& guest) {
   });
   if (found == expected_.end()) return std::nullopt;
   own_.emplace(guest.id, Own{found->ticket, found->end});
-  std::string target = std::move(found->target);
+  std::string target = found->route.target;
+  entered_.emplace_back(guest.id, std::move(found->route));
   expected_.erase(found);
   return target;
 }
@@ -212,13 +213,16 @@ void Entrance::Forget(std::uint64_t ticket) {
 
 void Entrance::CallHandler() {
   std::vector<std::uint32_t> refused;
+  std::vector<std::pair<std::uint32_t, Route>> entered;
   bool wait_begins = false;
   {
     const std::lock_guard lock(mutex_);
     refused.swap(to_close_);
+    entered.swap(entered_);
     wait_begins = std::exchange(wait_begins_, false);
   }
   if (handler_ == nullptr) return;
+  for (auto& [id, route] : entered) handler_->OnEntered(id, std::move(route));
   for (const std::uint32_t id : refused) handler_->OnRefused(id);
   if (wait_begins) handler_->OnWaiting();
 }

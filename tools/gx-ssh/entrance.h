@@ -16,8 +16,10 @@
 #include <string_view>
 #include <unordered_map>
 #include <unordered_set>
+#include <utility>
 #include <vector>
 
+#include "gx-ssh/traffic.h"
 #include "link/frame_reader.h"
 
 namespace gxtool {
@@ -49,6 +51,8 @@ class Entrance final : public std::enable_shared_from_this<Entrance>, FrameReade
   // Called without a lock, on the thread that causes the call.
   class Handler {
    public:
+    // That connection has shown its pass; its Connect goes out next.
+    virtual void OnEntered(std::uint32_t connection, Route route) = 0;
     // That connection of the module's has to be closed.
     virtual void OnRefused(std::uint32_t connection) = 0;
     // All that a pass has promised has gone out.
@@ -85,9 +89,9 @@ class Entrance final : public std::enable_shared_from_this<Entrance>, FrameReade
   // `tells_end`: the far side understands the end of the input. `handler` outlives Close.
   Entrance(bool tells_end, Handler& handler) : tells_end_(tells_end), handler_(&handler) {}
 
-  // For a connection to `target`, as a Connect frame carries it. Throws std::system_error when the system has
-  // no random bytes.
-  Pass Expect(std::string target);
+  // For a connection to the route's target, as a Connect frame carries it. Throws std::system_error when the
+  // system has no random bytes.
+  Pass Expect(Route route);
 
   // What of the module's `block`, which may begin and end anywhere in a frame, may go out. Valid until the next
   // call and as long as `block`.
@@ -108,7 +112,7 @@ class Entrance final : public std::enable_shared_from_this<Entrance>, FrameReade
   struct Expected {
     std::uint64_t ticket;
     Secret secret;
-    std::string target;
+    Route route;
     std::optional<std::uint64_t> end;  // of the input, in bytes
   };
   struct Waiting {
@@ -159,7 +163,9 @@ class Entrance final : public std::enable_shared_from_this<Entrance>, FrameReade
   bool wait_begins_ = false;    // the handler has to be told that it is due
   std::unordered_map<std::uint32_t, Own> own_;
   std::unordered_set<std::uint32_t> refused_;
-  std::vector<std::uint32_t> to_close_;  // the handler has to be told
+  // The handler has to be told.
+  std::vector<std::uint32_t> to_close_;
+  std::vector<std::pair<std::uint32_t, Route>> entered_;
 };
 
 }  // namespace gxtool

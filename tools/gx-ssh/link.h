@@ -47,6 +47,8 @@ class Link final : StreamObserver {
     virtual void OnRefused(const std::string& why) = 0;
     // A target has broken a connection, which ends now.
     virtual void OnReset() = 0;
+    // Whose connection opens next under that id. On threads of the module.
+    virtual void OnRoute(std::uint32_t connection, Route route) = 0;
     // Every frame of the module's, either way. On threads of the module.
     virtual void OnFrame(const gxmod::FrameHeader& header, bool sent) = 0;
 
@@ -89,6 +91,9 @@ class Link final : StreamObserver {
 
   void OnFrameSent(const gxmod::FrameHeader& header) override { owner_.OnFrame(header, true); }
   void OnFrameReceived(const gxmod::FrameHeader& header) override { owner_.OnFrame(header, false); }
+  void OnEntered(std::uint32_t connection, Route route) override {
+    owner_.OnRoute(connection, std::move(route));
+  }
   void OnInputDelivered(std::uint32_t connection) override;
   void OnReset(std::uint32_t connection, std::string_view why_not_opened) override;
   void OnRefused(const std::string& why);

@@ -19,6 +19,7 @@
 #include <utility>
 
 #include "gx-ssh/failure.h"
+#include "gx-ssh/report.h"
 #include "link/high_descriptors.h"
 
 namespace gxtool {
@@ -125,6 +126,15 @@ void Listener::Accept() {
   }));
 }
 
+// Empty when the client has gone already. A Unix socket's has no name of its own.
+std::string Listener::ClientText(int client) const {
+  if (IsUnix()) return AddressText(forward_.at);
+  asio::ip::tcp::endpoint name;
+  auto size = static_cast<socklen_t>(name.capacity());
+  if (getpeername(client, name.data(), &size) != 0) return {};
+  return AddressText({"", name.address().to_string(), name.port()});
+}
+
 void Listener::Serve(Descriptor client) {
   fcntl(client.get(), F_SETFD, FD_CLOEXEC);
   if (users_ && users_->OwnerOfPeer(client.get()) != geteuid()) {
@@ -132,12 +142,13 @@ void Listener::Serve(Descriptor client) {
   }
   const int on = 1;
   if (!IsUnix()) setsockopt(client.get(), IPPROTO_TCP, TCP_NODELAY, &on, sizeof on);
+  const std::string from = ClientText(client.get());
   try {
     Descriptor module = ConnectTo(module_address_, module_port_);
     const auto relay = relays_.insert(relays_.end(), nullptr);
     const auto ended = lifetime_.Guard([this, relay](const std::string&) { relays_.erase(relay); });
     *relay = std::make_unique<Relay>(io_, std::move(client), Descriptor(), std::move(module),
-                                     entrance_->Expect(forward_.target), Relay::Events{{}, {}, ended});
+                                     entrance_->Expect({from, forward_.target}), Relay::Events{{}, {}, ended});
   } catch (const std::system_error& error) {
     spdlog::warn("cannot connect a client to the module: {}", error.code().message());
   }

@@ -46,6 +46,7 @@ class Listener {
   void Bind();
   void Accept();
   void Serve(Descriptor client);
+  std::string ClientText(int client) const;
 
   asio::io_context& io_;
   Forward forward_;

@@ -10,6 +10,7 @@
 #include <memory>
 #include <string>
 #include <string_view>
+#include <utility>
 
 #include "gx-ssh/counted.h"
 #include "gx-ssh/descriptor.h"
@@ -38,6 +39,8 @@ class StreamObserver {
   virtual void OnInputEnd(const std::string& reason) = 0;
   // The far side has acknowledged what cannot be; that counted for nothing. Once.
   virtual void OnFalseAcknowledgement() = 0;
+  // See Entrance::Handler.
+  virtual void OnEntered(std::uint32_t connection, Route route) = 0;
   // Somebody waits at the entrance, see Entrance::Handler.
   virtual void OnWaiting() = 0;
   // Nothing more can be sent. Once.
@@ -90,6 +93,9 @@ class PluginStream final : public Counted<IPluginStreamRaw>,
   void OnAcknowledge(const Acknowledgement& totals) override { output_.Acknowledge(totals); }
   void OnFrameSent(const gxmod::FrameHeader& header) override;
   void OnWriteFailed(const std::string& reason) override { observer_.OnOutputFailed(reason); }
+  void OnEntered(std::uint32_t connection, Route route) override {
+    observer_.OnEntered(connection, std::move(route));
+  }
   void OnRefused(std::uint32_t connection) override { input_.InsertClose(connection); }
   void OnInputSent(std::uint32_t connection) override;
   void OnWaiting() override { observer_.OnWaiting(); }

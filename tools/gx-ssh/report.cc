@@ -138,10 +138,11 @@ std::string FormatSeconds(double seconds) {
   return fmt::format("{}h {}m", whole / 3600, whole % 3600 / 60);
 }
 
-std::string ConnectionLine(const Traffic::Change& change) {
-  const Traffic::Connection& connection = change.connection;
-  if (change.opened) return fmt::format("connection {} open", connection.id);
-  return fmt::format("connection {} closed after {}: {} sent, {} received", connection.id,
+std::string ConnectionLine(const Traffic::Connection& connection) {
+  const Route& route = connection.route;
+  const std::string from = route.client.empty() ? "" : " from " + Escape(route.client);
+  const std::string to = route.target.empty() ? "" : " to " + Escape(route.target);
+  return fmt::format("connection {}{}{} closed after {}: {} sent, {} received", connection.id, from, to,
                      FormatSeconds(connection.Seconds()), FormatBytes(static_cast<double>(connection.sent)),
                      FormatBytes(static_cast<double>(connection.received)));
 }

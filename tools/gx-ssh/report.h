@@ -58,7 +58,8 @@ std::string FormatBytes(double bytes);
 // "0.3s", "42s", "5m 3s", "2h 5m"
 std::string FormatSeconds(double seconds);
 
-std::string ConnectionLine(const Traffic::Change& change);
+// "connection 3 from 127.0.0.1:40001 to web:80 closed after 0.3s: 12 B sent, 1.0 KiB received"
+std::string ConnectionLine(const Traffic::Connection& connection);
 
 // One line for each open connection, with a heading and the totals.
 std::vector<std::string> Table(const std::vector<Traffic::Connection>& open, const Traffic::Totals& totals);

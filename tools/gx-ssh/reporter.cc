@@ -78,11 +78,13 @@ void Reporter::OnBringing(const std::string& architecture, std::size_t sent, std
 bool Reporter::TellsConnections() const { return options_.json || spdlog::should_log(spdlog::level::debug); }
 
 void Reporter::OnConnection(const Traffic::Change& change) {
-  spdlog::debug("{}", ConnectionLine(change));
-  const Traffic::Connection& connection = change.connection;
+  Traffic::Connection connection = change.connection;
+  // The module's own port has one target, unless the far side opens ports for others.
+  if (!options_.HasRelay() && !options_.allow_channel_list) connection.route.target = options_.target;
   JsonObject object;
   object.Add("connection", std::uint64_t{connection.id});
   if (change.opened) return Emit("open", object);
+  spdlog::debug("{}", ConnectionLine(connection));
   object.Add("sent", connection.sent).Add("received", connection.received).Add("seconds", connection.Seconds());
   Emit("close", object);
 }

@@ -14,12 +14,18 @@ std::vector<Traffic::Connection> List(const std::map<std::uint32_t, Traffic::Con
 
 }  // namespace
 
+void Traffic::OnRoute(std::uint32_t id, Route route) {
+  const std::lock_guard lock(mutex_);
+  routes_[id] = std::move(route);
+}
+
 std::optional<Traffic::Change> Traffic::Count(const gxmod::FrameHeader& header, bool sent) {
   using gxmod::ConnectionType;
   const std::lock_guard lock(mutex_);
   if (header.type == ConnectionType::Connect && sent) {
     ++totals_.connections;
-    const Connection opened{header.connection_id, Clock::now()};
+    Connection opened{header.connection_id, Clock::now()};
+    if (const auto known = routes_.extract(opened.id)) opened.route = known.mapped();
     open_[opened.id] = opened;
     return Change{true, opened};
   }
@@ -50,6 +56,7 @@ std::vector<Traffic::Connection> Traffic::open() const {
 
 std::vector<Traffic::Connection> Traffic::CloseAll() {
   const std::lock_guard lock(mutex_);
+  routes_.clear();
   return List(std::exchange(open_, {}));
 }
 

@@ -9,9 +9,16 @@
 #include <map>
 #include <mutex>
 #include <optional>
+#include <string>
 #include <vector>
 
 namespace gxtool {
+
+// From where to where a connection goes, for people. Empty: not known.
+struct Route {
+  std::string client;
+  std::string target;
+};
 
 // "Sent" goes to the far side. Threads: any.
 class Traffic {
@@ -23,6 +30,7 @@ class Traffic {
     Clock::time_point since;
     std::uint64_t sent = 0;
     std::uint64_t received = 0;
+    Route route = {};
 
     double Seconds() const { return std::chrono::duration<double>(Clock::now() - since).count(); }
   };
@@ -37,6 +45,8 @@ class Traffic {
     std::uint64_t received = 0;
   };
 
+  // Of the connection that opens next under that id.
+  void OnRoute(std::uint32_t id, Route route);
   // Takes a frame into account. Whichever side closes first closes the connection.
   std::optional<Change> Count(const gxmod::FrameHeader& header, bool sent);
 
@@ -48,6 +58,7 @@ class Traffic {
  private:
   mutable std::mutex mutex_;
   std::map<std::uint32_t, Connection> open_;
+  std::map<std::uint32_t, Route> routes_;  // of those whose Connect has still to go out
   Totals totals_;
 };
 

@@ -19,6 +19,7 @@ class EntranceTest : public testing::Test, protected Entrance::Handler {
  protected:
   void OnRefused(std::uint32_t connection) override { story_ += "refuse " + std::to_string(connection) + "; "; }
   void OnInputSent(std::uint32_t connection) override { story_ += "end " + std::to_string(connection) + "; "; }
+  void OnEntered(std::uint32_t, Route) override {}
   void OnWaiting() override { ++waits_; }
 
   // The module writes, at most `step` bytes at a time.
@@ -70,7 +71,7 @@ TEST_F(EntranceTest, OwnConnectionsPassWithoutTheirSecretToTheirTarget) {
   for (std::size_t first = 0; first <= 20; ++first) {
     for (const std::size_t step : {1u, 7u, 16u, 17u, 1000u}) {
       const std::string target = "host" + std::to_string(++id) + ":1";
-      const auto pass = entrance_->Expect(target);
+      const auto pass = entrance_->Expect({"", target});
       const std::string bytes = Secret(pass) + "hello";
       const std::string rest = first <= 16
                                    ? Data(id, "hello")
@@ -86,7 +87,7 @@ TEST_F(EntranceTest, OwnConnectionsPassWithoutTheirSecretToTheirTarget) {
 }
 
 TEST_F(EntranceTest, NothingOfAStrangerPassesEitherWay) {
-  std::optional<Entrance::Pass> pass(entrance_->Expect(kTarget));
+  std::optional<Entrance::Pass> pass(entrance_->Expect({"", kTarget}));
   const std::string secret = Secret(*pass);
   EXPECT_EQ(Write(Connect(1) + Data(1, "GET / HTTP/1.1\r\n\r\n") + Data(1, secret) + Close(1)), "");
   EXPECT_EQ(TakeStory(), "refuse 1; ") << "a secret that comes late counts for nothing";
@@ -102,7 +103,7 @@ TEST_F(EntranceTest, NothingOfAStrangerPassesEitherWay) {
   EXPECT_NE(Write(Close(4)), "");
   EXPECT_FALSE(HearsTheFarSide(4));
 
-  pass.emplace(entrance_->Expect(kTarget));
+  pass.emplace(entrance_->Expect({"", kTarget}));
   const std::string given_up = Secret(*pass);
   pass.reset();
   EXPECT_EQ(Write(Connect(6) + Data(6, given_up)), "");
@@ -123,7 +124,7 @@ TEST_F(EntranceTest, SilentStrangersGoAndKeepNobodyOut) {
   for (std::uint32_t id = 2; id <= 2 + Entrance::kWaiting; ++id) Write(Connect(id));
   EXPECT_EQ(TakeStory(), "refuse 2; ") << "of too many the one that has waited longest goes";
   EXPECT_EQ(waits_, 2) << "one call of Expire is asked for at a time";
-  const auto pass = entrance_->Expect(kTarget);
+  const auto pass = entrance_->Expect({"", kTarget});
   EXPECT_EQ(Write(Connect(100)), "");
   EXPECT_EQ(TakeStory(), "") << "those that are expected take nobody's place";
   EXPECT_EQ(Write(Data(100, Secret(pass) + "x")), Connected(100) + Data(100, "x"));
@@ -131,7 +132,7 @@ TEST_F(EntranceTest, SilentStrangersGoAndKeepNobodyOut) {
 
 // The far side hears of the end once, behind the last byte and never before the Connect.
 TEST_F(EntranceTest, TheEndOfTheInputFollowsTheLastByte) {
-  auto early = entrance_->Expect(kTarget);
+  auto early = entrance_->Expect({"", kTarget});
   const std::string on_its_way(entrance_->Filter(Connect(1) + Data(1, Secret(early))));
   EXPECT_TRUE(early.EndInput(0));
   EXPECT_EQ(TakeStory(), "");
@@ -139,7 +140,7 @@ TEST_F(EntranceTest, TheEndOfTheInputFollowsTheLastByte) {
   EXPECT_EQ(TakeStory(), "end 1; ");
   for (const std::size_t size : {0u, 5u}) {
     for (const std::size_t told_after : {0u, 1u, 2u}) {
-      auto pass = entrance_->Expect(kTarget);
+      auto pass = entrance_->Expect({"", kTarget});
       const std::uint32_t id = static_cast<std::uint32_t>(10 + 10 * size + told_after);
       const std::string bytes(size, 'x');
       const auto tell_after = [&](std::size_t step) { EXPECT_TRUE(step != told_after || pass.EndInput(size)); };

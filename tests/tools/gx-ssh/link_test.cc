@@ -24,6 +24,7 @@ class CountingOwner final : public Link::Owner {
   void OnInputDelivered() override { ++delivered; }
   void OnRefused(const std::string&) override { ++refused; }
   void OnReset() override { ++resets; }
+  void OnRoute(std::uint32_t, Route) override {}
   void OnFrame(const gxmod::FrameHeader&, bool sent) override { marker_came = marker_came || !sent; }
 
   bool up = false;

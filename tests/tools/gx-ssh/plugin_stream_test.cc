@@ -37,6 +37,7 @@ class Diary : public StreamObserver {
   void OnChannelListDropped() override {}
   void OnGoodbye(const std::string&) override {}
   void OnFalseAcknowledgement() override { Add("doubt"); }
+  void OnEntered(std::uint32_t, Route) override {}
   void OnWaiting() override {}
   void OnInputEnd(const std::string& reason) override { Add("end: " + reason); }
   void OnOutputFailed(const std::string& reason) override { Add("failed: " + reason); }

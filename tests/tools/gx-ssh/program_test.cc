@@ -353,6 +353,23 @@ TEST_F(ProgramTest, ReconnectsAtTheSameAddresses) {
   EXPECT_EQ(program.Status(), kExitOk);
 }
 
+TEST_F(ProgramTest, TellsOfEachConnectionAtItsEndWhenAsked) {
+  const std::string target = " to " + server_.target().Address();
+  const std::string bytes = "s: 5 B sent, 5 B received";
+  for (const Arguments& listen : {Arguments{"-v"}, {"-v", "--listen", "127.0.0.1:0"}}) {
+    Program program(GX_SSH_PROGRAM, WithPeer(listen));
+    const Descriptor connection = Connect(program.Line());
+    EXPECT_EQ(Echo(connection, "hello"), "hello");
+    sockaddr_in client{};
+    socklen_t length = sizeof client;
+    EXPECT_EQ(getsockname(connection.get(), reinterpret_cast<sockaddr*>(&client), &length), 0);
+    const std::string from = " from 127.0.0.1:" + std::to_string(ntohs(client.sin_port));
+    program.Signal(SIGTERM);
+    EXPECT_THAT(program.Errors(), testing::ContainsRegex("connection 1" + (listen.size() > 1 ? from : "") +
+                                                         target + " closed after .*" + bytes));
+  }
+}
+
 TEST_F(ProgramTest, UnixSocketIsTheOwnersAndGoesAway) {
   const std::string path = folder_.path() + "/socket";
   for (int round = 0; round < 2; ++round) {
