@@ -19,11 +19,17 @@ constexpr unsigned int kDeafWaitMs = 10;  // for want of a wake-up socket
 
 }  // namespace
 
-// What is known of one pass only.
+// What is known of one pass only. However it ends, those who wait in it are handed back.
 template <class Task>
 struct select_tracker<Task>::Pass {
+  explicit Pass(select_tracker& owner) : tracker(owner) { tracker.BeginPass(); }
+  Pass(const Pass&) = delete;
+  Pass& operator=(const Pass&) = delete;
+  ~Pass() { tracker.EndPass(); }
+
   bool IsFull() const { return collected == kMaxTasksPerPass; }
 
+  select_tracker& tracker;
   std::list<Task> timed_out;
   std::size_t collected = 0;
 };
@@ -53,7 +59,6 @@ bool select_tracker<Task>::Start(unsigned long) {
     return false;
   }
   timers_.clean();
-  waiting_.TakeAll();   // those of a pass that an exception ended
   loopback_.Destroy();  // the stop event of the previous run may still be queued in it
   stopped_.store(false, std::memory_order_release);
   GXModLog(kGXModLogTrace, "[select_tracker] run ok");
@@ -79,12 +84,9 @@ bool select_tracker<Task>::GetComeleted(Task& out) {
   if (IsStopped()) return false;
   if (completed_.peek(out)) return true;
   FireTimers();
-  Pass pass;
+  Pass pass(*this);
   Collect(pass);
-  const bool go_on = !waiting_.empty() ? SelectPass(pass, out) : IdlePass(pass, out);
-  listening_ = false;
-  EndPass();
-  return go_on;
+  return !waiting_.empty() ? SelectPass(pass, out) : IdlePass(pass, out);
 }
 
 template <class Task>
@@ -141,11 +143,13 @@ void select_tracker<Task>::FireTimers() {
 }
 
 template <class Task>
+void select_tracker<Task>::BeginPass() {
+  CStdLock lock(passing_mutex_);
+  passing_ = true;
+}
+
+template <class Task>
 void select_tracker<Task>::Collect(Pass& pass) {
-  {
-    CStdLock lock(passing_mutex_);
-    passing_ = true;
-  }
   listening_ = true;  // before it looks: what comes too late to be seen finds it set
   std::list<Task> fresh = uncompleted_.take(kEverybody);
   if (fresh.size() + waiting_.size() > kMaxTasksPerPass) {
@@ -231,6 +235,7 @@ void select_tracker<Task>::RepairAfter(int error) {
 // A stop leaves it to the pass to drop those who wait in it.
 template <class Task>
 void select_tracker<Task>::EndPass() {
+  listening_ = false;
   waiting_.EndPass(uncompleted_.take(kEverybody));
   std::list<Task> dropped;  // outlives the lock
   CStdLock lock(passing_mutex_);

@@ -71,6 +71,7 @@ class select_tracker : public ITimer {
   bool _read_event(inner_event_type& event);
 
   void FireTimers();
+  void BeginPass();
   void Collect(Pass& pass);
   unsigned int WaitLimit(const Pass& pass);
   bool IdlePass(Pass& pass, Task& out);

@@ -50,10 +50,12 @@ void waiting_tasks<Task>::Enter(std::list<Task> fresh, std::list<Task>& late) {
   std::list<Task> readers, writers;
   Sort(std::exchange(came_, {}), readers, writers, late);
   const bool some_left = TakeLate(late);
+  // A limit may have come nearer: that of a write, when a read with another limit was done.
+  const bool limited = deadline_ms_ != kNoDeadline;
   Sort(std::move(fresh), readers_.tasks, writers_.tasks, late);
   readers_.tasks.splice(readers_.tasks.begin(), readers);
   writers_.tasks.splice(writers_.tasks.begin(), writers);
-  if (some_left) WatchAnew();
+  if (some_left || limited) WatchAnew();
 }
 
 template <class Task>
@@ -62,9 +64,8 @@ void waiting_tasks<Task>::EnterLast(std::list<Task> fresh, std::list<Task>& late
 }
 
 template <class Task>
-std::uint64_t waiting_tasks<Task>::TimeLeft() {
+std::uint64_t waiting_tasks<Task>::TimeLeft() const {
   if (deadline_ms_ == kNoDeadline) return kNoDeadline;
-  if (deadline_ms_ <= gettickcount()) WatchAnew();
   const std::uint64_t now_ms = gettickcount();
   return deadline_ms_ > now_ms ? deadline_ms_ - now_ms : 0;
 }
@@ -129,7 +130,7 @@ bool waiting_tasks<Task>::TakeLate(std::list<Task>& late) {
   return late.size() != had;
 }
 
-// A limit that a task gets while it waits, because its stream has got one, comes with a task of its own.
+// The first limit that a waiting task gets, because its stream has got one, comes with a task of its own.
 template <class Task>
 void waiting_tasks<Task>::Watch(Waiters& waiters, const Task& task) {
   const int descriptor = task.socket();

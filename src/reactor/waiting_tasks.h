@@ -43,7 +43,7 @@ class waiting_tasks {
   // `came` while the pass waited; the next one enters them.
   void EndPass(std::list<Task> came);
   // Milliseconds until a time limit may have passed; all ones: there is none.
-  std::uint64_t TimeLeft();
+  std::uint64_t TimeLeft() const;
 
   // What to wait for.
   SelectSets Sets() const;

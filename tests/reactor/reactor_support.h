@@ -55,9 +55,10 @@ class FakeTask final : public ITCPTask {
     return true;
   }
   bool timeout() override { return timed_out; }
-  unsigned long timeleft() override { return ~0UL; }
+  unsigned long timeleft() override { return left_ms; }
 
   std::atomic<bool> timed_out{false};
+  std::atomic<unsigned long> left_ms{~0UL};
 
  private:
   ~FakeTask() override {

@@ -4,6 +4,7 @@
 #include <gtest/gtest.h>
 
 #include <future>
+#include <stdexcept>
 #include <thread>
 
 #include "reactor_support.h"
@@ -72,6 +73,47 @@ TEST_F(SelectTrackerTest, ATaskWhoseTimeHasPassedWaitsForNobody) {
     tracker_.AddTask(CTCPTask(late.get()));
     EXPECT_EQ(Next(), quiet.descriptor());
   }
+}
+
+// A stream whose read has a limit tells of that one; when the read is done, a nearer one of its write shows.
+TEST_F(SelectTrackerTest, ALimitThatComesNearerWhileATaskWaitsEndsThePass) {
+  const SocketPair quiet, other;
+  const auto task = Add(quiet.descriptor(), kSelectWritable);
+  while (send(quiet.descriptor(), "x", 1, MSG_DONTWAIT) == 1) {
+  }
+  task->left_ms = 3'600'000;
+  const auto serve_other = [&] {
+    other.Send();
+    Add(other.descriptor(), kSelectReadable);
+    EXPECT_EQ(Next(), other.descriptor());
+  };
+  serve_other();
+  task->left_ms = 0;
+  bool rescued = false;
+  tracker_.SetTimer(new FakeTimer([&] { rescued = true; }), 10'000, true);
+  EXPECT_TRUE(PassWithoutTask());
+  serve_other();
+  EXPECT_FALSE(rescued);
+}
+
+// A stop that comes after it drops everybody who waited in that pass.
+TEST_F(SelectTrackerTest, AnExceptionInAPassKeepsNobodyFromTheStop) {
+  class Faulty final : public ITCPTask {
+   public:
+    Faulty() : ITCPTask(-1, kSelectReadable) {}
+    bool Done() override { return true; }
+    bool timeout() override { throw std::runtime_error("accident"); }
+    unsigned long timeleft() override { return ~0UL; }
+  };
+  const SocketPair quiet, other;
+  Add(quiet.descriptor(), kSelectReadable);
+  other.Send();
+  Add(other.descriptor(), kSelectReadable);
+  EXPECT_EQ(Next(), other.descriptor());
+  tracker_.AddTask(CTCPTask(new Faulty));
+  EXPECT_THROW(PassWithoutTask(), std::runtime_error);
+  tracker_.Shutdown();
+  EXPECT_EQ(gone_, 2);
 }
 
 TEST_F(SelectTrackerTest, NothingIsLeftOfATaskWhoseTimeHasPassed) {
