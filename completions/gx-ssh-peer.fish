@@ -1,6 +1,6 @@
 # Completion of gx-ssh-peer for fish.
 complete -c gx-ssh-peer -l allow -x -d 'Permit this target'
-complete -c gx-ssh-peer -l allow-any -d 'Permit every target'
+complete -c gx-ssh-peer -l allow-any -d 'Permit every host and port'
 complete -c gx-ssh-peer -l target -x -d 'Open this target, whatever is asked for'
 complete -c gx-ssh-peer -l connect-timeout -x -d 'Wait so long for a target'
 complete -c gx-ssh-peer -l max-connections -x -d 'Refuse more connections at once'

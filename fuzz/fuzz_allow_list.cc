@@ -3,6 +3,7 @@
 #include <netdb.h>
 
 #include <algorithm>
+#include <filesystem>
 #include <memory>
 #include <sstream>
 #include <vector>
@@ -12,6 +13,7 @@
 
 using gxtool::AllowList;
 using gxtool::HostPort;
+using gxtool::ParseDestination;
 using gxtool::ParseHostPort;
 
 namespace {
@@ -32,6 +34,14 @@ void CheckTarget(const HostPort& target) {
   Check(ParseHostPort(target.ToString()) == target);
   Check(target.port != 0);
   Check(NumericHost(target.host) == (target.IsNumeric() ? target.host : ""));
+}
+
+// The kernel would read each of its parts as a name.
+void CheckPath(const std::string& path) {
+  Check(path.size() < 108 && path.find('\0') == std::string::npos);
+  Check(std::filesystem::path(path).is_absolute());
+  Check(std::filesystem::path(path).lexically_normal() == path && path.find("//") == std::string::npos);
+  Check(!path.ends_with('/'));
 }
 
 bool IsSame(const std::string& a, const std::string& b) {
@@ -60,20 +70,28 @@ std::vector<std::string> Lines(const std::string& text) {
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
   std::vector<std::string> entries = Lines(Text(data, size));
-  const auto target = ParseHostPort(entries.back());
+  const auto destination = ParseDestination(entries.back());
   entries.pop_back();
   AllowList list;
   for (const std::string& entry : entries) {
     std::string why;
     Check(list.Add(entry, &why) == why.empty());
   }
-  if (!target) return 0;
+  if (!destination) return 0;
+  Check(ParseDestination(ToString(*destination)) == destination);
+  if (const auto* const socket = std::get_if<gxtool::UnixSocket>(&*destination)) {
+    CheckPath(socket->path);
+    const bool is_entry = std::find(entries.begin(), entries.end(), "unix:" + socket->path) != entries.end();
+    Check(list.Permits(*destination) == is_entry);
+    return 0;
+  }
+  const auto* const target = &std::get<HostPort>(*destination);
   CheckTarget(*target);
   const bool named = std::any_of(entries.begin(), entries.end(),
                                  [&](const std::string& entry) { return Names(entry, *target); });
   Check(list.Permits(*target) == named);
 
-  const bool local_named = list.Permits({"127.0.0.1", target->port});
+  const bool local_named = list.Permits(HostPort{"127.0.0.1", target->port});
   Check(list.PermitsAddress(*target, "127.0.0.1") == local_named);
   return 0;
 }

@@ -28,10 +28,17 @@ def ways(folder):
 class Target:
     """Answers each connection with what it has sent: at once, or (`last`) when it has sent its last byte."""
 
-    def __init__(self, last=False):
+    def __init__(self, last=False, path=None):
+        """`path` is that of a Unix socket, before which few can wait."""
         self._last = last
-        self._listener = socket.create_server(("127.0.0.1", 0), backlog=1024)
-        self.address = "127.0.0.1:%d" % self._listener.getsockname()[1]
+        if path:
+            self._listener = socket.socket(socket.AF_UNIX)
+            self._listener.bind(path)
+            self._listener.listen(2)
+            self.address = f"unix:{path}"
+        else:
+            self._listener = socket.create_server(("127.0.0.1", 0), backlog=1024)
+            self.address = "127.0.0.1:%d" % self._listener.getsockname()[1]
         self.connections = 0
         self.closing = False
         threading.Thread(target=self._serve, daemon=True).start()
@@ -195,18 +202,19 @@ def many(tools, server):
 
 
 def forwards(tools, server):
-    """Each -L leads to its target over the one carrier, however many go through; one that is refused harms no other."""
+    """Each -L leads to its target over the one carrier, however many go through; those that are refused harm no other."""
     with contextlib.ExitStack() as exits:
-        targets = [Target() for _ in range(5)]
+        paths = [f"{server.folder}/{name}" for name in ("target", "near", "refused")]
+        targets = [Target(), Target(), Target(path=paths[0]), Target(), Target(path=paths[2]), Target()]
         for target in targets:
             exits.callback(setattr, target, "closing", True)
-        ports = [target.address.rpartition(":")[2] for target in targets]
-        starts = ["0", "localhost:0", "*:0", f"{server.folder}/socket", "127.0.0.1:0"]
-        hosts = ["127.0.0.1", "localhost", "127.0.0.1", "127.0.0.1", "127.0.0.1"]
-        options = [word for each in zip(starts, hosts, ports) for word in ("-L", ":".join(each))]
+        named = [target.address.removeprefix("unix:") for target in targets]
+        named[1] = named[1].replace("127.0.0.1", "localhost")
+        starts = ["0", "localhost:0", "*:0", paths[1], "0", "127.0.0.1:0"]
+        options = [word for start, name in zip(starts, named) for word in ("-L", f"{start}:{name}")]
         carrier = [tools.gx_ssh_peer, "-q"]
-        for host, port in list(zip(hosts, ports))[:4]:
-            carrier += ["--allow", f"{host}:{port}"]
+        for target, name in list(zip(targets, named))[:4]:
+            carrier += ["--allow", target.address if name.startswith("/") else name]
         process = exits.enter_context(Child([tools.gx_ssh, "--port-file", f"{server.folder}/addresses", *options, "--",
                                              *carrier]))
         process.expect(process.err, "other computers can reach ")
@@ -227,10 +235,24 @@ def forwards(tools, server):
             else:
                 expect_end(client, "a connection to a target that is refused")
         reached = [target.connections for target in targets]
-        if reached != [FORWARDED] * 4 + [0]:
+        if reached != [FORWARDED] * 4 + [0, 0]:
             raise Failure(f"the targets were reached {reached} times")
         process.signal(signal.SIGTERM)
         process.expect_status(0)
+
+
+def unix_target(tools, server):
+    """-W and --local lead to a Unix socket, too, and a far side that has one target opens that one."""
+    path = f"{server.folder}/target"
+    for options in ([], ["--allow", f"unix:{path}"], ["--target", f"unix:{path}"]):
+        carrier = ["--", tools.gx_ssh_peer, "-q", *options] if options else ["--local"]
+        target = Target(last=True, path=path)
+        done = subprocess.run([tools.gx_ssh, "-W", target.address, *carrier], check=False, input="hello",
+                              capture_output=True, text=True)
+        target.closing = True
+        os.unlink(path)
+        if (done.returncode, done.stdout) != (0, "hello"):
+            raise Failure(f"{options}: status {done.returncode}, {done.stdout!r}, {done.stderr}")
 
 
 def socket_config(tools, server):
@@ -281,4 +303,4 @@ def turn_others_away(tools, target, way):
             raise Failure(f"{target.connections} connections reached the target, and two of them were ours")
 
 
-SCENARIOS = {each.__name__: each for each in (strangers, half_close, many, forwards, socket_config, user_only)}
+SCENARIOS = {each.__name__: each for each in (strangers, half_close, many, forwards, unix_target, socket_config, user_only)}

@@ -1,17 +1,19 @@
 #include "gx-ssh/forward.h"
 
 #include <algorithm>
+#include <span>
 #include <vector>
 
-#include "link/host_port.h"
+#include "link/destination.h"
 
 namespace gxtool {
 namespace {
 
 constexpr std::string_view kScheme = "unix:";
-constexpr const char* kSyntax = "it is [BIND:]PORT:HOST:HOSTPORT, where a path may stand for [BIND:]PORT";
+constexpr const char* kSyntax =
+    "it is [BIND:]PORT:HOST:HOSTPORT, or has a path in place of [BIND:]PORT or HOST:HOSTPORT";
 
-// What stands between two colons.
+// What stands between two colons. A path at the end may have some of its own.
 struct Field {
   std::string_view text;  // without brackets
   bool bracketed = false;
@@ -25,7 +27,8 @@ std::optional<std::vector<Field>> Split(std::string_view text) {
     const bool bracketed = text.starts_with('[');
     const std::size_t close = bracketed ? text.find(']') : 0;
     if (close == std::string_view::npos) return std::nullopt;
-    const std::size_t end = text.find(':', close);
+    const bool is_last_path = !fields.empty() && text.starts_with('/');
+    const std::size_t end = is_last_path ? std::string_view::npos : text.find(':', close);
     if (bracketed && close + 1 != std::min(end, text.size())) return std::nullopt;
     fields.push_back({bracketed ? text.substr(1, close - 1) : text.substr(0, end), bracketed});
     if (end == std::string_view::npos) return fields;
@@ -49,6 +52,23 @@ std::optional<std::string> ParseBind(const Field& bind, std::string* why) {
   return bind.text == "localhost" ? "127.0.0.1" : ParseListenHost(bind.text, bind.bracketed, why);
 }
 
+std::optional<ListenAddress> ParseLocal(std::span<const Field> fields, std::string* why) {
+  if (fields.size() == 1 && fields.front().IsPath())
+    return ListenAddress{std::string(fields.front().text), {}, 0};
+  const auto bind = fields.size() == 1 ? "127.0.0.1" : ParseBind(fields.front(), why);
+  const auto port = bind ? ParseListenPort(fields.back().text, why) : std::nullopt;
+  if (!port) return std::nullopt;
+  return ListenAddress{{}, *bind, *port};
+}
+
+std::optional<Destination> ParseRemote(std::span<const Field> fields, std::string* why) {
+  if (fields.size() == 1) return ParseUnixSocket(fields.front().text, why);
+  const auto host = ParseHost(fields.front().text, fields.front().bracketed, why);
+  const auto port = host ? ParsePort(fields.back().text, why) : std::nullopt;
+  if (!port) return std::nullopt;
+  return HostPort{*host, *port};
+}
+
 }  // namespace
 
 std::optional<ListenAddress> ParseListen(std::string_view text, std::string* why) {
@@ -66,27 +86,16 @@ std::optional<ListenAddress> ParseListen(std::string_view text, std::string* why
 }
 
 std::optional<Forward> ParseForward(std::string_view text, std::string* why) {
-  const auto fields = Split(text);
-  const std::size_t count = fields ? fields->size() : 0;
   *why = kSyntax;
-  if (count != 3 && count != 4) return std::nullopt;
-  Forward forward;
-  const Field& first = fields->front();
-  if (count == 3 && first.IsPath()) {
-    forward.at.unix_path = first.text;
-  } else {
-    const auto bind = count == 4 ? ParseBind(first, why) : "127.0.0.1";
-    const auto port = bind ? ParseListenPort((*fields)[count - 3].text, why) : std::nullopt;
-    if (!port) return std::nullopt;
-    forward.at.address = *bind;
-    forward.at.port = *port;
-  }
-  const Field& host = (*fields)[count - 2];
-  const auto target_host = ParseHost(host.text, host.bracketed, why);
-  const auto target_port = target_host ? ParsePort(fields->back().text, why) : std::nullopt;
-  if (!target_port) return std::nullopt;
-  forward.target = HostPort{*target_host, *target_port}.ToString();
-  return forward;
+  const auto fields = Split(text);
+  if (!fields || fields->size() < 2) return std::nullopt;
+  const std::size_t remote = fields->back().IsPath() ? 1 : 2;
+  const std::span<const Field> all(*fields);
+  if (all.size() != remote + 1 && all.size() != remote + 2) return std::nullopt;
+  const auto at = ParseLocal(all.first(all.size() - remote), why);
+  const auto target = at ? ParseRemote(all.last(remote), why) : std::nullopt;
+  if (!target) return std::nullopt;
+  return Forward{*at, ToString(*target)};
 }
 
 }  // namespace gxtool

@@ -26,7 +26,8 @@ struct Forward {
 // "127.0.0.1:0", "[::1]:8080", "unix:/run/box". On failure `*why` tells a person the reason.
 std::optional<ListenAddress> ParseListen(std::string_view text, std::string* why);
 
-// As -L of ssh: "[BIND:]PORT:HOST:HOSTPORT", or the absolute path of a local socket in place of "[BIND:]PORT".
+// As -L of ssh: "[BIND:]PORT:HOST:HOSTPORT", where the absolute path of a socket may stand for "[BIND:]PORT"
+// and for "HOST:HOSTPORT".
 std::optional<Forward> ParseForward(std::string_view text, std::string* why);
 
 }  // namespace gxtool

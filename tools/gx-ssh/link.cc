@@ -20,6 +20,9 @@ using std::chrono::milliseconds;
 
 const std::string kNotReady = "the far side is not ready: ";
 const std::string kLinkLost = "link lost: ";
+const Failure kNoUnixTargets(kExitNotReady, kNotReady +
+                                                "it does not say that it connects to Unix sockets; does "
+                                                "the same release of gx-ssh-peer run there?");
 constexpr milliseconds kFarewell{300};   // for what is queued and the goodbye
 constexpr milliseconds kLastWords{500};  // for the carrier's exit status and error lines
 
@@ -50,7 +53,7 @@ Link::Link(asio::io_context& io, const Options& options, ModuleLibrary& module, 
   auto check = [this] { CheckFarSide(); };
   auto on_ended = [&io, check = lifetime_.Guard(check)] { asio::post(io, check); };
   if (options.local) {
-    far_side_ = std::make_unique<LocalPeer>(options.target, options.raw, on_ended);
+    far_side_ = std::make_unique<LocalPeer>(options, on_ended);
   } else {
     far_side_ = std::make_unique<Carrier>(io, options.carrier, options.raw, console, terminal, on_ended);
   }
@@ -90,6 +93,7 @@ void Link::StartHandshake(Descriptor input, const std::string& received) {
   handshake_ = std::make_unique<Handshake>(
       io_, std::move(input), received, output_.get(), options_.connect_timeout,
       Handshake::Result{[this](Descriptor ready, const std::string& rest, const Features& features) {
+                          if (options_.HasUnixTarget() && !features.unix_targets) return GoDown(kNoUnixTargets);
                           RunModule(std::move(ready), rest, kOwnFeatures.flow_control && features.flow_control);
                         },
                         [this](const std::string& problem) { FailToStart(problem); }});

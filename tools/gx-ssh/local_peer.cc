@@ -2,15 +2,19 @@
 
 #include <spdlog/spdlog.h>
 
-#include "link/host_port.h"
+#include "link/destination.h"
 
 namespace gxtool {
 namespace {
 
-PeerOptions MakeOptions(const std::string& target, bool raw) {
+PeerOptions MakeOptions(const Options& host) {
   PeerOptions options;
-  options.target = ParseHostPort(target);
-  options.raw = raw;
+  options.allow = AllowList::Any();
+  std::string ignored;
+  for (const std::string& target : host.Targets()) {
+    if (NamesUnixSocket(target)) options.allow.Add(target, &ignored);
+  }
+  options.raw = host.raw;
   options.log = [](LogLevel level, const std::string& line) {
     spdlog::log(level == LogLevel::kDebug ? spdlog::level::trace : spdlog::level::debug, "{}", line);
   };
@@ -19,8 +23,8 @@ PeerOptions MakeOptions(const std::string& target, bool raw) {
 
 }  // namespace
 
-LocalPeer::LocalPeer(const std::string& target, bool raw, const std::function<void()>& on_ended)
-    : peer_(MakeOptions(target, raw), ends_.second.get(), ends_.second.get()), thread_([this, on_ended] {
+LocalPeer::LocalPeer(const Options& options, const std::function<void()>& on_ended)
+    : peer_(MakeOptions(options), ends_.second.get(), ends_.second.get()), thread_([this, on_ended] {
         peer_.Run();
         exited_ = true;
         on_ended();

@@ -9,15 +9,17 @@
 #include <utility>
 
 #include "gx-ssh/far_side.h"
+#include "gx-ssh/options.h"
 #include "peer/peer.h"
 
 namespace gxtool {
 
-// A far side on a thread of its own that allows one target.
+// A far side on a thread of its own.
 class LocalPeer final : public FarSide {
  public:
-  // `on_ended` is called on that thread when the far side has ended.
-  LocalPeer(const std::string& target, bool raw, const std::function<void()>& on_ended);
+  // It opens whatever the targets of the options ask for. `on_ended` is called on that thread when it has
+  // ended.
+  LocalPeer(const Options& options, const std::function<void()>& on_ended);
   ~LocalPeer() override;
 
   Descriptor TakeInput() override { return std::move(input_); }

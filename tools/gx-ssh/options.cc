@@ -13,9 +13,9 @@
 #include "gx-ssh/failure.h"
 #include "gx-ssh/module_library.h"
 #include "gx-ssh/peer_store.h"
+#include "link/destination.h"
 #include "link/duration.h"
 #include "link/escape.h"
-#include "link/host_port.h"
 #include "peer/allow_list.h"
 
 namespace gxtool {
@@ -53,9 +53,9 @@ const std::map<std::string, PrintFormat> kPrintFormats{{"addr", PrintFormat::kAd
 
 std::string Target(const std::string& option, const std::string& text) {
   std::string why;
-  const auto target = ParseHostPort(text, &why);
+  const auto target = ParseDestination(text, &why);
   if (!target) throw CLI::ValidationError(option + " \"" + text + "\": " + why);
-  return target->ToString();
+  return ToString(*target);
 }
 
 // ssh's %h:%p has no brackets round an IPv6 address.
@@ -197,7 +197,7 @@ void DeclareSystem(CLI::App& app, Options& options) {
 
 void DeclareLink(CLI::App& app, Options& options) {
   const auto target = [](const std::string& text) { return Target("--target", text); };
-  AddText(app, "--target", options.target, target, "HOST:PORT",
+  AddText(app, "--target", options.target, target, "HOST:PORT|unix:PATH",
           "Where the far side connects to (127.0.0.1:22)");
   app.add_option("--module", options.module_path, "The module to load (the one built with this program)")
       ->option_text("PATH");
@@ -251,9 +251,9 @@ void DeclareOutput(CLI::App& app, Options& options) {
     for (const std::string& text : texts) options.forwards.push_back(Parsed("-L", text, ParseForward));
   };
   app.add_option_function<std::vector<std::string>>(
-         "-L", forward, "Listen there for that target, as -L of ssh; may be repeated")
+         "-L", forward, "Listen there for HOST:PORT or a path, as -L of ssh; may be repeated")
       ->allow_extra_args(false)
-      ->option_text("[BIND:]PORT:HOST:PORT");
+      ->option_text("[BIND:]PORT:TARGET");
   app.add_flag("--user-only", options.user_only, "Turn clients of other users away");
   AddText(app, "--print", options.print, Print, "FORMAT",
           "What standard output tells: addr, port, json, env, ssh-config, none (addr)");
@@ -310,6 +310,7 @@ std::string Contradiction(const Options& options) {
   if (options.allow_channel_list && options.HasRelay()) {
     return "--allow-channel-list opens ports that -W, -L, --listen, --reconnect and --user-only keep closed";
   }
+  if (options.raw && options.HasUnixTarget()) return "--raw: the frame format alone knows no Unix sockets";
   if (options.quiet && options.verbosity > 0) return "-q and -v exclude each other";
   return {};
 }
@@ -329,10 +330,21 @@ std::vector<Forward> Options::Listeners() const {
   return all;
 }
 
+std::vector<std::string> Options::Targets() const {
+  std::vector<std::string> targets;
+  for (const Forward& forward : Listeners()) targets.push_back(forward.target);
+  if (targets.empty()) targets.push_back(target);
+  return targets;
+}
+
+bool Options::HasUnixTarget() const {
+  const std::vector<std::string> targets = Targets();
+  return std::any_of(targets.begin(), targets.end(), NamesUnixSocket);
+}
+
 std::vector<std::string> Options::PermittedTargets() const {
-  std::vector<std::string> targets = allow;
-  if (forwards.empty() || listen || standard_io) targets.push_back(target);
-  for (const Forward& forward : forwards) targets.push_back(forward.target);
+  std::vector<std::string> targets = Targets();
+  targets.insert(targets.begin(), allow.begin(), allow.end());
   return targets;
 }
 

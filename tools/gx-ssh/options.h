@@ -64,6 +64,10 @@ struct Options {
   bool HasListener() const { return listen || reconnect || user_only || !forwards.empty(); }
   // Where, in the order in which that is told.
   std::vector<Forward> Listeners() const;
+  // What the far side is asked for.
+  std::vector<std::string> Targets() const;
+  // One of them is a Unix socket over there.
+  bool HasUnixTarget() const;
   // gx-ssh itself connects to the module's port, and nobody else may.
   bool HasRelay() const { return HasListener() || standard_io; }
 };

@@ -22,7 +22,7 @@ struct Features {
 
   friend bool operator==(const Features&, const Features&) = default;
 };
-inline constexpr Features kOwnFeatures{.flow_control = true};
+inline constexpr Features kOwnFeatures{.flow_control = true, .unix_targets = true};
 
 // The line that `side` sends, with its line feed.
 std::string ReadyLine(Side side);

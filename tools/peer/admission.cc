@@ -3,29 +3,29 @@
 #include "link/escape.h"
 
 namespace gxtool {
-std::vector<asio::ip::tcp::endpoint> EndpointsOf(const std::vector<std::string>& addresses,
-                                                 std::uint16_t port) {
-  std::vector<asio::ip::tcp::endpoint> endpoints;
+std::vector<StreamEndpoint> EndpointsOf(const std::vector<std::string>& addresses, std::uint16_t port) {
+  std::vector<StreamEndpoint> endpoints;
   for (const std::string& text : addresses) {
     asio::error_code error;
     const asio::ip::address address = asio::ip::make_address(text, error);
-    if (!error) endpoints.emplace_back(address, port);
+    if (!error) endpoints.emplace_back(asio::ip::tcp::endpoint(address, port));
   }
   return endpoints;
 }
 
 Admission::Verdict Admission::Judge(const std::string& text, std::size_t open) const {
   std::string why;
-  auto target = options_.target ? options_.target : ParseHostPort(text, &why);
+  auto target = options_.target ? options_.target : ParseDestination(text, &why);
   if (target) why = WhyNot(*target, open);
   if (why.empty()) return {std::move(target), {}};
-  return {std::nullopt, "refused " + (target ? target->ToString() : '"' + Escape(text) + '"') + ": " + why};
+  const std::string quoted = target ? Escape(ToString(*target)) : '"' + Escape(text) + '"';
+  return {std::nullopt, "refused " + quoted + ": " + why};
 }
 
 // Empty: the target may be opened.
-std::string Admission::WhyNot(const HostPort& target, std::size_t open) const {
+std::string Admission::WhyNot(const Destination& target, std::size_t open) const {
   if (!options_.target && !options_.allow.Permits(target)) {
-    return "to permit it, start with --allow " + target.ToString();
+    return "to permit it, start with --allow " + Escape(ToString(target));
   }
   if (stopped_) return "stopping";
   if (open < options_.max_connections) return {};

@@ -19,14 +19,14 @@ class Admission {
   explicit Admission(const PeerOptions& options) : options_(options) {}
 
   struct Verdict {
-    std::optional<HostPort> target;  // to be opened
-    std::string refusal;             // otherwise: a line for people
+    std::optional<Destination> target;  // to be opened
+    std::string refusal;                // otherwise: a line for people
   };
   // Of a Connect frame with that text, while `open` connections are.
   Verdict Judge(const std::string& text, std::size_t open) const;
 
   struct Places {
-    std::vector<asio::ip::tcp::endpoint> endpoints;  // in the order in which they are to be tried
+    std::vector<StreamEndpoint> endpoints;  // in the order in which they are to be tried
     std::string why_none;
   };
   // Where a target that was admitted may be reached, if its name leads there.
@@ -36,14 +36,14 @@ class Admission {
   void Stop() { stopped_ = true; }
 
  private:
-  std::string WhyNot(const HostPort& target, std::size_t open) const;
+  std::string WhyNot(const Destination& target, std::size_t open) const;
 
   const PeerOptions& options_;
   bool stopped_ = false;
 };
 
 // For a target that is an address.
-std::vector<asio::ip::tcp::endpoint> EndpointsOf(const std::vector<std::string>& addresses, std::uint16_t port);
+std::vector<StreamEndpoint> EndpointsOf(const std::vector<std::string>& addresses, std::uint16_t port);
 
 }  // namespace gxtool
 

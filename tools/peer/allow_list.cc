@@ -42,6 +42,11 @@ AllowList AllowList::Any() {
 }
 
 bool AllowList::Add(std::string_view entry, std::string* why) {
+  if (NamesUnixSocket(entry)) {
+    const auto socket = ParseDestination(entry, why);
+    if (socket) sockets_.push_back(std::get<UnixSocket>(*socket));
+    return socket.has_value();
+  }
   const auto text = SplitHostPort(entry, why);
   if (!text) return false;
   const bool any_host = text->host == "*" && !text->bracketed;
@@ -61,10 +66,16 @@ bool AllowList::Add(std::string_view entry, std::string* why) {
   return true;
 }
 
-bool AllowList::Permits(const HostPort& target) const {
+bool AllowList::Permits(const Destination& target) const {
+  const auto* const socket = std::get_if<UnixSocket>(&target);
+  if (socket == nullptr) return PermitsTcp(std::get<HostPort>(target));
+  return std::find(sockets_.begin(), sockets_.end(), *socket) != sockets_.end();
+}
+
+bool AllowList::PermitsTcp(const HostPort& target) const {
   if (target.host == kLocalhost) {
     return std::any_of(std::begin(kLoopback), std::end(kLoopback), [&](const char* address) {
-      return Permits({address, target.port});
+      return PermitsTcp({address, target.port});
     });
   }
   return std::any_of(entries_.begin(), entries_.end(), [&target](const Entry& entry) {
@@ -82,7 +93,7 @@ std::optional<std::vector<std::uint16_t>> AllowList::Ports() const {
 }
 
 bool AllowList::PermitsAddress(const HostPort& target, const std::string& address) const {
-  return !IsNear(address) || Permits({address, target.port});
+  return !IsNear(address) || PermitsTcp({address, target.port});
 }
 
 }  // namespace gxtool

@@ -12,7 +12,7 @@ using Clock = std::chrono::steady_clock;
 using Executor = asio::io_context::executor_type;
 using StreamDescriptor = asio::posix::basic_stream_descriptor<Executor>;
 using StreamSocket = asio::basic_stream_socket<asio::generic::stream_protocol, Executor>;
-using TcpSocket = asio::basic_stream_socket<asio::ip::tcp, Executor>;
+using StreamEndpoint = asio::generic::stream_protocol::endpoint;
 using Timer = asio::basic_waitable_timer<Clock, asio::wait_traits<Clock>, Executor>;
 
 }  // namespace gxtool

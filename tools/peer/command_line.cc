@@ -64,7 +64,7 @@ void AddDuration(CLI::App& app, const std::string& name, const std::string& help
 
 void AddTargets(CLI::App& app, CommandLine* line) {
   PeerOptions* const options = &line->options;
-  AddText(app, "--allow", "HOST:PORT",
+  AddText(app, "--allow", "HOST:PORT|unix:PATH",
           "Permit this target; may be repeated. '*' stands for any\n"
           "host or any port [127.0.0.1:22 and [::1]:22]",
           [options, first = true](const std::string& text) mutable {
@@ -73,14 +73,14 @@ void AddTargets(CLI::App& app, CommandLine* line) {
             if (!options->allow.Add(text, &why)) throw UsageError(why);
           });
   app.add_flag_callback(
-         "--allow-any", [options] { options->allow = AllowList::Any(); }, "Permit every target")
+         "--allow-any", [options] { options->allow = AllowList::Any(); }, "Permit every HOST:PORT")
       ->excludes("--allow");
-  AddText(app, "--target", "HOST:PORT",
+  AddText(app, "--target", "HOST:PORT|unix:PATH",
           "Open this target, whatever is asked for; for command=\n"
           "in authorized_keys",
           [options](const std::string& text) {
             std::string why;
-            options->target = ParseHostPort(text, &why);
+            options->target = ParseDestination(text, &why);
             if (!options->target) throw UsageError(why);
           });
   app.get_option("--target")->excludes("--allow")->excludes("--allow-any");
@@ -149,6 +149,9 @@ CommandLine ParseCommandLine(int argc, const char* const* argv) {
     line.text = std::string(version.what()) + '\n';
   } catch (const CLI::ParseError& error) {
     throw UsageError(Escape(error.what()));
+  }
+  if (line.options.raw && line.options.allow.HasUnixSockets()) {
+    throw UsageError("--raw: the frame format alone knows no Unix sockets, so --allow cannot name any");
   }
   return line;
 }

@@ -81,18 +81,28 @@ class CallFilter {
   bool good_;
 };
 
-bool ForbidCalls() {
+// `unix_streams`: of local sockets those are left.
+void ForbidSockets(CallFilter& filter, bool unix_streams) {
+  static_assert(AF_UNIX == 1 && AF_INET == 2 && AF_INET6 > AF_INET);
+  filter.Forbid("socket", SCMP_A0(SCMP_CMP_LT, scmp_datum_t{AF_INET} - (unix_streams ? 1 : 0)));
+  constexpr scmp_datum_t kTypes = 0xF;  // without its flags
+  for (scmp_datum_t type = 0; unix_streams && type <= kTypes; ++type) {
+    if (type == SOCK_STREAM) continue;
+    filter.Forbid("socket", SCMP_A0(SCMP_CMP_EQ, AF_UNIX), SCMP_A1(SCMP_CMP_MASKED_EQ, kTypes, type));
+  }
+  for (int family = AF_INET + 1; family < AF_INET6; ++family) {
+    filter.Forbid("socket", SCMP_A0(SCMP_CMP_EQ, static_cast<scmp_datum_t>(family)));
+  }
+  filter.Forbid("socket", SCMP_A0(SCMP_CMP_GT, AF_INET6));
+}
+
+bool ForbidCalls(bool unix_streams) {
   CallFilter filter;
   for (const char* const call : kForbiddenCalls) filter.Forbid(call);
   // Threads, but no processes. The C library does without clone3, whose flags no filter sees.
   filter.Forbid("clone", SCMP_A0(SCMP_CMP_MASKED_EQ, CLONE_THREAD, 0));
   filter.Missing("clone3");
-  static_assert(AF_INET == 2 && AF_INET6 > AF_INET);
-  filter.Forbid("socket", SCMP_A0(SCMP_CMP_LT, AF_INET));
-  for (int family = AF_INET + 1; family < AF_INET6; ++family) {
-    filter.Forbid("socket", SCMP_A0(SCMP_CMP_EQ, static_cast<scmp_datum_t>(family)));
-  }
-  filter.Forbid("socket", SCMP_A0(SCMP_CMP_GT, AF_INET6));
+  ForbidSockets(filter, unix_streams);
   // Text put into a terminal's input is a command for its shell.
   for (const scmp_datum_t request : {scmp_datum_t{TIOCSTI}, scmp_datum_t{0x541C /* TIOCLINUX */}}) {
     filter.Forbid("ioctl", SCMP_A1(SCMP_CMP_MASKED_EQ, 0xffffffff, request));
@@ -104,7 +114,7 @@ bool HasSeccomp() { return prctl(PR_GET_SECCOMP, 0, 0, 0, 0) >= 0; }
 
 #else
 
-bool ForbidCalls() { return false; }
+bool ForbidCalls(bool /*unix_streams*/) { return false; }
 bool HasSeccomp() { return false; }
 
 #endif
@@ -159,7 +169,7 @@ Confinement Confine(const ConfinementNeeds& needs) {
 #endif
   result.files = RestrictAccess(needs);
   result.tcp_ports = result.files && needs.tcp_ports && LandlockAbi() >= 4;
-  result.system_calls = ForbidCalls();
+  result.system_calls = ForbidCalls(needs.unix_sockets);
   return result;
 }
 

@@ -8,6 +8,7 @@
 #include <algorithm>
 #include <array>
 #include <cerrno>
+#include <chrono>
 #include <utility>
 
 #include "link/high_descriptors.h"
@@ -22,8 +23,9 @@ constexpr int kSendFlags = MSG_NOSIGNAL | MSG_DONTWAIT;
 constexpr int kSendFlags = MSG_DONTWAIT;
 #endif
 
-constexpr std::size_t kSendPieces = 64;           // of one sendmsg
-constexpr std::size_t kSmallBytes = 1024;         // at most a keystroke's echo, a request, a line
+constexpr std::size_t kSendPieces = 64;    // of one sendmsg
+constexpr std::size_t kSmallBytes = 1024;  // at most a keystroke's echo, a request, a line
+constexpr std::chrono::milliseconds kFullQueuePause{10};
 constexpr int kWritesInARow = 16;                 // before others have their turn
 constexpr std::size_t kDiscardBytes = 16 * 1024;  // read at a time when nobody wants it
 
@@ -36,13 +38,13 @@ bool WouldBlock() { return errno == EAGAIN || errno == EWOULDBLOCK || errno == E
 Connection::Connection(asio::io_context& io, std::uint32_t id, std::string name, Owner* owner)
     : id_(id), name_(std::move(name)), owner_(owner), socket_(io), read_wait_(io, socket_) {}
 
-void Connection::Open(std::vector<asio::ip::tcp::endpoint> endpoints) {
+void Connection::Open(std::vector<StreamEndpoint> endpoints) {
   endpoints_ = std::move(endpoints);
   TryNext(asio::error::host_not_found);
 }
 
 // Asio's own sockets are inherited by programs that the process starts.
-asio::error_code Connection::OpenSocket(const asio::ip::tcp::endpoint& endpoint) {
+asio::error_code Connection::OpenSocket(const StreamEndpoint& endpoint) {
   asio::error_code ignored;
   socket_.close(ignored);
 #ifdef SOCK_CLOEXEC
@@ -67,12 +69,28 @@ void Connection::TryNext(asio::error_code last) {
     Abort();
     return owner_->OnOpenFailed(*this, last);
   }
-  const asio::ip::tcp::endpoint endpoint = endpoints_[next_endpoint_++];
+  const StreamEndpoint endpoint = endpoints_[next_endpoint_++];
   if (const asio::error_code error = OpenSocket(endpoint)) return TryNext(error);
   tried_at_ = Clock::now();
+  if (endpoint.protocol().family() == AF_UNIX) return ConnectUnix(endpoint);
   socket_.async_connect(endpoint, [self = shared_from_this()](asio::error_code error) {
     if (self->state_ == State::kGone) return;
     error ? self->TryNext(error) : self->OnConnected();
+  });
+}
+
+// A Unix socket answers at once. It says EAGAIN when too many callers wait for its program, and then the system
+// has no way to learn when there is room again.
+void Connection::ConnectUnix(const StreamEndpoint& endpoint) {
+  asio::error_code ignored;
+  socket_.native_non_blocking(true, ignored);
+  if (::connect(socket_.native_handle(), endpoint.data(), static_cast<socklen_t>(endpoint.size())) == 0) {
+    return OnConnected();
+  }
+  if (errno != EAGAIN) return TryNext(LastError());
+  const auto pause = std::make_shared<Timer>(socket_.get_executor(), kFullQueuePause);
+  pause->async_wait([self = shared_from_this(), endpoint, pause](asio::error_code) {
+    if (self->state_ != State::kGone) self->ConnectUnix(endpoint);
   });
 }
 
@@ -169,7 +187,7 @@ void Connection::AfterWrite() {
   if (!queue_.empty()) {
     if (write_waiting_) return;
     write_waiting_ = true;
-    socket_.async_wait(TcpSocket::wait_write, [self = shared_from_this()](asio::error_code) {
+    socket_.async_wait(StreamSocket::wait_write, [self = shared_from_this()](asio::error_code) {
       self->write_waiting_ = false;
       if (self->state_ != State::kGone) self->WriteQueue();
     });
@@ -179,7 +197,7 @@ void Connection::AfterWrite() {
   if (finish_writing_) {
     finish_writing_ = false;
     asio::error_code ignored;
-    socket_.shutdown(TcpSocket::shutdown_send, ignored);
+    socket_.shutdown(StreamSocket::shutdown_send, ignored);
     if (state_ == State::kOpen && !write_failed_) owner_->OnWritten(*this);
   }
 }

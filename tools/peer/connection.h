@@ -74,7 +74,7 @@ class Connection final : public std::enable_shared_from_this<Connection>, privat
   Clock::time_point last_taken() const { return last_taken_; }
 
   // Tries the endpoints one after the other.
-  void Open(std::vector<asio::ip::tcp::endpoint> endpoints);
+  void Open(std::vector<StreamEndpoint> endpoints);
   // Goes on to the next endpoint, if there is one, when this one has kept silent for its share of `time`.
   void Hurry(Clock::duration time);
 
@@ -104,8 +104,9 @@ class Connection final : public std::enable_shared_from_this<Connection>, privat
   bool answer_when_written = false;
 
  private:
-  asio::error_code OpenSocket(const asio::ip::tcp::endpoint& endpoint);
+  asio::error_code OpenSocket(const StreamEndpoint& endpoint);
   void TryNext(asio::error_code last);
+  void ConnectUnix(const StreamEndpoint& endpoint);
   void OnConnected();
   void OnReadReady() override;
   void Discard();
@@ -119,10 +120,10 @@ class Connection final : public std::enable_shared_from_this<Connection>, privat
   const std::string name_;
   Owner* const owner_;
   State state_ = State::kOpening;
-  TcpSocket socket_;
+  StreamSocket socket_;
   ReadWait read_wait_;
   std::size_t unwaited_ = 0;  // bytes read since the last wait
-  std::vector<asio::ip::tcp::endpoint> endpoints_;
+  std::vector<StreamEndpoint> endpoints_;
   std::size_t next_endpoint_ = 0;
   Clock::time_point tried_at_;  // the current endpoint
   bool connected_ = false;

@@ -11,7 +11,10 @@
 #include <cstdlib>
 #include <exception>
 #include <string>
+#include <tuple>
 #include <utility>
+#include <variant>
+#include <vector>
 
 #include "link/descriptor.h"
 #include "peer/command_line.h"
@@ -67,9 +70,11 @@ void RaiseDescriptorLimit(std::size_t connections) {
 }
 
 gxtool::ConfinementNeeds Needs(const gxtool::CommandLine& line) {
-  gxtool::ConfinementNeeds needs{line.name_cache.file, line.options.allow.Ports()};
-  if (line.options.target) needs.tcp_ports = {line.options.target->port};
-  return needs;
+  const auto& [allow, target] = std::tie(line.options.allow, line.options.target);
+  if (!target) return {line.name_cache.file, allow.Ports(), allow.HasUnixSockets()};
+  const auto* const place = std::get_if<gxtool::HostPort>(&*target);
+  if (place == nullptr) return {line.name_cache.file, std::vector<std::uint16_t>(), true};
+  return {line.name_cache.file, {{place->port}}, false};
 }
 
 // `path` is that of this program's file.

@@ -13,7 +13,7 @@
 #include <optional>
 #include <string>
 
-#include "link/host_port.h"
+#include "link/destination.h"
 #include "peer/allow_list.h"
 #include "peer/lookup.h"
 
@@ -28,7 +28,7 @@ inline constexpr int kPeerNotReady = 4;  // no other side was found on it
 
 struct PeerOptions {
   AllowList allow = AllowList::Default();
-  std::optional<HostPort>
+  std::optional<Destination>
       target;  // opened for every connection, whatever it asks for and whatever `allow` says
   std::chrono::milliseconds connect_timeout = std::chrono::seconds(10);  // also for the ready line; 0: none
   std::chrono::milliseconds idle_timeout{0};                             // of a connection; 0: none

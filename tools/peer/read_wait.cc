@@ -32,7 +32,7 @@ void ReadWait::SetLowWater(std::size_t bytes) {
 void ReadWait::WatchSocket(const std::shared_ptr<Owner>& owner) {
   if (socket_watched_) return;
   socket_watched_ = true;
-  socket_.async_wait(TcpSocket::wait_read, [this, owner](asio::error_code) {
+  socket_.async_wait(StreamSocket::wait_read, [this, owner](asio::error_code) {
     socket_watched_ = false;
     Finish(*owner);
   });

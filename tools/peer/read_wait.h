@@ -34,7 +34,7 @@ class ReadWait {
   static constexpr std::chrono::microseconds kPatience{1000};
 
   // `socket` is not owned and outlives the wait.
-  ReadWait(asio::io_context& io, TcpSocket& socket) : socket_(socket), timer_(io) {}
+  ReadWait(asio::io_context& io, StreamSocket& socket) : socket_(socket), timer_(io) {}
 
   // While none is pending, and behind `got` bytes since the last one. `owner` is the one of this and of the
   // socket, and lives until the socket has something to read or is closed.
@@ -50,7 +50,7 @@ class ReadWait {
   std::size_t unread() const;
   void Finish(Owner& owner);
 
-  TcpSocket& socket_;
+  StreamSocket& socket_;
   Timer timer_;
   bool pending_ = false;
   bool socket_watched_ = false;

@@ -202,7 +202,7 @@ void PeerSession::Connect(std::uint32_t id, const std::string& text) {
     return SendReset(id, refusal);
   }
   const auto connection =
-      std::make_shared<Connection>(io_, id, target->ToString(), static_cast<Connection::Owner*>(this));
+      std::make_shared<Connection>(io_, id, Escape(ToString(*target)), static_cast<Connection::Owner*>(this));
   live_.emplace(id, connection);
   NeedTick();
   OpenTarget(*connection, *target);
@@ -215,7 +215,11 @@ void PeerSession::SendReset(std::uint32_t id, const std::string& why_not_opened)
   SendClose(id);
 }
 
-void PeerSession::OpenTarget(Connection& connection, const HostPort& target) {
+void PeerSession::OpenTarget(Connection& connection, const Destination& destination) {
+  if (const auto* const socket = std::get_if<UnixSocket>(&destination)) {
+    return connection.Open({asio::local::stream_protocol::endpoint(socket->path)});
+  }
+  const auto& target = std::get<HostPort>(destination);
   if (target.IsNumeric()) return connection.Open(EndpointsOf({target.host}, target.port));
   // The question goes with the connection.
   connection.query = resolver_.Resolve(target.host, [this, &connection, target](const LookupResult& result) {

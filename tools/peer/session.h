@@ -87,7 +87,7 @@ class PeerSession final : private StreamReader::Owner,
   // The connection was never opened, and this is why, or it does not end in order, and bytes may be lost: no
   // reason.
   void SendReset(std::uint32_t id, const std::string& why_not_opened);
-  void OpenTarget(Connection& connection, const HostPort& target);
+  void OpenTarget(Connection& connection, const Destination& destination);
   void OnResolved(Connection& connection, const HostPort& target, const LookupResult& result);
   void AnswerTest();
 

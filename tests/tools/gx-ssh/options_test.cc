@@ -56,6 +56,7 @@ TEST(OptionsTest, StandardIoTakesATargetAsSshNamesIt) {
            {{"-W", "::1:22", "--", "cat"}, "[::1]:22"},
            {{"-W", "2001:db8::a:b:2222", "--", "cat"}, "[2001:db8::a:b]:2222"},
            {{"-W", "[::1]:22", "--", "cat"}, "[::1]:22"},
+           {{"-W", "unix:/run/x", "--", "cat"}, "unix:/run/x"},
            {{"-W", "--", "cat", "host:22"}, "127.0.0.1:22"},
            {{"-W", "-q", "--", "cat"}, "127.0.0.1:22"},
            {{"-W", "--target", "host:22", "--", "cat"}, "host:22"},
@@ -77,12 +78,23 @@ std::vector<std::string> Told(const Options& options) {
 }
 
 TEST(OptionsTest, ForwardsReadAsThoseOfSsh) {
-  EXPECT_THAT(Told(Parsed({"--local", "-L", "8080:web:80", "-L0:[::1]:5432", "-L", "[::1]:1:127.0.0.1:65535",
-                           "-L", "10.0.0.1:1:Web:80", "-L", "localhost:1:web:80", "-L", "*:1:web:80", "-L",
-                           ":2:web:80", "-L", "/run/a b:web:80"})),
+  EXPECT_THAT(Told(Parsed({"--local",     "-L",
+                           "8080:web:80", "-L0:[::1]:5432",
+                           "-L",          "[::1]:1:127.0.0.1:65535",
+                           "-L",          "10.0.0.1:1:Web:80",
+                           "-L",          "localhost:1:web:80",
+                           "-L",          "*:1:web:80",
+                           "-L",          ":2:web:80",
+                           "-L",          "/run/a b:web:80",
+                           "-L",          "8080:/run/docker.sock",
+                           "-L",          "*:1:/run/x:y",
+                           "-L",          "/run/a:/run/b"})),
               ElementsAre("127.0.0.1 8080 -> web:80", "127.0.0.1 0 -> [::1]:5432", "::1 1 -> 127.0.0.1:65535",
                           "10.0.0.1 1 -> web:80", "127.0.0.1 1 -> web:80", "* 1 -> web:80", "* 2 -> web:80",
-                          "/run/a b -> web:80"));
+                          "/run/a b -> web:80", "127.0.0.1 8080 -> unix:/run/docker.sock",
+                          "* 1 -> unix:/run/x:y", "/run/a -> unix:/run/b"));
+  EXPECT_TRUE(Parsed({"--local", "-L", "1:web:80", "-L", "1:/run/x"}).HasUnixTarget());
+  EXPECT_FALSE(Parsed({"--local", "-L", "/run/x:web:80"}).HasUnixTarget());
   EXPECT_THAT(Told(Parsed({"--local", "-L", "1:web:80", "--target", "a:1", "--listen", "[::1]:2"})),
               ElementsAre("::1 2 -> a:1", "127.0.0.1 1 -> web:80"))
       << "--listen comes first";
@@ -117,6 +129,10 @@ TEST(OptionsTest, EachMistakeHasOneLineAndAHint) {
       {{"--local", "-L", "1:2:3:4:5"}, "it is [BIND:]PORT:HOST:HOSTPORT"},
       {{"--local", "-L", "[::1]1:web:80"}, "it is [BIND:]PORT:HOST:HOSTPORT"},
       {{"--local", "-L", "8080:::1:80"}, "it is [BIND:]PORT:HOST:HOSTPORT"},
+      {{"--local", "-L", "8080:/run/../x"}, "no '..'"},
+      {{"--local", "-L", "/run/x"}, "it is [BIND:]PORT:HOST:HOSTPORT"},
+      {{"--local", "--target", "unix:run/x"}, "begins with a slash"},
+      {{"--local", "--raw", "-L", "8080:/run/x"}, "--raw: the frame format alone"},
       {{"--local", "-L", "65536:web:80"}, "a port is a decimal number"},
       {{"--local", "-L", "web:1:web:80"}, "must be numeric"},
       {{"--local", "-L", "1:web:0"}, "a port is a decimal number"},

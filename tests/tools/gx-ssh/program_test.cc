@@ -260,6 +260,8 @@ TEST_F(ProgramTest, EachBadFarSideHasItsOwnMessage) {
        kExitLinkLost,
        R"(no sign of life from the far side for 200ms; carrier "sh" still runs)"},
       {{"--raw"}, "sleep 0.1", kExitLinkLost, "link lost: end of the stream"},
+      // An older release, which would take the path for a name.
+      {{"--target", "unix:/run/x"}, kReady + "cat >/dev/null", kExitNotReady, "connects to Unix sockets"},
   };
   for (const BadFarSide& bad : cases) {
     Program program(GX_SSH_PROGRAM, WithShell(bad.options, bad.commands));

@@ -14,8 +14,8 @@ AllowList ListOf(std::initializer_list<const char*> entries) {
   return list;
 }
 
-bool Passes(const AllowList& list, const char* text) {
-  const auto target = ParseHostPort(text);
+bool Passes(const AllowList& list, std::string_view text) {
+  const auto target = ParseDestination(text);
   return target && list.Permits(*target);
 }
 
@@ -41,6 +41,31 @@ TEST(AllowListTest, DefaultAndAny) {
   EXPECT_FALSE(Passes(AllowList::Default(), "127.0.0.1:80"));
   EXPECT_TRUE(Passes(AllowList::Any(), "10.1.2.3:4"));
   EXPECT_FALSE(Passes(AllowList(), "127.0.0.1:22"));
+}
+
+TEST(AllowListTest, UnixSocketsAreNamedByTheirWholePathAndByNothingElse) {
+  using namespace std::string_view_literals;
+  const AllowList list = ListOf({"unix:/run/docker.sock", "unix:22"});
+  EXPECT_TRUE(Passes(list, "unix:/run/docker.sock"));
+  EXPECT_TRUE(Passes(list, "unix:22")) << "a host may have that name";
+  for (const std::string_view text :
+       {"unix:/run"sv, "unix:/run/docker.sock2"sv, "unix:/run/docker.soc"sv, "unix:/RUN/docker.sock"sv,
+        "unix:run/docker.sock"sv, "unix:/run//docker.sock"sv, "unix://run/docker.sock"sv,
+        "unix:/run/./docker.sock"sv, "unix:/run/x/../docker.sock"sv, "unix:/run/docker.sock/"sv,
+        "unix:/run/docker.sock/."sv, "unix:/run/docker.sock\0"sv, "UNIX:/run/docker.sock"sv,
+        "/run/docker.sock"sv, "unix:unix:/run/docker.sock"sv}) {
+    EXPECT_FALSE(Passes(list, text)) << text;
+  }
+  for (const AllowList& other : {AllowList::Any(), AllowList::Default(), ListOf({"*:22", "unix:*"})}) {
+    EXPECT_FALSE(Passes(other, "unix:/run/docker.sock"));
+  }
+  AllowList none;
+  for (const std::string& path :
+       {std::string("*"), std::string("/run/.."), std::string("/"), '/' + std::string(200, 'x')}) {
+    std::string why;
+    EXPECT_FALSE(none.Add(path == "*" ? "unix:/run/../x" : "unix:" + path, &why)) << path;
+    EXPECT_FALSE(why.empty());
+  }
 }
 
 // A name that was permitted may not lead to services of this computer that were not.

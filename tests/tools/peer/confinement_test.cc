@@ -10,6 +10,7 @@
 #include <sys/ptrace.h>
 #include <sys/stat.h>
 #include <sys/syscall.h>
+#include <sys/un.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -121,6 +122,32 @@ TEST_F(ConfinementTest, SystemCallsThatAStrangerWouldLikeFail) {
       {"UDP", [] { return Socket(AF_INET6, SOCK_DGRAM); }},
   };
   EXPECT_EQ(Confined(needs_, forbidden, permitted), "end");
+}
+
+TEST_F(ConfinementTest, OfUnixSocketsOnlyStreamsAndOnlyWhereTheyAreNeeded) {
+  if (!AvailableConfinement().system_calls) GTEST_SKIP() << "no seccomp";
+  const std::string path = other_.path() + "/socket";
+  const Descriptor target(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
+  sockaddr_un address{};
+  address.sun_family = AF_UNIX;
+  path.copy(address.sun_path, sizeof address.sun_path - 1);
+  const auto* const name = reinterpret_cast<const sockaddr*>(&address);
+  ASSERT_EQ(::bind(target.get(), name, sizeof address), 0);
+  ASSERT_EQ(::listen(target.get(), 1), 0);
+  const Deed call = {"calling it", [&] {
+                       const Descriptor caller(::socket(AF_UNIX, SOCK_STREAM | SOCK_NONBLOCK, 0));
+                       return caller ? ::connect(caller.get(), name, sizeof address) : -1;
+                     }};
+  const std::vector<Deed> others = {
+      {"a datagram socket", [] { return Socket(AF_UNIX, SOCK_DGRAM); }},
+      {"a packet socket", [] { return Socket(AF_UNIX, SOCK_SEQPACKET | SOCK_NONBLOCK); }},
+      {"no family", [] { return Socket(AF_UNSPEC, SOCK_STREAM); }},
+      {"a netlink socket", [] { return Socket(AF_NETLINK, SOCK_RAW); }},
+  };
+  ConfinementNeeds needs = needs_;
+  EXPECT_EQ(Confined(needs, {call}, {}), "end");
+  needs.unix_sockets = true;
+  EXPECT_EQ(Confined(needs, others, {call}), "end");
 }
 
 TEST_F(ConfinementTest, OnlyTheCachesFolderIsWrittenTo) {

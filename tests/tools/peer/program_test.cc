@@ -23,6 +23,8 @@ TEST(PeerProgramTest, WrongCommandLinesGetOneLineAndStatus2) {
       {{"--allow", "a:1", "--allow-any"}, "excludes"},
       {{"--target", "a:1", "--allow", "b:1"}, "excludes"},
       {{"--target", "host"}, "HOST:PORT"},
+      {{"--allow", "unix:/run/../x"}, "no '..'"},
+      {{"--raw", "--allow", "unix:/run/x"}, "--raw: the frame format alone"},
       {{"--connect-timeout", "soon"}, "15s"},
       {{"--max-connections", "0"}, "--max-connections"},
       {{"--dns-cache", "file", "--dns-refresh", "4294967296"}, "--dns-refresh"},
