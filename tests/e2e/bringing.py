@@ -5,6 +5,7 @@ import gzip
 import hashlib
 import os
 import random
+import re
 import shutil
 import stat
 import subprocess
@@ -15,6 +16,7 @@ from throwaway import Child, Failure, write_script
 
 HERE = os.path.dirname(os.path.abspath(__file__))
 CUTS = 6
+STRANGER = 12345  # a user that is not there
 
 # The small tools of each kind of far side, and its shell.
 BUSYBOX, TOYBOX = "/bin/busybox", "/bin/toybox"
@@ -116,27 +118,54 @@ def bring(tools, server):
     target.closing = True
 
 
+def logged(far, target):
+    """Carries a line; returns what gx-ssh sent."""
+    log = f"{far.home}/log"
+    write_script(f"{far.home}/logged", f'tee "{log}" | "$@"')
+    far.carry(target, through=[f"{far.home}/logged"])
+    with open(log, "rb") as file:
+        return file.read()
+
+
 def bring_again(tools, server):
     """Where the peer is there, it runs after one line; a damaged or foreign one does not."""
     target = Target()
     far = FarSide(tools, server.folder)
     far.carry(target)
-    log = f"{server.folder}/log"
-    write_script(f"{server.folder}/logged", f'tee "{log}" | "$@"')
-    far.carry(target, through=[f"{server.folder}/logged"])
-    with open(log, "rb") as file:
-        lines = file.read().split(b"\n")
+    lines = logged(far, target).split(b"\n")
     expect(b"exec" in lines[0] and lines[1].startswith(b"GX-SSH-HOST"), f"it sent {lines[:2]}")
 
     peer = far.files()[0]
-    for spoil in (lambda: os.truncate(peer, 1000), lambda: os.chmod(peer, 0o777), lambda: os.chmod(peer, 0o600)):
+    spoils = [lambda: os.chmod(peer, 0o777), lambda: os.chmod(peer, 0o600), lambda: os.truncate(peer, 1000)]
+    if os.geteuid() == 0:
+        spoils.append(lambda: os.chown(peer, STRANGER, -1))
+    for spoil in spoils:
         spoil()
         expect("sends gx-ssh-peer" in far.carry(target), "a spoilt file was taken")
         far.expect_one_file()
-    os.chmod(far.cache, 0o777)
-    expect("sends gx-ssh-peer" in far.carry(target), "a folder that others can write to was taken")
-    expect(not glob.glob("/tmp/gx-ssh-????????????????????????"), "the folder in /tmp was left behind")
+    with far.start(target) as host:  # the new file takes the name from one that runs
+        host.send("hello\n")
+        host.expect(host.out, "^hello$", timeout=60)
+        os.chmod(peer, 0o600)
+        far.carry(target)
+        far.expect_one_file()
+    not_own(far, target, lambda: os.chmod(far.cache, 0o777))
+    if os.geteuid() == 0:
+        not_own(far, target, lambda: (os.chmod(far.cache, 0o700), os.chown(far.cache, STRANGER, -1)))
     target.closing = True
+
+
+def not_own(far, target, spoil):
+    """In a folder that others can write to nothing is run, and nothing is put."""
+    spoil()
+    expect("sends gx-ssh-peer" in far.carry(target), "a peer was run from a folder that others can write to")
+    for file in far.files():
+        os.unlink(file)
+    sent = logged(far, target)
+    expect(far.files() == [], "a peer was put into a folder that others can write to")
+    fresh = re.search(rb"d=(/tmp/gx-ssh-\w+);", sent).group(1)
+    expect(not os.path.exists(fresh), "the folder in /tmp was left behind")
+    far.refuse(target, "others may write there, or it is somebody else's", "--bring-dir", far.cache)
 
 
 def bring_once(tools, server):
