@@ -12,12 +12,13 @@ import tempfile
 import time
 
 import bringing
+import carriers
 import relays
 from terminal import Typist
 from throwaway import (Failure, ProxyCommand, SshServer, Tunnel, bounded, nothing_left, run, wait_until_gone,
                        write_script)
 
-SCENARIOS = {**relays.SCENARIOS, **bringing.SCENARIOS}
+SCENARIOS = {**relays.SCENARIOS, **bringing.SCENARIOS, **carriers.SCENARIOS}
 
 
 def scenario(function):

@@ -1,0 +1,105 @@
+"""ssh and scp through carriers as people have them, with nothing of gx-ssh at their far end: for scripts/long-tests.
+
+As root, since that is what a chroot, another user and a folder of that user take.
+"""
+
+import os
+import pwd
+import shutil
+import sys
+import tempfile
+
+from bringing import BUSYBOX, HERE, expect, link_tools
+from throwaway import Clients, write_script
+
+SERIAL = "import time\nterminal = True\nthere = back = lambda b: time.sleep(len(b) * 10 / 115200) or b"
+
+
+class Brought(Clients):
+    """ssh through gx-ssh --bring, and through a carrier to a shell."""
+
+    def __init__(self, tools, server, *carrier, options=()):
+        program = f"{server.folder}/brought"
+        # ssh's own time-out counts the transfer, too.
+        super().__init__(server, "HostName 127.0.0.1", f"Port {server.port}", "ConnectTimeout 900",
+                         f"ProxyCommand {program} %h:%p")
+        write_script(f"{server.folder}/carrier", " ".join(["exec", *(f"'{word}'" for word in carrier)]))
+        write_script(program, " ".join([f'exec "{tools.gx_ssh}" -W "$1" --bring', *options, "--",
+                                        f"{server.folder}/carrier"]))
+
+    def command_says(self):
+        """A command's output and status; returns what gx-ssh said."""
+        with self.session("far", "echo out; exit 42") as command:
+            command.expect_status(42, timeout=900)
+            expect(command.out.text() == "out", "its standard output did not come through")
+            return command.err.text()
+
+    def carries(self, size):
+        """The first session sends the peer, a second one and two copies do not."""
+        expect("sends gx-ssh-peer" in self.command_says(), "nothing was sent")
+        said = self.command_says()
+        expect(said == "", f"the second time it said {said}")
+        original, there, back = (f"{self.folder}/{name}" for name in ("original", "there", "back"))
+        content = os.urandom(size)
+        with open(original, "wb") as file:
+            file.write(content)
+        self.run("scp", "-q", original, f"far:{there}")
+        self.run("scp", "-q", f"far:{there}", back)
+        with open(back, "rb") as file:
+            expect(file.read() == content, "the copies differ")
+
+
+def bare_root(folder):
+    """What there is in a small container: busybox and an empty /root."""
+    for name in ("root", "proc"):
+        os.makedirs(f"{folder}/{name}")
+    link_tools(f"{folder}/bin", BUSYBOX, None)
+    for name in os.listdir(f"{folder}/bin"):
+        os.unlink(f"{folder}/bin/{name}")
+        if name != "busybox":
+            os.symlink("busybox", f"{folder}/bin/{name}")
+    shutil.copy(BUSYBOX, f"{folder}/bin/busybox")
+    return folder
+
+
+def into_a_chroot(tools, server):
+    """Busybox only, with processes, mounts and users of its own."""
+    root = bare_root(f"{server.folder}/box")
+    Brought(tools, server, "unshare", "--user", "--map-root-user", "--pid", "--fork", "--mount-proc",
+            f"--root={root}", "env", "-i", "HOME=/root", "PATH=/bin", "sh").carries(1 << 20)
+    expect(len(os.listdir(f"{root}/root/.cache/gx-ssh")) == 1, "there is not one peer in the chroot")
+
+
+def over_a_serial_line(tools, server):
+    """A terminal at 115200 baud, one way at a time; and such a line that loses the eighth bit."""
+    home = f"{server.folder}/home"
+    os.mkdir(home)
+    line = [sys.executable, "-B", f"{HERE}/filter.py"]
+    shell = ["env", "-i", f"HOME={home}", "PATH=/usr/bin:/bin", "sh"]
+    Brought(tools, server, *line, SERIAL, *shell).carries(16 << 10)
+    seven = "terminal = True\nthere = lambda b: bytes(x & 127 for x in b)"
+    with Brought(tools, server, *line, seven, *shell).session("far", "true") as command:
+        command.expect_status(255)
+        expect("the line changes bytes on the way there" in command.err.text(), f"it said {command.err.text()}")
+
+
+def over_ssh(tools, server):
+    """A login over ssh without a terminal, to its login shell."""
+    direct = Clients(server, "HostName 127.0.0.1", f"Port {server.port}")
+    Brought(tools, server, *direct.command("ssh", "-T", "far"),
+            options=("--bring-dir", f"{server.folder}/peers")).carries(1 << 20)
+
+
+def as_another_user(tools, server):
+    """Through su to a user with a home folder, and to one without: there it lies in /tmp while it starts."""
+    nobody = pwd.getpwnam("nobody")
+    su = ["su", "-s", "/bin/sh", nobody.pw_name]
+    with tempfile.TemporaryDirectory(prefix="gx-ssh-") as home:
+        os.chown(home, nobody.pw_uid, nobody.pw_gid)
+        Brought(tools, server, *su, options=("--bring-dir", f"{home}/peers")).carries(1 << 20)
+    homeless = Brought(tools, server, *su)
+    for _ in range(2):
+        expect("sends gx-ssh-peer" in homeless.command_says(), "nothing was sent")
+
+
+SCENARIOS = {each.__name__: each for each in (into_a_chroot, over_a_serial_line, over_ssh, as_another_user)}
