@@ -3,6 +3,8 @@
 As root, since that is what a chroot, another user and a folder of that user take.
 """
 
+import filecmp
+import glob
 import os
 import pwd
 import shutil
@@ -10,7 +12,7 @@ import sys
 import tempfile
 
 from bringing import BUSYBOX, HERE, expect, link_tools
-from throwaway import Clients, write_script
+from throwaway import Clients, Tunnel, write_script
 
 SERIAL = "import time\nterminal = True\nthere = back = lambda b: time.sleep(len(b) * 10 / 115200) or b"
 
@@ -102,4 +104,25 @@ def as_another_user(tools, server):
         expect("sends gx-ssh-peer" in homeless.command_says(), "nothing was sent")
 
 
-SCENARIOS = {each.__name__: each for each in (into_a_chroot, over_a_serial_line, over_ssh, as_another_user)}
+def foreign_peers(tools, server):
+    """Each static peer that scripts/foreign-peers has built, run by qemu, carries a command and a large copy."""
+    found = glob.glob(f"{HERE}/../../build/peers/*/tools/peer/peers/*/gx-ssh-peer")
+    expect(found, "there are none; scripts/foreign-peers builds them")
+    original, back = f"{server.folder}/original", f"{server.folder}/back"
+    with open(original, "wb") as file:
+        file.write(os.urandom(8 << 20))
+    for peer in found:
+        architecture = os.path.basename(os.path.dirname(peer))
+        emulator = f"qemu-{architecture}"
+        target = f"127.0.0.1:{server.port}"
+        with Tunnel(tools, server, far_side=["--", emulator, peer, "--allow", target]) as tunnel:
+            with tunnel.session("far", "echo out; exit 42") as command:
+                command.expect_status(42)
+                expect(command.out.text() == "out", "its standard output did not come through")
+            tunnel.run("scp", "-q", original, f"far:{back}")
+        expect(filecmp.cmp(original, back, shallow=False), "the copies differ")
+        print(f"{architecture}: {os.path.getsize(peer)} bytes", flush=True)
+
+
+SCENARIOS = {each.__name__: each for each in (into_a_chroot, over_a_serial_line, over_ssh, as_another_user,
+                                              foreign_peers)}
