@@ -3,7 +3,9 @@
 add_library(gx_options INTERFACE)
 target_compile_features(gx_options INTERFACE cxx_std_20)
 target_compile_options(gx_options INTERFACE
-  -Wall -Wextra -Wpedantic -Wshadow -Wconversion
+  -Wall -Wextra -Wpedantic
+  $<$<NOT:$<BOOL:${CMAKE_UNITY_BUILD}>>:-Wshadow>  # in one piece, a file sees the names of the others
+  -Wconversion
   $<$<CXX_COMPILER_ID:Clang>:-Wthread-safety>
   # An interface and CReference, its counting, both derive from IReference; the class overrides both.
   $<$<CXX_COMPILER_ID:GNU>:-Wno-inaccessible-base>

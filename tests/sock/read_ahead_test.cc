@@ -14,7 +14,7 @@
 
 namespace {
 
-constexpr std::size_t kRead = 4096;
+constexpr std::size_t kReadBytes = 4096;
 
 class ReadAheadTest : public testing::Test {
  protected:
@@ -57,15 +57,15 @@ class ReadAheadTest : public testing::Test {
 };
 
 TEST_F(ReadAheadTest, GivesWhatTheSocketWouldHaveGiven) {
-  Send(10 * kRead + 7);
+  Send(10 * kReadBytes + 7);
   for (int i = 0; i < 10; ++i) {
-    EXPECT_EQ(Receive(kRead), static_cast<ssize_t>(kRead));
+    EXPECT_EQ(Receive(kReadBytes), static_cast<ssize_t>(kReadBytes));
     EXPECT_FALSE(ahead_.drained());
     EXPECT_EQ(InTheSocket() == 0, i > 0) << "the second read takes it all";
   }
-  EXPECT_EQ(Receive(kRead), 7);
+  EXPECT_EQ(Receive(kReadBytes), 7);
   EXPECT_TRUE(ahead_.drained());
-  EXPECT_EQ(Receive(kRead), -1);
+  EXPECT_EQ(Receive(kReadBytes), -1);
   EXPECT_EQ(errno, EAGAIN);
 
   Send(100);
@@ -80,7 +80,7 @@ TEST_F(ReadAheadTest, GivesWhatTheSocketWouldHaveGiven) {
     const auto due = static_cast<ssize_t>(std::min(length, sent_.size() - received_));
     ASSERT_EQ(Receive(length), due);
   }
-  EXPECT_EQ(Receive(kRead), 0);
+  EXPECT_EQ(Receive(kReadBytes), 0);
 }
 
 // The failure is met while bytes are kept that are not enough.

@@ -51,7 +51,7 @@ TEST_F(SockAcceptorTest, AcceptsAllWhoWaitInOrder) {
   const TcpClient clients[] = {TcpClient(acceptor.GetAddress()), TcpClient(acceptor.GetAddress())};
   EXPECT_TRUE(acceptor.Accept());
   ASSERT_EQ(acceptor.streams.size(), 2U);
-  for (int i = 0; i < 2; ++i) {
+  for (std::size_t i = 0; i < 2; ++i) {
     sockaddr_in name;
     socklen_t length = sizeof name;
     getsockname(clients[i].socket_handle(), reinterpret_cast<sockaddr*>(&name), &length);
