@@ -16,7 +16,7 @@ namespace {
 
 // How often the thread looks while bytes come: for acknowledgements that are due, and for a reader that has not
 // come since.
-constexpr std::chrono::milliseconds kLook = Receipts::kInterval;
+constexpr std::chrono::milliseconds kLookInterval = Receipts::kInterval;
 constexpr std::size_t kHoldBytes = 256 * 1024;  // with one read
 // The far side keeps to half of it, or is not read.
 constexpr std::size_t kMostHeldBytes = 2 * Receipts::kRoomBytes;
@@ -158,7 +158,7 @@ void Intake::Watch() {
   while (!closed_) {
     changed_.wait(lock, [this] { return closed_ || armed_; });
     const std::uint64_t seen = turns_;
-    changed_.wait_for(lock, kLook, [this] { return closed_; });
+    changed_.wait_for(lock, kLookInterval, [this] { return closed_; });
     if (closed_) return;
     lock.unlock();
     Look(seen);
@@ -194,7 +194,7 @@ void Intake::Hold() {
       if (may_read) BeginToWait();
     }
     pollfd waits[] = {{stop_.fd(), POLLIN, 0}, {wake_.read.get(), POLLIN, 0}, {may_read ? fd_ : -1, POLLIN, 0}};
-    poll(waits, std::size(waits), one_is_due ? static_cast<int>(kLook.count()) : -1);
+    poll(waits, std::size(waits), one_is_due ? static_cast<int>(kLookInterval.count()) : -1);
     EndToWait();
   }
   holding_ = false;

@@ -160,7 +160,7 @@ void LinePace::Update() {
   if (frame >= static_cast<double>(kMostDataBytes)) {
     data_bytes_ = kMostDataBytes;
   } else {
-    const double least = line_limits_ ? kLeastDataBytes : kSlowDataBytes;
+    const auto least = static_cast<double>(line_limits_ ? kLeastDataBytes : kSlowDataBytes);
     data_bytes_ = static_cast<std::size_t>(std::clamp(frame, least, static_cast<double>(kSlowDataBytes)));
   }
   const double carried = rate_ * (round_trip_ * (grows_ ? 2 : 1) + kSlackSeconds);
