@@ -11,21 +11,6 @@
 namespace gxtool {
 namespace {
 
-// A JSON string. Bytes that are not ASCII are passed on: the program's texts are UTF-8.
-std::string Quote(std::string_view text) {
-  std::string result = "\"";
-  for (const char c : text) {
-    if (c == '"' || c == '\\') {
-      result += {'\\', c};
-    } else if (static_cast<unsigned char>(c) < 0x20) {
-      result += fmt::format("\\u{:04x}", static_cast<int>(c));
-    } else {
-      result += c;
-    }
-  }
-  return result + '"';
-}
-
 // For ssh, which replaces what begins with a percent sign, and then for the shell.
 std::string ProxyCommand(const std::string& path) {
   const std::string address = "unix:" + std::filesystem::absolute(path).string();
@@ -177,25 +162,32 @@ std::string StatusLines(const std::string& route, const std::string& link_state,
                      FormatBytes(received_rate));
 }
 
-JsonObject& JsonObject::Add(std::string_view name, std::string_view text) { return AddRaw(name, Quote(text)); }
+JsonObject& JsonObject::Add(std::string_view name, std::string_view text) {
+  return Set(name, std::string(text));
+}
 
 JsonObject& JsonObject::Add(std::string_view name, std::uint64_t number) {
-  return AddRaw(name, fmt::format("{}", number));
+  return Set(name, Json::UInt64{number});
 }
 
-JsonObject& JsonObject::Add(std::string_view name, double number) {
-  return AddRaw(name, fmt::format("{:.3f}", number));
-}
+JsonObject& JsonObject::Add(std::string_view name, double number) { return Set(name, number); }
 
 JsonObject& JsonObject::Add(const JsonObject& other) {
-  if (!members_.empty() && !other.members_.empty()) members_ += ',';
-  members_ += other.members_;
+  for (const std::string& name : other.members_.getMemberNames()) members_[name] = other.members_[name];
   return *this;
 }
 
-JsonObject& JsonObject::AddRaw(std::string_view name, const std::string& value) {
-  if (!members_.empty()) members_ += ',';
-  members_ += Quote(name) + ":" + value;
+std::string JsonObject::Text() const {
+  Json::StreamWriterBuilder builder;
+  builder["indentation"] = "";
+  builder["emitUTF8"] = true;
+  builder["precision"] = 3;
+  builder["precisionType"] = "decimal";
+  return Json::writeString(builder, members_);
+}
+
+JsonObject& JsonObject::Set(std::string_view name, Json::Value value) {
+  members_[std::string(name)] = std::move(value);
   return *this;
 }
 

@@ -2,6 +2,9 @@
 #ifndef GX_SSH_REPORT_H
 #define GX_SSH_REPORT_H
 
+#include <json/value.h>
+#include <json/writer.h>
+
 #include <chrono>
 #include <cstdint>
 #include <optional>
@@ -16,20 +19,21 @@
 
 namespace gxtool {
 
-// A JSON object in the making: {"event":"close","connection":3,...}
+// A JSON object in the making, of one line: {"connection":3,"event":"close",...}. The order of members says
+// nothing; texts are UTF-8.
 class JsonObject {
  public:
   JsonObject& Add(std::string_view name, std::string_view text);
   JsonObject& Add(std::string_view name, std::uint64_t number);
   JsonObject& Add(std::string_view name, double number);
-  // The members of `other` behind ours.
+  // The members of `other` as well.
   JsonObject& Add(const JsonObject& other);
-  std::string Text() const { return "{" + members_ + "}"; }
+  std::string Text() const;
 
  private:
-  JsonObject& AddRaw(std::string_view name, const std::string& value);
+  JsonObject& Set(std::string_view name, Json::Value value);
 
-  std::string members_;
+  Json::Value members_{Json::objectValue};
 };
 
 // One word of a shell's command line.

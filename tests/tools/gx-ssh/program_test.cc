@@ -392,23 +392,23 @@ TEST_F(ProgramTest, UnixSocketIsTheOwnersAndGoesAway) {
 TEST_F(ProgramTest, ScriptsGetEventsAndAPortFile) {
   const std::string port_file = folder_.path() + "/port";
   Program program(GX_SSH_PROGRAM, WithPeer({"--json", "--port-file", port_file}));
-  EXPECT_THAT(program.Line(), HasSubstr(R"({"event":"link",)"));
-  EXPECT_THAT(program.Line(), HasSubstr(R"("state":"up"})"));
-  EXPECT_THAT(program.Line(), HasSubstr(R"({"event":"listening",)"));
+  EXPECT_THAT(program.Line(), HasSubstr(R"("event":"link")"));
+  EXPECT_THAT(program.Line(), HasSubstr(R"("state":"up")"));
+  EXPECT_THAT(program.Line(), HasSubstr(R"("event":"listening")"));
   std::string address;
   std::ifstream(port_file) >> address;
   struct stat info {};
   EXPECT_EQ(stat(port_file.c_str(), &info), 0);
   EXPECT_EQ(info.st_mode & 0777, 0600u);
   EXPECT_EQ(Echo(Connect(address), "hello"), "hello");
-  EXPECT_THAT(program.Line(), HasSubstr(R"({"event":"open",)"));
+  EXPECT_THAT(program.Line(), HasSubstr(R"("event":"open")"));
   const std::string close = program.Line();
-  EXPECT_THAT(close, HasSubstr(R"({"event":"close",)"));
-  EXPECT_THAT(close, HasSubstr(R"("sent":5,"received":5,"seconds":)"));
+  EXPECT_THAT(close, HasSubstr(R"("event":"close")"));
+  EXPECT_THAT(close, HasSubstr(R"("received":5,"seconds":)"));
   program.Signal(SIGUSR1);
   EXPECT_THAT(ReadLine(program.errors()), HasSubstr("received"));
   program.Signal(SIGTERM);
-  EXPECT_THAT(program.Output(), HasSubstr(R"("status":0,"reason":"stopped"})"));
+  EXPECT_THAT(program.Output(), HasSubstr(R"("reason":"stopped","status":0,)"));
   EXPECT_FALSE(std::filesystem::exists(port_file));
 }
 
@@ -494,10 +494,8 @@ TEST_F(ProgramTest, TellsWhoeverWaitsAndKeepsALog) {
   program.Signal(SIGTERM);
   EXPECT_EQ(program.Status(), kExitOk);
   std::getline(std::ifstream(log), told);
-  EXPECT_THAT(
-      told,
-      AllOf(testing::StartsWith(R"({"time":"20)"),
-            testing::EndsWith(R"("level":"info","message":"0 open, 0 in all; 0 B sent, 0 B received"})")));
+  EXPECT_THAT(told, testing::StartsWith(
+                        R"({"level":"info","message":"0 open, 0 in all; 0 B sent, 0 B received","time":"20)"));
 }
 
 TEST_F(ProgramTest, GoesOnInTheBackground) {

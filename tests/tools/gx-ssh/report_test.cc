@@ -27,7 +27,7 @@ TEST(ReportTest, AnnouncesEveryAddressInItsOrder) {
   EXPECT_EQ(Announcement(PrintFormat::kAddress, {kUnix, kTcp}), "unix:/run/b'x\n127.0.0.1:40001\n");
   EXPECT_EQ(Announcement(PrintFormat::kPort, {kTcp, kTcp}), "40001\n40001\n");
   EXPECT_EQ(Announcement(PrintFormat::kJson, {kTcp, kUnix}),
-            "{\"host\":\"127.0.0.1\",\"port\":40001,\"address\":\"127.0.0.1:40001\",\"target\":\"web:80\"}\n"
+            "{\"address\":\"127.0.0.1:40001\",\"host\":\"127.0.0.1\",\"port\":40001,\"target\":\"web:80\"}\n"
             "{\"address\":\"unix:/run/b'x\",\"target\":\"db:5432\"}\n");
   EXPECT_EQ(Announcement(PrintFormat::kEnvironment, {kUnix, kTcp}),
             "GX_SSH_ADDR='unix:/run/b'\\''x' GX_SSH_ADDR_1='unix:/run/b'\\''x' "
@@ -45,8 +45,9 @@ TEST(ReportTest, FormatsNumbersForPeople) {
 
 TEST(ReportTest, JsonStaysOnOneLineWhateverIsInIt) {
   JsonObject object;
-  object.Add("text", "a\"b\\c\n\x01").Add("number", std::uint64_t{1} << 63).Add("seconds", 1.5);
-  EXPECT_EQ(object.Text(), R"({"text":"a\"b\\c\u000a\u0001","number":9223372036854775808,"seconds":1.500})");
+  object.Add("text", "\u00e4\"b\\c\n\x01").Add("number", std::uint64_t{1} << 63).Add("seconds", 1.5);
+  EXPECT_EQ(object.Text(),
+            "{\"number\":9223372036854775808,\"seconds\":1.5,\"text\":\"\u00e4\\\"b\\\\c\\n\\u0001\"}");
 }
 
 }  // namespace
