@@ -2,16 +2,13 @@
 
 #include <sys/un.h>
 
+#include "link/parse_failure.h"
+
 namespace gxtool {
 namespace {
 
 constexpr std::string_view kScheme = "unix:";
 constexpr std::size_t kPathBytes = sizeof(sockaddr_un{}.sun_path) - 1;
-
-std::nullopt_t Fail(std::string* why, const char* reason) {
-  if (why != nullptr) *why = reason;
-  return std::nullopt;
-}
 
 bool HasPlainParts(std::string_view path) {
   while (!path.empty()) {
@@ -26,10 +23,10 @@ bool HasPlainParts(std::string_view path) {
 }  // namespace
 
 std::optional<UnixSocket> ParseUnixSocket(std::string_view path, std::string* why) {
-  if (!path.starts_with('/')) return Fail(why, "a socket's path begins with a slash");
-  if (path.size() > kPathBytes) return Fail(why, "the socket's path is too long");
+  if (!path.starts_with('/')) return ParseFailure(why, "a socket's path begins with a slash");
+  if (path.size() > kPathBytes) return ParseFailure(why, "the socket's path is too long");
   if (path.find('\0') != std::string_view::npos || !HasPlainParts(path)) {
-    return Fail(why, "a socket's path has no empty parts, no '.', no '..' and no NUL");
+    return ParseFailure(why, "a socket's path has no empty parts, no '.', no '..' and no NUL");
   }
   return UnixSocket{std::string(path)};
 }

@@ -6,17 +6,14 @@
 #include <algorithm>
 #include <charconv>
 
+#include "link/parse_failure.h"
+
 namespace gxtool {
 namespace {
 
 constexpr std::size_t kNameBytes = 253;
 constexpr std::size_t kLabelBytes = 63;
 constexpr std::size_t kAddressBytes = 45;
-
-std::nullopt_t Fail(std::string* why, const char* reason) {
-  if (why != nullptr) *why = reason;
-  return std::nullopt;
-}
 
 // The locale has no say in what a host name is.
 bool IsDigit(char c) { return c >= '0' && c <= '9'; }
@@ -53,9 +50,10 @@ std::optional<std::string> ParseIPv6(std::string_view text, std::string* why) {
   // inet_pton stops at a NUL, the rest would go unseen.
   if (text.size() > kAddressBytes || text.find('\0') != std::string_view::npos ||
       inet_pton(AF_INET6, std::string(text).c_str(), &address) != 1) {
-    return Fail(why, "what stands in brackets is no IPv6 address");
+    return ParseFailure(why, "what stands in brackets is no IPv6 address");
   }
-  if (IN6_IS_ADDR_V4MAPPED(&address)) return Fail(why, "an IPv4 address is written as four decimal numbers");
+  if (IN6_IS_ADDR_V4MAPPED(&address))
+    return ParseFailure(why, "an IPv4 address is written as four decimal numbers");
   return inet_ntop(AF_INET6, &address, canonical, sizeof canonical);
 }
 
@@ -71,26 +69,26 @@ std::string HostPort::ToString() const {
 std::optional<HostPortText> SplitHostPort(std::string_view text, std::string* why) {
   if (text.substr(0, 1) == "[") {
     const std::size_t end = text.find("]:");
-    if (end == std::string_view::npos) return Fail(why, "an IPv6 target reads [ADDRESS]:PORT");
+    if (end == std::string_view::npos) return ParseFailure(why, "an IPv6 target reads [ADDRESS]:PORT");
     return HostPortText{text.substr(1, end - 1), text.substr(end + 2), true};
   }
   const std::size_t colon = text.find(':');
-  if (colon == std::string_view::npos) return Fail(why, "a target reads HOST:PORT");
+  if (colon == std::string_view::npos) return ParseFailure(why, "a target reads HOST:PORT");
   if (text.find(':', colon + 1) != std::string_view::npos)
-    return Fail(why, "an IPv6 target reads [ADDRESS]:PORT");
+    return ParseFailure(why, "an IPv6 target reads [ADDRESS]:PORT");
   return HostPortText{text.substr(0, colon), text.substr(colon + 1), false};
 }
 
 std::optional<std::string> ParseHost(std::string_view host, bool bracketed, std::string* why) {
   if (bracketed) return ParseIPv6(host, why);
-  if (host.size() > kNameBytes) return Fail(why, "the host name is too long");
+  if (host.size() > kNameBytes) return ParseFailure(why, "the host name is too long");
   std::string name(host);
   std::transform(name.begin(), name.end(), name.begin(), ToLower);
-  if (!IsName(name)) return Fail(why, "the host is neither a name nor an address");
+  if (!IsName(name)) return ParseFailure(why, "the host is neither a name nor an address");
   in_addr address;
   // inet_pton is as strict as needed: four decimal numbers, no leading zeros.
   if (EndsInNumber(name) && inet_pton(AF_INET, name.c_str(), &address) != 1) {
-    return Fail(why, "an IPv4 address is written as four decimal numbers");
+    return ParseFailure(why, "an IPv4 address is written as four decimal numbers");
   }
   return name;
 }
@@ -100,7 +98,7 @@ std::optional<std::uint16_t> ParsePort(std::string_view port, std::string* why) 
   const char* const end = port.data() + port.size();
   const auto [rest, error] = std::from_chars(port.data(), end, value);
   if (error != std::errc() || rest != end || port.front() == '0') {
-    return Fail(why, "a port is a decimal number from 1 to 65535");
+    return ParseFailure(why, "a port is a decimal number from 1 to 65535");
   }
   return value;
 }
