@@ -1,8 +1,9 @@
 // The far side of the tunnel: takes frames from one stream, opens the targets that they ask for, and carries
 // bytes both ways until the stream ends.
 //
-// Memory is bounded: a target is not read while the outgoing stream is busy, and the incoming stream is not
-// read while some target owes too much. Neither direction waits for the other.
+// Memory is bounded: a target is not read while the outgoing stream is busy, and while some target owes too
+// much the other side gets no permission to send more; one that knows of no permission, or does not keep to it,
+// is not read then. Neither direction waits for the other.
 #ifndef GX_PEER_PEER_H
 #define GX_PEER_PEER_H
 
