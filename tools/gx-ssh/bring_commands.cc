@@ -52,14 +52,14 @@ c=-;[ "$(echo|sha256sum 2>&-)" ]&&c=sha256sum;a 3 "$q" $c
 )sh";
 
 // A file whose first line names no interpreter is run by the shell itself, unless the system forbids running
-// it.
+// it (126). One that finds itself by way of /proc says 127 where there is none: that forbids nothing.
 constexpr const char* kPrepare = R"sh(
 trap 'rm -f "$t";[ "$e" ]&&rmdir "$e"' 0;trap 'exit 1' 1 2 13 15;
 @FOLDER@ t=$d/@NAME@;@CHECK@
 v(){ [ "$d" ]&&@MAKE@||return 10;
 k "$d" d||{ ls -nd "$d";return 11;};
 (umask 077;echo :>"$t"&&chmod 700 "$t")||return 12;
-"$t"||return 13;};
+"$t"||[ $? != 126 ]||return 13;};
 w=$(export LC_ALL=C;v 2>&1);r=$?;
 [ $r = 0 ]||{ rm -f "$t";[ "$e" ]&&rmdir "$e" 2>&-;t= e=;};a 4 $r "$w"
 )sh";
