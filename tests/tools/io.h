@@ -73,12 +73,15 @@ inline bool WriteAll(int fd, std::string_view bytes) {
 
 class Target {
  public:
-  Target() : fd_(::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0)) {
+  // One that does not listen refuses who comes, and nobody else gets its port.
+  explicit Target(bool listens = true) : fd_(::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0)) {
     address_.sin_family = AF_INET;
     address_.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
     socklen_t length = sizeof address_;
     EXPECT_EQ(::bind(fd_.get(), reinterpret_cast<sockaddr*>(&address_), length), 0);
-    EXPECT_EQ(::listen(fd_.get(), 1024), 0);
+    if (listens) {
+      EXPECT_EQ(::listen(fd_.get(), 1024), 0);
+    }
     EXPECT_EQ(::getsockname(fd_.get(), reinterpret_cast<sockaddr*>(&address_), &length), 0);
   }
 

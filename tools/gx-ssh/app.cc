@@ -124,9 +124,10 @@ void App::StartLink() {
 }
 
 void App::EndLink() {
-  // First of all: nobody runs what the end of the link itself posts when the program ends with it.
+  TellChanges();
   for (const Traffic::Connection& closed : traffic_.CloseAll()) reporter_.OnConnection({false, closed});
   link_.reset();
+  TellChanges();
 }
 
 // A shell has answered, so nobody is asked for a password any more.
@@ -193,8 +194,19 @@ void App::OnReset() {
 void App::OnFrame(const gxmod::FrameHeader& header, bool sent) {
   const auto change = traffic_.Count(header, sent);
   // Waking the main thread costs more than all else that a short connection takes of this program.
-  if (change && reporter_.TellsConnections())
-    asio::post(io_, [this, change = *change] { reporter_.OnConnection(change); });
+  if (!change || !reporter_.TellsConnections()) return;
+  const std::lock_guard lock(changes_mutex_);
+  if (changes_.empty()) asio::post(io_, [this] { TellChanges(); });
+  changes_.push_back(*change);
+}
+
+void App::TellChanges() {
+  std::vector<Traffic::Change> changes;
+  {
+    const std::lock_guard lock(changes_mutex_);
+    changes.swap(changes_);
+  }
+  for (const Traffic::Change& change : changes) reporter_.OnConnection(change);
 }
 
 void App::Announce(std::vector<Forward> forwards) {

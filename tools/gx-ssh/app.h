@@ -7,6 +7,7 @@
 #include <cstdint>
 #include <list>
 #include <memory>
+#include <mutex>
 #include <optional>
 #include <string>
 #include <utility>
@@ -68,6 +69,7 @@ class App final : public Link::Owner {
   }
   void OnFrame(const gxmod::FrameHeader& header, bool sent) override;
 
+  void TellChanges();
   void Announce(std::vector<Forward> forwards);
   void TellReady(const std::string& line);
   void StartStandardIo(const std::string& address, std::uint16_t port);
@@ -81,6 +83,8 @@ class App final : public Link::Owner {
   asio::steady_timer pause_;  // before the next link
   ModuleLog module_log_;
   Traffic traffic_;
+  std::mutex changes_mutex_;
+  std::vector<Traffic::Change> changes_;  // of connections, which the event loop has yet to tell
   Reporter reporter_;
   Background* const background_;
   Readiness readiness_;

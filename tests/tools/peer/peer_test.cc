@@ -257,7 +257,8 @@ TEST_F(PeerLinkTest, GreetsThenSpeaksFramesAndSaysGoodbye) {
 TEST_F(PeerLinkTest, TellsABrokenConnectionFromOneThatEnded) {
   Rig rig(options_);
   Greet(rig);
-  rig.Send(ConnectionType::Connect, 1, Target().Address());  // nobody listens there any more
+  const Target deaf(false);
+  rig.Send(ConnectionType::Connect, 1, deaf.Address());
   rig.Send(ConnectionType::Data, 1, "lost");
   EXPECT_EQ(rig.Next(), Of(kResetFrame, 1, "Connection refused"));
   EXPECT_EQ(rig.Next(), Of(ConnectionType::Close, 1));
