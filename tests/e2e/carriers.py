@@ -52,8 +52,8 @@ class Brought(Clients):
 
 
 def bare_root(folder):
-    """What there is in a small container: busybox and an empty /root."""
-    os.makedirs(f"{folder}/root")
+    """What there is in a small container: busybox and an empty home."""
+    os.makedirs(f"{folder}/home")
     link_tools(f"{folder}/bin", BUSYBOX, None)
     for name in os.listdir(f"{folder}/bin"):
         os.unlink(f"{folder}/bin/{name}")
@@ -67,8 +67,8 @@ def into_a_chroot(tools, server):
     """Busybox only and no /proc, with processes, mounts and users of its own."""
     root = bare_root(f"{server.folder}/box")
     Brought(tools, server, "unshare", "--user", "--map-root-user", "--pid", "--fork",
-            f"--root={root}", "env", "-i", "HOME=/root", "PATH=/bin", "sh").carries(1 << 20)
-    expect(len(os.listdir(f"{root}/root/.cache/gx-ssh")) == 1, "there is not one peer in the chroot")
+            f"--root={root}", "env", "-i", "HOME=/home", "PATH=/bin", "sh").carries(1 << 20)
+    expect(len(os.listdir(f"{root}/home/.cache/gx-ssh")) == 1, "there is not one peer in the chroot")
 
 
 def over_a_serial_line(tools, server):
