@@ -4,6 +4,7 @@ import contextlib
 import os
 import re
 import resource
+import select
 import selectors
 import signal
 import socket
@@ -201,8 +202,23 @@ def many(tools, server):
             raise Failure("the carrier did not get the old limit of descriptors")
 
 
+@contextlib.contextmanager
+def stalled(peer, address):
+    """Stops that far side, and fills all between it and a client."""
+    os.kill(peer, signal.SIGSTOP)
+    with connect(address) as client:
+        client.setblocking(False)
+        while select.select([], [client], [], 0.1)[1]:
+            with contextlib.suppress(BlockingIOError):
+                client.send(bytes(65536))
+        yield
+
+
 def forwards(tools, server):
-    """Each -L leads to its target over the one carrier, however many go through; those that are refused harm no other."""
+    """Each -L leads to its target over the one carrier, however many go through; those that are refused harm no other.
+
+    They come while the module is held up by the far side, so that it takes them all at once.
+    """
     with contextlib.ExitStack() as exits:
         paths = [f"{server.folder}/{name}" for name in ("target", "near", "refused")]
         targets = [Target(), Target(), Target(path=paths[0]), Target(), Target(path=paths[2]), Target()]
@@ -212,7 +228,8 @@ def forwards(tools, server):
         named[1] = named[1].replace("127.0.0.1", "localhost")
         starts = ["0", "localhost:0", "*:0", paths[1], "0", "127.0.0.1:0"]
         options = [word for start, name in zip(starts, named) for word in ("-L", f"{start}:{name}")]
-        carrier = [tools.gx_ssh_peer, "-q"]
+        write_script(f"{server.folder}/peer", f'echo $$ >"{server.folder}/pid"; exec "{tools.gx_ssh_peer}" "$@"')
+        carrier = [f"{server.folder}/peer", "-q"]
         for target, name in list(zip(targets, named))[:4]:
             carrier += ["--allow", target.address if name.startswith("/") else name]
         process = exits.enter_context(Child([tools.gx_ssh, "--port-file", f"{server.folder}/addresses", *options, "--",
@@ -223,19 +240,23 @@ def forwards(tools, server):
             addresses = file.read().splitlines()
         for address in addresses:
             process.expect(process.out, f"^{re.escape(address)}$")
+        with open(f"{server.folder}/pid", encoding="ascii") as file:
+            peer = int(file.read())
+        exits.enter_context(stalled(peer, addresses[0]))
         clients = [(number, exits.enter_context(connect(address)))
                    for _ in range(FORWARDED) for number, address in enumerate(addresses)]
         texts = [os.urandom(20_000) for _ in clients]
         for (_, client), text in zip(clients, texts):
             with contextlib.suppress(ConnectionError):
                 client.sendall(text)
+        os.kill(peer, signal.SIGCONT)
         for (number, client), text in zip(clients, texts):
             if number < 4:
                 expect_answer(client, text, f"connection through {addresses[number]}")
             else:
                 expect_end(client, "a connection to a target that is refused")
         reached = [target.connections for target in targets]
-        if reached != [FORWARDED] * 4 + [0, 0]:
+        if reached != [FORWARDED + 1] + [FORWARDED] * 3 + [0, 0]:
             raise Failure(f"the targets were reached {reached} times")
         process.signal(signal.SIGTERM)
         process.expect_status(0)

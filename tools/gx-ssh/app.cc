@@ -174,6 +174,10 @@ void App::OnLinkDown(const Failure& why, bool in_order) {
   });
 }
 
+void App::OnRoom() {
+  for (Listener& listener : listeners_) listener.Continue();
+}
+
 void App::OnInputDelivered() {
   if (standard_io_) standard_io_->OnInputDelivered();
 }

@@ -61,6 +61,7 @@ class App final : public Link::Owner {
   void OnBringing(const StoredPeer& peer, std::size_t sent, std::size_t total) override;
   void OnLinkUp(const std::string& address, std::uint16_t port) override;
   void OnLinkDown(const Failure& why, bool in_order) override;
+  void OnRoom() override;
   void OnInputDelivered() override;
   void OnRefused(const std::string& why) override;
   void OnReset() override;

@@ -34,6 +34,13 @@ bool Entrance::Pass::EndInput(std::uint64_t bytes) {
   return true;
 }
 
+bool Entrance::HasRoom() {
+  const std::lock_guard lock(mutex_);
+  const bool full = expected_.size() >= kOnTheirWay;
+  if (full) room_is_wanted_ = true;
+  return !full;
+}
+
 Entrance::Pass Entrance::Expect(Route route) {
   Pass pass;
   if (getentropy(pass.secret_.data(), pass.secret_.size()) != 0) {
@@ -164,6 +171,7 @@ std::optional<std::string> Entrance::Enter(const Waiting& guest) {
   std::string target = found->route.target;
   entered_.emplace_back(guest.id, std::move(found->route));
   expected_.erase(found);
+  MakeRoom();
   return target;
 }
 
@@ -207,24 +215,38 @@ void Entrance::EndInput(std::uint64_t ticket, std::uint64_t bytes) {
 }
 
 void Entrance::Forget(std::uint64_t ticket) {
-  const std::lock_guard lock(mutex_);
-  std::erase_if(expected_, [ticket](const Expected& expected) { return expected.ticket == ticket; });
+  {
+    const std::lock_guard lock(mutex_);
+    std::erase_if(expected_, [ticket](const Expected& expected) { return expected.ticket == ticket; });
+    MakeRoom();
+  }
+  CallHandler();
+}
+
+// At half, so that many set out at each call of the handler.
+void Entrance::MakeRoom() {
+  if (!room_is_wanted_ || expected_.size() > kOnTheirWay / 2) return;
+  room_is_wanted_ = false;
+  room_is_made_ = true;
 }
 
 void Entrance::CallHandler() {
   std::vector<std::uint32_t> refused;
   std::vector<std::pair<std::uint32_t, Route>> entered;
   bool wait_begins = false;
+  bool room_is_made = false;
   {
     const std::lock_guard lock(mutex_);
     refused.swap(to_close_);
     entered.swap(entered_);
     wait_begins = std::exchange(wait_begins_, false);
+    room_is_made = std::exchange(room_is_made_, false);
   }
   if (handler_ == nullptr) return;
   for (auto& [id, route] : entered) handler_->OnEntered(id, std::move(route));
   for (const std::uint32_t id : refused) handler_->OnRefused(id);
   if (wait_begins) handler_->OnWaiting();
+  if (room_is_made) handler_->OnRoom();
 }
 
 }  // namespace gxtool

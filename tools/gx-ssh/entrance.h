@@ -47,6 +47,9 @@ class Entrance final : public std::enable_shared_from_this<Entrance>, FrameReade
   // So many wait, beside as many as passes are out. For one more the one that has waited longest is refused, so
   // that strangers who say nothing keep nobody out.
   static constexpr std::size_t kWaiting = 32;
+  // So many connections that have a pass may be on their way to the module, whose queue holds 128. When that
+  // overflows, the system resets connections as soon as they send more than their first packet.
+  static constexpr std::size_t kOnTheirWay = 64;
 
   // Called without a lock, on the thread that causes the call.
   class Handler {
@@ -59,6 +62,8 @@ class Entrance final : public std::enable_shared_from_this<Entrance>, FrameReade
     virtual void OnInputSent(std::uint32_t connection) = 0;
     // Expire is due in kSilence.
     virtual void OnWaiting() = 0;
+    // HasRoom was false, and is true.
+    virtual void OnRoom() = 0;
 
    protected:
     ~Handler() = default;
@@ -89,6 +94,8 @@ class Entrance final : public std::enable_shared_from_this<Entrance>, FrameReade
   // `tells_end`: the far side understands the end of the input. `handler` outlives Close.
   Entrance(bool tells_end, Handler& handler) : tells_end_(tells_end), handler_(&handler) {}
 
+  // May one more connection set out? False: wait for OnRoom.
+  bool HasRoom();
   // For a connection to the route's target, as a Connect frame carries it. Throws std::system_error when the
   // system has no random bytes.
   Pass Expect(Route route);
@@ -145,6 +152,7 @@ class Entrance final : public std::enable_shared_from_this<Entrance>, FrameReade
   static bool TakeEnd(Own& own);
   void EndInput(std::uint64_t ticket, std::uint64_t bytes);
   void Forget(std::uint64_t ticket);
+  void MakeRoom();
   void CallHandler();
 
   const bool tells_end_;
@@ -158,6 +166,8 @@ class Entrance final : public std::enable_shared_from_this<Entrance>, FrameReade
   mutable std::mutex mutex_;  // guards what follows
   std::uint64_t last_ticket_ = 0;
   std::list<Expected> expected_;
+  bool room_is_wanted_ = false;
+  bool room_is_made_ = false;   // the handler has to be told
   std::list<Waiting> waiting_;  // in the order in which they came
   bool expiry_is_due_ = false;  // Expire will be called
   bool wait_begins_ = false;    // the handler has to be told that it is due

@@ -179,7 +179,7 @@ Failure Link::Summary() {
   return Failure(cause_->status(), std::string(cause_->what()) + "; " + far_side_->Describe());
 }
 
-// The next seven come from threads of the module.
+// The next eight come from threads of the module.
 
 void Link::OnChannelListDropped() {
   if (std::exchange(channel_list_told_, true)) return;
@@ -191,6 +191,10 @@ void Link::OnFalseAcknowledgement() { spdlog::warn("the far side acknowledges by
 void Link::OnWaiting() {
   asio::post(io_, lifetime_.Guard(
                       [this, time = Entrance::Clock::now() + Entrance::kSilence] { ExpireGuestsAt(time); }));
+}
+
+void Link::OnRoom() {
+  asio::post(io_, lifetime_.Guard([this] { owner_.OnRoom(); }));
 }
 
 // However many of them the far side sends, one of each waits for the event loop.

@@ -43,6 +43,8 @@ class Link final : StreamObserver {
     virtual void OnLinkDown(const Failure& why, bool in_order) = 0;
     // A target has all the bytes that came before the end of a connection's input.
     virtual void OnInputDelivered() = 0;
+    // The entrance has room again.
+    virtual void OnRoom() = 0;
     // A target could not be reached: once, for the first one.
     virtual void OnRefused(const std::string& why) = 0;
     // A target has broken a connection, which ends now.
@@ -100,6 +102,7 @@ class Link final : StreamObserver {
   void OnChannelListDropped() override;
   void OnFalseAcknowledgement() override;
   void OnWaiting() override;
+  void OnRoom() override;
   void OnGoodbye(const std::string& reason) override;
   void OnInputEnd(const std::string& reason) override;
   void OnOutputFailed(const std::string& reason) override;

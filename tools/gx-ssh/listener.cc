@@ -111,7 +111,10 @@ Listener::Protocol::endpoint Listener::Endpoint() const {
 }
 
 void Listener::Accept() {
+  if (!open_ || accepting_ || !entrance_->HasRoom()) return;
+  accepting_ = true;
   acceptor_.async_accept(lifetime_.Guard([this](asio::error_code error, Protocol::socket client) {
+    accepting_ = false;
     if (!open_) return;
     if (!error) {
       Serve(Descriptor(MoveUp(client.release())));
@@ -121,7 +124,7 @@ void Listener::Accept() {
     spdlog::warn("cannot take a connection: {}", error.message());
     pause_.expires_after(std::chrono::seconds(1));
     pause_.async_wait(lifetime_.Guard([this](asio::error_code stopped) {
-      if (!stopped && open_) Accept();
+      if (!stopped) Accept();
     }));
   }));
 }

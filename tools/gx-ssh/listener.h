@@ -20,7 +20,7 @@
 
 namespace gxtool {
 
-// Clients that come while there is no link wait until there is one.
+// Clients that come while there is no link, or no room at the entrance, wait until there is.
 // Threads: the one that runs `io`.
 class Listener {
  public:
@@ -34,6 +34,8 @@ class Listener {
 
   // From now on clients are connected to that port of the module, through its entrance.
   void Open(const std::string& address, std::uint16_t port, std::shared_ptr<Entrance> entrance);
+  // After OnRoom of the entrance.
+  void Continue() { Accept(); }
   // Ends the connections of a link that is no more, and lets new clients wait.
   void Close();
 
@@ -55,6 +57,7 @@ class Listener {
   std::optional<OwnPath> own_path_;  // the Unix socket's
   asio::steady_timer pause_;
   bool open_ = false;
+  bool accepting_ = false;
   std::string module_address_;
   std::uint16_t module_port_ = 0;
   std::shared_ptr<Entrance> entrance_;

@@ -43,6 +43,8 @@ class StreamObserver {
   virtual void OnEntered(std::uint32_t connection, Route route) = 0;
   // Somebody waits at the entrance, see Entrance::Handler.
   virtual void OnWaiting() = 0;
+  // More connections may come to the entrance, see Entrance::Handler. On any thread.
+  virtual void OnRoom() = 0;
   // Nothing more can be sent. Once.
   virtual void OnOutputFailed(const std::string& reason) = 0;
 
@@ -99,6 +101,7 @@ class PluginStream final : public Counted<IPluginStreamRaw>,
   void OnRefused(std::uint32_t connection) override { input_.InsertClose(connection); }
   void OnInputSent(std::uint32_t connection) override;
   void OnWaiting() override { observer_.OnWaiting(); }
+  void OnRoom() override { observer_.OnRoom(); }
 
   const Descriptor input_fd_;
   const Descriptor output_fd_;

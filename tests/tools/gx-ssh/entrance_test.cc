@@ -2,6 +2,7 @@
 
 #include <gtest/gtest.h>
 
+#include <list>
 #include <memory>
 #include <optional>
 #include <string>
@@ -21,6 +22,7 @@ class EntranceTest : public testing::Test, protected Entrance::Handler {
   void OnInputSent(std::uint32_t connection) override { story_ += "end " + std::to_string(connection) + "; "; }
   void OnEntered(std::uint32_t, Route) override {}
   void OnWaiting() override { ++waits_; }
+  void OnRoom() override { story_ += "room; "; }
 
   // The module writes, at most `step` bytes at a time.
   std::string Write(std::string_view bytes, std::size_t step = std::string::npos) {
@@ -128,6 +130,26 @@ TEST_F(EntranceTest, SilentStrangersGoAndKeepNobodyOut) {
   EXPECT_EQ(Write(Connect(100)), "");
   EXPECT_EQ(TakeStory(), "") << "those that are expected take nobody's place";
   EXPECT_EQ(Write(Data(100, Secret(pass) + "x")), Connected(100) + Data(100, "x"));
+}
+
+// So the module's queue never overflows, and nobody asks for room in vain.
+TEST_F(EntranceTest, NoMoreSetOutThanTheModulesQueueHolds) {
+  std::list<Entrance::Pass> passes;
+  const auto send_all = [&] {
+    while (entrance_->HasRoom()) passes.push_back(entrance_->Expect({"", kTarget}));
+  };
+  send_all();
+  EXPECT_EQ(passes.size(), Entrance::kOnTheirWay);
+  for (std::uint32_t id = 1; id < Entrance::kOnTheirWay / 2; ++id) {
+    Write(Connect(id) + Data(id, Secret(passes.front())));
+    passes.pop_front();
+  }
+  EXPECT_EQ(TakeStory(), "");
+  EXPECT_TRUE(entrance_->HasRoom()) << "for another listener, which takes nothing from the one that waits";
+  passes.pop_front();
+  EXPECT_EQ(TakeStory(), "room; ") << "one that gives up makes room as well";
+  passes.pop_front();
+  EXPECT_EQ(TakeStory(), "") << "nobody waits any more";
 }
 
 // The far side hears of the end once, behind the last byte and never before the Connect.

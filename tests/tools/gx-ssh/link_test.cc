@@ -21,6 +21,7 @@ class CountingOwner final : public Link::Owner {
   void OnBringing(const StoredPeer&, std::size_t, std::size_t) override {}
   void OnLinkUp(const std::string&, std::uint16_t) override { up = true; }
   void OnLinkDown(const Failure&, bool) override {}
+  void OnRoom() override {}
   void OnInputDelivered() override { ++delivered; }
   void OnRefused(const std::string&) override { ++refused; }
   void OnReset() override { ++resets; }

@@ -39,6 +39,7 @@ class Diary : public StreamObserver {
   void OnFalseAcknowledgement() override { Add("doubt"); }
   void OnEntered(std::uint32_t, Route) override {}
   void OnWaiting() override {}
+  void OnRoom() override {}
   void OnInputEnd(const std::string& reason) override { Add("end: " + reason); }
   void OnOutputFailed(const std::string& reason) override { Add("failed: " + reason); }
 
