@@ -14,8 +14,8 @@
 #include "gx-ssh/module_library.h"
 #include "gx-ssh/peer_store.h"
 #include "link/destination.h"
-#include "link/duration.h"
 #include "link/escape.h"
+#include "link/option.h"
 #include "peer/allow_list.h"
 
 namespace gxtool {
@@ -51,38 +51,21 @@ const std::map<std::string, PrintFormat> kPrintFormats{{"addr", PrintFormat::kAd
                                                        {"ssh-config", PrintFormat::kSshConfig},
                                                        {"none", PrintFormat::kNothing}};
 
-std::string Target(const std::string& option, const std::string& text) {
-  std::string why;
-  const auto target = ParseDestination(text, &why);
-  if (!target) throw CLI::ValidationError(option + " \"" + text + "\": " + why);
-  return ToString(*target);
-}
+std::string Target(const std::string& text) { return ToString(Parsed(text, ParseDestination)); }
 
 // ssh's %h:%p has no brackets round an IPv6 address.
 std::string StandardIoTarget(const std::string& text) {
   const std::size_t colon = std::min(text.rfind(':'), text.size());
   const auto v6 = ParseHostPort("[" + text.substr(0, colon) + "]" + text.substr(colon));
-  return v6 ? v6->ToString() : Target("-W", text);
+  return v6 ? v6->ToString() : Target(text);
 }
 
-std::string UnixPath(const std::string& option, const std::string& text) {
+std::string UnixPath(const std::string& text) {
   constexpr std::string_view kScheme = "unix:";
-  if (!text.starts_with(kScheme)) throw CLI::ValidationError(option + " \"" + text + "\": it is unix:PATH");
-  if (text.size() == kScheme.size()) throw CLI::ValidationError(option + " \"unix:\": a path is missing");
+  if (!text.starts_with(kScheme)) throw BadText("it is unix:PATH");
+  if (text.size() == kScheme.size()) throw BadText("a path is missing");
   return text.substr(kScheme.size());
 }
-
-// What `parse` makes of the value of an option.
-template <class Value>
-Value Parsed(const std::string& option, const std::string& text,
-             std::optional<Value> (*parse)(std::string_view, std::string*)) {
-  std::string why;
-  auto value = parse(text, &why);
-  if (!value) throw CLI::ValidationError(option + " \"" + text + "\": " + why);
-  return *std::move(value);
-}
-
-ListenAddress Listen(const std::string& text) { return Parsed("--listen", text, ParseListen); }
 
 // It becomes a word in ssh's configuration.
 std::string Name(const std::string& text) {
@@ -91,21 +74,19 @@ std::string Name(const std::string& text) {
            c == '.';
   };
   if (!text.empty() && std::all_of(text.begin(), text.end(), is_plain)) return text;
-  throw CLI::ValidationError("--name \"" + text + "\": letters, digits, '-', '_' and '.' make a name");
+  throw BadText("letters, digits, '-', '_' and '.' make a name");
 }
 
 PrintFormat Print(const std::string& text) {
   const auto found = kPrintFormats.find(text);
-  if (found == kPrintFormats.end()) {
-    throw CLI::ValidationError("--print \"" + text + "\": it is addr, port, json, env, ssh-config or none");
-  }
+  if (found == kPrintFormats.end()) throw BadText("it is addr, port, json, env, ssh-config or none");
   return found->second;
 }
 
 LogFormat Format(const std::string& text) {
   if (text == "text") return LogFormat::kText;
   if (text == "json") return LogFormat::kJson;
-  throw CLI::ValidationError("--log-format \"" + text + "\": it is text or json");
+  throw BadText("it is text or json");
 }
 
 int ReadyDescriptor(const std::string& text) {
@@ -113,28 +94,28 @@ int ReadyDescriptor(const std::string& text) {
   const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), fd);
   if (error == std::errc() && end == text.data() + text.size() && fd > STDERR_FILENO && fcntl(fd, F_GETFD) >= 0)
     return fd;
-  throw CLI::ValidationError("--ready-fd \"" + text + "\": not an open descriptor above 2");
+  throw BadText("not an open descriptor above 2");
 }
 
 int Attempts(const std::string& text) {
   int attempts = 0;
   const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), attempts);
   if (error != std::errc() || end != text.data() + text.size() || attempts < 1) {
-    throw CLI::ValidationError("--reconnect=\"" + text + "\": not a number of attempts");
+    throw BadText("not a number of attempts");
   }
   return attempts;
 }
 
 std::string AllowEntry(const std::string& text) {
   std::string why;
-  if (!AllowList().Add(text, &why)) throw CLI::ValidationError("--allow \"" + text + "\": " + why);
+  if (!AllowList().Add(text, &why)) throw BadText(why);
   return text;
 }
 
 // It becomes a part of a line for a shell.
 std::string BringFolder(const std::string& text) {
   if (text.empty() || text.find('\n') != std::string::npos || text.size() > 500) {
-    throw CLI::ValidationError("--bring-dir \"" + text + "\": not the path of a folder");
+    throw BadText("not the path of a folder");
   }
   return text;
 }
@@ -147,20 +128,9 @@ class HelpText : public CLI::Formatter {
 
 // An option whose text `convert` turns into `value`.
 template <class Value, class Convert>
-CLI::Option* AddText(CLI::App& app, const std::string& name, Value& value, Convert convert, const char* type,
-                     const char* help) {
-  const auto take = [&value, convert](const std::string& text) { value = convert(text); };
-  return app.add_option_function<std::string>(name, take, help)->option_text(type);
-}
-
-template <class Value>
-CLI::Option* AddDuration(CLI::App& app, const std::string& name, Value& value, const char* help) {
-  const auto convert = [name](const std::string& text) {
-    const auto duration = ParseDuration(text);
-    if (!duration) throw CLI::ValidationError(name + " \"" + text + "\": not a duration (500ms, 15s, 2m)");
-    return *duration;
-  };
-  return AddText(app, name, value, convert, "TIME", help);
+CLI::Option* AddValue(CLI::App& app, const std::string& name, Value& value, Convert convert, const char* type,
+                      const char* help) {
+  return AddText(app, name, type, help, [&value, convert](const std::string& text) { value = convert(text); });
 }
 
 void DeclareModes(CLI::App& app, Options& options) {
@@ -170,95 +140,82 @@ void DeclareModes(CLI::App& app, Options& options) {
     if (app.count("--target") > 0) throw CLI::ValidationError("-W HOST:PORT and --target exclude each other");
     options.target = StandardIoTarget(text);
   };
-  app.add_option_function<std::string>(
-         "-W,--stdio", standard_io, "Carry one connection on standard input and output (ProxyCommand of ssh)")
+  AddText(app, "-W,--stdio", "[HOST:PORT]",
+          "Carry one connection on standard input and output (ProxyCommand of ssh)", standard_io)
       ->expected(0, 1)
-      ->default_str(kNoValue)
-      ->option_text("[HOST:PORT]");
+      ->default_str(kNoValue);
   app.add_option("--run", options.run, "Run the shell command CMD when the port is up, end with its status")
       ->option_text("CMD");
   app.add_flag("--probe", options.probe, "Measure what the carrier is good for, and end");
   app.add_flag("--local", options.local, "Be the far side, too: no carrier");
-  const auto path = [](const std::string& text) { return UnixPath("--connect", text); };
-  AddText(app, "--connect", options.connect_path, path, "unix:PATH",
-          "Be a client: carry standard input and output to the socket of --listen");
+  AddValue(app, "--connect", options.connect_path, UnixPath, "unix:PATH",
+           "Be a client: carry standard input and output to the socket of --listen");
 }
 
 void DeclareSystem(CLI::App& app, Options& options) {
   app.add_flag("--background", options.background,
                "Go on in the background when ready, and print the number of that process");
-  AddText(app, "--ready-fd", options.ready_fd, ReadyDescriptor, "N",
-          "Write one line to this descriptor when ready, and close it");
+  AddValue(app, "--ready-fd", options.ready_fd, ReadyDescriptor, "N",
+           "Write one line to this descriptor when ready, and close it");
   app.add_option("--log-file", options.log_file, "Append what is said to FILE as well, with the time")
       ->option_text("FILE");
-  AddText(app, "--log-format", options.log_format, Format, "FORMAT", "Of that file: text, json (text)");
-  AddDuration(app, "--stats", options.stats, "Tell so often how much was carried; 0s: never");
+  AddValue(app, "--log-format", options.log_format, Format, "FORMAT", "Of that file: text, json (text)");
+  AddDuration(app, "--stats", "Tell so often how much was carried; 0s: never", &options.stats);
 }
 
 void DeclareLink(CLI::App& app, Options& options) {
-  const auto target = [](const std::string& text) { return Target("--target", text); };
-  AddText(app, "--target", options.target, target, "HOST:PORT|unix:PATH",
-          "Where the far side connects to (127.0.0.1:22)");
+  AddValue(app, "--target", options.target, Target, "HOST:PORT|unix:PATH",
+           "Where the far side connects to (127.0.0.1:22)");
   app.add_option("--module", options.module_path, "The module to load (the one built with this program)")
       ->option_text("PATH");
   app.add_flag("--raw", options.raw, "The far side speaks frames from the first byte and nothing else");
-  AddDuration(app, "--connect-timeout", options.connect_timeout,
-              "Wait so long for the far side (10s); 0s: for ever");
-  AddDuration(app, "--keepalive", options.keepalive,
-              "Ask a silent far side for a sign of life so often (15s); 0s: never");
+  AddDuration(app, "--connect-timeout", "Wait so long for the far side (10s); 0s: for ever",
+              &options.connect_timeout);
+  AddDuration(app, "--keepalive", "Ask a silent far side for a sign of life so often (15s); 0s: never",
+              &options.keepalive);
   app.add_option("--keepalive-count", options.keepalive_count,
                  "Give a link up after so many without an answer (3)")
       ->option_text("N")
       ->check(CLI::Range(1, 1000));
-  app.add_option_function<std::string>(
-         "--reconnect",
-         [&options](const std::string& text) {
-           options.reconnect = true;
-           options.reconnect_attempts = text.empty() ? 0 : Attempts(text);
-         },
-         "Start a lost link again, N times in a row at most")
-      ->expected(0, 1)
-      ->option_text("[=N]");
+  const auto reconnect = [&options](const std::string& text) {
+    options.reconnect = true;
+    options.reconnect_attempts = text.empty() ? 0 : Attempts(text);
+  };
+  AddText(app, "--reconnect", "[=N]", "Start a lost link again, N times in a row at most", reconnect)
+      ->expected(0, 1);
   app.add_flag("--allow-channel-list", options.allow_channel_list, "Let the far side open further ports here");
 }
 
 void DeclareBring(CLI::App& app, Options& options) {
   app.add_flag("--bring", options.bring,
                "The carrier leads to a shell: send gx-ssh-peer there if need be, and run it");
-  AddText(app, "--bring-dir", options.bring_folder, BringFolder, "DIR",
-          "Where it lies there (~/.cache/gx-ssh, else in /tmp)");
+  AddValue(app, "--bring-dir", options.bring_folder, BringFolder, "DIR",
+           "Where it lies there (~/.cache/gx-ssh, else in /tmp)");
   app.add_flag("--bring-once", options.bring_once, "Remove it there as soon as it runs");
-  app.add_option_function<std::vector<std::string>>(
-         "--allow",
-         [&options](const std::vector<std::string>& texts) {
-           for (const std::string& text : texts) options.allow.push_back(AllowEntry(text));
-         },
-         "Let it open this target, too; may be repeated")
-      ->option_text("HOST:PORT")
-      ->allow_extra_args(false);
+  AddTexts(app, "--allow", "HOST:PORT", "Let it open this target, too; may be repeated",
+           [&options](const std::string& text) { options.allow.push_back(AllowEntry(text)); });
   app.add_option("--peer-dir", options.peer_folder,
                  "What is there to be sent (that of the package gx-ssh-peers)")
       ->option_text("DIR");
 }
 
 void DeclareOutput(CLI::App& app, Options& options) {
-  AddText(app, "--listen", options.listen, Listen, "ADDR:PORT|unix:PATH",
-          "Listen there (any port of 127.0.0.1)");
-  const auto forward = [&app, &options](const std::vector<std::string>& texts) {
+  const auto listen = [](const std::string& text) { return Parsed(text, ParseListen); };
+  AddValue(app, "--listen", options.listen, listen, "ADDR:PORT|unix:PATH",
+           "Listen there (any port of 127.0.0.1)");
+  const auto forward = [&app, &options](const std::string& text) {
     if (app.count("--target") > 0 && app.count("--listen") == 0) {
       throw CLI::ValidationError("-L names targets of its own; --target goes with --listen");
     }
-    for (const std::string& text : texts) options.forwards.push_back(Parsed("-L", text, ParseForward));
+    options.forwards.push_back(Parsed(text, ParseForward));
   };
-  app.add_option_function<std::vector<std::string>>(
-         "-L", forward, "Listen there for HOST:PORT or a path, as -L of ssh; may be repeated")
-      ->allow_extra_args(false)
-      ->option_text("[BIND:]PORT:TARGET");
+  AddTexts(app, "-L", "[BIND:]PORT:TARGET",
+           "Listen there for HOST:PORT or a path, as -L of ssh; may be repeated", forward);
   app.add_flag("--user-only", options.user_only, "Turn clients of other users away");
-  AddText(app, "--print", options.print, Print, "FORMAT",
-          "What standard output tells: addr, port, json, env, ssh-config, none (addr)");
-  AddText(app, "--name", options.name, Name, "NAME",
-          "Name of the far side for ssh-config and its host key (gx-ssh)");
+  AddValue(app, "--print", options.print, Print, "FORMAT",
+           "What standard output tells: addr, port, json, env, ssh-config, none (addr)");
+  AddValue(app, "--name", options.name, Name, "NAME",
+           "Name of the far side for ssh-config and its host key (gx-ssh)");
   app.add_flag("--json", options.json, "Events on standard output, one object a line");
   app.add_option("--port-file", options.port_file, "Write the addresses to FILE while the ports are open")
       ->option_text("FILE");

@@ -2,13 +2,12 @@
 
 #include <CLI/CLI.hpp>
 #include <chrono>
-#include <functional>
 #include <memory>
 #include <utility>
-#include <vector>
 
 #include "link/duration.h"
 #include "link/escape.h"
+#include "link/option.h"
 #include "link/ready_line.h"
 #include "peer/confinement.h"
 
@@ -34,85 +33,62 @@ class HelpFormatter : public CLI::Formatter {
  public:
   HelpFormatter() { column_width(27); }
   std::string make_option_opts(const CLI::Option* option) const override {
-    return option->get_type_name().empty() ? "" : ' ' + option->get_type_name();
+    return option->get_option_text().empty() ? "" : ' ' + option->get_option_text();
   }
 };
 
-// An option whose text `read` turns into a value; what it throws names the option.
-void AddText(CLI::App& app, const std::string& name, const char* type, const std::string& help,
-             std::function<void(const std::string&)> read) {
-  const auto call = [name, read = std::move(read)](const std::vector<std::string>& texts) {
-    for (const std::string& text : texts) {
-      try {
-        read(text);
-      } catch (const UsageError& error) {
-        throw UsageError(name + " " + Escape(text) + ": " + error.what());
-      }
-    }
-  };
-  app.add_option_function<std::vector<std::string>>(name, call, help)->type_name(type)->allow_extra_args(false);
-}
-
-void AddDuration(CLI::App& app, const std::string& name, const std::string& help, milliseconds* out) {
-  const std::string preset = out->count() == 0 ? "" : " [" + FormatDuration(*out) + "]";
-  AddText(app, name, "TIME", help + preset, [out](const std::string& text) {
-    const auto value = ParseDuration(text);
-    if (!value) throw UsageError("a duration reads 500ms, 15s or 2m");
-    *out = *value;
-  });
+void AddLimit(CLI::App& app, const std::string& name, const std::string& help, milliseconds* limit) {
+  const std::string preset = limit->count() == 0 ? "" : " [" + FormatDuration(*limit) + "]";
+  AddDuration(app, name, help + preset, limit);
 }
 
 void AddTargets(CLI::App& app, CommandLine* line) {
   PeerOptions* const options = &line->options;
-  AddText(app, "--allow", "HOST:PORT|unix:PATH",
-          "Permit this target; may be repeated. '*' stands for any\n"
-          "host or any port [127.0.0.1:22 and [::1]:22]",
-          [options, first = true](const std::string& text) mutable {
-            if (std::exchange(first, false)) options->allow = AllowList();
-            std::string why;
-            if (!options->allow.Add(text, &why)) throw UsageError(why);
-          });
+  AddTexts(app, "--allow", "HOST:PORT|unix:PATH",
+           "Permit this target; may be repeated. '*' stands for any\n"
+           "host or any port [127.0.0.1:22 and [::1]:22]",
+           [options, first = true](const std::string& text) mutable {
+             if (std::exchange(first, false)) options->allow = AllowList();
+             std::string why;
+             if (!options->allow.Add(text, &why)) throw BadText(why);
+           });
   app.add_flag_callback(
          "--allow-any", [options] { options->allow = AllowList::Any(); }, "Permit every HOST:PORT")
       ->excludes("--allow");
   AddText(app, "--target", "HOST:PORT|unix:PATH",
           "Open this target, whatever is asked for; for command=\n"
           "in authorized_keys",
-          [options](const std::string& text) {
-            std::string why;
-            options->target = ParseDestination(text, &why);
-            if (!options->target) throw UsageError(why);
-          });
-  app.get_option("--target")->excludes("--allow")->excludes("--allow-any");
+          [options](const std::string& text) { options->target = Parsed(text, ParseDestination); })
+      ->excludes("--allow")
+      ->excludes("--allow-any");
 }
 
 void AddLimits(CLI::App& app, CommandLine* line) {
   PeerOptions* const options = &line->options;
-  AddDuration(app, "--connect-timeout", "Wait so long for a target, and for gx-ssh at first",
-              &options->connect_timeout);
+  AddLimit(app, "--connect-timeout", "Wait so long for a target, and for gx-ssh at first",
+           &options->connect_timeout);
   app.add_option("--max-connections", options->max_connections,
                  "Refuse more connections at once than these [1000]")
       ->check(CLI::Range(1, 100'000).description(""))
-      ->type_name("COUNT");
-  AddDuration(app, "--idle-timeout", "End connections on which nothing moves for so long",
-              &options->idle_timeout);
-  AddDuration(app, "--keepalive", "Ask for a sign of life after so long a silence", &options->keepalive);
+      ->option_text("COUNT");
+  AddLimit(app, "--idle-timeout", "End connections on which nothing moves for so long", &options->idle_timeout);
+  AddLimit(app, "--keepalive", "Ask for a sign of life after so long a silence", &options->keepalive);
   app.add_option("--keepalive-count", options->keepalive_count,
                  "Take the link for lost after so many of them [3]")
       ->check(CLI::Range(1, 1000).description(""))
-      ->type_name("COUNT");
+      ->option_text("COUNT");
 }
 
 void AddNameCache(CLI::App& app, NameCacheOptions* options) {
   AddText(app, "--dns-cache", "FILE", "Keep the addresses of names, for when name servers fail",
           [options](const std::string& text) {
-            if (text.empty()) throw UsageError("this takes the name of a file");
+            if (text.empty()) throw BadText("this takes the name of a file");
             options->file = text;
           });
   app.add_option("--dns-max-age", options->max_age, "Drop older ones once there are more than 200")
-      ->type_name("SECONDS");
+      ->option_text("SECONDS");
   app.add_option("--dns-refresh", options->refresh, "For the cache, which saves every new answer anyway")
-      ->type_name("SECONDS");
+      ->option_text("SECONDS");
   for (const char* name : {"--dns-max-age", "--dns-refresh"}) app.get_option(name)->needs("--dns-cache");
 }
 
