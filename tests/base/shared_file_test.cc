@@ -2,7 +2,9 @@
 
 #include <fcntl.h>
 #include <gtest/gtest.h>
+#include <sched.h>
 #include <signal.h>
+#include <sys/mount.h>
 #include <sys/resource.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
@@ -102,6 +104,21 @@ TEST_F(SharedFileTest, ASaveThatDiesOrFailsCostsNothing) {
   struct stat status;
   ASSERT_EQ(stat(path_.c_str(), &status), 0);
   EXPECT_EQ(status.st_mode & 07777U, 0600U);
+}
+
+// On a file system with room for a folder, the file and its lock; nobody else sees it.
+TEST_F(SharedFileTest, ADiskWithoutRoomForANewFileKeepsTheOldText) {
+  constexpr int kCannotMount = 2;
+  const Process save([&] {
+    if (unshare(CLONE_NEWNS) != 0 || mount("none", "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0 ||
+        mount("none", dir_.path().c_str(), "tmpfs", 0, "nr_inodes=3") != 0)
+      _exit(kCannotMount);
+    std::ofstream(path_) << "old";
+    _exit(!SharedFile(path_).Write("new") && Text(path_) == "old" ? 0 : 1);
+  });
+  const int status = WEXITSTATUS(save.Wait());
+  if (status == kCannotMount) GTEST_SKIP() << "cannot mount";
+  EXPECT_EQ(status, 0);
 }
 
 // Nobody can make files in /proc, not even root.

@@ -2,11 +2,15 @@
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <netinet/in.h>
+#include <sys/socket.h>
 
 #include <future>
 #include <stdexcept>
 #include <thread>
 
+#include "base/descriptor.h"
+#include "reactor/udp_loopback.h"
 #include "reactor_support.h"
 #include "support/log_capture.h"
 
@@ -209,6 +213,20 @@ TEST_F(SelectTrackerTest, AChangeBeforeTheWakeUpSocketOpensIsNotMissed) {
   EXPECT_TRUE(tracker_.Start(0));
   change_while_opening([&] { tracker_.Shutdown(); });
   EXPECT_EQ(Next(), -1);
+}
+
+// Everybody on this computer can send to its port.
+TEST(UdpLoopbackTest, HearsNobodyButItself) {
+  CUdpLoopback loopback;
+  ASSERT_TRUE(loopback.Create());
+  sockaddr_in own{};
+  socklen_t length = sizeof own;
+  ASSERT_EQ(getsockname(loopback.GetHandle(), reinterpret_cast<sockaddr*>(&own), &length), 0);
+  const gxbase::Descriptor stranger(socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0));
+  ASSERT_EQ(sendto(stranger.get(), "x", 1, 0, reinterpret_cast<const sockaddr*>(&own), length), 1);
+  EXPECT_EQ(loopback.Write("own", 3), 3);
+  char got[8];
+  EXPECT_EQ(loopback.Read(got, sizeof got), 3);
 }
 
 }  // namespace
