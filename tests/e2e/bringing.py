@@ -208,7 +208,9 @@ def bring_refused(tools, server):
     write_script(f"{folder}/uname", "echo Plan9 mips")
     far = FarSide(tools, folder)
     far.refuse(target, "does not run there: \"I am another", "--peer-dir", other)
-    far.refuse(target, "does not run there: ", "--peer-dir", foreign)
+    for shell in shells(folder).values():
+        FarSide(tools, folder, shell).refuse(target, "does not run there: it is for another kind of processor (",
+                                             "--peer-dir", foreign)
     far.refuse(target, "what arrived is not what was sent: its SHA-256 is", "--peer-dir", wrong)
     far.refuse(target, "10 bytes arrived of 20", "--peer-dir", short)
     far.refuse(target, "no gx-ssh-peer to bring in", "--peer-dir", f"{folder}/none")

@@ -4,15 +4,15 @@ As root, since that is what a chroot, another user and a folder of that user tak
 """
 
 import filecmp
-import glob
 import os
 import pwd
 import shutil
 import sys
 import tempfile
 
-from bringing import BUSYBOX, HERE, expect, link_tools
-from throwaway import Clients, Tunnel, write_script
+from bringing import BUSYBOX, HERE, FarSide, expect, link_tools
+from relays import Target
+from throwaway import Child, Clients, Tunnel, run, write_script
 
 SERIAL = "import time\nterminal = True\nthere = back = lambda b: time.sleep(len(b) * 10 / 115200) or b"
 
@@ -103,16 +103,29 @@ def as_another_user(tools, server):
         expect("sends gx-ssh-peer" in homeless.command_says(), "nothing was sent")
 
 
+# What `uname -m` says where each of them runs, and who runs it here.
+FOREIGN = {"aarch64": (["aarch64"], "qemu-aarch64"), "armv7": (["armv7l", "armv8l"], "qemu-arm"),
+           "riscv64": (["riscv64"], "qemu-riscv64")}
+
+
 def foreign_peers(tools, server):
     """Each static peer that scripts/foreign-peers has built, run by qemu, carries a command and a large copy."""
-    found = glob.glob(f"{HERE}/../../build/peers/*/tools/peer/peers/*/gx-ssh-peer")
-    expect(found, "there are none; scripts/foreign-peers builds them")
+    peers = os.path.abspath(f"{HERE}/../../build/peers")
+    found = sorted(os.listdir(peers)) if os.path.isdir(peers) else []
+    if missing := set(FOREIGN) - set(found):
+        print(f"not tried, since scripts/foreign-peers has not built it: {', '.join(sorted(missing))}", flush=True)
     original, back = f"{server.folder}/original", f"{server.folder}/back"
     with open(original, "wb") as file:
         file.write(os.urandom(8 << 20))
-    for peer in found:
-        architecture = os.path.basename(os.path.dirname(peer))
-        emulator = f"qemu-{architecture}"
+    for architecture in found:
+        machines, emulator = FOREIGN[architecture]
+        peer = f"{peers}/{architecture}/gx-ssh-peer"
+        for machine in machines:
+            goes_to_the_wrong_machine(tools, server, peers, machine, architecture)
+        if not shutil.which(emulator):
+            print(f"{architecture}: not tried, since there is no {emulator}", flush=True)
+            continue
+        looks_names_up(tools, emulator, peer)
         target = f"127.0.0.1:{server.port}"
         with Tunnel(tools, server, far_side=["--", emulator, peer, "--allow", target]) as tunnel:
             with tunnel.session("far", "echo out; exit 42") as command:
@@ -121,6 +134,33 @@ def foreign_peers(tools, server):
             tunnel.run("scp", "-q", original, f"far:{back}")
         expect(filecmp.cmp(original, back, shallow=False), "the copies differ")
         print(f"{architecture}: {os.path.getsize(peer)} bytes", flush=True)
+
+
+def looks_names_up(tools, *far_side):
+    """Localhost in any case; a peer that knows no other name says so."""
+    target = Target()
+    localhost = target.address.replace("127.0.0.1", "localhost")
+    with Child([tools.gx_ssh, "-W", "--target", localhost, "--", *far_side, "--allow", localhost]) as host:
+        host.send("hello\n")
+        host.expect(host.out, "^hello$")
+        host.stdin.close()
+        host.expect_status(0)
+    target.closing = True
+    if "names: localhost" in run([*far_side, "--version"]):
+        with Child([tools.gx_ssh, "-W", "--target", "box:9", "--", *far_side, "--allow", "box:9"]) as host:
+            host.expect_status(1)
+            expect("built to ask no name servers" in host.err.text(), f"it said {host.err.text()}")
+
+
+def goes_to_the_wrong_machine(tools, server, peers, machine, architecture):
+    """One that calls itself `machine` gets the peer for it, and is not."""
+    folder = f"{server.folder}/{machine}"
+    os.mkdir(folder)
+    write_script(f"{folder}/uname", f"echo Linux {machine}")
+    sentence = f"gx-ssh-peer for {architecture} does not run there: it is for another kind of processor ("
+    target = Target()
+    FarSide(tools, folder, ("/bin/sh", f"{folder}:/usr/bin:/bin")).refuse(target, sentence, "--peer-dir", peers)
+    target.closing = True
 
 
 SCENARIOS = {each.__name__: each for each in (into_a_chroot, over_a_serial_line, over_ssh, as_another_user,

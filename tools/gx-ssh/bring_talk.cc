@@ -47,7 +47,11 @@ std::string Reason(const std::string& text) {
   };
   constexpr Phrase kPhrases[] = {{"Read-only file system", "the file system is read-only"},
                                  {"No space left", "the disk is full"},
-                                 {"uota exceeded", "the disk quota is used up"}};
+                                 {"uota exceeded", "the disk quota is used up"},
+                                 {"Exec format error", "it is for another kind of processor"},
+                                 // Some shells take what the system cannot run for a script.
+                                 {"yntax error", "it is for another kind of processor"},
+                                 {"\177ELF", "it is for another kind of processor"}};
   for (const auto& [said, means] : kPhrases) {
     if (text.find(said) != std::string::npos) return fmt::format("{} (\"{}\")", means, Escape(text));
   }

@@ -10,6 +10,7 @@
 #include "link/option.h"
 #include "link/ready_line.h"
 #include "peer/confinement.h"
+#include "peer/name_query.h"
 
 namespace gxtool {
 namespace {
@@ -94,7 +95,8 @@ void AddNameCache(CLI::App& app, NameCacheOptions* options) {
 
 std::string VersionText() {
   return "gx-ssh-peer " GX_VERSION " (protocol " + std::to_string(kProtocolVersion) +
-         ")\nconfines: " + AvailableConfinement().ToString();
+         ")\nconfines: " + AvailableConfinement().ToString() +
+         (kAsksNameServers ? "" : "\nnames: localhost, and no other");
 }
 
 }  // namespace

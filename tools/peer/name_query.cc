@@ -45,6 +45,8 @@ LookupResult Found(const ares_addrinfo& list) {
 
 }  // namespace
 
+const bool kAsksNameServers = true;
+
 // A resolver for one question: what becomes of it touches no other one, and the system's configuration is that
 // of the moment. Ownership: shared with the waits that are under way.
 class NameQuery::Channel : public std::enable_shared_from_this<Channel> {

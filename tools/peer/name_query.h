@@ -13,6 +13,9 @@
 
 namespace gxtool {
 
+// False in a program that knows localhost and no other name.
+extern const bool kAsksNameServers;
+
 class NameQuery {
  public:
   using Done = std::function<void(const LookupResult&)>;
