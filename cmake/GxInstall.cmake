@@ -28,7 +28,7 @@ install(FILES docs/man/gx-ssh-peer.1 DESTINATION ${CMAKE_INSTALL_MANDIR}/man1 CO
 install(FILES docs/man/gx-control-ssh.7 DESTINATION ${CMAKE_INSTALL_MANDIR}/man7 COMPONENT module)
 
 # Where systemd looks for the units of all users.
-install(FILES examples/gx-ssh@.service DESTINATION lib/systemd/user COMPONENT gx-ssh)
+install(FILES examples/gx-ssh@.service examples/gx-ssh@.socket DESTINATION lib/systemd/user COMPONENT gx-ssh)
 
 # bash and fish look for a file with the name of the program.
 set(completions ${CMAKE_INSTALL_DATADIR}/bash-completion/completions)

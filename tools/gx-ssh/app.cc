@@ -10,7 +10,8 @@
 
 namespace gxtool {
 
-App::App(const Options& options, int output, std::shared_ptr<Console> console, Background* background)
+App::App(const Options& options, int output, std::shared_ptr<Console> console, Background* background,
+         PassedSockets passed)
     : options_(options),
       standard_output_(output),
       console_(std::move(console)),
@@ -20,7 +21,8 @@ App::App(const Options& options, int output, std::shared_ptr<Console> console, B
       reporter_(io_, options, *console_, output, traffic_),
       background_(background),
       readiness_(io_, options.ready_fd),
-      link_policy_(options.reconnect, options.reconnect_attempts) {}
+      link_policy_(options.reconnect, options.reconnect_attempts),
+      passed_(std::move(passed)) {}
 
 int App::Run() {
   try {
@@ -41,11 +43,13 @@ void App::Start() {
   if (options_.standard_io || !options_.run.empty()) standard_input_ = TakeStandardInput();
   module_.emplace(options_.module_path, module_log_);
   for (const Forward& forward : options_.Listeners()) {
-    const Listener& listener = listeners_.emplace_back(io_, forward, options_.user_only);
+    const Listener& listener =
+        listeners_.emplace_back(io_, forward, options_.user_only, passed_.Take(forward.at));
     if (!listener.IsOpenToOthers()) continue;
     spdlog::warn("other computers can reach {}, and so the target behind it",
                  AddressText(listener.forward().at));
   }
+  passed_.ExpectAllTaken();
   StartLink();
 }
 

@@ -23,6 +23,7 @@
 #include "gx-ssh/listener.h"
 #include "gx-ssh/module_library.h"
 #include "gx-ssh/options.h"
+#include "gx-ssh/passed_sockets.h"
 #include "gx-ssh/port_file.h"
 #include "gx-ssh/readiness.h"
 #include "gx-ssh/reporter.h"
@@ -39,7 +40,8 @@ class App final : public Link::Owner {
  public:
   // `output` is standard output, borrowed.
   // `background`: to be left for it when all is ready; null: not asked for.
-  App(const Options& options, int output, std::shared_ptr<Console> console, Background* background);
+  App(const Options& options, int output, std::shared_ptr<Console> console, Background* background,
+      PassedSockets passed);
 
   // Returns the exit status, after a failure was told.
   int Run();
@@ -91,6 +93,7 @@ class App final : public Link::Owner {
   Readiness readiness_;
   LinkPolicy link_policy_;
   Descriptor standard_input_;  // with -W and --run
+  PassedSockets passed_;
 
   std::optional<ModuleLibrary> module_;
   std::unique_ptr<Link> link_;

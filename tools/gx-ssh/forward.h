@@ -13,6 +13,8 @@ struct ListenAddress {
   std::string unix_path;   // empty: `address` and `port`
   std::string address;     // numeric, or kAnyAddress
   std::uint16_t port = 0;  // 0: any
+
+  bool operator==(const ListenAddress&) const = default;
 };
 
 // Every address of this computer, of IPv6 and IPv4.

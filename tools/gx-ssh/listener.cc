@@ -19,6 +19,7 @@
 #include <utility>
 
 #include "gx-ssh/failure.h"
+#include "gx-ssh/passed_sockets.h"
 #include "gx-ssh/report.h"
 #include "link/high_descriptors.h"
 
@@ -43,12 +44,18 @@ void RemoveIfStale(const std::string& path, const asio::generic::stream_protocol
 
 }  // namespace
 
-Listener::Listener(asio::io_context& io, Forward forward, bool user_only)
+Listener::Listener(asio::io_context& io, Forward forward, bool user_only, Descriptor passed)
     : io_(io), forward_(std::move(forward)), acceptor_(io), pause_(io) {
   try {
     if (user_only && !IsUnix()) users_.emplace();  // a Unix socket has its mode
-    Bind();
-    acceptor_.listen();
+    if (passed) {
+      acceptor_.assign(Endpoint().protocol(), passed.get());
+      static_cast<void>(passed.Release());
+    } else {
+      Bind();
+      acceptor_.listen();
+    }
+    forward_.at = BoundAddress(acceptor_.native_handle());
   } catch (const std::system_error& error) {
     throw Failure(kExitListen, "cannot listen at " + Text(forward_.at) + ": " + error.code().message());
   }
@@ -77,13 +84,7 @@ void Listener::Bind() {
     struct stat bound_path {};
     if (lstat(forward_.at.unix_path.c_str(), &bound_path) == 0)
       own_path_.emplace(forward_.at.unix_path, bound_path);
-    return;
   }
-  asio::ip::tcp::endpoint bound;
-  const Protocol::endpoint local = acceptor_.local_endpoint();
-  std::memcpy(bound.data(), local.data(), local.size());
-  forward_.at.address = bound.address().to_string();
-  forward_.at.port = bound.port();
 }
 
 void Listener::Open(const std::string& address, std::uint16_t port, std::shared_ptr<Entrance> entrance) {

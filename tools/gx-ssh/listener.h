@@ -12,6 +12,7 @@
 #include <optional>
 #include <string>
 
+#include "gx-ssh/descriptor.h"
 #include "gx-ssh/forward.h"
 #include "gx-ssh/lifetime.h"
 #include "gx-ssh/own_path.h"
@@ -25,8 +26,9 @@ namespace gxtool {
 class Listener {
  public:
   // `user_only`: clients of other users of this computer, and of other computers, are turned away. Throws
-  // Failure (kExitListen). A Unix socket is removed at the end.
-  Listener(asio::io_context& io, Forward forward, bool user_only);
+  // Failure (kExitListen). A Unix socket is removed at the end. `passed`: one that listens there already, with
+  // a mode and a path of its own, which stay as they are; or none.
+  Listener(asio::io_context& io, Forward forward, bool user_only, Descriptor passed);
   // What was asked for, with the real address and port.
   const Forward& forward() const { return forward_; }
   // Other computers can connect.

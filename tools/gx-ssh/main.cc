@@ -6,6 +6,7 @@
 #include <cstdio>
 #include <exception>
 #include <optional>
+#include <utility>
 #include <variant>
 
 #include "gx-ssh/app.h"
@@ -15,6 +16,7 @@
 #include "gx-ssh/failure.h"
 #include "gx-ssh/module_library.h"
 #include "gx-ssh/options.h"
+#include "gx-ssh/passed_sockets.h"
 #include "gx-ssh/probe.h"
 #include "gx-ssh/readiness.h"
 #include "gx-ssh/socket_client.h"
@@ -58,6 +60,7 @@ int Run(int argc, char** argv) {
   if (options.show_version) return PrintVersion(options, output.get());
   // The module watches its descriptors with select; those of the listener and of a far side inside move up.
   if (options.local || options.HasListener()) RaiseDescriptorLimit();
+  PassedSockets passed;
   std::optional<Background> background;
   if (options.background) background.emplace(output.get());
   const auto console = Console::SetUp(options.quiet, options.verbosity);
@@ -66,7 +69,7 @@ int Run(int argc, char** argv) {
     return ConnectSocket(options.connect_path, options.connect_timeout, STDIN_FILENO, output.get());
   }
   if (options.probe) return PrintProbe(options, output.get(), *console);
-  return App(options, output.get(), console, background ? &*background : nullptr).Run();
+  return App(options, output.get(), console, background ? &*background : nullptr, std::move(passed)).Run();
 }
 
 }  // namespace

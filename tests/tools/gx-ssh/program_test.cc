@@ -545,5 +545,42 @@ TEST_F(ProgramTest, ServiceManagerHearsHowItIs) {
   EXPECT_EQ(program.Status(), kExitOk);
 }
 
+// Whoever has called before it starts is served, and the sockets stay when it has ended.
+TEST_F(ProgramTest, TakesTheSocketsThatAServiceManagerListensAt) {
+  if (!Readiness::KnowsServiceManager()) GTEST_SKIP() << "not in this build";
+  const std::string path = folder_.path() + "/socket";
+  sockaddr_un address{};
+  address.sun_family = AF_UNIX;
+  path.copy(address.sun_path, sizeof address.sun_path - 1);
+  const Descriptor local(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
+  ASSERT_EQ(bind(local.get(), reinterpret_cast<sockaddr*>(&address), sizeof address), 0);
+  ASSERT_EQ(listen(local.get(), 10), 0);
+  const Target port;
+  // Where no other program's descriptors are.
+  const Descriptor passed[] = {Descriptor(fcntl(local.get(), F_DUPFD, 100)),
+                               Descriptor(fcntl(port.fd(), F_DUPFD, 100))};
+  const auto start = [&](Arguments options) {
+    const std::string pass = "exec 3<&" + std::to_string(passed[0].get()) + " 4<&" +
+                             std::to_string(passed[1].get()) +
+                             "; LISTEN_PID=$$ LISTEN_FDS=2 exec \"$0\" \"$@\"";
+    options.insert(options.begin(), {"-c", pass, GX_SSH_PROGRAM, "--listen", "unix:" + path});
+    options.insert(options.end(), {"--target", server_.target().Address()});
+    return WithShell(options, std::string("test -z \"$LISTEN_FDS\" && exec ") + GX_PEER_PROGRAM + " --allow " +
+                                  server_.target().Address());
+  };
+  const Descriptor early = ConnectUnix(path);
+  Program program("/bin/bash", start({"-L", std::to_string(port.port()) + ":" + server_.target().Address()}));
+  EXPECT_EQ(Echo(early, "hello"), "hello");
+  EXPECT_EQ(program.Line(), "unix:" + path);
+  EXPECT_EQ(Echo(Connect(program.Line()), "there"), "there");
+  program.Signal(SIGTERM);
+  EXPECT_EQ(program.Status(), kExitOk) << program.Errors();
+  ConnectUnix(path);
+
+  Program forgetful("/bin/bash", start({}));
+  EXPECT_THAT(forgetful.Errors(), HasSubstr("the service manager listens at " + port.Address()));
+  EXPECT_EQ(forgetful.Status(), kExitListen);
+}
+
 }  // namespace
 }  // namespace gxtool

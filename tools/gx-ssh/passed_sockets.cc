@@ -1,0 +1,88 @@
+#include "gx-ssh/passed_sockets.h"
+
+#include <sys/socket.h>
+#include <sys/un.h>
+
+#include <algorithm>
+#include <asio/ip/tcp.hpp>
+#include <cstddef>
+#include <cstring>
+#include <string>
+#include <utility>
+#ifdef GX_SYSTEMD
+#include <systemd/sd-daemon.h>
+#endif
+
+#include "gx-ssh/failure.h"
+#include "gx-ssh/report.h"
+
+namespace gxtool {
+namespace {
+
+#ifdef GX_SYSTEMD
+constexpr int kFirst = SD_LISTEN_FDS_START;
+
+// What this program starts is not told of them.
+int CountOfSockets() { return std::max(sd_listen_fds(1), 0); }
+
+bool TakesConnections(int fd) { return sd_is_socket(fd, AF_UNSPEC, SOCK_STREAM, 1) > 0; }
+#else
+constexpr int kFirst = 3;
+
+int CountOfSockets() { return 0; }
+
+bool TakesConnections(int) { return false; }
+#endif
+
+// As a socket tells it: numeric addresses in one way, and every address as that of IPv6.
+ListenAddress Normal(ListenAddress at) {
+  if (at.unix_path.empty()) {
+    at.address = at.address == kAnyAddress ? "::" : asio::ip::make_address(at.address).to_string();
+  }
+  return at;
+}
+
+}  // namespace
+
+ListenAddress BoundAddress(int socket) {
+  sockaddr_storage name{};
+  socklen_t size = sizeof name;
+  if (getsockname(socket, reinterpret_cast<sockaddr*>(&name), &size) != 0) return {};
+  if (name.ss_family == AF_UNIX) {
+    const auto* const path = reinterpret_cast<const sockaddr_un*>(&name)->sun_path;
+    return {std::string(path, strnlen(path, size - offsetof(sockaddr_un, sun_path))), {}, 0};
+  }
+  asio::ip::tcp::endpoint endpoint;
+  std::memcpy(endpoint.data(), &name, std::min<std::size_t>(size, endpoint.capacity()));
+  return {{}, endpoint.address().to_string(), endpoint.port()};
+}
+
+PassedSockets::PassedSockets() {
+  const int count = CountOfSockets();
+  for (int fd = kFirst; fd < kFirst + count; ++fd) {
+    if (!TakesConnections(fd)) {
+      throw Failure(kExitListen, "descriptor " + std::to_string(fd) +
+                                     " of the service manager takes no connections; it wants ListenStream= "
+                                     "and Accept=no");
+    }
+    sockets_.push_back({BoundAddress(fd), Descriptor(fd)});
+  }
+}
+
+Descriptor PassedSockets::Take(const ListenAddress& at) {
+  const ListenAddress wanted = Normal(at);
+  const auto found = std::find_if(sockets_.begin(), sockets_.end(),
+                                  [&wanted](const Socket& socket) { return socket.at == wanted; });
+  if (found == sockets_.end()) return {};
+  Descriptor taken = std::move(found->descriptor);
+  sockets_.erase(found);
+  return taken;
+}
+
+void PassedSockets::ExpectAllTaken() const {
+  if (sockets_.empty()) return;
+  throw Failure(kExitListen, "the service manager listens at " + AddressText(sockets_.front().at) +
+                                 ", and neither --listen nor -L names that");
+}
+
+}  // namespace gxtool
