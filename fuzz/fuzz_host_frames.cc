@@ -12,9 +12,9 @@
 #include <vector>
 
 #include "check.h"
+#include "common/control_frames.h"
+#include "common/line_pace.h"
 #include "gx-ssh/plugin_input.h"
-#include "link/control_frames.h"
-#include "link/line_pace.h"
 
 using gxtool::PluginInput;
 

@@ -19,9 +19,9 @@
 #include <vector>
 
 #include "check.h"
-#include "link/control_frames.h"
-#include "link/frame_reader.h"
-#include "link/ready_line.h"
+#include "common/control_frames.h"
+#include "common/frame_reader.h"
+#include "common/ready_line.h"
 #include "peer/peer.h"
 
 using gxmod::ConnectionType;

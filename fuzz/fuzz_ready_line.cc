@@ -1,8 +1,8 @@
 // The tools' ready line: however the bytes come in pieces, the same is found, and what is found is a whole
 // line.
 #include "check.h"
-#include "link/escape.h"
-#include "link/ready_line.h"
+#include "common/escape.h"
+#include "common/ready_line.h"
 
 using gxtool::ReadyLineFinder;
 using gxtool::Side;

@@ -18,8 +18,8 @@
 #include <utility>
 #include <vector>
 
+#include "common/descriptor.h"
 #include "gx-ssh/child.h"
-#include "gx-ssh/descriptor.h"
 #include "support/wait.h"
 
 namespace gxtool {

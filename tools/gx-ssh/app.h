@@ -13,10 +13,10 @@
 #include <utility>
 #include <vector>
 
+#include "common/descriptor.h"
 #include "gx-ssh/background.h"
 #include "gx-ssh/command.h"
 #include "gx-ssh/console.h"
-#include "gx-ssh/descriptor.h"
 #include "gx-ssh/failure.h"
 #include "gx-ssh/link.h"
 #include "gx-ssh/link_policy.h"

@@ -2,7 +2,7 @@
 #ifndef GX_SSH_BACKGROUND_H
 #define GX_SSH_BACKGROUND_H
 
-#include "gx-ssh/descriptor.h"
+#include "common/descriptor.h"
 
 namespace gxtool {
 

@@ -7,8 +7,8 @@
 #include <random>
 #include <utility>
 
+#include "common/duration.h"
 #include "gx-ssh/failure.h"
-#include "link/duration.h"
 
 namespace gxtool {
 namespace {

@@ -11,8 +11,8 @@
 #include <functional>
 #include <string>
 
+#include "common/descriptor.h"
 #include "gx-ssh/bring_talk.h"
-#include "gx-ssh/descriptor.h"
 #include "gx-ssh/lifetime.h"
 #include "gx-ssh/options.h"
 

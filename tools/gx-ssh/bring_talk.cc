@@ -7,8 +7,8 @@
 #include <sstream>
 #include <utility>
 
-#include "link/escape.h"
-#include "link/ready_line.h"
+#include "common/escape.h"
+#include "common/ready_line.h"
 
 namespace gxtool {
 namespace {

@@ -16,10 +16,10 @@
 #include <string_view>
 #include <system_error>
 
+#include "common/escape.h"
+#include "common/high_descriptors.h"
 #include "gx-ssh/failure.h"
 #include "gx-ssh/keeper.h"
-#include "link/escape.h"
-#include "link/high_descriptors.h"
 
 extern char** environ;
 

@@ -10,8 +10,8 @@
 #include <string_view>
 #include <utility>
 
+#include "common/escape.h"
 #include "gx-ssh/terminal.h"
-#include "link/escape.h"
 
 namespace gxtool {
 namespace {

@@ -7,7 +7,7 @@
 #include <system_error>
 #include <utility>
 
-#include "link/control_frames.h"
+#include "common/control_frames.h"
 
 namespace gxtool {
 namespace {

@@ -19,8 +19,8 @@
 #include <utility>
 #include <vector>
 
+#include "common/frame_reader.h"
 #include "gx-ssh/traffic.h"
-#include "link/frame_reader.h"
 
 namespace gxtool {
 

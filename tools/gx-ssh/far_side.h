@@ -4,7 +4,7 @@
 
 #include <string>
 
-#include "gx-ssh/descriptor.h"
+#include "common/descriptor.h"
 
 namespace gxtool {
 

@@ -4,7 +4,7 @@
 #include <span>
 #include <vector>
 
-#include "link/destination.h"
+#include "common/destination.h"
 
 namespace gxtool {
 namespace {

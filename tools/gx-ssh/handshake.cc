@@ -8,8 +8,8 @@
 #include <cstring>
 #include <utility>
 
-#include "link/duration.h"
-#include "link/escape.h"
+#include "common/duration.h"
+#include "common/escape.h"
 
 namespace gxtool {
 

@@ -11,9 +11,9 @@
 #include <string>
 #include <string_view>
 
-#include "gx-ssh/descriptor.h"
+#include "common/descriptor.h"
+#include "common/ready_line.h"
 #include "gx-ssh/lifetime.h"
-#include "link/ready_line.h"
 
 namespace gxtool {
 

@@ -9,7 +9,7 @@
 #include <iterator>
 #include <utility>
 
-#include "link/control_frames.h"
+#include "common/control_frames.h"
 
 namespace gxtool {
 namespace {

@@ -16,10 +16,10 @@
 #include <string_view>
 #include <thread>
 
-#include "gx-ssh/descriptor.h"
+#include "common/descriptor.h"
+#include "common/frame_reader.h"
+#include "common/receipts.h"
 #include "gx-ssh/stop_signal.h"
-#include "link/frame_reader.h"
-#include "link/receipts.h"
 
 namespace gxtool {
 

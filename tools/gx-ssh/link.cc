@@ -7,11 +7,11 @@
 #include <chrono>
 #include <utility>
 
+#include "common/duration.h"
+#include "common/escape.h"
 #include "gx-ssh/carrier.h"
 #include "gx-ssh/counted.h"
 #include "gx-ssh/local_peer.h"
-#include "link/duration.h"
-#include "link/escape.h"
 
 namespace gxtool {
 namespace {

@@ -12,9 +12,9 @@
 #include <optional>
 #include <string>
 
+#include "common/descriptor.h"
 #include "gx-ssh/bring.h"
 #include "gx-ssh/console.h"
-#include "gx-ssh/descriptor.h"
 #include "gx-ssh/entrance.h"
 #include "gx-ssh/failure.h"
 #include "gx-ssh/far_side.h"

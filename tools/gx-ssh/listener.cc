@@ -18,10 +18,10 @@
 #include <system_error>
 #include <utility>
 
+#include "common/high_descriptors.h"
 #include "gx-ssh/failure.h"
 #include "gx-ssh/passed_sockets.h"
 #include "gx-ssh/report.h"
-#include "link/high_descriptors.h"
 
 namespace gxtool {
 namespace {

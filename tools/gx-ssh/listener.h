@@ -12,7 +12,7 @@
 #include <optional>
 #include <string>
 
-#include "gx-ssh/descriptor.h"
+#include "common/descriptor.h"
 #include "gx-ssh/forward.h"
 #include "gx-ssh/lifetime.h"
 #include "gx-ssh/own_path.h"

@@ -2,7 +2,7 @@
 
 #include <spdlog/spdlog.h>
 
-#include "link/destination.h"
+#include "common/destination.h"
 
 namespace gxtool {
 namespace {

@@ -11,11 +11,11 @@
 #include <mutex>
 #include <string_view>
 
-#include "gx-ssh/descriptor.h"
+#include "common/descriptor.h"
+#include "common/escape.h"
 #include "gx-ssh/failure.h"
 #include "gx-ssh/output_queue.h"
 #include "gx-ssh/report.h"
-#include "link/escape.h"
 
 namespace gxtool {
 namespace {

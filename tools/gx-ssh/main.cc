@@ -9,10 +9,12 @@
 #include <utility>
 #include <variant>
 
+#include "common/descriptor.h"
+#include "common/high_descriptors.h"
+#include "common/ready_line.h"
 #include "gx-ssh/app.h"
 #include "gx-ssh/background.h"
 #include "gx-ssh/console.h"
-#include "gx-ssh/descriptor.h"
 #include "gx-ssh/failure.h"
 #include "gx-ssh/module_library.h"
 #include "gx-ssh/options.h"
@@ -20,8 +22,6 @@
 #include "gx-ssh/probe.h"
 #include "gx-ssh/readiness.h"
 #include "gx-ssh/socket_client.h"
-#include "link/high_descriptors.h"
-#include "link/ready_line.h"
 
 namespace {
 

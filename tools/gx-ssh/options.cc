@@ -10,12 +10,12 @@
 #include <map>
 #include <memory>
 
+#include "common/destination.h"
+#include "common/escape.h"
+#include "common/option.h"
 #include "gx-ssh/failure.h"
 #include "gx-ssh/module_library.h"
 #include "gx-ssh/peer_store.h"
-#include "link/destination.h"
-#include "link/escape.h"
-#include "link/option.h"
 #include "peer/allow_list.h"
 
 namespace gxtool {

@@ -4,7 +4,7 @@
 
 #include <vector>
 
-#include "gx-ssh/descriptor.h"
+#include "common/descriptor.h"
 #include "gx-ssh/forward.h"
 
 namespace gxtool {

@@ -8,7 +8,7 @@
 #include <cstring>
 #include <thread>
 
-#include "link/pieces.h"
+#include "common/pieces.h"
 
 namespace gxtool {
 namespace {

@@ -17,7 +17,7 @@
 #include <string_view>
 #include <vector>
 
-#include "gx-ssh/descriptor.h"
+#include "common/descriptor.h"
 #include "gx-ssh/intake.h"
 #include "gx-ssh/stop_signal.h"
 

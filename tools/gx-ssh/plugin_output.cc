@@ -7,7 +7,7 @@
 #include <cerrno>
 #include <cstring>
 
-#include "link/local_socket.h"
+#include "common/local_socket.h"
 
 namespace gxtool {
 namespace {

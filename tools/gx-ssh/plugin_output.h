@@ -15,9 +15,9 @@
 #include <utility>
 #include <vector>
 
+#include "common/frame_reader.h"
+#include "common/line_pace.h"
 #include "gx-ssh/stop_signal.h"
-#include "link/frame_reader.h"
-#include "link/line_pace.h"
 
 namespace gxtool {
 

@@ -2,7 +2,7 @@
 
 #include <utility>
 
-#include "link/control_frames.h"
+#include "common/control_frames.h"
 
 namespace gxtool {
 

@@ -12,8 +12,8 @@
 #include <string_view>
 #include <utility>
 
+#include "common/descriptor.h"
 #include "gx-ssh/counted.h"
-#include "gx-ssh/descriptor.h"
 #include "gx-ssh/entrance.h"
 #include "gx-ssh/plugin_input.h"
 #include "gx-ssh/plugin_output.h"

@@ -5,7 +5,7 @@
 #include <optional>
 #include <string>
 
-#include "gx-ssh/descriptor.h"
+#include "common/descriptor.h"
 #include "gx-ssh/own_path.h"
 
 namespace gxtool {

@@ -12,12 +12,12 @@
 #include <deque>
 #include <utility>
 
+#include "common/control_frames.h"
+#include "common/escape.h"
+#include "common/frame_reader.h"
 #include "gx-ssh/carrier.h"
 #include "gx-ssh/handshake.h"
 #include "gx-ssh/terminal.h"
-#include "link/control_frames.h"
-#include "link/escape.h"
-#include "link/frame_reader.h"
 
 namespace gxtool {
 namespace {

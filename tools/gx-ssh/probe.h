@@ -6,10 +6,10 @@
 #include <string>
 #include <vector>
 
+#include "common/ready_line.h"
 #include "gx-ssh/console.h"
 #include "gx-ssh/options.h"
 #include "gx-ssh/report.h"
-#include "link/ready_line.h"
 
 namespace gxtool {
 

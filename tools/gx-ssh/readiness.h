@@ -7,7 +7,7 @@
 #include <chrono>
 #include <string>
 
-#include "gx-ssh/descriptor.h"
+#include "common/descriptor.h"
 
 namespace gxtool {
 

@@ -13,7 +13,7 @@
 #include <system_error>
 #include <utility>
 
-#include "link/high_descriptors.h"
+#include "common/high_descriptors.h"
 
 namespace gxtool {
 

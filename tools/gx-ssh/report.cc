@@ -5,8 +5,8 @@
 #include <array>
 #include <filesystem>
 
+#include "common/escape.h"
 #include "gx-ssh/module_library.h"
-#include "link/escape.h"
 
 namespace gxtool {
 namespace {

@@ -10,7 +10,7 @@
 #include <utility>
 #include <vector>
 
-#include "gx-ssh/descriptor.h"
+#include "common/descriptor.h"
 
 namespace gxtool {
 

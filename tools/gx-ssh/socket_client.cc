@@ -11,9 +11,9 @@
 #include <cerrno>
 #include <system_error>
 
+#include "common/borrowed_fd.h"
 #include "gx-ssh/failure.h"
 #include "gx-ssh/relay.h"
-#include "link/borrowed_fd.h"
 
 namespace gxtool {
 namespace {

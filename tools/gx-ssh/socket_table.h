@@ -6,7 +6,7 @@
 
 #include <optional>
 
-#include "gx-ssh/descriptor.h"
+#include "common/descriptor.h"
 
 namespace gxtool {
 

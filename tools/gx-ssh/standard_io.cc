@@ -4,7 +4,7 @@
 
 #include <utility>
 
-#include "link/duration.h"
+#include "common/duration.h"
 
 namespace gxtool {
 namespace {

@@ -10,10 +10,10 @@
 #include <optional>
 #include <string>
 
-#include "gx-ssh/descriptor.h"
+#include "common/borrowed_fd.h"
+#include "common/descriptor.h"
 #include "gx-ssh/lifetime.h"
 #include "gx-ssh/relay.h"
-#include "link/borrowed_fd.h"
 
 namespace gxtool {
 

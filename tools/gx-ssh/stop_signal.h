@@ -4,7 +4,7 @@
 
 #include <atomic>
 
-#include "gx-ssh/descriptor.h"
+#include "common/descriptor.h"
 
 namespace gxtool {
 

@@ -4,7 +4,7 @@
 
 #include <sys/types.h>
 
-#include "gx-ssh/descriptor.h"
+#include "common/descriptor.h"
 
 namespace gxtool {
 

@@ -1,6 +1,6 @@
 #include "peer/admission.h"
 
-#include "link/escape.h"
+#include "common/escape.h"
 
 namespace gxtool {
 std::vector<StreamEndpoint> EndpointsOf(const std::vector<std::string>& addresses, std::uint16_t port) {

@@ -1,7 +1,7 @@
 // The targets that the other side may ask for.
 //
-// An entry reads HOST:PORT in the strict form of link/host_port.h, where `*` stands for any host or for any
-// port, or unix:PATH as in link/destination.h. No star and no Any stands for a Unix socket: each is named by
+// An entry reads HOST:PORT in the strict form of common/host_port.h, where `*` stands for any host or for any
+// port, or unix:PATH as in common/destination.h. No star and no Any stands for a Unix socket: each is named by
 // its whole path. Entries and targets are compared after parsing. A name permits that name and not its
 // addresses, an address that address and not its names: nothing is looked up to answer Permits. "localhost"
 // alone is another way to write 127.0.0.1 and ::1, in entries and in targets.
@@ -14,7 +14,7 @@
 #include <string_view>
 #include <vector>
 
-#include "link/destination.h"
+#include "common/destination.h"
 
 namespace gxtool {
 

@@ -5,10 +5,10 @@
 #include <memory>
 #include <utility>
 
-#include "link/duration.h"
-#include "link/escape.h"
-#include "link/option.h"
-#include "link/ready_line.h"
+#include "common/duration.h"
+#include "common/escape.h"
+#include "common/option.h"
+#include "common/ready_line.h"
 #include "peer/confinement.h"
 #include "peer/name_query.h"
 

@@ -11,8 +11,8 @@
 #include <chrono>
 #include <utility>
 
-#include "link/high_descriptors.h"
-#include "link/pieces.h"
+#include "common/high_descriptors.h"
+#include "common/pieces.h"
 
 namespace gxtool {
 namespace {

@@ -7,7 +7,7 @@
 #include <cstring>
 #include <utility>
 
-#include "link/local_socket.h"
+#include "common/local_socket.h"
 
 namespace gxtool {
 namespace {

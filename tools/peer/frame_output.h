@@ -20,8 +20,8 @@
 #include <string>
 #include <string_view>
 
-#include "link/control_frames.h"
-#include "link/line_pace.h"
+#include "common/control_frames.h"
+#include "common/line_pace.h"
 #include "peer/asio_types.h"
 
 namespace gxtool {

@@ -5,7 +5,7 @@
 #include <cstdint>
 #include <string>
 
-#include "link/descriptor.h"
+#include "common/descriptor.h"
 
 namespace gxtool {
 

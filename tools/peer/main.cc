@@ -16,7 +16,7 @@
 #include <variant>
 #include <vector>
 
-#include "link/descriptor.h"
+#include "common/descriptor.h"
 #include "peer/command_line.h"
 #include "peer/confinement.h"
 #include "peer/peer.h"

@@ -14,7 +14,7 @@
 #include <optional>
 #include <string>
 
-#include "link/destination.h"
+#include "common/destination.h"
 #include "peer/allow_list.h"
 #include "peer/lookup.h"
 

@@ -4,10 +4,10 @@
 #include <csignal>
 #include <utility>
 
-#include "link/control_frames.h"
-#include "link/duration.h"
-#include "link/escape.h"
-#include "link/signals.h"
+#include "common/control_frames.h"
+#include "common/duration.h"
+#include "common/escape.h"
+#include "common/ignored_signal.h"
 
 namespace gxtool {
 namespace {

@@ -13,10 +13,10 @@
 #include <unordered_map>
 #include <vector>
 
-#include "link/borrowed_fd.h"
-#include "link/frame_reader.h"
-#include "link/ready_line.h"
-#include "link/receipts.h"
+#include "common/borrowed_fd.h"
+#include "common/frame_reader.h"
+#include "common/ready_line.h"
+#include "common/receipts.h"
 #include "peer/admission.h"
 #include "peer/asio_types.h"
 #include "peer/connection.h"

@@ -3,7 +3,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include "link/ready_line.h"
+#include "common/ready_line.h"
 
 namespace gxtool {
 namespace {

@@ -8,7 +8,7 @@
 
 #include <algorithm>
 
-#include "gx-ssh/descriptor.h"
+#include "common/descriptor.h"
 #include "gx-ssh/failure.h"
 #include "tools/io.h"
 

@@ -8,7 +8,7 @@
 #include <string>
 #include <string_view>
 
-#include "link/control_frames.h"
+#include "common/control_frames.h"
 
 namespace gxtool {
 namespace {

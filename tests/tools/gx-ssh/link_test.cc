@@ -6,10 +6,10 @@
 #include <atomic>
 #include <fstream>
 
+#include "common/control_frames.h"
+#include "common/ready_line.h"
 #include "gx-ssh/console.h"
 #include "gx-ssh/module_library.h"
-#include "link/control_frames.h"
-#include "link/ready_line.h"
 #include "support/temp_dir.h"
 #include "support/wait.h"
 

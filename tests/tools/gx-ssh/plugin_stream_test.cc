@@ -16,8 +16,8 @@
 #include <thread>
 #include <utility>
 
-#include "gx-ssh/descriptor.h"
-#include "link/control_frames.h"
+#include "common/control_frames.h"
+#include "common/descriptor.h"
 #include "support/pattern.h"
 #include "support/wait.h"
 #include "tools/io.h"

@@ -14,11 +14,11 @@
 #include <filesystem>
 #include <fstream>
 
+#include "common/control_frames.h"
+#include "common/ready_line.h"
 #include "gx-ssh/failure.h"
 #include "gx-ssh/readiness.h"
 #include "gx-ssh/relay.h"
-#include "link/control_frames.h"
-#include "link/ready_line.h"
 #include "support/temp_dir.h"
 #include "tools/io.h"
 

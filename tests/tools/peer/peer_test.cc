@@ -1,6 +1,6 @@
 #include "peer/peer.h"
 
-#include "link/receipts.h"
+#include "common/receipts.h"
 #include "support/pattern.h"
 #include "tools/peer/name_server.h"
 #include "tools/peer/rig.h"

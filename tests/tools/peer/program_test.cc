@@ -4,8 +4,8 @@
 
 #include <cstdlib>
 
-#include "link/control_frames.h"
-#include "link/ready_line.h"
+#include "common/control_frames.h"
+#include "common/ready_line.h"
 #include "peer/confinement.h"
 #include "peer/name_cache.h"
 #include "support/temp_dir.h"

@@ -17,8 +17,8 @@
 #include <utility>
 #include <vector>
 
-#include "link/control_frames.h"
-#include "link/ready_line.h"
+#include "common/control_frames.h"
+#include "common/ready_line.h"
 #include "peer/peer.h"
 #include "tools/io.h"
 

@@ -1,0 +1,217 @@
+#include "common/line_pace.h"
+
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <deque>
+#include <vector>
+
+#include "common/receipts.h"
+
+namespace gxtool {
+namespace {
+
+using Clock = LinePace::Clock;
+using Seconds = std::chrono::duration<double>;
+constexpr std::chrono::microseconds kStep{250};
+
+Clock::time_point g_now{};
+Clock::time_point Now() { return g_now; }
+
+// A line with one buffer that takes everything, in steps of time that nobody has to wait for. One end sends as
+// much as its pace lets it, the other one acknowledges.
+class Line {
+ public:
+  Line(double bytes_per_s, double delay_s) : rate(bytes_per_s), delay(delay_s) {
+    g_now = Clock::time_point(std::chrono::hours(1));
+    receipts.Start();
+    Acknowledge();
+  }
+
+  void Run(double seconds) {
+    queued_s.clear();
+    const std::uint64_t before = delivered;
+    const auto end = g_now + std::chrono::duration_cast<Clock::duration>(Seconds(seconds));
+    while (g_now < end) Step();
+    used = static_cast<double>(delivered - before) / (rate * seconds);
+    std::ranges::sort(queued_s);
+  }
+  void Send(std::size_t bytes) {
+    pace.OnSent(bytes);
+    buffer_.push_back(bytes);
+    buffered_ += bytes;
+  }
+  // The time that a byte of the last Run waited in the buffer, but for the worst twentieth.
+  double Queue() const { return queued_s[queued_s.size() * 95 / 100]; }
+
+  double rate;
+  double delay;
+  double jitter = 0;     // seconds
+  bool stalled = false;  // nothing moves
+  bool sends = true;
+  LinePace pace{&Now};
+  Receipts receipts;
+  std::uint64_t delivered = 0;
+  double used = 0;  // of the line, in the last Run
+  std::vector<double> queued_s;
+
+ private:
+  struct Arrival {
+    Clock::time_point time;
+    std::size_t bytes;
+    bool ends_frame;
+  };
+  struct Answer {
+    Clock::time_point time;
+    Acknowledgement totals;
+  };
+
+  void Step() {
+    g_now += kStep;
+    while (!answers_.empty() && answers_.front().time <= g_now) {
+      EXPECT_TRUE(pace.OnAcknowledgement(answers_.front().totals));
+      answers_.pop_front();
+    }
+    while (sends && pace.limits() && pace.HasRoomFor(pace.FrameBytes())) Send(pace.FrameBytes());
+    if (!stalled) Carry();
+    queued_s.push_back(static_cast<double>(buffered_) / rate);
+    while (!arrivals_.empty() && arrivals_.front().time <= g_now) {
+      receipts.OnReceived(arrivals_.front().bytes);
+      receipts.OnFrameEnd(arrivals_.front().ends_frame);
+      receipts.Permit(0);
+      delivered += arrivals_.front().bytes;
+      arrivals_.pop_front();
+    }
+    if (const auto due = receipts.due(); due && *due <= g_now) Acknowledge();
+  }
+
+  void Carry() {
+    budget_ = std::min(budget_ + rate * Seconds(kStep).count(), static_cast<double>(buffered_));
+    while (!buffer_.empty() && budget_ >= 1) {
+      const std::size_t bytes = std::min(buffer_.front(), static_cast<std::size_t>(budget_));
+      buffer_.front() -= bytes;
+      buffered_ -= bytes;
+      budget_ -= static_cast<double>(bytes);
+      arrivals_.push_back({After(&last_arrival_), bytes, buffer_.front() == 0});
+      if (buffer_.front() == 0) buffer_.pop_front();
+    }
+  }
+
+  void Acknowledge() { answers_.push_back({After(&last_answer_), receipts.Take(g_now)}); }
+
+  // Nothing overtakes.
+  Clock::time_point After(Clock::time_point* last) {
+    random_ = random_ * 1103515245 + 12345;
+    const double late = jitter * (random_ >> 16 & 0x7FFF) / 0x7FFF;
+    *last = std::max(*last, g_now + std::chrono::duration_cast<Clock::duration>(Seconds(delay + late)));
+    return *last;
+  }
+
+  std::deque<std::size_t> buffer_;  // what is left of each frame
+  std::size_t buffered_ = 0;
+  double budget_ = 0;
+  std::deque<Arrival> arrivals_;
+  std::deque<Answer> answers_;
+  Clock::time_point last_arrival_{};
+  Clock::time_point last_answer_{};
+  std::uint32_t random_ = 1;
+};
+
+// The time that bytes may wait beside the two frames that no sender can take back.
+constexpr double kWait = 0.060;
+constexpr double kFrameBytes = 4096 + 16;
+
+struct Kind {
+  double rate;
+  double delay;
+};
+
+TEST(LinePaceTest, LinesAreBusyAndNothingQueuesForLong) {
+  for (const auto& [rate, delay] :
+       {Kind{11.5e3, 0.005}, {100e3, 0.02}, {1e6, 0.02}, {10e6, 0.1}, {50e6, 0.001}}) {
+    for (const double jitter : {0.0, 0.015}) {
+      Line line(rate, delay);
+      line.jitter = jitter;
+      line.Run(4);  // to find out
+      line.Run(30);
+      EXPECT_GE(line.used, jitter == 0 ? 0.98 : 0.9) << rate << " " << jitter;
+      EXPECT_LE(line.Queue(), kWait + 2 * kFrameBytes / rate) << rate << " " << jitter;
+    }
+  }
+}
+
+TEST(LinePaceTest, FollowsALineThatChanges) {
+  for (const auto& [rate, delay] : {Kind{100e3, 0.02}, {1e6, 0.02}, {10e6, 0.02}}) {
+    Line line(rate, delay);
+    line.Run(15);
+    line.rate = rate / 10;
+    line.Run(3);
+    line.Run(10);
+    EXPECT_LE(line.Queue(), kWait + 2 * kFrameBytes / line.rate) << rate;
+    EXPECT_GE(line.used, 0.95) << rate;
+    line.rate = rate;
+    line.Run(5);
+    line.Run(1);
+    EXPECT_GE(line.used, 0.9) << rate << " again";
+    line.delay += 0.1;
+    line.Run(12);
+    line.Run(2);
+    EXPECT_GE(line.used, 0.9) << rate << " behind a longer road";
+    line.stalled = true;
+    line.Run(4);
+    line.stalled = false;
+    line.Run(2);
+    line.Run(2);
+    EXPECT_GE(line.used, 0.9) << rate << " behind a stall";
+    EXPECT_LE(line.Queue(), kWait + 2 * kFrameBytes / rate) << rate << " behind a stall";
+  }
+}
+
+// Bytes that are sent now and then say nothing about what the line carries.
+TEST(LinePaceTest, APauseIsNoSlowLine) {
+  Line line(1e6, 0.02);
+  line.Run(5);
+  line.sends = false;
+  for (int key = 0; key < 100; ++key) {
+    line.Send(60);
+    line.Run(0.2);
+  }
+  line.sends = true;
+  line.Run(0.1);
+  line.Run(1);
+  EXPECT_GE(line.used, 0.9);
+  EXPECT_LE(line.Queue(), kWait + 2 * kFrameBytes / 1e6);
+}
+
+TEST(LinePaceTest, WhatNoHonestSideAcknowledgesCountsForNothing) {
+  g_now = Clock::time_point(std::chrono::hours(1));
+  LinePace pace(&Now);
+  EXPECT_TRUE(pace.HasRoomFor(1 << 30)) << "nobody acknowledges";
+  EXPECT_TRUE(pace.OnAcknowledgement({0, 1 << 20}));
+  const std::uint64_t room = pace.Room();
+  EXPECT_LT(room, std::uint64_t{64} << 10);
+  pace.OnSent(room);
+  EXPECT_EQ(pace.Room(), 0U);
+  EXPECT_FALSE(pace.HasRoomFor(1));
+  g_now += std::chrono::milliseconds(10);
+  EXPECT_TRUE(pace.OnAcknowledgement({1000, 1 << 20}));
+  const std::uint64_t left = pace.Room();
+  EXPECT_FALSE(pace.OnAcknowledgement({0, 1 << 20})) << "falls";
+  EXPECT_FALSE(pace.OnAcknowledgement({1000, 0})) << "takes back";
+  EXPECT_EQ(pace.Room(), left);
+  EXPECT_FALSE(pace.OnAcknowledgement({~std::uint64_t{0}, ~std::uint64_t{0}})) << "was never sent";
+  EXPECT_EQ(pace.view().under_way, 0U);
+  // No acknowledgement comes any more, but pongs do: what they tell is enough to go on.
+  for (int time = 0; time < 5; ++time) {
+    while (pace.HasRoomFor(1000)) pace.OnSent(1000);
+    const std::uint64_t sent = pace.sent();
+    g_now += std::chrono::milliseconds(10);
+    pace.OnReceived(sent + 1);
+    EXPECT_FALSE(pace.HasRoomFor(1000)) << "was never sent";
+    pace.OnReceived(sent);
+    EXPECT_TRUE(pace.HasRoomFor(1000));
+  }
+}
+
+}  // namespace
+}  // namespace gxtool

@@ -1,0 +1,20 @@
+// Durations as people write them: "500ms", "15s", "2m", "1h". A bare number counts seconds.
+#ifndef GX_COMMON_DURATION_H
+#define GX_COMMON_DURATION_H
+
+#include <chrono>
+#include <optional>
+#include <string>
+#include <string_view>
+
+namespace gxtool {
+
+// Nothing for any other text, a sign, a fraction and more than 10,000 hours.
+std::optional<std::chrono::milliseconds> ParseDuration(std::string_view text);
+
+// In the largest unit that divides it: 90,000 ms are "90s", 120,000 ms "2m".
+std::string FormatDuration(std::chrono::milliseconds duration);
+
+}  // namespace gxtool
+
+#endif  // GX_COMMON_DURATION_H
