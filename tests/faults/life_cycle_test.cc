@@ -80,26 +80,8 @@ TEST_F(LifeCycle, ExitAtAnyMomentLeavesNothing) {
   }
 }
 
-// A stream and a listener of a host's that may throw, as the orders below say.
-class ThrowingStream final : public IPluginStreamRaw, private CReference {
- public:
-  GX_FORWARD_REFERENCE();
-  std::uint32_t Read(void* data, unsigned length, unsigned* got, unsigned flags) override {
-    return real_->Read(data, length, got, flags);
-  }
-  std::uint32_t Write(const void* data, unsigned length, unsigned* written, unsigned flags) override {
-    return real_->Write(data, length, written, flags);
-  }
-  std::uint32_t Close() override {
-    real_->Close();
-    throw std::bad_alloc();
-  }
-
- private:
-  const CRefObj<PluginStream> real_{new PluginStream};
-};
-
-class Listener final : public IControlSshListener, private CReference {
+// It may throw, as the orders below say.
+class ThrowingListener final : public IControlSshListener, private CReference {
  public:
   GX_FORWARD_REFERENCE();
   void OnLocalAddress(const char*, std::uint16_t port) override {
@@ -123,8 +105,8 @@ class CallOrders : public gxtest::LeakGate {
       case 'N':
       case 'T':
         if (stream_) stream_->End();
-        stream_ = what == 'I' ? new PluginStream : nullptr;
-        if (what == 'T') return plugin_->InitInstance(CRefObj<ThrowingStream>(new ThrowingStream).get());
+        stream_ = what == 'N' ? nullptr : new PluginStream;
+        if (what == 'T') stream_->Behave({.close_throws = true});
         return plugin_->InitInstance(stream_.get());
       case 'R':
       case 'F':
@@ -137,7 +119,7 @@ class CallOrders : public gxtest::LeakGate {
 
   LogCapture log_;
   CRefObj<PluginStream> stream_;
-  const CRefObj<Listener> listener_{new Listener};
+  const CRefObj<ThrowingListener> listener_{new ThrowingListener};
   CRefObj<IControlSshPlugin> plugin_{new CSSHClientRaw};
 };
 

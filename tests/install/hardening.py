@@ -12,20 +12,18 @@ def readelf(path, *options):
 
 
 def faults(path):
-    header, segments, dynamic = readelf(path, "-h"), readelf(path, "-l"), readelf(path, "-d")
-    symbols = readelf(path, "-s")
+    told = "".join(readelf(path, option) for option in ("-h", "-l", "-d", "-s"))
     wanted = {
-        "position independent": re.search(r"Type:\s+DYN", header),
-        "read-only relocations": "GNU_RELRO" in segments,
-        "bound at the start": re.search(r"FLAGS.*\b(BIND_)?NOW\b", dynamic),
-        "no stack to run code on": re.search(r"GNU_STACK.* RW ", segments),
-        "stack protector": "__stack_chk_fail" in symbols,
-        "checked copies": re.search(r"__mem(cpy|set|move)_chk|__v?snprintf_chk|__read_chk|__fdelt_chk", symbols),
+        "position independent": r"Type:\s+DYN", "read-only relocations": "GNU_RELRO",
+        "bound at the start": r"FLAGS.*\b(BIND_)?NOW\b", "no stack to run code on": r"GNU_STACK.* RW ",
+        "stack protector": "__stack_chk_fail",
+        "checked copies": r"__mem(cpy|set|move)_chk|__v?snprintf_chk|__read_chk|__fdelt_chk",
     }
-    if "X86-64" in header:
-        with open(path, "rb") as file:
-            wanted["marked landing places"] = file.read().count(b"\xf3\x0f\x1e\xfa") > 100  # endbr64
-    return [f"{path}: not {name}" for name, found in wanted.items() if not found]
+    missing = [name for name, pattern in wanted.items() if not re.search(pattern, told)]
+    with open(path, "rb") as file:
+        if "X86-64" in told and file.read().count(b"\xf3\x0f\x1e\xfa") < 100:  # endbr64
+            missing.append("marked landing places")
+    return [f"{path}: not {name}" for name in missing]
 
 
 def main():

@@ -5,14 +5,13 @@
 
 #include <cstdlib>
 #include <fstream>
-#include <map>
 #include <string>
-#include <variant>
 #include <vector>
 
 #include "gxmod/control_ssh.h"
 #include "gxmod/module.h"
 #include "object/reference.h"
+#include "support/create_params.h"
 #include "support/far_side.h"
 #include "support/leak_gate.h"
 #include "support/log_capture.h"
@@ -23,44 +22,16 @@
 namespace {
 
 using gxmod::ConnectionType;
+using gxtest::CreateParams;
 using gxtest::PluginStream;
 using gxtest::TcpClient;
 using testing::ElementsAre;
 using testing::HasSubstr;
 using testing::Pair;
 
-class Data final : public IGXModData, private CReference {
+class AddressKeeper final : public IControlSshListener, private CReference {
  public:
-  explicit Data(std::variant<std::uint64_t, std::string> value) : value_(std::move(value)) {}
-  GX_FORWARD_REFERENCE();
-  int GetType() const override { return value_.index() == 0 ? kGXModDataUInt64 : kGXModDataText; }
-  const char* GetText() const override { return std::get<std::string>(value_).c_str(); }
-  std::uint64_t GetUInt64() const override { return std::get<std::uint64_t>(value_); }
-
- private:
-  const std::variant<std::uint64_t, std::string> value_;
-};
-
-class Params final : public IGXModCreateParams, private CReference {
- public:
-  GX_FORWARD_REFERENCE();
-  IGXModData* GetProperty(const char* key) override {
-    const auto found = values_.find(key);
-    return found != values_.end() ? found->second.get() : nullptr;
-  }
-  std::map<std::string, CRefObj<Data>> values_;
-};
-
-CRefObj<Params> Request(const std::string& name, std::uint64_t version) {
-  CRefObj<Params> params(new Params);
-  params->values_[kGXModPropertyInterfaceName] = new Data(name);
-  params->values_[kGXModPropertyVersion] = new Data(version);
-  return params;
-}
-
-class Listener final : public IControlSshListener, private CReference {
- public:
-  explicit Listener(std::string target) : target_(std::move(target)) {}
+  explicit AddressKeeper(std::string target) : target_(std::move(target)) {}
   GX_FORWARD_REFERENCE();
   void OnLocalAddress(const char* address, std::uint16_t port) override {
     calls_.push_back(std::string(address) + ":" + std::to_string(port));
@@ -109,14 +80,14 @@ class ModuleTest : public gxtest::LeakGate {
     EXPECT_FALSE(IsMapped());
   }
 
-  CRefObj<IControlSshPlugin> Create(const CRefObj<Params>& params) {
+  CRefObj<IControlSshPlugin> Create(const CRefObj<CreateParams>& params) {
     void* made = nullptr;
-    const std::uint32_t result = entry_->create(params.get(), &made);
+    const std::uint32_t result = entry_->create(static_cast<IGXModCreateParams*>(params.get()), &made);
     EXPECT_EQ(result, made != nullptr ? 1U : 0U);
     return CRefObj<IControlSshPlugin>::Attach(static_cast<IControlSshPlugin*>(made));
   }
   CRefObj<IControlSshPlugin> Create() {
-    auto plugin = Create(Request(kControlSshInterfaceName, GXModPackVersion(kControlSshVersion)));
+    auto plugin = Create(new CreateParams);
     Lines();
     return plugin;
   }
@@ -145,37 +116,33 @@ TEST_F(ModuleTest, CreationChecksWhatIsAskedFor) {
   const auto line = [](int level, const std::string& text) {
     return LogKeeper::Line(level, "[ssh_control] ssh_control_create " + text);
   };
-  const CRefObj<Params> text_version = Request(kControlSshInterfaceName, 0);
-  text_version->values_[kGXModPropertyVersion] = new Data(std::string("2.0.0"));
   const struct {
-    CRefObj<Params> request;
+    std::string name;
+    std::optional<std::uint64_t> version;
     LogKeeper::Line outcome;
   } cases[] = {
-      {Request("IControlSshPlugin", GXModPackVersion({2, 1, 7})), line(1, "success")},
-      {Request("icontrolsshplugin", GXModPackVersion({2, 5, 7})), line(1, "success")},
-      {Request("IControlSshPlugin", GXModPackVersion({3, 0, 0})), line(4, "fail, version not match")},
-      {Request("IControlSshPlugin", GXModPackVersion({1, 9, 9})), line(4, "fail, version not match")},
-      {Request("IOther", GXModPackVersion({2, 0, 0})), line(4, "invalid interface IOther")},
-      {Request("", GXModPackVersion({2, 0, 0})), line(4, "invalid property")},
-      {Request("IControlSshPlugin", 0), line(4, "invalid property")},
-      {text_version, line(4, "invalid property")},
-      {CRefObj<Params>(new Params), line(4, "invalid property")},
+      {"icontrolsshplugin", GXModPackVersion({2, 5, 7}), line(1, "success")},
+      {"IControlSshPlugin", GXModPackVersion({3, 0, 0}), line(4, "fail, version not match")},
+      {"IControlSshPlugin", GXModPackVersion({1, 9, 9}), line(4, "fail, version not match")},
+      {"IOther", GXModPackVersion({2, 0, 0}), line(4, "invalid interface IOther")},
+      {"", GXModPackVersion({2, 0, 0}), line(4, "invalid property")},
+      {"IControlSshPlugin", 0, line(4, "invalid property")},
+      {"IControlSshPlugin", std::nullopt, line(4, "invalid property")},
   };
   for (const auto& c : cases) {
-    EXPECT_EQ(static_cast<bool>(Create(c.request)), c.outcome.first == kGXModLogInfo);
+    EXPECT_EQ(static_cast<bool>(Create(new CreateParams(c.name, c.version))), c.outcome.first == kGXModLogInfo);
     EXPECT_EQ(Lines().back(), c.outcome);
   }
-  Create(cases[0].request);
+  Create(new CreateParams("IControlSshPlugin", GXModPackVersion({2, 1, 7})));
   EXPECT_EQ(Lines().front(), line(1, "interface IControlSshPlugin  version 2.1.7 modversion 2.0.0"));
-  EXPECT_EQ(entry_->create(text_version.get(), nullptr), 0U);
   EXPECT_EQ(entry_->create(nullptr, nullptr), 0U);
-  EXPECT_THAT(Lines(), ElementsAre(line(4, "invalid param"), line(4, "invalid param")));
+  EXPECT_THAT(Lines(), ElementsAre(line(4, "invalid param")));
 }
 
 TEST_F(ModuleTest, PluginWalksItsRoad) {
   const CRefObj<IControlSshPlugin> plugin = Create();
   const CRefObj<PluginStream> stream(new PluginStream);
-  const CRefObj<Listener> listener(new Listener("10.0.0.5:2222"));
+  const CRefObj<AddressKeeper> listener(new AddressKeeper("10.0.0.5:2222"));
   void* same = nullptr;
   EXPECT_FALSE(plugin->GetInterface("IOther", &same));
   EXPECT_FALSE(plugin->GetInterface(kControlSshInterfaceName, nullptr));
@@ -211,7 +178,7 @@ TEST_F(ModuleTest, PluginWalksItsRoad) {
 }
 
 TEST_F(ModuleTest, WithoutATextFromTheListenerTheTargetIsTheDefault) {
-  for (const auto& listener : {CRefObj<Listener>(), CRefObj<Listener>(new Listener(""))}) {
+  for (const auto& listener : {CRefObj<AddressKeeper>(), CRefObj<AddressKeeper>(new AddressKeeper(""))}) {
     const CRefObj<IControlSshPlugin> plugin = Create();
     const CRefObj<PluginStream> stream(new PluginStream);
     plugin->SetListener(listener.get());

@@ -131,15 +131,6 @@ TEST_F(FlowControlTest, WhoTakesNothingIsCut) {
   EXPECT_EQ(flow_.Owed(first_), 6 * kBlock) << "who takes something stays";
 }
 
-// Only the time counts in which the reader waits.
-TEST_F(FlowControlTest, NobodyIsCutForTheTimeBefore) {
-  Queue(first_, 11);
-  Release(first_, 2);
-  now_ms += 100'000;
-  Queue(first_, 2);
-  EXPECT_EQ(flow_.Look(first_).until_ms, now_ms + 60'000);
-}
-
 // Whatever ends the wait wakes the reader; nothing else does, there is no clock to help.
 TEST(FlowControlThreadsTest, WakesTheReader) {
   const std::function<void(CFlowControl&, Account&)> events[] = {

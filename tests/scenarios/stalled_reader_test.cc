@@ -89,21 +89,6 @@ TEST_F(StalledReaderTest, IsBoundedAndCutInTheEnd) {
   EXPECT_EQ(WarningCount(), 2U);
 }
 
-// A slow client only slows: everything arrives, and the mark bounds what waits.
-TEST_F(StalledReaderTest, SlowOneGetsEverything) {
-  Connection slow = Connect();
-  const CRefObj<MyHandler> connection = client_->FindStream(slow.id);
-  Flood(slow.id);
-  ASSERT_TRUE(Waits(connection));
-  std::uint64_t received = 0;
-  while (received < 4 * mark_) {
-    const std::string part = slow.local.Receive(kFrameBytes);
-    ASSERT_TRUE(part == Pattern(kFrameBytes, slow.id, received)) << received;
-    received += part.size();
-    EXPECT_LE(connection->Owed(), mark_ + kFrameBytes + CFlowControl::kBlockBytes);
-  }
-}
-
 // The far side waits for us to read, and we for a client that only goes on when the far side reads: reading on,
 // up to twice the mark, may set them free. Beyond that the connection is cut, and the others go on.
 TEST_F(StalledReaderTest, DoesNotHoldAFarSideThatWaitsItself) {

@@ -38,18 +38,6 @@ class FarSide {
   }
   // Takes everything, says nothing.
   static void Sink(PluginStream&, const Frame&) {}
-  // Gives every connection the pattern of its id and ends it.
-  static Answer Source(std::size_t bytes, std::size_t frame_bytes = 32 * 1024) {
-    return [=](PluginStream& stream, const Frame& frame) {
-      if (frame.type != gxmod::ConnectionType::Connect) return;
-      for (std::size_t at = 0; at < bytes; at += frame_bytes) {
-        const std::size_t length = std::min(frame_bytes, bytes - at);
-        stream.Send({gxmod::ConnectionType::Data, frame.id, Pattern(length, frame.id, at)});
-      }
-      stream.Send({gxmod::ConnectionType::Close, frame.id, ""});
-    };
-  }
-
   explicit FarSide(CRefObj<PluginStream> stream, Answer answer = Echo)
       : stream_(std::move(stream)), answer_(std::move(answer)), thread_([this] { Run(); }) {}
   FarSide(const FarSide&) = delete;

@@ -8,6 +8,7 @@
 #include <initializer_list>
 #include <limits>
 #include <mutex>
+#include <new>
 #include <optional>
 #include <random>
 #include <string>
@@ -70,6 +71,7 @@ class PluginStream final : public IPluginStreamRaw, private CReference {
     std::size_t send_capacity = kNoLimit;  // bytes that wait for the module; then Send blocks
     unsigned cut_seed = 0;                 // not 0: Read and Write take a random part of what they could
     unsigned zero_every = 0;  // not 0: so many calls of Read, or Write, and one succeeds with 0 bytes
+    bool close_throws = false;
   };
   void Behave(const Behaviour& behaviour) {
     const std::lock_guard lock(mutex_);
@@ -117,6 +119,7 @@ class PluginStream final : public IPluginStreamRaw, private CReference {
     const std::lock_guard lock(mutex_);
     closed_ = true;
     changed_.notify_all();
+    if (behaviour_.close_throws) throw std::bad_alloc();
     return 0;
   }
 

