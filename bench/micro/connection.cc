@@ -10,6 +10,7 @@
 #include "measure.h"
 #include "object/reference.h"
 #include "portfwd/connection_handler.h"
+#include "portfwd/frame_alloctor.h"
 #include "portfwd/stream_decorator.h"
 #include "sock/sock_stream.h"
 #include "stream/mem_buffer.h"
@@ -50,13 +51,14 @@ class LoneTracker final : public ITCPTaskTracker {
 
 class Connection final : IConnectionOwner {
  public:
-  explicit Connection(CRefObj<CPluginLink> link) {
+  Connection(CRefObj<CPluginLink> link, const CRefObj<IMemAlloctor>& memory) {
     std::array<int, 2> ends{};
     if (socketpair(AF_UNIX, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0, ends.data()) != 0) return;
     client_ = gxbase::Descriptor(ends[1]);
     stream_ = new CSockStream(IBaseStream::StreamType{0});
     stream_->SetSocket(ends[0], true);
     stream_->SetTracker(&tracker_);
+    stream_->SetMemAlloc(memory.get());
     handler_ = StreamDecorator_T<MyHandler>(stream_.get()).handler();
     handler_->put_Target("127.0.0.1:22");
     handler_->Join(*this, 7, std::move(link));
@@ -93,7 +95,7 @@ CRefObj<CPluginLink> MakeLink() {
 void ReadAndWriteFrames(benchmark::State& state) {
   static std::array<char, kTurnBytes> bytes{};
   const auto length = static_cast<std::size_t>(state.range(0));
-  Connection connection(MakeLink());
+  Connection connection(MakeLink(), new CFrameAlloctor);
   if (!connection.good()) return state.SkipWithError("no sockets");
   gxbench::MeasureAt(state, "up", [&] {
     benchmark::DoNotOptimize(send(connection.client(), bytes.data(), length, 0));
@@ -106,7 +108,7 @@ BENCHMARK(ReadAndWriteFrames)->Arg(64)->Arg(kBlockBytes)->Arg(kTurnBytes);
 void DeliverFrame(benchmark::State& state) {
   static std::array<char, kBlockBytes> bytes{};
   const auto length = static_cast<std::uint32_t>(state.range(0));
-  Connection connection(MakeLink());
+  Connection connection(MakeLink(), new CFrameAlloctor);
   if (!connection.good()) return state.SkipWithError("no sockets");
   gxbench::MeasureAt(state, "down", [&] {
     const CRefObj<IBuffer> payload = g_pMemAlloctor->GetFreeBuffer(length);
@@ -120,7 +122,8 @@ BENCHMARK(DeliverFrame)->Arg(64)->Arg(kBlockBytes);
 // A connection comes, is announced, and is gone.
 void ShortConnection(benchmark::State& state) {
   const CRefObj<CPluginLink> link = MakeLink();
-  gxbench::Measure(state, "connection", [&] { benchmark::DoNotOptimize(Connection(link).good()); });
+  const CRefObj<IMemAlloctor> memory(new CFrameAlloctor);
+  gxbench::Measure(state, "connection", [&] { benchmark::DoNotOptimize(Connection(link, memory).good()); });
 }
 BENCHMARK(ShortConnection);
 

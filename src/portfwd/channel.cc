@@ -125,6 +125,7 @@ bool CChannelRaw::SELECT_ACCEPTOR::Listen(const char* host_port, CReactor_T<tcp_
 }
 
 bool CChannelRaw::SELECT_ACCEPTOR::OnAccept(CRefObj<CSockStream> stream) {
+  stream->SetMemAlloc(memory_.get());
   {
     CStdLock lock(mutex_);
     if (channel_ != nullptr) channel_->OnAccept(stream);

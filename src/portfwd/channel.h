@@ -8,6 +8,7 @@
 
 #include "base/mutex_lock.h"
 #include "object/reference.h"
+#include "portfwd/frame_alloctor.h"
 #include "reactor/reactor.h"
 #include "sock/sock_acceptor.h"
 
@@ -102,7 +103,8 @@ class CChannelRaw final : public IChannelRaw, private CReference {
     void Detach();
 
    private:
-    CStdMutex mutex_;  // held while the channel is called
+    const CRefObj<IMemAlloctor> memory_{new CFrameAlloctor};  // of the connections
+    CStdMutex mutex_;                                         // held while the channel is called
     CChannelRaw* channel_ GUARDED_BY(mutex_);
     std::atomic<ITimer*> starting_on_{nullptr};  // during Listen
   };

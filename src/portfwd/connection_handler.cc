@@ -5,11 +5,12 @@
 #include <new>
 #include <utility>
 
-#include "stream/mem_buffer.h"
+#include "portfwd/frame_alloctor.h"
 
 namespace {
 
-constexpr unsigned long kReadBytes = 4096;
+// At once; a step, and with it a frame, has 4,096 bytes at most.
+constexpr unsigned long kReadBytes = CFrameAlloctor::kReadBytes;
 
 }  // namespace
 
@@ -30,12 +31,12 @@ bool MyHandler::Handle(IBaseStream* stream, IBaseStream::NotifyType type, IBuffe
       OnDisconnected();
       break;
     case IBaseStream::kReadStep:
-      return SendData(buffer, length);
+      return SendData(*buffer, length);
     case IBaseStream::kWriteStep:
       if (link_) link_->flow().Took(account_);
       break;
     case IBaseStream::kReadDone:
-      ReadInto(*stream, *buffer);
+      stream->Read(nullptr, kReadBytes, kNoTimeout);
       break;
     case IBaseStream::kWriteDone:
       if (link_) link_->flow().Released(account_, length);
@@ -82,15 +83,7 @@ void MyHandler::OnConnected() {
     state_ = State::kNew;
     return Disconnect();
   }
-  const CRefObj<IBuffer> buffer = g_pMemAlloctor->GetFreeBuffer(gxmod::kFrameHeaderBytes + kReadBytes);
-  if (!buffer) return Disconnect();  // nobody would ever read from it
-  ReadInto(*stream_, *buffer);
-}
-
-// The room for a header stays in front, see SendData.
-void MyHandler::ReadInto(IBaseStream& stream, IBuffer& buffer) {
-  buffer.SetSize(gxmod::kFrameHeaderBytes);
-  stream.Read(&buffer, buffer.GetBufferSize() - buffer.GetSize(), kNoTimeout);
+  stream_->Read(nullptr, kReadBytes, kNoTimeout);
 }
 
 void MyHandler::OnDisconnected() {
@@ -99,12 +92,15 @@ void MyHandler::OnDisconnected() {
   owner_->OnEnd(*this, state_.exchange(State::kEnded) == State::kAnnounced);
 }
 
-// The header goes in front of the last `length` bytes of the buffer: into its spare room or over bytes that
-// have been sent. So the frame is written from where the socket has put it.
-bool MyHandler::SendData(IBuffer* buffer, unsigned long length) {
+// The header goes in front of the last `length` bytes of the buffer: into the room that CFrameAlloctor leaves,
+// or over bytes that have been sent. So the frame is written from where the socket has put it, and then there
+// is nothing left in the buffer that anybody needs.
+bool MyHandler::SendData(IBuffer& buffer, unsigned long length) {
   const std::size_t frame_length = gxmod::kFrameHeaderBytes + length;
-  char* frame = static_cast<char*>(buffer->GetPointer()) + buffer->GetSize() - frame_length;
+  assert(buffer.GetSize() >= frame_length);
+  char* const frame = static_cast<char*>(buffer.GetPointer()) + buffer.GetSize() - frame_length;
   FillBuffer(gxmod::ConnectionType::Data, nullptr, frame, length);
+  buffer.SetSize(gxmod::kFrameHeaderBytes);
   return link_->writer().WriteFrame(frame, frame_length);
 }
 

@@ -25,8 +25,9 @@ class IConnectionOwner {
 };
 
 // Turns what happens on a local stream into frames: Connect when it is connected, Data for every read step,
-// Close when it has ended. Counted together with its stream (StreamDecorator_T). Threads: Handle on whichever
-// thread makes it happen; Deliver and End on the thread that reads the plugin stream.
+// Close when it has ended. What is read has to come in buffers of a CFrameAlloctor. Counted together with its
+// stream (StreamDecorator_T). Threads: Handle on whichever thread makes it happen; Deliver and End on the
+// thread that reads the plugin stream.
 class MyHandler : public IBaseStream::IBaseHandler, public IReference {
  public:
   explicit MyHandler(IBaseStream* stream) : stream_(stream) {}
@@ -69,8 +70,7 @@ class MyHandler : public IBaseStream::IBaseHandler, public IReference {
  private:
   void OnConnected();
   void OnDisconnected();
-  static void ReadInto(IBaseStream& stream, IBuffer& buffer);
-  bool SendData(IBuffer* buffer, unsigned long length);
+  bool SendData(IBuffer& buffer, unsigned long length);
   bool SendFrame(gxmod::ConnectionType type, std::string_view payload);
 
   IConnectionOwner* owner_ = nullptr;  // null: nobody has taken the connection

@@ -84,7 +84,6 @@ bool CSockStream::SetSocket(int socket, bool connected) {
     GXModLog(kGXModLogWarning,
              "[CSockStream] m_Socket member has been set when SetSocket be called, now close it first");
     close(previous);
-    ahead_ = {};
   }
   SetConnected(connected);
   ReadNames();
@@ -97,6 +96,7 @@ void CSockStream::do_op(SelectOp op) {
   switch (op) {
     case kSelectReadable:
       read_budget_ = kReadTurnBytes;
+      yields_ = false;
       read_pending_ = false;
       RecvRout(true);
       break;
@@ -140,17 +140,16 @@ bool CSockStream::peek(char* data, long length, long& count, long timeout_ms) {
 bool CSockStream::readbyflag(char* data, long length, long& count, long timeout_ms, int flags) {
   if (read_pending_) return true;
   count = 0;
-  if (read_budget_ <= 0 && timeout_ms != 0) {
-    const CTCPTask turn = ahead_.empty() ? TaskFor(kSelectReadable) : CTCPTask(new CTCPTurnTask(this));
-    if (WaitInTracker(turn, read_pending_)) return true;
-  }
+  const std::int64_t budget = yields_ ? 0 : read_budget_.load();
+  if (budget <= 0 && timeout_ms != 0 && WaitInTracker(TaskFor(kSelectReadable), read_pending_)) return true;
 
-  const ssize_t got = ahead_.Receive(socket_, data, static_cast<std::size_t>(length), flags);
+  const auto most = static_cast<std::size_t>(budget > 0 ? std::min<std::int64_t>(length, budget) : length);
+  const ssize_t got = recv(socket_, data, most, flags);
   if (got == 0) return false;  // the peer closed; errno is whatever an earlier call left
   if (got > 0) {
     count = got;
     // A socket that was emptied would, at another look, only tell so.
-    read_budget_ = ahead_.drained() ? 0 : read_budget_ - got;
+    read_budget_ = static_cast<std::size_t>(got) < most ? 0 : budget - got;
     return true;
   }
 
@@ -229,8 +228,14 @@ bool CSockStream::write_done(IBuffer* buffer, unsigned long length) {
 
 bool CSockStream::read_step(IBuffer* buffer, unsigned long length) {
   const bool goes_on = Notify(kReadStep, buffer, length, true);
-  if (!goes_on) read_budget_ = 0;
+  if (!goes_on) yields_ = true;
   return goes_on;
+}
+
+// What has been read is no longer in the socket, so that select knows nothing of it.
+bool CSockStream::may_step() {
+  if (read_pending_) return false;
+  return !yields_ || !WaitInTracker(CTCPTask(new CTCPTurnTask(this)), read_pending_);
 }
 
 bool CSockStream::peek_done(IBuffer* buffer, unsigned long length) {

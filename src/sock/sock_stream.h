@@ -9,7 +9,6 @@
 
 #include "object/object_monitor.h"
 #include "reactor/tcp_task.h"
-#include "sock/read_ahead.h"
 #include "stream/base_stream.h"
 
 // Owns its socket, which it expects to be non-blocking. What would block is handed to the tracker as a task;
@@ -53,6 +52,7 @@ class CSockStream : public CBaseStream {
   bool read_step(IBuffer* buffer, unsigned long length) override;
   bool peek_done(IBuffer* buffer, unsigned long length) override;
   bool write_step(IBuffer* buffer, unsigned long length) override;
+  bool may_step() override;
   // `flags`: 0 or MSG_PEEK.
   virtual bool readbyflag(char* data, long length, long& count, long timeout_ms, int flags);
 
@@ -71,8 +71,8 @@ class CSockStream : public CBaseStream {
   std::string peer_name_;
   std::atomic<bool> read_pending_{false};
   std::atomic<bool> write_pending_{false};
-  CReadAhead ahead_;
   std::atomic<std::int64_t> read_budget_{kReadTurnBytes};  // left of this turn
+  std::atomic<bool> yields_{false};                        // the handler had to wait: the turn is over
   // The same: of the reactor's turn, and of what another thread sends itself. That one may find a long queue,
   // too, and has its own work to go back to.
   std::atomic<std::int64_t> turn_budget_{kSendTurnBytes};

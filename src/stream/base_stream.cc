@@ -31,12 +31,6 @@ long TransportTimeout(std::uint64_t left) {
   return left == kNoTimeout ? -1 : static_cast<long>(std::min(left, kLongest));
 }
 
-bool HasRoom(const IBuffer& buffer, std::uint64_t length) {
-  const std::size_t capacity = buffer.GetBufferSize();
-  const std::size_t filled = buffer.GetSize();
-  return filled <= capacity && capacity - filled >= length;
-}
-
 }  // namespace
 
 CBaseStream::CBaseStream(StreamType type, bool connected)
@@ -117,12 +111,13 @@ bool CBaseStream::IsClosed_impl() const { return closed_.load(std::memory_order_
 
 bool CBaseStream::HadConnected_impl() const { return had_connected_.load(std::memory_order_acquire); }
 
+CRefObj<IMemAlloctor> CBaseStream::Allocator() const {
+  CStdLock lock(queue_lock_);
+  return allocator_;
+}
+
 bool CBaseStream::GetFreeBuffer(IBuffer** out, unsigned long length) {
-  CRefObj<IMemAlloctor> allocator;
-  {
-    CAutoLock lock(queue_lock_);
-    allocator = allocator_;
-  }
+  const CRefObj<IMemAlloctor> allocator = Allocator();
   if (out == nullptr || !allocator) return false;
   CRefObj<IBuffer> buffer = allocator->GetFreeBuffer(length);
   if (!buffer) return false;
@@ -133,7 +128,7 @@ bool CBaseStream::GetFreeBuffer(IBuffer** out, unsigned long length) {
 bool CBaseStream::Disconnect_impl(unsigned int /*reason*/) {
   if (closed_.exchange(true, std::memory_order_acq_rel)) return false;
   std::list<CItem> dropped[2];  // outlive the lock; a task may hold the stream itself for long
-  CAutoLock lock(queue_lock_);
+  CStdLock lock(queue_lock_);
   for (const Direction way : {kReceive, kSend}) dropped[way].swap(transfers_[way].queue);
   return true;
 }
@@ -149,7 +144,7 @@ unsigned long CBaseStream::timeleft(unsigned long now_ms) {
 }
 
 CBaseStream::CDeadline CBaseStream::NextDeadline() const {
-  CAutoLock lock(queue_lock_);
+  CStdLock lock(queue_lock_);
   if (!HadConnected_impl()) {
     return {"[basestream] connect server timeout", start_tick_ms_, connect_timeout_ms_};
   }
@@ -164,7 +159,7 @@ unsigned long CBaseStream::SendRout(bool from_reactor) { return Drain(kSend, fro
 
 void CBaseStream::SetConnectTimeout(unsigned long connect_ms, unsigned long /*transport_ms*/,
                                     unsigned long request_ms) {
-  CAutoLock lock(queue_lock_);
+  CStdLock lock(queue_lock_);
   start_tick_ms_ = gettickcount();
   connect_timeout_ms_ = connect_ms;
   if (connect_ms != kNoTimeout) has_limits_.store(true, std::memory_order_relaxed);
@@ -173,7 +168,7 @@ void CBaseStream::SetConnectTimeout(unsigned long connect_ms, unsigned long /*tr
 
 CRefObj<IMemAlloctor> CBaseStream::SetMemAlloc(IMemAlloctor* allocator) {
   CRefObj<IMemAlloctor> previous(allocator);
-  CAutoLock lock(queue_lock_);
+  CStdLock lock(queue_lock_);
   std::swap(previous, allocator_);
   return previous;
 }
@@ -187,12 +182,12 @@ void CBaseStream::SetConnected(bool had_connected) {
 std::list<CBaseStream::CItem> CBaseStream::MakeRequest(Kind kind, IBuffer* buffer, unsigned long length,
                                                        unsigned long timeout_ms) {
   std::list<CItem> request;
-  request.push_back({.kind = kind,
-                     .done = 0,
-                     .remaining = length,
-                     .timeout_ms = timeout_ms,
-                     .queued_at_ms = 0,
-                     .buffer = buffer});
+  CItem& item = request.emplace_back();
+  item.kind = kind;
+  item.remaining = length;
+  item.timeout_ms = timeout_ms;
+  item.buffer = buffer;
+  item.own_buffer = buffer == nullptr && kind != kWrite;
   return request;
 }
 
@@ -200,9 +195,8 @@ unsigned long CBaseStream::QueueRead(Kind kind, IBuffer* buffer, unsigned long l
                                      unsigned long timeout_ms) {
   if (!IsConnect()) return kNotConnected;
   if (length == 0) return 0;
-  const CRefObj<IBuffer> target = buffer != nullptr ? CRefObj<IBuffer>(buffer) : NewBuffer(length);
-  if (!target) return 0;
-  Append(kReceive, MakeRequest(kind, target.get(), length, timeout_ms));
+  if (buffer == nullptr && !Allocator()) return 0;
+  Append(kReceive, MakeRequest(kind, buffer, length, timeout_ms));
   return RecvRout(false);
 }
 
@@ -213,7 +207,7 @@ CRefObj<IBuffer> CBaseStream::NewBuffer(unsigned long length) {
 }
 
 void CBaseStream::Append(Direction way, std::list<CItem> items) {
-  CAutoLock lock(queue_lock_);
+  CStdLock lock(queue_lock_);
   for (CItem& item : items) {
     if (request_timeout_ms_ != kNoTimeout) item.timeout_ms = request_timeout_ms_;
     if (item.timeout_ms != kNoTimeout) StartClock(item);
@@ -241,31 +235,37 @@ unsigned long CBaseStream::Drain(Direction way, bool from_reactor) {
       progress = Fail(kStreamOtherError);
     }
     if (progress == kMoved) continue;
+    if (progress == kBusy) DropEmptyBuffer(current_[way].front());
 
     // Seeing that there is nothing to do and leaving are one step under this lock. Whoever appends a request,
     // or has become ready, is either seen here or finds the entrance free.
-    CAutoLock lock(queue_lock_);
+    CStdLock lock(queue_lock_);
     CTransfer& transfer = transfers_[way];
     assert(transfer.inside);
     if (progress == kBusy && std::exchange(transfer.again, false)) continue;
-    if (progress == kNoRequest && !transfer.queue.empty()) {
-      current_[way].splice(current_[way].begin(), transfer.queue, transfer.queue.begin());
-      transfer.deadline = DeadlineOf(current_[way].front());
-      continue;
-    }
+    if (progress == kNoRequest && TakeNext(way)) continue;
     transfer.inside = transfer.again = false;
     return total;
   }
 }
 
 bool CBaseStream::Enter(Direction way, bool from_reactor) {
-  CAutoLock lock(queue_lock_);
+  CStdLock lock(queue_lock_);
   CTransfer& transfer = transfers_[way];
   if (transfer.inside) {
     if (from_reactor) transfer.again = true;
     return false;
   }
   transfer.inside = true;
+  if (current_[way].empty()) TakeNext(way);
+  return true;
+}
+
+bool CBaseStream::TakeNext(Direction way) {
+  CTransfer& transfer = transfers_[way];
+  if (transfer.queue.empty()) return false;
+  current_[way].splice(current_[way].begin(), transfer.queue, transfer.queue.begin());
+  transfer.deadline = DeadlineOf(current_[way].front());
   return true;
 }
 
@@ -276,17 +276,25 @@ CBaseStream::Progress CBaseStream::Step(Direction way, unsigned long& total) {
     Complete(way);
     return kNoRequest;
   }
-  long moved = 0;
-  const Progress progress = Move(item, moved);
-  if (progress != kMoved) return progress;
-  Account(way, item, moved);
-  total += static_cast<unsigned long>(moved);
+  // A hook may have disconnected: its handler shall hear of nothing more.
+  if (!CBaseStream::IsConnect_impl()) return kClosed;
+  if (item.untold == 0) {
+    const Progress progress = Move(item);
+    if (progress != kMoved) return progress;
+  } else if (!may_step()) {
+    return kBusy;
+  }
+  const bool in_steps = item.own_buffer && item.kind == kRead;
+  const std::uint64_t step =
+      in_steps ? std::min(item.untold, kStepBytes - item.done % kStepBytes) : item.untold;
+  Account(way, item, step);
+  total += step;
   return kMoved;
 }
 
-CBaseStream::Progress CBaseStream::Move(const CItem& item, long& moved) {
-  if (!IsConnect()) return kClosed;  // a hook has disconnected: its handler shall hear of nothing more
+CBaseStream::Progress CBaseStream::Move(CItem& item) {
   const bool writes = item.kind == kWrite;
+  if (item.own_buffer && !item.buffer) MakeBuffer(item);
   if (!item.buffer) {
     if (writes) ended_.store(true, std::memory_order_relaxed);
     return Fail(writes ? kStreamEnd : kStreamSocketError);
@@ -300,31 +308,63 @@ CBaseStream::Progress CBaseStream::Move(const CItem& item, long& moved) {
              writes ? "495" : "315");
     return kClosed;
   }
-  if (!writes && !HasRoom(*item.buffer, item.remaining)) return Fail(kStreamNoRoom);
+  if (!writes && !HasRoom(item)) return Fail(kStreamNoRoom);
+  long moved = 0;
   if (!CallTransport(item, moved, TransportTimeout(left))) {
     return Fail(IBaseStream::IStatusImpl::ErrnoToTarnErrorCode(static_cast<unsigned>(errno)));
   }
   assert(moved >= 0 && static_cast<std::uint64_t>(moved) <= item.remaining);
+  item.untold = static_cast<std::uint64_t>(moved);
   return moved != 0 ? kMoved : kBusy;
+}
+
+void CBaseStream::MakeBuffer(CItem& item) {
+  item.buffer = NewBuffer(item.done + item.remaining);
+  if (item.buffer) {
+    item.begin = item.told = item.buffer->GetSize();
+  } else {
+    GXModLog(kGXModLogError, "[basestream] no memory to read, the stream is disconnected");
+  }
+}
+
+// A stream that waits, perhaps for long, needs no memory for what may come.
+void CBaseStream::DropEmptyBuffer(CItem& item) {
+  if (item.own_buffer && item.buffer && item.untold == 0 && item.buffer->GetSize() == item.begin)
+    item.buffer = {};
+}
+
+// Where the next byte of a read goes: behind the filled ones; a handler may have emptied the stream's own
+// buffer.
+std::uint64_t CBaseStream::RoomBegin(const CItem& item) {
+  return item.own_buffer ? item.told : item.buffer->GetSize();
+}
+
+bool CBaseStream::HasRoom(const CItem& item) {
+  const std::uint64_t capacity = item.buffer->GetBufferSize();
+  const std::uint64_t begin = RoomBegin(item);
+  return begin <= capacity && capacity - begin >= item.remaining;
 }
 
 bool CBaseStream::CallTransport(const CItem& item, long& moved, long timeout_ms) {
   char* const bytes = static_cast<char*>(item.buffer->GetPointer());
   const long length = static_cast<long>(item.remaining);
   if (item.kind == kWrite) return write(bytes + item.done, length, moved, timeout_ms, /*flags=*/0);
-  char* const room = bytes + item.buffer->GetSize();
+  char* const room = bytes + RoomBegin(item);
   return item.kind == kPeek ? peek(room, length, moved, timeout_ms) : read(room, length, moved, timeout_ms);
 }
 
-void CBaseStream::Account(Direction way, CItem& item, long moved) {
-  const auto bytes = static_cast<std::uint64_t>(moved);
+void CBaseStream::Account(Direction way, CItem& item, std::uint64_t bytes) {
+  item.untold -= bytes;
   item.done += bytes;
   item.remaining = item.kind == kPeek ? 0 : item.remaining - bytes;  // a peek takes what there is
   if (item.remaining == 0 && item.timeout_ms != kNoTimeout) {
-    CAutoLock lock(queue_lock_);
+    CStdLock lock(queue_lock_);
     transfers_[way].deadline = {};
   }
-  if (item.kind != kWrite) item.buffer->SetSize(item.buffer->GetSize() + bytes);
+  if (item.kind != kWrite) {
+    item.told = RoomBegin(item) + bytes;
+    item.buffer->SetSize(item.told);
+  }
   if (item.kind == kWrite) write_step(item.buffer.get(), bytes);
   if (item.kind == kRead) read_step(item.buffer.get(), bytes);
 }

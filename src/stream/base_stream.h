@@ -104,6 +104,9 @@ class CBaseStream : public IBaseStream,
   virtual bool read_step(IBuffer* /*buffer*/, unsigned long /*length*/) { return true; }
   virtual bool peek_done(IBuffer* /*buffer*/, unsigned long /*length*/) { return true; }
   virtual bool write_step(IBuffer* /*buffer*/, unsigned long /*length*/) { return true; }
+  // What the last read brought is to be told in one more step. False: not now, the transport will call RecvRout
+  // with true.
+  virtual bool may_step() { return true; }
 
  protected:
   // For the transport: the connection stands (again).
@@ -115,6 +118,9 @@ class CBaseStream : public IBaseStream,
  private:
   enum Direction { kReceive, kSend };
   enum Kind { kRead, kPeek, kWrite };
+  // The most that a step into the stream's own buffer brings. Steps end where the request has got a multiple of
+  // it.
+  static constexpr std::uint64_t kStepBytes = 4096;
 
   // One queued request.
   struct CItem {
@@ -124,6 +130,10 @@ class CBaseStream : public IBaseStream,
     std::uint64_t timeout_ms = kNoTimeout;
     std::uint64_t queued_at_ms = 0;  // only with a limit
     CRefObj<IBuffer> buffer;
+    std::uint64_t untold = 0;  // bytes that have been moved, but not been told to the handler
+    bool own_buffer = false;   // the stream makes it when there is something to read, and these two count:
+    std::uint64_t begin = 0;   // the filled size with which the allocator gave it
+    std::uint64_t told = 0;    // where the bytes end that have been told
   };
 
   // What timeleft looks at.
@@ -147,6 +157,7 @@ class CBaseStream : public IBaseStream,
                                       unsigned long timeout_ms);
 
   unsigned long QueueRead(Kind kind, IBuffer* buffer, unsigned long length, unsigned long timeout_ms);
+  CRefObj<IMemAlloctor> Allocator() const;
   CRefObj<IBuffer> NewBuffer(unsigned long length);
   void Append(Direction way, std::list<CItem> items);
   void StartClock(CItem& item);
@@ -163,10 +174,15 @@ class CBaseStream : public IBaseStream,
   unsigned long Drain(Direction way, bool from_reactor);
   // False: somebody is draining.
   bool Enter(Direction way, bool from_reactor);
+  bool TakeNext(Direction way) REQUIRES(queue_lock_);  // false: there is none
   Progress Step(Direction way, unsigned long& total);
-  Progress Move(const CItem& item, long& moved);
+  Progress Move(CItem& item);
+  void MakeBuffer(CItem& item);
+  static void DropEmptyBuffer(CItem& item);
+  static std::uint64_t RoomBegin(const CItem& item);
+  static bool HasRoom(const CItem& item);
   bool CallTransport(const CItem& item, long& moved, long timeout_ms);
-  void Account(Direction way, CItem& item, long moved);
+  void Account(Direction way, CItem& item, std::uint64_t bytes);
   void Complete(Direction way);
   Progress Fail(unsigned code);  // disconnects; always kClosed
   CDeadline NextDeadline() const;
@@ -181,7 +197,7 @@ class CBaseStream : public IBaseStream,
   std::atomic<bool> has_limits_{false};
   const StreamType type_;
 
-  mutable CMutexLock queue_lock_;
+  mutable CStdMutex queue_lock_;
   CTransfer transfers_[2] GUARDED_BY(queue_lock_);  // by Direction
   CRefObj<IMemAlloctor> allocator_ GUARDED_BY(queue_lock_);
   std::uint64_t start_tick_ms_ GUARDED_BY(queue_lock_);

@@ -106,7 +106,10 @@ class IBaseStream : public IReference {
   // failure), or kNotConnected.
   virtual unsigned long Write(_WRITE_BUF* list, unsigned long count, unsigned long timeout_ms);
   virtual unsigned long Write(IBuffer* buffer, unsigned long length, unsigned long timeout_ms);
-  // A null `buffer` lets the stream make one of `length` bytes. A `length` of 0 queues nothing.
+  // A null `buffer` lets the stream make one of `length` bytes, when there is something to read; steps of 4,096
+  // bytes at most then tell what was read at once. A handler that has no more use for the bytes of a step may
+  // set the size back to what it was before the first one: the stream goes on behind them, but gives an empty
+  // buffer back while it waits, and later steps come in another one. A `length` of 0 queues nothing.
   virtual unsigned long Read(IBuffer* buffer, unsigned long length, unsigned long timeout_ms);
   virtual unsigned long Peek(IBuffer* buffer, unsigned long length, unsigned long timeout_ms);
   // True when this call ended the stream.

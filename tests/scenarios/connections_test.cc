@@ -122,6 +122,22 @@ TEST_F(ConnectionsTest, ComingAndGoingLeavesNothing) {
   EXPECT_LE(gxtest::HeapBytes(), heap + kCached);
 }
 
+// Most connections are idle most of the time, also those that have said something before.
+TEST_F(ConnectionsTest, IdleOnesTakeLittleMemory) {
+  if (gxtest::kSanitized) GTEST_SKIP() << "a sanitizer has malloc";
+  constexpr std::size_t kConnections = 300;
+  constexpr std::size_t kBytesEach = 2048;
+  std::vector<Connection> connections;
+  connections.reserve(kConnections);
+  const std::size_t heap = gxtest::HeapBytes();
+  while (connections.size() < kConnections && !HasFailure()) {
+    connections.push_back(Connect());
+    ASSERT_TRUE(connections.back().local.Send("hello"));
+    ASSERT_EQ(ReceiveData(connections.back().id, 5), "hello");
+  }
+  EXPECT_LE(gxtest::HeapBytes(), heap + kConnections * kBytesEach);
+}
+
 // The client ends in some way behind an upload; all of it arrives, and one Close.
 TEST_F(ConnectionsTest, EndsByTheClient) {
   const std::size_t rounds = static_cast<std::size_t>(Rounds(100, 1000));

@@ -16,6 +16,7 @@
 #include "base/clock.h"
 #include "stream/mem_buffer.h"
 #include "support/log_capture.h"
+#include "support/pattern.h"
 
 namespace {
 
@@ -37,6 +38,10 @@ class FakeStream : public CBaseStream {
   long piece = kUnlimited;   // the most bytes that one operation moves
   long credit = kUnlimited;  // the bytes that writes may still take
   int fails_with = 0;        // the errno with which every operation fails
+  bool steps = true;         // what was read may be told
+  bool empties = false;      // the handler has no more use for what it was told
+  int reads = 0;             // that moved something
+  std::string told;          // by the steps of reads
   Story story;               // of hooks and disconnects
   std::function<void(const std::string& event)> on_event = [](const std::string&) {};
   std::function<void()> on_busy = [] {};  // an operation found nothing to move and is about to return
@@ -49,6 +54,7 @@ class FakeStream : public CBaseStream {
   bool read(char* data, long length, long& count, long timeout_ms) override {
     if (!peek(data, length, count, timeout_ms)) return false;
     incoming.erase(0, static_cast<std::size_t>(count));
+    if (count != 0) ++reads;
     return true;
   }
   bool peek(char* data, long length, long& count, long) override {
@@ -64,7 +70,12 @@ class FakeStream : public CBaseStream {
   }
   bool read_done(IBuffer*, unsigned long length) override { return Note("read done", length); }
   bool write_done(IBuffer*, unsigned long length) override { return Note("write done", length); }
-  bool read_step(IBuffer*, unsigned long length) override { return Note("read", length); }
+  bool read_step(IBuffer* buffer, unsigned long length) override {
+    told.append(static_cast<char*>(buffer->GetPointer()) + buffer->GetSize() - length, length);
+    if (empties) buffer->SetSize(0);
+    return Note("read", length);
+  }
+  bool may_step() override { return steps; }
   bool write_step(IBuffer*, unsigned long length) override { return Note("wrote", length); }
 
  private:
@@ -143,6 +154,70 @@ TEST_F(BaseStreamTest, WaitsForTheTransportAndGoesOn) {
   EXPECT_EQ(stream_->incoming, "e");
   EXPECT_THAT(stream_->story, ElementsAre("wrote 2", "read 3", "wrote 3", "write done 5", "wrote 1",
                                           "write done 1", "read 1", "read done 4"));
+}
+
+// A handler makes a frame of each step. To the far side that looks like one read of 4,096 bytes after the
+// other.
+TEST_F(BaseStreamTest, TellsInStepsWhatItReadsIntoItsOwnBuffer) {
+  for (const bool empties : {false, true}) {
+    Restart();
+    stream_->empties = empties;
+    const std::string bytes = gxtest::Pattern(17'000);
+    stream_->incoming = bytes.substr(0, 10'000);
+    stream_->on_event = [this](const std::string&) { stream_->steps = stream_->story.size() != 1; };
+    EXPECT_EQ(stream_->Read(nullptr, 16'384, kNoTimeout), 4096U);
+    EXPECT_EQ(stream_->RecvRout(true), 0U) << "the transport does not want another step";
+    stream_->steps = true;
+    EXPECT_EQ(stream_->RecvRout(true), 10'000U - 4096U);
+    EXPECT_EQ(stream_->reads, 1);
+    stream_->incoming = bytes.substr(10'000);
+    EXPECT_EQ(stream_->RecvRout(true), 6384U);
+    EXPECT_EQ(stream_->reads, 2);
+    EXPECT_THAT(stream_->story, ElementsAre("read 4096", "read 4096", "read 1808", "read 2288", "read 4096",
+                                            "read done 16384"));
+    EXPECT_TRUE(stream_->told == bytes.substr(0, 16'384));
+  }
+}
+
+// Counts the buffers that there are, and has none when told so.
+class CountingAllocator final : public CMemAlloctorEx<CMemBuffer> {
+ public:
+  int alive = 0;
+  bool refuses = false;
+  CRefObj<IBuffer> CreateBuffer(std::size_t size) override {
+    if (refuses) return {};
+    ++alive;
+    return CMemAlloctorEx::CreateBuffer(size);
+  }
+  bool FreeBuff(IBuffer* buffer) override {
+    --alive;
+    return CMemAlloctorEx::FreeBuff(buffer);
+  }
+};
+
+// Most connections wait most of the time.
+TEST_F(BaseStreamTest, AWaitForNothingBegunTakesNoBuffer) {
+  const CRefObj<CountingAllocator> allocator(new CountingAllocator);
+  for (const bool empties : {false, true}) {
+    Restart();
+    stream_->SetMemAlloc(allocator.get());
+    stream_->empties = empties;
+    stream_->Read(nullptr, 8, kNoTimeout);
+    EXPECT_EQ(allocator->alive, 0);
+    stream_->incoming = "abc";
+    stream_->RecvRout(true);
+    EXPECT_EQ(allocator->alive, empties ? 0 : 1);
+    stream_->incoming = "defgh";
+    stream_->RecvRout(true);
+    EXPECT_EQ(stream_->told, "abcdefgh");
+    EXPECT_EQ(stream_->story.back(), "read done 8");
+    EXPECT_EQ(allocator->alive, 0);
+  }
+  stream_->Read(nullptr, 8, kNoTimeout);
+  allocator->refuses = true;
+  stream_->RecvRout(true);
+  EXPECT_EQ(stream_->story.back(), "disconnect 57349");
+  EXPECT_THAT(log_.Lines(), ElementsAre(Pair(kGXModLogError, HasSubstr("no memory"))));
 }
 
 // The reactor may be quicker than the operation that asked it for a call, and then finds the entrance taken.
