@@ -13,7 +13,6 @@
 #include "module/ssh_client.h"
 #include "support/far_side.h"
 #include "support/forwarding.h"
-#include "support/refused_call.h"
 #include "support/scale.h"
 
 namespace {
@@ -156,18 +155,6 @@ TEST_F(CallOrders, EveryOrderHasItsResults) {
     stream_ = nullptr;
     listener_->told_port = 0;
   }
-}
-
-// As in a sandbox: a port that nobody accepts on is no success.
-TEST_F(CallOrders, WhereTheSystemRefusesToAcceptRunFails) {
-  plugin_->SetListener(listener_.get());
-  gxtest::WithRefusedCall(SYS_accept4, EPERM, [this] {
-    EXPECT_EQ(Call('I'), kGXModOk);
-    EXPECT_EQ(Call('R'), kGXModFail);
-    EXPECT_EQ(listener_->told_port, 0);
-    Call('E');
-  });
-  plugin_ = nullptr;
 }
 
 }  // namespace

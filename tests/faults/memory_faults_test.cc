@@ -108,14 +108,14 @@ int __wrap_pthread_create(pthread_t* thread, const pthread_attr_t* attributes, v
   if (g_threads.Fails()) return EAGAIN;
   const Inside host(kHost);
   const int result = __real_pthread_create(thread, attributes, RunInModule, new Start{function, argument});
-  // A thread that has come to its work by now shows it when its starter fails to keep account of it.
+  // The new thread gets ahead of its starter: a starter that has not entered it anywhere yet is found out.
   std::this_thread::sleep_for(std::chrono::milliseconds(1));
   return result;
 }
 }
 
-// All forms, since a sanitizer brings its own. Out of line: the compiler must not see where the memory comes
-// from.
+// All forms, since a sanitizer brings its own. Out of line: the compiler complains of a delete whose memory it
+// sees coming from malloc.
 [[gnu::noinline]] void* operator new(std::size_t size, const std::nothrow_t&) noexcept {
   return __wrap_malloc(size != 0 ? size : 1);
 }
@@ -259,20 +259,6 @@ TEST_F(MemoryFaults, AnyRequestMayFail) {
     EXPECT_GT(n, 2);
     std::cout << c.name << ": " << n - 1 << " failed, " << failed_starts_ << " starts, " << lost_
               << " connections lost\n";
-  }
-}
-
-TEST_F(MemoryFaults, AReactorThatCannotStartIsAsStoppedAsBefore) {
-  for (int i = 0; i < 40; ++i) {
-    CReactor_T<tcp_select_tracker> reactor;
-    const int allocation = i % 4;  // 0: the thread
-    (allocation == 0 ? g_threads : g_memory).Arm(allocation == 0 ? 1 : allocation, 0);
-    const bool runs = InModule([&] { return reactor.Run(1); });
-    g_memory.Disarm();
-    g_threads.Disarm();
-    EXPECT_EQ(runs, allocation == 1) << "only a log line may be missing";
-    EXPECT_EQ(reactor.AddTask(CTCPTask()), runs);
-    EXPECT_TRUE(reactor.Run(1));
   }
 }
 

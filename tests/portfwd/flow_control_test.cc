@@ -67,7 +67,7 @@ TEST_F(FlowControlTest, WaitsForALittleRoomAndTellsOnceUntilHalfIsGone) {
   EXPECT_EQ(Queue(first_, 6), Filled::kConnection) << "the next time";
 }
 
-// A byte in a block of its own costs what holds the block.
+// A block of one byte counts with the memory that holds it.
 TEST_F(FlowControlTest, CountsWhatSmallBlocksCost) {
   unsigned blocks = 0;
   while (flow_.Queued(first_, 1) == Filled::kNothing) ++blocks;
@@ -131,7 +131,7 @@ TEST_F(FlowControlTest, WhoTakesNothingIsCut) {
   EXPECT_EQ(flow_.Owed(first_), 6 * kBlock) << "who takes something stays";
 }
 
-// Whatever ends the wait wakes the reader; nothing else does, there is no clock to help.
+// Each event that ends the wait wakes the reader. The deadlines lie too far ahead to do it.
 TEST(FlowControlThreadsTest, WakesTheReader) {
   const std::function<void(CFlowControl&, Account&)> events[] = {
       [](CFlowControl& flow, Account& account) { flow.Released(account, kMark); },

@@ -55,7 +55,7 @@ TEST_F(PortForwardClientTest, ChannelListFollowsEveryChange) {
   EXPECT_FALSE(TcpClient(address_).IsConnected());
 }
 
-// Neither a stop nor a change of sharing touches who is connected.
+// A stop, or a change of sharing, leaves connections as they are.
 TEST_F(PortForwardClientTest, AChannelStopsAndMovesToAFreshPort) {
   const CRefObj<IChannelRaw> channel(client_->GetChannel(0));
   Connection open = Connect();

@@ -1,4 +1,4 @@
-// What the plugin stream may do to the module: cut, fail, lie, and ask for too much.
+// A plugin stream that fails, or that promises more than it sends.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
@@ -50,7 +50,7 @@ std::size_t ResidentBytes() {
   return resident * static_cast<std::size_t>(sysconf(_SC_PAGESIZE));
 }
 
-// The far side may promise what no machine has; it costs what has come of it.
+// The header of a frame says 4 GiB: memory is taken for the bytes that have come, not for those announced.
 TEST_F(CarrierTest, PromiseOfFourGigabytesCostsWhatComes) {
   if (gxtest::kSanitized) GTEST_SKIP() << "the shadow of 4 GiB costs as well";
   constexpr std::size_t kMebibyte = 1024 * 1024;

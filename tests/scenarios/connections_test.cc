@@ -5,7 +5,6 @@
 #include <thread>
 #include <vector>
 
-#include "support/descriptor_limit.h"
 #include "support/far_side.h"
 #include "support/forwarding.h"
 #include "support/heap.h"
@@ -27,57 +26,32 @@ class ConnectionsTest : public gxtest::ForwardingTest {
  protected:
   void SetUp() override {
     ForwardingTest::SetUp();
-    TcpClient(address_).Close();  // what is made once and kept is made now
+    TcpClient(address_).Close();  // allocates what the process keeps
     ASSERT_TRUE(stream_->Receive(ConnectionType::Close));
-  }
-
-  // `clients` at once send `bytes` each and get them back; one Connect and one Close for each.
-  void EchoForAll(std::size_t clients, std::size_t bytes, FarSide::Answer answer = FarSide::Echo) {
-    constexpr std::size_t kThreads = 16;
-    constexpr std::size_t kFirst = 8;  // each is answered before its thread brings the next one
-    const gxtest::DescriptorLimit plenty(static_cast<int>(FD_SETSIZE + 2 * clients + 100));
-    const FarSide far(stream_, std::move(answer));
-    std::vector<std::thread> threads;
-    for (std::size_t i = 0; i < kThreads; ++i) {
-      threads.emplace_back([=, this] {
-        std::vector<TcpClient> group;
-        for (std::size_t client = i; client < clients; client += kThreads) {
-          group.emplace_back(address_).LeaveSelect();
-          EXPECT_TRUE(group.back().Echoes(kFirst));
-        }
-        for (TcpClient& client : group) EXPECT_TRUE(client.Echoes(bytes - kFirst));
-      });
-    }
-    for (std::thread& thread : threads) thread.join();
-    EXPECT_TRUE(far.WaitForCloses(clients));
-    const FarSide::Totals total = far.Total();
-    EXPECT_EQ(total.fault, "");
-    EXPECT_EQ(total.connects, clients);
-    EXPECT_EQ(total.closes, clients);
-    EXPECT_EQ(total.bytes, clients * bytes);
   }
 };
 
-// The host's threads cause frames, too, and the host takes what it likes of a block.
-TEST_F(ConnectionsTest, NineHundredAtOnce) {
-  stream_->Behave({.write_at_most = 1000, .cut_seed = 1, .zero_every = 7});
-  std::thread tester([&] {
-    for (int i = 0; i < 1000; ++i) client_->TestChannel("", "", "does it work?");
-  });
-  EchoForAll(900, Scale(1000U, 20'000U));
-  tester.join();
-}
-
-// Both roads of the carrier are always full, so each side has to go on while the other waits. Nor may the
-// reader stand still to report an end.
+// The carrier takes 4 KiB each way and is always full, so each side has to go on reading while its writes wait,
+// also while it reports the end of a connection.
 TEST_F(ConnectionsTest, NarrowCarrierNeverStandsStill) {
-  stream_->Behave({.capacity = 4096, .send_capacity = 4096});
+  stream_->Behave({.capacity = 4096, .send_capacity = 4096, .cut_seed = 1, .zero_every = 7});
   const std::size_t bytes = Scale(kMebibyte / 16, 4 * kMebibyte);
-  EchoForAll(64, bytes, FarSide::EchoAndEnd(bytes));
+  constexpr std::size_t kClients = 64;
+  const FarSide far(stream_, FarSide::EchoAndEnd(bytes));
+  std::vector<std::thread> clients;
+  for (std::size_t i = 0; i < kClients; ++i) {
+    clients.emplace_back([&] { EXPECT_TRUE(TcpClient(address_).Echoes(bytes)); });
+  }
+  for (std::thread& client : clients) client.join();
+  EXPECT_TRUE(far.WaitForCloses(kClients));
+  const FarSide::Totals total = far.Total();
+  EXPECT_EQ(total.fault, "");
+  EXPECT_EQ(total.closes, kClients);
+  EXPECT_EQ(total.bytes, kClients * bytes);
 }
 
-// What the host's Write does not take at once is the time of a slow line: nobody's 64 KiB go ahead of the
-// others.
+// On a slow line the host's Write takes a part of what it is given. Then two connections that both have 64 KiB
+// to send take turns frame by frame.
 TEST_F(ConnectionsTest, TakeTurnsOnASlowLine) {
   constexpr std::size_t kBytes = 64 * 1024;
   Connection first = Connect();
@@ -138,7 +112,7 @@ TEST_F(ConnectionsTest, IdleOnesTakeLittleMemory) {
   EXPECT_LE(gxtest::HeapBytes(), heap + kConnections * kBytesEach);
 }
 
-// The client ends in some way behind an upload; all of it arrives, and one Close.
+// However the client ends behind an upload, all of it arrives, and one Close.
 TEST_F(ConnectionsTest, EndsByTheClient) {
   const std::size_t rounds = static_cast<std::size_t>(Rounds(100, 1000));
   std::size_t total = 0;

@@ -143,7 +143,7 @@ TEST_F(SockStreamTest, TaskTimeOutDisconnects) {
   reactor.Stop();
 }
 
-// One sender that never pauses keeps its stream readable; the reactor must get back to the others all the same.
+// A peer that sends without a pause is read 64 KiB at a turn; between the turns the reactor serves the others.
 TEST_F(SockStreamTest, AFloodIsReadInTurns) {
   constexpr std::size_t kTurn = 64 * 1024;
   KeepingTracker tracker;
@@ -171,7 +171,7 @@ TEST_F(SockStreamTest, AFloodIsReadInTurns) {
   stream->Disconnect(0);
 }
 
-// Of a fast download the reactor sends so much in a turn; what other threads send is theirs.
+// The reactor sends 256 KiB of a download in a turn; what other threads send themselves does not count.
 TEST_F(SockStreamTest, ADownloadIsSentInTurns) {
   constexpr std::size_t kTurn = 256 * 1024;
   KeepingTracker tracker;
@@ -198,7 +198,7 @@ TEST_F(SockStreamTest, ADownloadIsSentInTurns) {
   stream->Disconnect(0);
 }
 
-// A thread that finds much to send has work of its own to go back to.
+// Not even another thread's own call: it has other work to go back to.
 TEST_F(SockStreamTest, NoCallSendsMoreThanATurn) {
   constexpr std::size_t kTurn = 256 * 1024;
   KeepingTracker tracker;
@@ -214,8 +214,8 @@ TEST_F(SockStreamTest, NoCallSendsMoreThanATurn) {
   stream->Disconnect(0);
 }
 
-// What the peer has not received yet would be lost with a reset. Other reasons share the code, but do not
-// linger.
+// Behind the last bytes the stream goes on receiving, since a reset would take along what the peer has not got
+// yet. Other ends have the same reason code, and close at once.
 TEST_F(SockStreamTest, OnlyAnOrderlyEndLingers) {
   for (const bool orderly : {true, false}) {
     KeepingTracker tracker;

@@ -220,7 +220,7 @@ TEST_F(BaseStreamTest, AWaitForNothingBegunTakesNoBuffer) {
   EXPECT_THAT(log_.Lines(), ElementsAre(Pair(kGXModLogError, HasSubstr("no memory"))));
 }
 
-// The reactor may be quicker than the operation that asked it for a call, and then finds the entrance taken.
+// The reactor calls while the operation that asked for the call has not returned yet.
 TEST_F(BaseStreamTest, AWakeUpDuringTheLastOperationIsNotLost) {
   stream_->on_busy = [this] {
     stream_->incoming = "ab";
@@ -338,8 +338,8 @@ TEST_F(BaseStreamTest, NothingIsQueuedThatCannotBeDone) {
   }
 }
 
-// The entrance of a direction stayed taken, and the stream silent, when a hook ran out of memory. Going on with
-// the request would lose the bytes that the hook was not told of.
+// A hook that throws ends the stream, since the bytes that it was not told of are lost. The direction is free
+// again: the next request is served.
 TEST_F(BaseStreamTest, AnExceptionOutOfAHookEndsTheStreamAlone) {
   for (const char* place : {"read 1", "read done 1", "wrote 1", "write done 1"}) {
     Restart();

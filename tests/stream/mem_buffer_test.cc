@@ -40,7 +40,7 @@ TEST(MemBufferTest, KeepsItsBytesWhateverTheSize) {
   EXPECT_EQ(Text(*cpy2buf(small.get(), "1234", 4)), "1234");
 }
 
-// Removes another property from its list when it goes, which must not meet a held lock or a half-changed list.
+// Its destructor removes another property: the list holds no lock then, and is whole.
 struct Property final : CReference {
   Property(CPropertyList& list, std::string& story, CReference* other)
       : list_(list), story_(story), other_(other) {}

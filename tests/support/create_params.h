@@ -13,10 +13,10 @@
 
 namespace gxtest {
 
-// It is each of its properties itself: the one that was asked for last.
+// The parameters and both properties in one object; what it says as a property is the one asked for last.
 class CreateParams final : public IGXModCreateParams, public IGXModData, private CReference {
  public:
-  // Without a name there is no property of it; without a version it is a text.
+  // With an empty name there is no such property; without a version, the version property is a text.
   explicit CreateParams(std::string name = kControlSshInterfaceName,
                         std::optional<std::uint64_t> version = GXModPackVersion(kControlSshVersion))
       : name_(std::move(name)), version_(version) {}

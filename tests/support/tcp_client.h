@@ -3,9 +3,7 @@
 #define GX_TESTS_SUPPORT_TCP_CLIENT_H
 
 #include <arpa/inet.h>
-#include <fcntl.h>
 #include <netinet/in.h>
-#include <sys/select.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
@@ -49,12 +47,6 @@ class TcpClient {
 
   bool IsConnected() const { return socket_ >= 0; }
   int socket_handle() const { return socket_; }
-  // Leaves the descriptors that select can watch to the module.
-  void LeaveSelect() {
-    const int high = fcntl(socket_, F_DUPFD_CLOEXEC, FD_SETSIZE);
-    Close();
-    socket_ = high;
-  }
   // The socket is the caller's.
   int Release() { return std::exchange(socket_, -1); }
 

@@ -18,7 +18,7 @@ constexpr std::chrono::microseconds kStep{250};
 Clock::time_point g_now{};
 Clock::time_point Now() { return g_now; }
 
-// A line with one buffer that takes everything, in steps of time that nobody has to wait for. One end sends as
+// A simulated line: it has a buffer without a bound and its own clock, which moves in steps. One end sends as
 // much as its pace lets it, the other one acknowledges.
 class Line {
  public:

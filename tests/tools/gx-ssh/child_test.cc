@@ -8,12 +8,12 @@
 
 #include "common/descriptor.h"
 #include "gx-ssh/failure.h"
-#include "tools/io.h"
+#include "tools/kit.h"
 
 namespace gxtool {
 namespace {
 
-// It would have talked to what was there before, which may be a script that reads our standard output.
+// A program without them would write to the standard output that gx-ssh has.
 TEST(ChildTest, ProgramWithoutItsDescriptorsDoesNotRun) {
   rlimit limit{};
   getrlimit(RLIMIT_NOFILE, &limit);
@@ -40,10 +40,8 @@ TEST(ChildTest, LeavesNothingBehind) {
     Child child({{"sh", "-c", command}, 0, pipe.write.get(), 2});
     pipe.write.Reset();
     EXPECT_EQ(ReadExactly(pipe.read.get(), 6), "ready\n");
-    const auto start = std::chrono::steady_clock::now();
     child.End();
     EXPECT_EQ(ReadToEnd(pipe.read.get()), "") << command;
-    EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(5)) << command;
   }
 }
 

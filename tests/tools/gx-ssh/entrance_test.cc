@@ -65,8 +65,7 @@ std::string Data(std::uint32_t id, std::string_view bytes) {
 }
 std::string Close(std::uint32_t id) { return MakeFrame(ConnectionType::Close, id, ""); }
 
-// The frames that the connection's bytes come in, and the pieces that the frames come in, are the module's
-// affair.
+// However the module cuts the bytes into frames, and the frames into writes.
 TEST_F(EntranceTest, OwnConnectionsPassWithoutTheirSecretToTheirTarget) {
   const std::string list = MakeFrame(ConnectionType::ChannelList, 0, "name=ssh;");
   std::uint32_t id = 0;

@@ -2,12 +2,13 @@
 
 #include <gtest/gtest.h>
 
-#include "tools/io.h"
+#include "tools/kit.h"
 
 namespace gxtool {
 namespace {
 
-// The carrier is given a moment for its last words then, in which the far side may still say that it is ready.
+// When the time is over the carrier still has a moment for its last words. A far side that becomes ready in
+// that moment is too late.
 TEST(HandshakeTest, ReadyAfterItsTimeIsNotReady) {
   asio::io_context io;
   auto [ours, theirs] = MakeSocketPair();

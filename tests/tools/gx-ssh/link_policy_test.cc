@@ -26,7 +26,8 @@ TEST(LinkPolicyTest, PausesGrowBetweenTheirBoundsAndVary) {
   EXPECT_GT(seen.size(), 10u);
 }
 
-// Neither does one that comes up and breaks at once count anew, nor the time since one stayed up.
+// A link that breaks soon after it came up is one more failure, and so is one that never comes up, however long
+// ago the last one was stable.
 TEST(LinkPolicyTest, OnlyALinkThatStaysUpCountsAnew) {
   LinkPolicy policy(true, 2);
   LinkPolicy::Clock::time_point now{};

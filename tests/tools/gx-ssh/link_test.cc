@@ -35,7 +35,7 @@ class CountingOwner final : public Link::Owner {
   std::atomic<bool> marker_came{false};
 };
 
-// The event loop is busy meanwhile.
+// The event loop runs nothing while the frames come.
 TEST(LinkTest, FloodOfControlFramesLeavesLittleForTheEventLoop) {
   constexpr int kFrames = 1000;
   const TempDir folder;

@@ -4,12 +4,12 @@
 
 #include <algorithm>
 
-#include "tools/io.h"
+#include "tools/kit.h"
 
 namespace gxtool {
 namespace {
 
-// The reader comes only when all is said, and far more was said than is kept.
+// The reader begins when everything is queued, which is far more than the queue keeps.
 TEST(OutputQueueTest, StalledReaderCostsStatisticsFirst) {
   Pipe pipe = MakePipe();
   const std::string news(1023, 'N');

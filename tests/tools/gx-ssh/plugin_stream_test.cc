@@ -20,7 +20,7 @@
 #include "common/descriptor.h"
 #include "support/pattern.h"
 #include "support/wait.h"
-#include "tools/io.h"
+#include "tools/kit.h"
 
 namespace gxtool {
 namespace {
@@ -217,25 +217,25 @@ TEST_F(PluginStreamTest, TheFarSideIsHeardWhileTheModuleDoesNotRead) {
   auto module = std::async(std::launch::async, [&] { return WriteModule(DataFrame(7, payload)); });
   EXPECT_LE(far.Take(), 16U << 10) << "before anything is known of the line";
   EXPECT_EQ(far.Take(), 0U);
-  while (far.data.size() < payload.size() && far.Acknowledge() && far.Take() > 0) {
-  }
+  EXPECT_TRUE(gxtest::Eventually([&] {
+    far.Acknowledge();
+    far.Take();
+    return far.data.size() == payload.size();
+  }));
   EXPECT_EQ(module.wait_for(kPatience), std::future_status::ready);
   EXPECT_EQ(far.data, payload);
   EXPECT_LE(far.longest, 4096U);
 
   // Nothing is lost or out of its place that comes meanwhile, and no more may come than there is room for.
   std::string sent;
-  for (std::uint64_t before = 0; far.told.permitted != before; far.Take()) {
-    before = far.told.permitted;
-    std::string frames;
-    while (first.size() + sent.size() + frames.size() + 65536 <= before) {
-      frames += DataFrame(8, gxtest::Pattern(65520, 2));
-      frames += kPing;
-      sent += frames.substr(frames.size() - 65536 - kPing.size(), 65536);
-      EXPECT_TRUE(WriteAll(far_.get(), std::exchange(frames, {})));
+  EXPECT_TRUE(gxtest::Eventually([&] {
+    const std::string frame = DataFrame(8, gxtest::Pattern(65520, 2));
+    for (; first.size() + sent.size() + frame.size() <= far.told.permitted; sent += frame) {
+      EXPECT_TRUE(WriteAll(far_.get(), frame + kPing));
     }
-  }
-  EXPECT_GE(far.told.received, std::uint64_t{7} << 20);
+    far.Take();
+    return far.told.received >= std::uint64_t{7} << 20;
+  }));
   EXPECT_LT(far.told.permitted, std::uint64_t{9} << 20);
   EXPECT_TRUE(far.ponged);
   EXPECT_TRUE(gxtest::Eventually([this] { return stream_->silence().count() >= 20; })) << "somebody waits";

@@ -31,6 +31,8 @@ TEST(AllowListTest, DefaultAndAny) {
   for (const AllowList& list : {AllowList::Any(), AllowList::Default(), ListOf({"*:22", "unix:*"})}) {
     EXPECT_FALSE(Passes(list, "unix:/run/docker.sock")) << "a socket has to be named";
   }
+  EXPECT_FALSE(ParseHostPort("db.example.:22"));
+  EXPECT_FALSE(ParseHostPort(std::string("127.0.0.1:22\0", 13)));
   AllowList list;
   std::string why;
   for (const char* entry : {"*:*", "127.0.0.*:22", "127.0.0.1:22,80", "unix:/run/.."}) {

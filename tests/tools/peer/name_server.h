@@ -10,7 +10,7 @@
 #include <string_view>
 #include <thread>
 
-#include "tools/io.h"
+#include "tools/kit.h"
 
 namespace gxtool {
 

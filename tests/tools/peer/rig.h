@@ -20,7 +20,7 @@
 #include "common/control_frames.h"
 #include "common/ready_line.h"
 #include "peer/peer.h"
-#include "tools/io.h"
+#include "tools/kit.h"
 
 namespace gxtool {
 
@@ -63,7 +63,7 @@ class Rig {
     EXPECT_TRUE(WriteAll(host(), MakeFrame(type, id, payload)));
   }
   // Opens a connection and returns the target's end of it.
-  Descriptor Connect(std::uint32_t id, const Target& target) {
+  Descriptor Connect(std::uint32_t id, const LocalTarget& target) {
     Send(gxmod::ConnectionType::Connect, id, target.Address());
     return target.Accept();
   }

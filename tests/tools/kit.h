@@ -1,6 +1,6 @@
 // Descriptors and targets for the tests of the tools.
-#ifndef GX_TESTS_TOOLS_IO_H
-#define GX_TESTS_TOOLS_IO_H
+#ifndef GX_TESTS_TOOLS_KIT_H
+#define GX_TESTS_TOOLS_KIT_H
 
 #include <arpa/inet.h>
 #include <gtest/gtest.h>
@@ -22,10 +22,10 @@ using gxtest::ReadToEnd;
 using gxtest::WaitFor;
 using gxtest::WriteAll;
 
-class Target {
+class LocalTarget {
  public:
   // One that does not listen refuses who comes, and nobody else gets its port.
-  explicit Target(bool listens = true) : fd_(::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0)) {
+  explicit LocalTarget(bool listens = true) : fd_(::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0)) {
     address_.sin_family = AF_INET;
     address_.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
     socklen_t length = sizeof address_;
@@ -52,4 +52,4 @@ class Target {
 
 }  // namespace gxtool
 
-#endif  // GX_TESTS_TOOLS_IO_H
+#endif  // GX_TESTS_TOOLS_KIT_H
