@@ -10,6 +10,7 @@ import shutil
 import sys
 import tempfile
 
+import virtual_machine
 from bringing import BUSYBOX, HERE, FarSide, expect, link_tools
 from relays import Target
 from throwaway import Child, Clients, Tunnel, run, write_script
@@ -20,10 +21,10 @@ SERIAL = "import time\nterminal = True\nthere = back = lambda b: time.sleep(len(
 class Brought(Clients):
     """ssh through gx-ssh --bring, and through a carrier to a shell."""
 
-    def __init__(self, tools, server, *carrier, options=()):
+    def __init__(self, tools, server, *carrier, options=(), port=None):
         program = f"{server.folder}/brought"
         # ssh's own time-out counts the transfer, too.
-        super().__init__(server, "HostName 127.0.0.1", f"Port {server.port}", "ConnectTimeout 900",
+        super().__init__(server, "HostName 127.0.0.1", f"Port {port or server.port}", "ConnectTimeout 900",
                          f"ProxyCommand {program} %h:%p")
         write_script(f"{server.folder}/carrier", " ".join(["exec", *(f"'{word}'" for word in carrier)]))
         write_script(program, " ".join([f'exec "{tools.gx_ssh}" -W "$1" --bring', *options, "--",
@@ -36,12 +37,12 @@ class Brought(Clients):
             expect(command.out.text() == "out", "its standard output did not come through")
             return command.err.text()
 
-    def carries(self, size):
-        """The first session sends the peer, a second one and two copies do not."""
+    def carries(self, size, folder=None):
+        """The first session sends the peer, a second one and two copies do not. `folder` is one over there."""
         expect("sends gx-ssh-peer" in self.command_says(), "nothing was sent")
         said = self.command_says()
         expect(said == "", f"the second time it said {said}")
-        original, there, back = (f"{self.folder}/{name}" for name in ("original", "there", "back"))
+        original, there, back = f"{self.folder}/original", f"{folder or self.folder}/there", f"{self.folder}/back"
         content = os.urandom(size)
         with open(original, "wb") as file:
             file.write(content)
@@ -101,6 +102,29 @@ def as_another_user(tools, server):
     homeless = Brought(tools, server, *su)
     for _ in range(2):
         expect("sends gx-ssh-peer" in homeless.command_says(), "nothing was sent")
+
+
+def into_a_virtual_machine(tools, server):
+    """No network leads there, only a virtio-serial port with a shell."""
+    if what := virtual_machine.missing():
+        print(f"not tried, since there is no {what}", flush=True)
+        return
+    machine, shell = virtual_machine.start(f"{server.folder}/machine", server)
+    with machine:
+        AfterOneAnother(machine, tools, server, tools.gx_ssh, "--connect", f"unix:{shell}", port=22).carries(1 << 20, "/tmp")
+
+
+class AfterOneAnother(Brought):
+    """The port does not keep sessions apart: one begins when the last one's far side has ended."""
+
+    def __init__(self, machine, *arguments, **options):
+        super().__init__(*arguments, **options)
+        self.machine = machine
+
+    def command(self, program, *arguments):
+        shells = self.machine.out.text().count("shell ")
+        self.machine.expect(self.machine.out, f"^shell {shells + 1}$")
+        return super().command(program, *arguments)
 
 
 # What `uname -m` says where each of them runs, and who runs it here.
@@ -163,5 +187,5 @@ def goes_to_the_wrong_machine(tools, server, peers, machine, architecture):
     target.closing = True
 
 
-SCENARIOS = {each.__name__: each for each in (into_a_chroot, over_a_serial_line, over_ssh, as_another_user,
-                                              foreign_peers)}
+SCENARIOS = {each.__name__: each for each in (into_a_chroot, into_a_virtual_machine, over_a_serial_line, over_ssh,
+                                              as_another_user, foreign_peers)}
