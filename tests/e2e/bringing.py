@@ -12,6 +12,7 @@ import subprocess
 import sys
 
 from relays import Target
+from terminal import INTERRUPT, Terminal
 from throwaway import Child, Failure, write_script
 
 HERE = os.path.dirname(os.path.abspath(__file__))
@@ -175,6 +176,9 @@ def bring_once(tools, server):
     for _ in range(2):
         expect("sends gx-ssh-peer" in far.carry(target, "--bring-once"), "nothing was sent")
         expect(far.files() == [], f"left behind: {far.files()}")
+    far.carry(target)
+    expect("sends gx-ssh-peer" in far.carry(target, "--bring-once"), "the peer that is there was used")
+    far.expect_one_file()
     there = f"{server.folder}/it's a $place"
     far.carry(target, "--bring-dir", there)
     far.cache = there
@@ -195,6 +199,46 @@ def fake_peers(folder, content, digest=None, size=None):
     with open(f"{path}.sha256", "w", encoding="ascii") as file:
         file.write(digest or hashlib.sha256(content).hexdigest())
     return folder
+
+
+# What is said here and what gx-ssh-peer hears of it: gx-ssh's own targets are permitted by themselves, and times that are
+# as usual are not told.
+ORDERS = (
+    ((), "--allow 127.0.0.1:22"),
+    (("-W", "box:2222"), "--allow box:2222"),
+    (("-L", "0:web:80", "-L", "0:/run/it's $HOME"), "--allow web:80 --allow unix:/run/it's $HOME"),
+    (("--listen", "127.0.0.1:0", "--target", "a:1", "-L", "0:b:2", "--allow", "*:3", "--keepalive", "5s",
+      "--keepalive-count", "7", "--connect-timeout", "1m"),
+     "--allow *:3 --allow a:1 --allow b:2 --connect-timeout 1m --keepalive 5s --keepalive-count 7"),
+)
+
+
+def bring_passes_on(tools, server):
+    """Targets and times, word for word, whichever way the peer comes to run."""
+    says = b'#!/bin/sh\n[ "$1" = --remove-own-file ] && rm "$0" && shift\necho "heard $*." >&2\n'
+    peers = fake_peers(f"{server.folder}/says", says)
+    far = FarSide(tools, server.folder)
+    for options, heard in ORDERS:
+        for once in ([], [], ["--bring-once"]):
+            with Child([tools.gx_ssh, "--bring", "--peer-dir", peers, *once, *options, "--", *far.shell]) as host:
+                host.expect_status(4)
+                expect(f"heard {heard}." in host.err.text(), f"not {heard!r} but\n{host.err.text()}")
+
+
+def bring_shows_progress(tools, server):
+    """On a terminal, until all is sent."""
+    target = Target()
+    far = FarSide(tools, server.folder)
+    command = [tools.gx_ssh, "--target", target.address, "--bring", "--", *far.shell]
+    with Terminal("env", "TERM=xterm", *command) as terminal:
+        shown = terminal.expect("127.0.0.1:")
+        whole = re.search(r"sends gx-ssh-peer for \w+ there, ([\d.]+ \w+)\r\n", shown)
+        steps = re.findall(r"sent ([\d.]+ \w+) of ([\d.]+ \w+)", shown)
+        expect(whole and len(set(steps)) > 3 and {of for _, of in steps} == {whole[1]} == {steps[-1][0]},
+               f"it showed {shown!r}")
+        terminal.type(INTERRUPT)
+        terminal.expect_status(0)
+    target.closing = True
 
 
 def bring_refused(tools, server):
@@ -282,4 +326,5 @@ def bring_cut(tools, server):
     target.closing = True
 
 
-SCENARIOS = {each.__name__: each for each in (bring, bring_again, bring_once, bring_refused, bring_at_once, bring_cut)}
+SCENARIOS = {each.__name__: each for each in (bring, bring_again, bring_once, bring_passes_on, bring_shows_progress,
+                                              bring_refused, bring_at_once, bring_cut)}
