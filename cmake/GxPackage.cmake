@@ -76,7 +76,9 @@ if(GX_STATIC_PEER)
   gx_package(peers gx-ssh-peers SECTION net
     DESCRIPTION "far sides that gx-ssh brings to other computers
 gx-ssh --bring sends one of these static builds of gx-ssh-peer to a computer
-on which there is nothing but a shell, and runs it there.")
+on which there is nothing but a shell, and runs it there. There is one for the
+architecture of this package, and for each of aarch64, armv7 and riscv64 whose
+cross compiler was there when the package was built.")
 endif()
 
 gx_package(dev libgxmod-dev SECTION libdevel
