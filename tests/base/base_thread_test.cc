@@ -1,13 +1,8 @@
 #include "base/base_thread.h"
 
-#include <gtest/gtest.h>
 #include <signal.h>
 
-#include <functional>
-#include <future>
-#include <string>
-#include <utility>
-
+#include "support/test.h"
 #include "support/wait.h"
 
 namespace {

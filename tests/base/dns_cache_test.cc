@@ -1,22 +1,13 @@
 #include "base/dns_cache.h"
 
 #include <arpa/inet.h>
-#include <errno.h>
-#include <gtest/gtest.h>
 #include <time.h>
 
-#include <cstdint>
-#include <fstream>
-#include <iterator>
 #include <locale>
-#include <memory>
-#include <stdexcept>
-#include <string>
-#include <tuple>
-#include <vector>
 
 #include "base/socket_address.h"
 #include "support/temp_dir.h"
+#include "support/test.h"
 
 namespace {
 

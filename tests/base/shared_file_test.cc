@@ -1,7 +1,6 @@
 #include "base/shared_file.h"
 
 #include <fcntl.h>
-#include <gtest/gtest.h>
 #include <sched.h>
 #include <signal.h>
 #include <sys/mount.h>
@@ -10,16 +9,10 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include <fstream>
-#include <functional>
-#include <iterator>
-#include <optional>
-#include <string>
-#include <vector>
-
 #include "base/dns_cache.h"
 #include "support/leak_gate.h"
 #include "support/temp_dir.h"
+#include "support/test.h"
 
 namespace {
 

@@ -1,10 +1,8 @@
 #include "base/socket_address.h"
 
 #include <arpa/inet.h>
-#include <gtest/gtest.h>
 
-#include <cstring>
-#include <string>
+#include "support/test.h"
 
 namespace gxbase {
 namespace {

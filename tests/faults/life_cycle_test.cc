@@ -1,32 +1,18 @@
 // The life of a plugin in a host's hands: ends at bad moments, calls in any order.
-#include <gtest/gtest.h>
 
 #include <array>
-#include <atomic>
-#include <chrono>
-#include <new>
 #include <random>
-#include <string>
-#include <thread>
-#include <vector>
 
 #include "module/ssh_client.h"
 #include "support/far_side.h"
 #include "support/forwarding.h"
 #include "support/scale.h"
+#include "support/test.h"
 
+namespace gxtest {
 namespace {
 
-using gxtest::ConnectionType;
-using gxtest::Eventually;
-using gxtest::FarSide;
-using gxtest::Frame;
-using gxtest::Pattern;
-using gxtest::PluginStream;
-using gxtest::Rounds;
-using gxtest::TcpClient;
-
-class LifeCycle : public gxtest::ForwardingTest {};
+class LifeCycle : public ForwardingTest {};
 
 // Clients that send without end and take what comes or nothing at all; a far side that floods, opens ports, and
 // stops reading or sending. In the middle of all that the client is stopped.
@@ -96,7 +82,7 @@ class ThrowingListener final : public IControlSshListener, private CReference {
 
 // Letters: I InitInstance, N the same with null, T with a stream whose Close throws, R Run, F Run with a
 // listener that throws, E ExitInstance. The host ends the old stream before a second InitInstance.
-class CallOrders : public gxtest::LeakGate {
+class CallOrders : public LeakGate {
  protected:
   std::uint32_t Call(char what) {
     switch (what) {
@@ -158,3 +144,4 @@ TEST_F(CallOrders, EveryOrderHasItsResults) {
 }
 
 }  // namespace
+}  // namespace gxtest

@@ -1,18 +1,8 @@
 // Memory that runs out, and threads that cannot be had, at every single place of the module's life.
-#include <errno.h>
-#include <gtest/gtest.h>
 #include <pthread.h>
 #include <sys/socket.h>
 
-#include <algorithm>
-#include <atomic>
-#include <chrono>
-#include <cstdlib>
 #include <iostream>
-#include <new>
-#include <string>
-#include <thread>
-#include <utility>
 
 #include "module/create.h"
 #include "module/ssh_client.h"
@@ -21,6 +11,7 @@
 #include "support/leak_gate.h"
 #include "support/log_capture.h"
 #include "support/tcp_client.h"
+#include "support/test.h"
 
 namespace {
 

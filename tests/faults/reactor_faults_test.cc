@@ -1,21 +1,14 @@
 // More files than select can watch.
-#include <gmock/gmock.h>
-#include <gtest/gtest.h>
-
-#include <algorithm>
 
 #include "support/descriptor_limit.h"
 #include "support/far_side.h"
 #include "support/forwarding.h"
+#include "support/test.h"
 
+namespace gxtest {
 namespace {
 
-using gxtest::DescriptorLimit;
-using gxtest::FarSide;
-using gxtest::TakenDescriptors;
-using gxtest::TcpClient;
-
-class ReactorFaults : public gxtest::ForwardingTest {};
+class ReactorFaults : public ForwardingTest {};
 
 // A host with 1,100 open files: what select cannot watch is refused with a line, what it can is served.
 TEST_F(ReactorFaults, AHostOfManyFilesIsRefusedWithALine) {
@@ -49,3 +42,4 @@ TEST_F(ReactorFaults, AHostOfManyFilesIsRefusedWithALine) {
 }
 
 }  // namespace
+}  // namespace gxtest

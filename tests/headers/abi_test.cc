@@ -1,13 +1,9 @@
 // A host that was compiled against these headers must work with every later build of the module: the slots of
 // the virtual tables, the entry record and the packing of versions must never move.
-#include <gtest/gtest.h>
-
-#include <cstddef>
-#include <cstdint>
-#include <cstring>
 
 #include "gxmod/control_ssh.h"
 #include "gxmod/module.h"
+#include "support/test.h"
 
 namespace {
 

@@ -1,12 +1,5 @@
 // The module as its host sees it: a file to load, and the public headers.
 #include <dlfcn.h>
-#include <gmock/gmock.h>
-#include <gtest/gtest.h>
-
-#include <cstdlib>
-#include <fstream>
-#include <string>
-#include <vector>
 
 #include "gxmod/control_ssh.h"
 #include "gxmod/module.h"
@@ -18,6 +11,7 @@
 #include "support/plugin_stream.h"
 #include "support/scale.h"
 #include "support/tcp_client.h"
+#include "support/test.h"
 
 namespace {
 

@@ -1,9 +1,6 @@
 #include "object/reference.h"
 
-#include <gtest/gtest.h>
-
-#include <thread>
-#include <vector>
+#include "support/test.h"
 
 namespace {
 

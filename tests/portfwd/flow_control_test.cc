@@ -1,13 +1,6 @@
 #include "portfwd/flow_control.h"
 
-#include <gtest/gtest.h>
-
-#include <atomic>
-#include <functional>
-#include <iterator>
-#include <optional>
-#include <thread>
-
+#include "support/test.h"
 #include "support/wait.h"
 
 namespace {

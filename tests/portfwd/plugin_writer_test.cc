@@ -1,18 +1,8 @@
 #include "portfwd/plugin_writer.h"
 
-#include <gtest/gtest.h>
-
-#include <atomic>
-#include <chrono>
-#include <functional>
-#include <memory>
-#include <new>
-#include <string>
-#include <thread>
-#include <utility>
-
 #include "base/clock.h"
 #include "object/reference.h"
+#include "support/test.h"
 #include "support/wait.h"
 
 namespace {

@@ -1,24 +1,15 @@
 #include "portfwd/port_forward_client.h"
 
-#include <gmock/gmock.h>
-#include <gtest/gtest.h>
-
-#include <algorithm>
-#include <string>
-#include <thread>
-
 #include "support/forwarding.h"
+#include "support/test.h"
 
+namespace gxtest {
 namespace {
 
-using gxtest::ConnectionType;
-using gxtest::Frame;
-using gxtest::Pattern;
-using gxtest::TcpClient;
 using testing::Contains;
 using testing::Pair;
 
-class PortForwardClientTest : public gxtest::ForwardingTest {};
+class PortForwardClientTest : public ForwardingTest {};
 
 // No data frame is larger than the first read, and all of them together are what was sent.
 TEST_F(PortForwardClientTest, CutsAnUploadIntoReads) {
@@ -112,7 +103,7 @@ TEST_F(PortForwardClientTest, StartsAfreshAfterExit) {
 // Neither the reader nor a connection ever goes over to another stream.
 TEST_F(PortForwardClientTest, AStreamInPlaceOfOneThatRunsStartsAfresh) {
   Connection before = Connect();
-  const CRefObj<gxtest::PluginStream> first = stream_;
+  const CRefObj<PluginStream> first = stream_;
   RunOnAFreshStream();
   EXPECT_TRUE(first->IsClosed());
   EXPECT_TRUE(before.local.WaitForEnd());
@@ -131,3 +122,4 @@ TEST_F(PortForwardClientTest, ReleasedWithoutExitInstance) {
 }
 
 }  // namespace
+}  // namespace gxtest

@@ -1,21 +1,12 @@
 #include "portfwd/server_stream_thread.h"
 
-#include <gmock/gmock.h>
-#include <gtest/gtest.h>
-
-#include <string>
-
 #include <sys/syscall.h>
 #include <unistd.h>
-
-#include <functional>
-#include <future>
-#include <mutex>
-#include <utility>
 
 #include "support/far_listener.h"
 #include "support/forwarding.h"
 #include "support/heap.h"
+#include "support/test.h"
 
 namespace {
 

@@ -1,16 +1,7 @@
 #include "runtime/gxmod_runtime.h"
 
-#include <gtest/gtest.h>
-
-#include <atomic>
-#include <new>
-#include <stdexcept>
-#include <string>
-#include <thread>
-#include <utility>
-#include <vector>
-
 #include "base/base_thread.h"
+#include "support/test.h"
 
 namespace {
 

@@ -1,25 +1,15 @@
 // A plugin stream that fails, or that promises more than it sends.
-#include <gmock/gmock.h>
-#include <gtest/gtest.h>
-
-#include <fstream>
-#include <string>
-#include <vector>
 
 #include "support/far_listener.h"
 #include "support/forwarding.h"
 #include "support/heap.h"
 #include "support/scale.h"
+#include "support/test.h"
 
+namespace gxtest {
 namespace {
 
-using gxtest::ConnectionType;
-using gxtest::Encode;
-using gxtest::Eventually;
-using gxtest::Scale;
-using gxtest::TcpClient;
-
-class CarrierTest : public gxtest::ForwardingTest {};
+class CarrierTest : public ForwardingTest {};
 
 // Wherever the stream fails, both threads of the client end when they are asked to.
 TEST_F(CarrierTest, ReadOrWriteFailsAtAnyByte) {
@@ -28,7 +18,7 @@ TEST_F(CarrierTest, ReadOrWriteFailsAtAnyByte) {
     Start({});
     const Connection connection = Connect();
     stream_->Behave({.fail_read_at = fail_at});
-    stream_->Send(Encode({ConnectionType::Data, connection.id, "one"}) + Encode(gxtest::Answer(0, "heard")) +
+    stream_->Send(Encode({ConnectionType::Data, connection.id, "one"}) + Encode(Answer(0, "heard")) +
                   Encode({ConnectionType::Close, connection.id, ""}) + "the beginning of another frame");
     ASSERT_TRUE(stream_->WaitUntilReadEnds()) << fail_at;
 
@@ -52,7 +42,7 @@ std::size_t ResidentBytes() {
 
 // The header of a frame says 4 GiB: memory is taken for the bytes that have come, not for those announced.
 TEST_F(CarrierTest, PromiseOfFourGigabytesCostsWhatComes) {
-  if (gxtest::kSanitized) GTEST_SKIP() << "the shadow of 4 GiB costs as well";
+  if (kSanitized) GTEST_SKIP() << "the shadow of 4 GiB costs as well";
   constexpr std::size_t kMebibyte = 1024 * 1024;
   Connection connection = Connect();
   std::string header = Encode({ConnectionType::Data, connection.id, ""});
@@ -66,3 +56,4 @@ TEST_F(CarrierTest, PromiseOfFourGigabytesCostsWhatComes) {
 }
 
 }  // namespace
+}  // namespace gxtest

@@ -1,28 +1,17 @@
 // Many local connections, and every way to end one.
-#include <gtest/gtest.h>
-
-#include <string>
-#include <thread>
-#include <vector>
 
 #include "support/far_side.h"
 #include "support/forwarding.h"
 #include "support/heap.h"
 #include "support/scale.h"
+#include "support/test.h"
 
+namespace gxtest {
 namespace {
-
-using gxtest::ConnectionType;
-using gxtest::Eventually;
-using gxtest::FarSide;
-using gxtest::Pattern;
-using gxtest::Rounds;
-using gxtest::Scale;
-using gxtest::TcpClient;
 
 constexpr std::size_t kMebibyte = 1024 * 1024;
 
-class ConnectionsTest : public gxtest::ForwardingTest {
+class ConnectionsTest : public ForwardingTest {
  protected:
   void SetUp() override {
     ForwardingTest::SetUp();
@@ -86,30 +75,30 @@ TEST_F(ConnectionsTest, ComingAndGoingLeavesNothing) {
   };
   round_trip();
   ASSERT_TRUE(stream_->WaitUntilRead());
-  const int descriptors = gxtest::OpenDescriptors();
-  const std::int64_t objects = gxtest::LiveObjects();
-  const std::size_t heap = gxtest::HeapBytes();
+  const int descriptors = OpenDescriptors();
+  const std::int64_t objects = LiveObjects();
+  const std::size_t heap = HeapBytes();
   for (int left = Rounds(300, 20'000); left > 0 && !HasFatalFailure(); --left) round_trip();
-  EXPECT_TRUE(Eventually([&] { return gxtest::LiveObjects() <= objects; })) << gxtest::LiveObjects() - objects;
-  EXPECT_LE(gxtest::OpenDescriptors(), descriptors);
+  EXPECT_TRUE(Eventually([&] { return LiveObjects() <= objects; })) << LiveObjects() - objects;
+  EXPECT_LE(OpenDescriptors(), descriptors);
   constexpr std::size_t kCached = 64 * 1024;  // freed blocks that malloc keeps for the thread count as used
-  EXPECT_LE(gxtest::HeapBytes(), heap + kCached);
+  EXPECT_LE(HeapBytes(), heap + kCached);
 }
 
 // Most connections are idle most of the time, also those that have said something before.
 TEST_F(ConnectionsTest, IdleOnesTakeLittleMemory) {
-  if (gxtest::kSanitized) GTEST_SKIP() << "a sanitizer has malloc";
+  if (kSanitized) GTEST_SKIP() << "a sanitizer has malloc";
   constexpr std::size_t kConnections = 300;
   constexpr std::size_t kBytesEach = 2048;
   std::vector<Connection> connections;
   connections.reserve(kConnections);
-  const std::size_t heap = gxtest::HeapBytes();
+  const std::size_t heap = HeapBytes();
   while (connections.size() < kConnections && !HasFailure()) {
     connections.push_back(Connect());
     ASSERT_TRUE(connections.back().local.Send("hello"));
     ASSERT_EQ(ReceiveData(connections.back().id, 5), "hello");
   }
-  EXPECT_LE(gxtest::HeapBytes(), heap + kConnections * kBytesEach);
+  EXPECT_LE(HeapBytes(), heap + kConnections * kBytesEach);
 }
 
 // However the client ends behind an upload, all of it arrives, and one Close.
@@ -137,3 +126,4 @@ TEST_F(ConnectionsTest, EndsByTheClient) {
 }
 
 }  // namespace
+}  // namespace gxtest

@@ -1,26 +1,16 @@
 // A local client that takes nothing while the far side goes on.
-#include <gtest/gtest.h>
-
-#include <atomic>
-#include <string>
-#include <thread>
 
 #include "support/forwarding.h"
 #include "support/heap.h"
 #include "support/scale.h"
+#include "support/test.h"
 
+namespace gxtest {
 namespace {
-
-using gxtest::ConnectionType;
-using gxtest::Encode;
-using gxtest::Eventually;
-using gxtest::Frame;
-using gxtest::Pattern;
-using gxtest::Scale;
 
 constexpr std::size_t kFrameBytes = 64 * 1024;
 
-class StalledReaderTest : public gxtest::ForwardingTest {
+class StalledReaderTest : public ForwardingTest {
  protected:
   void SetUp() override {
     Start({.connection_bytes = mark_, .stuck_ms = 300, .jam_ms = 500, .stall_ms = stall_ms_});
@@ -70,12 +60,12 @@ TEST_F(StalledReaderTest, IsBoundedAndCutInTheEnd) {
   Connection other = Connect();
   const CRefObj<MyHandler> connection = client_->FindStream(stalled.id);
   ASSERT_TRUE(connection);
-  const std::size_t heap = gxtest::HeapBytes();
+  const std::size_t heap = HeapBytes();
   Flood(stalled.id, 16);
   ASSERT_TRUE(Waits(connection));
   EXPECT_LE(connection->Owed(), mark_ + kFrameBytes + CFlowControl::kBlockBytes);
   constexpr std::size_t kSlack = 1024 * 1024;  // the carrier and the test
-  EXPECT_LE(gxtest::HeapBytes(), heap + mark_ + kFrameBytes + kSlack);
+  EXPECT_LE(HeapBytes(), heap + mark_ + kFrameBytes + kSlack);
   other.local.Send("up");
   EXPECT_EQ(ReceiveData(other.id, 2), "up") << "only the road to the clients waits";
 
@@ -91,3 +81,4 @@ TEST_F(StalledReaderTest, IsBoundedAndCutInTheEnd) {
 }
 
 }  // namespace
+}  // namespace gxtest

@@ -1,18 +1,12 @@
 #include "sock/sock_acceptor.h"
 
-#include <gmock/gmock.h>
-#include <gtest/gtest.h>
-
-#include <new>
-#include <string>
-#include <vector>
-
 #include "sock/keeping_tracker.h"
 #include "support/descriptor_limit.h"
 #include "support/leak_gate.h"
 #include "support/log_capture.h"
 #include "support/refused_call.h"
 #include "support/tcp_client.h"
+#include "support/test.h"
 
 namespace {
 

@@ -1,16 +1,7 @@
 #include "sock/sock_stream.h"
 
-#include <gmock/gmock.h>
-#include <gtest/gtest.h>
 #include <sys/socket.h>
 #include <unistd.h>
-
-#include <atomic>
-#include <chrono>
-#include <functional>
-#include <mutex>
-#include <string>
-#include <vector>
 
 #include "reactor/reactor.h"
 #include "sock/keeping_tracker.h"
@@ -18,6 +9,7 @@
 #include "support/leak_gate.h"
 #include "support/log_capture.h"
 #include "support/pattern.h"
+#include "support/test.h"
 #include "support/wait.h"
 
 namespace {

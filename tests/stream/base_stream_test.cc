@@ -1,22 +1,10 @@
 #include "stream/base_stream.h"
 
-#include <gmock/gmock.h>
-#include <gtest/gtest.h>
-
-#include <algorithm>
-#include <cerrno>
-#include <cstring>
-#include <functional>
-#include <limits>
-#include <new>
-#include <string>
-#include <thread>
-#include <vector>
-
 #include "base/clock.h"
 #include "stream/mem_buffer.h"
 #include "support/log_capture.h"
 #include "support/pattern.h"
+#include "support/test.h"
 
 namespace {
 

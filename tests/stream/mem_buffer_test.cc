@@ -1,11 +1,7 @@
 #include "stream/mem_buffer.h"
 
-#include <gtest/gtest.h>
-
-#include <limits>
-#include <string>
-
 #include "stream/property_list.h"
+#include "support/test.h"
 
 // The sanitizers' malloc ends the process when it is asked for too much; the system's fails.
 extern "C" __attribute__((visibility("default"))) const char* __asan_default_options() {

@@ -2,14 +2,9 @@
 #ifndef GX_TESTS_SUPPORT_CREATE_PARAMS_H
 #define GX_TESTS_SUPPORT_CREATE_PARAMS_H
 
-#include <cstdint>
-#include <optional>
-#include <string>
-#include <string_view>
-#include <utility>
-
 #include "gxmod/control_ssh.h"
 #include "object/reference.h"
+#include "support/test.h"
 
 namespace gxtest {
 

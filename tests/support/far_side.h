@@ -2,16 +2,11 @@
 #ifndef GX_TESTS_SUPPORT_FAR_SIDE_H
 #define GX_TESTS_SUPPORT_FAR_SIDE_H
 
-#include <atomic>
-#include <cstdint>
-#include <functional>
 #include <map>
-#include <mutex>
-#include <string>
-#include <thread>
 
 #include "support/pattern.h"
 #include "support/plugin_stream.h"
+#include "support/test.h"
 
 namespace gxtest {
 

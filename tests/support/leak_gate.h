@@ -3,15 +3,10 @@
 #define GX_TESTS_SUPPORT_LEAK_GATE_H
 
 #include <dirent.h>
-#include <errno.h>
-#include <gtest/gtest.h>
 #include <sys/wait.h>
 
-#include <cstdint>
-#include <memory>
-#include <thread>
-
 #include "object/object_monitor.h"
+#include "support/test.h"
 #include "support/wait.h"
 
 namespace gxtest {

@@ -2,14 +2,12 @@
 #ifndef GX_TESTS_SUPPORT_REFUSED_CALL_H
 #define GX_TESTS_SUPPORT_REFUSED_CALL_H
 
-#include <gtest/gtest.h>
 #include <linux/filter.h>
 #include <linux/seccomp.h>
 #include <sys/prctl.h>
 #include <sys/syscall.h>
 
-#include <cstddef>
-#include <thread>
+#include "support/test.h"
 
 namespace gxtest {
 

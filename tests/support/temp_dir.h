@@ -2,11 +2,9 @@
 #ifndef GX_TESTS_SUPPORT_TEMP_DIR_H
 #define GX_TESTS_SUPPORT_TEMP_DIR_H
 
-#include <stdlib.h>
-
 #include <filesystem>
-#include <stdexcept>
-#include <string>
+
+#include "support/test.h"
 
 class TempDir {
  public:

@@ -1,12 +1,9 @@
 #include "common/line_pace.h"
 
-#include <gtest/gtest.h>
-
-#include <algorithm>
 #include <deque>
-#include <vector>
 
 #include "common/receipts.h"
+#include "support/test.h"
 
 namespace gxtool {
 namespace {

@@ -1,9 +1,7 @@
 #include "gx-ssh/bring_talk.h"
 
-#include <gmock/gmock.h>
-#include <gtest/gtest.h>
-
 #include "common/ready_line.h"
+#include "support/test.h"
 
 namespace gxtool {
 namespace {

@@ -1,14 +1,9 @@
 #include "gx-ssh/entrance.h"
 
-#include <gtest/gtest.h>
-
 #include <list>
-#include <memory>
-#include <optional>
-#include <string>
-#include <string_view>
 
 #include "common/control_frames.h"
+#include "support/test.h"
 
 namespace gxtool {
 namespace {

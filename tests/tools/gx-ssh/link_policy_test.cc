@@ -1,9 +1,8 @@
 #include "gx-ssh/link_policy.h"
 
-#include <gtest/gtest.h>
-
-#include <algorithm>
 #include <set>
+
+#include "support/test.h"
 
 namespace gxtool {
 namespace {

@@ -1,16 +1,12 @@
 // A link to a far side that floods.
 #include "gx-ssh/link.h"
 
-#include <gtest/gtest.h>
-
-#include <atomic>
-#include <fstream>
-
 #include "common/control_frames.h"
 #include "common/ready_line.h"
 #include "gx-ssh/console.h"
 #include "gx-ssh/module_library.h"
 #include "support/temp_dir.h"
+#include "support/test.h"
 #include "support/wait.h"
 
 namespace gxtool {

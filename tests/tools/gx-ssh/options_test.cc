@@ -1,9 +1,7 @@
 #include "gx-ssh/options.h"
 
-#include <gmock/gmock.h>
-#include <gtest/gtest.h>
-
 #include "gx-ssh/failure.h"
+#include "support/test.h"
 
 namespace gxtool {
 namespace {

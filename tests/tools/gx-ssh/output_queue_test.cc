@@ -1,9 +1,6 @@
 #include "gx-ssh/output_queue.h"
 
-#include <gtest/gtest.h>
-
-#include <algorithm>
-
+#include "support/test.h"
 #include "tools/kit.h"
 
 namespace gxtool {

@@ -1,24 +1,14 @@
 #include "gx-ssh/plugin_stream.h"
 
-#include <gtest/gtest.h>
 #include <signal.h>
 #include <sys/ioctl.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
-#include <algorithm>
-#include <atomic>
-#include <chrono>
-#include <future>
-#include <mutex>
-#include <string>
-#include <string_view>
-#include <thread>
-#include <utility>
-
 #include "common/control_frames.h"
 #include "common/descriptor.h"
 #include "support/pattern.h"
+#include "support/test.h"
 #include "support/wait.h"
 #include "tools/kit.h"
 

@@ -1,9 +1,6 @@
 #include "gx-ssh/readable.h"
 
-#include <gtest/gtest.h>
-
-#include <utility>
-#include <vector>
+#include "support/test.h"
 
 namespace gxtool {
 namespace {

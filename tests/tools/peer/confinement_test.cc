@@ -2,7 +2,6 @@
 
 #include <arpa/inet.h>
 #include <fcntl.h>
-#include <gmock/gmock.h>
 #include <sched.h>
 #include <sys/file.h>
 #include <sys/ioctl.h>
@@ -14,12 +13,10 @@
 #include <unistd.h>
 
 #include <csignal>
-#include <cstring>
 #include <filesystem>
-#include <fstream>
-#include <functional>
 
 #include "support/temp_dir.h"
+#include "support/test.h"
 #include "tools/kit.h"
 
 namespace gxtool {

@@ -5,11 +5,7 @@
 #include <arpa/inet.h>
 #include <sys/socket.h>
 
-#include <atomic>
-#include <string>
-#include <string_view>
-#include <thread>
-
+#include "support/test.h"
 #include "tools/kit.h"
 
 namespace gxtool {

@@ -2,24 +2,15 @@
 #ifndef GX_TESTS_PEER_RIG_H
 #define GX_TESTS_PEER_RIG_H
 
-#include <gmock/gmock.h>
 #include <sys/socket.h>
 
 #include <csignal>
-#include <functional>
 #include <map>
-#include <memory>
-#include <mutex>
-#include <string>
-#include <string_view>
-#include <thread>
-#include <tuple>
-#include <utility>
-#include <vector>
 
 #include "common/control_frames.h"
 #include "common/ready_line.h"
 #include "peer/peer.h"
+#include "support/test.h"
 #include "tools/kit.h"
 
 namespace gxtool {
