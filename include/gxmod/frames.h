@@ -1,6 +1,6 @@
-// The frame format on the plugin stream, shared by the module and by every far side.
+// The frame format on the plugin stream. The module and every far side use it.
 //
-// A frame is a header of 16 bytes and `length` bytes of payload right behind it:
+// A frame is a header of 16 bytes, followed by `length` bytes of payload:
 //
 //   offset  size  field
 //        0     4  reserved, written as 0, never checked
@@ -10,8 +10,9 @@
 //       13     3  reserved, written as 0, never checked
 //       16     -  payload
 //
-// Integers travel in the byte order of the machine, which is little-endian on every supported one.
-// Everything here is a pure function over the caller's memory: any thread, no ownership.
+// Integers are in the byte order of the machine, which is little-endian on every supported one.
+// All functions here are pure functions on the caller's memory: any thread may call them, and ownership stays
+// with the caller.
 #ifndef GXMOD_FRAMES_H
 #define GXMOD_FRAMES_H
 
@@ -24,24 +25,24 @@ namespace gxmod {
 inline constexpr std::size_t kFrameHeaderBytes = 16;       // in front of every payload
 inline constexpr std::size_t kTestRespondHeaderBytes = 8;  // in front of the message of a test response
 
-// What a frame says.
+// The kind of a frame.
 enum class ConnectionType : std::uint8_t {
-  Connect = 1,      // module to far side: open a connection; payload: target as host:port, no terminator
-  Data = 2,         // either way: payload: bytes of the connection
-  Close = 3,        // either way: the connection has ended; no payload
-  TestChannel = 4,  // module to far side, id 0: payload: text of the test
-  TestRespond = 5,  // far side to module: payload: a test response, see below
-  ChannelList = 6,  // either way, id 0: payload: text of the channel list
+  Connect = 1,      // module to far side: open a connection; the payload is the target as host:port
+  Data = 2,         // both directions: the payload is data of the connection
+  Close = 3,        // both directions: the connection has ended; no payload
+  TestChannel = 4,  // module to far side, id 0: the payload is the test's text
+  TestRespond = 5,  // far side to module: the payload is a TestResponse
+  ChannelList = 6,  // both directions, id 0: the payload is the text of the channel list
 };
 
-// The fields of a header that mean something.
+// The used fields of a header.
 struct FrameHeader {
-  std::uint32_t length = 0;         // of the payload, bytes
-  std::uint32_t connection_id = 0;  // 0: of none
-  ConnectionType type{};  // on receipt any value of one byte; the unknown ones are read in full and dropped
+  std::uint32_t length = 0;         // payload bytes
+  std::uint32_t connection_id = 0;  // 0: the frame belongs to no connection
+  ConnectionType type{};  // may hold any value on receipt; frames of unknown type are read in full and dropped
 };
 
-// Writes kFrameHeaderBytes at `out`.
+// Writes the header's kFrameHeaderBytes bytes to `out`.
 inline void EncodeFrameHeader(const FrameHeader& header, void* out) {
   unsigned char* bytes = static_cast<unsigned char*>(out);
   std::memset(bytes, 0, kFrameHeaderBytes);
@@ -50,7 +51,7 @@ inline void EncodeFrameHeader(const FrameHeader& header, void* out) {
   bytes[12] = static_cast<unsigned char>(header.type);
 }
 
-// Reads kFrameHeaderBytes at `in`.
+// Reads a header from the kFrameHeaderBytes bytes at `in`.
 inline FrameHeader DecodeFrameHeader(const void* in) {
   const unsigned char* bytes = static_cast<const unsigned char*>(in);
   FrameHeader header;
@@ -60,15 +61,15 @@ inline FrameHeader DecodeFrameHeader(const void* in) {
   return header;
 }
 
-// The payload of a TestRespond frame: status (32 bits, 0 = the channel works), offset and length of a message
-// (16 bits each, the offset counted from the start of the payload), then bytes among which the message lies.
+// The payload of a TestRespond frame: status (32 bits), offset and length of a message (16 bits each; the
+// offset counts from the start of the payload), then the bytes that contain the message.
 struct TestResponse {
   std::uint32_t status = 0;     // 0: the channel works
   const char* text = nullptr;   // points into the payload; not terminated
   std::size_t text_length = 0;  // bytes up to the first NUL inside the range
 };
 
-// False: the payload is too short or the message lies outside it; `out` is untouched.
+// Returns false, with `out` untouched, when the payload is too short or the message lies outside it.
 inline bool DecodeTestResponse(const void* payload, std::size_t length, TestResponse* out) {
   if (payload == nullptr || length < kTestRespondHeaderBytes) return false;
   const char* bytes = static_cast<const char*>(payload);
@@ -76,7 +77,7 @@ inline bool DecodeTestResponse(const void* payload, std::size_t length, TestResp
   std::uint16_t text_length = 0;
   std::memcpy(&text_offset, bytes + 4, sizeof text_offset);
   std::memcpy(&text_length, bytes + 6, sizeof text_length);
-  // Their sum may exceed 16 bits, so it is taken in std::size_t.
+  // The sum may exceed 16 bits.
   if (std::size_t{text_offset} + text_length > length) return false;
   std::memcpy(&out->status, bytes, sizeof out->status);
   out->text = bytes + text_offset;
@@ -86,8 +87,8 @@ inline bool DecodeTestResponse(const void* payload, std::size_t length, TestResp
   return true;
 }
 
-// Writes a response whose message lies right behind its fields. `out` has room for kTestRespondHeaderBytes +
-// `text_length` bytes, which is what this returns.
+// Writes a response whose message directly follows the fixed fields. `out` must have room for
+// kTestRespondHeaderBytes + `text_length` bytes. Returns that number.
 inline std::size_t EncodeTestResponse(std::uint32_t status, const char* text, std::uint16_t text_length,
                                       void* out) {
   char* bytes = static_cast<char*>(out);
