@@ -29,7 +29,7 @@ void ForEachMonitoredClass(Print print) {
   }
 }
 
-// The host may have set a global locale that groups digits.
+// Uses the classic locale: the host's global locale may group digits.
 std::ostringstream PlainStream() {
   std::ostringstream text;
   text.imbue(std::locale::classic());

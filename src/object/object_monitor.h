@@ -1,5 +1,5 @@
-// Counts live objects per class, for whoever looks for a leak. Monitored classes register during static
-// initialisation; the table and the counters live as long as the process and are never reset.
+// Counts live objects per class, to find leaks. Monitored classes register during static initialisation; the
+// table and the counters exist as long as the process and are never reset.
 #ifndef GX_OBJECT_OBJECT_MONITOR_H
 #define GX_OBJECT_OBJECT_MONITOR_H
 
@@ -14,7 +14,8 @@ class ICObjectMonitor {
   virtual ~ICObjectMonitor() = default;
 };
 
-// The two counters of class T. Held as a member (or base) by T, so that they follow its life.
+// The two counters of class T. T holds one as a member or base, so that they count its constructions and
+// destructions.
 template <class T>
 class OBJECT_MONITOR {
  public:
@@ -30,16 +31,15 @@ class OBJECT_MONITOR {
 inline constexpr std::int64_t kMaxMonitoredClasses = 1024;
 
 struct MonitoredClass {
-  std::atomic<ICObjectMonitor*> monitor{nullptr};  // not owned: a static object of the class's source
+  std::atomic<ICObjectMonitor*> monitor{nullptr};  // not owned: a static object in the class's source file
   std::atomic<const char*> name{nullptr};
 };
 
-// The registry: kMaxMonitoredClasses entries, and the number of registrations made so far, which may exceed
-// that.
+// The registry: kMaxMonitoredClasses entries, and the number of registrations so far, which may be larger.
 MonitoredClass* __MonitorintObjects__();
 std::atomic<std::int64_t>& __MonitoringObjectIndex__();
 
-// Puts a class into the next free entry. Registrations beyond the table are counted and otherwise ignored.
+// Adds a class at the next free entry. Once the table is full, registrations are only counted.
 void RegisterMonitoredClass(ICObjectMonitor* monitor, const char* name);
 
 // Registers class T under `name`; one static instance per class.
@@ -54,14 +54,14 @@ class ADD_TO_MONITORING_LIST : public ICObjectMonitor {
   }
 };
 
-// Both replace the contents of `out`. The figures are a snapshot taken without a lock.
+// Both functions replace the contents of `out`. The numbers are a snapshot taken without a lock.
 // A table with one line per class; "!" marks a class with live objects.
 void dump_monitoring_objects(std::string& out);
-// Two lines per class: "<class>_count: <made>" and "<class>_alive: <alive>".
+// Two lines per class: "<class>_count: <objects made>" and "<class>_alive: <live objects>".
 void dump_monitoring_objects2(std::string& out);
 
-// The order of registration fixes the ids in the table. Initialisers of different sources have no order of
-// their own, so each class asks for its place where the platform's linker has one to give.
+// The order of registration determines the ids in the table. C++ leaves the order of initialisers in different
+// source files open, so each class sets its place where the linker supports that.
 #if defined(__ELF__)
 #define GX_INIT_ORDER(place) __attribute__((init_priority(1000 + (place))))
 #else

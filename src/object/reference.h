@@ -7,11 +7,10 @@
 
 #include "gxmod/reference.h"
 
-// A new object has count 0: whoever creates it takes the first reference, in practice by putting it into a
-// CRefObj. The last Release deletes the object, once the hold count has fallen to zero as well. A class that
-// shows an interface derived from IReference inherits CReference privately and overrides both operations, so
-// that either base reaches the same count (see GX_FORWARD_REFERENCE). Threads: any; every change is one atomic
-// addition.
+// A new object has count 0; its creator takes the first reference by putting it into a CRefObj. The last
+// Release drops the initial hold, too, and deletes the object once the hold count is 0. A class with an
+// interface derived from IReference inherits CReference privately and overrides AddRef and Release, so that
+// both bases use the same count (see GX_FORWARD_REFERENCE). Threads: any; every change is one atomic addition.
 class CReference : public IReference {
  public:
   CReference() = default;
@@ -24,8 +23,8 @@ class CReference : public IReference {
  protected:
   ~CReference() override = default;
 
-  // An aggregating owner may raise the hold count above 1 before the last Release: the object then survives it
-  // with count 0. Both return the count after the change.
+  // An aggregating owner may add a hold before the last Release, to keep the object alive with count 0. Both
+  // return the new count.
   std::int64_t AddHold();
   std::int64_t DropHold();
 
@@ -34,7 +33,7 @@ class CReference : public IReference {
   std::atomic<std::int64_t> holds_{1};
 };
 
-// Public AddRef and Release of a class that counts with CReference.
+// Public AddRef and Release for a class that counts with CReference.
 #define GX_FORWARD_REFERENCE()                                      \
   std::int64_t AddRef() override { return CReference::AddRef(); }   \
   std::int64_t Release() override { return CReference::Release(); } \
