@@ -14,11 +14,12 @@ namespace {
 
 constexpr unsigned long kNoLimit = ~0UL;
 
-// A fault of the thread itself raises these: blocked, they end the process without the host's handler.
+// A thread's own fault raises these signals; if they were blocked, the process would end without calling the
+// host's handler.
 constexpr int kSignalsOfOwnFaults[] = {SIGSEGV, SIGBUS, SIGFPE, SIGILL, SIGTRAP, SIGSYS, SIGABRT};
 
-// Blocks all other signals on the calling thread to the end of the scope; a thread created meanwhile inherits
-// that.
+// Blocks all other signals on the calling thread until the end of the scope; a thread created meanwhile
+// inherits the mask.
 class HostSignalsBlocked {
  public:
   HostSignalsBlocked() {
@@ -92,7 +93,7 @@ bool CBaseThread::WaitThreadEnd(unsigned long /*timeout_ms*/) {
 }
 
 void CBaseThread::JoinOnce() {
-  // A second join of the same thread is undefined, and the three operations that wait may follow each other.
+  // Joining a thread twice is undefined, and callers may use several of the operations that join.
   if (joinable_) pthread_join(handle_, nullptr);
   joinable_ = false;
 }
@@ -114,18 +115,18 @@ void* CBaseThread::ThreadFunc(void* self) {
   thread->Contain([thread] { thread->RunLoop(); });
   thread->exited_.store(true, std::memory_order_release);
   thread->Contain([thread] { thread->OnExit(); });
-  thread->own_id_ = 0;  // the system gives the number to others
+  thread->own_id_ = 0;  // the system reuses thread numbers
   return nullptr;
 }
 
 void CBaseThread::RunLoop() {
   OnBegin();
-  // A detached thread takes one step only: its ThreadLoop keeps its own loop inside.
+  // A detached thread runs one step: its ThreadLoop contains the loop.
   while (!IsStopRequested() && ThreadLoop() && !detached_) {
   }
 }
 
-// Memory may run out inside a hook or a step. The host's process must not end for that; the thread does.
+// A hook or step may run out of memory. That ends the thread, not the host's process.
 template <class Work>
 void CBaseThread::Contain(Work work) noexcept {
   const FailureLog log = g_failure_log;

@@ -1,4 +1,4 @@
-// A worker thread whose subclass supplies one step of the work.
+// A worker thread; the subclass supplies one step of the work.
 #ifndef GX_BASE_BASE_THREAD_H
 #define GX_BASE_BASE_THREAD_H
 
@@ -10,12 +10,14 @@
 
 #include "object/object_monitor.h"
 
-// States: not started -> Run -> running -> (a step returned false, or stop requested) exited -> Stop -> not
-// started. The thread blocks all signals but those that tell of its own fault, so that the host's handlers run
-// on the host's threads and its crash reporter hears of a crash on any. An exception that leaves a step or a
-// hook ends it, and the thread too, as if a step had returned false; the failure log is told. Threads: one
-// owner calls everything but the On... hooks and ThreadLoop, which run on the new thread. The destructor does
-// not stop the thread: the most derived class calls Stop in its own destructor.
+// States: not started -> Run -> running -> exited (a step returned false, or a stop was requested) -> Stop ->
+// not started.
+// Signals: the thread blocks all signals except those for its own faults, so the host's signal handlers run on
+// the host's threads, while its crash reporter also sees crashes on this thread.
+// Exceptions: one that leaves a step or a hook ends that step or hook and then the thread, as if a step had
+// returned false; it is reported to the failure log.
+// Threads: one owner calls everything except the On... hooks and ThreadLoop, which run on the new thread. The
+// most derived class calls Stop in its destructor: the base class's destructor does not.
 class CBaseThread {
  public:
   CBaseThread() = default;
@@ -23,42 +25,43 @@ class CBaseThread {
   CBaseThread& operator=(const CBaseThread&) = delete;
   virtual ~CBaseThread();
 
-  // Starts a joinable thread. True when it runs, also when it had been started before.
+  // Starts a joinable thread. True when it runs, also when it was started earlier.
   virtual bool Run();
-  // Asks the loop to end, waits for a joinable thread without limit, and forgets the thread. Always true.
+  // Requests a stop, joins a joinable thread without a time limit, and resets the state. Always true.
   virtual bool Stop();
   virtual bool Stop(unsigned long timeout_ms);
-  // As Run. A detached thread calls ThreadLoop exactly once, so the loop has to be inside it.
+  // Like Run. A detached thread calls ThreadLoop exactly once, so the loop must be inside ThreadLoop.
   virtual bool Run_(bool detach);
 
  protected:
-  // One step. True: call again. False: end the thread.
+  // One step. True: call it again. False: end the thread.
   virtual bool ThreadLoop() = 0;
 
  public:
-  // Asks the loop to end and joins a joinable thread; the time limit is not used. Always true.
+  // Requests a stop and joins a joinable thread; the time limit is ignored. Always true.
   virtual bool WaitForStop(unsigned long timeout_ms);
 
  protected:
-  // After the loop, when IsRunning already says false; before the first step.
+  // OnExit runs after the loop, when IsRunning is already false; OnBegin runs before the first step.
   virtual void OnExit() {}
   virtual void OnBegin() {}
 
  public:
-  // Sleeps on the calling thread if this thread has been started. Always true.
+  // Sleeps on the calling thread if this thread was started. Always true.
   bool WaitForTimeOut(unsigned long ms);
-  // Joins a started, joinable thread without asking it to stop. Always true.
+  // Joins a started, joinable thread without requesting a stop. Always true.
   bool WaitThreadEnd(unsigned long timeout_ms);
-  // Started and not yet exited.
+  // True from the start until the thread has exited.
   bool IsRunning() const;
-  // Called on this very thread. Any thread may ask.
+  // True when called on this thread. Any thread may call it.
   bool IsCurrent() const;
-  // What the failure log calls it; null is ignored. Before Run.
+  // Sets the name used in the failure log; null is ignored. Call it before Run.
   void SetThreadName(const char* name);
 
-  // Hears, on the thread itself, that an exception ended it. Threads log through what stands above this folder.
+  // Called on the thread that an exception ended. A function pointer, because logging belongs to a folder above
+  // this one.
   using FailureLog = void (*)(const char* thread, const char* what) noexcept;
-  // For all threads of the process; null: nobody hears.
+  // Sets it for all threads of the process; null removes it.
   static void SetFailureLog(FailureLog log);
 
  protected:
@@ -72,7 +75,7 @@ class CBaseThread {
   void JoinOnce();
 
   pthread_t handle_{};
-  bool joinable_ = false;  // owner only: a thread runs or has run and nobody has joined it
+  bool joinable_ = false;  // owner only: the thread was started and is not yet joined
   std::atomic<bool> started_{false};
   std::atomic<bool> stop_requested_{false};
   std::atomic<bool> exited_{false};

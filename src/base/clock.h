@@ -1,10 +1,10 @@
-// What differs between systems about time and thread ids.
+// The clock and thread ids, which differ between systems.
 #ifndef GX_BASE_CLOCK_H
 #define GX_BASE_CLOCK_H
 
 #include <cstdint>
 
-// Whole milliseconds of a monotonic clock, truncated. Never the time of day.
+// Whole milliseconds of a monotonic clock, rounded down.
 std::uint64_t gettickcount();
 
 // The kernel's numeric id of the calling thread.

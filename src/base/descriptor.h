@@ -1,4 +1,4 @@
-// Descriptors: who closes them, and how sockets are opened.
+// Ownership of descriptors, and how sockets are opened.
 #ifndef GX_BASE_DESCRIPTOR_H
 #define GX_BASE_DESCRIPTOR_H
 
@@ -11,7 +11,7 @@
 
 namespace gxbase {
 
-// Owns a descriptor, or none (-1), and closes it at its end.
+// Owns a descriptor, or is empty (-1), and closes it when destroyed.
 class Descriptor {
  public:
   Descriptor() = default;
@@ -26,7 +26,7 @@ class Descriptor {
 
   explicit operator bool() const { return value_ >= 0; }
   int get() const { return value_; }
-  // Hands it over: the caller closes it.
+  // Releases it: the caller closes it.
   int Take() { return std::exchange(value_, -1); }
   void Close() {
     if (value_ >= 0) close(Take());
@@ -41,9 +41,9 @@ inline bool SetNonBlocking(int descriptor) {
   return ioctl(descriptor, FIONBIO, &on) == 0;
 }
 
-// The functions below open close-on-exec descriptors: the host may start programs at any moment. Where the
-// system cannot do that in one step, a program that is started between the two has the descriptor. They return
-// none after a failure, and errno tells why.
+// The functions below open close-on-exec descriptors, because the host may start programs at any moment. Where
+// the system needs two calls for that, a program started between them inherits the descriptor. After a failure
+// they return an empty Descriptor and set errno.
 
 // A non-blocking socket.
 inline Descriptor OpenSocket(int family, int type, int protocol) {
@@ -57,7 +57,7 @@ inline Descriptor OpenSocket(int family, int type, int protocol) {
 #endif
 }
 
-// The next connection that waits at a listening socket.
+// Accepts the next connection in the backlog of a listening socket.
 inline Descriptor AcceptConnection(int listener) {
 #ifdef SOCK_CLOEXEC
   return Descriptor(accept4(listener, nullptr, nullptr, SOCK_CLOEXEC));
@@ -68,7 +68,7 @@ inline Descriptor AcceptConnection(int listener) {
 #endif
 }
 
-// A second descriptor for the same thing, and never descriptor 0.
+// Duplicates a descriptor; the new number is at least 1.
 inline Descriptor Duplicate(int descriptor) { return Descriptor(fcntl(descriptor, F_DUPFD_CLOEXEC, 1)); }
 
 }  // namespace gxbase

@@ -14,7 +14,7 @@ namespace {
 
 using gxbase::IPAddress;
 
-// Hands out aligned, zeroed pieces of a block, front to back.
+// Allocates aligned, zeroed pieces from the front of a block.
 class Room {
  public:
   Room(std::byte* block, std::size_t size) : at_(block), left_(size) {}
@@ -32,7 +32,7 @@ class Room {
     return piece;
   }
 
-  // A terminated copy.
+  // Copies the text with a terminator.
   char* TakeText(const std::string& text) {
     char* const copy = Take<char>(text.size() + 1);
     if (copy != nullptr) std::memcpy(copy, text.data(), text.size());
@@ -56,7 +56,7 @@ void Fill(sockaddr_in6& out, const IPAddress& ip, in_port_t port) {
   out.sin6_addr = ip.ipv6_address();
 }
 
-// One entry of a list with its address behind it. Null when there is no room.
+// Allocates one list entry, directly followed by its address. Null when there is no room.
 template <class SockAddr>
 addrinfo* TakeEntry(Room& room, const IPAddress& ip, const DnsQuery& query) {
   struct Entry {
@@ -74,7 +74,7 @@ addrinfo* TakeEntry(Room& room, const IPAddress& ip, const DnsQuery& query) {
   return &entry->info;
 }
 
-// The addresses of `family`; AF_UNSPEC: all.
+// Returns the record's addresses of `family`; AF_UNSPEC: all.
 std::vector<IPAddress> Select(const DnsRecord& record, int family) {
   std::vector<IPAddress> selected;
   for (const std::string& text : record.ips) {
@@ -90,7 +90,7 @@ std::vector<IPAddress> Select(const DnsRecord& record, int family) {
 std::optional<DnsQuery> DnsQuery::Make(const char* service, const addrinfo* hints) {
   addrinfo asked{};
   asked.ai_family = AF_INET;
-  asked.ai_flags = AI_PASSIVE;  // no name: nobody is asked over the network
+  asked.ai_flags = AI_PASSIVE;  // without a name no server is contacted
   if (hints != nullptr) {
     asked.ai_flags |= hints->ai_flags & AI_NUMERICSERV;
     asked.ai_socktype = hints->ai_socktype;
@@ -128,14 +128,14 @@ addrinfo* DnsAddrInfo::FillRecord(const DnsRecord& record, const DnsQuery& query
 
 hostent* DnsHostent::FillRecord(const DnsRecord& record) {
   const std::vector<IPAddress> ips = Select(record, AF_INET);
-  // The fields, the two null pointers that end its lists, and the name.
+  // The struct, the two null pointers that end its lists, and the name.
   const std::size_t fixed_bytes = sizeof(hostent) + 2 * sizeof(char*) + record.name.size() + 1;
   if (fixed_bytes > sizeof bytes_) return nullptr;
   const std::size_t fit = (sizeof bytes_ - fixed_bytes) / (sizeof(char*) + sizeof(in_addr));
   const std::size_t count = std::min(ips.size(), fit);
   if (count == 0) return nullptr;
 
-  Room room(bytes_, sizeof bytes_);  // the larger the alignment the earlier: no byte is lost between the pieces
+  Room room(bytes_, sizeof bytes_);  // pieces in order of decreasing alignment: no padding between them
   hostent* const host = room.Take<hostent>();
   host->h_aliases = room.Take<char*>();
   host->h_addr_list = room.Take<char*>(count + 1);

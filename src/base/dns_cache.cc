@@ -22,7 +22,7 @@ constexpr std::size_t kMaxUnprunedRecords = 200;
 
 std::uint32_t Now() { return static_cast<std::uint32_t>(time(nullptr)); }
 
-// Empty when the file cannot be read whole or is larger than kMaxFileBytes.
+// Returns an empty string when the file cannot be read completely or is larger than kMaxFileBytes.
 std::string ReadFile(const std::string& path) {
   FileStream file;
   std::size_t size = 0;
@@ -34,7 +34,7 @@ std::string ReadFile(const std::string& path) {
   return text;
 }
 
-// Without addresses when there is nothing to keep.
+// Returns a record without addresses when there is nothing to save.
 DnsCache::Record Ai2Record(const char* node, const addrinfo* list) {
   if (node == nullptr) return {};
   DnsCache::Record record{node, {}, Now()};
@@ -100,7 +100,7 @@ void DnsCache::Enable(unsigned max_age, unsigned refresh) {
 int DnsCache::getaddrinfo_local(const char* node, const char* service, const addrinfo* hints, addrinfo** res,
                                 int code) {
   if (res == nullptr) return code;
-  const int error = errno;  // belongs to the caller when the code is EAI_SYSTEM
+  const int error = errno;  // part of the result when the code is EAI_SYSTEM
   try {
     const bool found = code == 0 && *res != nullptr;
     const std::optional<DnsQuery> query = found ? DnsQuery() : DnsQuery::Make(service, hints);
@@ -116,7 +116,7 @@ int DnsCache::getaddrinfo_local(const char* node, const char* service, const add
       }
     }
   } catch (...) {
-    // Out of memory, or the storage threw: the live result stands.
+    // Out of memory, or the storage threw: return the live result.
   }
   errno = error;
   return code;
@@ -164,7 +164,7 @@ DnsCache::Hostent* DnsCache::ThreadHostent() const {
 void DnsCache::freehost_local(hostent* host) {
   if (host == nullptr || !has_hostent_key_) return;
   void* const block = pthread_getspecific(hostent_key_);
-  if (block != host) return;  // the system's
+  if (block != host) return;  // the system owns it
   pthread_setspecific(hostent_key_, nullptr);
   delete static_cast<Hostent*>(block);
 }
@@ -181,12 +181,12 @@ const DnsCache::Record* DnsCache::ReadRecord(const char* name) {
 
 void DnsCache::WriteRecord(const Record& record) {
   if (record.ips.empty()) return;
-  // The age is that of the new record, which has just been made: in practice every answer is written.
+  // This compares the age of the new record, made just now, so in practice every answer is written.
   const std::uint32_t now = Now();
   const bool fresh = now > record.timestamp && now - record.timestamp < refresh_interval_;
   if (fresh && records_.count(record.name) != 0) return;
   std::optional<gxbase::SharedFile> file;
-  if (storage_ == nullptr) file.emplace(path_);  // what is read now stays so until it has been written back
+  if (storage_ == nullptr) file.emplace(path_);  // nobody else changes the file between our read and write
   ReadCache();
   records_.insert_or_assign(record.name, record);
   const std::string text = FormatDnsRecords(records_);
@@ -205,7 +205,7 @@ void DnsCache::ReadCache() {
     return;
   }
   for (auto& [name, record] : ParseDnsRecords(text)) {
-    // After a failed save the newer record is the one in memory.
+    // After a failed save the record in memory is the newer one.
     const auto known = records_.find(name);
     if (known == records_.end() || known->second.timestamp < record.timestamp)
       records_[name] = std::move(record);

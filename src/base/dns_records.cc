@@ -11,10 +11,10 @@
 
 namespace {
 
-// Null when `text` is no JSON.
+// Returns null when `text` is not JSON.
 Json::Value ParseJson(const std::string& text) {
   Json::CharReaderBuilder builder;
-  builder["collectComments"] = false;  // they are allowed and not kept
+  builder["collectComments"] = false;  // comments are allowed and dropped
   const std::unique_ptr<Json::CharReader> reader(builder.newCharReader());
   Json::Value root;
   try {

@@ -1,4 +1,4 @@
-// What the DNS cache knows, and the text in which it is kept.
+// The records of the DNS cache, and their JSON text.
 //
 //   {
 //     "cache": [
@@ -17,20 +17,20 @@
 
 // The last good answer for one name.
 struct DnsRecord {
-  std::string name;              // as asked
+  std::string name;              // as requested
   std::vector<std::string> ips;  // IPv4 and IPv6 literals, in the order of the answer
-  std::uint32_t timestamp = 0;   // seconds since 1970, when the answer came
+  std::uint32_t timestamp = 0;   // seconds since 1970, when the answer arrived
 };
 
-using DnsRecords = std::map<std::string, DnsRecord>;  // by name
+using DnsRecords = std::map<std::string, DnsRecord>;  // key: the name
 
-// The records that `text` holds; of two with the same name the later one. The text may come from anywhere: what
-// is no record is skipped, and text that is no JSON object, or nests without end, holds none. A record has a
-// text for its name, at least one address, and a number from 0 to 2^32 - 1 for its timestamp, of which the
-// fraction is dropped. Throws nothing but std::bad_alloc.
+// Returns the records in `text`; of two with the same name, the later one. `text` may come from any source:
+// invalid records are skipped, and text that is not a JSON object or nests too deeply yields no records. A
+// record needs a string as its name, at least one address, and a timestamp from 0 to 2^32 - 1, whose fraction
+// is dropped. Throws only std::bad_alloc.
 DnsRecords ParseDnsRecords(const std::string& text);
 
-// The text from which ParseDnsRecords reads `records` back.
+// Returns JSON text that ParseDnsRecords can read back.
 std::string FormatDnsRecords(const DnsRecords& records);
 
 #endif  // GX_BASE_DNS_RECORDS_H

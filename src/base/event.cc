@@ -30,14 +30,15 @@ timespec DeadlineIn(long ms) {
     deadline.tv_nsec -= kNanosecondsPerSecond;
     ++deadline.tv_sec;
   } else if (deadline.tv_nsec < 0) {
-    // A negative limit has passed already; without the borrow the system would call it invalid, for ever.
+    // A negative time limit gives a time in the past. Without this borrow the system would reject it as invalid
+    // on every call.
     deadline.tv_nsec += kNanosecondsPerSecond;
     --deadline.tv_sec;
   }
   return deadline;
 }
 
-// The event is signalled and its mutex held: take the signal and let go.
+// Consumes the signal of a signalled event and unlocks its mutex, which the caller holds.
 int Consume(event_t* event) {
   if (!event->manual_reset) event->signalled = false;
   return pthread_mutex_unlock(&event->mutex) == 0 ? event_ok : event_error;
@@ -78,12 +79,12 @@ int event_timedwait(event_t* event, long ms) {
     const int result = pthread_cond_timedwait(&event->condition, &event->mutex, &deadline);
     if (result == ETIMEDOUT) return pthread_mutex_unlock(&event->mutex) == 0 ? event_timeout : event_error;
     if (result == 0) continue;
-    // The system refused to wait: let the setter in and try again.
+    // The system refused to wait: unlock briefly for event_set, then try again.
     failed = true;
     if (pthread_mutex_unlock(&event->mutex) != 0 || pthread_mutex_lock(&event->mutex) != 0) return event_error;
   }
   if (!failed) return Consume(event);
-  pthread_mutex_unlock(&event->mutex);  // after a refused wait the signal is left for the next waiter
+  pthread_mutex_unlock(&event->mutex);  // after a refused wait the signal stays for the next waiter
   return event_ok;
 }
 
@@ -92,7 +93,8 @@ int event_set(event_t* event) {
   event->signalled = true;
   const int woken =
       event->manual_reset ? pthread_cond_broadcast(&event->condition) : pthread_cond_signal(&event->condition);
-  if (woken != 0) return event_error;  // with the mutex held: nobody may rely on an event that cannot wake
+  if (woken != 0)
+    return event_error;  // keeps the mutex locked: an event that cannot wake its waiters is unusable
   return pthread_mutex_unlock(&event->mutex) == 0 ? event_ok : event_error;
 }
 

@@ -7,7 +7,7 @@ namespace gxbase {
 
 namespace {
 
-// What both directions tell: `moved` bytes of `size`, or why there are none.
+// The result of either direction: `moved` bytes of `size`, or the reason for zero bytes.
 StreamResult Report(std::size_t size, std::size_t moved, bool at_end, std::size_t* count, int* error) {
   if (size != 0 && moved == 0) {
     if (at_end) return SR_EOS;

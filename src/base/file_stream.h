@@ -1,4 +1,4 @@
-// A file of the standard I/O library.
+// A file opened with the standard I/O library.
 #ifndef GX_BASE_FILE_STREAM_H
 #define GX_BASE_FILE_STREAM_H
 
@@ -15,18 +15,18 @@ enum StreamResult : int {
   SR_EOS = 3,
 };
 
-// Threads: one at a time. Closes the file when destroyed.
+// Threads: one at a time. The destructor closes the file.
 class FileStream {
  public:
-  // Closes an open file first. False: `*error` is the errno (if `error` is not null).
+  // Closes an open file first. Returns false with the errno in `*error` (which may be null).
   bool Open(const std::string& path, const char* mode, int* error);
-  // SR_SUCCESS: `*read` bytes came, at most `size`. SR_EOS: no file is open, or its end. SR_ERROR: see
-  // `*error`. `read` and `error` may be null.
+  // SR_SUCCESS: `*read` bytes were read, at most `size`. SR_EOS: no file is open, or the file has ended.
+  // SR_ERROR: `*error` has the errno. `read` and `error` may be null.
   StreamResult Read(void* buffer, std::size_t size, std::size_t* read, int* error);
   StreamResult Write(const void* data, std::size_t size, std::size_t* written, int* error);
-  // Size of the open file in bytes.
+  // Stores the size of the open file, in bytes.
   bool GetSize(std::size_t* size) const;
-  // False: some of what was written could not be saved. True without an open file.
+  // Returns false when some written data could not be saved; true when no file is open.
   bool Close();
 
  private:

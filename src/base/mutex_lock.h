@@ -16,7 +16,7 @@ class ILockItem {
 };
 
 // An error-checking, non-recursive mutex. Lock and Unlock always return true, so a second Lock on the same
-// thread goes unnoticed and the first Unlock then frees the mutex: code must never take one twice. Debug builds
+// thread goes unnoticed, and the first Unlock then frees the mutex: code must never lock it twice. Debug builds
 // assert that.
 class CAPABILITY("mutex") CMutexLock : public ILockItem {
  public:
@@ -32,7 +32,7 @@ class CAPABILITY("mutex") CMutexLock : public ILockItem {
   pthread_mutex_t mutex_;
 };
 
-// A std::mutex that the compiler can reason about. Works with std::condition_variable through native().
+// A std::mutex that Clang's thread-safety analysis knows. Use native() with std::condition_variable.
 class CAPABILITY("mutex") CStdMutex {
  public:
   void lock() ACQUIRE() { mutex_.lock(); }
@@ -43,7 +43,7 @@ class CAPABILITY("mutex") CStdMutex {
   std::mutex mutex_;
 };
 
-// Holds a lock to the end of the scope.
+// Holds a lock until the end of the scope.
 class SCOPED_CAPABILITY CAutoLock {
  public:
   explicit CAutoLock(CMutexLock& lock) ACQUIRE(lock) : lock_(lock) { lock_.Lock(); }

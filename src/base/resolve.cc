@@ -11,7 +11,8 @@ namespace gxbase {
 int ResolveHostname(const std::string& hostname, int family, std::vector<IPAddress>* addresses) {
   if (addresses == nullptr) return EAI_FAIL;
   addresses->clear();
-  if (hostname.find('\0') != std::string::npos) return EAI_NONAME;  // the resolver would see a part of it
+  if (hostname.find('\0') != std::string::npos)
+    return EAI_NONAME;  // the resolver would read only the part before it
   addrinfo hints{};
   hints.ai_flags = AI_PASSIVE;
   hints.ai_family = family;

@@ -9,9 +9,9 @@
 
 namespace gxbase {
 
-// Replaces `*addresses` with those of `hostname` that are of `family` (0: any), in the resolver's order; the
-// resolver may list an address several times. 0, or the resolver's code (EAI_...). Blocks while the resolver
-// does. Threads: any.
+// Replaces `*addresses` with the addresses of `hostname` that belong to `family` (0: any), in the resolver's
+// order; the resolver may list an address several times. Returns 0, or the resolver's code (EAI_...). Blocks as
+// long as the resolver does. Threads: any.
 int ResolveHostname(const std::string& hostname, int family, std::vector<IPAddress>* addresses);
 
 }  // namespace gxbase

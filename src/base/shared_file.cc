@@ -20,14 +20,14 @@ namespace {
 constexpr std::chrono::milliseconds kRetry{5};
 constexpr mode_t kPermissions = 07777;
 
-// Closes the file: what the system has only promised to write may fail then.
+// Also closes the file, because the system may report a write error only then.
 bool WriteAll(FileStream& file, const std::string& text) {
   std::size_t written = 0;
   return file.Write(text.data(), text.size(), &written, nullptr) == SR_SUCCESS && written == text.size() &&
          file.Close();
 }
 
-// The folder allows no new files. A shortage is something else: the old text must not go for it.
+// True when the folder allows no new files. After other errors, such as a full disk, the old text must be kept.
 bool IsForbidden(int error) { return error == EACCES || error == EPERM || error == EROFS; }
 
 bool CopyPermissions(const std::string& from, const std::string& to) {
@@ -44,7 +44,7 @@ SharedFile::SharedFile(const std::string& path, unsigned patience_ms)
       turn_(Lock(lock_file_, patience_ms)) {}
 
 SharedFile::~SharedFile() {
-  if (lock_file_ != -1) close(lock_file_);  // which gives the lock back
+  if (lock_file_ != -1) close(lock_file_);  // this releases the lock
 }
 
 bool SharedFile::Write(const std::string& text) {
@@ -52,7 +52,7 @@ bool SharedFile::Write(const std::string& text) {
   const std::string fresh = path_ + ".tmp";
   FileStream file;
   int error = 0;
-  if (turn_ == Turn::kMine) unlink(fresh.c_str());  // a crash may have left one
+  if (turn_ == Turn::kMine) unlink(fresh.c_str());  // a crash may have left a temporary file
   const bool in_place = turn_ == Turn::kNobodys || (!file.Open(fresh, "wb+", &error) && IsForbidden(error));
   if (in_place) return file.Open(path_, "wb+", nullptr) && WriteAll(file, text);
   if (error != 0) return false;
@@ -62,12 +62,12 @@ bool SharedFile::Write(const std::string& text) {
   return saved;
 }
 
-// No system waits for this lock with a limit, so it is asked for again and again.
+// flock has no time limit, so this polls.
 SharedFile::Turn SharedFile::Lock(int lock_file, unsigned patience_ms) {
   if (lock_file == -1) return IsForbidden(errno) || errno == ENOENT ? Turn::kNobodys : Turn::kOthers;
   const std::uint64_t deadline_ms = gettickcount() + patience_ms;
   while (flock(lock_file, LOCK_EX | LOCK_NB) != 0) {
-    if (errno != EWOULDBLOCK && errno != EINTR) return Turn::kNobodys;  // the file system knows no locks
+    if (errno != EWOULDBLOCK && errno != EINTR) return Turn::kNobodys;  // the file system has no locks
     if (gettickcount() >= deadline_ms) return Turn::kOthers;
     std::this_thread::sleep_for(kRetry);
   }

@@ -1,5 +1,4 @@
-// One instance of T per process (per loaded module), built on first use and destroyed when the module is
-// unloaded.
+// One instance of T per loaded module, built on first use and destroyed when the module is unloaded.
 #ifndef GX_BASE_SINGLETON_H
 #define GX_BASE_SINGLETON_H
 
@@ -10,7 +9,7 @@
 template <class T>
 class CSingleton_T {
  public:
-  // Never null. Threads: any; only the calls that find no instance yet take the lock.
+  // Never null. Threads: any. Only calls before the instance exists take the lock.
   static T* Instance() {
     T* instance = m_pInstance.load(std::memory_order_acquire);
     return instance != nullptr ? instance : Build();

@@ -32,7 +32,7 @@ bool IPFromString(const std::string& text, IPAddress* out) {
   in_addr ipv4;
   in6_addr ipv6;
   *out = IPAddress();
-  if (text.find('\0') != std::string::npos) return false;  // inet_pton would see only what is before it
+  if (text.find('\0') != std::string::npos) return false;  // inet_pton would read only the part before it
   if (gxbase::inet_pton(AF_INET, text.c_str(), &ipv4) == 1) {
     *out = IPAddress(ipv4);
   } else if (gxbase::inet_pton(AF_INET6, text.c_str(), &ipv6) == 1) {

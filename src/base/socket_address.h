@@ -1,4 +1,4 @@
-// Numeric socket addresses: parsing, printing, conversion. No name is looked up here.
+// Numeric socket addresses: parsing, printing, conversion. No names are looked up here.
 #ifndef GX_BASE_SOCKET_ADDRESS_H
 #define GX_BASE_SOCKET_ADDRESS_H
 
@@ -27,12 +27,13 @@ class IPAddress {
 
  private:
   int family_ = AF_UNSPEC;
-  in6_addr bytes_{};  // an IPv4 address takes the first four
+  in6_addr bytes_{};  // an IPv4 address uses the first four bytes
 };
 
-// True when `text` is an IPv4 or IPv6 literal; otherwise `*out` becomes unspecified.
+// True when `text` is an IPv4 or IPv6 literal; otherwise `*out` is set to the unspecified address.
 bool IPFromString(const std::string& text, IPAddress* out);
-// The address of one entry of a resolver's list. False, and `*out` is unchanged, for another family.
+// Reads the address of one entry of a resolver's list. Returns false, with `*out` unchanged, for other
+// families.
 bool IPFromAddrInfo(const addrinfo* info, IPAddress* out);
 // True for 0.0.0.0 and ::.
 bool IPIsAny(const IPAddress& ip);
@@ -40,7 +41,7 @@ bool IPIsAny(const IPAddress& ip);
 class SocketAddress {
  public:
   SocketAddress() = default;
-  // A `host` that is no literal leaves the IP unspecified.
+  // The IP stays unspecified when `host` is not an IP literal.
   SocketAddress(const std::string& host, int port);
 
   const std::string& hostname() const { return hostname_; }
@@ -49,11 +50,11 @@ class SocketAddress {
   int scope_id() const { return scope_id_; }
   bool IsLiteral() const { return literal_; }
 
-  // The host name, or the IP, in brackets when it is IPv6.
+  // The host name, or the IP (in brackets when it is IPv6).
   std::string HostAsURIString() const;
-  // HostAsURIString, a colon, the port: "127.0.0.1:22", "[::1]:22".
+  // HostAsURIString, a colon and the port: "127.0.0.1:22", "[::1]:22".
   std::string ToString() const;
-  // All zero unless the IP is IPv4.
+  // Sets all bytes to zero unless the IP is IPv4.
   void ToSockAddr(sockaddr_in* out) const;
 
  private:
@@ -66,14 +67,14 @@ class SocketAddress {
   bool literal_ = false;
 };
 
-// False for a family other than IPv4 and IPv6; `*out` is then unchanged.
+// Returns false, with `*out` unchanged, for families other than IPv4 and IPv6.
 bool SocketAddressFromSockAddrStorage(const sockaddr_storage& in, SocketAddress* out);
 
-// Splits at the first colon; the port may be empty. False: there is no colon, and nothing is changed. An IPv6
-// literal comes apart wrongly.
+// Splits at the first colon; the port may be empty. Returns false and changes nothing when there is no colon.
+// Not for IPv6 literals, which contain colons.
 bool SplitAtColon(const std::string& text, std::string& host, std::string& port);
-// Splits a text to listen on: "host:port", "[ipv6]:port" or "[ipv6]" (port 0). The port is what atoi reads, cut
-// to 16 bits. False: the text is none of these, and nothing is changed.
+// Splits a listening address: "host:port", "[ipv6]:port" or "[ipv6]" (port 0). The port is atoi's result,
+// truncated to 16 bits. Returns false and changes nothing for other text.
 bool SplitListenText(const std::string& text, std::string& host, int& port);
 
 // The platform's functions of the same names.

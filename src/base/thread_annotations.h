@@ -1,4 +1,4 @@
-// Names for the attributes with which Clang checks at compile time who holds which lock (-Wthread-safety).
+// Names for the attributes with which Clang checks locking at compile time (-Wthread-safety).
 #ifndef GX_BASE_THREAD_ANNOTATIONS_H
 #define GX_BASE_THREAD_ANNOTATIONS_H
 
