@@ -10,7 +10,7 @@
 
 namespace {
 
-constexpr std::size_t kLogLineBytes = 4096;  // with the terminator; a longer text is cut without notice
+constexpr std::size_t kLogLineBytes = 4096;  // including the terminator; a longer text is truncated silently
 
 void LogFailureOfThread(const char* thread, const char* what) noexcept {
   GXModLog(kGXModLogError, "[thread] %s ended with an exception: %s", thread, what);
@@ -59,6 +59,6 @@ void GXModLog(int level, const char* format, ...) {
   va_end(arguments);
   try {
     CSingleton_T<CGXModRuntime>::Instance()->Log(level, text.get());
-  } catch (...) {  // the host's; destructors log, too, and must not throw
+  } catch (...) {  // from the host; destructors log, too, and must not throw
   }
 }
