@@ -54,7 +54,7 @@ bool ssh_control_init(void* runtime) {
   if (runtime == nullptr) return false;
   CGXModRuntime* adapter = CSingleton_T<CGXModRuntime>::Instance();
   auto* host = static_cast<IGXModRuntime*>(runtime);
-  if (host != adapter) adapter->SetHost(host);  // the adapter must never forward to itself
+  if (host != adapter) adapter->SetHost(host);  // avoids a loop: the adapter would forward to itself
   return true;
 }
 
@@ -67,7 +67,7 @@ std::uint32_t ssh_control_create(void* params, void** out) {
   }
   try {
     return Create(static_cast<IGXModCreateParams*>(params), out);
-  } catch (const std::exception& failure) {  // no memory
+  } catch (const std::exception& failure) {  // out of memory
     GXModLog(kGXModLogError, "[ssh_control] ssh_control_create fail, %s", failure.what());
   } catch (...) {
     GXModLog(kGXModLogError, "[ssh_control] ssh_control_create fail, the host's params threw");

@@ -4,7 +4,7 @@
 
 #include <cstdint>
 
-// See gxlink_module_t for what each does. No exception leaves them.
+// gxlink_module_t describes each one. They catch all exceptions.
 bool ssh_control_init(void* runtime);
 void ssh_control_uninit();
 std::uint32_t ssh_control_create(void* params, void** out);

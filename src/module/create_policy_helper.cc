@@ -11,7 +11,7 @@ bool CGXModCreatePolicyHelper::GetString(const char* key, std::string& value) co
   return static_cast<bool>(text);
 }
 
-// Empty: the property is missing or of another type.
+// Empty when the property is missing or has another type.
 CRefObj<IGXModData> CGXModCreatePolicyHelper::GetValue(const char* key, GXModDataType type) const {
   if (!params_) return {};
   CRefObj<IGXModData> value(params_->GetProperty(key));

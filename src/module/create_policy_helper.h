@@ -1,4 +1,4 @@
-// What a creation request asks for.
+// Reads a creation request.
 #ifndef GX_MODULE_CREATE_POLICY_HELPER_H
 #define GX_MODULE_CREATE_POLICY_HELPER_H
 
@@ -7,14 +7,14 @@
 
 #include "gxmod/module.h"
 
-// Keeps a reference on the request.
+// Holds a reference to the request.
 class CGXModCreatePolicyHelper {
  public:
   explicit CGXModCreatePolicyHelper(IGXModCreateParams* params) : params_(params) {}
 
-  // Packed; 0 when the property is missing or no integer.
+  // The packed version; 0 when the property is missing or is not an integer.
   std::uint64_t GetModuleVersion() const;
-  // False: the property is missing or no text, and `value` is untouched.
+  // Returns false, with `value` untouched, when the property is missing or is not text.
   bool GetString(const char* key, std::string& value) const;
 
  private:

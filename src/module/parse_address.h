@@ -3,7 +3,8 @@
 
 #include <string>
 
-// Splits at the first colon; the port may be empty. False: empty, or no colon. An IPv6 literal splits wrongly.
+// Splits at the first colon; the port may be empty. Returns false for text without a colon. Not for IPv6
+// literals, which contain colons.
 bool ParseAddress(const std::string& address, std::string& host, std::string& port);
 
 #endif  // GX_MODULE_PARSE_ADDRESS_H

@@ -13,7 +13,7 @@ namespace {
 constexpr const char* kChannelName = "ssh";
 constexpr const char* kDefaultTarget = "127.0.0.1:22";
 
-// The host may be built without exceptions; memory that runs out becomes a result code, and a line.
+// The host may be built without exceptions, so an exception becomes a log line and a result code.
 template <class Operation>
 std::uint32_t WithoutExceptions(const char* name, Operation operation) noexcept {
   try {
@@ -31,11 +31,11 @@ std::uint32_t WithoutExceptions(const char* name, Operation operation) noexcept 
 std::uint32_t CSSHClientRaw::InitInstance(IPluginStreamRaw* stream) {
   GXModLog(kGXModLogInfo, "[SSH] call %s ", "InitInstance");
   plugin_stream_ = CRefObj<IPluginStreamRaw>(stream);
-  client_ = nullptr;  // a failure leaves none behind, so that Run cannot mistake it for a success
+  client_ = nullptr;  // after a failure Run must not find the previous client
   return WithoutExceptions("InitInstance", [&]() -> std::uint32_t {
     CRefObj<IPortForwardClientRaw> client = CreatePortForwardClient();
     if (!client) return kGXModNothingDone;
-    client->InitInstance(stream);  // a null stream is the client's to refuse, in Run
+    client->InitInstance(stream);  // Run reports a null stream
     client_ = std::move(client);
     return kGXModOk;
   });
@@ -45,20 +45,20 @@ std::uint32_t CSSHClientRaw::Run() {
   GXModLog(kGXModLogInfo, "[SSH] call %s ", "Run");
   if (!client_) return kGXModNothingDone;
   return WithoutExceptions("Run", [&]() -> std::uint32_t {
-    // A client without a stream opens its port all the same and ends whoever comes; one without a reader would
-    // leave them waiting.
+    // Without a stream the client still opens its port and disconnects every connection. Without a reader,
+    // connections would hang, so that is a failure.
     if (client_->Run() == kGXModFail) return kGXModFail;
     IChannelRaw* channel = client_->NewChannel(kChannelName, "", Target().c_str());
     if (channel == nullptr) return kGXModFail;
     const std::uint32_t result = WithoutExceptions("Run", [&] { return TellAddress(*channel); });
-    if (result != kGXModOk) channel->Stop();  // nobody may listen after a failure
+    if (result != kGXModOk) channel->Stop();  // after a failure nothing may listen
     return result;
   });
 }
 
 std::uint32_t CSSHClientRaw::ExitInstance() {
   GXModLog(kGXModLogInfo, "[SSH] call %s ", "ExitInstance");
-  // Whatever the host's part of it does, the client must not run on.
+  // A failure in the host's code must not keep the client running.
   WithoutExceptions("Close", [&] { return plugin_stream_ ? plugin_stream_->Close() : kGXModOk; });
   WithoutExceptions("ExitInstance", [&] { return client_ ? client_->ExitInstance() : kGXModOk; });
   WithoutExceptions("OnExit", [&]() -> std::uint32_t {
@@ -75,7 +75,7 @@ bool CSSHClientRaw::GetInterface(const char* name, void** out) {
   return true;
 }
 
-// Learns where the channel listens, and tells the listener.
+// Stores the channel's listening address and passes it to the listener.
 std::uint32_t CSSHClientRaw::TellAddress(IChannelRaw& channel) {
   const char* text = channel.get_LocalAddress();
   const std::string address = text != nullptr ? text : "";

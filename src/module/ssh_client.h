@@ -1,4 +1,4 @@
-// The plugin that the host gets: one channel "ssh" over the host's stream.
+// The plugin that the host receives: one channel, "ssh", over the host's stream.
 #ifndef GX_MODULE_SSH_CLIENT_H
 #define GX_MODULE_SSH_CLIENT_H
 
@@ -9,8 +9,8 @@
 #include "object/reference.h"
 #include "portfwd/port_forward_client.h"
 
-// Contract, threads and result codes: see IControlSshPlugin. No exception leaves an operation.
-// Stream, client and listener stay referenced until the plugin is destroyed.
+// For contract, threads and result codes see IControlSshPlugin. Every operation catches all exceptions. Stream,
+// client and listener stay referenced until the plugin is destroyed.
 class CSSHClientRaw final : public IControlSshPlugin, private CReference {
  public:
   CSSHClientRaw() = default;
