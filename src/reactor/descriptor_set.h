@@ -1,4 +1,4 @@
-// A set of descriptors as select takes it.
+// A set of descriptors for select.
 #ifndef GX_REACTOR_DESCRIPTOR_SET_H
 #define GX_REACTOR_DESCRIPTOR_SET_H
 
@@ -9,10 +9,10 @@
 #include <cstddef>
 #include <cstdint>
 
-// True when a set has a place for this descriptor. Select cannot wait for any other.
+// True when an fd_set can hold this descriptor. select cannot wait for others.
 inline bool IsSelectable(int descriptor) { return descriptor >= 0 && descriptor < FD_SETSIZE; }
 
-// An fd_set that never writes or reads past its end: a descriptor without a place is not added and not found.
+// An fd_set that never reads or writes past its end: it ignores descriptors that do not fit.
 class DescriptorSet {
  public:
   DescriptorSet() { FD_ZERO(&bits_); }
@@ -37,7 +37,7 @@ class DescriptorSet {
   fd_set* get() { return &bits_; }
 
  private:
-  // As numbers, of which there are fewer than bits.
+  // The set as 64-bit words, so that set operations take few steps.
   using Words = std::array<std::uint64_t, sizeof(fd_set) / sizeof(std::uint64_t)>;
 
   template <class Operation>

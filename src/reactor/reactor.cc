@@ -10,10 +10,10 @@ bool CReactor_T<Tracker>::Run(unsigned long threads) {
   if (IsRunning()) return true;
   assert(threads_.empty());
   stopping_.store(false, std::memory_order_release);
-  this->Start(threads);  // a tracker that runs already goes on as it is
+  this->Start(threads);  // does nothing when the tracker is already running
   try {
     while (threads_.size() < threads) {
-      // In the list before it runs: Stop has to find every thread that there is.
+      // Add the thread to the list before it runs, so that Stop finds every thread.
       threads_.push_back(std::make_unique<CWorkThread>(this));
       if (threads_.back()->Run()) continue;
       threads_.pop_back();
@@ -21,7 +21,7 @@ bool CReactor_T<Tracker>::Run(unsigned long threads) {
     }
   } catch (const std::bad_alloc&) {
   }
-  if (threads_.empty()) this->Shutdown();  // nobody would serve what it accepts
+  if (threads_.empty()) this->Shutdown();  // there is no thread to serve its tasks
   running_.store(!threads_.empty(), std::memory_order_release);
   return IsRunning();
 }
@@ -48,7 +48,7 @@ bool CReactor_T<Tracker>::DoWork() {
       if (!NextTask(task)) return false;
       if (task) task->Done();
     } catch (...) {
-      // One handler's accident must not end everybody's connections.
+      // An exception from one task must not end the other connections.
       GXModLog(kGXModLogError, "[reactor] a task ended with an exception");
     }
   }

@@ -1,4 +1,4 @@
-// The running reactor: a tracker and the work threads that ask it for ready tasks and run them.
+// The running reactor: a tracker, and work threads that take ready tasks from it and run them.
 #ifndef GX_REACTOR_REACTOR_H
 #define GX_REACTOR_REACTOR_H
 
@@ -10,25 +10,24 @@
 #include "base/mutex_lock.h"
 #include "reactor/select_tracker.h"
 
-// States: created; running, from a successful Run to Stop; stopped, until the next Run. Nothing but Stop ends a
-// work thread: the tracker gets over a select that fails and a wake-up socket that cannot be had.
-// Threads: Run and Stop are the owner's and must not overlap; AddTask, SetTimer and KillTimer are anybody's.
+// States: created; running, from a successful Run to Stop; stopped, until the next Run. Only Stop ends a work
+// thread: the tracker recovers when select fails or no wake-up socket can be opened.
+// Threads: the owner calls Run and Stop, one at a time; any thread may call AddTask, SetTimer and KillTimer.
 template <class Tracker>
 class CReactor_T : public Tracker {
  public:
   CReactor_T() = default;
   ~CReactor_T() override { Stop(); }
 
-  // Starts `threads` work threads, or as many as there is memory and room for. False when none could be
-  // started: the reactor is as stopped as before. True at once while running.
+  // Starts `threads` work threads, or as many as memory and thread limits allow. Returns false when none could
+  // be started; the reactor is then still stopped. Returns true at once while running.
   bool Run(unsigned long threads);
-  // Ends every wait, joins the threads and drops every task and timer without running it. True when every
-  // thread has ended.
+  // Ends all waits, joins the threads, and drops all tasks and timers without running them. True when all
+  // threads have ended.
   bool Stop();
   bool IsRunning() const { return running_.load(std::memory_order_acquire); }
 
-  // The work of one thread until the tracker sends it away; then false. An exception that a task lets out is
-  // logged and the work goes on.
+  // One thread's loop; returns false when the tracker stops. It logs an exception from a task and continues.
   bool DoWork();
 
  private:
@@ -47,10 +46,10 @@ class CReactor_T : public Tracker {
 
   bool NextTask(CTCPTask& task);
 
-  // One work thread at a time waits, and fires timers; the others run a task or wait for their turn. Only work
-  // threads take it.
+  // Held by the one work thread that waits in the tracker and fires timers; the other threads run a task or
+  // wait for this lock. Only work threads take it.
   CStdMutex turn_;
-  std::list<std::unique_ptr<CWorkThread>> threads_;  // only Run and Stop, on the owner's thread
+  std::list<std::unique_ptr<CWorkThread>> threads_;  // only used by Run and Stop, on the owner's thread
   std::atomic<bool> stopping_{false};
   std::atomic<bool> running_{false};
 };

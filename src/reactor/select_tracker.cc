@@ -11,15 +11,14 @@
 
 namespace {
 
-constexpr std::size_t kMaxTasksPerPass =
-    1023;  // with the wake-up socket 1024, what an fd_set holds on most systems
+constexpr std::size_t kMaxTasksPerPass = 1023;  // with the wake-up socket 1024, the usual fd_set size
 constexpr std::size_t kEverybody = ~std::size_t{0};
 constexpr unsigned int kCrowdedWaitMs = 10;
-constexpr unsigned int kDeafWaitMs = 10;  // for want of a wake-up socket
+constexpr unsigned int kDeafWaitMs = 10;  // used when there is no wake-up socket
 
 }  // namespace
 
-// What is known of one pass only. However it ends, those who wait in it are handed back.
+// The state of one pass. Its destructor hands the waiting tasks back, also after an exception.
 template <class Task>
 struct select_tracker<Task>::Pass {
   explicit Pass(select_tracker& owner) : tracker(owner) { tracker.BeginPass(); }
@@ -59,7 +58,7 @@ bool select_tracker<Task>::Start(unsigned long) {
     return false;
   }
   timers_.clean();
-  loopback_.Destroy();  // the stop event of the previous run may still be queued in it
+  loopback_.Destroy();  // a stop event from the previous run may still be queued in it
   stopped_.store(false, std::memory_order_release);
   GXModLog(kGXModLogTrace, "[select_tracker] run ok");
   return true;
@@ -93,7 +92,7 @@ template <class Task>
 void select_tracker<Task>::Shutdown() {
   if (stopped_.exchange(true, std::memory_order_acq_rel)) return;
   Wake(ie_stop);
-  std::list<Task> dropped;  // outlives the lock
+  std::list<Task> dropped;  // destroyed after the lock is released
   {
     CStdLock lock(passing_mutex_);
     if (!passing_) dropped = waiting_.TakeAll();
@@ -106,15 +105,14 @@ void select_tracker<Task>::Shutdown() {
 template <class Task>
 bool select_tracker<Task>::Enqueue(const Task& task) {
   if (IsStopped()) return false;
-  uncompleted_.push(task, true);  // refused by a stop meanwhile: then it is dropped like those in the queue
+  uncompleted_.push(task, true);  // if a stop closes the queue first, the task is dropped like the queued ones
   Wake(ie_add_task);
   return true;
 }
 
-// Called after every change: the event ends an idle pass, the datagram a select. A select pass that opens the
-// socket looks again afterwards, so a change that found no socket is not missed either. Nobody needs the
-// datagram of a change that the select thread makes itself, of one between two passes, which the next pass sees
-// before it waits, or of the second one during one pass.
+// Called after every change: the event ends an idle pass, the datagram ends a select. A datagram is sent only
+// while a pass is listening, once per pass. Changes at other times need none: a pass looks for them before it
+// waits, and again after it opens the socket.
 template <class Task>
 void select_tracker<Task>::Wake(inner_event_type event) {
   tarn::event_set(event_.get());
@@ -136,7 +134,7 @@ bool select_tracker<Task>::_read_event(inner_event_type& event) {
 template <class Task>
 void select_tracker<Task>::FireTimers() {
   CRefObj<ITask> task;
-  // A timer that repeats every 0 ms is always due; a stop has to get through all the same.
+  // A timer that repeats every 0 ms is always due, so check for a stop as well.
   while (!IsStopped() && timers_.pop(task)) {
     if (task) task->Done();
   }
@@ -150,7 +148,7 @@ void select_tracker<Task>::BeginPass() {
 
 template <class Task>
 void select_tracker<Task>::Collect(Pass& pass) {
-  listening_ = true;  // before it looks: what comes too late to be seen finds it set
+  listening_ = true;  // set before looking, so that a later change sends a datagram
   std::list<Task> fresh = uncompleted_.take(kEverybody);
   if (fresh.size() + waiting_.size() > kMaxTasksPerPass) {
     std::list<Task> everybody = waiting_.TakeAll();
@@ -162,8 +160,8 @@ void select_tracker<Task>::Collect(Pass& pass) {
   waiting_.Enter(std::move(fresh), pass.timed_out);
 }
 
-// Milliseconds until this pass has to end by itself. A task whose time has passed does not wait for the others,
-// and tasks that found no place in a full pass do not wait for an event of those that did.
+// The time limit of this pass's wait in milliseconds. A timed-out task ends the wait at once. In a full pass
+// the wait is short, because more tasks are queued behind it.
 template <class Task>
 unsigned int select_tracker<Task>::WaitLimit(const Pass& pass) {
   if (!pass.timed_out.empty()) return 0;
@@ -208,42 +206,42 @@ bool select_tracker<Task>::SelectPass(Pass& pass, Task& out) {
   return true;
 }
 
-// A process that has run out of descriptors must go on with the connections that it has.
+// A process without free descriptors keeps serving its open connections.
 template <class Task>
 void select_tracker<Task>::OpenWakeUpSocket(Pass& pass) {
   const bool was_closed = loopback_.GetHandle() == -1;
   const bool was_deaf = std::exchange(deaf_, !loopback_.CreateIfNot());
   if (deaf_ && !was_deaf) GXModLog(kGXModLogError, "[select_tracker] udp loopback create failed");
   if (!was_closed) return;
-  listening_ = true;  // what came meanwhile could not be announced
+  listening_ = true;  // changes made while the socket was closed sent no datagram: look again
   std::list<Task> fresh = uncompleted_.take(kMaxTasksPerPass - pass.collected);
   pass.collected += fresh.size();
   waiting_.EnterLast(std::move(fresh), pass.timed_out);
 }
 
-// Everybody waits again, but for the tasks whose descriptor is bad.
+// All tasks wait again, except those with a bad descriptor.
 template <class Task>
 void select_tracker<Task>::RepairAfter(int error) {
   if (error == EBADF) {
-    loopback_.Destroy();  // the bad one may be our own, closed by somebody's mistake
+    loopback_.Destroy();  // the wake-up socket may be the bad one, closed by a faulty caller
     waiting_.DropBad();
-  } else if (error != EINTR) {  // a change of user ids interrupts every thread, whatever signals it blocks
-    tarn::event_timedwait(event_.get(), kCrowdedWaitMs);  // nothing that trying at once would cure
+  } else if (error != EINTR) {  // changing user ids interrupts select even with all signals blocked
+    tarn::event_timedwait(event_.get(), kCrowdedWaitMs);  // an immediate retry would fail again
   }
 }
 
-// A stop leaves it to the pass to drop those who wait in it.
+// After a stop the pass drops its own waiting tasks.
 template <class Task>
 void select_tracker<Task>::EndPass() {
   listening_ = false;
   waiting_.EndPass(uncompleted_.take(kEverybody));
-  std::list<Task> dropped;  // outlives the lock
+  std::list<Task> dropped;  // destroyed after the lock is released
   CStdLock lock(passing_mutex_);
   passing_ = false;
   if (IsStopped()) dropped = waiting_.TakeAll();
 }
 
-// One datagram per pass; the next ones end the next selects.
+// Reads one datagram per pass; further ones end the next selects.
 template <class Task>
 void select_tracker<Task>::HandleControlEvent(const SelectSets& sets) {
   const int handle = loopback_.GetHandle();

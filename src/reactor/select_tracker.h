@@ -1,4 +1,4 @@
-// The engine of the reactor: one pass of waiting for descriptors, timers and new work.
+// The core of the reactor: waits for descriptors, timers and new tasks, one pass at a time.
 #ifndef GX_REACTOR_SELECT_TRACKER_H
 #define GX_REACTOR_SELECT_TRACKER_H
 
@@ -15,45 +15,47 @@
 #include "reactor/udp_loopback.h"
 #include "reactor/waiting_tasks.h"
 
-// States:    stopped (at first); running, from Start to Shutdown. A stopped tracker refuses tasks; it takes
+// States:    stopped (initially); running, from Start to Shutdown. A stopped tracker refuses tasks. It accepts
 //            timers, but the next Start drops them.
-// Threads:   SetTimer, KillTimer and AddTask of the derived class are anybody's. GetComeleted is for one thread
-//            at a time, the select thread. Start and Shutdown are the owner's; Start only while
-//            nobody is in GetComeleted.
+// Threads:   any thread may call SetTimer, KillTimer and the derived class's AddTask. One thread at a time, the
+//            select thread, calls GetComeleted. The owner calls Start and Shutdown; Start only while no thread
+//            is in GetComeleted.
 // Ownership: one reference per waiting task and per timer. No lock is held while a pass waits or calls a task.
 template <class Task>
 class select_tracker : public ITimer {
  public:
-  // Throws std::bad_alloc when the system has no wake event to give.
+  // Throws std::bad_alloc when the system cannot create the wake event.
   select_tracker();
   select_tracker(const select_tracker&) = delete;
   select_tracker& operator=(const select_tracker&) = delete;
   ~select_tracker() override;
 
-  // Accepts tasks from now on, without timers. False (logged): running already. The argument is not used.
+  // Accepts tasks from now on, and starts without timers. Returns false (logged) when already running. The
+  // argument is ignored.
   bool Start(unsigned long);
   bool SetTimer(ITask* task, unsigned long long interval_ms, bool once) override;
   bool KillTimer(ITask* task) override;
 
-  // One pass: fires the timers that are due (on the calling thread), then waits until a task is ready or out of
-  // time, a timer is due, or something was added or taken away. True: ask again; `out` is the next ready task,
-  // or as it was when none is ready. False: stopped; ask no more before the next Start.
+  // One pass: fires the due timers on the calling thread, then waits until a task is ready or timed out, a
+  // timer is due, or something was added or removed. Returns true to be called again; `out` is the next ready
+  // task, or unchanged when no task is ready. Returns false when stopped; call it again only after the next
+  // Start.
   //
-  // Nothing but a stop ends the service. While there is no descriptor for the wake-up socket (logged once), the
-  // waits are cut short instead. When select fails (logged) its tasks wait again, except those whose descriptor
-  // is bad, which are dropped.
+  // Only a stop ends the service. When no descriptor is left for the wake-up socket (logged once), each wait is
+  // kept short instead. When select fails (logged), its tasks wait again, except those with a bad descriptor,
+  // which are dropped.
   bool GetComeleted(Task& out);
 
-  // Ends the pass that waits and drops every task and timer, without doing it. Nothing when stopped already.
+  // Ends a waiting pass and drops all tasks and timers without running them. Does nothing when already stopped.
   void Shutdown();
 
  protected:
-  // False: stopped, and the task is not kept.
+  // Returns false when stopped; the task is then dropped.
   bool Enqueue(const Task& task);
 
  private:
-  // What a control datagram says: a signed 32-bit integer in host byte order. All end a select; ie_stop also
-  // stops the tracker.
+  // The content of a control datagram: a signed 32-bit integer in host byte order. Each one ends a select;
+  // ie_stop also stops the tracker.
   enum inner_event_type : std::int32_t {
     ie_stop = 0,
     ie_set_timer = 1,
@@ -82,21 +84,22 @@ class select_tracker : public ITimer {
   void EndPass();
 
   std::atomic<bool> stopped_{true};
-  std::atomic<bool> listening_{false};  // a pass waits, or is about to, and has not been told of a change yet
+  std::atomic<bool> listening_{
+      false};  // a pass waits, or is about to wait, and needs a datagram to notice a change
   const std::unique_ptr<tarn::event_t, EventDeleter> event_;  // ends an idle pass
   CUdpLoopback loopback_;                                     // ends a select pass; closed by idle passes
-  bool deaf_ = false;                                         // no wake-up socket to be had; select thread only
-  sem_queue<Task> uncompleted_;                               // to be entered into the next pass
-  waiting_tasks<Task> waiting_;                               // those of the last pass and of this one
+  bool deaf_ = false;            // no wake-up socket could be opened; select thread only
+  sem_queue<Task> uncompleted_;  // tasks for the next pass
+  waiting_tasks<Task> waiting_;  // tasks of the last pass and of this one
   CStdMutex passing_mutex_;
-  bool passing_ GUARDED_BY(passing_mutex_) = false;  // the pass has waiting_ for itself
-  sem_queue<Task> completed_;                        // ready to be done
+  bool passing_ GUARDED_BY(passing_mutex_) = false;  // the pass uses waiting_ exclusively
+  sem_queue<Task> completed_;                        // ready to run
   task_timed_queue timers_;
 };
 
 extern template class select_tracker<CTCPTask>;
 
-// The tracker that streams and acceptors hand their tasks to.
+// The tracker to which streams and acceptors add their tasks.
 class tcp_select_tracker : public select_tracker<CTCPTask>, public ITCPTaskTracker {
  public:
   bool AddTask(const CTCPTask& task) override { return Enqueue(task); }

@@ -42,7 +42,7 @@ std::list<T> sem_queue<T>::take(std::size_t most) {
 
 template <class T>
 bool sem_queue<T>::append(std::list<T>& tasks) {
-  std::list<T> dropped;  // outlives the lock
+  std::list<T> dropped;  // destroyed after the lock is released
   CStdLock lock(mutex_);
   std::list<T>& target = opened_ ? items_ : dropped;
   target.splice(target.end(), tasks);
@@ -51,7 +51,7 @@ bool sem_queue<T>::append(std::list<T>& tasks) {
 
 template <class T>
 bool sem_queue<T>::close() {
-  std::list<T> dropped;  // outlives the lock
+  std::list<T> dropped;  // destroyed after the lock is released
   CStdLock lock(mutex_);
   items_.swap(dropped);
   return std::exchange(opened_, false);

@@ -1,4 +1,4 @@
-// A first-in, first-out queue of tasks without a limit.
+// An unbounded first-in, first-out queue of tasks.
 #ifndef GX_REACTOR_SEM_QUEUE_H
 #define GX_REACTOR_SEM_QUEUE_H
 
@@ -8,25 +8,26 @@
 #include "base/mutex_lock.h"
 #include "reactor/tcp_task.h"
 
-// States: closed (at first, and after close), open. Nothing here blocks.
+// States: closed (initially, and after close), open. All calls return at once.
 // Threads: any.
-// Ownership: one reference per queued task. The queue lets go of it after mutex_ has been released, so the
-// destructor of a task may call back into the queue.
+// Ownership: one reference per queued task, dropped after mutex_ is released, so a task's destructor may call
+// back into the queue.
 template <class T>
 class sem_queue {
  public:
-  // Accepts tasks from now on. False: it was open, and keeps what it holds. The argument is not used.
+  // Accepts tasks from now on. Returns false when already open; the queued tasks stay. The argument is ignored.
   bool open(int);
-  // False: closed, and the task is not kept. To the front: it overtakes all others.
+  // Adds the task at the back, or at the front, ahead of all others. Returns false when closed; the task is
+  // then dropped.
   bool push(const T& task, bool to_back);
-  // Moves the front task into `out`. False: closed or empty, and `out` is as it was.
+  // Moves the front task into `out`. Returns false, with `out` unchanged, when closed or empty.
   bool peek(T& out);
-  // These two move entries instead of copying tasks, so they need no memory and never throw.
-  // Entries from the front, `most` of them at most.
+  // take and append move list entries instead of copying tasks, so they allocate no memory and never throw.
+  // take removes up to `most` entries from the front.
   std::list<T> take(std::size_t most);
-  // All entries of `tasks` to the back. False: closed, and the tasks are dropped.
+  // Moves all entries of `tasks` to the back. Returns false when closed; the tasks are then dropped.
   bool append(std::list<T>& tasks);
-  // Refuses tasks from now on and drops what is queued. False: it was closed.
+  // Refuses tasks from now on and drops all queued ones. Returns false when already closed.
   bool close();
 
  private:

@@ -6,14 +6,15 @@
 void task_timed_queue::push(CRefObj<ITask> task, unsigned long long interval, bool once) {
   const auto item = std::make_shared<timer_item>(timer_item{0, interval, 0, once, false, std::move(task), {}});
   CStdLock lock(mutex_);
-  // Room first: a timer that is in one of the two only could not be cancelled, or would never fire.
+  // Reserve first: a timer that is only in the index would never fire, and one only in the heap could not be
+  // cancelled.
   if (heap_.size() == heap_.capacity()) heap_.reserve(2 * heap_.size() + 1);
   item->entry = index_.emplace(item->task.get(), item);
   Arm(item);
 }
 
 void task_timed_queue::erase(CRefObj<ITask> task) {
-  std::vector<CRefObj<ITask>> released;  // outlives the lock
+  std::vector<CRefObj<ITask>> released;  // destroyed after the lock is released
   CStdLock lock(mutex_);
   const auto [first, last] = index_.equal_range(task.get());
   for (auto entry = first; entry != last; ++entry) {
@@ -47,12 +48,12 @@ unsigned int task_timed_queue::next_pop_time() {
   if (heap_.empty()) return kNoTimer;
   const std::uint64_t now = now_();
   const std::uint64_t due = heap_.front()->due_time;
-  // A timer that is more than 49 days away must not look like none.
+  // Keep a timer more than 49 days away below kNoTimer.
   return due < now ? 0 : static_cast<unsigned int>(std::min<std::uint64_t>(due - now, kNoTimer - 1));
 }
 
 void task_timed_queue::clean() {
-  std::vector<ItemPtr> heap;  // these two outlive the lock
+  std::vector<ItemPtr> heap;  // both are destroyed after the lock is released
   Index index;
   CStdLock lock(mutex_);
   heap_.swap(heap);

@@ -1,4 +1,4 @@
-// The timers that wait to fire, soonest first.
+// The armed timers, soonest first.
 #ifndef GX_REACTOR_TASK_TIMED_QUEUE_H
 #define GX_REACTOR_TASK_TIMED_QUEUE_H
 
@@ -11,10 +11,10 @@
 #include "base/mutex_lock.h"
 #include "reactor/timer.h"
 
-// Threads:   any; only the select thread pops.
-// Ownership: one reference per armed timer. It is dropped after mutex_ has been released, so the destructor of
-//            a task may call back into this queue.
-// Time:      whole milliseconds of the monotonic clock, never the time of day.
+// Threads:   any; only the select thread calls pop.
+// Ownership: one reference per armed timer, dropped after mutex_ is released, so a task's destructor may call
+//            back into this queue.
+// Time:      whole milliseconds of the monotonic clock.
 class task_timed_queue {
  public:
   using Clock = std::uint64_t (*)();
@@ -24,16 +24,18 @@ class task_timed_queue {
   explicit task_timed_queue(Clock now = &gettickcount) : now_(now) {}
   ~task_timed_queue() { clean(); }
 
-  // Arms a timer due `interval` ms from now. A task armed twice has two timers. `once`: fires once; otherwise
-  // it is armed anew whenever it fires. Of two timers due at the same time the one armed first fires first.
+  // Arms a timer that is due in `interval` ms. A task armed twice has two timers. With `once` it fires once;
+  // otherwise it is armed again each time it fires. Of two timers due at the same time, the one armed first
+  // fires first.
   void push(CRefObj<ITask> task, unsigned long long interval, bool once);
-  // Cancels every timer of that task.
+  // Cancels all timers of that task.
   void erase(CRefObj<ITask> task);
-  // Puts the task of the soonest timer that is due into `out`. False: nothing is due and `out` is as it was.
+  // Moves the task of the soonest due timer into `out`. Returns false, with `out` unchanged, when no timer is
+  // due.
   bool pop(CRefObj<ITask>& out);
-  // Milliseconds until the next timer; 0 when it is overdue. A cancelled timer counts until a pop meets it.
+  // Milliseconds until the next timer; 0 when it is overdue. A cancelled timer counts until pop removes it.
   unsigned int next_pop_time();
-  // Cancels every timer.
+  // Cancels all timers.
   void clean();
 
  private:
@@ -48,10 +50,10 @@ class task_timed_queue {
     bool once;
     bool cancelled;
     CRefObj<ITask> task;    // empty once cancelled
-    Index::iterator entry;  // its own in the index, while it has one
+    Index::iterator entry;  // the timer's own entry in the index, until it has fired
   };
 
-  // Puts the soonest timer to the front of a standard heap.
+  // Orders a standard heap so that the soonest timer is at the front.
   struct timer_item_less {
     bool operator()(const ItemPtr& a, const ItemPtr& b) const {
       return a->due_time != b->due_time ? a->due_time > b->due_time : a->sequence > b->sequence;

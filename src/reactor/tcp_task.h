@@ -1,4 +1,4 @@
-// Socket tasks: what the reactor waits for and what it runs then.
+// Socket tasks: the event that the reactor waits for, and the function that it runs then.
 #ifndef GX_REACTOR_TCP_TASK_H
 #define GX_REACTOR_TCP_TASK_H
 
@@ -6,7 +6,7 @@
 
 #include "object/reference.h"
 
-// What a task is about.
+// The event that a task waits for.
 enum SelectOp : std::int32_t {
   kSelectReadable = 0,
   kSelectWritable = 1,
@@ -20,24 +20,26 @@ enum SelectOp : std::int32_t {
 inline constexpr int kWaitReadable = 0;
 inline constexpr int kWaitWritable = 1;
 
-// A descriptor, what to wait for, and what to do then.
-// Threads: timeout and Done run on the reactor's work thread; AddRef and Release on any.
+// A descriptor, the event to wait for, and the function to run then. Threads: timeout and Done run on the
+// reactor's work thread; AddRef and Release on any thread.
 class ITCPTask : public CReference {
  public:
-  // Waits for readability when the operation is to read or to accept, for writability otherwise.
+  // Waits until the descriptor is readable for kSelectReadable and kSelectAccept, and until it is writable
+  // otherwise.
   ITCPTask(int descriptor, SelectOp op)
       : write_interest(op == kSelectReadable || op == kSelectAccept ? kWaitReadable : kWaitWritable),
         socket(descriptor),
         selectop(op) {}
 
-  // The descriptor is ready, is in error (selectop is then kSelectError), or the time limit has passed.
+  // Called when the descriptor is ready or in error (selectop is then kSelectError), or when the time limit has
+  // passed.
   virtual bool Done() = 0;
-  // True: the time limit has passed, and the task is to be done now.
+  // True when the time limit has passed and the task must run now.
   virtual bool timeout() = 0;
-  // Milliseconds to the limit; all ones when there is none.
+  // Milliseconds until the limit; all ones for no limit.
   virtual unsigned long timeleft() = 0;
 
-  // For the tracker.
+  // Used by the tracker.
   std::int32_t write_interest;
   std::int32_t socket;
   SelectOp selectop;
@@ -46,7 +48,7 @@ class ITCPTask : public CReference {
   ~ITCPTask() override = default;
 };
 
-// Holds one reference to a task, or none.
+// Holds one reference to a task, or is empty.
 class CTCPTask {
  public:
   CTCPTask() = default;
@@ -55,8 +57,8 @@ class CTCPTask {
   explicit operator bool() const { return static_cast<bool>(task_); }
   ITCPTask* operator->() const { return task_.get(); }
 
-  // The task's fields. Those of an empty CTCPTask are statics (0, -1 and kSelectNone at first) that all callers
-  // share; a write through them stays.
+  // The task's fields. An empty CTCPTask refers to static variables (initially 0, -1 and kSelectNone) that all
+  // empty ones share; a value written to them stays.
   std::int32_t& type() const;
   std::int32_t& socket() const;
   SelectOp& selectop() const;
@@ -65,11 +67,11 @@ class CTCPTask {
   CRefObj<ITCPTask> task_;
 };
 
-// Takes socket tasks. Streams and acceptors hold one, not owned.
+// Accepts socket tasks. Streams and acceptors borrow one.
 class ITCPTaskTracker {
  public:
   virtual ~ITCPTaskTracker() = default;
-  // Threads: any. False: stopped, and the task is not kept.
+  // Returns false when stopped; the task is then dropped. Threads: any.
   virtual bool AddTask(const CTCPTask& task) = 0;
 };
 

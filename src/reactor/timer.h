@@ -7,7 +7,7 @@
 class ITask : public virtual IReference {
  public:
   virtual void MarkedForDeletion() = 0;
-  // What the timer does when it fires; on the reactor's work thread.
+  // Runs on the reactor's work thread when the timer fires.
   virtual void Done() = 0;
 };
 
@@ -15,10 +15,10 @@ class ITask : public virtual IReference {
 class ITimer {
  public:
   virtual ~ITimer() = default;
-  // Arms a timer that holds a reference on `task`. `once`: fires once; otherwise again every `interval_ms`.
-  // A task armed twice has two timers. Always true.
+  // Arms a timer that holds a reference to `task`. With `once` it fires once; otherwise every `interval_ms`. A
+  // task armed twice has two timers. Always true.
   virtual bool SetTimer(ITask* task, unsigned long long interval_ms, bool once) = 0;
-  // Cancels every timer of that task. Always true.
+  // Cancels all timers of that task. Always true.
   virtual bool KillTimer(ITask* task) = 0;
 };
 

@@ -22,7 +22,7 @@ bool CUdpLoopback::CreateIfNot() {
 int CUdpLoopback::Write(const void* data, int length) {
   CStdLock lock(mutex_);
   if (!socket_) return 0;
-  // No address: the socket is connected to its own, and some systems refuse to be told twice.
+  // Without an address: the socket is connected to itself, and some systems refuse an address then.
   return static_cast<int>(sendto(socket_.get(), data, static_cast<std::size_t>(length), 0, nullptr, 0));
 }
 
@@ -47,7 +47,7 @@ int CUdpLoopback::GetHandle() {
 bool CUdpLoopback::Open() {
   socket_.Close();
   socket_ = gxbase::OpenSocket(AF_INET, SOCK_DGRAM, 0);
-  // A socket that select cannot watch would wake nobody.
+  // select could not watch a descriptor that is too large.
   const bool usable = IsSelectable(socket_.get()) && BindToItself();
   if (!usable) socket_.Close();
   return usable;
@@ -62,7 +62,7 @@ bool CUdpLoopback::BindToItself() {
   if (bind(socket_.get(), generic, length) != 0) return false;
   if (getsockname(socket_.get(), generic, &length) != 0) return false;
   if (connect(socket_.get(), generic, length) != 0) return false;
-  // What strangers sent between bind and connect is still queued.
+  // Discard datagrams from other processes that arrived between bind and connect.
   char scrap;
   while (recv(socket_.get(), &scrap, sizeof scrap, 0) >= 0) {
   }

@@ -1,14 +1,14 @@
-// The socket that ends a select from another thread.
+// The socket that another thread uses to end a select.
 #ifndef GX_REACTOR_UDP_LOOPBACK_H
 #define GX_REACTOR_UDP_LOOPBACK_H
 
 #include "base/descriptor.h"
 #include "base/mutex_lock.h"
 
-// A non-blocking UDP socket on 127.0.0.1, on a port of the system's choice, that sends datagrams to itself and
-// receives from nobody else: any process of the machine can send to a loopback port.
-// Threads: any. The operations exclude each other, so that a datagram never goes to a descriptor that has been
-// closed and given to somebody's connection meanwhile. Read belongs to the thread that selects.
+// A non-blocking UDP socket on 127.0.0.1, at a port that the system chooses. It sends datagrams to itself and
+// receives only its own, because any local process can send to a loopback port.
+// Threads: any. The operations exclude each other, so that a datagram never goes to a descriptor number that
+// was closed and reused for a connection. Only the select thread calls Read.
 class CUdpLoopback {
  public:
   CUdpLoopback() = default;
@@ -16,16 +16,17 @@ class CUdpLoopback {
   CUdpLoopback& operator=(const CUdpLoopback&) = delete;
   ~CUdpLoopback() = default;
 
-  // Opens the socket anew, on a new port; what an open one had queued is lost. False: there is none now.
+  // Opens a new socket at a new port; datagrams queued in the old one are lost. Returns false when it could not
+  // be opened.
   bool Create();
-  // Keeps an open socket.
+  // Like Create, but keeps an open socket.
   bool CreateIfNot();
-  // What sendto returned, or 0 without a socket.
+  // Returns sendto's result, or 0 without a socket.
   int Write(const void* data, int length);
-  // What recvfrom returned (-1 when nothing is queued), or 0 without a socket.
+  // Returns recvfrom's result (-1 when nothing is queued), or 0 without a socket.
   int Read(void* buffer, int length);
   void Destroy();
-  // -1 without a socket.
+  // Returns -1 without a socket.
   int GetHandle();
 
  private:

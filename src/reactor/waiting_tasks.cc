@@ -50,7 +50,7 @@ void waiting_tasks<Task>::Enter(std::list<Task> fresh, std::list<Task>& late) {
   std::list<Task> readers, writers;
   Sort(std::exchange(came_, {}), readers, writers, late);
   const bool some_left = TakeLate(late);
-  // A limit may have come nearer: that of a write, when a read with another limit was done.
+  // A deadline may have moved closer, for example when a read with another limit finished.
   const bool limited = deadline_ms_ != kNoDeadline;
   Sort(std::move(fresh), readers_.tasks, writers_.tasks, late);
   readers_.tasks.splice(readers_.tasks.begin(), readers);
@@ -130,7 +130,7 @@ bool waiting_tasks<Task>::TakeLate(std::list<Task>& late) {
   return late.size() != had;
 }
 
-// The first limit that a waiting task gets, because its stream has got one, comes with a task of its own.
+// When a stream gets its first time limit, it adds a new task, so Watch sees that limit.
 template <class Task>
 void waiting_tasks<Task>::Watch(Waiters& waiters, const Task& task) {
   const int descriptor = task.socket();
@@ -154,8 +154,8 @@ void waiting_tasks<Task>::WatchAnew() {
   }
 }
 
-// All tasks that wait for the same of a descriptor are ready together. Those that were ready lately have come
-// back last, so from there the search rarely goes far.
+// Takes all tasks that wait for a ready descriptor. Recently ready tasks are at the back of the list, so
+// searching from the back is usually short.
 template <class Task>
 void waiting_tasks<Task>::TakeReady(Waiters& waiters, DescriptorSet ready, const DescriptorSet& failed,
                                     std::list<Task>& out) {
@@ -171,7 +171,7 @@ void waiting_tasks<Task>::TakeReady(Waiters& waiters, DescriptorSet ready, const
     const bool error =
         failed.Has(descriptor) || (entry->selectop() == kSelectConnect && HasConnectFailed(descriptor));
     if (error) entry->selectop() = kSelectError;
-    ++next;  // stays where it is
+    ++next;  // keeps its position
     taken.splice(taken.begin(), waiters.tasks, entry);
     if (!waiters.shared) ready.Remove(descriptor);
   }

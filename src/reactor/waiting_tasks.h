@@ -1,4 +1,4 @@
-// The socket tasks that wait, from pass to pass.
+// The socket tasks that wait, kept from pass to pass.
 #ifndef GX_REACTOR_WAITING_TASKS_H
 #define GX_REACTOR_WAITING_TASKS_H
 
@@ -9,10 +9,10 @@
 #include "reactor/descriptor_set.h"
 #include "reactor/tcp_task.h"
 
-// The descriptors of one select: those to wait for, and afterwards those that are ready or in error.
+// The descriptors of one select: those to wait for, and after the call those that are ready or in error.
 struct SelectSets {
   void Watch(int descriptor);  // for reading
-  // As select; all ones: without a limit.
+  // Calls select; all ones means no time limit.
   int Select(unsigned int wait_ms);
 
   DescriptorSet read;
@@ -22,60 +22,61 @@ struct SelectSets {
 };
 
 // Keeps the descriptor sets and the nearest time limit up to date as tasks come and go, so that a pass does not
-// make them anew for everybody. The order of service is that of one queue to whose back everybody returns who
-// was not ready: tasks that came while a pass waited, those that waited in it, those that have come since; and
-// in each pass readers before writers.
+// rebuild them. Tasks are served in the order of one queue to whose back every task returns that was not ready:
+// first tasks that were added while a pass waited, then those that waited in it, then those added since. Within
+// a pass readers come before writers.
 //
-// The entries of the queues themselves travel through here: a pass that needed memory of its own could lose
-// everybody's tasks for want of it. Threads: one at a time.
+// List entries are moved, never copied: a pass that had to allocate memory could lose tasks when memory runs
+// out. Threads: one at a time.
 template <class Task>
 class waiting_tasks {
  public:
   bool empty() const { return readers_.tasks.empty() && writers_.tasks.empty(); }
   std::size_t size() const { return came_.size() + readers_.tasks.size() + writers_.tasks.size(); }
 
-  // Begins a pass: `fresh` have come since the last one. Everybody is asked, in the order of service, whether
-  // the time limit has passed, and goes to the back of `late` then. A task that waits for nothing known is
-  // dropped.
+  // Starts a pass with the tasks added since the last one (`fresh`). Asks every task, in the order of service,
+  // whether its time limit has passed, and moves those to the back of `late`. Drops a task whose event is
+  // unknown.
   void Enter(std::list<Task> fresh, std::list<Task>& late);
-  // In the middle of a pass: nobody but `fresh` is asked.
+  // Adds tasks during a pass. Only these are asked for their time limit.
   void EnterLast(std::list<Task> fresh, std::list<Task>& late);
-  // `came` while the pass waited; the next one enters them.
+  // Stores the tasks that were added while the pass waited; the next pass starts with them.
   void EndPass(std::list<Task> came);
-  // Milliseconds until a time limit may have passed; all ones: there is none.
+  // Milliseconds until the next time limit; all ones when there is none.
   std::uint64_t TimeLeft() const;
 
-  // What to wait for.
+  // The descriptors to wait for.
   SelectSets Sets() const;
-  // Moves the tasks that are ready or in error, by the sets after select, to the back of `ready`.
+  // Moves the tasks whose descriptors are ready or in error, according to the sets after select, to the back of
+  // `ready`.
   void TakeReady(const SelectSets& sets, std::list<Task>& ready);
   // Drops the tasks whose descriptor is not open.
   void DropBad();
-  // All of them, in the order of service; nobody waits here any more.
+  // Removes and returns all tasks, in the order of service.
   std::list<Task> TakeAll();
 
  private:
-  // Those that wait for the same thing.
+  // The tasks that wait for one kind of event.
   struct Waiters {
     std::list<Task> tasks;
     DescriptorSet descriptors;
-    bool shared = false;  // perhaps several wait for one of them
+    bool shared = false;  // several tasks may wait for one descriptor
   };
 
   void Sort(std::list<Task> fresh, std::list<Task>& readers, std::list<Task>& writers, std::list<Task>& late);
-  bool TakeLate(std::list<Task>& late);  // true: there were some
+  bool TakeLate(std::list<Task>& late);  // true: at least one was late
   void Watch(Waiters& waiters, const Task& task);
-  void WatchAnew();  // everybody
+  void WatchAnew();  // rebuilds sets and limit from all tasks
   static void TakeReady(Waiters& waiters, DescriptorSet ready, const DescriptorSet& failed,
                         std::list<Task>& out);
   template <class Condition>
   static void Take(Waiters& waiters, std::list<Task>& out, Condition condition);
 
-  std::list<Task> came_;  // during the last pass
+  std::list<Task> came_;  // added during the last pass
   Waiters readers_;
   Waiters writers_;
-  int highest_ = 0;                          // no watched descriptor is above it
-  std::uint64_t deadline_ms_ = kNoDeadline;  // monotonic; no time limit is before it
+  int highest_ = 0;                          // upper bound of the watched descriptors
+  std::uint64_t deadline_ms_ = kNoDeadline;  // monotonic; lower bound of the time limits
   static constexpr std::uint64_t kNoDeadline = ~std::uint64_t{0};
 };
 
