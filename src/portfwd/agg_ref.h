@@ -1,4 +1,4 @@
-// Counting for an object that shares its life with another one.
+// Reference counting for an object that shares its lifetime with another one.
 #ifndef GX_PORTFWD_AGG_REF_H
 #define GX_PORTFWD_AGG_REF_H
 
@@ -6,9 +6,9 @@
 
 #include "object/reference.h"
 
-// Whoever holds this object holds the outer one as well; the outer one holds this object through
-// InternalReference, which does not count back, so the two make no circle. This object goes when neither its
-// holders nor the outer object hold it any more.
+// A reference to this object is also a reference to the outer one. The outer object holds this one through
+// InternalReference, which does not count back, so there is no reference cycle. This object is deleted when
+// neither other holders nor the outer object hold it.
 template <class Outer>
 class CAggRef_T : private CReference {
  public:
@@ -18,12 +18,12 @@ class CAggRef_T : private CReference {
   }
 
   std::int64_t Release() override {
-    outer_->Release();  // may end the outer object, which then gives its own reference on this one back
+    outer_->Release();  // may delete the outer object, which then drops its reference to this one
     return CReference::Release();
   }
 
  protected:
-  // `outer` is not counted here.
+  // `outer` is borrowed.
   explicit CAggRef_T(Outer* outer) : outer_(outer), inner_(this) {}
 
   IReference* InternalReference() { return &inner_; }

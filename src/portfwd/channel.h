@@ -14,21 +14,22 @@
 
 class CChannelRaw;
 
-// The client of a channel. Threads: any.
+// The owner of a channel: the client. Threads: any.
 class IChannelOwner {
  public:
-  // A new connection; gives the stream its handler, or disconnects it.
+  // Receives a new connection: gives the stream a handler or disconnects it.
   virtual void OnAccept(IBaseStream* stream, CChannelRaw* channel) = 0;
-  // The running reactor, started if need be; null when the owner has stopped, or no thread can be had.
+  // Returns the reactor, and starts it if necessary. Null when the owner has stopped or no thread can be
+  // started.
   virtual CReactor_T<tcp_select_tracker>* get_Tracker() = 0;
-  // Takes the channel out of the owner's list.
+  // Removes the channel from the owner's list.
   virtual std::uint32_t Erase(CChannelRaw* channel) = 0;
 
  protected:
   ~IChannelOwner() = default;
 };
 
-// A text that a getter returns is valid until the next put (or get_LocalAddress) of that text; a null text
+// A text from a getter is valid until the next put of that text (or the next get_LocalAddress); a null text
 // counts as empty.
 class IChannelRaw : public IReference {
  public:
@@ -36,21 +37,22 @@ class IChannelRaw : public IReference {
   virtual void put_Name(const char* name) = 0;
   virtual const char* get_RemoteAddress() = 0;  // host:port
   virtual void put_RemoteAddress(const char* address) = 0;
-  // The local port as "127.0.0.1:port"; empty while the channel has never listened.
+  // The local port as "127.0.0.1:port"; empty before the channel's first listen.
   virtual const char* get_LocalAddress() = 0;
   virtual const char* get_Protocol() = 0;
   virtual void put_Protocol(const char* protocol) = 0;
-  // Not 0: other machines may connect. A change listens on a fresh port at once, also when the channel is
+  // Non-zero lets other machines connect. A change listens at once on a new port, also when the channel is
   // stopped.
   virtual short get_AllowShare() = 0;
   virtual void put_AllowShare(short share) = 0;
   virtual std::uint32_t get_Index() = 0;
   virtual void put_Index(std::uint32_t index) = 0;
-  // Listens on 127.0.0.1, whatever the allow-share value. False: no client, or no port. True while running.
+  // Listens on 127.0.0.1, whatever the allow-share value is. Returns false without a client or a port, and true
+  // while running.
   virtual bool Run() = 0;
-  // Closes the port; connections go on. Always true.
+  // Closes the port and keeps the connections. Always true.
   virtual bool Stop() = 0;
-  // Stop, and leave the client's list. The channel may be gone when this returns.
+  // Calls Stop and removes the channel from the client's list. The channel may be deleted when this returns.
   virtual std::uint32_t Erase() = 0;
 };
 
@@ -75,13 +77,13 @@ class CChannelRaw final : public IChannelRaw, private CReference {
   bool Stop() override;
   std::uint32_t Erase() override;
 
-  // Not counted. The client takes itself back with Detach before it goes.
+  // Borrowed. The client calls Detach before it is destroyed.
   void put_PortForwardClient(IChannelOwner* client) { client_ = client; }
-  // Stops, and forgets the client for good: whoever still holds the channel cannot reach the client through it.
+  // Stops, and drops the client for good: a remaining holder of the channel cannot reach the client through it.
   void Detach();
-  // Hands a new connection to the client.
+  // Passes a new connection to the client.
   void OnAccept(CRefObj<CSockStream> stream);
-  // The texts as they are at one moment. Threads: any.
+  // A snapshot of the texts. Threads: any.
   struct Texts {
     std::string name;
     std::string protocol;
@@ -90,23 +92,23 @@ class CChannelRaw final : public IChannelRaw, private CReference {
   Texts GetTexts() const;
 
  private:
-  // Counted: a task in the reactor may outlive the channel.
+  // Reference-counted: a task in the reactor may outlive the channel.
   class SELECT_ACCEPTOR final : public CSockAcceptor, private CReference {
    public:
     explicit SELECT_ACCEPTOR(CChannelRaw* channel) : channel_(channel) {}
     GX_FORWARD_REFERENCE();
-    // Listens. Connections that are waiting already are accepted here, but it is the reactor that serves them:
-    // this thread must not wait for the far side.
+    // Listens. Accepts the connections in the backlog here, but lets the reactor serve them, because this
+    // thread must not wait for the far side.
     bool Listen(const char* host_port, CReactor_T<tcp_select_tracker>& reactor);
     bool OnAccept(CRefObj<CSockStream> stream) override;
-    // Waits for an OnAccept that is with the channel, and keeps every later one from it.
+    // Waits for a running OnAccept of the channel and blocks all later ones.
     void Detach();
 
    private:
-    const CRefObj<IMemAlloctor> memory_{new CFrameAlloctor};  // of the connections
-    CStdMutex mutex_;                                         // held while the channel is called
+    const CRefObj<IMemAlloctor> memory_{new CFrameAlloctor};  // for the connections
+    CStdMutex mutex_;                                         // held during calls to the channel
     CChannelRaw* channel_ GUARDED_BY(mutex_);
-    std::atomic<ITimer*> starting_on_{nullptr};  // during Listen
+    std::atomic<ITimer*> starting_on_{nullptr};  // set during Listen
   };
 
   void PutText(std::string& text, const char* value);
@@ -114,14 +116,14 @@ class CChannelRaw final : public IChannelRaw, private CReference {
   static bool Listen(SELECT_ACCEPTOR& acceptor, IChannelOwner& client, const char* host_port);
 
   CMutexLock lock_;
-  CRefObj<SELECT_ACCEPTOR> acceptor_ GUARDED_BY(lock_);  // made on first need
+  CRefObj<SELECT_ACCEPTOR> acceptor_ GUARDED_BY(lock_);  // created on first use
   std::atomic<IChannelOwner*> client_{nullptr};
   std::string local_address_;
   std::atomic<std::uint32_t> index_{0};
   std::atomic<short> allow_share_{0};
   std::atomic<bool> running_{false};
 
-  mutable CMutexLock text_lock_;  // writers, and GetTexts; taken last
+  mutable CMutexLock text_lock_;  // for writers and GetTexts; taken after all other locks
   std::string name_;
   std::string protocol_;
   std::string remote_address_;

@@ -1,4 +1,4 @@
-// The channels of a client in the order of their creation.
+// The channels of a client, in the order of creation.
 #ifndef GX_PORTFWD_CHANNEL_REGISTRY_H
 #define GX_PORTFWD_CHANNEL_REGISTRY_H
 
@@ -11,28 +11,28 @@
 #include "portfwd/channel.h"
 #include "portfwd/channel_list.h"
 
-// States: closed (at first, and after TakeAll), open. Threads: any. References are dropped outside the lock.
+// States: closed (initially, and after TakeAll), open. Threads: any. References are dropped outside the lock.
 class CChannelRegistry {
  public:
   using Channels = std::vector<CRefObj<CChannelRaw>>;
 
-  // `lock` is the client's; it outlives the registry.
+  // `lock` belongs to the client and outlives the registry.
   explicit CChannelRegistry(CMutexLock& lock) : lock_(lock) {}
 
   void Open();
-  // Numbers the channels (the first index of the process is 1) and appends them: all or, when there is no
-  // memory, none. False: closed.
+  // Numbers the channels (the first index in the process is 1) and appends all of them, or none when memory
+  // runs out. Returns false when closed.
   bool Add(const Channels& added);
-  // The channel with that index; empty: there is none.
+  // The channel with that index; empty when there is none.
   CRefObj<CChannelRaw> Find(std::uint32_t index);
-  // False: it is not in the list. The caller holds a reference.
+  // Returns false when the channel is not in the list. The caller holds a reference to it.
   bool Remove(const CChannelRaw& channel);
-  // At that position of the list; empty beyond its end.
+  // The channel at that position of the list; empty beyond the end.
   CRefObj<CChannelRaw> At(std::size_t position);
   std::size_t Count();
-  // As the far side is told.
+  // The records that are sent to the far side.
   std::vector<ChannelRecord> Records();
-  // Closes the registry; the channels are the caller's.
+  // Closes the registry and passes the channels to the caller.
   Channels TakeAll();
 
  private:

@@ -15,7 +15,7 @@ void CConnectionRegistry::Open() {
 }
 
 bool CConnectionRegistry::Add(const CRefObj<MyHandler>& connection) {
-  CRefObj<MyHandler> replaced;  // outlives the lock: its reference may be the last one
+  CRefObj<MyHandler> replaced;  // may be the last reference: dropped after the lock is released
   CAutoLock lock(lock_);
   if (!open_) return false;
   replaced = std::exchange(connections_[connection->get_Id()], connection);
@@ -36,7 +36,7 @@ CRefObj<MyHandler> CConnectionRegistry::FindOwing() {
 }
 
 void CConnectionRegistry::Remove(const MyHandler& connection) {
-  Connections::node_type removed;  // outlives the lock: its reference may be the last one
+  Connections::node_type removed;  // may be the last reference: dropped after the lock is released
   CAutoLock lock(lock_);
   const auto found = connections_.find(connection.get_Id());
   if (found != connections_.end() && found->second.get() == &connection) removed = connections_.extract(found);

@@ -1,4 +1,4 @@
-// The connections of a client by their ids.
+// The connections of a client, by id.
 #ifndef GX_PORTFWD_CONNECTION_REGISTRY_H
 #define GX_PORTFWD_CONNECTION_REGISTRY_H
 
@@ -9,28 +9,29 @@
 #include "gxmod/reference.h"
 #include "portfwd/connection_handler.h"
 
-// States: closed (at first, and after TakeAll), open. Threads: any. References are dropped outside the lock.
+// States: closed (initially, and after TakeAll), open. Threads: any. References are dropped outside the lock.
 class CConnectionRegistry {
  public:
   using Connections = std::map<std::uint32_t, CRefObj<MyHandler>>;
 
-  // `lock` is the client's; it outlives the registry.
+  // `lock` belongs to the client and outlives the registry.
   explicit CConnectionRegistry(CMutexLock& lock) : lock_(lock) {}
 
-  // Ids count for the whole process, so that those of several clients never meet on one stream; the first is 1.
-  // After 2^32 connections they come round.
+  // Ids are unique in the process, so that clients can share a stream; the first is 1. They wrap around after
+  // 2^32 connections.
   static std::uint32_t NextId();
 
   void Open();
-  // Keeps a reference. An older connection with the same id is replaced. False: closed, and nothing is kept.
+  // Stores a reference and replaces an older connection with the same id. Returns false when closed; the
+  // reference is then dropped.
   bool Add(const CRefObj<MyHandler>& connection);
-  // Empty: there is none.
+  // Empty when there is none.
   CRefObj<MyHandler> Find(std::uint32_t id);
-  // Some connection that owes the far side a Close. Reader's thread.
+  // Returns a connection that still owes the far side a Close. Reader's thread.
   CRefObj<MyHandler> FindOwing();
-  // Forgets the connection, unless another one has its id by now.
+  // Removes the connection, unless another one has its id already.
   void Remove(const MyHandler& connection);
-  // Closes the registry; the connections are the caller's.
+  // Closes the registry and passes the connections to the caller.
   Connections TakeAll();
 
  private:

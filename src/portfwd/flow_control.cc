@@ -43,7 +43,7 @@ void CFlowControl::Released(Account& account, std::uint64_t payload) {
 void CFlowControl::WriteWaits(std::uint64_t now_ms) {
   write_waits_since_ms_.store(now_ms);
   if (!wants_write_.load()) return;
-  CStdLock lock(mutex_);  // the reader has looked and not gone to sleep yet, or sleeps
+  CStdLock lock(mutex_);  // locking ensures that the reader is asleep or has not looked yet
   changed_.notify_one();
 }
 
@@ -80,7 +80,7 @@ std::uint64_t CFlowControl::Owed(const Account& account) const {
   return account.level_.bytes;
 }
 
-// True: the level has just become full.
+// True when the level has just become full.
 bool CFlowControl::Add(Level& level, std::uint64_t bytes) {
   level.bytes += bytes;
   if (level.bytes <= level.limit) return false;
@@ -102,7 +102,7 @@ CFlowControl::Verdict CFlowControl::Judge(Account& account) {
   if (stopped_ || (!account.level_.waits && !total_.waits)) return {Verdict::kGoOn};
   const std::uint64_t now_ms = now_();
 
-  // Whoever holds the reader up and takes nothing.
+  // Find the connection that blocks the reader and has taken nothing for longest.
   std::uint64_t until_ms = kNever;
   Account* stalled = nullptr;
   for (Account* held : accounts_) {
@@ -116,8 +116,8 @@ CFlowControl::Verdict CFlowControl::Judge(Account& account) {
   }
   if (stalled != nullptr) return Cut(*stalled);
 
-  // A Write that begins while the reader sleeps wakes it; one that is on its way is looked at when it would
-  // count as stuck.
+  // A Write that starts while the reader sleeps wakes it. For a running Write, look again when it would count
+  // as stuck.
   wants_write_.store(true);
   const std::uint64_t since_ms = write_waits_since_ms_.load();
   wants_write_.store(since_ms == 0);

@@ -5,7 +5,7 @@
 void CPluginLink::Close() {
   try {
     stream_->Close();
-  } catch (...) {  // the connections and the port have to go all the same
+  } catch (...) {  // stopping must continue: connections and port have to be closed
     GXModLog(kGXModLogError, "[portfwd] Close of the plugin stream ended with an exception");
   }
 }

@@ -1,4 +1,4 @@
-// A plugin stream and what belongs to it, for as long as somebody uses it.
+// A plugin stream with its writer and flow control, shared by all their users.
 #ifndef GX_PORTFWD_PLUGIN_LINK_H
 #define GX_PORTFWD_PLUGIN_LINK_H
 
@@ -7,21 +7,21 @@
 #include "portfwd/flow_control.h"
 #include "portfwd/plugin_writer.h"
 
-// The client makes one for each stream that it is given. The reader holds the link that it was started with,
-// and a connection the one that it was accepted with, so neither has to ask the client for it, and none of them
-// ever changes streams. Threads: any; see the parts.
+// The client creates one for each stream that it is given. The reader and each connection hold the link that
+// they started with, so they never change streams and need not ask the client for it. Threads: any; see the
+// members.
 class CPluginLink final : public CReference {
  public:
-  // Takes a reference on `stream`, which is not null.
+  // Takes a reference to `stream`, which must not be null.
   CPluginLink(IPluginStreamRaw* stream, const CFlowControl::Limits& limits)
       : stream_(stream), flow_(limits), writer_(stream, flow_) {}
 
-  // What the reader reads.
+  // The stream for the reader.
   IPluginStreamRaw& stream() { return *stream_; }
   CPluginWriter& writer() { return writer_; }
   CFlowControl& flow() { return flow_; }
 
-  // Closes the stream. A host's Close that throws is logged.
+  // Closes the stream. Logs an exception from the host's Close.
   void Close();
 
  private:

@@ -9,7 +9,7 @@ namespace {
 
 constexpr std::uint64_t kPromptMs = 1;
 
-// Tells the flow control that nobody is in Write any more, however the frame ends.
+// Reports the end of the Write to the flow control on every way out.
 class WriteScope {
  public:
   explicit WriteScope(CFlowControl& flow) : flow_(flow) {}
@@ -26,7 +26,7 @@ class WriteScope {
 bool CPluginWriter::WriteFrame(const void* frame, std::size_t length) {
   CStdLock lock(mutex_);
   if (torn_) return true;
-  torn_ = true;  // Write may throw after it has taken a part
+  torn_ = true;  // stays set if Write throws: it may have taken a part
   const WriteScope writing(flow_);
   const auto* const data = static_cast<const unsigned char*>(frame);
   const std::uint64_t start_ms = gettickcount();

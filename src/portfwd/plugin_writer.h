@@ -1,4 +1,4 @@
-// The one way out to the plugin stream.
+// Writes frames to the plugin stream.
 #ifndef GX_PORTFWD_PLUGIN_WRITER_H
 #define GX_PORTFWD_PLUGIN_WRITER_H
 
@@ -8,20 +8,21 @@
 #include "gxmod/control_ssh.h"
 #include "portfwd/flow_control.h"
 
-// Writes whole frames, one after the other: the host's Write may take part of a block, and no frame may land
-// inside another one. Threads: any but the reader's. WriteFrame waits for its turn and for the host; nothing
-// but the host's Write runs meanwhile.
+// Writes whole frames, one at a time: the host's Write may take part of a block, and frames must not be mixed.
+// Threads: any except the reader's. WriteFrame waits for earlier frames and for the host; while it holds the
+// lock it calls only the host's Write.
 class CPluginWriter {
  public:
-  // Takes a reference on `stream`, which is not null. `flow` hears of every Write and outlives the writer.
+  // Takes a reference to `stream`, which must not be null. `flow` is informed of every Write and outlives the
+  // writer.
   CPluginWriter(IPluginStreamRaw* stream, CFlowControl& flow) : stream_(stream), flow_(flow) {}
   CPluginWriter(const CPluginWriter&) = delete;
   CPluginWriter& operator=(const CPluginWriter&) = delete;
 
-  // `length` bytes at `frame`, header and payload. False: the host took only a part at first, or more than a
-  // millisecond; the far side is slow. Gives the frame up silently when the stream fails; when it failed in the
-  // middle of a frame, or Write threw, every later one is dropped, since the far side could not tell where it
-  // begins.
+  // Writes `length` bytes at `frame`: header and payload. Returns false when the first Write took only part of
+  // them, or Write took more than a millisecond: the far side is slow. Drops the frame silently when the stream
+  // fails. After a failure in the middle of a frame, or when Write threw, all later frames are dropped, because
+  // the far side could not find where they start.
   bool WriteFrame(const void* frame, std::size_t length);
 
  private:

@@ -21,7 +21,7 @@ CRefObj<IPortForwardClientRaw> CreatePortForwardClient() { return {new CPortForw
 CPortForwardClientRaw::CPortForwardClientRaw(const Limits& limits) : limits_(limits) {
   connections_.Open();
   channels_.Open();
-  reactor_.Run(kReactorThreads);  // get_Tracker tries again when this fails
+  reactor_.Run(kReactorThreads);  // get_Tracker retries if this fails
 }
 
 CPortForwardClientRaw::~CPortForwardClientRaw() { Stop(); }
@@ -59,7 +59,7 @@ std::uint32_t CPortForwardClientRaw::ExitInstance() {
 }
 
 void CPortForwardClientRaw::Stop() {
-  assert(!reader_.IsCurrent());  // it would wait for itself
+  assert(!reader_.IsCurrent());  // the reader would wait for itself
   stopping_ = true;
   const CConnectionRegistry::Connections connections = connections_.TakeAll();
   const CChannelRegistry::Channels channels = channels_.TakeAll();
@@ -98,7 +98,7 @@ IChannelRaw* CPortForwardClientRaw::NewChannel(const char* name, const char* pro
   return channel.get();
 }
 
-// A channel of this client that is not in the list yet.
+// Creates a channel of this client that is not yet in the list.
 CRefObj<CChannelRaw> CPortForwardClientRaw::NewChannelImpl(const char* name, const char* protocol,
                                                            const char* remote) {
   CRefObj<CChannelRaw> channel(new CChannelRaw);
@@ -155,8 +155,8 @@ void CPortForwardClientRaw::OnAccept(IBaseStream* stream, CChannelRaw* channel) 
   if (!connections_.Add(connection)) connection->Disconnect();
 }
 
-// The reader must not wait for the far side, so it leaves the Close to the reactor. The reactor may also hold
-// data that it has just read and that must not come behind the Close.
+// The reader must not wait for the far side, so the reactor sends the Close. This also keeps the Close behind
+// data that the reactor has just read.
 void CPortForwardClientRaw::OnEnd(MyHandler& connection, bool owes_close) {
   if (owes_close && reader_.IsCurrent()) {
     if (!PostClose(connection.get_Id())) {
@@ -165,7 +165,7 @@ void CPortForwardClientRaw::OnEnd(MyHandler& connection, bool owes_close) {
       return;
     }
   }
-  connections_.Remove(connection);  // first: the host's Write may throw
+  connections_.Remove(connection);  // first, because the host's Write may throw
   if (owes_close && !reader_.IsCurrent()) connection.SendClose();
 }
 
@@ -178,7 +178,7 @@ void CPortForwardClientRaw::BeforeFrame() {
   }
 }
 
-// False: no memory.
+// False when memory runs out.
 bool CPortForwardClientRaw::PostClose(std::uint32_t id) try {
   PostTask(reactor_, MakeSendTask(gxmod::ConnectionType::Close, id, ""));
   return true;
@@ -208,7 +208,7 @@ void CPortForwardClientRaw::OnTestRespond(const char* text, bool ok) {
   if (const CRefObj<IListener> listener = Listener()) listener->OnTestRespond(text, ok);
 }
 
-// Tells the far side which channels there are now. Always 0.
+// Sends the current channels to the far side. Always 0.
 std::uint32_t CPortForwardClientRaw::SaveChannels() {
   const std::string text = FormatChannelList(channels_.Records());
   GXModLog(kGXModLogInfo, "[portfwd] channel list: %s", text.c_str());

@@ -1,4 +1,4 @@
-// The hub of forwarding: channels, connections, the reactor and the reader of the plugin stream.
+// The centre of forwarding: channels, connections, the reactor and the reader of the plugin stream.
 #ifndef GX_PORTFWD_PORT_FORWARD_CLIENT_H
 #define GX_PORTFWD_PORT_FORWARD_CLIENT_H
 
@@ -18,40 +18,41 @@
 #include "portfwd/server_stream_thread.h"
 #include "reactor/reactor.h"
 
-// Threads: one owner's thread, which must not be one of the client's own.
+// Threads: the owner's thread, which must not be one of the client's threads.
 class IPortForwardClientRaw : public IPluginRaw {
  public:
-  // Hears from the far side, on the thread that reads the plugin stream. Must not stop or release the client
-  // there.
+  // Receives messages from the far side, on the thread that reads the plugin stream. It must not stop or
+  // release the client in these calls.
   class IListener : public virtual IReference {
    public:
     virtual void OnChannelsList(const char* text) = 0;
     virtual void OnTestRespond(const char* text, bool ok) = 0;
   };
 
-  // A channel that listens on a local port for connections to `remote` (host:port). Not counted: the client
-  // holds it. Null: the client has stopped. Every change of the list is sent to the far side.
+  // Returns a channel that listens on a local port for connections to `remote` (host:port). Borrowed: the
+  // client holds it. Null when the client has stopped. Every change of the list is sent to the far side.
   virtual IChannelRaw* NewChannel(const char* name, const char* protocol, const char* remote) = 0;
-  // Stops and drops the channel with that index, if there is one. Returns 0.
+  // Stops and drops the channel with that index, if it exists. Returns 0.
   virtual std::uint32_t DeleteChannel2(unsigned long index) = 0;
-  // By index, by position in the list; null: no such channel. Not counted.
+  // Find a channel by index or by position in the list. Null when there is none. Borrowed.
   virtual IChannelRaw* GetChannel2(unsigned long index) = 0;
   virtual IChannelRaw* GetChannel(unsigned long position) = 0;
   virtual unsigned long GetChannelsCount() = 0;
-  // Asks the far side to test what `text` says; the listener hears of the answer. Name and protocol are not
-  // used.
+  // Asks the far side to run the test in `text`; the listener receives the answer. Name and protocol are
+  // ignored.
   virtual std::uint32_t TestChannel(const char* name, const char* protocol, const char* text) = 0;
-  // Takes a reference and releases the previous listener. Null is ignored: the listener cannot be cleared.
+  // Takes a reference and releases the previous listener. Null is ignored: a listener can be replaced but not
+  // removed.
   virtual void SetListener(IListener* listener) = 0;
 };
 
 // States: created (the reactor runs) -> InitInstance -> Run (the reader runs) -> ExitInstance -> stopped.
-// Nothing brings a stopped client back but another InitInstance: connections that still come are dropped,
-// channel lists open no port. After ExitInstance, and after the destructor, no thread, port or connection of
-// the client is left, and whoever still holds a channel or a stream of it has no way back into it.
+// Only another InitInstance restarts a stopped client: until then it drops new connections, and channel lists
+// open no port. After ExitInstance, and after the destructor, the client's threads, ports and connections are
+// gone, and a remaining holder of one of its channels or streams cannot reach it.
 //
-// Locks: lock_ is taken to look up, copy or change the lists and is never held while a stream is disconnected,
-// a channel or the reactor stopped, a reference dropped, a thread joined or the host called.
+// Locks: lock_ is held only to look up, copy or change the lists. It is never held while a stream is
+// disconnected, a channel or the reactor stopped, a reference dropped, a thread joined or the host called.
 class CPortForwardClientRaw final : public IPortForwardClientRaw,
                                     public IChannelOwner,
                                     public IConnectionOwner,
@@ -62,21 +63,22 @@ class CPortForwardClientRaw final : public IPortForwardClientRaw,
 
   CPortForwardClientRaw() : CPortForwardClientRaw(Limits()) {}
   explicit CPortForwardClientRaw(const Limits& limits);
-  // Stops. Does not close the plugin stream: without ExitInstance it waits for the host's Read to return.
+  // Stops. It leaves the plugin stream open: without an earlier ExitInstance it waits until the host's Read
+  // returns.
   ~CPortForwardClientRaw() override;
   GX_FORWARD_REFERENCE();
 
   std::uint32_t Load(const wchar_t* /*config*/) override { return kGXModOk; }
-  // kGXModInvalidArgument for null, which drops the stream held so far. A client that runs exits first: the
-  // reader and the connections of a stream never go over to another one.
+  // Returns kGXModInvalidArgument for null, which drops the current stream. A running client exits first: its
+  // reader and connections stay with their stream.
   std::uint32_t InitInstance(IPluginStreamRaw* stream) override;
-  // kGXModUnexpected without a stream, or when stopped; kGXModFail when the system has no thread for the
-  // reader.
+  // Returns kGXModUnexpected without a stream or after a stop; kGXModFail when the reader's thread cannot be
+  // started.
   std::uint32_t Run() override;
   std::uint32_t ExitInstance() override;
   CRefObj<IPluginStreamRaw> GetPluginStream() override;
 
-  // Also null, and nothing listens: there is no memory to tell the far side.
+  // Also null, without listening, when there is no memory for the message to the far side.
   IChannelRaw* NewChannel(const char* name, const char* protocol, const char* remote) override;
   std::uint32_t DeleteChannel2(unsigned long index) override;
   IChannelRaw* GetChannel2(unsigned long index) override;
@@ -110,11 +112,11 @@ class CPortForwardClientRaw final : public IPortForwardClientRaw,
   const Limits limits_;
   std::atomic<bool> stopping_{false};
   bool running_ = false;      // Run has started the reader; owner's thread only
-  bool closes_owed_ = false;  // for want of memory; reader only
+  bool closes_owed_ = false;  // a Close could not be sent because memory ran out; reader only
 
   CMutexLock lock_;
   CRefObj<IListener> listener_ GUARDED_BY(lock_);
-  CRefObj<CPluginLink> link_ GUARDED_BY(lock_);  // of the present stream; empty: there is none
+  CRefObj<CPluginLink> link_ GUARDED_BY(lock_);  // of the current stream; empty without one
   CConnectionRegistry connections_{lock_};
   CChannelRegistry channels_{lock_};
 
@@ -123,7 +125,7 @@ class CPortForwardClientRaw final : public IPortForwardClientRaw,
   CServerStreamThread reader_;
 };
 
-// A client, counted for the caller.
+// Creates a client; the caller owns the reference.
 CRefObj<IPortForwardClientRaw> CreatePortForwardClient();
 
 #endif  // GX_PORTFWD_PORT_FORWARD_CLIENT_H

@@ -1,5 +1,5 @@
-// Frames that the reactor writes, so that whoever causes one never waits for the far side: control frames, and
-// the Close of a connection whose end the reader finds.
+// Frames that the reactor writes, so that other threads never wait for the far side: control frames, and the
+// Close of a connection that the reader ends.
 #ifndef GX_PORTFWD_SEND_TASK_H
 #define GX_PORTFWD_SEND_TASK_H
 
@@ -11,15 +11,15 @@
 #include "stream/ibuffer.h"
 #include "stream/thread_safty.h"
 
-// A frame and where it goes.
+// A frame and its plugin stream.
 struct SEND_TASK {
-  CRefObj<CPluginLink> link;  // empty: there is no plugin stream, and the frame is dropped
+  CRefObj<CPluginLink> link;  // empty: no plugin stream, the frame is dropped
   CRefObj<IBuffer> frame;     // header and payload; its size is the frame's length
 
   void Done();
 };
 
-// A timer task that does a T once.
+// A timer task that runs a T once.
 template <class T>
 class ITaskImpl final : public ITask, private CReference {
  public:
@@ -35,7 +35,7 @@ class ITaskImpl final : public ITask, private CReference {
   T work_;
 };
 
-// Has `task` done by the timer's thread, as soon as it looks at its timers. Threads: any.
+// Lets the timer's thread run `task` at its next look at the timers. Threads: any.
 template <class T>
 void PostTask(ITimer& timer, T task) {
   const CRefObj<ITask> posted(new ITaskImpl<T>(std::move(task)));

@@ -12,7 +12,7 @@
 
 namespace {
 
-// Up to the first NUL byte.
+// The text before the first NUL byte.
 std::string TextOf(const IBuffer* payload) {
   if (payload == nullptr || payload->GetPointer() == nullptr) return {};
   const std::string_view text(static_cast<const char*>(payload->GetPointer()), payload->GetSize());
@@ -77,8 +77,8 @@ bool CServerStreamThread::Skip(std::uint32_t length) {
   return true;
 }
 
-// Memory ran out on the way of a frame. Its connection must not go on with a hole in its data; the others
-// shall.
+// Memory ran out while a frame was handled. Its connection ends, because its data would have a gap; the others
+// continue.
 void CServerStreamThread::Lose(const gxmod::FrameHeader& header) {
   if (header.type != gxmod::ConnectionType::Data && header.type != gxmod::ConnectionType::Close) {
     GXModLog(kGXModLogError, "[portfwd] a frame of type %u was lost: no memory, or its listener failed",
@@ -121,7 +121,7 @@ void CServerStreamThread::DeliverTestResponse(IBuffer* payload) {
   owner_->OnTestRespond(std::string(response.text, response.text_length).c_str(), response.status == 0);
 }
 
-// Before the next frame is read, one that has passed a limit waits until there is room.
+// Waits, before the next frame is read, while a limit is exceeded.
 void CServerStreamThread::WaitForRoom(MyHandler& connection, CFlowControl::Filled filled) {
   if (filled == CFlowControl::Filled::kConnection) {
     GXModLog(kGXModLogWarning, "[portfwd] connection %u takes its data too slowly, reading waits for it",

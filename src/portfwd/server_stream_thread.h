@@ -1,4 +1,4 @@
-// The one thread that reads the plugin stream.
+// The thread that reads the plugin stream.
 #ifndef GX_PORTFWD_SERVER_STREAM_THREAD_H
 #define GX_PORTFWD_SERVER_STREAM_THREAD_H
 
@@ -11,12 +11,12 @@
 #include "portfwd/plugin_link.h"
 #include "stream/ibuffer.h"
 
-// Whom the frames are for. Called on the reader's thread.
+// Receives the frames, on the reader's thread.
 class IFrameReceiver {
  public:
-  // The reader is about to read the next frame.
+  // Called before each frame is read.
   virtual void BeforeFrame() = 0;
-  // The connection with that id; empty: there is none.
+  // Returns the connection with that id; empty when there is none.
   virtual CRefObj<MyHandler> FindStream(std::uint32_t id) = 0;
   virtual void OnReceiveChannelsList(const char* text) = 0;
   virtual void OnTestRespond(const char* text, bool ok) = 0;
@@ -25,31 +25,31 @@ class IFrameReceiver {
   ~IFrameReceiver() = default;
 };
 
-// Takes one frame after the other off the stream and delivers it: data and closes to the connection with that
-// id, test responses and channel lists to the client. Unknown frames, and those without memory, are read in
-// full and skipped; in the latter case the frame's connection ends, with a line. The thread ends quietly when
-// the stream fails or ends, or when it is stopped; the connections stay as they are. It never waits for the far
-// side to read.
+// Reads frames from the stream and delivers them: Data and Close to the connection with that id, test responses
+// and channel lists to the client. Unknown frames, and frames for which memory runs out, are read in full and
+// skipped; in the second case the frame's connection ends and a line is logged. The thread ends silently when
+// the stream fails, ends or is stopped; the connections are left alone. It never waits for the far side to
+// read.
 class CServerStreamThread final : public CBaseThread {
  public:
   CServerStreamThread() { SetThreadName("reader"); }
   ~CServerStreamThread() override { CBaseThread::Stop(); }
 
-  // Before Run, not while the thread runs. `owner` is not counted.
+  // Call it before Run, while the thread is stopped. `owner` is borrowed.
   void put_Owner(IFrameReceiver* owner, CRefObj<CPluginLink> link);
 
-  // The stream has to be closed first: this waits for a Read that is on its way.
+  // Close the stream first: Stop waits for a running Read.
   bool Stop() override;
   using CBaseThread::Stop;
 
-  // Reads exactly `length` bytes from the stream. False: null, 0, or the stream failed.
+  // Reads exactly `length` bytes from the stream. Returns false for null, for 0, and when the stream failed.
   bool ReadData(unsigned char* data, unsigned int length);
 
  protected:
   bool ThreadLoop() override;
 
  private:
-  // True with an empty `payload`: there was no memory for it, and it has been skipped.
+  // Returns true with an empty `payload` when memory ran out; the payload is then skipped.
   bool ReadPayload(std::uint32_t length, CRefObj<IBuffer>& payload);
   bool Skip(std::uint32_t length);
   void Lose(const gxmod::FrameHeader& header);

@@ -1,23 +1,23 @@
-// Attaches a handler to a stream for as long as the stream lives.
+// Attaches a handler to a stream for the stream's lifetime.
 #ifndef GX_PORTFWD_STREAM_DECORATOR_H
 #define GX_PORTFWD_STREAM_DECORATOR_H
 
 #include "portfwd/agg_ref.h"
 #include "stream/ibase_stream.h"
 
-// Handler: a class derived from IBaseStream::IBaseHandler and IReference, made from a stream.
-// A reference on the handler is one on the stream too; the stream alone keeps the handler alive as well.
+// Handler: a class derived from IBaseStream::IBaseHandler and IReference, constructed from a stream. A
+// reference to the handler is also a reference to the stream, and the stream keeps the handler alive.
 template <class Handler>
 class StreamDecorator_T {
  public:
-  // With a null stream the decorator stays empty.
+  // A null stream leaves the decorator empty.
   explicit StreamDecorator_T(IBaseStream* stream) {
     if (stream == nullptr) return;
     handler_ = CRefObj<CHandler>(new CHandler(stream));
     handler_->Install();
   }
 
-  // Null when empty. Not counted.
+  // Null when empty. Borrowed.
   Handler* handler() const { return handler_.get(); }
 
  private:

@@ -4,12 +4,12 @@
 
 #include <string>
 
-// Everything but ASCII letters and digits becomes "%" and two upper-case hexadecimal digits. Ends at the first
-// NUL.
+// Replaces everything except ASCII letters and digits by "%" and two upper-case hexadecimal digits. Stops at
+// the first NUL byte.
 std::string url_encode(const std::string& text);
 
-// "+" becomes a space. The result is empty when an escape is cut short or holds no number; one whose second
-// digit is none counts as the first digit alone.
+// Turns "+" into a space. Returns an empty text when an escape is cut short or its first character is not a
+// digit; if only the second is not, the first digit counts alone.
 std::string url_decode(const std::string& text);
 
 #endif  // GX_PORTFWD_URL_CODE_H

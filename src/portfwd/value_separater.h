@@ -6,8 +6,7 @@
 #include <string>
 #include <vector>
 
-// A copy of `text` without the characters of `chars` (null: blank, tab, CR, LF) at its start and its end, as
-// asked.
+// Returns `text` without the characters of `chars` (null: blank, tab, CR, LF) at its start, its end or both.
 template <class Char>
 std::basic_string<Char> trim_string_t(const std::basic_string<Char>& text, const Char* chars, bool left,
                                       bool right) {
@@ -20,8 +19,8 @@ std::basic_string<Char> trim_string_t(const std::basic_string<Char>& text, const
   return text.substr(begin, last + 1 - begin);
 }
 
-// Keys are trimmed, values are not. An item without the key/value separator is a key, untrimmed, with an empty
-// value; so is an empty item between two separators. A trailing separator adds nothing.
+// Keys are trimmed, values are not. An item without the key/value separator, including an empty item, is an
+// untrimmed key with an empty value. A trailing separator adds nothing.
 template <class Char>
 class CValueSeparater_T {
  public:
@@ -43,14 +42,14 @@ class CValueSeparater_T {
     }
   }
 
-  // All keys, sorted, repeated as often as they occur.
+  // All keys, sorted, with repetitions.
   std::vector<String> Items() const {
     std::vector<String> keys;
     for (const auto& item : items_) keys.push_back(item.first);
     return keys;
   }
 
-  // The first value of that key; an empty text that all callers share when there is none.
+  // The first value of that key, or a shared empty text.
   const String& Value(const String& key) const {
     static const String null_val;
     const auto found = items_.lower_bound(key);
