@@ -31,7 +31,7 @@ constexpr int kTaskAttempts = 2;
 constexpr int kWinsockInvalid = 10022;
 constexpr const char* kAcceptTag = "[CSockAcceptor::Accept] ";
 
-// A peer that goes away while we write is an error of that connection, not the end of the host's process.
+// Ignore SIGPIPE: writing to a connection whose peer is gone must not end the host's process.
 struct CInitSocket {
   CInitSocket() {
     struct sigaction action;
@@ -56,7 +56,8 @@ bool BindTo(int socket, const gxbase::SocketAddress& address) {
   return bind(socket, reinterpret_cast<const sockaddr*>(&ipv4), sizeof ipv4) == 0;
 }
 
-// An IPv6 socket is read through the same IPv4 view: its port is right, its address shows as 0.0.0.0.
+// An IPv6 socket's address is read through the same IPv4 struct: the port is right, the address prints as
+// 0.0.0.0.
 std::string BoundAddress(int socket) {
   sockaddr_in address;
   std::memset(&address, 0, sizeof address);
@@ -67,8 +68,7 @@ std::string BoundAddress(int socket) {
   return std::string(text != nullptr ? text : "<NULL>") + ":" + std::to_string(ntohs(address.sin_port));
 }
 
-// True: it is the listening socket that failed. Any other error of accept may be that of one connection, or
-// pass.
+// True when the listening socket itself failed. Other accept errors concern one connection or are temporary.
 bool IsPortLost(int error) { return error == EBADF || error == EFAULT || error == EINVAL || error == ENOTSOCK; }
 
 }  // namespace
@@ -77,7 +77,7 @@ CSockAcceptor::~CSockAcceptor() { CSockAcceptor::Stop(); }
 
 bool CSockAcceptor::StartListen(const char* host, int port, ITCPTaskTracker* tracker, bool reuse_port) {
   if (running_) return true;
-  address_.clear();  // of an earlier start
+  address_.clear();  // from an earlier start
   Descriptor listener(ListenSock(host, port, reuse_port));
   if (!listener) return false;
   if (tracker != nullptr && !IsSelectable(listener.get())) {
@@ -124,9 +124,9 @@ bool CSockAcceptor::OnAccept(CRefObj<CSockStream> stream) {
 }
 
 bool CSockAcceptor::CreateStream(CRefObj<CSockStream>& out, int socket, ITCPTaskTracker* tracker) {
-  Descriptor connection(socket);  // until the stream has it
+  Descriptor connection(socket);  // owns the socket until the stream does
   if (!CreateStream(out, IBaseStream::StreamType{0})) {
-    connection.Take();  // stays open: whoever refused may have taken it
+    connection.Take();  // stays open: the refusing subclass may have taken it
     return false;
   }
   out->SetSocket(connection.Take(), true);
@@ -142,11 +142,11 @@ bool CSockAcceptor::CreateStream(CRefObj<CSockStream>& out, IBaseStream::StreamT
 bool CSockAcceptor::Accept() {
   const Outcome outcome = AcceptWaiting();
   if (outcome != kFailed) return WaitAfter(outcome);
-  WaitInTracker(kForTime);  // the error of one connection must not close the port to all others
+  WaitInTracker(kForTime);  // an error of one connection must not close the port
   return false;
 }
 
-// False: the acceptor has stopped. A port that nobody accepts on would leave its clients waiting.
+// False when the acceptor has stopped: on a port that nobody serves, clients would hang.
 bool CSockAcceptor::WaitAfter(Outcome outcome) {
   if (outcome == kNobodyWaits) return WaitInTracker(kForConnections);
   if (outcome == kNoDescriptors) return Pause();
@@ -178,20 +178,20 @@ CSockAcceptor::Outcome CSockAcceptor::AcceptWaiting() {
       default:
         std::printf("accept failed with %d\n", error);
         LogFailure("", "accept", error, 438);
-        // Winsock's code for a socket that does not listen; hosts on that layer count on the process ending. No
-        // POSIX system returns it.
+        // Winsock's code for a socket that does not listen; no POSIX system returns it. Hosts on that layer
+        // rely on the process ending.
         if (error == kWinsockInvalid) std::exit(0);
         return IsPortLost(error) ? kEnded : kFailed;
     }
   }
 }
 
-// The next waiting connection, or none: see errno.
+// Accepts the next connection; on an empty result errno tells why.
 Descriptor CSockAcceptor::AcceptOne() {
   CStdLock lock(mutex_);
   if (!running_) return {};
   Descriptor connection = gxbase::AcceptConnection(listen_socket_.get());
-  // A host without a standard input: to a stream, descriptor 0 means that there is no socket.
+  // In a host without standard input accept may return 0, which a stream takes for "no socket".
   return connection.get() == 0 ? gxbase::Duplicate(0) : std::move(connection);
 }
 
@@ -225,8 +225,8 @@ CSockAcceptor::Outcome CSockAcceptor::TakeConnection(Descriptor connection) {
   }
 }
 
-// False: there is no memory for a task. A port that nobody watches would leave its clients waiting, so it is
-// closed then, and they are refused.
+// Returns false when there is no memory for a task. The port is closed then, so that clients are refused
+// instead of hanging.
 bool CSockAcceptor::WaitInTracker(Until until) {
   ITCPTaskTracker* tracker = tracker_;
   if (tracker == nullptr) return true;
@@ -249,8 +249,8 @@ bool CSockAcceptor::WaitInTracker(Until until) {
   return false;
 }
 
-// Every descriptor of the process is taken. To accept at once again would only spin. A reactor has others to
-// serve meanwhile, so there the pause is a task that waits for nothing but the end of its time.
+// All descriptors of the process are in use, so an immediate retry would only spin. With a reactor the pause is
+// a task that waits for its time limit, so that other connections are served meanwhile.
 bool CSockAcceptor::Pause() {
   if (tracker_ != nullptr) return WaitInTracker(kForTime);
   const auto until = std::chrono::steady_clock::now() + std::chrono::milliseconds(kPauseMs);
@@ -264,8 +264,8 @@ bool CSockAcceptor::WaitTimeout(unsigned int ms) {
   gettimeofday(&now, nullptr);
   timespec deadline;
   deadline.tv_sec = now.tv_sec + static_cast<decltype(now.tv_sec)>(ms / 1000);
-  // Whole seconds are not carried, and the system then refuses the wait: callers of this interface take that
-  // for the end of their time.
+  // Whole seconds are not carried, and then the system rejects the wait: callers of this interface treat that
+  // as a timeout.
   deadline.tv_nsec = static_cast<long>(ms % 1000) * 1'000'000 + static_cast<long>(now.tv_usec) * 1000;
   std::unique_lock<std::mutex> lock(mutex_.native());
   return pthread_cond_timedwait(stopped_.native_handle(), lock.mutex()->native_handle(), &deadline) != 0;

@@ -19,7 +19,7 @@ CTCPAcceptorTask::CTCPAcceptorTask(int listen_socket, CSockAcceptor* acceptor, u
 CTCPAcceptorTask::~CTCPAcceptorTask() = default;
 
 bool CTCPAcceptorTask::Done() {
-  // A task left over from before a Stop would make two tasks of one, and so on for every restart.
+  // A task from before a Stop would add a second waiting task on each restart.
   if (acceptor_ && acceptor_->Listening() == listening_) acceptor_->Accept();
   return true;
 }

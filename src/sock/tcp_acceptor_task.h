@@ -1,4 +1,4 @@
-// The task with which an acceptor waits for the next connection.
+// The task that waits for the next connection of an acceptor.
 #ifndef GX_SOCK_TCP_ACCEPTOR_TASK_H
 #define GX_SOCK_TCP_ACCEPTOR_TASK_H
 
@@ -8,7 +8,7 @@
 
 class CSockAcceptor;
 
-// Keeps a counted acceptor alive. Lets it accept when the listening socket is readable or the time limit has
+// Holds a reference to the acceptor. Calls Accept when the listening socket is readable or the time limit has
 // passed.
 class CTCPAcceptorTask final : public ITCPTask {
  public:
@@ -24,7 +24,7 @@ class CTCPAcceptorTask final : public ITCPTask {
   ~CTCPAcceptorTask() override;
 
   const CRefObj<CSockAcceptor> acceptor_;
-  const std::uint64_t listening_;  // which start of the acceptor this task belongs to
+  const std::uint64_t listening_;  // the start of the acceptor that this task belongs to
   const std::uint64_t timeout_ms_;
   const std::uint64_t started_ms_;
 };

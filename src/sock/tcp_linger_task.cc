@@ -18,7 +18,7 @@ namespace {
 constexpr std::uint64_t kPatienceMs = 60'000;
 constexpr int kDropsPerPass = 16;
 
-// What the peer has not confirmed, our end included; 0 where the system does not tell.
+// Bytes that the peer has not acknowledged, including our end of stream; 0 where the system does not tell.
 int UnacknowledgedBytes(int socket) {
   int bytes = 0;
 #if defined(SIOCOUTQ)
@@ -51,7 +51,7 @@ CTCPLingerTask::CTCPLingerTask(gxbase::Descriptor own, ITCPTaskTracker& tracker)
       tracker_(tracker),
       last_progress_ms_(gettickcount()) {}
 
-// A stream may still wait for the socket to become readable; the shutdown sets it free.
+// A stream may still wait until the socket is readable; the shutdown wakes it.
 CTCPLingerTask::~CTCPLingerTask() { shutdown(own_.get(), SHUT_RDWR); }
 
 bool CTCPLingerTask::Done() {

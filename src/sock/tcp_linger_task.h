@@ -1,4 +1,4 @@
-// The task that sees a connection to its end when the peer has not yet taken all that was sent.
+// The task that finishes closing a connection whose peer has not received everything yet.
 #ifndef GX_SOCK_TCP_LINGER_TASK_H
 #define GX_SOCK_TCP_LINGER_TASK_H
 
@@ -7,18 +7,18 @@
 #include "base/descriptor.h"
 #include "reactor/tcp_task.h"
 
-// A socket that is shut down for reading, or closed, answers what its peer still sends with a reset, and a
-// reset takes along what the peer has not received yet. This task keeps a descriptor of its own on the socket
-// and drops what comes, until the peer ends or has not acknowledged anything for 60 s, which shows in the
-// tracker's next pass. A tracker that stops drops the task, and that closes the socket, too.
+// A socket that is closed, or shut down for reading, answers further data from its peer with a reset, and a
+// reset discards data that the peer has not received. So this task duplicates the descriptor and discards
+// incoming data until the peer ends or has acknowledged nothing for 60 s, checked in each pass of the tracker.
+// A tracker that stops drops the task, which closes the socket, too.
 class CTCPLingerTask final : public ITCPTask {
  public:
-  // Ends the sending direction of `socket` and leaves the rest to a new task of the tracker. False: there is
-  // nothing that could get lost, or no way to wait, and the caller shuts the socket down.
+  // Shuts down the sending side of `socket` and adds a task for the rest to the tracker. Returns false when no
+  // data could get lost or waiting is impossible; then the caller shuts the socket down.
   static bool Start(int socket, ITCPTaskTracker* tracker);
 
   bool Done() override;
-  // Nothing has been acknowledged for too long.
+  // True when nothing was acknowledged for too long.
   bool timeout() override;
   unsigned long timeleft() override;
 

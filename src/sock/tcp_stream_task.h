@@ -1,4 +1,4 @@
-// The tasks with which a socket stream waits for its socket, and for its turn.
+// The tasks with which a socket stream waits for its socket or for its turn.
 #ifndef GX_SOCK_TCP_STREAM_TASK_H
 #define GX_SOCK_TCP_STREAM_TASK_H
 
@@ -7,8 +7,8 @@
 
 class CSockStream;
 
-// Keeps its stream alive. When it is done it lets the stream go on, or disconnects it: with kStreamTimeout when
-// the stream's time limit has passed, with kStreamSocketError when the socket is in error.
+// Holds a reference to its stream. When run, it lets the stream continue or disconnects it: with kStreamTimeout
+// when the stream's time limit has passed, with kStreamSocketError when the socket is in error.
 class CTCPStreamTask final : public ITCPTask {
  public:
   CTCPStreamTask() : CTCPStreamTask(-1, kSelectNone, nullptr) {}
@@ -26,8 +26,8 @@ class CTCPStreamTask final : public ITCPTask {
   OBJECT_MONITOR<CTCPStreamTask> monitor_;
 };
 
-// Lets its stream read on in the tracker's next pass, after all who are ready by then. For a stream that has
-// bytes which are no longer in the socket, so that select knows nothing of them.
+// Lets its stream continue reading in the tracker's next pass, after all tasks that are ready by then. For a
+// stream with bytes that it has already taken from the socket, which select cannot report.
 class CTCPTurnTask final : public ITCPTask {
  public:
   explicit CTCPTurnTask(CSockStream* stream);
