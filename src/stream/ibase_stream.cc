@@ -4,7 +4,7 @@
 
 namespace {
 
-// What the facet answers, or the neutral value where there is none.
+// Returns the facet's answer, or the default value without a facet.
 template <class Result, class Facet, class... Args>
 Result Ask(Facet* facet, Result (Facet::*operation)(Args...), Args... args) {
   return facet != nullptr ? (facet->*operation)(args...) : Result{};
@@ -15,7 +15,7 @@ Result Ask(const Facet* facet, Result (Facet::*operation)() const) {
   return facet != nullptr ? (facet->*operation)() : Result{};
 }
 
-// The accessors hand out facets through which a stream is changed, so they are no const operations.
+// The stream's accessors are not const, because they return facets that can change the stream.
 IBaseStream* Facets(const IBaseStream* stream) { return const_cast<IBaseStream*>(stream); }
 
 }  // namespace

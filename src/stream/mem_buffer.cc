@@ -6,7 +6,7 @@
 
 #include "object/object_monitor.h"
 
-// Registered, but never counted: two atomic additions for every buffer would tell little.
+// Registered but not counted: two atomic additions per buffer would cost more than the number is worth.
 GX_MONITOR_CLASS(0, CMemBuffer);
 
 CRefObj<IMemAlloctor> g_pMemAlloctor(new (std::nothrow) CMemAlloctorEx<CMemBuffer>());

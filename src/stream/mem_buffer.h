@@ -1,4 +1,4 @@
-// Buffers on the heap: one malloc for each block, one free at its end, no pool.
+// Buffers on the heap: one malloc per block and one free at its end, without a pool.
 #ifndef GX_STREAM_MEM_BUFFER_H
 #define GX_STREAM_MEM_BUFFER_H
 
@@ -11,7 +11,8 @@
 #include "object/reference.h"
 #include "stream/ibuffer.h"
 
-// Made by an allocator, which it keeps alive and which frees its block. Both views of the block are the same.
+// Created by an allocator, which it holds a reference to and which frees its block. Both views of the block are
+// the same.
 class CMemBuffer final : public IBuffer, private CReference {
  public:
   // Takes over `block` of `size` bytes.
@@ -57,8 +58,8 @@ class CMemAlloctorEx : public IMemAlloctor, private CReference {
 // The process-wide allocator.
 extern CRefObj<IMemAlloctor> g_pMemAlloctor;
 
-// A fresh buffer that holds a copy of `size` bytes at `data`. Empty: no allocator, no memory, or the
-// allocator's maximum is below `size`. Half a copy would be taken for the whole.
+// Returns a new buffer with a copy of `size` bytes at `data`. Empty without an allocator or memory, or when the
+// allocator's maximum is below `size`: a partial copy would look complete.
 CRefObj<IBuffer> cpy2buf(IMemAlloctor* allocator, const void* data, std::size_t size);
 CRefObj<IBuffer> cpy2buf(const void* data, std::size_t size);
 

@@ -1,4 +1,4 @@
-// Counted objects whose life is tied to that of their holder.
+// Reference-counted objects that live as long as their holder.
 #ifndef GX_STREAM_PROPERTY_LIST_H
 #define GX_STREAM_PROPERTY_LIST_H
 
@@ -10,15 +10,15 @@
 class IPropertyList_Impl {
  public:
   virtual ~IPropertyList_Impl() = default;
-  // Takes a reference on `property`; the same one may be added twice. False for null.
+  // Takes a reference to `property`; the same one may be added twice. False for null.
   virtual bool AddProperty(IReference* property) = 0;
-  // Releases the first entry that is `property`. False: null or not found.
+  // Releases the first matching entry. False when null or not found.
   virtual bool DelProperty(IReference* property) = 0;
-  // Releases every entry, in the order in which they were added. Always true.
+  // Releases all entries, in the order in which they were added. Always true.
   virtual bool DeleteAll() = 0;
 };
 
-// Threads: any. References are dropped outside the lock, so a property's destructor may come back here.
+// Threads: any. References are dropped outside the lock, so a property's destructor may call this object.
 class CPropertyList {
  public:
   bool Add(IReference* property);

@@ -1,4 +1,5 @@
-// A re-entrant ownership token. An owner is any number the callers agree on: a thread id, an object's identity.
+// A re-entrant ownership token. An owner is any number that the callers agree on: a thread id, an object's
+// identity.
 #ifndef GX_STREAM_THREAD_SAFTY_H
 #define GX_STREAM_THREAD_SAFTY_H
 
@@ -7,11 +8,12 @@
 class IThreadSafty {
  public:
   virtual ~IThreadSafty() = default;
-  // The last owner, also after it has given the token up.
+  // The current owner, or the last one.
   virtual long Owner() const = 0;
-  // True: `id` owns the token now (once more). False: somebody else does. Never waits.
+  // Returns true when `id` now owns the token (possibly once more), false when another owner has it. Never
+  // waits.
   virtual bool Monopolize(long id) = 0;
-  // Undoes one Monopolize.
+  // Reverts one Monopolize.
   virtual void Relinquish() = 0;
 };
 
@@ -24,7 +26,7 @@ class IThreadSaftyImpl : public IThreadSafty {
 
  private:
   mutable CStdMutex mutex_;
-  long count_ GUARDED_BY(mutex_) = 0;  // how often the owner has it
+  long count_ GUARDED_BY(mutex_) = 0;  // nesting depth of the owner
   long owner_ GUARDED_BY(mutex_) = 0;
 };
 
