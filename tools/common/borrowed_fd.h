@@ -1,11 +1,11 @@
-// A second number for somebody else's descriptor.
+// Non-blocking use of a descriptor that someone else owns.
 #ifndef GX_COMMON_BORROWED_FD_H
 #define GX_COMMON_BORROWED_FD_H
 
 namespace gxtool {
 
-// Makes the descriptor non-blocking for its lifetime. That mode belongs to the open file, which other processes
-// may share (the terminal, for one), so it is put back at the end.
+// Makes the descriptor non-blocking for its lifetime and restores the mode at the end: the mode belongs to the
+// open file, which other processes may share (a terminal, for example).
 class BorrowedFd {
  public:
   // Throws std::system_error when `fd` is not open.
@@ -14,7 +14,7 @@ class BorrowedFd {
   BorrowedFd& operator=(const BorrowedFd&) = delete;
   ~BorrowedFd();
 
-  // A close-on-exec duplicate, which the caller owns. Throws std::system_error.
+  // A close-on-exec duplicate, owned by the caller. Throws std::system_error.
   int Duplicate() const;
 
  private:

@@ -56,7 +56,7 @@ void SetNonBlocking(int fd, bool on) {
 
 void FillStandardDescriptors() {
   for (int fd = 0; fd <= 2; ++fd) {
-    // Opening takes the lowest free number.
+    // open returns the lowest free number.
     if (fcntl(fd, F_GETFD) < 0) Checked(open("/dev/null", O_RDWR), "/dev/null");
   }
 }

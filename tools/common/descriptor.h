@@ -1,4 +1,4 @@
-// Descriptors that close themselves, and how the programs make them.
+// Descriptors that close themselves, and functions that create them.
 #ifndef GX_COMMON_DESCRIPTOR_H
 #define GX_COMMON_DESCRIPTOR_H
 
@@ -6,7 +6,7 @@
 
 namespace gxtool {
 
-// Owns one descriptor, or none (-1).
+// Owns one descriptor, or is empty (-1).
 class Descriptor {
  public:
   Descriptor() = default;
@@ -27,7 +27,8 @@ class Descriptor {
   int fd_ = -1;
 };
 
-// `result`, that of a system call. Throws std::system_error, with `what` was tried, when that has failed.
+// Returns `result`, the result of a system call. Throws std::system_error with `what` (the attempted operation)
+// when the call failed.
 int Checked(int result, const char* what);
 
 struct Pipe {
@@ -35,29 +36,29 @@ struct Pipe {
   Descriptor write;
 };
 
-// Each of these is close-on-exec at both ends. They throw std::system_error when the system has no more to
-// give.
+// All of these are close-on-exec at both ends. They throw std::system_error when the system has no more
+// descriptors.
 Pipe MakePipe();
 std::pair<Descriptor, Descriptor> MakeSocketPair();
-// A pipe made of two local sockets: the same bytes for a third of the processor time. It differs where a
-// program opens its standard input or output by name (/dev/stdin), which sockets refuse.
+// A pipe made of two local sockets, for a third of the processor time. The difference: a program cannot open a
+// socket by name (/dev/stdin).
 Pipe MakeSocketPipe();
 
-// A copy of `fd` above the standard three, close-on-exec.
+// A close-on-exec duplicate of `fd`, numbered above 2.
 Descriptor Duplicate(int fd);
 
 void SetNonBlocking(int fd, bool on);
 
-// Puts /dev/null where 0, 1 or 2 is closed, so that nothing else that is opened later lands there and is then
-// taken for standard input or output. Throws std::system_error.
+// Opens /dev/null on each closed descriptor of 0, 1 and 2, so that descriptors opened later are not used as
+// standard input or output. Throws std::system_error.
 void FillStandardDescriptors();
 
-// Moves standard output to a descriptor above the standard three and leaves standard error at 1: libraries
-// print there, and what gx-ssh prints is read by programs.
+// Moves standard output to a descriptor above 2 and redirects 1 to standard error: libraries print to 1, while
+// programs read the output of gx-ssh.
 Descriptor TakeStandardOutput();
 
-// Moves standard input to a descriptor above the standard three and leaves /dev/null at 0. The module may shut
-// down descriptor 0 in an unlucky moment, so nothing of value may stay there.
+// Moves standard input to a descriptor above 2 and leaves /dev/null at 0. The module may shut down descriptor 0
+// in a race, so 0 must stay unused.
 Descriptor TakeStandardInput();
 
 }  // namespace gxtool

@@ -1,7 +1,7 @@
-// Where a connection shall lead, as options and Connect frames name it: HOST:PORT, or unix:PATH.
+// The target of a connection, as in options and Connect frames: HOST:PORT or unix:PATH.
 //
-// A path is absolute, has no empty part and none that is "." or "..", and no NUL, so that two texts which
-// differ do not name one socket but for links, and a list of paths can be compared as text.
+// A path is absolute and has no empty, "." or ".." parts and no NUL. So, apart from links, different texts name
+// different sockets, and a list of paths can be compared as text.
 #ifndef GX_COMMON_DESTINATION_H
 #define GX_COMMON_DESTINATION_H
 
@@ -22,13 +22,13 @@ struct UnixSocket {
 
 using Destination = std::variant<HostPort, UnixSocket>;
 
-// On failure `*why`, when given, tells a person the reason.
+// On failure `*why` (may be null) gets the reason, for people.
 std::optional<UnixSocket> ParseUnixSocket(std::string_view path, std::string* why = nullptr);
 std::optional<Destination> ParseDestination(std::string_view text, std::string* why = nullptr);
 
-// What ParseDestination reads as the same value. A path may hold any byte but NUL.
+// Text that ParseDestination reads back. A path may contain any byte except NUL.
 std::string ToString(const Destination& destination);
-// Of such a text.
+// Takes such a text.
 bool NamesUnixSocket(std::string_view text);
 
 }  // namespace gxtool

@@ -1,4 +1,4 @@
-// Durations as people write them: "500ms", "15s", "2m", "1h". A bare number counts seconds.
+// Durations as people write them: "500ms", "15s", "2m", "1h". A plain number is in seconds.
 #ifndef GX_COMMON_DURATION_H
 #define GX_COMMON_DURATION_H
 
@@ -9,10 +9,10 @@
 
 namespace gxtool {
 
-// Nothing for any other text, a sign, a fraction and more than 10,000 hours.
+// Empty for any other text, including signs, fractions and more than 10,000 hours.
 std::optional<std::chrono::milliseconds> ParseDuration(std::string_view text);
 
-// In the largest unit that divides it: 90,000 ms are "90s", 120,000 ms "2m".
+// In the largest unit that divides it: 90,000 ms give "90s", 120,000 ms "2m".
 std::string FormatDuration(std::chrono::milliseconds duration);
 
 }  // namespace gxtool

@@ -1,4 +1,4 @@
-// Text that came from elsewhere, made safe for a terminal and a log.
+// Makes text from outside safe for a terminal and a log.
 #ifndef GX_COMMON_ESCAPE_H
 #define GX_COMMON_ESCAPE_H
 
@@ -10,8 +10,8 @@ namespace gxtool {
 
 inline constexpr std::size_t kQuoteBytes = 200;
 
-// Printable ASCII stays; a backslash, line ends and tabs become \\ \n \r \t, every other byte \xNN. Of a text
-// longer than `max_bytes` only the beginning is taken, followed by "...".
+// Keeps printable ASCII; writes a backslash, line ends and tabs as \\
+//  \r \t and every other byte as \xNN. Truncates text longer than `max_bytes` and appends "...".
 std::string Escape(std::string_view text, std::size_t max_bytes = kQuoteBytes);
 
 }  // namespace gxtool

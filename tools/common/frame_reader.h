@@ -1,5 +1,5 @@
-// Takes a stream of frames apart, however it was cut into pieces. Payloads are handed on where they lie, so
-// that a frame costs no memory, whatever length it announces. Threads: none of its own; one caller at a time.
+// Splits a byte stream into frames, for pieces of any size. Payloads are passed on without a copy, so memory
+// does not depend on a frame's length. Threads: one at a time.
 #ifndef GX_COMMON_FRAME_READER_H
 #define GX_COMMON_FRAME_READER_H
 
@@ -14,11 +14,12 @@ namespace gxtool {
 
 class FrameReader {
  public:
-  // For each frame: one OnFrame, any number of OnPayload that add up to its length, one OnFrameEnd.
+  // For each frame: one OnFrame, any number of OnPayload whose sizes add up to the frame's length, one
+  // OnFrameEnd.
   class Handler {
    public:
     virtual void OnFrame(const gxmod::FrameHeader& header) = 0;
-    // `piece` is not empty and valid for as long as the bytes given to Feed.
+    // `piece` is not empty. It is valid as long as the bytes given to Feed.
     virtual void OnPayload(std::string_view piece) = 0;
     virtual void OnFrameEnd() = 0;
 
@@ -26,10 +27,10 @@ class FrameReader {
     ~Handler() = default;
   };
 
-  // `handler` is not owned and outlives the reader.
+  // `handler` is borrowed and outlives the reader.
   explicit FrameReader(Handler* handler) : handler_(handler) {}
 
-  // Takes all of `bytes`.
+  // Consumes all of `bytes`.
   void Feed(std::string_view bytes);
 
   // False when the bytes so far end inside a frame.
@@ -39,7 +40,7 @@ class FrameReader {
   void BeginFrame(const void* header);
 
   Handler* const handler_;
-  std::array<char, gxmod::kFrameHeaderBytes> header_{};  // of a frame whose header came in pieces
+  std::array<char, gxmod::kFrameHeaderBytes> header_{};  // a header that arrived in pieces
   std::size_t header_filled_ = 0;
   bool in_payload_ = false;
   std::uint32_t payload_left_ = 0;

@@ -10,8 +10,8 @@
 namespace gxtool {
 namespace {
 
-// Some thousand connections. Some systems allow a billion, and whoever walks through all numbers up to the
-// limit takes minutes then.
+// Enough for some thousand connections. Some systems allow a billion; a program that loops over all numbers up
+// to the limit then takes minutes.
 constexpr rlim_t kEnough = 8192;
 
 rlimit g_before{};

@@ -1,19 +1,20 @@
-// Room for many descriptors beside a library that uses select, which can watch none from FD_SETSIZE on: the
-// program's own ones move above, and leave the numbers below to the library.
+// Makes room for many descriptors beside a library that uses select, which cannot watch descriptors from
+// FD_SETSIZE on: the program moves its own descriptors above that and leaves the lower numbers to the library.
 #ifndef GX_COMMON_HIGH_DESCRIPTORS_H
 #define GX_COMMON_HIGH_DESCRIPTORS_H
 
 namespace gxtool {
 
-// Lets this process have thousands of descriptors, if the system allows it. Once, before there are threads.
+// Raises this process's descriptor limit to some thousands, if the system allows it. Call it once, before
+// starting threads.
 void RaiseDescriptorLimit();
 
-// For a forked child, before it becomes another program: the limit that RaiseDescriptorLimit found, because a
-// program may walk through all numbers up to it, or use select itself. Safe in a signal handler.
+// Restores the original limit in a forked child before it executes another program, which may loop over all
+// numbers up to the limit or use select. Safe in a signal handler.
 void RestoreDescriptorLimit();
 
-// Takes a descriptor, or -1, and returns its number from then on: one from FD_SETSIZE on, close-on-exec, if the
-// limit was raised and has room for it; `fd` otherwise. Threads: any.
+// Takes over `fd` (may be -1) and returns its new number: a close-on-exec descriptor from FD_SETSIZE on, if the
+// limit was raised and has room; otherwise `fd`. Threads: any.
 int MoveUp(int fd);
 
 }  // namespace gxtool

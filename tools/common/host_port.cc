@@ -15,7 +15,7 @@ constexpr std::size_t kNameBytes = 253;
 constexpr std::size_t kLabelBytes = 63;
 constexpr std::size_t kAddressBytes = 45;
 
-// The locale has no say in what a host name is.
+// Independent of the locale.
 bool IsDigit(char c) { return c >= '0' && c <= '9'; }
 bool IsHexDigit(char c) { return IsDigit(c) || (c >= 'a' && c <= 'f'); }
 bool IsLower(char c) { return c >= 'a' && c <= 'z'; }
@@ -37,7 +37,7 @@ bool IsName(std::string_view name) {
   }
 }
 
-// Resolvers read names such as 127.1, 0x7f.1 and 2130706433 as addresses.
+// Resolvers read names like 127.1, 0x7f.1 and 2130706433 as addresses.
 bool EndsInNumber(std::string_view name) {
   const std::string_view last = name.substr(name.rfind('.') + 1);
   if (last.substr(0, 2) == "0x") return std::all_of(last.begin() + 2, last.end(), IsHexDigit);
@@ -47,7 +47,7 @@ bool EndsInNumber(std::string_view name) {
 std::optional<std::string> ParseIPv6(std::string_view text, std::string* why) {
   in6_addr address;
   char canonical[INET6_ADDRSTRLEN];
-  // inet_pton stops at a NUL, the rest would go unseen.
+  // inet_pton stops at a NUL and would ignore the rest.
   if (text.size() > kAddressBytes || text.find('\0') != std::string_view::npos ||
       inet_pton(AF_INET6, std::string(text).c_str(), &address) != 1) {
     return ParseFailure(why, "what stands in brackets is no IPv6 address");
@@ -86,7 +86,7 @@ std::optional<std::string> ParseHost(std::string_view host, bool bracketed, std:
   std::transform(name.begin(), name.end(), name.begin(), ToLower);
   if (!IsName(name)) return ParseFailure(why, "the host is neither a name nor an address");
   in_addr address;
-  // inet_pton is as strict as needed: four decimal numbers, no leading zeros.
+  // inet_pton is strict enough: four decimal numbers without leading zeros.
   if (EndsInNumber(name) && inet_pton(AF_INET, name.c_str(), &address) != 1) {
     return ParseFailure(why, "an IPv4 address is written as four decimal numbers");
   }

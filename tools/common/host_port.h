@@ -1,10 +1,10 @@
-// HOST:PORT as options and Connect frames carry it.
+// HOST:PORT, as in options and Connect frames.
 //
-// The grammar is strict, because an allow-list is compared with what it yields and two programs must not read
-// one text differently: a host is a name (letters, digits, '-' and '_', labels divided by single dots), an IPv4
-// address of four plain decimal numbers, or an IPv6 address in brackets; a port is a decimal number from 1 to
-// 65535 without leading zeros. So 127.1, 0x7f000001, 127.0.0.1., 127.0.0.1:022, [fe80::1%eth0]:22 and
-// [::ffff:127.0.0.1]:22 are no targets.
+// The grammar is strict, because the allow list compares the result and two programs must read a text alike. A
+// host is a name (letters, digits, '-' and '_' in labels separated by single dots), an IPv4 address of four
+// plain decimal numbers, or an IPv6 address in brackets. A port is a decimal number from 1 to 65535 without
+// leading zeros. So 127.1, 0x7f000001, 127.0.0.1., 127.0.0.1:022, [fe80::1%eth0]:22 and [::ffff:127.0.0.1]:22
+// are invalid.
 #ifndef GX_COMMON_HOST_PORT_H
 #define GX_COMMON_HOST_PORT_H
 
@@ -16,18 +16,18 @@
 namespace gxtool {
 
 struct HostPort {
-  std::string host;  // a name in lower case, or an address in its one canonical form, without brackets
+  std::string host;  // a name in lower case, or an address in canonical form without brackets
   std::uint16_t port = 0;
 
-  // The host is an address.
+  // True when the host is an address.
   bool IsNumeric() const;
-  // What ParseHostPort reads as the same value.
+  // Text that ParseHostPort reads back.
   std::string ToString() const;
 
   friend bool operator==(const HostPort&, const HostPort&) = default;
 };
 
-// The two halves, without a look at what they say. On failure `*why`, when given, tells a person the reason.
+// The two halves, unchecked. On failure `*why` (may be null) gets the reason, for people.
 struct HostPortText {
   std::string_view host;  // without brackets
   std::string_view port;
@@ -35,7 +35,7 @@ struct HostPortText {
 };
 std::optional<HostPortText> SplitHostPort(std::string_view text, std::string* why = nullptr);
 
-// Each half by itself.
+// Parse and check one half.
 std::optional<std::string> ParseHost(std::string_view host, bool bracketed, std::string* why = nullptr);
 std::optional<std::uint16_t> ParsePort(std::string_view port, std::string* why = nullptr);
 

@@ -1,10 +1,10 @@
-// What the process was told about signals before it began.
+// Signals that the process inherited as ignored.
 #ifndef GX_COMMON_IGNORED_SIGNAL_H
 #define GX_COMMON_IGNORED_SIGNAL_H
 
 namespace gxtool {
 
-// Whoever started the program wants `number` to have no effect: nohup, say.
+// True when the parent process started this program with `number` ignored (nohup does that).
 bool IsIgnored(int number);
 
 }  // namespace gxtool

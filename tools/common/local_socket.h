@@ -1,13 +1,13 @@
-// What lies unread between two processes of one machine.
+// The amount of unread data in a local socket.
 #ifndef GX_COMMON_LOCAL_SOCKET_H
 #define GX_COMMON_LOCAL_SOCKET_H
 
 namespace gxtool {
 
-// How many bytes written to `fd` may wait for their reader, about: Linux lets twice as many in. More of them
-// save system calls and switches between the processes; fewer hold a small frame up for less long. Only for a
-// local (AF_UNIX) socket: TCP finds its own measure, and a pipe's is left to who made it. A refusal by the
-// system does no harm.
+// Sets how many written bytes of `fd` may be unread, roughly: Linux allows twice as many. Larger values save
+// system calls and context switches; smaller values delay a small frame less. Only changes local (AF_UNIX)
+// sockets: TCP sizes its own buffers, and a pipe's size is up to its creator. A refusal by the system is
+// harmless.
 void SetUnreadBytes(int fd, int bytes);
 
 }  // namespace gxtool

@@ -1,4 +1,4 @@
-// Options whose text means something, for the command lines of the programs.
+// Options with a checked text, for both programs' command lines.
 #ifndef GX_COMMON_OPTION_H
 #define GX_COMMON_OPTION_H
 
@@ -13,12 +13,12 @@
 
 namespace gxtool {
 
-// What is wrong with an option's text. The functions below put the option and the text in front of it.
+// The fault in an option's text. The functions below prefix it with the option and the text.
 struct BadText : std::runtime_error {
   using std::runtime_error::runtime_error;
 };
 
-// `read`, with each BadText that it throws as an error of the command line.
+// Wraps `read`: turns its BadText into a command-line error that names the option.
 template <class Read>
 auto NamingTheOption(const std::string& names, Read read) {
   return [option = names.substr(0, names.find(',')), read](const std::string& text) mutable {
@@ -30,15 +30,15 @@ auto NamingTheOption(const std::string& names, Read read) {
   };
 }
 
-// `names` as CLI11 takes them: "-W,--stdio". An option that may be given once, and whose text `read` takes.
-// `type` stands for the text in the help.
+// Adds an option that may be given once; `read` receives its text. `names` are in CLI11's form: "-W,--stdio".
+// `type` is the placeholder in the help.
 template <class Read>
 CLI::Option* AddText(CLI::App& app, const std::string& names, const char* type, const std::string& help,
                      Read read) {
   return app.add_option_function<std::string>(names, NamingTheOption(names, read), help)->option_text(type);
 }
 
-// An option that may be repeated; `read` takes each text.
+// Adds an option that may be repeated; `read` receives each text.
 template <class Read>
 CLI::Option* AddTexts(CLI::App& app, const std::string& names, const char* type, const std::string& help,
                       Read read) {
@@ -51,7 +51,7 @@ CLI::Option* AddTexts(CLI::App& app, const std::string& names, const char* type,
       ->allow_extra_args(false);
 }
 
-// What `parse` makes of the text, or BadText with the reason that it gives.
+// Returns the value that `parse` reads, or throws BadText with its reason.
 template <class Value>
 Value Parsed(const std::string& text, std::optional<Value> (*parse)(std::string_view, std::string*)) {
   std::string why;
@@ -60,7 +60,7 @@ Value Parsed(const std::string& text, std::optional<Value> (*parse)(std::string_
   return *std::move(value);
 }
 
-// `Value` is made of milliseconds.
+// `Value` must be assignable from milliseconds.
 template <class Value>
 CLI::Option* AddDuration(CLI::App& app, const std::string& name, const std::string& help, Value* value) {
   return AddText(app, name, "TIME", help, [value](const std::string& text) {

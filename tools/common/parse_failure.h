@@ -1,4 +1,4 @@
-// How a parser of option texts gives up.
+// The failure result of parsers for option texts.
 #ifndef GX_COMMON_PARSE_FAILURE_H
 #define GX_COMMON_PARSE_FAILURE_H
 
@@ -7,7 +7,7 @@
 
 namespace gxtool {
 
-// No value; `*why`, when given, tells a person the reason.
+// Returns no value; `*why` (may be null) gets the reason, for people.
 inline std::nullopt_t ParseFailure(std::string* why, const std::string& reason) {
   if (why != nullptr) *why = reason;
   return std::nullopt;

@@ -1,4 +1,4 @@
-// Bytes that lie in several places.
+// Scattered bytes (iovec).
 #ifndef GX_COMMON_PIECES_H
 #define GX_COMMON_PIECES_H
 

@@ -8,7 +8,7 @@
 namespace gxtool {
 namespace {
 
-constexpr std::size_t kLineBytes = 256;  // a longer line is noise
+constexpr std::size_t kLineBytes = 256;  // longer lines are noise
 
 struct FeatureWord {
   std::string_view word;
@@ -83,7 +83,7 @@ void ReadyLineFinder::JudgeLine() {
   state_ = State::kOtherVersion;
 }
 
-// Words of later releases are skipped.
+// Skips words from later releases.
 void ReadyLineFinder::TakeFeatures(std::string_view words) {
   std::istringstream stream{std::string(words)};
   for (std::string word; stream >> word;) {
