@@ -22,7 +22,7 @@ Admission::Verdict Admission::Judge(const std::string& text, std::size_t open) c
   return {std::nullopt, "refused " + quoted + ": " + why};
 }
 
-// Empty: the target may be opened.
+// Returns an empty text when the target may be opened.
 std::string Admission::WhyNot(const Destination& target, std::size_t open) const {
   if (!options_.target && !options_.allow.Permits(target)) {
     return "to permit it, start with --allow " + Escape(ToString(target));

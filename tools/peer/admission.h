@@ -1,4 +1,4 @@
-// Who may connect where.
+// Decides who may connect to which target.
 #ifndef GX_PEER_ADMISSION_H
 #define GX_PEER_ADMISSION_H
 
@@ -15,24 +15,24 @@ namespace gxtool {
 
 class Admission {
  public:
-  // `options` outlive this.
+  // `options` are borrowed and outlive this object.
   explicit Admission(const PeerOptions& options) : options_(options) {}
 
   struct Verdict {
-    std::optional<Destination> target;  // to be opened
-    std::string refusal;                // otherwise: a line for people
+    std::optional<Destination> target;  // the target to open
+    std::string refusal;                // if there is no target: the reason, for people
   };
-  // Of a Connect frame with that text, while `open` connections are.
+  // Decides on a Connect frame with that text, while `open` connections exist.
   Verdict Judge(const std::string& text, std::size_t open) const;
 
   struct Places {
-    std::vector<StreamEndpoint> endpoints;  // in the order in which they are to be tried
+    std::vector<StreamEndpoint> endpoints;  // in the order in which to try them
     std::string why_none;
   };
-  // Where a target that was admitted may be reached, if its name leads there.
+  // The permitted addresses of an admitted target, from the result of its name lookup.
   Places JudgeAddresses(const HostPort& target, const LookupResult& result) const;
 
-  // No more connections from now on.
+  // Refuses all connections from now on.
   void Stop() { stopped_ = true; }
 
  private:
@@ -42,7 +42,7 @@ class Admission {
   bool stopped_ = false;
 };
 
-// For a target that is an address.
+// The endpoints of numeric addresses.
 std::vector<StreamEndpoint> EndpointsOf(const std::vector<std::string>& addresses, std::uint16_t port);
 
 }  // namespace gxtool

@@ -17,7 +17,7 @@ bool IsNearV4(std::uint32_t address) {
   return net == 0 || net == 127 || net >= 224 || address >> 16 == 0xa9fe;
 }
 
-// Addresses that never leave this computer or its link. What is no plain address counts as one.
+// True for addresses that stay on this computer or its link, and for text that is not an address.
 bool IsNear(const std::string& text) {
   in_addr v4;
   in6_addr v6;

@@ -1,10 +1,10 @@
-// The targets that the other side may ask for.
+// The targets that the other side may request.
 //
-// An entry reads HOST:PORT in the strict form of common/host_port.h, where `*` stands for any host or for any
-// port, or unix:PATH as in common/destination.h. No star and no Any stands for a Unix socket: each is named by
-// its whole path. Entries and targets are compared after parsing. A name permits that name and not its
-// addresses, an address that address and not its names: nothing is looked up to answer Permits. "localhost"
-// alone is another way to write 127.0.0.1 and ::1, in entries and in targets.
+// An entry is HOST:PORT in the strict form of common/host_port.h, where `*` stands for any host or any port, or
+// unix:PATH as in common/destination.h. Only its full path permits a Unix socket: neither `*` nor Any()
+// includes it. Entries and targets are parsed first and then compared. A name permits only that name and an
+// address only that address: Permits looks nothing up. One exception: "localhost" equals 127.0.0.1 and ::1, in
+// entries and targets.
 #ifndef GX_PEER_ALLOW_LIST_H
 #define GX_PEER_ALLOW_LIST_H
 
@@ -22,27 +22,27 @@ class AllowList {
  public:
   // Permits nothing.
   AllowList() = default;
-  // This computer's own SSH service: 127.0.0.1:22 and [::1]:22.
+  // This computer's SSH service: 127.0.0.1:22 and [::1]:22.
   static AllowList Default();
-  static AllowList Any();  // HOST:PORT
+  static AllowList Any();  // any HOST:PORT
 
-  // False: `entry` is none, `*why` tells the reason.
+  // Returns false, with the reason in `*why`, when `entry` is invalid.
   bool Add(std::string_view entry, std::string* why);
 
   bool Permits(const Destination& target) const;
-  // Those of all targets that it permits; nothing: any.
+  // The ports of all permitted targets; empty when any port is permitted.
   std::optional<std::vector<std::uint16_t>> Ports() const;
   bool HasUnixSockets() const { return !sockets_.empty(); }
 
-  // Whether `target`, a name that Permits, may be reached at `address`. Whoever runs the name's server could
-  // have it lead to services of this computer, so loopback, link-local, multicast and unspecified addresses
-  // must be permitted by themselves.
+  // Whether `target`, a permitted name, may be reached at `address`. The name's owner could point it at
+  // services of this computer, so loopback, link-local, multicast and unspecified addresses need an entry of
+  // their own.
   bool PermitsAddress(const HostPort& target, const std::string& address) const;
 
  private:
   struct Entry {
-    std::optional<std::string> host;    // nothing: any
-    std::optional<std::uint16_t> port;  // nothing: any
+    std::optional<std::string> host;    // empty: any
+    std::optional<std::uint16_t> port;  // empty: any
   };
 
   bool PermitsTcp(const HostPort& target) const;

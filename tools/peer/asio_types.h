@@ -1,5 +1,5 @@
-// The parts of Asio that the far side uses, bound to io_context's own executor: the type-erased default costs
-// an indirection for every operation.
+// The Asio types that the far side uses, with io_context's own executor: Asio's type-erased default costs an
+// indirection per operation.
 #ifndef GX_PEER_ASIO_TYPES_H
 #define GX_PEER_ASIO_TYPES_H
 

@@ -24,7 +24,7 @@ std::size_t ByteQueue::Front(std::span<iovec> out) const {
   std::size_t used = 0;
   std::size_t skip = consumed_;
   for (auto chunk = chunks_.begin(); chunk != chunks_.end() && used < out.size(); ++chunk, skip = 0) {
-    // sendmsg takes what it only reads as non-const.
+    // sendmsg's interface is non-const, but it only reads.
     out[used++] = {const_cast<char*>(chunk->data()) + skip, chunk->size() - skip};
   }
   return used;

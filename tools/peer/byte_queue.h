@@ -1,4 +1,4 @@
-// Bytes that wait for a slow reader. Holds no memory while it is empty.
+// Queued bytes for a slow reader. Holds no memory while empty.
 #ifndef GX_PEER_BYTE_QUEUE_H
 #define GX_PEER_BYTE_QUEUE_H
 
@@ -18,15 +18,15 @@ class ByteQueue {
   bool empty() const { return size_ == 0; }
 
   void Append(std::string_view bytes);
-  // Describes bytes at the front, as many as `out` has entries for; returns the entries used.
+  // Describes bytes at the front, in as many entries as `out` has; returns the number of entries used.
   std::size_t Front(std::span<iovec> out) const;
-  // Drops `count` bytes at the front, at most size().
+  // Drops `count` bytes from the front, at most size().
   void Consume(std::size_t count);
   void Clear();
 
  private:
   std::deque<std::string> chunks_;
-  std::size_t consumed_ = 0;  // of the first chunk
+  std::size_t consumed_ = 0;  // bytes of the first chunk
   std::size_t size_ = 0;
 };
 

@@ -29,7 +29,7 @@ constexpr char kFooter[] =
     "Exit status: 0 the stream ended or a stop was asked for, 1 link lost, 2 usage,\n"
     "4 gx-ssh never answered.\n";
 
-// CLI11's own notes on types and exclusions make the lines too long to read.
+// Omits CLI11's notes on types and exclusions, which make the lines too long.
 class HelpFormatter : public CLI::Formatter {
  public:
   HelpFormatter() { column_width(27); }
@@ -114,7 +114,7 @@ CommandLine ParseCommandLine(int argc, const char* const* argv) {
   app.add_flag("--raw", line.options.raw, "Frames only: no ready line, signs of life, goodbye");
   app.add_flag_callback(
       "--no-confine", [&line] { line.confine = false; }, "Keep rights that it has no use for");
-  // For gx-ssh --bring, and no business of people's.
+  // Used by gx-ssh --bring; hidden from the help.
   app.add_flag("--remove-own-file", line.remove_own_file)->group("");
   app.add_flag("--remove-own-folder", line.remove_own_folder)->group("");
   app.add_flag("-q,--quiet", line.quiet, "Say nothing while it works");

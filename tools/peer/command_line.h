@@ -14,14 +14,14 @@ struct CommandLine {
   PeerOptions options;
   NameCacheOptions name_cache;
   bool confine = true;
-  bool remove_own_file = false;    // what was started: its file goes, and nobody else will run it
-  bool remove_own_folder = false;  // and the folder that held it alone
+  bool remove_own_file = false;    // delete this program's file after the start
+  bool remove_own_folder = false;  // and its folder, which holds only that file
   bool quiet = false;
   int verbosity = 0;
-  std::string text;  // not empty: what --help or --version asked to print, and nothing else is to be done
+  std::string text;  // if not empty: print this text (for --help or --version) and exit
 };
 
-// One line that tells what is wrong with the command line.
+// A one-line explanation of what is wrong with the command line.
 struct UsageError : std::runtime_error {
   using std::runtime_error::runtime_error;
 };

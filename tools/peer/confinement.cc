@@ -22,7 +22,7 @@
 namespace gxtool {
 namespace {
 
-// The sanitizers need what is given up here.
+// Builds with sanitizers skip this, because sanitizers need the dropped rights.
 #ifdef GX_CONFINEMENT
 constexpr bool kConfines = true;
 #else
@@ -38,7 +38,7 @@ constexpr const char* kForbiddenCalls[] = {
     "execve", "execveat", "fork", "vfork", "ptrace", "process_vm_readv", "process_vm_writev", "process_madvise",
     "kcmp", "pidfd_open", "pidfd_getfd", "pidfd_send_signal", "kill", "tkill", "rt_sigqueueinfo",
     "rt_tgsigqueueinfo", "setpriority", "prlimit64",
-    // doors
+    // listening
     "bind", "listen", "accept", "accept4",
     // file systems
     "mount", "umount", "umount2", "pivot_root", "chroot", "move_mount", "open_tree", "fsopen", "fsmount",
@@ -49,13 +49,13 @@ constexpr const char* kForbiddenCalls[] = {
     "perf_event_open", "userfaultfd", "syslog", "acct", "iopl", "ioperm", "modify_ldt", "vm86", "personality",
     "settimeofday", "clock_settime", "clock_adjtime", "adjtimex", "stime", "sethostname", "setdomainname",
     "vhangup", "add_key", "request_key", "keyctl",
-    // ways round these rules: what io_uring does is not seen here
+    // io_uring would bypass these rules
     "io_uring_setup", "io_uring_enter", "io_uring_register",
     // privileges
     "setns", "unshare", "capset", "setuid", "setgid", "setreuid", "setregid", "setresuid", "setresgid",
     "setfsuid", "setfsgid", "setgroups"};
 
-// Collects rules and remembers whether all were taken.
+// Collects rules and remembers whether all were accepted.
 class CallFilter {
  public:
   CallFilter() : filter_(seccomp_init(SCMP_ACT_ALLOW), seccomp_release), good_(filter_ != nullptr) {}
@@ -63,7 +63,7 @@ class CallFilter {
   template <class... Conditions>
   void Forbid(const char* call, Conditions... conditions) {
     const int number = seccomp_syscall_resolve_name(call);
-    if (!good_ || number == __NR_SCMP_ERROR) return;  // this machine, or the library, does not know it
+    if (!good_ || number == __NR_SCMP_ERROR) return;  // unknown on this machine or to the library
     const int result =
         seccomp_rule_add(filter_.get(), SCMP_ACT_ERRNO(EPERM), number, sizeof...(conditions), conditions...);
     good_ = result == 0 || result == -EDOM;  // -EDOM: only some of the machine's ABIs have the call
@@ -81,11 +81,11 @@ class CallFilter {
   bool good_;
 };
 
-// `unix_streams`: of local sockets those are left.
+// Allows only stream sockets of the local kind, if `unix_streams`; otherwise no local sockets.
 void ForbidSockets(CallFilter& filter, bool unix_streams) {
   static_assert(AF_UNIX == 1 && AF_INET == 2 && AF_INET6 > AF_INET);
   filter.Forbid("socket", SCMP_A0(SCMP_CMP_LT, scmp_datum_t{AF_INET} - (unix_streams ? 1 : 0)));
-  constexpr scmp_datum_t kTypes = 0xF;  // without its flags
+  constexpr scmp_datum_t kTypes = 0xF;  // without flags
   for (scmp_datum_t type = 0; unix_streams && type <= kTypes; ++type) {
     if (type == SOCK_STREAM) continue;
     filter.Forbid("socket", SCMP_A0(SCMP_CMP_EQ, AF_UNIX), SCMP_A1(SCMP_CMP_MASKED_EQ, kTypes, type));
@@ -99,11 +99,12 @@ void ForbidSockets(CallFilter& filter, bool unix_streams) {
 bool ForbidCalls(bool unix_streams) {
   CallFilter filter;
   for (const char* const call : kForbiddenCalls) filter.Forbid(call);
-  // Threads, but no processes. The C library does without clone3, whose flags no filter sees.
+  // Threads are allowed, processes are not. clone3 is hidden, because filters cannot see its flags; the C
+  // library then uses clone.
   filter.Forbid("clone", SCMP_A0(SCMP_CMP_MASKED_EQ, CLONE_THREAD, 0));
   filter.Missing("clone3");
   ForbidSockets(filter, unix_streams);
-  // Text put into a terminal's input is a command for its shell.
+  // Inserting text into a terminal's input would run shell commands.
   for (const scmp_datum_t request : {scmp_datum_t{TIOCSTI}, scmp_datum_t{0x541C /* TIOCLINUX */}}) {
     filter.Forbid("ioctl", SCMP_A1(SCMP_CMP_MASKED_EQ, 0xffffffff, request));
   }
@@ -119,7 +120,7 @@ bool HasSeccomp() { return false; }
 
 #endif
 
-// Where the path leads, link by link resolved; its folder may be somewhere else than it seems.
+// The folder of the file that the path leads to, with all links resolved.
 std::filesystem::path RealFolder(const std::string& path) {
   std::error_code ignored;
   return std::filesystem::weakly_canonical(path, ignored).parent_path();
@@ -128,7 +129,7 @@ std::filesystem::path RealFolder(const std::string& path) {
 bool RestrictAccess(const ConfinementNeeds& needs) {
   LandlockRules rules(needs.tcp_ports.has_value());
   for (const char* const file : {"/etc/hosts", "/etc/resolv.conf", "/dev/urandom"}) rules.PermitReading(file);
-  // Where a service keeps the file up to date it replaces it by a new one.
+  // A service that updates the file replaces it with a new one, so permit its folder.
   if (const auto folder = RealFolder("/etc/resolv.conf"); folder != "/etc" && folder != "/") {
     rules.PermitReading(folder);
   }
@@ -136,7 +137,7 @@ bool RestrictAccess(const ConfinementNeeds& needs) {
     std::error_code ignored;
     const std::filesystem::path file = std::filesystem::absolute(needs.cache_file, ignored);
     rules.PermitReplacingFilesIn(file.parent_path());
-    rules.PermitReading(std::filesystem::weakly_canonical(file, ignored));  // a link, until it is replaced
+    rules.PermitReading(std::filesystem::weakly_canonical(file, ignored));  // a link
   }
   if (needs.tcp_ports) {
     rules.PermitConnecting(kDnsPort);

@@ -1,11 +1,10 @@
-// What the program gives up once it has started, before it reads what a stranger sends: whoever finds a way to
-// run code in it gains little.
+// Drops rights after the start, before data from outside is read, so that an attacker who runs code in this
+// program gains little.
 //
-// By the kernel's word (no_new_privs, seccomp, Landlock) it starts no programs, traces and signals nobody,
-// listens nowhere, has no sockets but those of IPv4 and IPv6, and reaches no files but the resolver's and the
-// name cache's, and no TCP ports but those that are permitted. UDP goes anywhere: name servers are asked by it.
-// Where Unix sockets are needed it has streams of those, too, and no rule holds it to certain paths: Landlock
-// has none for them.
+// With no_new_privs, seccomp and Landlock the kernel forbids starting programs, tracing and signalling
+// processes, listening, sockets other than IPv4 and IPv6, files other than the resolver's and the name cache's,
+// and TCP ports other than the permitted ones. UDP remains free, for name servers. Where Unix sockets are
+// needed, stream ones are allowed for any path: Landlock cannot restrict their paths.
 #ifndef GX_PEER_CONFINEMENT_H
 #define GX_PEER_CONFINEMENT_H
 
@@ -21,21 +20,21 @@ struct Confinement {
   bool files = false;         // by Landlock, since ABI 1
   bool tcp_ports = false;     // by Landlock, since ABI 4
 
-  // For people: "system calls, files, TCP ports", or why there is nothing.
+  // A text for people: "system calls, files, TCP ports", or why nothing is confined.
   std::string ToString() const;
 };
 
-// What this build can have of this kernel.
+// What this build can confine on this kernel.
 Confinement AvailableConfinement();
 
 struct ConfinementNeeds {
-  std::string cache_file;                               // empty: none; its folder is written to
-  std::optional<std::vector<std::uint16_t>> tcp_ports;  // to connect to; nothing: any
+  std::string cache_file;  // empty: no cache; otherwise its folder must be writable
+  std::optional<std::vector<std::uint16_t>> tcp_ports;  // allowed for connecting; empty: any
   bool unix_sockets = false;
 };
 
-// Confines the calling thread, and those that it starts, for the rest of the process's life. Returns what
-// holds: less than what is available where the system refuses.
+// Confines the calling thread and the threads that it starts, for the rest of the process. Returns what is in
+// effect: less than what is available when the system refuses.
 Confinement Confine(const ConfinementNeeds& needs);
 
 }  // namespace gxtool

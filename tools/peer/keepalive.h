@@ -1,4 +1,4 @@
-// Notices that the other side has fallen silent.
+// Detects that the other side has fallen silent.
 // Threads: the one that runs the io_context.
 #ifndef GX_PEER_KEEPALIVE_H
 #define GX_PEER_KEEPALIVE_H
@@ -13,19 +13,19 @@ class Keepalive {
  public:
   class Owner {
    public:
-    // Nothing came for an interval, or for another one: time to ask.
+    // Nothing arrived for one more interval: send a ping.
     virtual void OnQuiet() = 0;
-    // Nothing came for all intervals. The last call.
+    // Nothing arrived for all intervals. The last call.
     virtual void OnSilent() = 0;
-    // Nothing is read at present, so silence says nothing about the other side. It is asked all the same,
-    // because the question shows that this side lives.
+    // True while nothing is read, so that silence does not count as the other side's. Pings continue, because
+    // they show that this side is alive.
     virtual bool IsDeaf() const = 0;
 
    protected:
     ~Owner() = default;
   };
 
-  // An interval of 0 watches nothing. `owner` is not owned.
+  // An interval of 0 disables it. `owner` is borrowed.
   Keepalive(asio::io_context& io, std::chrono::milliseconds interval, int count, Owner* owner)
       : timer_(io), interval_(interval), count_(count), owner_(owner) {}
 

@@ -8,7 +8,7 @@ namespace gxtool {
 namespace {
 
 #ifdef __linux__
-// The same on every machine.
+// System call numbers, the same on every architecture.
 constexpr long kCreateRuleset = 444;
 constexpr long kAddRule = 445;
 constexpr long kRestrictSelf = 446;
@@ -26,7 +26,7 @@ enum FileAccess : std::uint64_t {
 };
 constexpr std::uint64_t kBindTcp = 1 << 0;
 constexpr std::uint64_t kConnectTcp = 1 << 1;
-constexpr std::uint64_t kAllScopes = 3;  // abstract sockets and signals of others
+constexpr std::uint64_t kAllScopes = 3;  // abstract sockets and signals of other processes
 
 struct RulesetAttributes {
   std::uint64_t files;
@@ -42,7 +42,7 @@ struct PortAttributes {
   std::uint64_t port;
 };
 
-// Each ABI has had another say.
+// Each ABI version added rights.
 std::uint64_t AllFileAccess(int abi) {
   const int rights[] = {13, 14, 15, 15, 16};
   return (std::uint64_t{1} << rights[(abi > 5 ? 5 : abi) - 1]) - 1;
@@ -64,7 +64,7 @@ LandlockRules::LandlockRules(bool tcp_connect) : abi_(LandlockAbi()), tcp_connec
   attributes.files = AllFileAccess(abi_);
   if (abi_ >= 4) attributes.net = kBindTcp | (tcp_connect ? kConnectTcp : 0);
   if (abi_ >= 6) attributes.scoped = kAllScopes;
-  // An older kernel takes what it does not know as long as that is zero.
+  // Older kernels accept unknown fields that are zero.
   rules_.Reset(static_cast<int>(syscall(kCreateRuleset, &attributes, sizeof attributes, 0U)));
 }
 
@@ -79,7 +79,7 @@ void LandlockRules::Permit(const std::string& path, std::uint64_t access) {
   if (!rules_ || !place) return;
   PathAttributes attributes{access & AllFileAccess(abi_), place.get()};
   if (syscall(kAddRule, rules_.get(), kPathBeneath, &attributes, 0U) == 0) return;
-  // What applies to folders alone is refused for a file.
+  // Rights that apply only to folders are refused for a file: leave them out.
   attributes.access &= static_cast<std::uint64_t>(kReadFile | kWriteFile);
   syscall(kAddRule, rules_.get(), kPathBeneath, &attributes, 0U);
 }

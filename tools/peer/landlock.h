@@ -1,4 +1,4 @@
-// Landlock by its system calls: the kernel's headers may be older than the kernel.
+// Landlock through its system calls: the build machine's kernel headers may be too old.
 #ifndef GX_PEER_LANDLOCK_H
 #define GX_PEER_LANDLOCK_H
 
@@ -9,22 +9,22 @@
 
 namespace gxtool {
 
-// What the running kernel has: 0 without Landlock.
+// The running kernel's ABI version; 0 without Landlock.
 int LandlockAbi();
 
-// A set of rules: what none of them permits is refused. Threads: one at a time.
+// A set of rules: everything that no rule permits is refused. Threads: one at a time.
 class LandlockRules {
  public:
-  // Everything that the kernel can refuse about files, about other processes and, since ABI 4, about TCP ports;
-  // without `tcp_connect` any port may be connected to.
+  // Covers all file access that the kernel can restrict, other processes, and TCP ports since ABI 4. Without
+  // `tcp_connect`, connecting to any port stays allowed.
   explicit LandlockRules(bool tcp_connect);
 
-  // A path that does not exist permits nothing.
+  // A path that does not exist is ignored.
   void PermitReading(const std::string& path);
   void PermitReplacingFilesIn(const std::string& folder);
   void PermitConnecting(std::uint16_t port);
 
-  // False: the kernel refuses, and nothing is confined. The process has given up new privileges before.
+  // Returns false, with nothing confined, when the kernel refuses. no_new_privs must be set before.
   bool Apply();
 
  private:

@@ -1,4 +1,4 @@
-// From a host name to its addresses.
+// Finds the addresses of a host name.
 #ifndef GX_PEER_LOOKUP_H
 #define GX_PEER_LOOKUP_H
 
@@ -9,20 +9,20 @@
 namespace gxtool {
 
 struct LookupResult {
-  std::vector<std::string> addresses;  // numeric, in the order in which they are to be tried
-  std::string error;                   // why there are none
+  std::vector<std::string> addresses;  // numeric, in the order in which to try them
+  std::string error;                   // why there are no addresses
 };
 
-// Answers at once for a name, never for an address.
+// Answers at once. Called only for names, not for addresses.
 using Lookup = std::function<LookupResult(const std::string& host)>;
 
-// Sees what the name servers said of a host and returns what is to be believed: remembers good answers, and may
-// give an older one in place of a failure.
+// Receives the name servers' answer for a host and returns the answer to use: saves successful answers and may
+// replace a failure by an older answer.
 using AnswerCache = std::function<LookupResult(const std::string& host, LookupResult live)>;
 
 struct NameSources {
-  Lookup lookup;        // answers everything, if there is one
-  std::string servers;  // asked in place of the system's unless empty: ADDRESS:PORT, divided by commas
+  Lookup lookup;        // if set, answers all lookups
+  std::string servers;  // if not empty, used instead of the system's: ADDRESS:PORT, separated by commas
   AnswerCache cache;    // may be empty
 };
 

@@ -1,4 +1,4 @@
-// gx-ssh-peer: the far side of the tunnel as a program. Frames on stdin and stdout, words on stderr.
+// gx-ssh-peer: the far side of the tunnel as a program. Frames on stdin and stdout, messages on stderr.
 #include <spdlog/sinks/stdout_sinks.h>
 #include <spdlog/spdlog.h>
 #include <sys/resource.h>
@@ -54,13 +54,13 @@ int FailUsage(const std::string& line) {
   return kUsageStatus;
 }
 
-// A terminal in its usual mode edits lines and changes line ends. A serial line in raw mode is fine.
+// True for a terminal in its usual mode, which edits lines and changes line ends. A raw serial line is fine.
 bool IsEditingTerminal(int fd) {
   termios mode{};
   return tcgetattr(fd, &mode) == 0 && ((mode.c_lflag & (ICANON | ECHO)) != 0 || (mode.c_oflag & OPOST) != 0);
 }
 
-// Every connection takes a descriptor, also while it closes.
+// Every connection uses a descriptor, also while it closes.
 void RaiseDescriptorLimit(std::size_t connections) {
   rlimit limit{};
   const rlim_t wanted = 2 * connections + 64;
@@ -77,7 +77,7 @@ gxtool::ConfinementNeeds Needs(const gxtool::CommandLine& line) {
   return {line.name_cache.file, {{place->port}}, false};
 }
 
-// `path` is that of this program's file.
+// `path` is this program's file.
 void RemoveOwnFile(const std::string& path, bool with_folder) {
   unlink(path.c_str());
   if (with_folder) rmdir(path.substr(0, path.rfind('/')).c_str());
@@ -103,7 +103,7 @@ int Main(int argc, const char* const* argv) {
   line.options.handle_signals = true;
   line.options.log = Log;
   if (!line.name_cache.file.empty()) line.options.names.cache = gxtool::OpenNameCache(line.name_cache);
-  // Before the first byte of the other side is read.
+  // Confine before reading the first byte from the other side.
   const std::string confined = line.confine ? Confine(Needs(line)).ToString() : "nothing, as asked for";
   Log(gxtool::LogLevel::kDebug, "confines: " + confined);
   gxtool::Peer peer(std::move(line.options), STDIN_FILENO, STDOUT_FILENO);

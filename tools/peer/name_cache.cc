@@ -12,7 +12,7 @@
 namespace gxtool {
 namespace {
 
-// A list as getaddrinfo makes them.
+// A list in the form of getaddrinfo's.
 class AddressList {
  public:
   explicit AddressList(const std::vector<std::string>& addresses) : entries_(addresses.size()) {
@@ -48,7 +48,7 @@ class AddressList {
     sockaddr_in6 v6{};
   };
 
-  std::vector<Entry> entries_;  // never grows: the entries point at each other
+  std::vector<Entry> entries_;  // fixed size: the entries point to each other
   bool empty_ = true;
 };
 

@@ -1,5 +1,5 @@
-// Keeps the addresses of names in a file, so that name servers that are down keep nobody from a host that was
-// reached before.
+// Saves the addresses of names in a file, so that a host that was reached before is found while name servers
+// are down.
 #ifndef GX_PEER_NAME_CACHE_H
 #define GX_PEER_NAME_CACHE_H
 
@@ -9,7 +9,7 @@
 
 namespace gxtool {
 
-// False in a program that can keep none.
+// False in a build without the cache.
 extern const bool kHasNameCache;
 
 struct NameCacheOptions {
@@ -18,7 +18,7 @@ struct NameCacheOptions {
   unsigned refresh = 0;  // seconds
 };
 
-// The cache is the process's: the last call counts. It goes with the static objects.
+// There is one cache per process: the last call counts. It lives until static objects are destroyed.
 AnswerCache OpenNameCache(const NameCacheOptions& options);
 
 }  // namespace gxtool

@@ -13,8 +13,7 @@
 namespace gxtool {
 namespace {
 
-// c-ares sees to it that nobody guesses the numbers of its questions, but without /dev/urandom it makes them
-// with rand.
+// c-ares protects its query ids from guessing, but without /dev/urandom it makes them with rand.
 void InitLibraryOnce() {
   static const int status = [] {
     std::srand(std::random_device()());
@@ -47,8 +46,8 @@ LookupResult Found(const ares_addrinfo& list) {
 
 const bool kAsksNameServers = true;
 
-// A resolver for one question: what becomes of it touches no other one, and the system's configuration is that
-// of the moment. Ownership: shared with the waits that are under way.
+// A resolver for one query, so that queries are independent and each one uses the system's current
+// configuration. Ownership: shared with the pending waits.
 class NameQuery::Channel : public std::enable_shared_from_this<Channel> {
  public:
   Channel(asio::io_context& io, Done done) : io_(io), timer_(io), done_(std::move(done)) {}
@@ -61,7 +60,7 @@ class NameQuery::Channel : public std::enable_shared_from_this<Channel> {
   enum Direction { kRead, kWrite };
   struct Socket {
     explicit Socket(asio::io_context& io) : descriptor(io) {}
-    StreamDescriptor descriptor;  // c-ares owns the number
+    StreamDescriptor descriptor;  // c-ares owns the descriptor
     bool wanted[2] = {};
     bool waiting[2] = {};
   };
@@ -71,7 +70,7 @@ class NameQuery::Channel : public std::enable_shared_from_this<Channel> {
 
   void Watch(ares_socket_t fd, bool readable, bool writable);
   void Process(ares_socket_t readable, ares_socket_t writable);
-  // Waits for what c-ares waits for.
+  // Waits for the events that c-ares has requested.
   void Wait();
   void WaitFor(ares_socket_t fd, const std::shared_ptr<Socket>& socket, Direction direction);
 
@@ -84,7 +83,7 @@ class NameQuery::Channel : public std::enable_shared_from_this<Channel> {
 
 void NameQuery::Channel::Ask(const std::string& servers, const std::string& host) {
   InitLibraryOnce();
-  char sources[] = "fb";  // the hosts file, then the name servers
+  char sources[] = "fb";  // the hosts file, then name servers
   ares_options options{};
   options.lookups = sources;
   options.sock_state_cb = OnSocket;
@@ -113,7 +112,7 @@ void NameQuery::Channel::Watch(ares_socket_t fd, bool readable, bool writable) {
   auto& socket = sockets_[fd];
   if (socket == nullptr) {
     socket = std::make_shared<Socket>(io_);
-    asio::error_code ignored;  // a socket that cannot be watched runs into the time-out
+    asio::error_code ignored;  // a socket that cannot be watched ends in the timeout
     socket->descriptor.assign(fd, ignored);
   }
   socket->wanted[kRead] = readable;
@@ -129,7 +128,7 @@ void NameQuery::Channel::OnAnswer(void* self, int status, int /*timeouts*/, ares
   if (status != ARES_EDESTRUCTION) static_cast<Channel*>(self)->Answer(result);
 }
 
-// Posted, since a channel cannot be destroyed from within a call of its own.
+// Posted, because a channel must not be destroyed inside one of its own calls.
 void NameQuery::Channel::Answer(LookupResult result) {
   asio::post(io_, [self = shared_from_this(), result = std::move(result)] {
     if (const Done done = std::exchange(self->done_, nullptr)) done(result);
@@ -160,7 +159,7 @@ void NameQuery::Channel::WaitFor(ares_socket_t fd, const std::shared_ptr<Socket>
   const auto type = direction == kRead ? StreamDescriptor::wait_read : StreamDescriptor::wait_write;
   socket->descriptor.async_wait(type, [self = shared_from_this(), fd, socket, direction](asio::error_code) {
     socket->waiting[direction] = false;
-    // Its number may be another socket's by now.
+    // The descriptor number may belong to another socket by now.
     if (!socket->descriptor.is_open()) return;
     self->Process(direction == kRead ? fd : ARES_SOCKET_BAD, direction == kWrite ? fd : ARES_SOCKET_BAD);
   });

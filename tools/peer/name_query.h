@@ -1,4 +1,4 @@
-// Asks the hosts file and the name servers for one name. Names that only the system's other sources know
+// Looks one name up in the hosts file and on the name servers. Names that only other sources of the system know
 // (mDNS, LDAP and the like) are not found.
 // Threads: the one that runs the io_context.
 #ifndef GX_PEER_NAME_QUERY_H
@@ -13,21 +13,21 @@
 
 namespace gxtool {
 
-// False in a program that knows localhost and no other name.
+// False in a build that can look up only localhost.
 extern const bool kAsksNameServers;
 
 class NameQuery {
  public:
   using Done = std::function<void(const LookupResult&)>;
 
-  // `servers` are asked in place of the system's unless it is empty: ADDRESS:PORT, divided by commas. `done` is
-  // called once, by the event loop, and may destroy the query.
+  // `servers`, if not empty, replace the system's: ADDRESS:PORT, separated by commas. `done` is called once, by
+  // the event loop, and may destroy the query.
   NameQuery(asio::io_context& io, const std::string& servers, const std::string& host, Done done);
-  // Asks nobody: `done` hears `answer`.
+  // Answers with `answer` without asking anyone.
   NameQuery(asio::io_context& io, LookupResult answer, Done done);
   NameQuery(const NameQuery&) = delete;
   NameQuery& operator=(const NameQuery&) = delete;
-  // Takes the question back: nothing of it is left, and `done` is not called any more.
+  // Cancels the query; `done` is not called afterwards.
   ~NameQuery();
 
  private:

@@ -1,4 +1,4 @@
-// Stands in for name_cache.cc in the static program, which carries no library for the file.
+// Replaces name_cache.cc in the static program, which is built without the file's library.
 #include "peer/name_cache.h"
 
 namespace gxtool {

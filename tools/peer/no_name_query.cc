@@ -1,4 +1,4 @@
-// Stands in for name_query.cc where there is no library that asks name servers.
+// Replaces name_query.cc in builds without a DNS library.
 #include "peer/name_query.h"
 
 #include <utility>
@@ -7,7 +7,7 @@ namespace gxtool {
 
 const bool kAsksNameServers = false;
 
-// Ownership: shared with the answer that is under way.
+// Ownership: shared with the pending answer.
 class NameQuery::Channel {
  public:
   Done done;

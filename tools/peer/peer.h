@@ -1,9 +1,9 @@
-// The far side of the tunnel: takes frames from one stream, opens the targets that they ask for, and carries
+// The far side of the tunnel: reads frames from one stream, connects to the requested targets, and carries
 // bytes both ways until the stream ends.
 //
-// Memory is bounded: a target is not read while the outgoing stream is busy, and while some target owes too
-// much the other side gets no permission to send more; one that knows of no permission, or does not keep to it,
-// is not read then. Neither direction waits for the other.
+// Memory is bounded. Targets are not read while the outgoing stream is busy. While a target has too many bytes
+// queued, the other side gets no permission to send more; if it does not know or ignores permissions, its
+// stream is not read. Neither direction waits for the other.
 #ifndef GX_PEER_PEER_H
 #define GX_PEER_PEER_H
 
@@ -20,30 +20,29 @@
 
 namespace gxtool {
 
-enum class LogLevel { kError, kWarning, kInfo, kDebug };  // kError: why Run ends
+enum class LogLevel { kError, kWarning, kInfo, kDebug };  // kError: the reason why Run ends
 
 // What Run returns; also the program's exit status.
-inline constexpr int kPeerEnded = 0;     // the stream ended between two frames, or Stop
-inline constexpr int kPeerLinkLost = 1;  // it broke, ended inside a frame, or nothing came for too long
-inline constexpr int kPeerNotReady = 4;  // no other side was found on it
+inline constexpr int kPeerEnded = 0;     // the stream ended between two frames, or Stop was called
+inline constexpr int kPeerLinkLost = 1;  // the stream broke, ended inside a frame, or was silent for too long
+inline constexpr int kPeerNotReady = 4;  // no other side was found on the stream
 
 struct PeerOptions {
   AllowList allow = AllowList::Default();
   std::optional<Destination>
-      target;  // opened for every connection, whatever it asks for and whatever `allow` says
-  std::chrono::milliseconds connect_timeout = std::chrono::seconds(10);  // also for the ready line; 0: none
-  std::chrono::milliseconds idle_timeout{0};                             // of a connection; 0: none
-  std::chrono::milliseconds stall_timeout = std::chrono::seconds(60);    // of a target that all others wait for
+      target;  // if set, opened for every connection, without looking at its request or at `allow`
+  std::chrono::milliseconds connect_timeout = std::chrono::seconds(10);  // also for the ready line; 0: no limit
+  std::chrono::milliseconds idle_timeout{0};                             // of a connection; 0: no limit
+  std::chrono::milliseconds stall_timeout = std::chrono::seconds(60);    // of a target that blocks all others
   std::size_t max_connections = 1000;
   std::chrono::milliseconds keepalive =
-      std::chrono::seconds(15);  // silence after which a ping is sent; 0: never
-  int keepalive_count = 3;       // the link is lost after so many intervals of silence
-  bool raw = false;              // frames from the first byte: no ready line, no pings, no goodbye
-  bool handle_signals =
-      false;  // SIGTERM, SIGINT and SIGHUP do what Stop does; for a process that is nothing else
+      std::chrono::seconds(15);  // a ping is sent after this silence; 0: never
+  int keepalive_count = 3;       // this many silent intervals mean that the link is lost
+  bool raw = false;              // frames from the first byte: no ready line, pings or goodbye
+  bool handle_signals = false;   // SIGTERM, SIGINT and SIGHUP call Stop; for a process that does nothing else
   NameSources names;
-  // One line without a line end; text of the other side in it is escaped. Called on the thread of Run; may be
-  // empty.
+  // Receives one line without a line end; the other side's text in it is escaped. Called on Run's thread; may
+  // be empty.
   std::function<void(LogLevel, const std::string&)> log;
 };
 
@@ -51,16 +50,15 @@ class PeerSession;
 
 class Peer {
  public:
-  // The descriptors are borrowed until the destructor has returned, and may be the same. They are made
-  // non-blocking for that time. The process ignores SIGPIPE. Throws std::system_error when a descriptor is no
-  // good.
+  // The descriptors are borrowed until the destructor has returned, and may be the same. They are non-blocking
+  // during that time. The process ignores SIGPIPE. Throws std::system_error for an unusable descriptor.
   Peer(PeerOptions options, int read_fd, int write_fd);
   ~Peer();
 
-  // Works on the calling thread until the stream ends. Once.
+  // Works on the calling thread until the stream ends. Call it once.
   int Run();
 
-  // Any thread, at any time in the object's life: finishes what is under way, for at most 2 s, then ends Run.
+  // Thread: any, while the object exists. Finishes current work, for at most 2 s, then ends Run.
   void Stop();
 
  private:

@@ -3,7 +3,7 @@
 namespace gxtool {
 
 std::unique_ptr<NameQuery> Resolver::Resolve(const std::string& host, NameQuery::Done done) {
-  // What the name means is no matter for name servers.
+  // localhost is never looked up on name servers.
   if (host == "localhost") {
     return std::make_unique<NameQuery>(io_, LookupResult{{"127.0.0.1", "::1"}, {}}, std::move(done));
   }

@@ -1,4 +1,4 @@
-// Looks names up without holding up anything else.
+// Looks names up without blocking the event loop.
 // Threads: the one that runs the io_context.
 #ifndef GX_PEER_RESOLVER_H
 #define GX_PEER_RESOLVER_H
@@ -15,10 +15,10 @@ namespace gxtool {
 
 class Resolver {
  public:
-  // `io` outlives the resolver and the questions.
+  // `io` is borrowed and outlives the resolver and its queries.
   Resolver(asio::io_context& io, NameSources sources) : io_(io), sources_(std::move(sources)) {}
 
-  // `done` is called later, by the event loop, unless the question is dropped before that.
+  // The event loop calls `done` later, unless the query is destroyed first.
   [[nodiscard]] std::unique_ptr<NameQuery> Resolve(const std::string& host, NameQuery::Done done);
 
  private:

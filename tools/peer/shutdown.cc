@@ -7,9 +7,9 @@ namespace {
 
 using std::chrono::milliseconds;
 
-constexpr auto kCloseTime = std::chrono::seconds(5);  // for a target to take what is queued and to end
-constexpr auto kStopTime = milliseconds(1700);        // for what is under way when a stop is asked for
-constexpr auto kInputEndTime = milliseconds(1000);    // the same at the end of the input
+constexpr auto kCloseTime = std::chrono::seconds(5);  // for a target to take the queued bytes and to end
+constexpr auto kStopTime = milliseconds(1700);        // for pending work after a stop request
+constexpr auto kInputEndTime = milliseconds(1000);    // for pending work at the end of the input
 constexpr auto kEndTime = milliseconds(200);          // for the last frames
 
 }  // namespace
@@ -57,7 +57,7 @@ void ClosingConnections::Add(const std::shared_ptr<Connection>& connection) {
   connection->close_until = Clock::now() + kCloseTime;
   connections_.push_back(connection);
   connection->Close();
-  // Targets that do not end must not add up.
+  // Targets that never end must not accumulate.
   if (connections_.size() > most_) AbortOldest();
 }
 

@@ -1,9 +1,9 @@
-// How far a session has come, and when it is over.
+// The state of a session from its start to its end.
 //
 //   phase      entered when                              left when
-//   kGreeting  constructed, unless raw                   the ready line has come; as kRunning
-//   kRunning   the ready line has come; constructed raw  the input ends; a stop is asked for; the link is lost
-//   kDraining  the input has ended; a stop was asked for nothing is under way any more; its time is over
+//   kGreeting  constructed, unless raw                   the ready line has arrived; otherwise as kRunning
+//   kRunning   ready line has arrived; constructed raw   the input ends; a stop is requested; the link is lost
+//   kDraining  the input has ended; stop requested       nothing is under way; its time is over
 //   kEnding    every connection was told to close        all is written and closed; its time is over
 //
 // Threads: the one that runs the io_context.
@@ -23,29 +23,30 @@ namespace gxtool {
 class Shutdown {
  public:
   enum class Phase { kGreeting, kRunning, kDraining, kEnding };
-  // What is to be done now.
+  // The next thing to do.
   enum class Step { kNothing, kGiveGreetingUp, kEndAll, kLeave };
 
   explicit Shutdown(bool raw) : phase_(raw ? Phase::kRunning : Phase::kGreeting) {}
 
   Phase phase() const { return phase_; }
-  // Neither stopped nor ended nor lost.
+  // True until the session is stopped, ended or lost.
   bool IsWorking() const { return phase_ == Phase::kGreeting || phase_ == Phase::kRunning; }
-  // Frames are read.
+  // True while frames are read.
   bool IsCarrying() const { return phase_ == Phase::kRunning || phase_ == Phase::kDraining; }
-  // Why it ends in order, for the other side.
+  // The reason that the other side is told.
   std::string_view reason() const { return stop_requested_ ? "stopped" : "end of input"; }
   bool input_ended() const { return input_ended_; }
 
-  // Waits for the ready line; a `limit` of 0 is none.
+  // Waits for the ready line; a `limit` of 0 means no limit.
   void Greet(std::chrono::milliseconds limit);
   void Run() { phase_ = Phase::kRunning; }
-  // False: this is the second time.
+  // False when called a second time.
   bool RequestStop();
   void EndInput();
   void End();
 
-  // The next step. `under_way`: something is, see kDraining; `done`: see kEnding.
+  // The next step. `under_way`: work is pending (see kDraining); `done`: all is written and closed (see
+  // kEnding).
   Step Next(Clock::time_point now, bool under_way, bool done) const;
 
  private:
@@ -54,19 +55,19 @@ class Shutdown {
   Phase phase_;
   bool stop_requested_ = false;
   bool input_ended_ = false;
-  Clock::time_point end_ = Clock::time_point::max();  // of the phase
+  Clock::time_point end_ = Clock::time_point::max();  // end of the phase
 };
 
-// Connections of which the other side knows nothing any more, until their targets have taken what is queued and
-// have ended, too. Each has its time, and there are at most so many.
+// Connections that are closed for the other side, until their targets have taken all queued bytes and have
+// ended, too. Each has a time limit, and their number is bounded.
 class ClosingConnections {
  public:
   explicit ClosingConnections(std::size_t most) : most_(most) {}
 
   bool empty() const { return connections_.empty(); }
-  // Closes it.
+  // Closes the connection.
   void Add(const std::shared_ptr<Connection>& connection);
-  // It has left by itself.
+  // Called when a connection has ended by itself.
   void Remove(const Connection& connection);
   void AbortLate(Clock::time_point now);
   void AbortAll();
