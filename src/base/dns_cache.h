@@ -46,7 +46,6 @@ int dnscache_getaddrinfo(const char* node, const char* service, const addrinfo* 
 // The second half of dnscache_getaddrinfo, for a caller that has made the live lookup with the result `code`:
 // saves a successful answer and returns 0; otherwise returns 0 with an answer from the cache, or returns
 // `code`.
-// answer and returns 0; otherwise answers from the cache and returns 0, or returns `code`.
 int dnscache_getaddrinfo_local(const char* node, const char* service, const addrinfo* hints, addrinfo** res,
                                int code);
 // Frees a list from the cache or from the system.
