@@ -15,8 +15,8 @@ namespace {
 constexpr std::size_t kLastLines = 3;
 constexpr std::size_t kLineBytes = 1000;
 
-// With a socket for its input bash takes itself for a command of a remote login and reads ~/.bashrc, unless it
-// runs inside another shell. Under a shell gx-ssh has the variable and passes it on.
+// bash with a socket as standard input takes itself for a remote login's command and reads ~/.bashrc, unless
+// SHLVL shows that it runs inside another shell. gx-ssh under a shell passes its own SHLVL on.
 Child::Variables ShellLevel() {
   const char* level = std::getenv("SHLVL");
   if (level != nullptr && std::atoi(level) > 0) return {};
@@ -53,7 +53,8 @@ bool Carrier::Interrupted() {
 
 void Carrier::End() {
   child_.End();
-  // Its last words, as far as they are there already: something that it started may hold the pipe open.
+  // Read the last error lines that are already there. Do not wait for the end: a process that it started may
+  // hold the pipe open.
   asio::error_code error;
   errors_.non_blocking(true, error);
   while (errors_.is_open() && !error) {

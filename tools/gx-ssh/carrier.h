@@ -22,14 +22,12 @@
 
 namespace gxtool {
 
-// Its standard input and output are the stream. What it writes to standard error is said as it comes, made
-// harmless; what nobody was shown is kept, as far as the last lines go, for the message about its end. Unless
-// the link is raw it is a process group of its own and has the terminal, to ask for passwords, until that is
-// taken back.
+// Its standard input and output are the stream. Its error lines are shown as they arrive, escaped; the last
+// lines that were not shown are kept for the message about its end. Unless the link is raw, it runs in its own
+// process group and is lent the terminal, to ask for passwords, until that is taken back.
 class Carrier final : public FarSide {
  public:
-  // Throws Failure when the command cannot be run. `on_quiet` is called once, when its standard error has
-  // ended.
+  // Throws Failure when the command cannot be run. `on_quiet` is called once, at the end of its standard error.
   Carrier(asio::io_context& io, const std::vector<std::string>& command, bool raw, Console& console,
           Terminal& terminal, std::function<void()> on_quiet);
 
@@ -50,12 +48,12 @@ class Carrier final : public FarSide {
   void TakeLine();
   std::string Prefixed(std::string_view line) const;
 
-  const std::string name_;  // of the program, for people
+  const std::string name_;  // the program's name, for messages
   Console& console_;
   Pipe input_ = MakeSocketPipe();
   Pipe output_ = MakeSocketPipe();
   Pipe error_pipe_ = MakePipe();
-  const int terminal_;  // lent to it; -1: none
+  const int terminal_;  // lent to the carrier; -1: no terminal
   Child child_;
   asio::posix::stream_descriptor errors_;
   const std::function<void()> on_quiet_;

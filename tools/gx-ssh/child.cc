@@ -34,7 +34,7 @@ std::vector<char*> Pointers(std::vector<std::string>& texts) {
   return result;
 }
 
-// What a service manager tells this process is for nobody else.
+// The service manager's variables are meant for this process only.
 constexpr std::string_view kOurVariables[] = {
     "NOTIFY_SOCKET=", "WATCHDOG_USEC=", "WATCHDOG_PID=", "LISTEN_FDS=", "LISTEN_PID=", "LISTEN_FDNAMES="};
 
@@ -52,7 +52,7 @@ std::vector<std::string> Environment(const Child::Variables& changes) {
   return result;
 }
 
-// Blocks every signal while it lives: between fork and exec no handler of ours may run in the other process.
+// Blocks all signals in its scope: no handler of this process may run in the child between fork and exec.
 class SignalsBlocked {
  public:
   SignalsBlocked() {
@@ -75,14 +75,14 @@ bool ReadValue(int fd, Value* value) {
   return got == sizeof *value;
 }
 
-// From here on, down to the end of this namespace: only what a signal handler may call. Other threads held
+// From here to the end of this namespace: async-signal-safe calls only, because other threads may have held
 // locks when fork copied the memory.
 
 void ResetSignals() {
   for (int number = 1; number < NSIG; ++number) {
     struct sigaction action {};
     if (sigaction(number, nullptr, &action) != 0) continue;
-    if (action.sa_handler == SIG_IGN && number != SIGPIPE) continue;  // as nohup wants it
+    if (action.sa_handler == SIG_IGN && number != SIGPIPE) continue;  // nohup relies on this
     action = {};
     action.sa_handler = SIG_DFL;
     sigaction(number, &action, nullptr);
@@ -93,7 +93,7 @@ void ResetSignals() {
 }
 
 [[noreturn]] void Execute(const std::array<int, 3>& standard, char* const* arguments, int report) {
-  // Copies above the standard three first, so that none is overwritten before it was placed.
+  // Duplicate above 2 first, so that no descriptor is overwritten before it is placed.
   std::array<int, 3> copies{};
   bool placed = true;
   for (std::size_t i = 0; i < 3; ++i) copies[i] = fcntl(standard[i], F_DUPFD_CLOEXEC, 3);
@@ -104,8 +104,8 @@ void ResetSignals() {
   _exit(127);
 }
 
-// The terminal, too, before the program can ask for it: a group in the background is stopped for that. All
-// signals are blocked, so this one is not.
+// Also sets the terminal's foreground group, before the program can use the terminal: a background group would
+// be stopped. All signals are blocked, so this process is not stopped.
 void BecomeKeeper(Child::Group group, int terminal) {
   if (group != Child::Group::kOurs) setpgid(0, 0);
   if (group != Child::Group::kOurs && terminal >= 0) tcsetpgrp(terminal, getpgrp());
@@ -125,7 +125,7 @@ void DieWith([[maybe_unused]] pid_t parent) {
 }  // namespace
 
 Child::Child(const Start& start) : name_(start.arguments.front()) {
-  Pipe report = MakePipe();  // closed by a successful exec; otherwise it brings the reason
+  Pipe report = MakePipe();  // closed by a successful exec; otherwise it carries the errno
   auto [ours, keepers] = MakeSocketPair();
   control_ = std::move(ours);
   Launch(start, report.write.get(), keepers.get());
@@ -184,7 +184,7 @@ void Child::Wait(int flags) {
   KeeperReport report;
   if (over_ || waitpid(keeper_, &report.status, flags) != keeper_) return;
   over_ = true;
-  // A keeper that was killed itself has left no word, and has taken the program with it.
+  // A keeper that was killed has sent no report, and its program has ended with it.
   ReadValue(control_.get(), &report);
   if (report.ended) status_ = report.status;
   if (report.left == 0) return;

@@ -14,52 +14,53 @@
 
 namespace gxtool {
 
-// One program, under a keeper. It gets the default SIGPIPE, an empty signal mask and no descriptor of ours but
-// 0, 1 and 2. Neither it nor what it has started outlives this object or the process, however that ends, by
-// more than 1.5 s, except what we may not signal. Threads: the one that started it.
+// A program under a keeper process. It gets the default SIGPIPE action, an empty signal mask and only the
+// descriptors 0, 1 and 2. The program and the processes that it started end within 1.5 s after this object or
+// this process, however that ends, except those that may not be signalled. Threads: the one that started it.
 class Child {
  public:
-  // Changes of the environment; no value: the variable goes.
+  // Changes of the environment; without a value the variable is removed.
   using Variables = std::vector<std::pair<std::string, std::optional<std::string>>>;
 
-  // The process group of the program. One of its own has the terminal when that is given to it, and ours is
-  // stopped with it; what interrupts the second kind there interrupts our group as well.
+  // The program's process group. A group of its own may be lent the terminal; when the terminal stops it,
+  // gx-ssh's group is stopped, too. With kOwnSharesInterrupts an interrupt from the terminal also reaches
+  // gx-ssh's group.
   enum class Group { kOurs, kOwn, kOwnSharesInterrupts };
 
   struct Start {
-    std::vector<std::string> arguments;  // the first is looked up in PATH
+    std::vector<std::string> arguments;  // the first one is searched for in PATH
     int input = 0;                       // descriptors that become its 0, 1 and 2
     int output = 1;
     int errors = 2;
     Variables environment = {};
     Group group = Group::kOurs;
-    int terminal = -1;  // nonnegative: given to the new group before the program runs
+    int terminal = -1;                             // if not -1, lent to the new group before the program runs
     std::chrono::milliseconds leftover_time{200};  // see KeeperOrders
   };
 
   // Throws Failure (kExitNotFound, kExitNotExecutable).
   explicit Child(const Start& start);
-  // Ends it, see End.
+  // Ends the program, see End.
   ~Child() { End(); }
   Child(const Child&) = delete;
   Child& operator=(const Child&) = delete;
 
-  // The status that waitpid gives, once the program has ended. Never blocks; call it after SIGCHLD.
+  // The status from waitpid, once the program has ended. Never blocks; call it after SIGCHLD.
   std::optional<int> Poll();
 
-  // SIGKILL ends also what the program has started; SIGTSTP and SIGCONT are for its group.
+  // SIGKILL also ends the processes that the program started; SIGTSTP and SIGCONT go to its group; other
+  // signals to the program.
   void Signal(int number);
 
-  // Brings the end about if it does not come by itself, and waits for it. A program that stays all the same is
-  // named in the log.
+  // Waits a moment for the program to end, then ends it. The log names a program that could not be ended.
   void End();
 
-  // The process group, when it has one of its own.
+  // The process group, unless it is gx-ssh's own.
   pid_t group() const { return keeper_; }
 
   // "exit status 3", "signal 9 (Killed)"
   static std::string Describe(int wait_status);
-  // As a shell would say it: the exit status, or 128 and the signal's number.
+  // In the form of a shell: the exit status, or 128 plus the signal's number.
   static int ExitStatus(int wait_status);
 
  private:
@@ -68,7 +69,7 @@ class Child {
 
   const std::string name_;
   pid_t keeper_ = -1;
-  Descriptor control_;  // to the keeper
+  Descriptor control_;  // socket to the keeper
   bool over_ = false;   // the keeper has ended
   std::optional<int> status_;
 };

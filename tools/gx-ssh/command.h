@@ -1,4 +1,4 @@
-// What --run starts.
+// The command of --run.
 #ifndef GX_SSH_COMMAND_H
 #define GX_SSH_COMMAND_H
 
@@ -15,22 +15,24 @@
 
 namespace gxtool {
 
-// A shell command in a process group of its own, which has the terminal: what is typed there reaches the
-// command and nobody else. Threads: the one that runs `io`.
+// A shell command in its own process group, in the terminal's foreground: only the command receives what is
+// typed. Threads: the one that runs `io`.
 class Command {
  public:
-  // `input` and `output` become its standard ones. All but the texts are borrowed. Throws Failure.
+  // `input` and `output` become its standard input and output. All arguments except the texts are borrowed.
+  // Throws Failure.
   Command(asio::io_context& io, Terminal& terminal, const std::string& text, int input, int output,
           const Child::Variables& environment);
 
-  // As Child::Poll.
+  // See Child::Poll.
   std::optional<int> Poll() { return child_.Poll(); }
 
-  // Somebody wants gx-ssh to stop, and so the command: within 2 s, except for a key, which is its own affair.
+  // gx-ssh was asked to stop: ends the command within 2 s. For a key on the terminal it only waits, because the
+  // command received the key, too.
   void OnStopSignal(Signal signal);
-  // gx-ssh alone is about to be stopped.
+  // Call before gx-ssh alone is stopped.
   void Suspend() { child_.Signal(SIGTSTP); }
-  // gx-ssh was stopped by a shell and goes on, or another program has had the terminal.
+  // Call after a shell continued gx-ssh, or after another program had the terminal.
   void Continue();
 
  private:

@@ -1,4 +1,4 @@
-// A host object that the module counts.
+// Reference counting for the host's objects that the module holds.
 #ifndef GX_SSH_COUNTED_H
 #define GX_SSH_COUNTED_H
 
@@ -7,8 +7,9 @@
 
 namespace gxtool {
 
-// Gives `Interface`, one of the interfaces that a host implements, its count. The count starts at 0: create the
-// object with new and hand it to a CRefObj at once; the last Release deletes it. Threads: any.
+// Implements the reference count of `Interface`, one of the interfaces that a host implements. The count starts
+// at 0: create the object with new and put it into a CRefObj at once; the last Release deletes it. Threads:
+// any.
 template <class Interface>
 class Counted : public Interface {
  public:

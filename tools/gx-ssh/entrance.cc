@@ -14,7 +14,7 @@ namespace {
 
 using gxmod::ConnectionType;
 
-// Takes the same time for every wrong one, so that nobody finds a secret byte by byte.
+// Takes the same time for every wrong proof, so that timing reveals nothing about the secret.
 bool AreEqual(const Entrance::Secret& secret, std::string_view proof) {
   unsigned difference = 0;
   for (std::size_t i = 0; i < secret.size(); ++i)
@@ -57,7 +57,7 @@ std::string_view Entrance::Filter(std::string_view block) {
   passed_.clear();
   {
     const std::lock_guard lock(mutex_);
-    // What the module nearly always brings needs no copy.
+    // The most common case, the data of an entered connection, needs no copy.
     if (IsOwnData(block)) return block;
     frames_.Feed(block);
   }
@@ -192,7 +192,7 @@ void Entrance::PassHeader(const gxmod::FrameHeader& header) {
 }
 
 bool Entrance::TakeEnd(Own& own) {
-  // In front of its Connect the far side would not know whose end it is.
+  // Before its Connect the far side does not know the connection.
   if (!own.connect_sent || !own.end || own.sent < *own.end) return false;
   own.end.reset();
   return true;
@@ -223,7 +223,7 @@ void Entrance::Forget(std::uint64_t ticket) {
   CallHandler();
 }
 
-// At half, so that many set out at each call of the handler.
+// Waits until half is free, so that each call of the handler lets many connections start.
 void Entrance::MakeRoom() {
   if (!room_is_wanted_ || expected_.size() > kOnTheirWay / 2) return;
   room_is_wanted_ = false;

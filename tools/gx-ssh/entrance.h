@@ -1,4 +1,4 @@
-// Who may use the module's port: with an entrance, only the program's own connections.
+// Restricts the module's port to this program's own connections.
 #ifndef GX_SSH_ENTRANCE_H
 #define GX_SSH_ENTRANCE_H
 
@@ -25,9 +25,9 @@
 namespace gxtool {
 
 // The module listens on 127.0.0.1, where every user of the computer can connect. So each of the program's own
-// connections begins with a secret. This stands between the module and the far side, holds the frames of a
-// connection back until the secret has come, and takes it out of them. The module knows one target; the Connect
-// that goes out names that of the pass.
+// connections first sends a secret. The entrance filters the frames between module and far side: it holds a
+// connection's frames back until the secret has arrived, and removes the secret. The module knows one target
+// only; the entrance replaces it in the Connect frame by the target of the connection's pass.
 //
 //   a connection is  entered when                          left when
 //   waiting          its Connect is written                its first bytes are complete; its Close is written
@@ -35,53 +35,53 @@ namespace gxtool {
 //   refused          they are not; they take longer than   its Close is written
 //                    kSilence; too many others wait
 //
-// Nothing of a connection that waits or is refused passes, either way.
-// Threads: Filter and OnSent on those that write for the module, one call at a time; Close and the passes on
-// one thread, Close after the module's last call; everything else on any.
+// No frame of a waiting or refused connection passes in either direction.
+// Threads: the threads that write for the module call Filter and OnSent, one call at a time. One thread uses
+// Close and the passes, Close after the module's last call. Any thread may call the rest.
 class Entrance final : public std::enable_shared_from_this<Entrance>, FrameReader::Handler {
  public:
   using Clock = std::chrono::steady_clock;
   using Secret = std::array<char, 16>;
 
   static constexpr std::chrono::seconds kSilence{2};
-  // So many wait, beside as many as passes are out. For one more the one that has waited longest is refused, so
-  // that strangers who say nothing keep nobody out.
+  // This many connections may wait, in addition to one per open pass. Beyond that the one that has waited
+  // longest is refused, so that silent strangers cannot block others.
   static constexpr std::size_t kWaiting = 32;
-  // So many connections that have a pass may be on their way to the module, whose queue holds 128. When that
-  // overflows, the system resets connections as soon as they send more than their first packet.
+  // This many connections with a pass may be on their way to the module, whose backlog is 128. When a backlog
+  // overflows, the system resets connections that send more than their first packet.
   static constexpr std::size_t kOnTheirWay = 64;
 
-  // Called without a lock, on the thread that causes the call.
+  // Called without a lock held, on the thread that causes the call.
   class Handler {
    public:
-    // That connection has shown its pass; its Connect goes out next.
+    // The connection has presented its pass; its Connect is sent next.
     virtual void OnEntered(std::uint32_t connection, Route route) = 0;
-    // That connection of the module's has to be closed.
+    // This connection of the module has to be closed.
     virtual void OnRefused(std::uint32_t connection) = 0;
-    // All that a pass has promised has gone out.
+    // All input that the pass announced has been sent.
     virtual void OnInputSent(std::uint32_t connection) = 0;
-    // Expire is due in kSilence.
+    // Call Expire after kSilence.
     virtual void OnWaiting() = 0;
-    // HasRoom was false, and is true.
+    // HasRoom, which returned false, would now return true.
     virtual void OnRoom() = 0;
 
    protected:
     ~Handler() = default;
   };
 
-  // Lets one connection enter, which sends the secret first of all.
+  // Lets one connection enter: it sends the secret first.
   class Pass {
    public:
     Pass() = default;  // for a port without an entrance
     Pass(Pass&&) = default;
     Pass& operator=(Pass&&) = delete;
-    // A secret that was not used is worth nothing any more; a connection that has entered goes on.
+    // An unused secret becomes invalid; a connection that has entered continues.
     ~Pass();
 
     explicit operator bool() const { return entrance_ != nullptr; }
     const Secret& secret() const { return secret_; }
-    // So many bytes come in all, the secret not counted, but the connection stays open for the answer. The far
-    // side is told behind the last one. False: it cannot be told.
+    // Announces that the input has `bytes` bytes, without the secret, while the connection stays open for the
+    // answer. The far side is told after the last byte. Returns false when it cannot be told.
     bool EndInput(std::uint64_t bytes);
 
    private:
@@ -94,25 +94,26 @@ class Entrance final : public std::enable_shared_from_this<Entrance>, FrameReade
   // `tells_end`: the far side understands the end of the input. `handler` outlives Close.
   Entrance(bool tells_end, Handler& handler) : tells_end_(tells_end), handler_(&handler) {}
 
-  // May one more connection set out? False: wait for OnRoom.
+  // Whether one more connection may start. After false, wait for OnRoom.
   bool HasRoom();
-  // For a connection to the route's target, as a Connect frame carries it. Throws std::system_error when the
-  // system has no random bytes.
+  // A pass for a connection to the route's target, as written in a Connect frame. Throws std::system_error when
+  // the system has no random bytes.
   Pass Expect(Route route);
 
-  // What of the module's `block`, which may begin and end anywhere in a frame, may go out. Valid until the next
-  // call and as long as `block`.
+  // Returns the part of the module's `block` that may be sent; a block may begin and end inside a frame. The
+  // result is valid until the next call and as long as `block`.
   std::string_view Filter(std::string_view block);
-  // A frame that Filter let through has gone out, at least its header.
+  // Call when a frame from Filter has been sent, at least its header.
   void OnSent(const gxmod::FrameHeader& header);
 
-  // May the module see this frame of the far side's?
+  // Whether the module may see this frame from the far side.
   bool Admits(const gxmod::FrameHeader& header) const;
 
-  // Refuses whoever has waited for kSilence. Returns when the next one will have; nothing when nobody waits.
+  // Refuses connections that have waited for kSilence. Returns the time of the next refusal; empty when no
+  // connection waits.
   std::optional<Clock::time_point> Expire(Clock::time_point now);
 
-  // The handler is called no more.
+  // The handler is not called afterwards.
   void Close() { handler_ = nullptr; }
 
  private:
@@ -120,7 +121,7 @@ class Entrance final : public std::enable_shared_from_this<Entrance>, FrameReade
     std::uint64_t ticket;
     Secret secret;
     Route route;
-    std::optional<std::uint64_t> end;  // of the input, in bytes
+    std::optional<std::uint64_t> end;  // bytes of input, once announced
   };
   struct Waiting {
     std::uint32_t id;
@@ -129,7 +130,7 @@ class Entrance final : public std::enable_shared_from_this<Entrance>, FrameReade
   };
   struct Own {
     std::uint64_t ticket;
-    std::optional<std::uint64_t> end;  // nothing once the far side was told
+    std::optional<std::uint64_t> end;  // bytes of input; empty after the far side was told
     bool connect_sent = false;
     std::uint64_t sent = 0;
   };
@@ -144,7 +145,7 @@ class Entrance final : public std::enable_shared_from_this<Entrance>, FrameReade
   Fate Judge(const gxmod::FrameHeader& header);
   void BeginToWait(std::uint32_t id);
   void TakeProof(Guest guest, std::string_view piece);
-  // The target, when the guest's proof is an expected one.
+  // Returns the target if the guest's proof is an expected secret.
   std::optional<std::string> Enter(const Waiting& guest);
   void Refuse(Guest guest);
   Guest FindGuest(std::uint32_t id);
@@ -158,22 +159,22 @@ class Entrance final : public std::enable_shared_from_this<Entrance>, FrameReade
   const bool tells_end_;
   Handler* handler_;
 
-  FrameReader frames_{this};   // of what the module writes; it and the next three belong to Filter alone
-  gxmod::FrameHeader frame_;   // the one being read
-  Fate fate_ = Fate::kPasses;  // of what it still brings
+  FrameReader frames_{this};   // frames that the module writes; this and the next three are used only by Filter
+  gxmod::FrameHeader frame_;   // the current frame
+  Fate fate_ = Fate::kPasses;  // of the current frame's payload
   std::string passed_;
 
-  mutable std::mutex mutex_;  // guards what follows
+  mutable std::mutex mutex_;  // guards the members below
   std::uint64_t last_ticket_ = 0;
   std::list<Expected> expected_;
   bool room_is_wanted_ = false;
-  bool room_is_made_ = false;   // the handler has to be told
-  std::list<Waiting> waiting_;  // in the order in which they came
-  bool expiry_is_due_ = false;  // Expire will be called
-  bool wait_begins_ = false;    // the handler has to be told that it is due
+  bool room_is_made_ = false;   // the handler must be called
+  std::list<Waiting> waiting_;  // in order of arrival
+  bool expiry_is_due_ = false;  // a call of Expire is scheduled
+  bool wait_begins_ = false;    // the handler must schedule Expire
   std::unordered_map<std::uint32_t, Own> own_;
   std::unordered_set<std::uint32_t> refused_;
-  // The handler has to be told.
+  // The handler must be called for these.
   std::vector<std::uint32_t> to_close_;
   std::vector<std::pair<std::uint32_t, Route>> entered_;
 };

@@ -1,4 +1,4 @@
-// What ends the program, and with which status.
+// The failures that end the program, and their exit statuses.
 #ifndef GX_SSH_FAILURE_H
 #define GX_SSH_FAILURE_H
 
@@ -8,18 +8,18 @@
 namespace gxtool {
 
 enum ExitStatus : int {
-  kExitOk = 0,  // stopped in order, or with -W the end of the connection
+  kExitOk = 0,  // stopped normally, or with -W the connection has ended
   kExitLinkLost = 1,
   kExitUsage = 2,
   kExitModule = 3,           // missing or wrong
-  kExitNotReady = 4,         // the far side never was
-  kExitListen = 5,           // no local address to be had
-  kExitNotExecutable = 126,  // the carrier
-  kExitNotFound = 127,       // the carrier
+  kExitNotReady = 4,         // the far side never became ready
+  kExitListen = 5,           // no local address was available
+  kExitNotExecutable = 126,  // of the carrier
+  kExitNotFound = 127,       // of the carrier
   kExitTunnel = 255,         // with --run: the tunnel failed before the command ended
 };
 
-// One line for the person, and the status that goes with it.
+// A one-line message for the user, and the exit status.
 class Failure : public std::runtime_error {
  public:
   Failure(ExitStatus status, const std::string& message) : std::runtime_error(message), status_(status) {}

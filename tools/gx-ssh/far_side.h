@@ -1,4 +1,4 @@
-// What runs the far side of a link, and the two descriptors that lead to it.
+// The process or thread at the far end of a link, and the two descriptors to it.
 #ifndef GX_SSH_FAR_SIDE_H
 #define GX_SSH_FAR_SIDE_H
 
@@ -8,30 +8,30 @@
 
 namespace gxtool {
 
-// Threads: the program's own one.
+// Threads: the program's main thread.
 class FarSide {
  public:
   virtual ~FarSide() = default;
 
-  // The stream; whoever uses it takes the descriptors.
-  virtual Descriptor TakeInput() = 0;   // what the far side sends
-  virtual Descriptor TakeOutput() = 0;  // what it receives
+  // The stream; the caller takes over the descriptors.
+  virtual Descriptor TakeInput() = 0;   // from the far side
+  virtual Descriptor TakeOutput() = 0;  // to the far side
 
-  // It has ended. Call it after SIGCHLD.
+  // True when it has ended. Call after SIGCHLD.
   virtual bool Exited() = 0;
-  // It was ended by a signal, and so not by itself.
+  // True when a signal ended it.
   virtual bool Killed() = 0;
-  // Somebody has interrupted it at the terminal that it had.
+  // True when the user interrupted it while it had the terminal.
   virtual bool Interrupted() = 0;
-  // It has ended and its last word has come.
+  // True when it has ended and its last message was read.
   virtual bool Ended() = 0;
-  // gx-ssh is about to be stopped, and nobody stops this with it.
+  // Call before gx-ssh is stopped alone.
   virtual void Suspend() = 0;
-  // A shell has stopped and continued gx-ssh, and with it the terminal's other groups.
+  // Call after a shell has stopped and continued gx-ssh together with the terminal's other groups.
   virtual void Continue() = 0;
-  // Makes it end, within 2 s at most. The descriptors of the stream are closed before.
+  // Ends it within 2 s. The caller has closed the stream's descriptors.
   virtual void End() = 0;
-  // What ended and how, for a message: carrier "docker", exit status 1: no such container
+  // How it ended, for a message, for example: carrier "docker", exit status 1: no such container
   virtual std::string Describe() = 0;
 };
 

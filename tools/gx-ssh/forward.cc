@@ -13,7 +13,7 @@ constexpr std::string_view kScheme = "unix:";
 constexpr const char* kSyntax =
     "it is [BIND:]PORT:HOST:HOSTPORT, or has a path in place of [BIND:]PORT or HOST:HOSTPORT";
 
-// What stands between two colons. A path at the end may have some of its own.
+// The text between two colons. A path at the end may contain colons.
 struct Field {
   std::string_view text;  // without brackets
   bool bracketed = false;

@@ -16,7 +16,7 @@ namespace gxtool {
 Handshake::Handshake(asio::io_context& io, Descriptor input, const std::string& received, int output,
                      std::chrono::milliseconds timeout, Result result)
     : input_(io, input.Release()), timer_(io), result_(std::move(result)) {
-  // It fits into an empty pipe. If nobody is there to read it, the input ends as well, and that is reported.
+  // The line fits into an empty pipe. If the reader is gone, the input ends as well, and that is reported.
   const std::string line = Greeting(Side::kHost);
   [[maybe_unused]] const ssize_t written = write(output, line.data(), line.size());
   asio::post(io, lifetime_.Guard([this, received] { Take(received); }));
@@ -41,7 +41,7 @@ void Handshake::Take(std::string_view bytes) {
     case ReadyLineFinder::State::kSearching:
       return Read();
     case ReadyLineFinder::State::kFound: {
-      // Local copies: the callee may destroy this object.
+      // Copy: the callee may destroy this object.
       const auto ready = result_.ready;
       return ready(Descriptor(input_.release()), std::string(bytes), finder_.features());
     }
@@ -56,7 +56,7 @@ void Handshake::Take(std::string_view bytes) {
   }
 }
 
-// What is read later is for nobody: a far side that is ready too late is not ready.
+// After a failure further input is ignored: a far side that becomes ready too late is not ready.
 void Handshake::Fail(const std::string& problem) {
   if (std::exchange(settled_, true)) return;
   std::string text = problem;

@@ -1,4 +1,4 @@
-// The first words on a fresh stream: each side says that it is there.
+// The start of a stream: each side announces itself.
 #ifndef GX_SSH_HANDSHAKE_H
 #define GX_SSH_HANDSHAKE_H
 
@@ -17,21 +17,22 @@
 
 namespace gxtool {
 
-// Sends our ready line and waits for that of the far side. Threads: the one that runs `io`.
+// Sends our ready line and waits for the far side's. Threads: the one that runs `io`.
 class Handshake {
  public:
-  // Called once; they may destroy the handshake.
+  // One of these is called, once. It may destroy the handshake.
   struct Result {
-    // `received`: bytes that came behind the line. `features`: of the far side.
+    // `received`: bytes that followed the line. `features`: the far side's.
     std::function<void(Descriptor input, std::string received, Features features)> ready;
     std::function<void(const std::string& problem)> failed;  // with a hint
   };
 
-  // Owns `input`, of which `received` has been read already; `output` is borrowed. A timeout of 0 is none.
+  // Owns `input`, from which `received` has already been read; `output` is borrowed. A timeout of 0 means no
+  // limit.
   Handshake(asio::io_context& io, Descriptor input, const std::string& received, int output,
             std::chrono::milliseconds timeout, Result result);
 
-  // The end of what came before the ready line.
+  // The last bytes that arrived before the ready line.
   const std::string& noise() const { return finder_.noise(); }
 
  private:

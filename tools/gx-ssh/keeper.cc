@@ -18,17 +18,17 @@
 namespace gxtool {
 namespace {
 
-constexpr std::int64_t kByItselfMs = 700;  // the end of its input is a hint
+constexpr std::int64_t kByItselfMs = 700;  // time to end after its input has ended
 constexpr std::int64_t kTermMs = 700;
 constexpr std::int64_t kLeftoverTermMs = 200;
-constexpr std::int64_t kKillAgainMs = 20;  // what is killed may leave children
+constexpr std::int64_t kKillAgainMs = 20;  // a killed process may leave children
 constexpr std::int64_t kGiveUpMs = 500;    // after the first SIGKILL
 
 int g_signal_pipe = -1;
 
 void OnSignal(int number, siginfo_t* info, void*) {
-  // What the terminal sends has reached the whole group. What a process sends here means nothing: gx-ssh uses
-  // the socket, and a `kill 0` of the program is its own affair.
+  // A signal from the terminal has reached the whole group. Ignore signals that a process sent: gx-ssh uses the
+  // socket, and a `kill 0` in the program is the program's business.
   const bool from_a_process = info->si_code <= 0;
   const unsigned char byte = static_cast<unsigned char>(number);
   if (number != SIGCHLD && from_a_process) return;
@@ -41,7 +41,7 @@ std::int64_t NowMs() {
   return std::int64_t{now.tv_sec} * 1000 + now.tv_nsec / 1'000'000;
 }
 
-// Other programs wait for the end of what these descriptors lead to.
+// Closes inherited descriptors, because other programs may wait for the end of those files.
 void CloseAllBut(int kept) {
   for (int fd = 0; fd <= 2; ++fd) dup2(kept, fd);
 #if defined(__linux__) && defined(SYS_close_range)
@@ -96,15 +96,16 @@ class Keeper {
   [[noreturn]] void Leave() const;
 
   const KeeperOrders orders_;
-  int signals_ = -1;  // read end of the pipe that OnSignal writes to
+  int signals_ = -1;  // read end of OnSignal's pipe
   bool control_ended_ = false;
-  bool stopped_by_us_ = false;  // the group, so nobody has typed anything
+  bool stopped_by_us_ = false;  // the keeper stopped the group, not a key
   Stage stage_ = Stage::kWatching;
   std::int64_t stage_end_ = 0;
-  std::int64_t give_up_ = 0;  // when, in kKilling
-  bool ended_ = false;        // the program
+  std::int64_t give_up_ = 0;  // time of giving up, in kKilling
+  bool ended_ = false;        // the program has ended
   int status_ = 0;
-  // By the last SignalAll: somebody was reached; one that was there, and why not reached (0: was).
+  // Results of the last SignalAll: whether a process was signalled; a remaining process, and the errno of
+  // signalling it (0: it was signalled).
   bool reached_ = false;
   pid_t left_ = 0;
   int left_why_ = 0;
@@ -122,7 +123,7 @@ void Keeper::SetUpSignals() {
   for (const int number : {SIGCHLD, SIGTERM, SIGINT, SIGHUP, SIGQUIT}) {
     sigaction(number, &action, nullptr);
   }
-  // A terminal must not stop the one process that has to act when the others are gone.
+  // The terminal must not stop the process that cleans up when the others are gone.
   for (const int number : {SIGPIPE, SIGTSTP, SIGTTIN, SIGTTOU, SIGUSR1, SIGUSR2, SIGCONT})
     signal(number, SIG_IGN);
   sigset_t none;
@@ -133,7 +134,7 @@ void Keeper::SetUpSignals() {
 void Keeper::Wait() {
   const bool watching = stage_ == Stage::kWatching;
   const std::int64_t left = stage_end_ - NowMs();
-  // The end of `control` is seen once; afterwards it would wake this up for ever.
+  // The end of `control` is handled once; polling it again would return at once, forever.
   pollfd waits[2] = {{signals_, POLLIN, 0}, {orders_.control, POLLIN, 0}};
   if (poll(waits, control_ended_ ? 1 : 2, watching ? -1 : static_cast<int>(left < 0 ? 0 : left)) <= 0) return;
   if (waits[1].revents != 0) TakeControl();
@@ -165,7 +166,7 @@ void Keeper::TakeSignals() {
 }
 
 void Keeper::TellJob(int number) const {
-  // While gx-ssh lives and is in it the group lives, too, and the number is nobody else's.
+  // While gx-ssh is alive and in that group, the group exists and its number cannot be reused.
   const bool there = getppid() == orders_.parent && getpgid(orders_.parent) == orders_.job;
   if (orders_.job != 0 && there) kill(-orders_.job, number);
 }
@@ -178,13 +179,13 @@ void Keeper::Reap() {
       continue;
     }
     if (who == orders_.program) OnProgramEnded(status);
-    // Its children have become ours just now.
+    // Its children have just become children of this process.
     if (stage_ == Stage::kTerminating) SignalAll(SIGTERM);
   }
 }
 
-// A key: gx-ssh decides, because there may be no shell that could continue anybody. A read or write in the
-// background: as if the whole job had tried.
+// A key: gx-ssh decides, because there may be no shell to continue the group. A read or write in the
+// background: stop the whole job, as if it had tried.
 void Keeper::OnProgramStopped(int number) const {
   if (number == SIGTSTP && !stopped_by_us_ && orders_.job != 0 && getppid() == orders_.parent) {
     kill(orders_.parent, SIGTSTP);
@@ -219,7 +220,7 @@ void Keeper::Kill() {
   SignalAll(SIGKILL);
 }
 
-// Calls `function` for what the program has left to us; returns how many they are.
+// Calls `function` for each leftover process of the program; returns their number.
 template <class Function>
 int Keeper::ForEachOther([[maybe_unused]] Function function) const {
   int count = 0;

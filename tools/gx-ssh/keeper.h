@@ -1,4 +1,4 @@
-// The process that stands between gx-ssh and a program that it starts, so that nothing stays behind.
+// A process between gx-ssh and a program that it starts, which ends everything that the program started.
 #ifndef GX_SSH_KEEPER_H
 #define GX_SSH_KEEPER_H
 
@@ -6,39 +6,39 @@
 
 namespace gxtool {
 
-// What a keeper has to know.
+// The keeper's parameters.
 struct KeeperOrders {
   pid_t program;  // a child of the keeper
   int control;    // a socket to gx-ssh
   pid_t parent;   // gx-ssh
-  // Nonzero: the keeper and the program are a process group of their own, and this is the one of gx-ssh, the
-  // terminal's job. When the terminal stops the program gx-ssh gets SIGTSTP for a key, and the job what stopped
-  // it otherwise, so that a shell that waits for it goes on. When the group ends that has the terminal, the job
-  // gets it back.
+  // If not 0: the keeper and the program have their own process group, and this is gx-ssh's group, the
+  // terminal's job. When the terminal stops the program because of a key, gx-ssh gets SIGTSTP; for other
+  // reasons the job gets the signal that stopped it, so that a waiting shell continues. When the group ends
+  // while it has the terminal, the job gets the terminal back.
   pid_t job = 0;
-  bool passes_interrupts = false;  // what somebody types to interrupt the group is meant for the job
-  int leftover_ms = 0;             // what a program that ended leaves behind has so long to follow SIGTERM
+  bool passes_interrupts = false;  // an interrupt typed for the group is passed to the job
+  int leftover_ms = 0;             // leftover processes of an ended program have this long to end after SIGTERM
 };
 
-// The keeper's last word, written to `control`.
+// The keeper's final message on `control`.
 struct KeeperReport {
-  int status = 0;     // of the program, as from waitpid
-  pid_t left = 0;     // nonzero: this process goes on, and there may be more
-  int left_why = 0;   // the errno of signalling it; 0: it was reached, and does not go
-  bool ended = true;  // the program has; otherwise `status` says nothing
+  int status = 0;     // of the program, from waitpid
+  pid_t left = 0;     // if not 0: this process is still running, perhaps with others
+  int left_why = 0;   // the errno of signalling it; 0: signalled, but it does not end
+  bool ended = true;  // the program has ended; if false, `status` is meaningless
 };
 
-// Watches over the program, and over what it starts. On Linux that is everything that the program leaves
-// behind, except what has made itself a session of its own: that wants to stay.
+// Supervises the program and the processes that it started. On Linux these include all that the program leaves
+// behind, except those in their own session: they mean to stay.
 //
-// Each byte that comes from `control` is a signal: SIGKILL for everything, SIGTSTP and SIGCONT for the group,
-// others for the program alone. The end of `control`, as after gx-ssh was killed, means that all must end: by
-// itself for a moment, then with SIGTERM, then with SIGKILL, in 1.5 s altogether. When the program has ended,
-// what it left is ended as well. What may not be signalled, or does not go within half a second of SIGKILL, is
-// left and reported.
+// Each byte from `control` is a signal: SIGKILL for all processes, SIGTSTP and SIGCONT for the group, others
+// for the program alone. The end of `control` (for example because gx-ssh was killed) ends everything: after a
+// moment with SIGTERM, then with SIGKILL, within 1.5 s. Once the program has ended, its leftover processes are
+// ended as well. Processes that may not be signalled, or that do not end within half a second of SIGKILL, are
+// reported and left.
 //
-// For a process that was forked from one with other threads, with all signals blocked: calls only what a signal
-// handler may call.
+// Runs in a process that was forked from a multi-threaded one, with all signals blocked: it makes only
+// async-signal-safe calls.
 [[noreturn]] void Keep(const KeeperOrders& orders);
 
 }  // namespace gxtool

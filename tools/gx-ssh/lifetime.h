@@ -1,4 +1,4 @@
-// Handlers that must not run once their object is gone.
+// Keeps handlers from running after their object is destroyed.
 #ifndef GX_SSH_LIFETIME_H
 #define GX_SSH_LIFETIME_H
 
@@ -7,11 +7,11 @@
 
 namespace gxtool {
 
-// A member of the object that hands out handlers. Threads: handlers run, and the object goes, on one thread;
-// they may be copied and posted from any.
+// A member of the object whose handlers it guards. Threads: handlers run on the thread that destroys the
+// object; any thread may copy and post them.
 class Lifetime {
  public:
-  // `function`, which does nothing after the end of this lifetime.
+  // Wraps `function` in a handler that does nothing after the end of this lifetime.
   template <class Function>
   auto Guard(Function function) const {
     return [alive = std::weak_ptr<char>(alive_), function = std::move(function)](auto&&... arguments) {

@@ -23,7 +23,7 @@ const std::string kLinkLost = "link lost: ";
 const Failure kNoUnixTargets(kExitNotReady, kNotReady +
                                                 "it does not say that it connects to Unix sockets; does "
                                                 "the same release of gx-ssh-peer run there?");
-constexpr milliseconds kFarewell{300};   // for what is queued and the goodbye
+constexpr milliseconds kFarewell{300};   // for queued data and the goodbye
 constexpr milliseconds kLastWords{500};  // for the carrier's exit status and error lines
 
 class Target final : public Counted<IControlSshListener> {
@@ -49,7 +49,7 @@ Link::Link(asio::io_context& io, const Options& options, ModuleLibrary& module, 
       keepalive_timer_(io),
       guest_timer_(io),
       end_timer_(io) {
-  // What ends on another thread or inside a handler is looked at from the event loop.
+  // Check from the event loop: the end may be reported on another thread or inside a handler.
   auto check = [this] { CheckFarSide(); };
   auto on_ended = [&io, check = lifetime_.Guard(check)] { asio::post(io, check); };
   if (options.local) {
@@ -158,7 +158,7 @@ void Link::BeginEnd() {
   if (far_side_->Ended() && input_ended_) GoDown(Summary());
 }
 
-// The end of the carrier is only the cause if its stream does not end too: a child of its own may hold that
+// The carrier's end is the failure's cause only if its stream stays open: a child process may hold the stream
 // open.
 void Link::CheckFarSide() {
   if (ending_ || far_side_->Exited()) BeginEnd();
@@ -170,7 +170,7 @@ void Link::GoDown(const Failure& why) {
 }
 
 Failure Link::Summary() {
-  // A carrier that was killed takes the far side with it, which then says goodbye.
+  // A carrier that was killed ends the far side, too, which then says goodbye.
   if (EndedInOrder()) return Failure(kExitLinkLost, "the far side has ended: " + Escape(*goodbye_));
   if (!cause_) {
     cause_ = stream_ ? Failure(kExitLinkLost, kLinkLost + "the carrier has ended")
@@ -179,7 +179,7 @@ Failure Link::Summary() {
   return Failure(cause_->status(), std::string(cause_->what()) + "; " + far_side_->Describe());
 }
 
-// The next eight come from threads of the module.
+// The module's threads call the next eight functions.
 
 void Link::OnChannelListDropped() {
   if (std::exchange(channel_list_told_, true)) return;
@@ -197,7 +197,7 @@ void Link::OnRoom() {
   asio::post(io_, lifetime_.Guard([this] { owner_.OnRoom(); }));
 }
 
-// However many of them the far side sends, one of each waits for the event loop.
+// However many of these frames arrive, at most one handler of each kind is queued in the event loop.
 void Link::OnInputDelivered(std::uint32_t) {
   if (delivered_waits_.exchange(true)) return;
   asio::post(io_, lifetime_.Guard([this] {

@@ -1,4 +1,4 @@
-// One link to the far side, from the start of its carrier to its end.
+// A link to the far side, from the start of its carrier to its end.
 #ifndef GX_SSH_LINK_H
 #define GX_SSH_LINK_H
 
@@ -27,31 +27,31 @@
 
 namespace gxtool {
 
-// States: starting (the far side is being brought or waited for), up (the module works on the stream), ending
-// (something has broken; for a moment the carrier's exit status and last words are waited for), down. Threads:
-// the one that runs `io`.
+// States: starting (the far side is brought or awaited), up (the module works on the stream), ending (something
+// has failed; the carrier's exit status and last messages are awaited for a moment), down. Threads: the one
+// that runs `io`.
 class Link final : StreamObserver {
  public:
   class Owner {
    public:
-    // gx-ssh-peer is being sent to the far side.
+    // gx-ssh-peer is being uploaded to the far side.
     virtual void OnBringing(const StoredPeer& peer, std::size_t sent, std::size_t total) = 0;
-    // The module listens there.
+    // The module listens at this address.
     virtual void OnLinkUp(const std::string& address, std::uint16_t port) = 0;
-    // Once; the link may then be destroyed. `in_order`: the far side has said that it ends, and the module has
-    // all that it sent.
+    // Called once; it may destroy the link. `in_order`: the far side announced its end, and the module has
+    // everything that it sent.
     virtual void OnLinkDown(const Failure& why, bool in_order) = 0;
-    // A target has all the bytes that came before the end of a connection's input.
+    // A target has received all bytes before the end of a connection's input.
     virtual void OnInputDelivered() = 0;
     // The entrance has room again.
     virtual void OnRoom() = 0;
-    // A target could not be reached: once, for the first one.
+    // A target could not be reached; called once, for the first one.
     virtual void OnRefused(const std::string& why) = 0;
-    // A target has broken a connection, which ends now.
+    // A target has reset a connection, which is ending.
     virtual void OnReset() = 0;
-    // Whose connection opens next under that id. On threads of the module.
+    // The client and target of the connection that opens next under that id. Called on the module's threads.
     virtual void OnRoute(std::uint32_t connection, Route route) = 0;
-    // Every frame of the module's, either way. On threads of the module.
+    // Every frame of the module, in both directions. Called on the module's threads.
     virtual void OnFrame(const gxmod::FrameHeader& header, bool sent) = 0;
 
    protected:
@@ -64,17 +64,17 @@ class Link final : StreamObserver {
   // Ends everything in order, within 2 s.
   ~Link();
 
-  // While the link is up: of the port; null where everybody may connect to it.
+  // The entrance of the module's port while the link is up; null when everyone may connect.
   const std::shared_ptr<Entrance>& entrance() const { return stream_->entrance(); }
 
-  // Somebody has interrupted the carrier at the terminal, before the far side was ready.
+  // True when the user interrupted the carrier at the terminal before the far side was ready.
   bool Interrupted() const { return !stream_ && far_side_->Interrupted(); }
 
-  // After SIGCHLD.
+  // Call after SIGCHLD.
   void OnChildEnded() { CheckFarSide(); }
-  // Before gx-ssh alone is stopped.
+  // Call before gx-ssh is stopped alone.
   void Suspend() { far_side_->Suspend(); }
-  // After SIGCONT.
+  // Call after SIGCONT.
   void OnContinued() { far_side_->Continue(); }
 
  private:
@@ -113,15 +113,15 @@ class Link final : StreamObserver {
   Owner& owner_;
   Lifetime lifetime_;
   std::unique_ptr<FarSide> far_side_;
-  Descriptor output_;  // to the far side, until the stream takes it
+  Descriptor output_;  // to the far side, until the stream takes it over
   std::unique_ptr<Bring> bring_;
   std::unique_ptr<Handshake> handshake_;
   CRefObj<PluginStream> stream_;
   CRefObj<IControlSshPlugin> plugin_;
   asio::steady_timer keepalive_timer_;
-  asio::steady_timer guest_timer_;  // of those who wait at the entrance
+  asio::steady_timer guest_timer_;  // for connections that wait at the entrance
   asio::steady_timer end_timer_;
-  std::optional<Failure> cause_;  // the first one
+  std::optional<Failure> cause_;  // the first failure
   std::optional<std::string> goodbye_;
   std::atomic<bool> delivered_waits_{false};
   std::atomic<bool> reset_waits_{false};
@@ -130,7 +130,7 @@ class Link final : StreamObserver {
   bool ending_ = false;
   bool input_ended_ = false;
   bool down_ = false;
-  bool channel_list_told_ = false;  // only in the module's Read
+  bool channel_list_told_ = false;  // used only in the module's Read
 };
 
 }  // namespace gxtool

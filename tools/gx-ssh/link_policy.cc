@@ -16,7 +16,7 @@ std::optional<std::chrono::milliseconds> LinkPolicy::OnDown(ExitStatus why, Cloc
 }
 
 std::chrono::milliseconds LinkPolicy::NextPause() {
-  constexpr int kMaxDoublings = 8;  // kShortest, doubled so often, is past kLongest
+  constexpr int kMaxDoublings = 8;  // kShortest, doubled this often, exceeds kLongest
   const auto base = std::min(kShortest * (1 << std::min(restarted_ - 1, kMaxDoublings)), kLongest);
   std::uniform_int_distribution<std::int64_t> pause(std::max(base / 2, kShortest).count(), base.count());
   return std::chrono::milliseconds(pause(random_));

@@ -1,4 +1,4 @@
-// The far side inside this process, for --local.
+// A far side inside this process, for --local.
 #ifndef GX_SSH_LOCAL_PEER_H
 #define GX_SSH_LOCAL_PEER_H
 
@@ -14,11 +14,10 @@
 
 namespace gxtool {
 
-// A far side on a thread of its own.
+// Runs the far side on its own thread.
 class LocalPeer final : public FarSide {
  public:
-  // It opens whatever the targets of the options ask for. `on_ended` is called on that thread when it has
-  // ended.
+  // It permits the targets in the options. `on_ended` is called on its thread when it has ended.
   LocalPeer(const Options& options, const std::function<void()>& on_ended);
   ~LocalPeer() override;
 

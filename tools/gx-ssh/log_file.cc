@@ -59,7 +59,7 @@ class LogFile final : public spdlog::sinks::base_sink<std::mutex> {
 }  // namespace
 
 void AddLogFile(const std::string& path, LogFormat format) {
-  // A pipe that nobody reads is not waited for.
+  // O_NONBLOCK: do not wait for the reader of a named pipe.
   Descriptor file(open(path.c_str(), O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC | O_NONBLOCK | O_NOCTTY, 0600));
   if (!file) throw Failure(kExitUsage, "--log-file " + Escape(path) + ": " + std::strerror(errno));
   spdlog::default_logger()->sinks().push_back(std::make_shared<LogFile>(std::move(file), format));

@@ -1,4 +1,4 @@
-// What gx-ssh says, also in a file.
+// Writes gx-ssh's messages to a file as well.
 #ifndef GX_SSH_LOG_FILE_H
 #define GX_SSH_LOG_FILE_H
 
@@ -8,9 +8,8 @@ namespace gxtool {
 
 enum class LogFormat { kText, kJson };
 
-// From now on what goes to spdlog's default logger is appended to that file as well, one line or one JSON
-// object each, with the time. It is created with mode 0600 where there is none. Nobody waits for it. Throws
-// Failure when it cannot be opened.
+// Adds the file to spdlog's default logger, which then appends each message as a line or a JSON object with the
+// time. A new file gets mode 0600. Writing never blocks. Throws Failure when the file cannot be opened.
 void AddLogFile(const std::string& path, LogFormat format);
 
 }  // namespace gxtool

@@ -58,7 +58,8 @@ int Run(int argc, char** argv) {
   const Options& options = std::get<Options>(parsed);
   const Descriptor output = TakeStandardOutput();
   if (options.show_version) return PrintVersion(options, output.get());
-  // The module watches its descriptors with select; those of the listener and of a far side inside move up.
+  // The module uses select, so the descriptors of the listener and of an internal far side move above its
+  // range.
   if (options.local || options.HasListener()) RaiseDescriptorLimit();
   PassedSockets passed;
   std::optional<Background> background;

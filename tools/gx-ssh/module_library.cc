@@ -69,8 +69,7 @@ std::string ProgramPath() {
 
 std::string InstalledPath(const std::string& built, const std::string& installed) {
   const fs::path folder = fs::path(ProgramPath()).parent_path();
-  // Only a program in its build tree looks there: an installed one takes nothing but what was installed with
-  // it.
+  // Only a program in its build tree looks there: an installed one uses only what was installed with it.
   const bool in_build_tree = folder.filename() == "gx-ssh" && folder.parent_path().filename() == "tools";
   return (folder / (in_build_tree ? built : installed)).lexically_normal();
 }
@@ -78,7 +77,7 @@ std::string InstalledPath(const std::string& built, const std::string& installed
 std::string DefaultModulePath() { return InstalledPath(GX_SSH_BUILT_MODULE, GX_SSH_INSTALLED_MODULE); }
 
 ModuleLibrary::ModuleLibrary(const std::string& path, IGXModRuntime& runtime)
-    // A bare file name would be searched for in the system's folders.
+    // dlopen searches the system's folders for a name without a slash.
     : path_(path.find('/') == std::string::npos ? "./" + path : path),
       handle_(dlopen(path_.c_str(), RTLD_NOW | RTLD_LOCAL)) {
   if (!handle_) {

@@ -1,4 +1,4 @@
-// The module, as a host loads it.
+// Loads the module, as any host does.
 #ifndef GX_SSH_MODULE_LIBRARY_H
 #define GX_SSH_MODULE_LIBRARY_H
 
@@ -10,24 +10,23 @@
 
 namespace gxtool {
 
-// Where the module lies that belongs to this program: beside it in the build tree, or where both were
-// installed.
+// The path of this program's module: beside the program in the build tree, or where both were installed.
 std::string DefaultModulePath();
-// What belongs to this program: `built` in the build tree, else `installed`, either from the program's folder.
+// Returns `built` in the build tree and `installed` otherwise, both relative to the program's folder.
 std::string InstalledPath(const std::string& built, const std::string& installed);
-// Of this program; empty when the system does not tell.
+// The path of this program; empty when the system does not tell.
 std::string ProgramPath();
 
-// Loaded while this object lives. Every plugin is released before.
+// The loaded module, until this object is destroyed. Release every plugin first.
 class ModuleLibrary {
  public:
-  // Throws Failure (kExitModule) with the loader's reason. `runtime` outlives the object.
+  // Throws Failure (kExitModule) with the loader's reason. `runtime` outlives this object.
   ModuleLibrary(const std::string& path, IGXModRuntime& runtime);
   ~ModuleLibrary();
   ModuleLibrary(const ModuleLibrary&) = delete;
   ModuleLibrary& operator=(const ModuleLibrary&) = delete;
 
-  // Null: the module refused, and has logged why.
+  // Null when the module refused; the reason is in its log.
   CRefObj<IControlSshPlugin> CreatePlugin();
 
   // "gx-control-ssh 2.0.0, built Nov 17 2025 12:09:42"

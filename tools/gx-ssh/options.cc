@@ -41,7 +41,8 @@ constexpr const char* kFooter =
     "5 cannot listen, 126 or 127 carrier not executable or not found; with --run that of CMD, 255 when the\n"
     "tunnel failed first.";
 
-// What CLI11 gives for an option that stands alone, and nobody writes. An empty text is a mistake of its own.
+// CLI11's value for an option without a text. A newline cannot be confused with a real text, and an empty text
+// is a mistake.
 constexpr const char* kNoValue = "\n";
 
 const std::map<std::string, PrintFormat> kPrintFormats{{"addr", PrintFormat::kAddress},
@@ -53,7 +54,7 @@ const std::map<std::string, PrintFormat> kPrintFormats{{"addr", PrintFormat::kAd
 
 std::string Target(const std::string& text) { return ToString(Parsed(text, ParseDestination)); }
 
-// ssh's %h:%p has no brackets round an IPv6 address.
+// ssh's %h:%p has no brackets around an IPv6 address.
 std::string StandardIoTarget(const std::string& text) {
   const std::size_t colon = std::min(text.rfind(':'), text.size());
   const auto v6 = ParseHostPort("[" + text.substr(0, colon) + "]" + text.substr(colon));
@@ -67,7 +68,7 @@ std::string UnixPath(const std::string& text) {
   return text.substr(kScheme.size());
 }
 
-// It becomes a word in ssh's configuration.
+// The name becomes a word in the ssh configuration.
 std::string Name(const std::string& text) {
   const auto is_plain = [](char c) {
     return (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || (c >= '0' && c <= '9') || c == '-' || c == '_' ||
@@ -112,7 +113,7 @@ std::string AllowEntry(const std::string& text) {
   return text;
 }
 
-// It becomes a part of a line for a shell.
+// The folder becomes part of a shell command line.
 std::string BringFolder(const std::string& text) {
   if (text.empty() || text.find('\n') != std::string::npos || text.size() > 500) {
     throw BadText("not the path of a folder");
@@ -224,7 +225,7 @@ void DeclareOutput(CLI::App& app, Options& options) {
   app.add_flag("--version", options.show_version, "Print name, version, protocol and the module found");
 }
 
-// What no single option can tell. Empty: all is well.
+// Checks combinations of options. Returns an empty text when they are valid.
 std::string Contradiction(const Options& options) {
   if (!options.connect_path.empty()) {
     const bool more = options.local || options.HasRelay() || !options.run.empty() || !options.carrier.empty();
@@ -309,7 +310,7 @@ std::variant<Options, int> ParseOptions(int argc, const char* const* argv) {
   Options options;
   options.module_path = DefaultModulePath();
   options.peer_folder = DefaultPeerFolder();
-  // The carrier's own options are none of ours, so the line is cut before it is parsed.
+  // The carrier's options are not for gx-ssh, so the command line is split before it is parsed.
   const char* const* end = argv + argc;
   const char* const* divider = std::find(argv, end, std::string_view("--"));
   if (divider != end) options.carrier.assign(divider + 1, end);
@@ -324,7 +325,7 @@ std::variant<Options, int> ParseOptions(int argc, const char* const* argv) {
   DeclareOutput(app, options);
   try {
     app.parse(static_cast<int>(divider - argv), argv);
-    // Standard output belongs to the connection, the command or the events.
+    // Standard output is used by the connection, the command or the events.
     const bool taken = options.standard_io || !options.run.empty() || options.json;
     if (taken && app.count("--print") == 0) options.print = PrintFormat::kNothing;
   } catch (const CLI::CallForHelp&) {

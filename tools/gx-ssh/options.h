@@ -23,12 +23,12 @@ struct Options {
   std::string module_path;
 
   bool standard_io = false;  // -W
-  std::string connect_path;  // of a Unix socket; not empty: carry standard input and output to it, no more
+  std::string connect_path;  // if not empty: only carry standard input and output to this Unix socket
   std::string run;           // a shell command; empty: none
-  bool probe = false;        // measure the carrier, no more
+  bool probe = false;        // only measure the carrier
   bool background = false;
 
-  std::optional<ListenAddress> listen;  // leads to `target`
+  std::optional<ListenAddress> listen;  // its connections go to `target`
   std::vector<Forward> forwards;        // -L
   bool user_only = false;
   bool reconnect = false;
@@ -36,44 +36,43 @@ struct Options {
 
   bool bring = false;  // the carrier leads to a shell
   bool bring_once = false;
-  std::string bring_folder;        // over there; empty: the usual one
-  std::string peer_folder;         // here: what can be brought
-  std::vector<std::string> allow;  // with `bring`, beside our own targets
+  std::string bring_folder;        // on the remote computer; empty: the default
+  std::string peer_folder;         // on this computer: the programs to bring
+  std::vector<std::string> allow;  // with `bring`, in addition to our targets
 
   bool raw = false;
   bool allow_channel_list = false;
   std::chrono::milliseconds connect_timeout{10'000};
-  std::chrono::milliseconds keepalive{15'000};  // 0: none
+  std::chrono::milliseconds keepalive{15'000};  // 0: off
   int keepalive_count = 3;
 
-  PrintFormat print = PrintFormat::kAddress;  // kNothing where standard output is somebody else's
-  std::string name = "gx-ssh";                // of the far side, in ssh's configuration
+  PrintFormat print = PrintFormat::kAddress;  // kNothing where standard output is used otherwise
+  std::string name = "gx-ssh";                // the far side's host name in the ssh configuration
   bool json = false;
   std::string port_file;
-  int ready_fd = -1;                               // gets a line when all is ready; -1: none
-  std::optional<std::chrono::milliseconds> stats;  // between lines of statistics
+  int ready_fd = -1;                               // gets a line when everything is ready; -1: none
+  std::optional<std::chrono::milliseconds> stats;  // the interval of the statistics
   std::string log_file;
   LogFormat log_format = LogFormat::kText;
   bool quiet = false;
   int verbosity = 0;
   bool show_version = false;
 
-  // What a gx-ssh-peer that we bring has to permit.
+  // The targets that a brought gx-ssh-peer has to permit.
   std::vector<std::string> PermittedTargets() const;
-  // gx-ssh itself listens, and not the module for everybody.
+  // True when gx-ssh itself listens, instead of leaving the module's port open to everyone.
   bool HasListener() const { return listen || reconnect || user_only || !forwards.empty(); }
-  // Where, in the order in which that is told.
+  // All addresses to listen at, in the order in which they are printed.
   std::vector<Forward> Listeners() const;
-  // What the far side is asked for.
+  // All targets that may be requested from the far side.
   std::vector<std::string> Targets() const;
-  // One of them is a Unix socket over there.
+  // True when a target is a Unix socket of the far side.
   bool HasUnixTarget() const;
-  // gx-ssh itself connects to the module's port, and nobody else may.
+  // True when only gx-ssh itself connects to the module's port.
   bool HasRelay() const { return HasListener() || standard_io; }
 };
 
-// Either what was asked for, or the status with which to end: help has been printed, or one line about the
-// mistake and a hint.
+// Returns the options, or the exit status when the help was printed or a mistake reported with a hint.
 std::variant<Options, int> ParseOptions(int argc, const char* const* argv);
 
 }  // namespace gxtool

@@ -23,7 +23,7 @@ namespace {
 
 constexpr std::chrono::milliseconds kLastChance{300};
 
-// So much is taken by a pipe that is ready, and the call does not wait.
+// A pipe that is ready takes this much without blocking.
 constexpr std::size_t kStepBytes = std::min<std::size_t>(PIPE_BUF, 4096);
 
 ssize_t WriteStep(int fd, std::string_view text) {
@@ -53,7 +53,7 @@ class OutputQueue::Writer {
   void Run() {
     sigset_t all;
     sigfillset(&all);
-    pthread_sigmask(SIG_BLOCK, &all, nullptr);  // also the one that stops who writes in the background
+    pthread_sigmask(SIG_BLOCK, &all, nullptr);  // including SIGTTOU, which stops background writers
     for (std::string line; !(line = Next()).empty();) {
       if (!Write(line)) break;
     }
@@ -67,7 +67,8 @@ class OutputQueue::Writer {
     return changed_.wait_for(lock, limit, [this] { return ended_ || (lines_.empty() && !writing_); });
   }
 
-  // True: the thread has ended. Otherwise something else has filled what seemed to have room, and it waits.
+  // Returns true when the thread has ended. Otherwise the thread is blocked, because another process filled the
+  // pipe first.
   bool Finish() {
     std::unique_lock lock(mutex_);
     finishing_ = true;
@@ -99,7 +100,7 @@ class OutputQueue::Writer {
     statistics_ -= line.kind == Kind::kStatistics ? 1 : 0;
   }
 
-  // Empty: that was all.
+  // Returns an empty text at the end.
   std::string Next() {
     std::unique_lock lock(mutex_);
     writing_ = false;
@@ -114,7 +115,7 @@ class OutputQueue::Writer {
     return line;
   }
 
-  // False: stopped. What cannot be written is not; the next line may be.
+  // Returns false when stopped. Skips a line that cannot be written; the next one may succeed.
   bool Write(std::string_view text) {
     while (!text.empty()) {
       if (!stop_.WaitFor(fd_, POLLOUT)) return false;
@@ -128,13 +129,13 @@ class OutputQueue::Writer {
   const int fd_;
   const std::function<std::string(std::uint64_t)> lost_line_;
   StopSignal stop_;
-  std::mutex mutex_;  // guards what follows
+  std::mutex mutex_;  // guards the members below
   std::condition_variable changed_;
   std::deque<Line> lines_;
   std::size_t bytes_ = 0;
-  std::size_t statistics_ = 0;  // lines of that kind
+  std::size_t statistics_ = 0;  // lines of this kind
   std::uint64_t lost_ = 0;
-  bool writing_ = false;  // what is in lines_ no more
+  bool writing_ = false;  // a line that was already taken from lines_
   bool finishing_ = false;
   bool ended_ = false;
 };

@@ -1,4 +1,4 @@
-// Lines for a reader that may be slow or may stall.
+// Lines for a reader that may be slow or stop reading.
 #ifndef GX_SSH_OUTPUT_QUEUE_H
 #define GX_SSH_OUTPUT_QUEUE_H
 
@@ -12,23 +12,23 @@
 
 namespace gxtool {
 
-// Writes them on a thread of its own, so that nobody else ever waits for the reader. When more than kBytes
-// wait, the oldest statistics go, and after these the oldest of all; a line in their place tells how many.
-// Threads: any.
+// Writes the lines on its own thread, so that callers never wait for the reader. When more than kBytes are
+// queued, the oldest statistics are dropped, and after these the oldest lines; a line in their place gives
+// their number. Threads: any.
 class OutputQueue {
  public:
   static constexpr std::size_t kBytes = 1024 * 1024;
   enum class Kind { kNews, kStatistics };
 
-  // `fd` is borrowed, and its mode stays as it is. `lost_line` makes the line that stands for lost ones.
+  // `fd` is borrowed and keeps its mode. `lost_line` formats the line that replaces dropped ones.
   OutputQueue(int fd, std::function<std::string(std::uint64_t lost)> lost_line);
-  // Gives the reader a moment to take what waits.
+  // Gives the reader a moment to take the queued lines.
   ~OutputQueue();
   OutputQueue(const OutputQueue&) = delete;
   OutputQueue& operator=(const OutputQueue&) = delete;
 
   void Add(std::string line, Kind kind = Kind::kNews);
-  // True: nothing waits any more. False: it still does after `limit`.
+  // Returns true when nothing is queued any more, false when `limit` has passed first.
   bool WaitUntilWritten(std::chrono::milliseconds limit);
 
  private:

@@ -1,4 +1,4 @@
-// A name in the file system that goes with its owner.
+// A file name that is removed by its owner.
 #ifndef GX_SSH_OWN_PATH_H
 #define GX_SSH_OWN_PATH_H
 
@@ -9,11 +9,11 @@
 
 namespace gxtool {
 
-// Removes the name, unless something else stands there by then: a newer process has put its own there. Keep
-// what it names open meanwhile, so that the system gives its inode to nobody else.
+// Removes the name, unless it now names another file, for example one of a newer process. Keep the named file
+// open meanwhile, so that its inode is not reused.
 class OwnPath {
  public:
-  // `what` is what the name stands for.
+  // `what` identifies the named file.
   OwnPath(std::string path, const struct stat& what) : path_(std::move(path)), what_(what) {}
   ~OwnPath();
   OwnPath(const OwnPath&) = delete;

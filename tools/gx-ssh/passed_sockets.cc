@@ -22,7 +22,7 @@ namespace {
 #ifdef GX_SYSTEMD
 constexpr int kFirst = SD_LISTEN_FDS_START;
 
-// What this program starts is not told of them.
+// Also removes the variables, so that child programs do not see them.
 int CountOfSockets() { return std::max(sd_listen_fds(1), 0); }
 
 bool TakesConnections(int fd) { return sd_is_socket(fd, AF_UNSPEC, SOCK_STREAM, 1) > 0; }
@@ -34,7 +34,8 @@ int CountOfSockets() { return 0; }
 bool TakesConnections(int) { return false; }
 #endif
 
-// As a socket tells it: numeric addresses in one way, and every address as that of IPv6.
+// Normalises an address to the form that a bound socket reports: canonical numeric addresses, and "::" for all
+// addresses.
 ListenAddress Normal(ListenAddress at) {
   if (at.unix_path.empty()) {
     at.address = at.address == kAnyAddress ? "::" : asio::ip::make_address(at.address).to_string();

@@ -1,4 +1,4 @@
-// Sockets that were opened for this program before it started: socket activation.
+// Socket activation: sockets that were opened before this program started.
 #ifndef GX_SSH_PASSED_SOCKETS_H
 #define GX_SSH_PASSED_SOCKETS_H
 
@@ -9,19 +9,19 @@
 
 namespace gxtool {
 
-// What a socket is bound to: a path, or a numeric address and a port.
+// The address that a socket is bound to: a path, or a numeric address and a port.
 ListenAddress BoundAddress(int socket);
 
-// The service manager listens at them already, and goes on when this program has ended.
+// The sockets from the service manager, which keeps listening at them after this program has ended.
 class PassedSockets {
  public:
-  // Takes those that were passed to this very process: before it forks. Throws Failure (kExitListen) for one
-  // that takes no connections.
+  // Takes the sockets that were passed to this process, so call it before forking. Throws Failure (kExitListen)
+  // for a socket that does not listen.
   PassedSockets();
 
-  // The one that is bound to `at`; none where it is not among them.
+  // Returns the socket bound to `at`; empty when there is none.
   Descriptor Take(const ListenAddress& at);
-  // Throws Failure (kExitListen) when one was not taken: its clients would wait for ever.
+  // Throws Failure (kExitListen) when a socket was not taken: its clients would wait forever.
   void ExpectAllTaken() const;
 
  private:

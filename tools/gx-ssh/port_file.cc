@@ -14,7 +14,7 @@ namespace gxtool {
 
 PortFile::PortFile(const std::string& path, const std::string& content) {
   std::string draft = path + ".XXXXXX";
-  file_ = Descriptor(mkostemp(draft.data(), O_CLOEXEC));  // with mode 0600
+  file_ = Descriptor(mkostemp(draft.data(), O_CLOEXEC));  // creates it with mode 0600
   struct stat what {};
   const bool written =
       file_ && write(file_.get(), content.data(), content.size()) == static_cast<ssize_t>(content.size());

@@ -10,10 +10,10 @@
 
 namespace gxtool {
 
-// Removes it at its end, unless a newer process has put its own there.
+// The destructor removes the file, unless a newer process has replaced it.
 class PortFile {
  public:
-  // Writes `content` at once and whole, readable for the owner only; what was there is replaced. Throws Failure
+  // Writes `content` atomically, readable only for the owner, and replaces an existing file. Throws Failure
   // (kExitListen).
   PortFile(const std::string& path, const std::string& content);
 

@@ -7,7 +7,7 @@
 namespace gxtool {
 namespace {
 
-// How long the character is that begins with `byte`; 0: none does.
+// Length of the character that begins with `byte`; 0 for an invalid first byte.
 std::size_t Length(unsigned char byte) {
   if (byte < 0x80) return 1;
   if (byte >= 0xC2 && byte < 0xE0) return 2;
@@ -16,7 +16,7 @@ std::size_t Length(unsigned char byte) {
   return 0;
 }
 
-// The character of `length` bytes at the front of `text`; 0, which is a control character, when it is
+// Decodes the character of `length` bytes at the front of `text`. Returns 0, a control character, when it is
 // malformed.
 std::uint32_t Decode(std::string_view text, std::size_t length) {
   constexpr std::uint32_t kShortest[] = {0, 0, 0x80, 0x800, 0x10000};

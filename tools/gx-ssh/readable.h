@@ -1,4 +1,4 @@
-// Text of a program that runs here, for a terminal.
+// Makes a local program's text safe for a terminal.
 #ifndef GX_SSH_READABLE_H
 #define GX_SSH_READABLE_H
 
@@ -7,12 +7,11 @@
 
 namespace gxtool {
 
-// Characters in UTF-8 stay as they are. What could speak to the terminal or change the order of the text does
-// not: control characters, the marks for writing from right to left, line separators and bytes that are no
-// UTF-8 become \xNN, byte by byte.
+// Keeps UTF-8 characters. Writes everything that could control the terminal or reorder the text as \xNN, byte
+// by byte: control characters, marks for right-to-left writing, line separators and bytes that are not UTF-8.
 std::string Readable(std::string_view text);
 
-// Without those last bytes that begin a character whose rest is missing.
+// The text without an incomplete character at its end.
 std::string_view WholeCharacters(std::string_view text);
 
 }  // namespace gxtool

@@ -66,7 +66,7 @@ void Relay::Pump(Direction& direction) {
 
 void Relay::OnReadEnd(const Direction& direction, asio::error_code error) {
   const bool broken = error != asio::error::eof;
-  // The module never ends only one half of a connection: when it sends no more, it takes no more either.
+  // The module closes connections only as a whole: when it stops sending, it also stops reading.
   if (&direction == &down_) return End(broken ? "the module broke it: " + error.message() : "");
   if (broken) return End("its input cannot be read: " + error.message());
   if (pass_.EndInput(up_.bytes)) return;
@@ -75,7 +75,7 @@ void Relay::OnReadEnd(const Direction& direction, asio::error_code error) {
 }
 
 void Relay::OnWriteFailed(const Direction& direction, asio::error_code error) {
-  // A port that takes no more has ended, and what it sent before is still read.
+  // When the port takes no more data, it has ended; the data that it sent before is still read.
   if (&direction == &down_) End("its output cannot be written: " + error.message());
 }
 

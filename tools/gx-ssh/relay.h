@@ -18,34 +18,36 @@
 
 namespace gxtool {
 
-// Begins to connect to a local port, where the relay may begin at once. Throws std::system_error.
+// Starts to connect to a local port. The relay may start before the connection is complete. Throws
+// std::system_error.
 Descriptor ConnectTo(const std::string& address, std::uint16_t port);
 
-// The end of the client's input goes on to the port, and the relay lasts until the port's side ends, too.
-// Threads: the one that runs `io`.
+// Passes the end of the client's input on to the port and lasts until the port's side ends, too. Threads: the
+// one that runs `io`.
 class Relay {
  public:
   struct Events {
-    // More of what the port's side sent is with the client. May be empty; it may destroy the relay.
+    // The client has received more of the port's data. May be empty; it may destroy the relay.
     std::function<void()> delivered;
-    // The client sends no more, and the far side cannot be told. Empty: the port's sending side is shut down.
+    // The client's input has ended and the far side cannot be told. If empty, the port's sending side is shut
+    // down.
     std::function<void()> untold;
-    // Over: the port's side has ended and all of it is with the client, or something has failed: `problem` says
-    // what. Once; it may destroy the relay.
+    // The relay is over: the port's side has ended and the client has all of its data, or `problem` tells what
+    // failed. Called once; it may destroy the relay.
     std::function<void(const std::string& problem)> ended;
   };
 
-  // Reads the client from `input` and writes to it at `output`; none: at `input`, too. `pass` lets it enter at
-  // `port`; none: that port has no entrance.
+  // Reads from the client at `input` and writes to it at `output`, or at `input` if `output` is empty. `pass`
+  // is for the entrance of `port`; empty if the port has none.
   Relay(asio::io_context& io, Descriptor input, Descriptor output, Descriptor port, Entrance::Pass pass,
         Events events);
 
   std::uint64_t sent() const { return up_.bytes; }        // from the client to the port
-  std::uint64_t received() const { return down_.bytes; }  // from there, and with the client
+  std::uint64_t received() const { return down_.bytes; }  // from the port, delivered to the client
 
  private:
   using Stream = asio::posix::stream_descriptor;
-  // Memory that nobody has written to yet costs nothing, so it is not cleared: most connections say little.
+  // The buffer is left uninitialised: untouched memory costs nothing, and most connections carry little.
   struct Direction {
     Stream& from;
     Stream& to;

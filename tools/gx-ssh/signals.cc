@@ -13,7 +13,7 @@ void PassOn(int number, siginfo_t* info, void*) {
   const int before = errno;
   const bool by_kernel = info->si_code > 0;
   const Signal signal{static_cast<unsigned char>(number), by_kernel, by_kernel ? 0 : info->si_pid};
-  // A pipe that is full holds enough of them.
+  // If the pipe is full, the signals in it are enough.
   [[maybe_unused]] const ssize_t written = write(g_pipe, &signal, sizeof signal);
   errno = before;
 }
@@ -54,7 +54,7 @@ void Signals::Suspend(bool alone) {
   struct sigaction by_default {};
   by_default.sa_handler = SIG_DFL;
   sigaction(SIGTSTP, &by_default, &handled);
-  // A signal to oneself has done its work when the call returns.
+  // A signal to the own process has taken effect when kill returns.
   kill(alone ? getpid() : 0, SIGTSTP);
   sigaction(SIGTSTP, &handled, nullptr);
 }

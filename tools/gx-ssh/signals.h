@@ -1,4 +1,4 @@
-// Signals that reach the program, and who sent them.
+// Signals to the program, and their senders.
 #ifndef GX_SSH_SIGNALS_H
 #define GX_SSH_SIGNALS_H
 
@@ -16,29 +16,28 @@ namespace gxtool {
 
 struct Signal {
   unsigned char number = 0;
-  bool typed = false;  // by the kernel, for a key on the terminal or its end, to the whole process group
-  pid_t sender = 0;    // the process, unless typed
+  bool typed = false;  // sent by the kernel to the whole process group, because of a key or the terminal's end
+  pid_t sender = 0;    // the sending process, unless typed
 };
 
-// Takes SIGINT, SIGTERM, SIGHUP (unless it is ignored: nohup asks for that), SIGCHLD, SIGTSTP, SIGCONT and
-// SIGUSR1 out of the hands of the system and hands them on in order. One object at a time. Threads: the one
-// that runs `io`.
+// Handles SIGINT, SIGTERM, SIGHUP (unless it is ignored, as under nohup), SIGCHLD, SIGTSTP, SIGCONT and SIGUSR1
+// and passes them to the handler in order. One object at a time. Threads: the one that runs `io`.
 class Signals {
  public:
   using Handler = std::function<void(Signal)>;
 
   Signals(asio::io_context& io, Handler handler);
-  // Gives the signals back.
+  // Restores the previous signal actions.
   ~Signals();
   Signals(const Signals&) = delete;
   Signals& operator=(const Signals&) = delete;
 
-  // Hands on what has come by now. A signal to the whole group has reached this process before the end of
-  // another one that died of it can be seen.
+  // Handles the signals that have arrived so far. A signal to the whole group reaches this process before the
+  // death of another process from that signal can be observed.
   void HandOn();
 
-  // What SIGTSTP does by itself: stops this process, and unless `alone` its group, until a shell continues it.
-  // Where no shell could do that it returns at once.
+  // Does SIGTSTP's default action: stops this process, and its group unless `alone`, until a shell continues
+  // it. Returns at once where no shell could do that.
   void Suspend(bool alone);
 
  private:

@@ -18,7 +18,7 @@
 namespace gxtool {
 namespace {
 
-// Waits while the listener's queue is full.
+// Waits while the listener's backlog is full.
 Descriptor Connect(const std::string& path, std::chrono::milliseconds limit) {
   const asio::local::stream_protocol::endpoint endpoint(path);
   Descriptor made(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));

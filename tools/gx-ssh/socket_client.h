@@ -1,4 +1,4 @@
-// Standard input and output at a Unix socket: what --connect does.
+// Connects standard input and output to a Unix socket, for --connect.
 #ifndef GX_SSH_SOCKET_CLIENT_H
 #define GX_SSH_SOCKET_CLIENT_H
 
@@ -7,8 +7,8 @@
 
 namespace gxtool {
 
-// Connects to the socket within `limit` (0: no limit) and carries bytes both ways until its side ends; the end
-// of the input goes on to it. Returns the exit status, after a failure was told on standard error. The
+// Connects to the socket within `limit` (0: no limit) and carries bytes both ways until the socket's side ends;
+// the end of the input is passed on. Returns the exit status; a failure is reported on standard error. The
 // descriptors are borrowed. Threads: one.
 int ConnectSocket(const std::string& path, std::chrono::milliseconds limit, int input, int output);
 

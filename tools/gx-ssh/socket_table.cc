@@ -23,7 +23,7 @@ struct Request {
   inet_diag_req_v2 body{};
 };
 
-// Puts the address into `words` and returns the port, both as they travel.
+// Stores the address in `words` and returns the port, both in network byte order.
 in_port_t Split(const sockaddr_storage& address, __be32* words) {
   if (address.ss_family == AF_INET) {
     sockaddr_in v4{};
@@ -67,7 +67,7 @@ std::optional<uid_t> SocketTable::OwnerOfPeer(int socket) const {
     inet_diag_msg body;
     char more[1024];
   } answer{};
-  // The kernel has answered when `send` returns.
+  // The kernel has answered when send returns.
   if (send(kernel_.get(), &request, sizeof request, 0) < 0) return std::nullopt;
   const ssize_t got = recv(kernel_.get(), &answer, sizeof answer, MSG_DONTWAIT);
   const inet_diag_msg& found = answer.body;
@@ -75,8 +75,8 @@ std::optional<uid_t> SocketTable::OwnerOfPeer(int socket) const {
       answer.header.nlmsg_type != SOCK_DIAG_BY_FAMILY) {
     return std::nullopt;
   }
-  // When there is no such connection the answer may be a socket that listens there. One without an inode has no
-  // program any more, and some kernels say that it is root's.
+  // For an unknown connection the kernel may return a listening socket. A socket without an inode has no
+  // program any more; some kernels report it as root's.
   if (found.id.idiag_dport != request.body.id.idiag_dport || found.idiag_inode == 0) return std::nullopt;
   return found.idiag_uid;
 }

@@ -1,4 +1,4 @@
-// The kernel's table of sockets: whose a local TCP connection is.
+// The kernel's socket table: finds the owner of a local TCP connection.
 #ifndef GX_SSH_SOCKET_TABLE_H
 #define GX_SSH_SOCKET_TABLE_H
 
@@ -16,8 +16,8 @@ class SocketTable {
   // Throws std::system_error when the system has no such table.
   SocketTable();
 
-  // The user who opened the other end of a connected TCP socket. Nothing when that is on another computer or in
-  // another network namespace, and when its program has closed it already: what is left then belongs to nobody.
+  // Returns the user who opened the other end of a connected TCP socket. Returns nothing when that end is on
+  // another computer, in another network namespace, or already closed by its program.
   std::optional<uid_t> OwnerOfPeer(int socket) const;
 
  private:

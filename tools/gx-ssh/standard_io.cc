@@ -11,8 +11,8 @@ namespace {
 
 using std::chrono::milliseconds;
 
-// A far side that cannot be told of the end of the input cannot answer it by an end of its own. Silence for so
-// long has to stand for that.
+// A far side that cannot be told about the end of the input never answers it with its own end. After this long
+// a silence the connection counts as finished.
 constexpr milliseconds kUntoldPatience{3'000};
 
 }  // namespace
@@ -27,7 +27,7 @@ StandardIo::StandardIo(asio::io_context& io, int input, int output, Descriptor p
              std::move(pass),
              {[this] { OnDelivered(); },
               [this] {
-                delivered_ = true;  // as far as can be known
+                delivered_ = true;  // nothing more can be known
                 AwaitAnswer();
               },
               [this](const std::string& problem) { OnRelayEnded(problem); }}) {}

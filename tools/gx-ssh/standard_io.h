@@ -1,4 +1,4 @@
-// One connection on standard input and output: what -W does.
+// One connection on standard input and output, for -W.
 #ifndef GX_SSH_STANDARD_IO_H
 #define GX_SSH_STANDARD_IO_H
 
@@ -17,24 +17,24 @@
 
 namespace gxtool {
 
-// Carries the bytes of two descriptors over one connection of the module, which lasts until the target closes
-// it, however long that takes. Threads: the one that runs `io`.
+// Carries the bytes of two descriptors over one connection of the module. It lasts until the target closes the
+// connection, however long that takes. Threads: the one that runs `io`.
 class StandardIo {
  public:
-  // Once; it may destroy this object. An empty `problem`: it ended in order, after a byte came back or the
-  // target had got all of the input. Otherwise it tells why bytes are missing, or may be.
+  // Called once; it may destroy this object. An empty `problem` means a normal end: a byte came back, or the
+  // target received the whole input. Otherwise `problem` tells why bytes are or may be missing.
   using Ended = std::function<void(const std::string& problem)>;
 
   // The descriptors are borrowed and made non-blocking for the lifetime of this object.
   StandardIo(asio::io_context& io, int input, int output, Descriptor port, Entrance::Pass pass, Ended ended);
 
-  // The target has got all of the input.
+  // The target has received the whole input.
   void OnInputDelivered() { delivered_ = true; }
   // The target could not be reached; the end of the connection follows.
   void OnRefused(const std::string& why) { refused_ = why; }
-  // The target has broken the connection, whose end follows.
+  // The target has reset the connection; its end follows.
   void OnReset() { reset_ = true; }
-  // The link has ended behind so many bytes of the connection. Ends with `problem` once they have been written.
+  // The link ended after `received` bytes of the connection. Ends with `problem` once they have been written.
   void EndAfter(std::uint64_t received, const std::string& problem);
 
  private:
@@ -48,8 +48,8 @@ class StandardIo {
   const Ended ended_;
   bool delivered_ = false;
   bool reset_ = false;
-  std::string refused_;                     // why; empty: it was not, as far as is known
-  std::optional<std::uint64_t> last_byte_;  // see EndAfter, as for the next one
+  std::string refused_;                     // the reason; empty while no refusal is known
+  std::optional<std::uint64_t> last_byte_;  // see EndAfter
   std::string link_problem_;
   asio::steady_timer timer_;
   Lifetime lifetime_;

@@ -1,4 +1,4 @@
-// The controlling terminal, and the process group that has it.
+// The controlling terminal and its foreground process group.
 #ifndef GX_SSH_TERMINAL_H
 #define GX_SSH_TERMINAL_H
 
@@ -8,33 +8,33 @@
 
 namespace gxtool {
 
-// True unless `fd` is a terminal on which another process group is in the foreground, as while a shell has this
-// program in the background.
+// False when `fd` is a terminal with another process group in the foreground, for example because a shell runs
+// this program in the background.
 bool InForeground(int fd);
 
-// Lends the terminal to the group of a program that gx-ssh has started. Does nothing where there is no terminal
-// or where gx-ssh itself is in the background of it. From its start on no write to the terminal and no change
-// of its group stops this process: it has to go on while the terminal is lent. Threads: the program's own one,
-// before it starts others.
+// Lends the terminal to the process group of a program that gx-ssh started. Does nothing without a terminal or
+// when gx-ssh is in the background. From construction on, writing to the terminal and changing its foreground
+// group do not stop this process, because it must continue while the terminal is lent. Threads: the main
+// thread, before it starts others.
 class Terminal {
  public:
   Terminal();
 
-  // What a program is given that shall have the terminal from its first instruction; -1: nothing.
+  // The descriptor for a program that gets the terminal before its first instruction; -1: none.
   int ToLend() const;
-  // That group has it now, or would have it.
+  // That group has the terminal now, or would have it.
   void LentTo(pid_t group) { borrower_ = group; }
   bool IsLentTo(pid_t group) const { return borrower_ > 0 && borrower_ == group; }
-  // From its borrower, if that has it.
+  // Takes the terminal back if the borrower still has it.
   void TakeBack();
-  // For good.
+  // Stops using the terminal for good.
   void Leave() { terminal_.Reset(); }
-  // A shell has put this program into the foreground again: its borrower follows.
+  // A shell has put this program into the foreground again: lends the terminal again.
   void OnContinued();
 
  private:
   Descriptor terminal_;
-  pid_t borrower_ = 0;  // 0: none
+  pid_t borrower_ = 0;  // 0: not lent
 };
 
 }  // namespace gxtool

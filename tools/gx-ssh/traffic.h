@@ -1,4 +1,4 @@
-// Counts connections and bytes, from the frames that pass.
+// Counts connections and bytes, from the frames that pass through.
 #ifndef GX_SSH_TRAFFIC_H
 #define GX_SSH_TRAFFIC_H
 
@@ -14,13 +14,13 @@
 
 namespace gxtool {
 
-// From where to where a connection goes, for people. Empty: not known.
+// The client and the target of a connection, for people. Empty: unknown.
 struct Route {
   std::string client;
   std::string target;
 };
 
-// "Sent" goes to the far side. Threads: any.
+// "Sent" means sent to the far side. Threads: any.
 class Traffic {
  public:
   using Clock = std::chrono::steady_clock;
@@ -39,26 +39,26 @@ class Traffic {
     Connection connection;
   };
   struct Totals {
-    std::uint64_t connections = 0;  // ever
+    std::uint64_t connections = 0;  // in total
     std::uint64_t open = 0;
     std::uint64_t sent = 0;
     std::uint64_t received = 0;
   };
 
-  // Of the connection that opens next under that id.
+  // The route of the connection that opens next under that id.
   void OnRoute(std::uint32_t id, Route route);
-  // Takes a frame into account. Whichever side closes first closes the connection.
+  // Counts a frame. The first Close from either side closes the connection.
   std::optional<Change> Count(const gxmod::FrameHeader& header, bool sent);
 
   Totals totals() const;
-  std::vector<Connection> open() const;  // by id
-  // The link is gone and with it every connection: forgets those that are open, and returns them.
+  std::vector<Connection> open() const;  // ordered by id
+  // The link is down and all connections are closed: forgets the open ones and returns them.
   std::vector<Connection> CloseAll();
 
  private:
   mutable std::mutex mutex_;
   std::map<std::uint32_t, Connection> open_;
-  std::map<std::uint32_t, Route> routes_;  // of those whose Connect has still to go out
+  std::map<std::uint32_t, Route> routes_;  // of connections whose Connect is not sent yet
   Totals totals_;
 };
 
