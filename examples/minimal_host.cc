@@ -2,8 +2,8 @@
 //   minimal_host HOST:PORT COMMAND [ARG...]
 //   minimal_host 127.0.0.1:22 ssh -T box gx-ssh-peer --raw
 //
-// It prints the local address and runs until its standard input ends, the command ends, or Ctrl-C. Read from
-// main() upwards. Errors of system calls are left out; docs/host-guide.md tells what a real host adds.
+// It prints the local address and runs until its standard input ends, the command ends, or Ctrl-C. Start
+// reading at main(). Errors of system calls are ignored here; docs/host-guide.md lists what a real host adds.
 #include <dlfcn.h>
 #include <gxmod/control_ssh.h>
 #include <sys/select.h>
@@ -17,7 +17,7 @@
 #include <cstdio>
 #include <cstring>
 
-// The count that the module wants of the host's objects. Made with new and put into a CRefObj at once.
+// Reference counting for the host's objects. Create one with new and put it into a CRefObj at once.
 template <class Interface>
 struct Counted : Interface {
   std::int64_t AddRef() final { return ++count; }
@@ -29,7 +29,7 @@ struct Counted : Interface {
   std::atomic<std::int64_t> count{0};
 };
 
-// What the host offers the module. The only object that is not counted: it outlives the module's work.
+// The host's services for the module. Not reference-counted: it outlives the module's use of it.
 struct Runtime final : IGXModRuntime {
   void Log(int /*level*/, const char* text) override { std::fprintf(stderr, "module: %s\n", text); }
   int GetConfig(bool, const char*, const char*, IGXModData**, const char*) override { return 0; }
@@ -37,7 +37,7 @@ struct Runtime final : IGXModRuntime {
   const char* GetEnv(const char*) override { return nullptr; }
 };
 
-// What create() is asked for: an interface by name, and its version.
+// A property for create(): the interface's name.
 struct Name final : Counted<IGXModData> {
   int GetType() const override { return kGXModDataText; }
   const char* GetText() const override { return kControlSshInterfaceName; }
@@ -56,8 +56,8 @@ struct Request final : Counted<IGXModCreateParams> {
   const CRefObj<IGXModData> name{new Name}, version{new Version};
 };
 
-// The stream: one descriptor to read from, one to write to. Both are sockets, because shutdown() wakes whoever
-// is blocked on one; with pipes Close would need a poll() in Read and Write.
+// The stream: one descriptor to read from, one to write to. Both are sockets, because shutdown() wakes a thread
+// that is blocked on one; with pipes Close would need a poll() in Read and Write.
 struct Stream final : Counted<IPluginStreamRaw> {
   Stream(int a_input, int a_output) : input(a_input), output(a_output) {}
   ~Stream() override { close(input), close(output); }
@@ -68,7 +68,7 @@ struct Stream final : Counted<IPluginStreamRaw> {
     return Result(write(output, data, length), 0, written);
   }
   std::uint32_t Close() override { return shutdown(input, SHUT_RDWR), shutdown(output, SHUT_RDWR), kGXModOk; }
-  // A system call that a signal cut short has moved nothing and is asked again.
+  // A system call that a signal interrupted has moved no bytes; the module calls again.
   static std::uint32_t Result(ssize_t moved, ssize_t least, unsigned* count) {
     *count = moved > 0 ? static_cast<unsigned>(moved) : 0;
     return moved >= least || (moved < 0 && errno == EINTR) ? kGXModOk : kGXModFail;
@@ -102,7 +102,7 @@ CRefObj<Stream> StartFarSide(char** command, const sigset_t& signal_mask, pid_t*
   return new Stream(from_child[0], to_child[0]);
 }
 
-// True when there was something to read from standard input; false at its end and after a signal of ours.
+// True when standard input had data; false at its end and after a signal.
 bool WaitForInput(const sigset_t& signal_mask) {
   char ignored[256];
   fd_set input{};
@@ -117,7 +117,7 @@ bool Forward(const gxlink_module_t& module, Stream* stream, const char* target, 
   const auto plugin = CRefObj<IControlSshPlugin>::Attach(static_cast<IControlSshPlugin*>(created));
   plugin->SetListener(CRefObj<Listener>(new Listener(target)).get());
   plugin->InitInstance(stream);
-  const bool running = plugin->Run() == kGXModOk;  // the listener has heard the address
+  const bool running = plugin->Run() == kGXModOk;  // the listener has received the address
   while (running && WaitForInput(signal_mask)) continue;
   plugin->ExitInstance();  // closes the stream, stops every thread, closes the port
   return running;
@@ -125,22 +125,22 @@ bool Forward(const gxlink_module_t& module, Stream* stream, const char* target, 
 
 int main(int argc, char** argv) {
   if (argc < 3) return std::fprintf(stderr, "usage: minimal_host HOST:PORT COMMAND [ARG...]\n"), 2;
-  // These signals end the wait and nothing else. The module's threads inherit the mask.
+  // These signals only end the wait. The module's threads inherit the mask.
   sigset_t ours, before;
   sigemptyset(&ours);
   for (const int number : {SIGINT, SIGTERM, SIGCHLD}) std::signal(number, [](int) {}), sigaddset(&ours, number);
   sigprocmask(SIG_BLOCK, &ours, &before);
-  // First the child: loading the module makes the process ignore SIGPIPE, and a child would inherit that.
+  // Start the child first: loading the module makes the process ignore SIGPIPE, and a child would inherit that.
   pid_t child = 0;
   CRefObj<Stream> stream = StartFarSide(argv + 2, before, &child);
-  // GXMOD_MODULE is the module's path, as the CMake package and pkg-config tell it.
+  // The CMake package and pkg-config provide the module's path as GXMOD_MODULE.
   void* const library = dlopen(GXMOD_MODULE, RTLD_NOW | RTLD_LOCAL);
   if (library == nullptr) return std::fprintf(stderr, "%s\n", dlerror()), 1;
   const auto get_entry = reinterpret_cast<gxmod_get_entrypoint_t>(dlsym(library, kGXModEntryPoint));
   const gxlink_module_t& module = *get_entry();
   Runtime runtime;
   module.init(&runtime);
-  const bool ran = Forward(module, stream.get(), argv[1], before);  // and releases what the module made
+  const bool ran = Forward(module, stream.get(), argv[1], before);  // also releases what the module created
   module.uninit();
   dlclose(library);
   stream = nullptr;            // closes the descriptors,
