@@ -27,8 +27,8 @@ class Command {
   // See Child::Poll.
   std::optional<int> Poll() { return child_.Poll(); }
 
-  // gx-ssh was asked to stop: ends the command within 2 s. For a key on the terminal it only waits, because the
-  // command received the key, too.
+  // Passes the signal on when gx-ssh was asked to stop. Ends the command within 2 s, except after Ctrl-C, which
+  // the command may handle as it likes.
   void OnStopSignal(Signal signal);
   // Call before gx-ssh alone is stopped.
   void Suspend() { child_.Signal(SIGTSTP); }

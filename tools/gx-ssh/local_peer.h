@@ -17,7 +17,8 @@ namespace gxtool {
 // Runs the far side on its own thread.
 class LocalPeer final : public FarSide {
  public:
-  // It permits the targets in the options. `on_ended` is called on its thread when it has ended.
+  // It permits every TCP target, and the Unix sockets that the options name. `on_ended` is called on its thread
+  // when it has ended.
   LocalPeer(const Options& options, const std::function<void()>& on_ended);
   ~LocalPeer() override;
 

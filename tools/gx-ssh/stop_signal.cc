@@ -8,7 +8,7 @@ namespace gxtool {
 
 bool StopSignal::WaitFor(int fd, short events, int wake) const {
   pollfd waits[] = {{this->fd(), POLLIN, 0}, {fd, events, 0}, {wake, POLLIN, 0}};
-  // Repeats a wait that a signal interrupted.
+  // A wait that a signal cuts short is simply repeated.
   while (!raised_ && poll(waits, std::size(waits), -1) < 0) {
   }
   return !raised_;

@@ -1,4 +1,4 @@
-// A one-time switch that wakes threads that wait in poll.
+// A switch that wakes threads that wait in poll.
 #ifndef GX_SSH_STOP_SIGNAL_H
 #define GX_SSH_STOP_SIGNAL_H
 
@@ -8,22 +8,22 @@
 
 namespace gxtool {
 
-// Once raised it stays raised. Threads: any.
+// Thrown once, for good. Threads: any.
 class StopSignal {
  public:
   StopSignal() : pipe_(MakePipe()) {}
 
   void Raise() {
-    // Closing the write end makes `fd` readable for all waiting threads, now and later.
+    // Closing the far end makes `fd` readable for everyone who waits, now and later.
     if (!raised_.exchange(true)) pipe_.write.Reset();
   }
   bool raised() const { return raised_; }
 
-  // Becomes readable when the switch is raised.
+  // Becomes readable when the switch is thrown.
   int fd() const { return pipe_.read.get(); }
 
-  // Waits until `fd` is ready for `events` (of poll), or until `wake` (-1: none) is readable. Returns false
-  // when the switch is raised.
+  // Waits until `fd` is ready for `events` (of poll), or `wake` (-1: none) for reading. False: the switch was
+  // thrown.
   bool WaitFor(int fd, short events, int wake = -1) const;
 
  private:

@@ -23,11 +23,11 @@ constexpr int kSendFlags = MSG_NOSIGNAL | MSG_DONTWAIT;
 constexpr int kSendFlags = MSG_DONTWAIT;
 #endif
 
-constexpr std::size_t kSendPieces = 64;    // of one sendmsg
+constexpr std::size_t kSendPieces = 64;    // per sendmsg
 constexpr std::size_t kSmallBytes = 1024;  // at most a keystroke's echo, a request, a line
 constexpr std::chrono::milliseconds kFullQueuePause{10};
-constexpr int kWritesInARow = 16;                 // before others have their turn
-constexpr std::size_t kDiscardBytes = 16 * 1024;  // read at a time when nobody wants it
+constexpr int kWritesInARow = 16;                 // before other connections get their turn
+constexpr std::size_t kDiscardBytes = 16 * 1024;  // per read of discarded data
 
 asio::error_code LastError() { return {errno, asio::error::get_system_category()}; }
 
@@ -43,7 +43,7 @@ void Connection::Open(std::vector<StreamEndpoint> endpoints) {
   TryNext(asio::error::host_not_found);
 }
 
-// Asio's own sockets are inherited by programs that the process starts.
+// Opens the socket close-on-exec: Asio's own sockets would be inherited by child processes.
 asio::error_code Connection::OpenSocket(const StreamEndpoint& endpoint) {
   asio::error_code ignored;
   socket_.close(ignored);
@@ -79,8 +79,8 @@ void Connection::TryNext(asio::error_code last) {
   });
 }
 
-// A Unix socket answers at once. It says EAGAIN when too many callers wait for its program, and then the system
-// has no way to learn when there is room again.
+// A Unix socket answers connect at once. EAGAIN means that the listener's backlog is full, and the system does
+// not report when it has room again.
 void Connection::ConnectUnix(const StreamEndpoint& endpoint) {
   asio::error_code ignored;
   socket_.native_non_blocking(true, ignored);
@@ -138,7 +138,7 @@ void Connection::Deliver() {
   if (connected_) AfterWrite();
 }
 
-// Returns the bytes that the target took: less than all when it is busy or fails.
+// Returns how many bytes the target took: fewer than all when it is busy or fails.
 std::size_t Connection::SendSome(std::span<iovec> bytes) {
   std::size_t sent = 0;
   while (!bytes.empty()) {
@@ -175,7 +175,7 @@ void Connection::WriteQueue() {
 }
 
 void Connection::SetQueued(std::size_t before) {
-  // A target that takes no more bytes may still have an answer on the way, so only this direction ends.
+  // A target that takes no more bytes may still be sending its answer, so only this direction ends.
   if (write_failed_) queue_.Clear();
   if (queue_.size() != before) {
     owner_->OnQueued(*this, static_cast<std::ptrdiff_t>(queue_.size()) - static_cast<std::ptrdiff_t>(before));
@@ -222,7 +222,7 @@ std::optional<std::size_t> Connection::Read(std::span<char> out) {
   }
   received_ += static_cast<std::size_t>(count);
   unwaited_ += static_cast<std::size_t>(count);
-  // On a slow line there is little room, and who fills it may have much to say.
+  // On a slow line `out` is short; a read that fills it may be part of much more data.
   const bool small = static_cast<std::size_t>(count) <= std::min(kSmallBytes, out.size() - 1);
   small_reads_ = small ? small_reads_ + 1 : 0;
   last_move_ = Clock::now();
@@ -238,7 +238,7 @@ void Connection::Close() {
   if (state_ == State::kClosing || state_ == State::kGone) return;
   state_ = State::kClosing;
   if (!connected_) {
-    // What was sent before the end is still owed to a target that has not answered yet.
+    // A target that has not answered yet still gets the bytes that were sent before the Close.
     if (queue_.empty()) Leave();
     finish_writing_ = true;
     return;
@@ -247,7 +247,8 @@ void Connection::Close() {
   if (state_ == State::kClosing && !target_ended_ && !read_wait_.pending()) Discard();
 }
 
-// Unread bytes would turn the close of the socket into a reset, which takes back what was sent.
+// Reads and discards: closing a socket with unread bytes sends a reset, which also discards bytes on their way
+// to the target.
 void Connection::Discard() {
   std::array<char, kDiscardBytes> nowhere;
   for (int round = 0; round < kWritesInARow; ++round) {
