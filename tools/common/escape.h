@@ -10,8 +10,8 @@ namespace gxtool {
 
 inline constexpr std::size_t kQuoteBytes = 200;
 
-// Keeps printable ASCII; writes a backslash, line ends and tabs as \\
-//  \r \t and every other byte as \xNN. Truncates text longer than `max_bytes` and appends "...".
+// Keeps printable ASCII. A backslash, line ends and tabs become \\ \n \r \t and every other byte \xNN. Text
+// longer than `max_bytes` is truncated, with "..." at its end.
 std::string Escape(std::string_view text, std::size_t max_bytes = kQuoteBytes);
 
 }  // namespace gxtool
