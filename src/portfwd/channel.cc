@@ -12,15 +12,15 @@ void TellConnected(CSockStream& stream) {
   if (IBaseStream::IBaseHandler* handler = stream.Handler()) {
     handler->Handle(&stream, IBaseStream::kConnected, nullptr, 0);
   } else {
-    stream.Disconnect(0);  // nobody wants it
+    stream.Disconnect(0);  // no handler has taken it
   }
 }
 
-// The same on the reactor's thread.
+// The same, as a task on the reactor's thread.
 struct CONNECTED_TASK {
   CRefObj<CSockStream> stream;
   void Done() try { TellConnected(*stream); } catch (...) {
-    stream->Disconnect(kStreamOtherError);  // nobody would ever read from it
+    stream->Disconnect(kStreamOtherError);  // without its handler it would never be read
     throw;
   }
 };
@@ -35,7 +35,7 @@ CChannelRaw::~CChannelRaw() {
 const char* CChannelRaw::get_LocalAddress() {
   CAutoLock lock(lock_);
   local_address_ = SelectAcceptor().GetAddress();
-  // Local programs cannot connect to "any"; the port is the same on the loopback address.
+  // Local programs cannot connect to the "any" address; the port is the same on the loopback address.
   if (local_address_.compare(0, kAnyAddress.size(), kAnyAddress) == 0) {
     local_address_.replace(0, kAnyAddress.size(), "127.0.0.1");
   }
@@ -63,7 +63,7 @@ bool CChannelRaw::Run() {
   if (running_) return true;
   IChannelOwner* client = client_;
   if (client == nullptr) return false;
-  running_ = true;  // stays set when listening fails: Stop undoes it
+  running_ = true;  // stays set when listening fails, until Stop
   return Listen(SelectAcceptor(), *client, kListenLocal);
 }
 
@@ -85,7 +85,7 @@ void CChannelRaw::Detach() {
   CAutoLock lock(lock_);
   client_ = nullptr;
   running_ = false;
-  // An acceptor may listen while the channel does not run: put_AllowShare starts one.
+  // An acceptor may be listening although the channel does not run: put_AllowShare starts one.
   if (acceptor_) acceptor_->Stop();
 }
 
@@ -108,7 +108,7 @@ CChannelRaw::SELECT_ACCEPTOR& CChannelRaw::SelectAcceptor() {
   return *acceptor_;
 }
 
-// A client that has stopped has no tracker, and nobody would answer on the port.
+// Without a running client there is no reactor to serve the port.
 bool CChannelRaw::Listen(SELECT_ACCEPTOR& acceptor, IChannelOwner& client, const char* host_port) {
   CReactor_T<tcp_select_tracker>* reactor = client.get_Tracker();
   return reactor != nullptr && acceptor.Listen(host_port, *reactor);

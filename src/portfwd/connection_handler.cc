@@ -9,7 +9,7 @@
 
 namespace {
 
-// At once; a step, and with it a frame, has 4,096 bytes at most.
+// The maximum per read; each step, and so each frame, has at most 4,096 bytes.
 constexpr unsigned long kReadBytes = CFrameAlloctor::kReadBytes;
 
 }  // namespace
@@ -58,7 +58,7 @@ bool MyHandler::FillBuffer2(gxmod::ConnectionType type, CRefObj<IBuffer> buffer,
   return ::FillBuffer2(id_, type, std::move(buffer), offset, payload, length);
 }
 
-// Counted before it is queued: the reactor may send it at once.
+// Counts the block before queuing it, because the reactor may send it at once.
 CFlowControl::Filled MyHandler::Deliver(IBuffer* buffer, std::uint32_t length) {
   assert(link_);
   if (end_delivered_) return CFlowControl::Filled::kNothing;
@@ -92,9 +92,9 @@ void MyHandler::OnDisconnected() {
   owner_->OnEnd(*this, state_.exchange(State::kEnded) == State::kAnnounced);
 }
 
-// The header goes in front of the last `length` bytes of the buffer: into the room that CFrameAlloctor leaves,
-// or over bytes that have been sent. So the frame is written from where the socket has put it, and then there
-// is nothing left in the buffer that anybody needs.
+// Writes the header before the last `length` bytes of the buffer: into the room that CFrameAlloctor reserves,
+// or over bytes that were already sent. So the frame is sent from where the data was read. Afterwards the
+// buffer's contents are no longer needed.
 bool MyHandler::SendData(IBuffer& buffer, unsigned long length) {
   const std::size_t frame_length = gxmod::kFrameHeaderBytes + length;
   assert(buffer.GetSize() >= frame_length);
@@ -104,7 +104,7 @@ bool MyHandler::SendData(IBuffer& buffer, unsigned long length) {
   return link_->writer().WriteFrame(frame, frame_length);
 }
 
-// False: there is no memory. A frame without a payload needs none.
+// Returns false when there is no memory. A frame without a payload needs none.
 bool MyHandler::SendFrame(gxmod::ConnectionType type, std::string_view payload) {
   char header[gxmod::kFrameHeaderBytes];
   const std::size_t frame_length = sizeof header + payload.size();

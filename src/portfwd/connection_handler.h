@@ -1,4 +1,4 @@
-// One local connection as the far side sees it.
+// One local connection and its frames.
 #ifndef GX_PORTFWD_CONNECTION_HANDLER_H
 #define GX_PORTFWD_CONNECTION_HANDLER_H
 
@@ -14,27 +14,27 @@
 
 class MyHandler;
 
-// Whom a connection tells of its end.
+// Is told when a connection ends.
 class IConnectionOwner {
  public:
-  // On the thread that ended it. `owes_close`: the far side knows of the connection and has to hear of its end.
+  // Called on the thread that ended it. `owes_close`: the far side knows the connection and must be told of its
+  // end.
   virtual void OnEnd(MyHandler& connection, bool owes_close) = 0;
 
  protected:
   ~IConnectionOwner() = default;
 };
 
-// Turns what happens on a local stream into frames: Connect when it is connected, Data for every read step,
-// Close when it has ended. What is read has to come in buffers of a CFrameAlloctor. Counted together with its
-// stream (StreamDecorator_T). Threads: Handle on whichever thread makes it happen; Deliver and End on the
-// thread that reads the plugin stream.
+// Turns events of a local stream into frames: Connect when it is connected, Data for each read step, Close when
+// it has ended. The data must arrive in buffers of a CFrameAlloctor. Shares its reference count with its stream
+// (StreamDecorator_T). Threads: Handle on the thread that causes the event; Deliver and End on the thread that
+// reads the plugin stream.
 class MyHandler : public IBaseStream::IBaseHandler, public IReference {
  public:
   explicit MyHandler(IBaseStream* stream) : stream_(stream) {}
 
-  // These two before the connection takes part in forwarding. The owner outlives the stream's end. `link` is
-  // empty while the owner has no plugin stream; the connection then ends as soon as it is told that it is
-  // connected.
+  // Call these two before the connection is used for forwarding. The owner outlives the stream's end. `link` is
+  // empty while the owner has no plugin stream; the connection then ends as soon as it is connected.
   void put_Target(std::string target) { target_ = std::move(target); }
   void Join(IConnectionOwner& owner, std::uint32_t id, CRefObj<CPluginLink> link);
 
@@ -43,28 +43,28 @@ class MyHandler : public IBaseStream::IBaseHandler, public IReference {
   CPluginLink* link() const { return link_.get(); }
 
   using IBaseHandler::Handle;
-  // False for a read step whose frame had to wait for the far side: the reactor serves others first. True for
-  // everything else.
+  // Returns false for a read step whose frame had to wait for the far side, so that the reactor serves others
+  // first; true otherwise.
   bool Handle(IBaseStream* stream, IBaseStream::NotifyType type, IBuffer* buffer,
               unsigned long length) override;
   virtual void Disconnect();
-  // As FillBuffer and FillBuffer2, with this connection's id.
+  // Like FillBuffer and FillBuffer2, with this connection's id.
   virtual bool FillBuffer(gxmod::ConnectionType type, const void* payload, void* out, std::uint64_t length);
   virtual bool FillBuffer2(gxmod::ConnectionType type, CRefObj<IBuffer> buffer, std::uint32_t offset,
                            const void* payload, std::uint32_t length);
 
-  // Queues `length` bytes for the local client. Behind an End they are dropped.
+  // Queues `length` bytes for the local client. After End they are dropped.
   CFlowControl::Filled Deliver(IBuffer* buffer, std::uint32_t length);
-  // Ends the connection once everything delivered before has left. The second one does nothing.
+  // Ends the connection once all delivered data was sent. A second call does nothing.
   void End();
   // Writes the Close frame.
   void SendClose() { SendFrame(gxmod::ConnectionType::Close, {}); }
-  // There was no memory to leave the Close to the reactor. Reader's thread.
+  // Set when there was no memory to let the reactor send the Close. Reader's thread.
   void put_OwesClose() { owes_close_ = true; }
   bool OwesClose() const { return owes_close_; }
-  // Bytes of memory that wait for the local client.
+  // Memory of the data that is queued for the local client, in bytes.
   std::uint64_t Owed() const { return link_ ? link_->flow().Owed(account_) : 0; }
-  // Of the link's flow control.
+  // For the link's flow control.
   CFlowControl::Account& account() { return account_; }
 
  private:
@@ -73,7 +73,7 @@ class MyHandler : public IBaseStream::IBaseHandler, public IReference {
   bool SendData(IBuffer& buffer, unsigned long length);
   bool SendFrame(gxmod::ConnectionType type, std::string_view payload);
 
-  IConnectionOwner* owner_ = nullptr;  // null: nobody has taken the connection
+  IConnectionOwner* owner_ = nullptr;  // null: the connection has no owner
   CRefObj<CPluginLink> link_;
   std::uint32_t id_ = 0;
   std::string target_;  // host:port
@@ -81,8 +81,8 @@ class MyHandler : public IBaseStream::IBaseHandler, public IReference {
   CFlowControl::Account account_;
   bool end_delivered_ = false;  // reader only
   bool owes_close_ = false;     // reader only
-  // new -> announced (Connect goes out, so a Close is owed) -> ended; or new -> ended, of which the far side
-  // hears nothing.
+  // new -> announced (Connect is being sent, so Close is owed) -> ended; or new -> ended, without telling the
+  // far side.
   enum class State { kNew, kAnnounced, kEnded };
   std::atomic<State> state_{State::kNew};
 };

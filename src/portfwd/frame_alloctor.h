@@ -1,4 +1,4 @@
-// The memory into which local connections are read.
+// The allocator for data that is read from local connections.
 #ifndef GX_PORTFWD_FRAME_ALLOCTOR_H
 #define GX_PORTFWD_FRAME_ALLOCTOR_H
 
@@ -8,12 +8,12 @@
 #include "gxmod/frames.h"
 #include "stream/mem_buffer.h"
 
-// Its buffers are filled already as far as the header of a frame goes, so that bytes which are read behind that
-// leave as a frame from where they are. All have the same size. A stream has one only for as long as it reads,
-// so the block that was freed last is kept for the next one. Threads: any.
+// Its buffers reserve room for a frame header before the data, and count that room as filled. So data is sent
+// as a frame from where it was read. All buffers have the same size. A stream has a buffer only while it reads,
+// so the last freed block is kept for the next buffer. Threads: any.
 class CFrameAlloctor final : public CMemAlloctorEx<CMemBuffer> {
  public:
-  static constexpr std::size_t kReadBytes = 64 * 1024;  // behind the header
+  static constexpr std::size_t kReadBytes = 64 * 1024;  // without the header
 
   CFrameAlloctor() : CMemAlloctorEx(kReadBytes) {}
   ~CFrameAlloctor() override { std::free(spare_.load()); }

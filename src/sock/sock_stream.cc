@@ -22,7 +22,8 @@ std::atomic<std::int64_t> CSockStream::s_socket_stream_count{0};
 
 namespace {
 
-// The caller maps errno to a reason after a failure has been logged, and the host's log may change it.
+// Restores errno after logging a failure, because the host's log may change it and the caller maps it to a
+// reason.
 class ErrnoKept {
  public:
   ErrnoKept() = default;
@@ -39,7 +40,7 @@ using NameGetter = int (*)(int, sockaddr*, socklen_t*);
 
 std::string NameOf(int socket, NameGetter get) {
   sockaddr_storage storage;
-  std::memset(&storage, 0, sizeof storage);  // getpeername fails on a connection that was reset
+  std::memset(&storage, 0, sizeof storage);  // getpeername fails after a reset
   socklen_t length = sizeof storage;
   get(socket, reinterpret_cast<sockaddr*>(&storage), &length);
   gxbase::SocketAddress address;
@@ -47,7 +48,8 @@ std::string NameOf(int socket, NameGetter get) {
   return address.ToString();
 }
 
-// Waits without a tracker. More than 0: ready; 0: time out; less: failed.
+// Waits for a stream without a tracker. Returns a positive value when ready, 0 on timeout, a negative value on
+// failure.
 int WaitForSocket(int socket, short events, long timeout_ms) {
   pollfd waiter{socket, events, 0};
   return poll(&waiter, 1, timeout_ms < 0 ? -1 : static_cast<int>(timeout_ms));
@@ -70,8 +72,8 @@ CSockStream::CSockStream(StreamType type) : CBaseStream(type, false) { ++s_socke
 CSockStream::~CSockStream() {
   const int socket = socket_.exchange(kNoSocket);
   if (socket != kNoSocket) close(socket);
-  // The socket is gone, so the shutdown in here reaches descriptor 0, as hosts are told in docs/limits.md. It
-  // runs only for a stream that nobody disconnected.
+  // The socket is closed, so this shutdown affects descriptor 0, as docs/limits.md tells hosts. It only happens
+  // for a stream that was never disconnected.
   if (IBaseStream::IIOOperatorImpl* operations = CSockStream::IOOperatorImpl())
     operations->Disconnect_impl(kStreamDestroyed);
   --s_socket_stream_count;
@@ -118,12 +120,12 @@ void CSockStream::do_op(SelectOp op) {
 
 bool CSockStream::Disconnect_impl(unsigned int reason) {
   if (!CBaseStream::Disconnect_impl(reason)) return false;
-  // All that was written has left the stream, but perhaps not the system.
+  // All written data has left the stream, but perhaps not yet the system.
   const bool lingers = reason == kStreamEnd && HasEnded() && CTCPLingerTask::Start(socket_, tracker_);
   if (!lingers) shutdown(socket_, SHUT_RDWR);
   try {
     Notify(kDisconnected, nullptr, reason, false);
-  } catch (...) {  // whoever disconnects has others to disconnect, too
+  } catch (...) {  // the caller has further streams to disconnect
     GXModLog(kGXModLogError, "[CSockStream] a handler ended with an exception when told of the disconnect");
   }
   return true;
@@ -145,10 +147,10 @@ bool CSockStream::readbyflag(char* data, long length, long& count, long timeout_
 
   const auto most = static_cast<std::size_t>(budget > 0 ? std::min<std::int64_t>(length, budget) : length);
   const ssize_t got = recv(socket_, data, most, flags);
-  if (got == 0) return false;  // the peer closed; errno is whatever an earlier call left
+  if (got == 0) return false;  // the peer closed; errno is from an earlier call
   if (got > 0) {
     count = got;
-    // A socket that was emptied would, at another look, only tell so.
+    // A short read has emptied the socket: another read would only return EAGAIN.
     read_budget_ = static_cast<std::size_t>(got) < most ? 0 : budget - got;
     return true;
   }
@@ -168,8 +170,8 @@ bool CSockStream::readbyflag(char* data, long length, long& count, long timeout_
   if (WaitInTracker(TaskFor(kSelectReadable), read_pending_)) return true;
 
   const int ready = WaitForSocket(socket_, POLLIN, timeout_ms);
-  // After the wait a peek, too, is a plain read, and `flags` stands for its time-out: callers without a tracker
-  // rely on it.
+  // After the wait a peek becomes a plain read, with `flags` as its time limit: callers without a tracker rely
+  // on it.
   if (ready > 0) return read(data, length, count, flags);
   GXModLog(kGXModLogTrace, "[CSockstream] read failed %d, select %d @4 %d", error.value(), ready, 429);
   return false;
@@ -232,7 +234,7 @@ bool CSockStream::read_step(IBuffer* buffer, unsigned long length) {
   return goes_on;
 }
 
-// What has been read is no longer in the socket, so that select knows nothing of it.
+// Data that was already read is no longer in the socket, so select cannot report it: use a turn task.
 bool CSockStream::may_step() {
   if (read_pending_) return false;
   return !yields_ || !WaitInTracker(CTCPTask(new CTCPTurnTask(this)), read_pending_);
@@ -253,12 +255,11 @@ void CSockStream::ReadNames() {
 
 CTCPTask CSockStream::TaskFor(SelectOp op) { return CTCPTask(new CTCPStreamTask(socket_, op, this)); }
 
-// False without a tracker. A tracker that has stopped refuses the task; its owner disconnects every stream
-// then.
+// Returns false without a tracker. A stopped tracker refuses the task; its owner then disconnects every stream.
 bool CSockStream::WaitInTracker(const CTCPTask& task, std::atomic<bool>& pending) {
   ITCPTaskTracker* tracker = tracker_;
   if (tracker == nullptr) return false;
-  pending = true;  // before the task is out: the reactor may run it at once
+  pending = true;  // before AddTask, because the reactor may run the task at once
   try {
     tracker->AddTask(task);
   } catch (...) {

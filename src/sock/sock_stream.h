@@ -1,4 +1,4 @@
-// The stream over one connected TCP socket.
+// The stream of one connected TCP socket.
 #ifndef GX_SOCK_SOCK_STREAM_H
 #define GX_SOCK_SOCK_STREAM_H
 
@@ -11,35 +11,35 @@
 #include "reactor/tcp_task.h"
 #include "stream/base_stream.h"
 
-// Owns its socket, which it expects to be non-blocking. What would block is handed to the tracker as a task;
-// while a task of one direction is pending, further calls in that direction return true with nothing done.
-// Without a tracker, a call that would block waits. One connection does not hold the reactor's thread: what it
-// reads and sends there in one turn has a bound, and its next turn comes after those of the others. A turn of
-// reading also ends when the handler answers kReadStep with false: it had to wait for the far side. Every
-// stream is disconnected before its last reference goes; see the destructor.
+// Owns its socket, which must be non-blocking. An operation that would block becomes a task in the tracker;
+// while a task of one direction is pending, further calls in that direction return true without moving data.
+// Without a tracker, the call waits. The bytes that are read and sent for one connection in a turn of the
+// reactor's thread are limited; its next turn comes after those of the other connections. A turn of reading
+// also ends when the handler answers kReadStep with false: it had to wait for the far side. Every stream is
+// disconnected before its last reference is dropped; see the destructor.
 class CSockStream : public CBaseStream {
  public:
-  // Live streams of the process.
+  // Number of live streams in the process.
   static std::atomic<std::int64_t> s_socket_stream_count;
 
-  // `tracker` may be null. `connected`: the socket is connected already.
+  // `tracker` may be null. `connected`: the socket is already connected.
   CSockStream(ITCPTaskTracker* tracker, int socket, StreamType type, bool connected);
-  // Without a socket; SetSocket and SetTracker follow.
+  // Starts without a socket; call SetSocket and SetTracker next.
   explicit CSockStream(StreamType type);
-  // Closes the socket. A stream that was never disconnected disconnects now, with kStreamDestroyed.
+  // Closes the socket. Disconnects a stream that was never disconnected, with kStreamDestroyed.
   ~CSockStream() override;
 
-  // Takes over `socket`; one that is held already is closed first. Always true.
+  // Takes ownership of `socket` and closes the previous one. Always true.
   bool SetSocket(int socket, bool connected);
-  // Not owned. Returns the previous one.
+  // Borrows `tracker`. Returns the previous one.
   ITCPTaskTracker* SetTracker(ITCPTaskTracker* tracker);
-  // The socket has become ready for `op`. Reactor's work thread; the caller holds a reference.
+  // The socket is ready for `op`. Reactor's work thread; the caller holds a reference.
   void do_op(SelectOp op);
 
-  // Shuts the socket down both ways and tells the handler, once. At an orderly end (HasEnded) of which the peer
-  // has not received everything yet, a CTCPLingerTask takes the receiving direction over instead. Never throws.
+  // Shuts the socket down in both directions and tells the handler, once. At a normal end (HasEnded), while the
+  // peer has not yet received everything, a CTCPLingerTask takes over the receiving direction. Never throws.
   bool Disconnect_impl(unsigned int reason) override;
-  // The socket's own and its peer's address as text, "127.0.0.1:22".
+  // The addresses of the socket and of its peer as text: "127.0.0.1:22".
   const char* GetStreamName_impl() const override { return local_name_.c_str(); }
   const char* GetPeerName_impl() const override { return peer_name_.c_str(); }
 
@@ -58,7 +58,7 @@ class CSockStream : public CBaseStream {
 
  private:
   static constexpr int kNoSocket = 0;
-  // What a thread reads or sends for this stream in one turn, which ends in the tracker.
+  // The maximum that a thread reads or sends for this stream in one turn; the stream continues in the tracker.
   static constexpr std::int64_t kReadTurnBytes = 64 * 1024;
   static constexpr std::int64_t kSendTurnBytes = 256 * 1024;
 
@@ -71,10 +71,10 @@ class CSockStream : public CBaseStream {
   std::string peer_name_;
   std::atomic<bool> read_pending_{false};
   std::atomic<bool> write_pending_{false};
-  std::atomic<std::int64_t> read_budget_{kReadTurnBytes};  // left of this turn
-  std::atomic<bool> yields_{false};                        // the handler had to wait: the turn is over
-  // The same: of the reactor's turn, and of what another thread sends itself. That one may find a long queue,
-  // too, and has its own work to go back to.
+  std::atomic<std::int64_t> read_budget_{kReadTurnBytes};  // bytes left in this turn
+  std::atomic<bool> yields_{false};  // the handler had to wait for the far side: the turn is over
+  // Bytes left for sending: in the reactor's turn, and for another thread that sends directly. Such a thread
+  // may find a long queue, too, and has other work to do.
   std::atomic<std::int64_t> turn_budget_{kSendTurnBytes};
   std::atomic<std::int64_t> own_budget_{kSendTurnBytes};
   std::atomic<std::thread::id> reactor_{};

@@ -18,14 +18,14 @@ CRefObj<IMemAlloctor> CBaseStream::s_bufAlloc(new (std::nothrow) CMemAlloctorEx<
 
 namespace {
 
-// Milliseconds left of a limit that began at `since`; kNoTimeout: there is no limit.
+// Milliseconds left of a limit that started at `since`; kNoTimeout: no limit.
 std::uint64_t TimeLeft(std::uint64_t since, std::uint64_t limit, std::uint64_t now) {
   if (limit == kNoTimeout) return kNoTimeout;
   const std::uint64_t end = limit < kNoTimeout - since ? since + limit : kNoTimeout;
   return end > now ? end - now : 0;
 }
 
-// As transports take it: -1 is no limit.
+// The form for transports: -1 means no limit.
 long TransportTimeout(std::uint64_t left) {
   constexpr std::uint64_t kLongest = std::numeric_limits<long>::max();
   return left == kNoTimeout ? -1 : static_cast<long>(std::min(left, kLongest));
@@ -40,7 +40,7 @@ CBaseStream::CBaseStream(StreamType type, bool connected)
       allocator_(s_bufAlloc),
       start_tick_ms_(gettickcount()) {}
 
-// The properties go first: their destructors may still ask the stream.
+// Release the properties first: their destructors may still call the stream.
 CBaseStream::~CBaseStream() { properties_.Clear(); }
 
 IThreadSafty* CBaseStream::ThreadSaftyImpl() { return thread_safty_.load(std::memory_order_acquire); }
@@ -63,7 +63,7 @@ bool CBaseStream::ChangeThreadSaftyImpl(IThreadSafty* safty) {
 unsigned long CBaseStream::Write(const void* data, unsigned long length, unsigned long timeout_ms) {
   if (data == nullptr) return length == 0 ? WriteEnd() : kNotConnected;
   const CRefObj<IBuffer> copy = NewBuffer(length);
-  // An allocator with a maximum may have given less.
+  // An allocator with a maximum size may have returned a smaller buffer.
   if (!copy || copy->SetSize(length) != length) return kNotConnected;
   if (length != 0) std::memcpy(copy->GetPointer(), data, length);
   return Write_impl(copy.get(), length, timeout_ms);
@@ -127,7 +127,7 @@ bool CBaseStream::GetFreeBuffer(IBuffer** out, unsigned long length) {
 
 bool CBaseStream::Disconnect_impl(unsigned int /*reason*/) {
   if (closed_.exchange(true, std::memory_order_acq_rel)) return false;
-  std::list<CItem> dropped[2];  // outlive the lock; a task may hold the stream itself for long
+  std::list<CItem> dropped[2];  // destroyed after the lock is released; a task may hold the stream for long
   CStdLock lock(queue_lock_);
   for (const Direction way : {kReceive, kSend}) dropped[way].swap(transfers_[way].queue);
   return true;
@@ -148,7 +148,7 @@ CBaseStream::CDeadline CBaseStream::NextDeadline() const {
   if (!HadConnected_impl()) {
     return {"[basestream] connect server timeout", start_tick_ms_, connect_timeout_ms_};
   }
-  // A read goes first, even if the write's deadline is nearer.
+  // A pending read's deadline counts first, even if the write's is nearer.
   const CDeadline& read = transfers_[kReceive].deadline;
   return read.limit != kNoTimeout ? read : transfers_[kSend].deadline;
 }
@@ -230,15 +230,15 @@ unsigned long CBaseStream::Drain(Direction way, bool from_reactor) {
     try {
       progress = Step(way, total);
     } catch (...) {
-      // Bytes may have moved that nobody was told of. Going on would lose them without a word.
+      // Bytes may have been moved without being reported: continuing would lose them silently.
       GXModLog(kGXModLogError, "[basestream] a transfer ended with an exception, the stream is disconnected");
       progress = Fail(kStreamOtherError);
     }
     if (progress == kMoved) continue;
     if (progress == kBusy) DropEmptyBuffer(current_[way].front());
 
-    // Seeing that there is nothing to do and leaving are one step under this lock. Whoever appends a request,
-    // or has become ready, is either seen here or finds the entrance free.
+    // Clearing `inside` and checking that the queue is empty happen under one lock. So a new request or a
+    // transport that became ready is either seen here, or its thread can enter.
     CStdLock lock(queue_lock_);
     CTransfer& transfer = transfers_[way];
     assert(transfer.inside);
@@ -276,7 +276,7 @@ CBaseStream::Progress CBaseStream::Step(Direction way, unsigned long& total) {
     Complete(way);
     return kNoRequest;
   }
-  // A hook may have disconnected: its handler shall hear of nothing more.
+  // A hook may have disconnected the stream: the handler must get no further notifications.
   if (!CBaseStream::IsConnect_impl()) return kClosed;
   if (item.untold == 0) {
     const Progress progress = Move(item);
@@ -327,13 +327,13 @@ void CBaseStream::MakeBuffer(CItem& item) {
   }
 }
 
-// A stream that waits, perhaps for long, needs no memory for what may come.
+// A stream may wait for long, so it returns its empty buffer meanwhile.
 void CBaseStream::DropEmptyBuffer(CItem& item) {
   if (item.own_buffer && item.buffer && item.untold == 0 && item.buffer->GetSize() == item.begin)
     item.buffer = {};
 }
 
-// Where the next byte of a read goes: behind the filled ones; a handler may have emptied the stream's own
+// The position of the next byte of a read: after the filled ones; the handler may have emptied the stream's own
 // buffer.
 std::uint64_t CBaseStream::RoomBegin(const CItem& item) {
   return item.own_buffer ? item.told : item.buffer->GetSize();
@@ -356,7 +356,7 @@ bool CBaseStream::CallTransport(const CItem& item, long& moved, long timeout_ms)
 void CBaseStream::Account(Direction way, CItem& item, std::uint64_t bytes) {
   item.untold -= bytes;
   item.done += bytes;
-  item.remaining = item.kind == kPeek ? 0 : item.remaining - bytes;  // a peek takes what there is
+  item.remaining = item.kind == kPeek ? 0 : item.remaining - bytes;  // a peek reads only once
   if (item.remaining == 0 && item.timeout_ms != kNoTimeout) {
     CStdLock lock(queue_lock_);
     transfers_[way].deadline = {};

@@ -1,4 +1,4 @@
-// Everything about a stream that does not depend on its transport.
+// The part of a stream that is independent of its transport.
 #ifndef GX_STREAM_BASE_STREAM_H
 #define GX_STREAM_BASE_STREAM_H
 
@@ -11,14 +11,14 @@
 #include "object/reference.h"
 #include "stream/ibase_stream.h"
 
-// Keeps the queues of requests, their time-outs, the connection's status, the allocator, the properties and the
-// ownership token. A transport derives from it, supplies the five pure operations at the end, sets the status
-// when it connects, and calls RecvRout and SendRout when it can move bytes again.
+// Holds the queued requests, their time limits, the connection's status, the allocator, the properties and the
+// ownership token. A transport derives from it, implements the five pure virtual functions at the end, sets the
+// status when it connects, and calls RecvRout and SendRout when it can move bytes again.
 //
-// Requests of one direction complete in the order in which they were queued, drained by one thread at a time;
-// any thread may queue, and any thread's call may be the one that drains. No lock is held while the transport
-// or the handler is called. Callers hold a reference until their call returns, even if the handler drops its
-// own.
+// The requests of one direction complete in the order in which they were queued, and one thread at a time runs
+// them. Any thread may queue a request, and may become the one that runs the queue. No lock is held while the
+// transport or the handler is called. Callers hold a reference until their call returns, even if the handler
+// drops its own.
 class CBaseStream : public IBaseStream,
                     private CReference,
                     public IPropertyList_Impl,
@@ -31,7 +31,7 @@ class CBaseStream : public IBaseStream,
   // The default allocator of every stream.
   static CRefObj<IMemAlloctor> s_bufAlloc;
 
-  // `connected`: the transport is connected already.
+  // `connected`: the transport is already connected.
   CBaseStream(StreamType type, bool connected);
   ~CBaseStream() override;
   GX_FORWARD_REFERENCE();
@@ -49,9 +49,10 @@ class CBaseStream : public IBaseStream,
 
   using IBaseStream::Write;
 
-  // Replaces what ThreadSaftyImpl returns. Null changes nothing and returns false.
+  // Replaces the result of ThreadSaftyImpl. Null changes nothing and returns false.
   virtual bool ChangeThreadSaftyImpl(IThreadSafty* safty);
-  // Queues a copy of `length` bytes at `data`. Null and 0: the empty write. kNotConnected also without memory.
+  // Queues a copy of `length` bytes at `data`. Null and 0 queue the empty write. Also kNotConnected when memory
+  // runs out.
   virtual unsigned long Write(const void* data, unsigned long length, unsigned long timeout_ms);
 
   unsigned long Write_impl(_WRITE_BUF* list, unsigned long count, unsigned long timeout_ms) override;
@@ -65,61 +66,59 @@ class CBaseStream : public IBaseStream,
   bool IsConnect_impl() const override;
   bool IsClosed_impl() const override;
   bool HadConnected_impl() const override;
-  // True: `*out` is a buffer of `length` bytes, counted for the caller.
+  // Returns true with a buffer of `length` bytes in `*out`, as a new reference for the caller.
   virtual bool GetFreeBuffer(IBuffer** out, unsigned long length);
   StreamType GetStreamType_impl() const override { return type_; }
-  // Marks the stream closed. The reason is for the transport, which overrides this to close its connection.
+  // Marks the stream closed. A transport overrides this to close its connection; the reason is for it.
   bool Disconnect_impl(unsigned int reason) override;
   // Milliseconds to the next deadline at `now_ms` (monotonic); 0: it has passed; kNoTimeout: there is none.
-  // While a read is pending only its deadline counts.
+  // While a read is pending, only its deadline counts.
   virtual bool timeout(unsigned long now_ms);
   virtual unsigned long timeleft(unsigned long now_ms);
-  // False: nothing was ever given a limit, so that there is no deadline, and no need to look at the clock.
+  // False while no time limit was ever set: there is no deadline, and the clock need not be read.
   bool HasLimits() const { return has_limits_.load(std::memory_order_relaxed); }
   const char* GetStreamName_impl() const override { return ""; }
   const char* GetPeerName_impl() const override { return ""; }
 
-  // Drain the queue of one direction as far as the transport goes. They return the bytes moved by this call, or
-  // kNotConnected. `from_reactor`: the transport has become ready, so if another thread is draining it must
-  // look once more. An exception out of the transport or the handler goes no further: it is logged and ends the
-  // stream.
+  // Run the queue of one direction as far as the transport allows. They return the bytes moved by this call, or
+  // kNotConnected. `from_reactor`: the transport has become ready, so another thread that runs the queue must
+  // try once more. An exception from the transport or the handler is logged and ends the stream.
   virtual unsigned long RecvRout(bool from_reactor);
   virtual unsigned long SendRout(bool from_reactor);
 
-  // All ones: no limit. The first bounds the time to connect, the second has no effect, the third replaces
-  // the time-out of every later request. Restarts the clock of the first.
+  // Time limits in milliseconds; all ones means no limit. The first limits the time to connect, counted from
+  // this call; the second has no effect; the third replaces the limit of every later request.
   void SetConnectTimeout(unsigned long connect_ms, unsigned long /*transport_ms*/, unsigned long request_ms);
-  // Null leaves the stream without an allocator. Returns the previous one.
+  // Null removes the allocator. Returns the previous one.
   CRefObj<IMemAlloctor> SetMemAlloc(IMemAlloctor* allocator);
   void SetReadFlag(bool /*on*/) {}  // does nothing
 
-  // The contract for transports. `*count` is 0 when called. True with 0 bytes: the transport is busy and will
-  // call RecvRout or SendRout with true when it is ready. False: failed or ended, errno tells why.
+  // The interface of transports. `*count` is 0 on entry. True with 0 bytes: the transport is busy and will call
+  // RecvRout or SendRout with true when it is ready. False: it failed or ended; errno tells why.
   virtual bool read(char* data, long length, long& count, long timeout_ms) = 0;
   virtual bool peek(char* data, long length, long& count, long timeout_ms) = 0;
   virtual bool write(const char* data, long length, long& count, long timeout_ms, long flags) = 0;
-  // Hooks for the handler's notifications. Their results are the transport's own affair.
+  // Hooks that notify the handler. Only the transport uses their results.
   virtual bool read_done(IBuffer* buffer, unsigned long length) = 0;
   virtual bool write_done(IBuffer* buffer, unsigned long length) = 0;
   virtual bool read_step(IBuffer* /*buffer*/, unsigned long /*length*/) { return true; }
   virtual bool peek_done(IBuffer* /*buffer*/, unsigned long /*length*/) { return true; }
   virtual bool write_step(IBuffer* /*buffer*/, unsigned long /*length*/) { return true; }
-  // What the last read brought is to be told in one more step. False: not now, the transport will call RecvRout
-  // with true.
+  // Whether the next step of already read data may be reported now. On false the transport calls RecvRout with
+  // true later.
   virtual bool may_step() { return true; }
 
  protected:
-  // For the transport: the connection stands (again).
+  // For the transport: it is connected (again).
   void SetConnected(bool had_connected);
   void SetHadConnected() { had_connected_.store(true, std::memory_order_release); }
-  // The empty write has had its turn: all that was written has left the stream, which therefore disconnects.
+  // True after the empty write: all written data has left the stream, which therefore disconnects.
   bool HasEnded() const { return ended_.load(std::memory_order_relaxed); }
 
  private:
   enum Direction { kReceive, kSend };
   enum Kind { kRead, kPeek, kWrite };
-  // The most that a step into the stream's own buffer brings. Steps end where the request has got a multiple of
-  // it.
+  // The maximum size of a step into the stream's own buffer. Steps end at multiples of it within the request.
   static constexpr std::uint64_t kStepBytes = 4096;
 
   // One queued request.
@@ -128,31 +127,31 @@ class CBaseStream : public IBaseStream,
     std::uint64_t done = 0;
     std::uint64_t remaining = 0;
     std::uint64_t timeout_ms = kNoTimeout;
-    std::uint64_t queued_at_ms = 0;  // only with a limit
+    std::uint64_t queued_at_ms = 0;  // set only with a time limit
     CRefObj<IBuffer> buffer;
-    std::uint64_t untold = 0;  // bytes that have been moved, but not been told to the handler
-    bool own_buffer = false;   // the stream makes it when there is something to read, and these two count:
-    std::uint64_t begin = 0;   // the filled size with which the allocator gave it
-    std::uint64_t told = 0;    // where the bytes end that have been told
+    std::uint64_t untold = 0;  // bytes that were moved but not yet reported to the handler
+    bool own_buffer = false;   // created by the stream when there is data to read; begin and told apply
+    std::uint64_t begin = 0;   // the filled size that the allocator had set
+    std::uint64_t told = 0;    // end of the reported bytes
   };
 
-  // What timeleft looks at.
+  // A deadline of timeleft.
   struct CDeadline {
-    const char* missed = "";  // what the log says of it
+    const char* missed = "";  // the log's text for it
     std::uint64_t since = 0;
     std::uint64_t limit = kNoTimeout;
   };
 
-  // The requests of one direction, but for the current one.
+  // The requests of one direction, except for the current one.
   struct CTransfer {
     std::list<CItem> queue;
     CDeadline deadline;   // of the current request
-    bool inside = false;  // some thread is draining
+    bool inside = false;  // a thread is running the queue
     bool again = false;   // the transport became ready meanwhile
   };
 
   static CDeadline DeadlineOf(const CItem& item);
-  // A list of one.
+  // Returns a list of one request.
   static std::list<CItem> MakeRequest(Kind kind, IBuffer* buffer, unsigned long length,
                                       unsigned long timeout_ms);
 
@@ -162,19 +161,19 @@ class CBaseStream : public IBaseStream,
   void Append(Direction way, std::list<CItem> items);
   void StartClock(CItem& item);
 
-  // How a step of the current request ended.
+  // The result of a step of the current request.
   enum Progress {
     kMoved,
-    kBusy,       // the transport will tell when it is ready
-    kNoRequest,  // there is none, or it has completed
-    kClosed,     // the stream is
+    kBusy,       // the transport will report when it is ready
+    kNoRequest,  // the queue is empty, or the request has completed
+    kClosed,     // the stream is closed
   };
 
-  // The transfer routine, and what it calls: all but Enter only on the thread that is inside.
+  // The transfer function and its helpers: all except Enter run only on the thread that runs the queue.
   unsigned long Drain(Direction way, bool from_reactor);
-  // False: somebody is draining.
+  // Returns false when another thread is running the queue.
   bool Enter(Direction way, bool from_reactor);
-  bool TakeNext(Direction way) REQUIRES(queue_lock_);  // false: there is none
+  bool TakeNext(Direction way) REQUIRES(queue_lock_);  // false: the queue is empty
   Progress Step(Direction way, unsigned long& total);
   Progress Move(CItem& item);
   void MakeBuffer(CItem& item);
@@ -184,7 +183,7 @@ class CBaseStream : public IBaseStream,
   bool CallTransport(const CItem& item, long& moved, long timeout_ms);
   void Account(Direction way, CItem& item, std::uint64_t bytes);
   void Complete(Direction way);
-  Progress Fail(unsigned code);  // disconnects; always kClosed
+  Progress Fail(unsigned code);  // disconnects; always returns kClosed
   CDeadline NextDeadline() const;
 
   CPropertyList properties_;
@@ -198,12 +197,13 @@ class CBaseStream : public IBaseStream,
   const StreamType type_;
 
   mutable CStdMutex queue_lock_;
-  CTransfer transfers_[2] GUARDED_BY(queue_lock_);  // by Direction
+  CTransfer transfers_[2] GUARDED_BY(queue_lock_);  // index: Direction
   CRefObj<IMemAlloctor> allocator_ GUARDED_BY(queue_lock_);
   std::uint64_t start_tick_ms_ GUARDED_BY(queue_lock_);
   std::uint64_t connect_timeout_ms_ GUARDED_BY(queue_lock_) = kNoTimeout;
   std::uint64_t request_timeout_ms_ GUARDED_BY(queue_lock_) = kNoTimeout;
-  std::list<CItem> current_[2];  // by Direction: one request or none; only the thread that is inside touches it
+  std::list<CItem>
+      current_[2];  // index: Direction; at most one request; only used by the thread that runs the queue
   OBJECT_MONITOR<CBaseStream> monitor_;
 };
 

@@ -1,4 +1,4 @@
-// The one interface to a byte stream.
+// The interface of a byte stream.
 #ifndef GX_STREAM_IBASE_STREAM_H
 #define GX_STREAM_IBASE_STREAM_H
 
@@ -9,41 +9,41 @@
 #include "stream/property_list.h"
 #include "stream/thread_safty.h"
 
-// Reasons that a stream gives for a disconnect.
+// Reasons for a disconnect.
 enum StreamCode : unsigned {
-  kStreamAgain = 0xC000,         // the system's EAGAIN; two more reasons share the number, as handlers know it:
-  kStreamEnd = kStreamAgain,     //   the empty write, an orderly end
-  kStreamNoRoom = kStreamAgain,  //   a receive buffer without room
-  kStreamDestroyed = 0xC001,     // the stream's last reference went
-  kStreamTimeout = 0xE004,       // a request or a socket task ran out of time; host down or unreachable
+  kStreamAgain = 0xC000,  // the system's EAGAIN; existing handlers rely on two more reasons with this number:
+  kStreamEnd = kStreamAgain,     // the empty write, a normal end
+  kStreamNoRoom = kStreamAgain,  // a full receive buffer
+  kStreamDestroyed = 0xC001,     // the stream's last reference was dropped
+  kStreamTimeout = 0xE004,       // a request or a socket task timed out; host down or unreachable
   kStreamSocketError = 0xE005,   // also: a read without a buffer
   kStreamTimedOut = 0xE007,      // the system's ETIMEDOUT
   kStreamConnReset = 0xE068,     // the system's ECONNRESET
   kStreamOtherError = 0xE3E7,    // any other errno
 };
 
-// Time-outs are milliseconds; this one means "no limit".
+// Time limits are in milliseconds; this value means "no limit".
 inline constexpr unsigned long kNoTimeout = ~0UL;
-// What a transfer operation returns when the stream is not connected.
+// The result of a transfer operation when the stream is not connected.
 inline constexpr unsigned long kNotConnected = ~0UL;
 
-// Reads, peeks and writes are requests that complete later; a handler hears of it. Requests share the buffer
-// with the caller: the stream holds a reference of its own until the request has completed. Every operation
-// below reaches the stream through one of the facets at the end of the table, so that a decorator can replace
-// one facet; where a facet is null the operation returns 0, false or null. Threads: any, except that the
-// handler is installed before the stream is shared.
+// Reads, peeks and writes are requests that complete later; the handler is told. A request shares its buffer
+// with the caller: the stream holds a reference until the request has completed. Every operation below calls
+// one of the facets at the end of the table, so that a decorator can replace a facet; where a facet is null,
+// the operation returns 0, false or null.
+// Threads: any, except that the handler must be set before the stream is shared.
 class IBaseStream : public IReference {
  public:
-  using StreamType = std::uint32_t;  // passed through, without meaning to the stream
+  using StreamType = std::uint32_t;  // stored for the owner, without a meaning for the stream
 
   enum NotifyType : std::uint32_t {
     kConnected = 0,
     kDisconnected = 1,  // once; the length is the reason, a StreamCode
-    // The length is what this step appended to the buffer. The handler answers false when it had to wait for
-    // the far side: the stream then reads on only when others have had their turn.
+    // The length is the number of bytes that this step appended to the buffer. The handler answers false when
+    // it had to wait for the far side: the stream then continues reading after the others' turns.
     kReadStep = 2,
-    kWriteStep = 3,  // the length is what this step sent
-    kReadDone = 4,   // the length is that of the whole request, as in the next two
+    kWriteStep = 3,  // the length is the number of bytes that this step sent
+    kReadDone = 4,   // here and below the length is that of the whole request
     kWriteDone = 5,
     kPeekDone = 6,
   };
@@ -54,8 +54,7 @@ class IBaseStream : public IReference {
     unsigned long length;
   };
 
-  // Hears what happens on a stream, on whichever thread makes it happen. No lock of the stream is held
-  // meanwhile.
+  // Receives a stream's events, on the thread that causes them. No lock of the stream is held during a call.
   class IBaseHandler {
    public:
     virtual bool Handle(CRefObj<IBaseStream> stream, NotifyType type, CRefObj<IBuffer> buffer);
@@ -67,7 +66,7 @@ class IBaseStream : public IReference {
   class IUserDataImpl {
    public:
     virtual ~IUserDataImpl() = default;
-    virtual void* SetUserData_impl(void* data) = 0;  // returns the previous word
+    virtual void* SetUserData_impl(void* data) = 0;  // returns the previous value
     virtual void* GetUserData_impl() const = 0;
   };
 
@@ -98,23 +97,23 @@ class IBaseStream : public IReference {
     virtual const char* GetPeerName_impl() const = 0;
     virtual bool HadConnected_impl() const = 0;
 
-    // The StreamCode for an errno.
+    // Returns the StreamCode for an errno.
     static unsigned ErrnoToTarnErrorCode(unsigned int error);
   };
 
-  // Queue one request and move what can be moved at once. They return the bytes moved by this call (0 is no
-  // failure), or kNotConnected.
+  // Queue one request and move what can be moved at once. They return the number of bytes moved by this call (0
+  // is not a failure), or kNotConnected.
   virtual unsigned long Write(_WRITE_BUF* list, unsigned long count, unsigned long timeout_ms);
   virtual unsigned long Write(IBuffer* buffer, unsigned long length, unsigned long timeout_ms);
-  // A null `buffer` lets the stream make one of `length` bytes, when there is something to read; steps of 4,096
-  // bytes at most then tell what was read at once. A handler that has no more use for the bytes of a step may
-  // set the size back to what it was before the first one: the stream goes on behind them, but gives an empty
-  // buffer back while it waits, and later steps come in another one. A `length` of 0 queues nothing.
+  // With a null `buffer` the stream creates one of `length` bytes when there is data to read, and reports the
+  // data of each read in steps of at most 4,096 bytes. A handler that no longer needs a step's bytes may reset
+  // the buffer's size to the size before the first step. The stream then still appends after those bytes, but
+  // releases an empty buffer while it waits, and later steps use a new one. A `length` of 0 queues nothing.
   virtual unsigned long Read(IBuffer* buffer, unsigned long length, unsigned long timeout_ms);
   virtual unsigned long Peek(IBuffer* buffer, unsigned long length, unsigned long timeout_ms);
-  // True when this call ended the stream.
+  // Returns true when this call ended the stream.
   virtual bool Disconnect(unsigned int reason);
-  virtual void* SetUserData(void* data);  // returns the previous word
+  virtual void* SetUserData(void* data);  // returns the previous value
   virtual void* GetUserData() const;
   virtual void SetReceiveNonAck(bool on);  // does nothing
   virtual bool IsConnect() const;          // connected and not closed
@@ -126,7 +125,7 @@ class IBaseStream : public IReference {
   virtual bool AddProperty(IReference* property);
   virtual bool DelProperty(IReference* property);
   virtual bool DeleteAll();
-  // The handler is not counted: its owner keeps it alive while it is installed. Returns the previous one.
+  // The handler is borrowed: its owner keeps it alive while it is set. Returns the previous one.
   virtual IBaseHandler* Handler() const;
   virtual IBaseHandler* Handler(IBaseHandler* handler);
 
@@ -137,8 +136,7 @@ class IBaseStream : public IReference {
   virtual IStatusImpl* StatusImpl() = 0;
   virtual IThreadSafty* ThreadSaftyImpl() = 0;
 
-  // Queues the empty write: once everything queued before it has left, the stream disconnects with
-  // kStreamEnd.
+  // Queues the empty write: when all earlier requests have been sent, the stream disconnects with kStreamEnd.
   unsigned long WriteEnd() { return Write(static_cast<IBuffer*>(nullptr), 0, kNoTimeout); }
 };
 
