@@ -27,7 +27,7 @@ inline constexpr std::size_t kTestRespondHeaderBytes = 8;  // in front of the me
 
 // The kind of a frame.
 enum class ConnectionType : std::uint8_t {
-  Connect = 1,      // module to far side: open a connection; the payload is the target as host:port
+  Connect = 1,      // module to far side: open; payload: the target as host:port, no terminator
   Data = 2,         // both directions: the payload is data of the connection
   Close = 3,        // both directions: the connection has ended; no payload
   TestChannel = 4,  // module to far side, id 0: the payload is the test's text

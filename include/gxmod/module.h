@@ -75,8 +75,7 @@ class IGXModCreateParams : public virtual IReference {
 };
 
 // Keys of IGXModCreateParams.
-inline constexpr const char* kGXModPropertyVersion =
-    "gx.module.version";  // unsigned 64-bit integer: a packed version
+inline constexpr const char* kGXModPropertyVersion = "gx.module.version";  // unsigned 64-bit, packed
 inline constexpr const char* kGXModPropertyInterfaceName = "gx.module.interface.name";  // text
 
 // A version packed into 64 bits: major in bits 63-48, minor in bits 47-32, build in bits 31-0.

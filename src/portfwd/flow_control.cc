@@ -43,7 +43,7 @@ void CFlowControl::Released(Account& account, std::uint64_t payload) {
 void CFlowControl::WriteWaits(std::uint64_t now_ms) {
   write_waits_since_ms_.store(now_ms);
   if (!wants_write_.load()) return;
-  CStdLock lock(mutex_);  // locking ensures that the reader is asleep or has not looked yet
+  CStdLock lock(mutex_);  // the reader has just looked: taking the lock waits until it sleeps
   changed_.notify_one();
 }
 
@@ -102,7 +102,7 @@ CFlowControl::Verdict CFlowControl::Judge(Account& account) {
   if (stopped_ || (!account.level_.waits && !total_.waits)) return {Verdict::kGoOn};
   const std::uint64_t now_ms = now_();
 
-  // Find the connection that blocks the reader and has taken nothing for longest.
+  // Find the largest connection that blocks the reader and has taken nothing for stall_ms.
   std::uint64_t until_ms = kNever;
   Account* stalled = nullptr;
   for (Account* held : accounts_) {

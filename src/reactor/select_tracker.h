@@ -84,8 +84,7 @@ class select_tracker : public ITimer {
   void EndPass();
 
   std::atomic<bool> stopped_{true};
-  std::atomic<bool> listening_{
-      false};  // a pass waits, or is about to wait, and needs a datagram to notice a change
+  std::atomic<bool> listening_{false};  // a pass waits or is about to, and a change must send it a datagram
   const std::unique_ptr<tarn::event_t, EventDeleter> event_;  // ends an idle pass
   CUdpLoopback loopback_;                                     // ends a select pass; closed by idle passes
   bool deaf_ = false;            // no wake-up socket could be opened; select thread only
