@@ -72,6 +72,7 @@ class CRefObj {
 
   // True for the same object, or when both are empty.
   friend bool operator==(const CRefObj& a, const CRefObj& b) noexcept { return a.object_ == b.object_; }
+  // True for different objects, or when only one is empty.
   friend bool operator!=(const CRefObj& a, const CRefObj& b) noexcept { return a.object_ != b.object_; }
 
  private:
