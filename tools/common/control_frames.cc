@@ -8,7 +8,7 @@ namespace {
 
 constexpr std::size_t kTotalBytes = sizeof(std::uint64_t);
 
-// Little-endian, like the machines themselves.
+// In the machine's byte order, which is little-endian.
 void AppendTotal(std::uint64_t total, std::string* out) {
   char bytes[kTotalBytes];
   std::memcpy(bytes, &total, sizeof bytes);

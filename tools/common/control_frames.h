@@ -1,6 +1,6 @@
-// Frames that gx-ssh and gx-ssh-peer exchange beside those of gxmod/frames.h. Their connection id is 0 unless
-// told otherwise. The module drops unknown types, so a far side may send them; gx-ssh keeps them away from the
-// module all the same.
+// Frames that gx-ssh and gx-ssh-peer exchange in addition to those of gxmod/frames.h. Their connection id is 0
+// unless stated otherwise. gx-ssh removes them before the module sees them; the module would drop them as
+// unknown types.
 #ifndef GX_COMMON_CONTROL_FRAMES_H
 #define GX_COMMON_CONTROL_FRAMES_H
 
@@ -15,24 +15,24 @@
 namespace gxtool {
 
 inline constexpr auto kPingFrame =
-    static_cast<gxmod::ConnectionType>(0xF0);  // payload: kPingBytes opaque bytes
-inline constexpr auto kPongFrame = static_cast<gxmod::ConnectionType>(0xF1);  // payload: that of the ping
+    static_cast<gxmod::ConnectionType>(0xF0);  // payload: kPingBytes bytes, returned unchanged
+inline constexpr auto kPongFrame = static_cast<gxmod::ConnectionType>(0xF1);  // payload: the ping's
 inline constexpr auto kGoodbyeFrame =
-    static_cast<gxmod::ConnectionType>(0xF2);  // payload: reason, ASCII; comes last and closes every connection
+    static_cast<gxmod::ConnectionType>(0xF2);  // payload: reason, ASCII; the last frame, closes all connections
 
-// gx-ssh to gx-ssh-peer: no more bytes will come for that connection id, but its target may go on sending.
-// Back: the target has taken all of them and knows. No payload.
+// gx-ssh to gx-ssh-peer: the input of that connection has ended, while its target may continue to send. In the
+// other direction: the target has received the whole input and its end. No payload.
 inline constexpr auto kEndOfInputFrame = static_cast<gxmod::ConnectionType>(0xF3);
 
-// gx-ssh-peer to gx-ssh, in front of the Close of that connection id: its target's connection broke, without a
-// payload, or was never opened, with the reason in ASCII.
+// gx-ssh-peer to gx-ssh, before the Close of that connection: the target reset the connection (no payload), or
+// the connection was never opened (payload: the reason, ASCII).
 inline constexpr auto kResetFrame = static_cast<gxmod::ConnectionType>(0xF4);
 inline constexpr std::size_t kReasonBytes = 200;  // at most
 
-// Either way: what its sender has received so far, see Acknowledgement.
+// Both directions: what the sender has received so far, see Acknowledgement.
 inline constexpr auto kAcknowledgementFrame = static_cast<gxmod::ConnectionType>(0xF5);
 
-// A pong stands for an acknowledgement too, so the payload is how many bytes had been sent before the ping.
+// A pong is also an acknowledgement: the payload is the number of bytes that were sent before the ping.
 inline constexpr std::size_t kPingBytes = 8;
 
 // True for the types of this header.
@@ -40,24 +40,25 @@ constexpr bool IsControlFrame(gxmod::ConnectionType type) {
   return type >= kPingFrame && type <= kAcknowledgementFrame;
 }
 
-// Totals of bytes since the ready line. Counted are all frames but those of this header, with their headers.
+// Totals of bytes since the ready line. They count all frames except those of this header, including frame
+// headers.
 struct Acknowledgement {
   std::uint64_t received = 0;
-  std::uint64_t permitted = 0;  // there is room for so many
+  std::uint64_t permitted = 0;  // the receiver accepts up to this total
 
   friend bool operator==(const Acknowledgement&, const Acknowledgement&) = default;
 };
 
 std::string MakeAcknowledgement(const Acknowledgement& totals);
-// Nothing: `payload` is none. What follows the totals is left for later releases.
+// Returns nothing for an invalid payload. Ignores bytes after the totals, for later releases.
 std::optional<Acknowledgement> ReadAcknowledgement(std::string_view payload);
 
 // The payload of a ping.
 std::string PingPayload(std::uint64_t sent);
-// How many bytes the pong with that payload acknowledges.
+// The number of bytes that a pong with that payload acknowledges.
 std::uint64_t SentBefore(std::string_view ping_payload);
 
-// A whole frame, header and payload.
+// A whole frame: header and payload.
 std::string MakeFrame(gxmod::ConnectionType type, std::uint32_t connection_id, std::string_view payload);
 
 }  // namespace gxtool

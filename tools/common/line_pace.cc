@@ -10,18 +10,17 @@ using std::chrono::milliseconds;
 using Seconds = std::chrono::duration<double>;
 
 constexpr double kSlackSeconds = Seconds(LinePace::kSlack).count();
-constexpr double kFrameSeconds = 0.010;  // of the line, for one frame
+constexpr double kFrameSeconds = 0.010;  // time of the line for one frame
 constexpr std::size_t kLeastDataBytes = 512;
-constexpr std::size_t kSlowDataBytes =
-    4096;  // the most on a line whose time a frame of kMostDataBytes would take
+constexpr std::size_t kSlowDataBytes = 4096;  // the maximum on a line that needs as long for kMostDataBytes
 constexpr std::uint64_t kStartBytes = 2 * (gxmod::kFrameHeaderBytes + kSlowDataBytes);
-constexpr std::uint64_t kLeastFrames = 4;  // of a slow line; the time of two is that of acknowledging them
+constexpr std::uint64_t kLeastFrames = 4;  // on a slow line; acknowledging takes the time of two of them
 
-constexpr double kQueueSeconds = kSlackSeconds / 2;  // so much beyond the least round trip there is a queue
-constexpr milliseconds kRateTime{500};               // the rate is the greatest one of once to twice this time
-constexpr milliseconds kRoundTripTime{10'000};       // after which the least round trip has to be seen again
-constexpr double kRoundTripTimes = 100;              // the same in round trips, so that it costs a hundredth
-constexpr double kLong = 1.25;                       // times what a round trip should take
+constexpr double kQueueSeconds = kSlackSeconds / 2;  // round trips longer than the minimum by this show a queue
+constexpr milliseconds kRateTime{500};          // the rate is the maximum of the last one to two of these times
+constexpr milliseconds kRoundTripTime{10'000};  // after this the least round trip is measured again
+constexpr double kRoundTripTimes = 100;         // the same in round trips, so that measuring costs one per cent
+constexpr double kLong = 1.25;                  // factor on the expected round trip
 constexpr milliseconds kLongTime{1000};
 constexpr double kLeastSeconds = 1e-6;
 
@@ -35,11 +34,11 @@ void LinePace::OnSent(std::size_t bytes) {
   sent_ += bytes;
   if (!limits_) return;
   round_full_ = round_full_ || under_way() + FrameBytes() > window_;
-  // A clock for every frame would be felt on a fast line.
+  // Reading the clock for each frame would be noticeable on a fast line.
   const bool sparse = before != 0 && sent_ - marked_ < window_ / kMarksInWindow;
   if (sparse || marks_.size() >= kMarks) return;
   const Clock::time_point now = now_();
-  // Behind a pause the time until now is not the line's.
+  // After a pause the time since the last acknowledgement does not measure the line.
   marks_.push_back({sent_, now, before, received_, before == 0 ? now : received_at_});
   marked_ = sent_;
 }
@@ -127,10 +126,10 @@ void LinePace::TakeRoundTrip(const Mark& mark, double seconds, Clock::time_point
   }
 }
 
-// Whoever has little to send makes small samples, which say nothing about the line.
+// A sender with little data gives small samples, which do not measure the line.
 void LinePace::TakeRate(double rate, bool has_queued, Clock::time_point now) {
   if (!has_queued && rate <= rate_) return;
-  // The round trips until now were of frames that may have been long for such a line.
+  // Earlier round trips may have been measured with frames that were too long for this line.
   if (has_queued && !std::exchange(line_limits_, true)) Drain(now);
   if (has_queued && now - rate_since_ >= kRateTime) {
     rate_before_ = rate_now_;

@@ -1,4 +1,4 @@
-// How many bytes may be under way, so that a line is busy and yet nothing queues on it for long.
+// Limits the bytes under way, so that a line is busy but has only a short queue.
 #ifndef GX_COMMON_LINE_PACE_H
 #define GX_COMMON_LINE_PACE_H
 
@@ -11,17 +11,17 @@
 
 namespace gxtool {
 
-// Watches what was sent and what is acknowledged, wherever the buffers lie in between: pipes, the window of an
-// ssh, a modem. It keeps about as much under way as the line carries in one round trip, and kSlack more.
+// Compares sent and acknowledged bytes, independent of where the buffers in between are: pipes, ssh's window, a
+// modem. It allows about as many bytes under way as the line carries in one round trip plus kSlack.
 //
-// The ideas are those of delay-based congestion control as in the literature (BBR and its like). Each
-// acknowledgement gives a sample of the delivery rate, counted from the last acknowledgement before the byte
-// was sent. The rate is the greatest of the last samples, the round trip the least one. While a full window
-// leaves no queue it doubles, at the start and after the line has become faster. kSlack is a lasting probe:
-// were there more room on the line, these bytes would show it. Against a queue of our own that passes for a
-// long line, the line runs empty for one round trip, now and then and when round trips stay too long.
+// It uses ideas of delay-based congestion control from the literature (BBR and similar). Each acknowledgement
+// gives a sample of the delivery rate, measured from the last acknowledgement before the byte was sent. The
+// rate is the maximum of recent samples, the round trip the minimum. The window doubles as long as a full
+// window causes no queue, at the start and after the line has become faster. kSlack is a permanent probe: if
+// the line had more room, these bytes would show it. Our own queue could be mistaken for a long line. So the
+// line is drained for one round trip, at intervals and when round trips stay too long.
 //
-// There are no losses, which a byte stream hides, and no pacing by a timer. Threads: one at a time.
+// A byte stream hides losses, and no timer paces the sending. Threads: one at a time.
 class LinePace {
  public:
   using Clock = std::chrono::steady_clock;
@@ -32,29 +32,29 @@ class LinePace {
 
   explicit LinePace(Now now = &Clock::now) : now_(now) {}
 
-  // There is no limit before the first acknowledgement, since the other side may not know of any, and none
-  // after End.
+  // There is no limit before the first acknowledgement, because the other side may not support them, and after
+  // End.
   bool limits() const { return limits_; }
   void End() { ended_ = true, limits_ = false; }
 
-  // So many bytes go out, whatever the limit says.
+  // `bytes` are being sent, whatever the limit.
   void OnSent(std::size_t bytes);
-  // False: no honest side says that. What of it is impossible counts for nothing.
+  // Returns false for totals that no correct side sends. Impossible parts are ignored.
   bool OnAcknowledgement(const Acknowledgement& totals);
-  // All that was sent before has been received. Out of date, it counts for nothing.
+  // The first `total` bytes were received. Ignored when outdated.
   void OnReceived(std::uint64_t total);
 
-  // So many bytes may go out now; with `spare`, as if the window were that much larger.
+  // The number of bytes that may be sent now; `spare` enlarges the window by as much.
   std::uint64_t Room(std::size_t spare = 0) const;
-  // The same for a frame: an empty line takes one of any size that is permitted.
+  // Whether a frame of that size may be sent: an empty line takes any permitted size.
   bool HasRoomFor(std::size_t bytes) const;
-  // The most payload of a Data frame: on a slow line about 10 ms of it.
+  // The maximum payload of a Data frame: about 10 ms of a slow line.
   std::size_t DataBytes() const { return data_bytes_; }
   std::size_t FrameBytes() const { return gxmod::kFrameHeaderBytes + data_bytes_; }
 
   std::uint64_t sent() const { return sent_; }
 
-  // For people.
+  // Measurements for people.
   struct View {
     bool known = false;
     double bytes_per_s = 0;
@@ -64,12 +64,12 @@ class LinePace {
   View view() const;
 
  private:
-  // A byte whose acknowledgement is awaited.
+  // A sent byte whose acknowledgement gives a sample.
   struct Mark {
-    std::uint64_t end;  // of what had been sent with it
+    std::uint64_t end;  // bytes sent up to and including it
     Clock::time_point time;
-    std::uint64_t under_way;  // before it
-    std::uint64_t received;   // by then
+    std::uint64_t under_way;  // before it was sent
+    std::uint64_t received;   // when it was sent
     Clock::time_point received_at;
   };
 
@@ -88,25 +88,25 @@ class LinePace {
   std::uint64_t sent_ = 0;
   std::uint64_t received_ = 0;
   std::uint64_t permitted_ = 0;
-  Clock::time_point received_at_{};  // the last acknowledgement that brought something
-  std::deque<Mark> marks_;           // in order, never many
-  std::uint64_t marked_ = 0;         // the end of the last one
+  Clock::time_point received_at_{};  // the last acknowledgement with progress
+  std::deque<Mark> marks_;           // in order; a bounded number
+  std::uint64_t marked_ = 0;         // end of the last mark
 
-  double rate_ = 0;  // bytes a second: the greater one of the next two
+  double rate_ = 0;  // bytes per second: the larger one of the next two
   double rate_now_ = 0;
   double rate_before_ = 0;
   Clock::time_point rate_since_{};
-  bool line_limits_ = false;  // a queue has shown that the rate is the line's
+  bool line_limits_ = false;  // a queue has shown that the rate is the line's, not the sender's
 
-  double round_trip_ = 0;  // the least, seconds; 0: unknown
+  double round_trip_ = 0;  // the minimum, seconds; 0: unknown
   Clock::time_point round_trip_at_{};
-  Clock::time_point long_since_{};  // all round trips were far too long; 0: the last one was not
-  bool drains_ = false;             // nothing goes out until nothing is under way
-  bool renews_ = false;             // the next round trip of an empty line replaces round_trip_
+  Clock::time_point long_since_{};  // since then all round trips were too long; 0: the last one was not
+  bool drains_ = false;             // nothing is sent until nothing is under way
+  bool renews_ = false;             // the next round trip of the empty line replaces round_trip_
 
-  std::uint64_t round_end_ = 0;  // one round trip, in bytes sent
-  double round_least_ = 0;       // its least round trip, seconds; 0: none yet
-  bool round_full_ = false;      // the window was used up
+  std::uint64_t round_end_ = 0;  // end of the current round, in bytes sent
+  double round_least_ = 0;       // the round's least round trip, seconds; 0: none yet
+  bool round_full_ = false;      // the window was used up in this round
   bool grows_ = true;
 
   std::uint64_t window_ = 0;
