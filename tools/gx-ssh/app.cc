@@ -93,9 +93,9 @@ void App::OnStopSignal(Signal signal) {
   Finish(options_.run.empty() ? kExitOk : kExitTunnel, "stopped");
 }
 
-// A key has reached the whole group already, unless it was for a program that has the terminal: then that one's
-// keeper has sent this, and the rest of the job follows. What anybody else sends is for this program alone, and
-// for what it has started.
+// A key on the terminal has reached the whole group, unless another program had the terminal: then that
+// program's keeper has sent this signal, and the rest of the job is stopped here. A signal from any other
+// process stops this program alone, with its child processes.
 void App::OnSuspend(Signal signal) {
   console_->SetStatus({});
   const bool for_the_job = terminal_.IsLentTo(signal.sender);
@@ -107,7 +107,7 @@ void App::OnSuspend(Signal signal) {
   OnContinued();
 }
 
-// A shell had the terminal meanwhile.
+// A shell has used the terminal meanwhile.
 void App::OnContinued() {
   console_->ForgetStatus();
   terminal_.OnContinued();
@@ -134,7 +134,7 @@ void App::EndLink() {
   TellChanges();
 }
 
-// A shell has answered, so nobody is asked for a password any more.
+// A shell has answered, so the carrier asks for no more passwords.
 void App::OnBringing(const StoredPeer& peer, std::size_t sent, std::size_t total) {
   terminal_.TakeBack();
   reporter_.OnBringing(peer.architecture, sent, total);
@@ -158,9 +158,9 @@ void App::OnLinkUp(const std::string& address, std::uint16_t port) {
 }
 
 void App::OnLinkDown(const Failure& why, bool in_order) {
-  // What was typed for the whole group, or sent to all of it, may have ended the far side as well.
+  // A key or signal to the whole group may have ended the far side as well: handle it first.
   signals_.HandOn();
-  // The key itself may still be on its way through the carrier's keeper.
+  // The key may have reached only the carrier, whose keeper still has to report it.
   if (!command_ && link_->Interrupted()) OnStopSignal({SIGINT, true, 0});
   if (finished_) return;
   terminal_.TakeBack();
@@ -186,8 +186,7 @@ void App::OnInputDelivered() {
   if (standard_io_) standard_io_->OnInputDelivered();
 }
 
-// Whatever the command does, its next connections fail, too, when the first one is refused, unless there are
-// other targets.
+// With a single target, a refused first connection means that all further ones fail, too. So end here.
 void App::OnRefused(const std::string& why) {
   if (standard_io_) return standard_io_->OnRefused(why);
   if (command_ && announced_.size() == 1 && traffic_.totals().connections == 1) {
@@ -201,7 +200,7 @@ void App::OnReset() {
 
 void App::OnFrame(const gxmod::FrameHeader& header, bool sent) {
   const auto change = traffic_.Count(header, sent);
-  // Waking the main thread costs more than all else that a short connection takes of this program.
+  // Waking the main thread would cost more than all other work for a short connection.
   if (!change || !reporter_.TellsConnections()) return;
   const std::lock_guard lock(changes_mutex_);
   if (changes_.empty()) asio::post(io_, [this] { TellChanges(); });

@@ -1,4 +1,4 @@
-// The program: its parts, and what one of them means for the others.
+// The program: creates its parts and connects them.
 #ifndef GX_SSH_APP_H
 #define GX_SSH_APP_H
 
@@ -34,16 +34,16 @@
 
 namespace gxtool {
 
-// Whatever ends the program calls Finish, which sets the exit status; Run then cleans up.
-// Threads: one, the program's main thread, which also starts every child.
+// Everything that ends the program calls Finish, which sets the exit status; Run then cleans up.
+// Threads: the main thread, which also starts all child processes.
 class App final : public Link::Owner {
  public:
-  // `output` is standard output, borrowed.
-  // `background`: to be left for it when all is ready; null: not asked for.
+  // `output` is standard output, borrowed. `background`: left when everything is ready; null without
+  // --background.
   App(const Options& options, int output, std::shared_ptr<Console> console, Background* background,
       PassedSockets passed);
 
-  // Returns the exit status, after a failure was told.
+  // Returns the exit status, after a failure was reported.
   int Run();
 
  private:
@@ -87,7 +87,7 @@ class App final : public Link::Owner {
   ModuleLog module_log_;
   Traffic traffic_;
   std::mutex changes_mutex_;
-  std::vector<Traffic::Change> changes_;  // of connections, which the event loop has yet to tell
+  std::vector<Traffic::Change> changes_;  // changes of connections that the event loop has to report
   Reporter reporter_;
   Background* const background_;
   Readiness readiness_;
@@ -102,7 +102,7 @@ class App final : public Link::Owner {
   std::optional<PortFile> port_file_;
   std::optional<Command> command_;
 
-  std::vector<Forward> announced_;  // empty: nothing yet
+  std::vector<Forward> announced_;  // empty before the announcement
   bool finished_ = false;
   int status_ = kExitOk;
   std::string reason_;

@@ -1,4 +1,4 @@
-// --background: the program goes on after the shell has its prompt back.
+// --background: the program continues after the shell has its prompt back.
 #ifndef GX_SSH_BACKGROUND_H
 #define GX_SSH_BACKGROUND_H
 
@@ -6,15 +6,16 @@
 
 namespace gxtool {
 
-// The process that goes on; the one that was started waits until this is ready, prints the number of this one
-// to its standard output and ends. When this one ends before, that one ends with the same status.
+// The process that continues. The original process waits until this one is ready, prints this one's process id
+// on standard output and ends. If this one ends earlier, the original one ends with the same status.
 class Background {
  public:
-  // Forks, and returns in the new process. Before there are threads. Throws std::system_error.
+  // Forks and returns in the new process. Call it before starting threads. Throws std::system_error.
   explicit Background(int output);
 
-  // Ready: leaves the terminal and the job for a session of its own, and standard input, output (also `output`)
-  // and error for /dev/null. False: nobody waits any more.
+  // Call when ready: moves this process to its own session, away from the terminal and its job, and redirects
+  // standard input, output (also `output`) and error to /dev/null. Returns false when the original process is
+  // gone.
   bool Detach(int output);
 
  private:

@@ -13,7 +13,7 @@
 namespace gxtool {
 namespace {
 
-// 48 hexadecimal digits that nobody can guess.
+// 48 hexadecimal digits that cannot be guessed.
 std::string RandomToken() {
   std::random_device random;
   std::string token;
@@ -77,7 +77,7 @@ void Bring::Take(std::string_view bytes) {
   if (talk_.state() == BringTalk::State::kFailed) return Fail(talk_.problem());
   if (talk_.state() == BringTalk::State::kRuns) {
     settled_ = true;
-    // Local copies: the callee may destroy this object.
+    // Copy: the callee may destroy this object.
     const auto runs = result_.runs;
     return runs(Descriptor(input_.release()), std::string(talk_.rest()));
   }
@@ -97,7 +97,7 @@ void Bring::Write() {
   if (writing_.empty()) return;
   output_.async_write_some(asio::buffer(writing_),
                            lifetime_.Guard([this](asio::error_code error, std::size_t written) {
-                             // Where nobody reads any more the input ends as well, and that is reported.
+                             // When the reader is gone, the input ends as well, and that is reported.
                              if (error || settled_) return;
                              WaitOn();
                              writing_.erase(0, written);

@@ -1,4 +1,4 @@
-// Gets gx-ssh-peer running behind a carrier that leads to a shell.
+// Starts gx-ssh-peer through a carrier that leads to a shell.
 #ifndef GX_SSH_BRING_H
 #define GX_SSH_BRING_H
 
@@ -18,22 +18,22 @@
 
 namespace gxtool {
 
-// What the options ask for. Throws Failure when there is no peer to bring.
+// The orders for BringTalk, from the options. Throws Failure when there is no gx-ssh-peer to bring.
 BringOrders MakeBringOrders(const Options& options);
 
-// Runs a BringTalk on the descriptors of a stream. Threads: the one that runs `io`.
+// Runs a BringTalk on a stream's descriptors. Threads: the one that runs `io`.
 class Bring {
  public:
   struct Result {
-    // Called once; they may destroy this object. `received` came from gx-ssh-peer.
+    // runs or failed is called, once; it may destroy this object. `received` came from gx-ssh-peer.
     std::function<void(Descriptor input, const std::string& received)> runs;
     std::function<void(const std::string& problem)> failed;
-    // Whenever more of it was sent.
+    // Called after each further part of the upload.
     std::function<void(const StoredPeer& peer, std::size_t sent, std::size_t total)> moved;
   };
 
-  // Owns `input`; `output` is borrowed. `patience`: without an answer and without a byte that moves; 0: no
-  // limit.
+  // Owns `input`; `output` is borrowed. `patience`: the limit for a time without an answer and without
+  // progress; 0: no limit.
   Bring(asio::io_context& io, Descriptor input, int output, std::chrono::milliseconds patience,
         BringOrders orders, Result result);
 
@@ -51,8 +51,8 @@ class Bring {
   const std::chrono::milliseconds patience_;
   const Result result_;
   BringTalk talk_;
-  std::string writing_;  // asio reads it
-  std::string unsent_;   // behind that
+  std::string writing_;  // read by asio
+  std::string unsent_;   // to send after writing_
   bool settled_ = false;
   std::array<char, 4096> chunk_;
   Lifetime lifetime_;

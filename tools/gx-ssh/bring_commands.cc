@@ -12,12 +12,12 @@
 namespace gxtool {
 namespace {
 
-// Shells with an editor of their own take no longer line from a terminal.
+// Shells with a line editor accept no longer line from a terminal.
 constexpr std::size_t kFirstLineBytes = 1020;
 constexpr std::size_t kMarkDigits = 12;
 
-// k PATH LETTER: the path is of that kind, this user's, and nobody else may write to it; $z is its size. This
-// works without test -O and without /dev/null, which not every far side has.
+// k PATH LETTER: succeeds if the path is of that kind, belongs to this user and is writable only for this user;
+// sets $z to its size. It avoids test -O and /dev/null, which may be missing on the far side.
 constexpr const char* kCheck = R"sh(
 k(){ p=$2;set -- $(ls -nd "$1" 2>&-);z=$5;
 case ${1%.}:$3 in ${p}rwx?-??-?:$(id -u));;*)false;;esac;};
@@ -31,7 +31,7 @@ if k "$d" d&&k "$f" -&&[ "$z" = $s ];then
 echo "$A${B}7 . $B$A";@RUN@ 3>&-;fi;
 )sh";
 
-// The leading blank keeps the line out of the history of shells that can be told so.
+// The leading blank keeps the line out of the history of shells that support this.
 constexpr const char* kEnter = R"sh(
  A=@A@ B=@B@;
 if [ -t 0 ];then y=raw;stty raw -echo||y=cooked;else y=pipe;@LOOKUP@ fi;
@@ -39,7 +39,7 @@ exec sh -c 'A=$1 B=$2;a(){ echo "$A$B$* $B$A">&3;};a 0 "$3" "$4";
 while IFS= read -r l;do eval "$l";done' sh $A $B $y "$(uname -sm)" 3>&1
 )sh";
 
-// g N takes so many bytes of standard input and none behind them. The packed text is the letter x.
+// g N reads exactly N bytes of standard input. The packed text is the letter x.
 constexpr const char* kProbe = R"sh(
 if [ "$(echo abc|head -c 2 2>&-)" = ab ];then g(){ head -c $1;};
 else g(){ dd bs=1 count=$1 2>&-;};fi;
@@ -51,8 +51,9 @@ for q in 'gzip -dc' 'gunzip -c' zcat -;do
 c=-;[ "$(echo|sha256sum 2>&-)" ]&&c=sha256sum;a 3 "$q" $c
 )sh";
 
-// A file whose first line names no interpreter is run by the shell itself, unless the system forbids running
-// it (126). One that finds itself by way of /proc says 127 where there is none: that forbids nothing.
+// The test file's first line names no interpreter, so the shell runs it itself, unless the system forbids
+// running it (126). A shell that finds itself through /proc returns 127 where there is no /proc; that is not
+// forbidden.
 constexpr const char* kPrepare = R"sh(
 trap 'rm -f "$t";[ "$e" ]&&rmdir "$e"' 0;trap 'exit 1' 1 2 13 15;
 @FOLDER@ t=$d/@NAME@;@CHECK@
@@ -64,7 +65,7 @@ w=$(export LC_ALL=C;v 2>&1);r=$?;
 [ $r = 0 ]||{ rm -f "$t";[ "$e" ]&&rmdir "$e" 2>&-;t= e=;};a 4 $r "$w"
 )sh";
 
-// What cannot be unpacked is taken all the same: the shell would read it as commands.
+// Data that cannot be unpacked is read to its end: the shell would take it for commands.
 constexpr const char* kReceive = R"sh(
 w=$(export LC_ALL=C;
 while IFS= read -r n&&[ "$n" != 0 ];do g $n;if [ -f "$t" ];then a 5 +;else a 5 -;fi;done|
@@ -84,7 +85,7 @@ struct Word {
   std::string text;
 };
 
-// The template as one line, its words replaced; what is put in is not looked at again.
+// Turns the template into one line and replaces its words. Inserted text is not searched again.
 std::string Fill(std::string_view text, std::initializer_list<Word> words) {
   std::string line;
   for (text.remove_prefix(1); text.size() > 1; text.remove_prefix(1)) {
@@ -107,7 +108,7 @@ std::string AllValues() {
   return values;
 }
 
-// For printf, to which a percent sign is one however it is written.
+// For printf, which would also interpret an octal percent sign: write it as %%.
 std::string Octal(const std::string& bytes) {
   std::string text;
   for (const char byte : bytes) {
@@ -129,7 +130,7 @@ BringCommands::BringCommands(BringOrders orders, const std::string& token)
 std::string BringCommands::Folder(bool fresh) const {
   if (fresh) return "d=/tmp/gx-ssh-" + name_ + ";e=$d;";
   if (orders_.folder.empty()) return "d=${XDG_CACHE_HOME:-${HOME:+$HOME/.cache}};d=${d:+$d/gx-ssh};";
-  // No tool takes it for an option then.
+  // The leading "./" prevents that a tool takes the path for an option.
   return "d=" + ShellQuoted((orders_.folder.front() == '/' ? "" : "./") + orders_.folder) + ';';
 }
 

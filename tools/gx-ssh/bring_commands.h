@@ -1,7 +1,7 @@
-// What gx-ssh says to a shell to get gx-ssh-peer running behind it: one line each, for any POSIX shell and the
-// small tools that every busybox has.
+// The commands that gx-ssh sends to a shell to start gx-ssh-peer: one line each, for any POSIX shell and the
+// tools that every busybox has.
 //
-// An answer is framed by two random marks that no line of ours contains as they are, so an echo is none:
+// An answer is framed by two random marks. No command contains them in this form, so an echo is not an answer:
 //
 //     <mark a><mark b><kind> <text> <mark b><mark a>
 #ifndef GX_SSH_BRING_COMMANDS_H
@@ -17,20 +17,20 @@ namespace gxtool {
 
 struct BringOrders {
   std::vector<StoredPeer> peers;
-  std::string folder;                  // empty: the user's cache, or else one of its own in /tmp
-  bool once = false;                   // the file goes as soon as it runs
+  std::string folder;                  // empty: the user's cache, or else a new folder in /tmp
+  bool once = false;                   // delete the file as soon as it runs
   std::vector<std::string> arguments;  // for gx-ssh-peer
 };
 
 enum class BringAnswer : char {
-  kEntered = '0',   // how the shell is reached (pipe, raw, cooked) and what uname says
-  kSeen = '1',      // the probe, as it arrived there, in hexadecimal digits
-  kProbe = '2',     // the probe, as it is sent back
-  kTools = '3',     // there is no peer; which tools there are: unpacker or "-", then "sha256sum" or "-"
-  kPrepared = '4',  // a status of kPrepare..., and the words of the tool that failed
-  kPiece = '5',     // "+": goes on; "-": it cannot be written
-  kPlaced = '6',    // what is wrong with the file, and how
-  kRuns = '7',      // gx-ssh-peer has the stream from here on
+  kEntered = '0',   // how the shell is reached (pipe, raw, cooked), and the output of uname
+  kSeen = '1',      // the probe as it arrived there, in hexadecimal digits
+  kProbe = '2',     // the probe, sent back
+  kTools = '3',     // no peer found; the tools there: unpacker or "-", then "sha256sum" or "-"
+  kPrepared = '4',  // a status kPrepare..., and the failed tool's message
+  kPiece = '5',     // "+": written; "-": it cannot be written
+  kPlaced = '6',    // what is wrong with the file
+  kRuns = '7',      // gx-ssh-peer reads the stream from here on
 };
 
 inline constexpr int kPrepareNoFolder = 10;
@@ -44,20 +44,20 @@ class BringCommands {
   BringCommands(BringOrders orders, const std::string& token);
 
   const BringOrders& orders() const { return orders_; }
-  // Behind it stand the kind and a blank.
+  // The kind and a blank follow it.
   std::string AnswerMark() const { return mark_a_ + mark_b_; }
   std::string AnswerEnd() const { return ' ' + mark_b_ + mark_a_; }
 
-  // For a fresh shell, which may edit its lines or read ahead. Where a peer is there already it runs, unless a
-  // terminal lies in between (kRuns). Otherwise a shell takes over that reads byte by byte, so that data may
-  // follow a line at once (kEntered).
+  // For a new shell, which may edit its lines or read ahead. Starts a gx-ssh-peer that is already there, unless
+  // a terminal lies in between (answer: kRuns). Otherwise starts a shell that reads byte by byte, so that data
+  // can follow a command at once (answer: kEntered).
   std::string Enter() const;
-  // Followed by the probe: kSeen, kProbe, and then either kRuns or kTools.
+  // The probe follows it. Answers: kSeen, kProbe, and then kRuns or kTools.
   std::string Probe() const;
-  // kPrepared. `fresh`: a new folder in /tmp.
+  // Answer: kPrepared. `fresh`: a new folder in /tmp.
   std::string Prepare(bool fresh) const;
-  // Followed by pieces: a line with a number and so many bytes, each answered with kPiece, and a last line with
-  // 0. Then kRuns or kPlaced.
+  // Pieces follow it: each is a line with a size and that many bytes, and is answered with kPiece. A line with
+  // 0 ends them. Then the answer is kRuns or kPlaced.
   std::string Receive(const StoredPeer& peer, const std::string& unpacker, bool fresh) const;
 
  private:
@@ -68,10 +68,10 @@ class BringCommands {
   const BringOrders orders_;
   const std::string mark_a_;
   const std::string mark_b_;
-  const std::string name_;  // of the file while it is not whole
+  const std::string name_;  // of the incomplete file
 };
 
-// All byte values. Behind them line ends, which mean nothing to a shell, stand in for bytes that get lost.
+// All byte values, then line ends, which a shell ignores: they replace bytes that get lost.
 std::string BringProbe();
 inline constexpr std::size_t kBringProbeBytes = 256;
 

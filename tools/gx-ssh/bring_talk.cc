@@ -15,7 +15,7 @@ namespace {
 
 using std::chrono::milliseconds;
 
-// A piece shall take about a second, whatever the line: each is answered, and shows that the line lives.
+// Pieces are sized to take about a second on any line, because each answer shows that the line works.
 constexpr std::size_t kFirstPiece = 4096;
 constexpr std::size_t kSmallestPiece = 512;
 constexpr std::size_t kLargestPiece = 256 * 1024;
@@ -30,7 +30,7 @@ std::string Hex(const std::string& bytes) {
   return text;
 }
 
-// Which byte values never arrived, and where the first difference is.
+// Describes the first difference and the byte values that never arrived.
 std::string Difference(const std::string& sent, const std::string& came) {
   constexpr std::size_t kShown = 3 * 8;
   const auto [at, there] = std::mismatch(sent.begin(), sent.end(), came.begin(), came.end());
@@ -39,7 +39,7 @@ std::string Difference(const std::string& sent, const std::string& came) {
                      offset < came.size() ? came.substr(offset, kShown - 1) : "nothing");
 }
 
-// What a tool said, as a reason.
+// Turns a tool's message into a reason.
 std::string Reason(const std::string& text) {
   struct Phrase {
     const char* said;
@@ -49,7 +49,7 @@ std::string Reason(const std::string& text) {
                                  {"No space left", "the disk is full"},
                                  {"uota exceeded", "the disk quota is used up"},
                                  {"Exec format error", "it is for another kind of processor"},
-                                 // Some shells take what the system cannot run for a script.
+                                 // Some shells run a file as a script when the system cannot execute it.
                                  {"yntax error", "it is for another kind of processor"},
                                  {"\177ELF", "it is for another kind of processor"}};
   for (const auto& [said, means] : kPhrases) {
@@ -86,7 +86,7 @@ std::string BringTalk::Take(std::string_view bytes, Clock::time_point now) {
   std::string to_send;
   while (state_ == State::kTalking) {
     const std::size_t begin = received_.find(mark_);
-    const std::size_t text = begin + mark_.size() + 2;  // behind the kind and a blank
+    const std::size_t text = begin + mark_.size() + 2;  // after the kind and a blank
     const std::string mark_end = commands_.AnswerEnd();
     const std::size_t end = begin == std::string::npos ? begin : received_.find(mark_end, text);
     if (end == std::string::npos) {

@@ -1,4 +1,4 @@
-// The conversation with a shell that ends with gx-ssh-peer running in its place.
+// The dialogue with a shell that ends with gx-ssh-peer running in its place.
 #ifndef GX_SSH_BRING_TALK_H
 #define GX_SSH_BRING_TALK_H
 
@@ -13,37 +13,37 @@
 
 namespace gxtool {
 
-// Bytes in, bytes out. Strict lockstep: what is sent goes to a shell, or a tool, that is known to wait for it.
-// It is told the time and knows no clock.
+// Pure logic: received bytes in, bytes to send out. It works in lockstep: it sends only what a shell or tool is
+// known to wait for. The caller passes the time.
 class BringTalk {
  public:
   using Clock = std::chrono::steady_clock;
   enum class State {
     kTalking,
     kRuns,    // gx-ssh-peer has the stream; rest() came from it
-    kFailed,  // problem() tells why
+    kFailed,  // see problem()
   };
-  // The bytes of a peer, compressed or as they are.
+  // Reads the bytes of a peer, compressed or plain.
   using Load = std::function<std::string(const StoredPeer& peer, bool compressed)>;
 
   BringTalk(BringCommands commands, Load load);
 
-  // What to send first.
+  // The first bytes to send.
   std::string Start() const { return commands_.Enter(); }
-  // Takes what has come; returns what to send. Throws what `load` throws.
+  // Handles received bytes and returns the bytes to send. Throws what `load` throws.
   std::string Take(std::string_view bytes, Clock::time_point now);
 
   State state() const { return state_; }
-  // How many answers have come.
+  // The number of answers so far.
   std::size_t answers() const { return answers_; }
   const std::string& rest() const { return received_; }
   const std::string& problem() const { return problem_; }
 
-  // Nothing came for so long, or the stream has ended: the reason to tell.
+  // The reason to report when no byte came for `duration`, or when the stream has ended.
   std::string Silence(const std::string& duration) const;
   std::string End() const;
 
-  // The one that is being sent; null: none.
+  // The peer that is being sent; null: none.
   const StoredPeer* peer() const { return peer_; }
   std::size_t sent() const { return sent_; }
   std::size_t total() const { return content_.size(); }
@@ -63,7 +63,7 @@ class BringTalk {
 
   const BringCommands commands_;
   const Load load_;
-  const std::string mark_;  // every answer begins with it
+  const std::string mark_;  // the start of every answer
   State state_ = State::kTalking;
   Stage stage_ = Stage::kEntering;
   std::size_t answers_ = 0;
@@ -73,8 +73,8 @@ class BringTalk {
   const StoredPeer* peer_ = nullptr;
   std::string seen_;
   std::string unpacker_;
-  std::string no_cache_;  // why the usual folder is none
-  bool fresh_ = false;    // it is to be a folder in /tmp
+  std::string no_cache_;  // why the usual folder cannot be used
+  bool fresh_ = false;    // use a new folder in /tmp
   std::string content_;
   std::size_t sent_ = 0;
   std::size_t piece_bytes_;

@@ -24,7 +24,7 @@ std::string LostLine(std::uint64_t lost) {
   return kPrefix + std::to_string(lost) + " messages are missing here: nobody read them in time\n";
 }
 
-// No line may be wider than the terminal: it would take two, and Wipe would not know.
+// A line wider than the terminal would wrap, and Wipe would remove too few lines.
 std::string Fit(const std::string& lines) {
   winsize size{};
   const bool known = ioctl(STDERR_FILENO, TIOCGWINSZ, &size) == 0 && size.ws_col > 1;
@@ -108,7 +108,7 @@ void Console::Draw() {
 void Console::Wipe() {
   if (status_.empty() || !InForeground(STDERR_FILENO)) return;
   const auto lines = 1 + std::count(status_.begin(), status_.end(), '\n');
-  // The terminal may have echoed a key since, and moved the cursor.
+  // The terminal may have echoed a key meanwhile and moved the cursor.
   out_ += "\r\x1b[" + std::to_string(lines) + "A\x1b[J";
 }
 

@@ -1,4 +1,4 @@
-// Everything that gx-ssh says to a person: one line each on standard error, behind "gx-ssh: ".
+// Messages for people: lines on standard error that start with "gx-ssh: ".
 #ifndef GX_SSH_CONSOLE_H
 #define GX_SSH_CONSOLE_H
 
@@ -15,27 +15,26 @@
 
 namespace gxtool {
 
-// Where the program's log lines go. It can keep a status under them that is rewritten in place, while this
-// program is in the foreground of the terminal and what was said is read. A reader that stalls holds nothing
-// up: what it does not take in time is dropped, and a line tells how much that was. Threads: any.
+// The sink of the program's log. It can show a status below the messages and rewrite it in place, while this
+// program is in the terminal's foreground and its output is read. A stalled reader blocks nothing: what it does
+// not take in time is dropped, and a line reports how much. Threads: any.
 class Console final : public spdlog::sinks::base_sink<std::mutex> {
  public:
   Console();
 
-  // Makes spdlog's default logger write here. With `quiet` only errors are said; `verbosity` counts -v: 1 adds
-  // connections and the module's warnings, 2 the module's news, 3 its trace.
+  // Makes spdlog's default logger write here. `quiet` shows only errors; `verbosity` counts -v: 1 adds
+  // connections and the module's warnings, 2 the module's information, 3 its trace.
   static std::shared_ptr<Console> SetUp(bool quiet, int verbosity);
 
-  // Shows `lines` (with line ends between them) below what was said last, each cut to the
-  // width of the terminal; the empty text takes them away, and waits a moment for it, so that others may write
-  // there.
+  // Shows `lines` (separated by line ends) below the last message, each cut to the terminal's width. An empty
+  // text removes the status and waits a moment for that, so that others may write there.
   void SetStatus(const std::string& lines);
 
-  // A shell has used the terminal meanwhile: the status is not where it was.
+  // Call after a shell has used the terminal: the status is no longer where it was.
   void ForgetStatus();
 
-  // The beginning of a line of news that has not ended yet, such as a prompt. When the line grows and when it
-  // is logged, only the rest follows, unless something else was said in between.
+  // Shows the beginning of a line that has not ended yet, such as a prompt. When the line grows and when it is
+  // logged, only the new part is written, unless another message came in between.
   void ShowUnfinished(const std::string& text);
 
  protected:
@@ -43,18 +42,18 @@ class Console final : public spdlog::sinks::base_sink<std::mutex> {
   void flush_() override {}
 
  private:
-  void Say(std::string_view text);  // on a line of its own, or as the rest of the unfinished one
+  void Say(std::string_view text);  // on its own line, or continuing the unfinished one
   void Draw();
   void Wipe();
-  void SendOut();  // queues what the three above have written
+  void SendOut();  // queues the text from Say, Draw and Wipe
 
   OutputQueue output_;
-  std::string out_;         // for output_
+  std::string out_;         // text for output_
   std::string status_;      // as shown
-  std::string unfinished_;  // as shown, behind which the cursor stands
+  std::string unfinished_;  // as shown; the cursor is at its end
 };
 
-// Hands the module's log lines to the console.
+// Passes the module's log lines to the console.
 class ModuleLog final : public IGXModRuntime {
  public:
   explicit ModuleLog(int verbosity) : verbosity_(verbosity) {}

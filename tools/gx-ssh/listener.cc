@@ -33,7 +33,7 @@ std::string Text(const ListenAddress& address) {
   return address.address + " port " + std::to_string(address.port);
 }
 
-// A socket that nobody listens at is what a killed process left behind.
+// Removes a socket without a listener: a killed process left it behind.
 void RemoveIfStale(const std::string& path, const asio::generic::stream_protocol::endpoint& endpoint) {
   struct stat info {};
   if (lstat(path.c_str(), &info) != 0 || !S_ISSOCK(info.st_mode)) return;
@@ -47,7 +47,7 @@ void RemoveIfStale(const std::string& path, const asio::generic::stream_protocol
 Listener::Listener(asio::io_context& io, Forward forward, bool user_only, Descriptor passed)
     : io_(io), forward_(std::move(forward)), acceptor_(io), pause_(io) {
   try {
-    if (user_only && !IsUnix()) users_.emplace();  // a Unix socket has its mode
+    if (user_only && !IsUnix()) users_.emplace();  // a Unix socket is protected by its mode
     if (passed) {
       acceptor_.assign(Endpoint().protocol(), passed.get());
       static_cast<void>(passed.Release());
@@ -74,7 +74,7 @@ void Listener::Bind() {
   if (forward_.at.address == kAnyAddress && endpoint.protocol().family() == AF_INET6) {
     acceptor_.set_option(asio::ip::v6_only(false));
   }
-  // The socket is born with its mode: there is no moment at which somebody else could connect.
+  // bind creates the socket with this mode, so nobody else can ever connect.
   const mode_t before = umask(kOwnerOnly);
   asio::error_code error;
   acceptor_.bind(endpoint, error);
@@ -121,7 +121,7 @@ void Listener::Accept() {
       Serve(Descriptor(MoveUp(client.release())));
       return Accept();
     }
-    // Out of descriptors, most likely: the client waits, and so does this for a moment.
+    // Probably out of descriptors: pause while the client waits in the backlog.
     spdlog::warn("cannot take a connection: {}", error.message());
     pause_.expires_after(std::chrono::seconds(1));
     pause_.async_wait(lifetime_.Guard([this](asio::error_code stopped) {
@@ -130,7 +130,8 @@ void Listener::Accept() {
   }));
 }
 
-// Empty when the client has gone already. A Unix socket's has no name of its own.
+// Empty when the client has already disconnected. Clients of a Unix socket have no name; the listener's is
+// used.
 std::string Listener::ClientText(int client) const {
   if (IsUnix()) return AddressText(forward_.at);
   asio::ip::tcp::endpoint name;

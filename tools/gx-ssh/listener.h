@@ -1,4 +1,4 @@
-// A local address of the program's own, which outlives the links that it leads to.
+// A local address at which the program itself listens, from one link to the next.
 #ifndef GX_SSH_LISTENER_H
 #define GX_SSH_LISTENER_H
 
@@ -21,24 +21,24 @@
 
 namespace gxtool {
 
-// Clients that come while there is no link, or no room at the entrance, wait until there is.
+// Clients that arrive while there is no link, or no room at the entrance, wait in the backlog.
 // Threads: the one that runs `io`.
 class Listener {
  public:
-  // `user_only`: clients of other users of this computer, and of other computers, are turned away. Throws
-  // Failure (kExitListen). A Unix socket is removed at the end. `passed`: one that listens there already, with
-  // a mode and a path of its own, which stay as they are; or none.
+  // `user_only`: rejects clients of other users of this computer and of other computers. `passed`: a socket
+  // that already listens at this address and keeps its mode and path, or empty. The destructor removes a Unix
+  // socket that this object created. Throws Failure (kExitListen).
   Listener(asio::io_context& io, Forward forward, bool user_only, Descriptor passed);
-  // What was asked for, with the real address and port.
+  // As requested, with the real address and port.
   const Forward& forward() const { return forward_; }
-  // Other computers can connect.
+  // True when other computers can connect.
   bool IsOpenToOthers() const;
 
-  // From now on clients are connected to that port of the module, through its entrance.
+  // Connects clients to that port of the module, through its entrance, from now on.
   void Open(const std::string& address, std::uint16_t port, std::shared_ptr<Entrance> entrance);
-  // After OnRoom of the entrance.
+  // Call after OnRoom of the entrance.
   void Continue() { Accept(); }
-  // Ends the connections of a link that is no more, and lets new clients wait.
+  // Ends the connections of the link that went down; new clients wait.
   void Close();
 
  private:
@@ -54,9 +54,9 @@ class Listener {
 
   asio::io_context& io_;
   Forward forward_;
-  std::optional<SocketTable> users_;  // only one of them is let in
+  std::optional<SocketTable> users_;  // to admit only this user's clients
   asio::basic_socket_acceptor<Protocol> acceptor_;
-  std::optional<OwnPath> own_path_;  // the Unix socket's
+  std::optional<OwnPath> own_path_;  // of the Unix socket
   asio::steady_timer pause_;
   bool open_ = false;
   bool accepting_ = false;

@@ -14,14 +14,14 @@ namespace {
 
 namespace fs = std::filesystem;
 
-constexpr std::size_t kDigits = 64;  // of a SHA-256
+constexpr std::size_t kDigits = 64;  // length of a SHA-256
 
 bool IsDigest(const std::string& text) {
   return text.size() == kDigits && text.find_first_not_of("0123456789abcdef") == std::string::npos;
 }
 
 std::vector<std::string> Machines(const std::string& architecture) {
-  // 64-bit processors call themselves armv8l towards 32-bit programs.
+  // 64-bit processors report armv8l to 32-bit programs.
   if (architecture == "armv7") return {"Linux armv7l", "Linux armv8l"};
   return {"Linux " + architecture};
 }

@@ -8,20 +8,20 @@
 
 namespace gxtool {
 
-// One of them, for one architecture.
+// The build for one architecture.
 struct StoredPeer {
-  std::string architecture;           // of its folder: x86_64, aarch64, armv7, riscv64
-  std::vector<std::string> machines;  // what `uname -sm` says where it runs
-  std::string path;                   // beside it lies the same compressed, with .gz
+  std::string architecture;           // the folder's name: x86_64, aarch64, armv7, riscv64
+  std::vector<std::string> machines;  // outputs of `uname -sm` on matching computers
+  std::string path;                   // the same file compressed is beside it, with .gz
   std::uint64_t size = 0;
-  std::string sha256;  // 64 digits
+  std::string sha256;  // 64 hexadecimal digits
 };
 
-// Those in `folder`: <architecture>/gx-ssh-peer, gx-ssh-peer.gz and gx-ssh-peer.sha256, which begins with the
-// digits. What is not whole is left out.
+// The peers in `folder`: <architecture>/gx-ssh-peer, gx-ssh-peer.gz and gx-ssh-peer.sha256, which starts with
+// the digits. Incomplete ones are left out.
 std::vector<StoredPeer> FindPeers(const std::string& folder);
 
-// Where those lie that belong to this program: beside it in the build tree, or where it is installed.
+// The folder with this program's peers: beside it in the build tree, or where it is installed.
 std::string DefaultPeerFolder();
 
 // The bytes to send. Throws std::system_error when they cannot be read.

@@ -27,17 +27,17 @@ using gxmod::ConnectionType;
 using std::chrono::milliseconds;
 
 constexpr std::size_t kPings = 50;
-constexpr milliseconds kRoundTripTime{2'000};  // for all of them
-constexpr milliseconds kBytesTime{3'000};      // for the test of the bytes
-constexpr milliseconds kRateTime{1'500};       // for each rate, and at most twice as long for what is under way
+constexpr milliseconds kRoundTripTime{2'000};  // for all pings
+constexpr milliseconds kBytesTime{3'000};      // for the test of all byte values
+constexpr milliseconds kRateTime{1'500};  // for each rate, and at most twice as long for the pending answers
 constexpr milliseconds kDrainTime{3'000};
 
-// So much is on the way at once, to begin with; what comes back raises it. More than the line takes would only
-// lie in its buffers, and much of it waits for a slow one for longer than a probe may last.
+// The initial amount of data under way; answers raise it. More than the line carries would only fill its
+// buffers, and a slow line might not deliver that before the probe ends.
 constexpr std::size_t kFirstWindow = 4 * 1024;
 constexpr std::size_t kLargestWindow = 4 * 1024 * 1024;
 constexpr std::size_t kLargestPayload = 64 * 1024;
-constexpr std::size_t kAnsweredPayload = 1024;  // the far side sends so much of a test's text back
+constexpr std::size_t kAnsweredPayload = 1024;  // the far side returns so much of a test's text
 
 double Seconds(Clock::duration time) { return std::chrono::duration<double>(time).count(); }
 
@@ -47,8 +47,8 @@ std::string EveryByte() {
   return bytes + std::string(bytes.rbegin(), bytes.rend());
 }
 
-// Pings, which only the two tools know, measure the round trip; tests of the channel, which every far side
-// answers, the rest.
+// Pings, which only gx-ssh-peer answers, measure the round trip. Channel tests, which every far side answers,
+// measure the rest.
 class Session final : FrameReader::Handler {
  public:
   Session(const Options& options, Console& console)
@@ -166,7 +166,7 @@ class Session final : FrameReader::Handler {
     if (counted_ == 0) return Fail("the far side has stopped answering");
     const double rate = static_cast<double>(counted_) / seconds;
     (measured_ == Phase::kThere ? result_.there_rate : result_.both_rate) = rate;
-    // What is still under way would be counted as fast answers.
+    // Answers that are still under way would be counted as fast ones.
     if (measured_ == Phase::kThere && under_way_.empty()) return Measure(Phase::kBoth);
     Send(MakeFrame(kGoodbyeFrame, 0, "the probe is over"));
     io_.stop();
@@ -201,7 +201,7 @@ class Session final : FrameReader::Handler {
     asio::error_code error;
     const std::size_t sent = output_.write_some(asio::buffer(queue_), error);
     queue_.erase(0, sent);
-    if (error && error != asio::error::would_block) return;  // the end of the input tells
+    if (error && error != asio::error::would_block) return;  // the end of the input reports it
     writing_ = !queue_.empty();
     if (!writing_) return;
     output_.async_wait(asio::posix::stream_descriptor::wait_write, [this](asio::error_code stopped) {
@@ -244,8 +244,8 @@ class Session final : FrameReader::Handler {
   Clock::time_point asked_;
   Clock::time_point phase_begin_;
   Clock::time_point last_answer_;
-  std::deque<std::size_t> under_way_;  // sizes of tests that are not answered yet
-  std::size_t in_flight_ = 0;          // their sum
+  std::deque<std::size_t> under_way_;  // sizes of unanswered tests
+  std::size_t in_flight_ = 0;          // sum of under_way_
   std::size_t window_ = 0;
   std::size_t counted_ = 0;
   ProbeResult result_;

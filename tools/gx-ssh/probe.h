@@ -1,4 +1,4 @@
-// Is this carrier any good? What --probe measures.
+// Tests a carrier, for --probe.
 #ifndef GX_SSH_PROBE_H
 #define GX_SSH_PROBE_H
 
@@ -13,19 +13,19 @@
 
 namespace gxtool {
 
-// What was found, as far as the probe came.
+// The measurements, as far as the probe got.
 struct ProbeResult {
-  std::string problem;  // empty: usable
+  std::string problem;  // empty: the carrier is usable
   std::optional<double> ready_seconds;
-  std::string noise;  // before the ready line, the end of it
+  std::string noise;  // the last bytes before the ready line
   Features features;  // of the far side
   std::vector<double> round_trips_ms;
-  bool bytes_survive = false;        // every value, both ways
+  bool bytes_survive = false;        // all byte values, in both directions
   std::optional<double> there_rate;  // bytes per second
-  std::optional<double> both_rate;   // each way, while both are busy
+  std::optional<double> both_rate;   // in each direction, while both are busy
 };
 
-// Starts the carrier and measures, within about ten seconds once the far side is ready. No module is needed.
+// Starts the carrier and measures, within about ten seconds after the far side is ready. Needs no module.
 // Throws Failure when the carrier cannot be run.
 ProbeResult Probe(const Options& options, Console& console);
 

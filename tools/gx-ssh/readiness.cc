@@ -27,7 +27,7 @@ void Notify(const std::string&) {}
 std::chrono::microseconds WatchdogTime() { return std::chrono::microseconds(0); }
 #endif
 
-// A pipe that has room takes a line of this size without a wait.
+// A pipe with room takes a line of this size without blocking.
 bool WriteLine(int fd, const std::string& line) {
   pollfd ready{fd, POLLOUT, 0};
   if (poll(&ready, 1, 0) == 0) errno = EAGAIN;

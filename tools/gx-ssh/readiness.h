@@ -1,4 +1,4 @@
-// Those who wait until this program is ready.
+// Tells others when this program is ready.
 #ifndef GX_SSH_READINESS_H
 #define GX_SSH_READINESS_H
 
@@ -11,20 +11,21 @@
 
 namespace gxtool {
 
-// A descriptor that the caller has named, and the service manager, when that has started this program. The
-// manager also hears that the program stops, and signs of life where it wants some. Threads: the one that runs
-// `io`.
+// Informs a descriptor that the caller has named and, if a service manager started this program, the manager.
+// The manager also gets status lines, the stop, and watchdog messages if it wants them. Threads: the one that
+// runs `io`.
 class Readiness {
  public:
-  // The service manager is part of this build.
+  // True when this build supports a service manager.
   static bool KnowsServiceManager();
 
-  // `descriptor` is taken; -1: none.
+  // Takes over `descriptor`; -1: none.
   Readiness(asio::io_context& io, int descriptor);
 
-  // At the first call: one line there, `line` without its end, and no more.
+  // Informs the service manager. The first call also writes `line` with a line end to the descriptor and closes
+  // it.
   void OnReady(const std::string& line);
-  // One line for whoever asks the service manager.
+  // A line that the service manager shows to its users.
   void OnStatus(const std::string& line);
   void OnStopping();
 
@@ -33,7 +34,7 @@ class Readiness {
 
   Descriptor descriptor_;
   asio::steady_timer timer_;
-  std::chrono::microseconds interval_{0};  // between signs of life; 0: none are wanted
+  std::chrono::microseconds interval_{0};  // of the watchdog messages; 0: none
 };
 
 }  // namespace gxtool

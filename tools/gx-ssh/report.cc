@@ -11,7 +11,7 @@
 namespace gxtool {
 namespace {
 
-// For ssh, which replaces what begins with a percent sign, and then for the shell.
+// Quotes the command for ssh, which expands percent signs, and then for the shell.
 std::string ProxyCommand(const std::string& path) {
   const std::string address = "unix:" + std::filesystem::absolute(path).string();
   std::string command;
@@ -28,7 +28,7 @@ std::string SshConfig(const ListenAddress& address, const std::string& name) {
   } else {
     text += fmt::format("  ProxyCommand {}\n", ProxyCommand(address.unix_path));
   }
-  // The port is another one each time, so the key is kept under a name of its own.
+  // The port changes each time, so ssh stores the key under this name.
   return text + fmt::format("  HostKeyAlias {}\n", name);
 }
 
@@ -107,7 +107,7 @@ std::string ShellQuoted(std::string_view text) {
 std::string FormatBytes(double bytes) {
   constexpr std::array<const char*, 5> kUnits{"B", "KiB", "MiB", "GiB", "TiB"};
   std::size_t unit = 0;
-  // What would be rounded to 1024.0 is one of the next unit.
+  // A number that would be rounded to 1024.0 moves to the next unit.
   while (bytes >= 1023.95 && unit + 1 < kUnits.size()) {
     bytes /= 1024;
     ++unit;

@@ -1,4 +1,4 @@
-// What gx-ssh prints, as text: pure functions.
+// Formats everything that gx-ssh prints: pure functions.
 #ifndef GX_SSH_REPORT_H
 #define GX_SSH_REPORT_H
 
@@ -19,14 +19,14 @@
 
 namespace gxtool {
 
-// A JSON object in the making, of one line: {"connection":3,"event":"close",...}. The order of members says
-// nothing; texts are UTF-8.
+// Builds a one-line JSON object: {"connection":3,"event":"close",...}. The members are not ordered; texts are
+// UTF-8.
 class JsonObject {
  public:
   JsonObject& Add(std::string_view name, std::string_view text);
   JsonObject& Add(std::string_view name, std::uint64_t number);
   JsonObject& Add(std::string_view name, double number);
-  // The members of `other` as well.
+  // Adds the members of `other`.
   JsonObject& Add(const JsonObject& other);
   std::string Text() const;
 
@@ -36,24 +36,24 @@ class JsonObject {
   Json::Value members_{Json::objectValue};
 };
 
-// One word of a shell's command line.
+// Quotes the text as one word of a shell command.
 std::string ShellQuoted(std::string_view text);
 
-// The last part of a command's path, made harmless.
+// The last part of a command's path, escaped.
 std::string ProgramName(const std::string& path);
 
-// "127.0.0.1:40001", "[::1]:40001", "unix:/run/box"
+// For example "127.0.0.1:40001", "[::1]:40001", "unix:/run/box".
 std::string AddressText(const ListenAddress& address);
 
-// Host and port (TCP only), both as one text, and the target.
+// Members: host and port (TCP only), the address as one text, and the target.
 JsonObject ForwardObject(const Forward& forward);
 
-// What standard output shall tell about the addresses, of which there is at least one, with its line ends;
-// empty for kNothing. `name` is that of the far side in ssh's configuration, also for its key.
+// The addresses in the form for standard output, with line ends; at least one address is needed. Empty for
+// kNothing. `name` is the far side's host name in the ssh configuration, also for its host key.
 std::string Announcement(PrintFormat format, const std::vector<Forward>& forwards, const std::string& name);
 
-// GX_SSH_HOST, GX_SSH_PORT and GX_SSH_ADDR of the first; where there are more, the same with _1, _2 and so on
-// at the end for each. Host and port have no value for a Unix socket.
+// GX_SSH_HOST, GX_SSH_PORT and GX_SSH_ADDR of the first address; if there are more, the same variables for each
+// with the suffix _1, _2 and so on. A Unix socket has no value for host and port.
 std::vector<std::pair<std::string, std::optional<std::string>>> AddressVariables(
     const std::vector<Forward>& forwards);
 
@@ -65,13 +65,13 @@ std::string FormatSeconds(double seconds);
 // "connection 3 from 127.0.0.1:40001 to web:80 closed after 0.3s: 12 B sent, 1.0 KiB received"
 std::string ConnectionLine(const Traffic::Connection& connection);
 
-// One line for each open connection, with a heading and the totals.
+// A heading, one line per open connection, and the totals.
 std::vector<std::string> Table(const std::vector<Traffic::Connection>& open, const Traffic::Totals& totals);
 
 // "2 open, 5 in all; 1.0 KiB sent, 88.0 MiB received"
 std::string TotalsLine(const Traffic::Totals& totals);
 
-// Two lines for the terminal. Rates in bytes per second.
+// Two lines for the terminal. Rates are in bytes per second.
 std::string StatusLines(const std::string& route, const std::string& link_state, const Traffic::Totals& totals,
                         double sent_rate, double received_rate);
 

@@ -17,7 +17,7 @@ const std::string kStarting = "starting";
 
 bool HasTerminal(const Options& options) {
   const char* terminal = std::getenv("TERM");
-  // The command of --run and what talks through -W have the terminal for themselves.
+  // The command of --run, or the program behind -W, uses the terminal.
   const bool ours = !options.quiet && !options.background && !options.standard_io && options.run.empty();
   return ours && isatty(STDERR_FILENO) && terminal != nullptr && std::string_view(terminal) != "dumb";
 }
@@ -79,7 +79,7 @@ bool Reporter::TellsConnections() const { return options_.json || spdlog::should
 
 void Reporter::OnConnection(const Traffic::Change& change) {
   Traffic::Connection connection = change.connection;
-  // The module's own port has one target, unless the far side opens ports for others.
+  // The module's own port has one target, unless the far side may open further ports.
   if (!options_.HasRelay() && !options_.allow_channel_list) connection.route.target = options_.target;
   JsonObject object;
   object.Add("connection", std::uint64_t{connection.id});
@@ -100,19 +100,19 @@ void Reporter::OnExit(int status, const std::string& reason) {
 
 void Reporter::PrintOut(const std::string& text, OutputQueue::Kind kind) {
   if (text.empty()) return;
-  // Both may be one terminal; the next tick shows the status again, below this.
+  // Standard output and standard error may be one terminal; the next tick shows the status below this text.
   console_.SetStatus({});
   output_.Add(text, kind);
 }
 
 void Reporter::PrintTable() {
-  // Asked for, so it is said with -q as well.
+  // Shown with -q, too, because the user asked for it.
   for (const std::string& line : Table(traffic_.open(), traffic_.totals())) spdlog::critical("{}", line);
 }
 
 void Reporter::Tick() {
   const Traffic::Totals totals = traffic_.totals();
-  // A carrier that starts may ask for a password, and wants the terminal to itself.
+  // A starting carrier may ask for a password and needs the terminal.
   if (link_state_ != kStarting) ShowStatus(totals);
   last_totals_ = totals;
   timer_.expires_after(kTick);

@@ -1,4 +1,4 @@
-// Tells people and scripts how things stand.
+// Reports the state to people and scripts.
 #ifndef GX_SSH_REPORTER_H
 #define GX_SSH_REPORTER_H
 
@@ -17,8 +17,8 @@
 
 namespace gxtool {
 
-// The address on standard output, events with --json, connections with -v, and a status on a terminal that is
-// kept up to date. None of it waits for a reader of standard output. Threads: the one that runs `io`.
+// Prints the address on standard output, events with --json, connections with -v, and a live status on a
+// terminal. A slow reader of standard output never blocks it. Threads: the one that runs `io`.
 class Reporter {
  public:
   // All arguments outlive the reporter; `output` is standard output.
@@ -27,17 +27,17 @@ class Reporter {
   void OnListening(const std::vector<Forward>& forwards);
   // `state` is one word: starting, up, lost, ended. `detail` may be empty.
   void OnLink(const std::string& state, const std::string& detail);
-  // That much of a gx-ssh-peer for that architecture was sent.
+  // So many bytes of `total` of the gx-ssh-peer for that architecture were sent.
   void OnBringing(const std::string& architecture, std::size_t sent, std::size_t total);
-  // False: nobody would see what OnConnection tells. Any thread.
+  // False when OnConnection would print nothing. Thread: any.
   bool TellsConnections() const;
   void OnConnection(const Traffic::Change& change);
-  // The last word.
+  // Prints the final message.
   void OnExit(int status, const std::string& reason);
 
   void PrintTable();
 
-  // Standard output has what was printed, unless its reader stalls.
+  // Waits until the printed text is written, but only briefly for a stalled reader.
   void Flush() { output_.WaitUntilWritten(std::chrono::milliseconds(300)); }
 
  private:
@@ -54,7 +54,7 @@ class Reporter {
   Console& console_;
   OutputQueue output_;
   const Traffic& traffic_;
-  const bool live_;  // there is a status to show
+  const bool live_;  // a status is shown
   asio::steady_timer timer_;
   asio::steady_timer statistics_timer_;
   const std::chrono::milliseconds statistics_time_;  // 0: never
