@@ -6,7 +6,7 @@
 namespace gxtool {
 namespace {
 
-// Less than this at a time comes from a sender that is slower than the reader, who would wait in vain.
+// After smaller reads do not spin: the sender is slower than the reader.
 constexpr std::size_t kMuchBytes = 64 * 1024;
 constexpr std::chrono::microseconds kShortestWait{1};
 
@@ -17,7 +17,7 @@ void EventLoop::Run() {
     io_.run_one();
     while (transfers_) {
       if (io_.poll() != 0) continue;
-      transfers_ = false;  // unless what comes now is more of it
+      transfers_ = false;  // set again if more data arrives
       WaitAwake();
     }
   }

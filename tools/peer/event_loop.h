@@ -1,4 +1,4 @@
-// Runs an io_context, wide awake while a transfer goes on.
+// Runs an io_context, and spins briefly during transfers.
 #ifndef GX_PEER_EVENT_LOOP_H
 #define GX_PEER_EVENT_LOOP_H
 
@@ -9,18 +9,18 @@
 
 namespace gxtool {
 
-// Behind bytes of a transfer the next ones are nearly there, and to fall asleep and be woken costs everybody on
-// the way more than a moment's wait. So the loop looks again a few times, behind everyone else who wants the
-// processor: for kLongestWait at most, and for ever less as long as that is in vain.
+// During a transfer the next bytes usually arrive within microseconds, and sleeping and waking costs both sides
+// more than a short spin. So the loop polls for at most kLongestWait before it sleeps, and yields the processor
+// to other threads meanwhile. Each spin without success halves the time of the next one.
 // Threads: the one that calls Run.
 class EventLoop {
  public:
   explicit EventLoop(asio::io_context& io) : io_(io) {}
 
-  // Until the io_context is stopped or has no work left.
+  // Runs until the io_context is stopped or has no work left.
   void Run();
 
-  // For handlers: so many bytes have come with one read.
+  // Handlers call this with the size of each read.
   void OnRead(std::size_t bytes);
 
  private:

@@ -13,12 +13,12 @@ namespace gxtool {
 namespace {
 
 constexpr std::size_t kBufferBytes = 4 * (gxmod::kFrameHeaderBytes + kDataBytes);
-// What lies unread is what a keystroke's echo waits behind. With less than this the next run of frames would
-// not leave before most of this one is read.
+// The limit of unread bytes in the socket, which bounds the delay of a keystroke's echo. With a smaller one,
+// the next buffer of frames could not be sent before most of this one is read.
 constexpr int kUnreadBytes = 256 * 1024;
 constexpr int kInteractiveUnreadBytes = 32 * 1024;
 constexpr std::size_t kInteractiveFrameBytes = 32 * 1024;
-// Less is not worth a call to the target.
+// A read from the target is not worth a call for less space.
 constexpr std::size_t kLeastRoom = 4 * 1024;
 
 }  // namespace
@@ -31,7 +31,7 @@ FrameOutput::FrameOutput(asio::io_context& io, int fd, Owner* owner)
 std::span<char> FrameOutput::Room() {
   const std::size_t taken = end_ + gxmod::kFrameHeaderBytes;
   if (broken_ || !overflow_.empty() || taken + kLeastRoom > kBufferBytes) return {};
-  // Who says little may go one frame further than the others.
+  // A connection with little data may go one frame further.
   if (pace_.Room(pace_.FrameBytes()) < pace_.FrameBytes()) return {};
   return {buffer_.get() + taken, std::min({kDataBytes, pace_.DataBytes(), kBufferBytes - taken})};
 }
@@ -83,14 +83,14 @@ void FrameOutput::AddText(std::string_view text) {
   ScheduleFlush();
 }
 
-// Deferred, so that all that becomes readable in one pass of the event loop leaves in one write.
+// Deferred, so that all data of one pass of the event loop is sent with one write.
 void FrameOutput::ScheduleFlush() {
   if (flush_pending_) return;
   flush_pending_ = true;
   asio::post(io_, [this] { Flush(); });
 }
 
-// What fails here fails again in Flush, which is under way.
+// An error is ignored here: the pending Flush meets it again.
 void FrameOutput::Hurry() {
   if (!broken_ && !blocked_ && !idle()) WriteSome();
 }

@@ -1,10 +1,9 @@
 // The outgoing half of the stream.
 //
-// Frames are built where they are written from: a payload is read from its target straight into the space
-// behind its header, and whole runs of frames leave in one write. Runs and frames are large, which is cheap. No
-// more than one run is ever queued ahead of a new frame, except for answers that must not wait (AddControl).
-// While somebody waits for small answers, SetInteractive trades some of the cheapness for less ahead of them.
-// On a line whose other side acknowledges what comes no more data is added than the line carries.
+// Frames are built in the buffer from which they are written: a payload is read from its target directly behind
+// its header, and many frames are sent with one write. At most one buffer of frames is queued ahead of a new
+// frame, except for control frames (AddControl). SetInteractive shortens that queue while a user waits for
+// small answers. When the other side acknowledges, no more data is added than the line carries.
 // Threads: the one that runs the io_context.
 #ifndef GX_PEER_FRAME_OUTPUT_H
 #define GX_PEER_FRAME_OUTPUT_H
@@ -26,49 +25,48 @@
 
 namespace gxtool {
 
-inline constexpr std::size_t kDataBytes = 64 * 1024;  // most payload of one Data frame
+inline constexpr std::size_t kDataBytes = 64 * 1024;  // maximum payload of a Data frame
 
 class FrameOutput {
  public:
-  // Both are called from the event loop, never from within a call of the owner's.
+  // Both are called from the event loop, never from inside the owner's calls.
   class Owner {
    public:
-    // Something was written: Room may have grown, owed and idle may have changed.
+    // Data was written: Room may have grown, owed and idle may have changed.
     virtual void OnOutputProgress() = 0;
-    // Nobody will read what is still queued.
+    // The queued data can no longer be sent.
     virtual void OnOutputBroken() = 0;
 
    protected:
     ~Owner() = default;
   };
 
-  // Takes `fd` over, which does not block. `owner` is not owned.
+  // Takes ownership of `fd`, which is non-blocking. `owner` is borrowed.
   FrameOutput(asio::io_context& io, int fd, Owner* owner);
 
-  // Where the payload of a Data frame may be put now; empty: not before OnOutputProgress, or before the line
-  // has carried more.
+  // The space for the payload of a Data frame; empty: wait for OnOutputProgress or for acknowledgements.
   std::span<char> Room();
-  // The same for a connection that has much to say: not while the stream takes no more. When interactive,
-  // little at a time and only once all that was queued is written.
+  // The same for a connection with much data: empty while the stream is full. In interactive mode, small pieces
+  // and only when the queue is empty.
   std::span<char> BulkRoom();
-  // Somebody waits for small answers, or nobody does any more.
+  // Turns interactive mode on or off: a user waits for small answers.
   void SetInteractive(bool on);
   bool interactive() const { return interactive_; }
   // Queues the first `count` bytes of Room or BulkRoom as a Data frame.
   void AddData(std::uint32_t connection_id, std::size_t count);
-  // Writes what was queued last without waiting for the event loop, if nothing lies ahead of it.
+  // Writes the last frame at once, without waiting for the event loop, if no other data is queued.
   void Hurry();
-  // Queues a frame behind all others, room or no room.
+  // Queues a control frame behind all others, even without room.
   void AddControl(gxmod::ConnectionType type, std::uint32_t connection_id, std::string_view payload = {});
-  // Tells the other side what has been received. While the stream takes no more, the last totals wait.
+  // Tells the other side how much was received. While the stream is full, only the latest totals are kept.
   void Acknowledge(const Acknowledgement& totals);
   LinePace& pace() { return pace_; }
-  // Queues bytes that are no frame.
+  // Queues bytes outside of a frame.
   void AddText(std::string_view text);
 
-  // Bytes of control frames that found no room.
+  // Bytes of control frames that did not fit into the buffer.
   std::size_t owed() const { return overflow_.size(); }
-  // All is written.
+  // Everything is written.
   bool idle() const { return begin_ == end_ && overflow_.empty(); }
 
  private:
@@ -83,13 +81,13 @@ class FrameOutput {
   StreamDescriptor fd_;
   Owner* const owner_;
   const std::unique_ptr<char[]> buffer_;
-  std::size_t begin_ = 0;  // of what is unwritten
+  std::size_t begin_ = 0;  // start of the unwritten bytes
   std::size_t end_ = 0;
   LinePace pace_;
-  std::optional<Acknowledgement> acknowledgement_;  // waits
-  std::string overflow_;  // comes after the buffer; no data is added while there is some
+  std::optional<Acknowledgement> acknowledgement_;  // to be sent when the stream has room
+  std::string overflow_;  // to be sent after the buffer; while it has bytes, no data is added
   bool flush_pending_ = false;
-  bool blocked_ = false;  // the stream takes no more
+  bool blocked_ = false;  // the stream is full
   bool interactive_ = false;
   bool broken_ = false;
 };

@@ -38,7 +38,7 @@ void ReadWait::WatchSocket(const std::shared_ptr<Owner>& owner) {
   });
 }
 
-// The clock is not stopped for a wait that is over, since the next one mostly begins before it rings.
+// The timer is kept when a wait ends early, because the next wait usually starts before it fires.
 void ReadWait::WatchClock(const std::shared_ptr<Owner>& owner) {
   if (clock_watched_) return;
   clock_watched_ = true;

@@ -1,9 +1,10 @@
-// Waits until a socket can be read, and lets the bytes of a transfer add up meanwhile.
+// Waits until a socket is readable, and lets a transfer's bytes accumulate meanwhile.
 //
-// To be woken for every packet costs all programs on the way more than to carry it. So behind kMuchBytes a wait
-// is for kBatchBytes, or for kPatience; the end of the stream ends it at once. A sender that has said all and
-// wants an answer loses that time. So behind a wait in whose second half nothing came every byte counts again,
-// for sixteen times as long; when more was still coming, only for the share of that which was missing.
+// A wake-up per packet costs all programs on the way more than the packet itself. So after kMuchBytes a wait is
+// for kBatchBytes (with SO_RCVLOWAT) or for kPatience, whichever comes first; the end of the stream ends it at
+// once. A sender that has sent everything and waits for an answer loses that time. So after a timeout batching
+// stays off: for 16 times kPatience if no byte arrived in the second half of the wait, otherwise for a part of
+// that, in proportion to the bytes that were missing.
 // Threads: the one that runs the io_context.
 #ifndef GX_PEER_READ_WAIT_H
 #define GX_PEER_READ_WAIT_H
@@ -21,8 +22,7 @@ class ReadWait {
  public:
   class Owner {
    public:
-    // Once after Start, from the event loop: there are bytes, an end or an error to read, or the socket was
-    // closed.
+    // Called once after Start, from the event loop: the socket has bytes, an end or an error, or it was closed.
     virtual void OnReadReady() = 0;
 
    protected:
@@ -33,11 +33,11 @@ class ReadWait {
   static constexpr std::size_t kBatchBytes = 256 * 1024;
   static constexpr std::chrono::microseconds kPatience{1000};
 
-  // `socket` is not owned and outlives the wait.
+  // `socket` is borrowed and outlives the wait.
   ReadWait(asio::io_context& io, StreamSocket& socket) : socket_(socket), timer_(io) {}
 
-  // While none is pending, and behind `got` bytes since the last one. `owner` is the one of this and of the
-  // socket, and lives until the socket has something to read or is closed.
+  // Starts a wait, after `got` bytes were read since the last one. Call it while no wait is pending. `owner`
+  // owns this object and the socket; the wait keeps it alive.
   void Start(std::size_t got, const std::shared_ptr<Owner>& owner);
   bool pending() const { return pending_; }
 
@@ -55,9 +55,9 @@ class ReadWait {
   bool pending_ = false;
   bool socket_watched_ = false;
   bool clock_watched_ = false;
-  std::size_t low_water_ = 1;                  // so many unread bytes end a wait
-  Clock::time_point end_;                      // of a wait for more than one byte
-  std::optional<std::size_t> unread_at_half_;  // of its time
+  std::size_t low_water_ = 1;                  // number of unread bytes that ends a wait
+  Clock::time_point end_;                      // end of a wait for more than one byte
+  std::optional<std::size_t> unread_at_half_;  // unread bytes at half of its time
   Clock::time_point patient_from_;
 };
 

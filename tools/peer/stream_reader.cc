@@ -7,7 +7,8 @@ namespace {
 
 constexpr std::size_t kReadBytes = 256 * 1024;
 
-// Asio knows of sockets, and only of them, that a short read has emptied them. That saves a call per wake-up.
+// After a short read Asio knows that a socket is empty, and saves a call per wake-up. It knows this only for
+// sockets.
 std::variant<StreamDescriptor, StreamSocket> Open(asio::io_context& io, int fd) {
   struct stat status {};
   if (fstat(fd, &status) == 0 && S_ISSOCK(status.st_mode)) {
@@ -40,7 +41,7 @@ void StreamReader::Pause() {
   WatchHangUp();
 }
 
-// A writer that is gone would otherwise show itself only once somebody reads again.
+// Detects that the writer is gone, which otherwise only a read would show.
 void StreamReader::WatchHangUp() {
   if (watching_) return;
   watching_ = true;
@@ -57,7 +58,7 @@ void StreamReader::WatchHangUp() {
 void StreamReader::Resume() {
   if (!paused_) return;
   paused_ = false;
-  // Asio reads nothing ahead while a wait for errors is pending.
+  // Asio's early reads are disabled while a wait for errors is pending.
   asio::error_code ignored;
   if (watching_) std::visit([&](auto& end) { end.cancel(ignored); }, end_);
   Read();

@@ -1,4 +1,4 @@
-// The incoming half of the stream: a socket, a pipe, a terminal or a file, read in big pieces.
+// The incoming half of the stream: a socket, pipe, terminal or file, read in large pieces.
 // Threads: the one that runs the io_context.
 #ifndef GX_PEER_STREAM_READER_H
 #define GX_PEER_STREAM_READER_H
@@ -16,25 +16,25 @@ class StreamReader {
  public:
   class Owner {
    public:
-    // `bytes` are valid for the call.
+    // `bytes` are valid during the call.
     virtual void OnBytes(std::string_view bytes) = 0;
-    // The writer has ended or is gone; also while the reader pauses.
+    // The writer has ended or is gone. Called also while the reader is paused.
     virtual void OnEnd() = 0;
 
    protected:
     ~Owner() = default;
   };
 
-  // Takes `fd` over, which does not block. `owner` is not owned.
+  // Takes ownership of `fd`, which is non-blocking. `owner` is borrowed.
   StreamReader(asio::io_context& io, int fd, Owner* owner);
 
   void Start() { Read(); }
 
-  // No more OnBytes until Resume; both may be called from OnBytes.
+  // Pause stops OnBytes until Resume; both may be called from OnBytes.
   void Pause();
   void Resume();
   bool paused() const { return paused_; }
-  // No more calls at all.
+  // Stops all calls.
   void Stop();
 
  private:
