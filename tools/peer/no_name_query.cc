@@ -10,6 +10,8 @@ const bool kAsksNameServers = false;
 // Ownership: shared with the pending answer.
 class NameQuery::Channel {
  public:
+  explicit Channel(Done to_tell) : done(std::move(to_tell)) {}
+
   Done done;
 };
 
