@@ -424,7 +424,7 @@ def stalls(watched):
                                                                "sh"]) as host:
         eventually(lambda: os.path.exists(port), "it waits for the reader of its events")
         stop(host)
-    loud = READY + f"head -c 200000 /dev/zero | tr '\\0' '\\n' >&2; echo >{watched.path('said')}; " + SILENT
+    loud = READY + f"yes $(printf %01000d) | head -n 200 >&2; echo >{watched.path('said')}; " + SILENT
     with watched.start(carrier=loud, through=["sh", "-c", f'exec "$@" 2>/proc/{os.getpid()}/fd/{here}', "sh"]) as host:
         address_of(host)
         eventually(lambda: os.path.exists(watched.path("said")), "it waits for the reader of its words")

@@ -181,7 +181,6 @@ TEST_F(ModuleTest, WithoutATextFromTheListenerTheTargetIsTheDefault) {
     const auto list = stream->Receive();
     ASSERT_TRUE(list);
     EXPECT_THAT(list->payload, HasSubstr("addr=127%2E0%2E0%2E1%3A22;"));
-    plugin->SetListener(nullptr);
     plugin->ExitInstance();
   }
 }

@@ -1,23 +1,21 @@
 #include "runtime/gxmod_runtime.h"
 
 #include "base/base_thread.h"
+#include "support/log_capture.h"
 #include "support/test.h"
 
 namespace {
 
-class Host final : public IGXModRuntime {
+class Host final : public LogKeeper {
  public:
   void Log(int level, const char* text) override {
     if (std::string(text) == "throw") throw std::runtime_error("host");
     if (busy_.exchange(true)) overlapped_ = true;
-    lines_.emplace_back(level, text);
+    told_.emplace_back(level, text);
     busy_ = false;
   }
-  int GetConfig(bool, const char*, const char*, IGXModData**, const char*) override { return 0; }
-  int SaveConfig(bool, const char*, const char*, const char*) override { return 0; }
-  const char* GetEnv(const char*) override { return nullptr; }
 
-  std::vector<std::pair<int, std::string>> lines_;
+  std::vector<Line> told_;  // not guarded: the calls shall not overlap
   std::atomic<bool> busy_{false};
   std::atomic<bool> overlapped_{false};
 };
@@ -36,10 +34,10 @@ TEST_F(RuntimeTest, LogFormatsAndCutsAt4095Characters) {
   GXModLog(kGXModLogWarning, "[test] %d %s", 7, "seven");
   GXModLog(kGXModLogTrace, "%s", std::string(4095, 'a').c_str());
   GXModLog(kGXModLogTrace, "%s", std::string(5000, 'b').c_str());
-  ASSERT_EQ(host_.lines_.size(), 3u);
-  EXPECT_EQ(host_.lines_[0], std::make_pair(2, std::string("[test] 7 seven")));
-  EXPECT_EQ(host_.lines_[1].second, std::string(4095, 'a'));
-  EXPECT_EQ(host_.lines_[2], std::make_pair(8, std::string(4095, 'b')));
+  ASSERT_EQ(host_.told_.size(), 3u);
+  EXPECT_EQ(host_.told_[0], std::make_pair(2, std::string("[test] 7 seven")));
+  EXPECT_EQ(host_.told_[1].second, std::string(4095, 'a'));
+  EXPECT_EQ(host_.told_[2], std::make_pair(8, std::string(4095, 'b')));
 }
 
 class Unlucky final : public CBaseThread {
@@ -61,7 +59,7 @@ TEST_F(RuntimeTest, AThreadThatAnExceptionEndsSaysSo) {
   const auto line = [](const std::string& what) {
     return std::make_pair(4, "[thread] worker ended with an exception: " + what);
   };
-  EXPECT_EQ(host_.lines_, (std::vector{line("std::bad_alloc"), line("unknown exception")}));
+  EXPECT_EQ(host_.told_, (std::vector{line("std::bad_alloc"), line("unknown exception")}));
 }
 
 TEST_F(RuntimeTest, CallsIntoTheHostNeverOverlap) {
@@ -72,7 +70,7 @@ TEST_F(RuntimeTest, CallsIntoTheHostNeverOverlap) {
     });
   }
   for (std::thread& thread : threads) thread.join();
-  EXPECT_EQ(host_.lines_.size(), 800u);
+  EXPECT_EQ(host_.told_.size(), 800u);
   EXPECT_FALSE(host_.overlapped_);
 }
 
@@ -81,7 +79,7 @@ TEST_F(RuntimeTest, WithoutAHostLinesGoToStandardOutputAndTheRestDoesNothing) {
   testing::internal::CaptureStdout();
   GXModLog(kGXModLogError, "[test] %s", "100% bare");
   EXPECT_EQ(testing::internal::GetCapturedStdout(), "[test] 100% bare\n");
-  EXPECT_TRUE(host_.lines_.empty());
+  EXPECT_TRUE(host_.told_.empty());
 
   IGXModData* out = nullptr;
   EXPECT_EQ(runtime_->GetConfig(true, "section", "key", &out, "fallback"), 0);
