@@ -520,7 +520,7 @@ def peers(tools, server):
     # The open file may be shared with a shell, which does not expect to find it non-blocking.
     theirs, ours = os.pipe()
     options = ["--raw", "-v", "--allow", target.address]
-    with Child(["sh", "-c", f'exec "$@" <&{theirs}', "sh", tools.gx_ssh_peer, *options], pass_fds=[theirs]) as peer:
+    with Child(["bash", "-c", f'exec "$@" <&{theirs}', "bash", tools.gx_ssh_peer, *options], pass_fds=[theirs]) as peer:
         os.write(ours, frame(CONNECT, 1, target.address.encode()) + frame(DATA, 1, b"hello\n"))
         peer.expect(peer.err, f"connection 1 to {target.address} is open")
         peer.expect(peer.out, "hello$")
