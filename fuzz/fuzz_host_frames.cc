@@ -38,7 +38,7 @@ class Keeper final : public PluginInput::Handler {
     if (header.type == gxtool::kAcknowledgementFrame && totals) pace_.OnAcknowledgement(*totals);
     Check(pace_.view().under_way <= pace_.sent());
   }
-  void OnAcknowledge(const gxtool::Acknowledgement& totals) override {
+  void OnAcknowledge(const gxtool::Acknowledgement& totals, bool) override {
     Check(totals.received >= told.received && totals.permitted >= told.permitted);
     Check(totals.permitted <= totals.received + gxtool::Receipts::kRoomBytes);
     told = totals;

@@ -7,29 +7,43 @@ namespace {
 
 // Where a slow line delivers a frame bit by bit, this much is worth an acknowledgement.
 constexpr std::uint64_t kLeastBytes = 512;
+// Less waits for more, or for what takes it along.
+constexpr std::uint64_t kMuchBytes = 4 * 1024;
 // So much is worth one at once: the sender must not run out of what it may send.
-constexpr std::uint64_t kManyBytes = Receipts::kRoomBytes / 8;
+constexpr std::uint64_t kManyBytes = Receipts::kRoomBytes / 2;
 
 }  // namespace
+
+void Receipts::OnRead(bool frame_ended, Clock::time_point now) {
+  frame_ended_ = frame_ended;
+  if (has_news() && !came_at_) came_at_ = now;
+}
 
 void Receipts::Permit(std::uint64_t held) {
   const std::uint64_t end = totals_.received + kRoomBytes;
   totals_.permitted = std::max(totals_.permitted, end - std::min(end, held));
 }
 
-std::optional<Receipts::Clock::time_point> Receipts::due() const {
+std::optional<Receipts::Clock::time_point> Receipts::due(Clock::time_point now) const {
   if (!wanted_) return std::nullopt;
   if (!told_) return Clock::time_point{};
   const std::uint64_t received = totals_.received - told_->received;
   const std::uint64_t permitted = totals_.permitted - told_->permitted;
   if (std::max(received, permitted) >= kManyBytes) return Clock::time_point{};
-  if (received == 0 || (!frame_ended_ && received < kLeastBytes)) return std::nullopt;
-  return told_at_ + kInterval;
+  if (received == 0 || (received < kLeastBytes && !frame_ended_)) return std::nullopt;
+  const Clock::time_point soon = told_at_ + kInterval;
+  if (received >= kMuchBytes || (received >= kLeastBytes && now >= soon)) return soon;
+  // Behind a pause the sender measures the round trip of an empty line with it.
+  const Clock::time_point came_at = came_at_.value_or(told_at_);
+  return came_at - told_at_ < kPatience ? came_at + kPatience : came_at;
 }
+
+bool Receipts::rides(Clock::time_point now) const { return has_news() && now >= told_at_ + kInterval / 2; }
 
 Acknowledgement Receipts::Take(Clock::time_point now) {
   told_ = totals_;
   told_at_ = now;
+  came_at_.reset();
   return totals_;
 }
 

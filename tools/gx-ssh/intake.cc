@@ -14,15 +14,22 @@
 namespace gxtool {
 namespace {
 
-// How often the thread looks while bytes come: for acknowledgements that are due, and for a reader that has not
-// come since.
-constexpr std::chrono::milliseconds kLookInterval = Receipts::kInterval;
+// How often the thread looks, while bytes come, for a reader that has not come since. Even a timer that is
+// nearer can be felt in a conversation.
+constexpr std::chrono::milliseconds kLookInterval{50};
 constexpr std::size_t kHoldBytes = 256 * 1024;  // with one read
 // The far side keeps to half of it, or is not read.
 constexpr std::size_t kMostHeldBytes = 2 * Receipts::kRoomBytes;
 
 std::int64_t Milliseconds(Intake::Clock::time_point time) {
   return std::chrono::duration_cast<std::chrono::milliseconds>(time.time_since_epoch()).count();
+}
+
+// For poll.
+int MillisecondsUntil(std::optional<Intake::Clock::time_point> time) {
+  if (!time) return -1;
+  const auto left = std::max(*time - Intake::Clock::now(), Intake::Clock::duration::zero());
+  return static_cast<int>(std::chrono::ceil<std::chrono::milliseconds>(left).count());
 }
 
 }  // namespace
@@ -105,6 +112,22 @@ void Intake::BeginToWait() {
   waiting_since_ms_ = quiet_since_ms_;
 }
 
+void Intake::Sleep(int wake) {
+  std::optional<Clock::time_point> due;
+  if (acknowledges_) {
+    const std::lock_guard lock(receipts_mutex_);
+    due = TellReceipts();
+  }
+  stop_.WaitFor(fd_, POLLIN, wake, MillisecondsUntil(due));
+}
+
+void Intake::OnSending() {
+  const std::lock_guard lock(receipts_mutex_);
+  if (!receipts_.has_news()) return;
+  const Clock::time_point now = Clock::now();
+  if (receipts_.rides(now)) handler_.OnAcknowledge(receipts_.Take(now), true);
+}
+
 std::chrono::milliseconds Intake::silence() const {
   const std::int64_t since = waiting_since_ms_;
   return std::chrono::milliseconds(since == 0 ? 0 : Milliseconds(Clock::now()) - since);
@@ -125,24 +148,23 @@ void Intake::OnFrameEnd() {
   if (IsUrgent(frame_.type)) handler_.OnUrgent(frame_, urgent_);
 }
 
-// Within a turn, or that of the thread. True: one will be due.
-bool Intake::Acknowledge() {
-  if (!acknowledges_) return false;
+// Within a turn, or that of the thread. Returns when one will be due.
+std::optional<Intake::Clock::time_point> Intake::Acknowledge() {
+  if (!acknowledges_) return std::nullopt;
   const std::lock_guard lock(receipts_mutex_);
   receipts_.OnReceived(std::exchange(counted_, 0));
-  receipts_.OnFrameEnd(scanner_.AtFrameEnd());
+  receipts_.OnRead(scanner_.AtFrameEnd(), Clock::now());
   receipts_.Permit(held_.size() - held_at_);
   return TellReceipts();
 }
 
 // With receipts_mutex_.
-bool Intake::TellReceipts() {
-  const auto due = receipts_.due();
-  if (!due) return false;
+std::optional<Intake::Clock::time_point> Intake::TellReceipts() {
   const Clock::time_point now = Clock::now();
-  if (*due > now) return true;
-  handler_.OnAcknowledge(receipts_.Take(now));
-  return false;
+  const auto due = receipts_.due(now);
+  if (!due || *due > now) return due;
+  handler_.OnAcknowledge(receipts_.Take(now), false);
+  return std::nullopt;
 }
 
 void Intake::Arm() {
@@ -167,34 +189,27 @@ void Intake::Watch() {
 }
 
 void Intake::Look(std::uint64_t turns_before) {
-  bool one_is_due = false;
-  {
-    const std::lock_guard lock(receipts_mutex_);
-    one_is_due = TellReceipts();
-  }
-  if (!inside_) {
-    if (turns_ == turns_before) Hold();
-  } else if (!one_is_due) {
-    // A reader that waits arms the thread again when it leaves; one that has just left may have missed that.
-    armed_ = false;
-    if (!inside_) armed_ = true;
-  }
+  if (turns_ != turns_before) return;
+  if (!inside_) return Hold();
+  // A reader that waits arms the thread again when it leaves; one that has just left may have missed that.
+  armed_ = false;
+  if (!inside_) armed_ = true;
 }
 
 void Intake::Hold() {
   holding_ = true;
   bool may_read = true;
   while (!inside_ && !stop_.raised()) {
-    bool one_is_due = false;
+    std::optional<Clock::time_point> due;
     {
       const Lock turn(turn_mutex_, std::try_to_lock);
       if (!turn || inside_) break;
       may_read = may_read && ReadToHold();
-      one_is_due = Acknowledge();
+      due = Acknowledge();
       if (may_read) BeginToWait();
     }
     pollfd waits[] = {{stop_.fd(), POLLIN, 0}, {wake_.read.get(), POLLIN, 0}, {may_read ? fd_ : -1, POLLIN, 0}};
-    poll(waits, std::size(waits), one_is_due ? static_cast<int>(kLookInterval.count()) : -1);
+    poll(waits, std::size(waits), MillisecondsUntil(due));
     EndToWait();
   }
   holding_ = false;

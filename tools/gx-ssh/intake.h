@@ -11,6 +11,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <mutex>
+#include <optional>
 #include <span>
 #include <string>
 #include <string_view>
@@ -35,13 +36,15 @@ class Intake : FrameReader::Handler {
  public:
   using Clock = std::chrono::steady_clock;
 
-  // Called on the reader's thread or that of the intake, one call at a time, within a call of Read or none.
+  // Called on the reader's thread or that of the intake, one call at a time, within a call of Read or none;
+  // OnAcknowledge also within OnSending.
   class Handler {
    public:
     // A frame that does not wait has come: its payload, or the first kUrgentPayloadBytes of it.
     virtual void OnUrgent(const gxmod::FrameHeader& header, std::string_view payload) = 0;
-    // The far side is to be told that so much has come. Totals never fall from one call to the next.
-    virtual void OnAcknowledge(const Acknowledgement& totals) = 0;
+    // The far side is to be told that so much has come; `rides`: with the block of OnSending. Totals never
+    // fall from one call to the next.
+    virtual void OnAcknowledge(const Acknowledgement& totals, bool rides) = 0;
 
    protected:
     ~Handler() = default;
@@ -73,7 +76,12 @@ class Intake : FrameReader::Handler {
   bool holds() const { return held_.size() > held_at_; }
   // Within a turn: a wait for bytes begins, ends.
   void BeginToWait();
+  // Sleeps until there are bytes, `wake` (-1: none) can be read, the stop signal is raised or, perhaps, before.
+  void Sleep(int wake);
   void EndToWait() { waiting_since_ms_ = 0; }
+
+  // A block goes the other way, and may take an acknowledgement along.
+  void OnSending();
 
   // For how long somebody has been waiting for bytes that do not come. Zero while nobody reads.
   std::chrono::milliseconds silence() const;
@@ -91,8 +99,8 @@ class Intake : FrameReader::Handler {
   void Enter();
   void Leave();
   void Came(std::string_view bytes) { scanner_.Feed(bytes); }
-  bool Acknowledge();
-  bool TellReceipts();
+  std::optional<Clock::time_point> Acknowledge();
+  std::optional<Clock::time_point> TellReceipts();
   void Arm();
   void Watch();  // the thread
   void Look(std::uint64_t turns_before);

@@ -72,8 +72,9 @@ void PluginInput::InsertClose(std::uint32_t connection) {
   [[maybe_unused]] const ssize_t written = write(wake_.write.get(), "", 1);
 }
 
-void PluginInput::OnSent(std::size_t length) {
+void PluginInput::OnSending(std::size_t length) {
   sends_little_.store(length <= kLittleBytes, std::memory_order_relaxed);
+  intake_.OnSending();
 }
 
 bool PluginInput::NextFrame() {
@@ -164,7 +165,7 @@ void PluginInput::Wait() {
   const Clock::time_point begin = Clock::now();
   intake_.BeginToWait();
   if (conversation_ < kLikely || !ComesBefore(begin + kAwake)) {
-    stop_.WaitFor(fd_, POLLIN, between_frames_ ? wake_.read.get() : -1);
+    intake_.Sleep(between_frames_ ? wake_.read.get() : -1);
   }
   intake_.EndToWait();
   const auto soon = sends_little_ ? kSoon : kSoonBesideTransfer;

@@ -56,8 +56,8 @@ class PluginInput {
   // waits for one returns with it.
   void InsertClose(std::uint32_t connection);
 
-  // A block of that many bytes goes the other way.
-  void OnSent(std::size_t length);
+  // A block of that many bytes is about to go the other way.
+  void OnSending(std::size_t length);
 
   // Why Read returned 0, for a message.
   const std::string& end_reason() const { return end_reason_; }

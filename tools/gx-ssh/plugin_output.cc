@@ -105,13 +105,12 @@ void PluginOutput::OnPong(std::string_view payload) {
   line_.notify_all();
 }
 
-void PluginOutput::Acknowledge(const Acknowledgement& totals) {
+void PluginOutput::Acknowledge(const Acknowledgement& totals, bool rides) {
   Lock lock(mutex_);
-  if (full_ || !between_frames_) {
-    acknowledgement_ = MakeAcknowledgement(totals);
-  } else {
-    PutBetween(lock, MakeAcknowledgement(totals));
-  }
+  acknowledgement_ = MakeAcknowledgement(totals);
+  if (full_ || !between_frames_ || closed() || finished_) return;
+  const std::string frame = std::exchange(acknowledgement_, {});
+  rides ? void(queue_ += frame) : PutBetween(lock, frame);
 }
 
 bool PluginOutput::OnAcknowledgement(const Acknowledgement& totals) {

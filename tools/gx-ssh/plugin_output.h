@@ -57,8 +57,9 @@ class PluginOutput : FrameReader::Handler {
   void Ping();
   // The pong has come.
   void OnPong(std::string_view payload);
-  // Tells the far side what has come from it. While the descriptor takes no more, the last totals wait.
-  void Acknowledge(const Acknowledgement& totals);
+  // Tells the far side what has come from it; `rides`: in front of the next Write, which follows at once. While
+  // the descriptor takes no more, the last totals wait.
+  void Acknowledge(const Acknowledgement& totals, bool rides);
   // The far side has told the same. False: that cannot be.
   bool OnAcknowledgement(const Acknowledgement& totals);
   LinePace::View line() const;

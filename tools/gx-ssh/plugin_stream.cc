@@ -33,7 +33,7 @@ std::uint32_t PluginStream::Read(void* data, unsigned length, unsigned* got, uns
 }
 
 std::uint32_t PluginStream::Write(const void* data, unsigned length, unsigned* written, unsigned /*flags*/) {
-  input_.OnSent(length);
+  input_.OnSending(length);
   std::string_view block(static_cast<const char*>(data), length);
   if (entrance_) block = entrance_->Filter(block);
   const bool taken = output_.Write(block.data(), block.size());

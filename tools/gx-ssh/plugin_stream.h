@@ -92,7 +92,7 @@ class PluginStream final : public Counted<IPluginStreamRaw>,
   bool Passes(const gxmod::FrameHeader& header) override;
   void OnTaken(const gxmod::FrameHeader& header, std::string_view payload) override;
   void OnUrgent(const gxmod::FrameHeader& header, std::string_view payload) override;
-  void OnAcknowledge(const Acknowledgement& totals) override { output_.Acknowledge(totals); }
+  void OnAcknowledge(const Acknowledgement& totals, bool rides) override { output_.Acknowledge(totals, rides); }
   void OnFrameSent(const gxmod::FrameHeader& header) override;
   void OnWriteFailed(const std::string& reason) override { observer_.OnOutputFailed(reason); }
   void OnEntered(std::uint32_t connection, Route route) override {

@@ -22,9 +22,9 @@ class StopSignal {
   // Becomes readable when the switch is thrown.
   int fd() const { return pipe_.read.get(); }
 
-  // Waits until `fd` is ready for `events` (of poll), or `wake` (-1: none) for reading. False: the switch was
-  // thrown.
-  bool WaitFor(int fd, short events, int wake = -1) const;
+  // Waits until `fd` is ready for `events` (of poll), or `wake` (-1: none) for reading, or so many milliseconds
+  // (-1: without end) are over. False: the switch was thrown.
+  bool WaitFor(int fd, short events, int wake = -1, int milliseconds = -1) const;
 
  private:
   Pipe pipe_;

@@ -31,7 +31,10 @@ void ReadScheduler::RunQueue(Queue& queue, std::span<char> (FrameOutput::*room)(
 void ReadScheduler::Read(const std::shared_ptr<Connection>& connection, std::span<char> room) {
   const auto count = connection->Read(room);
   if (!count) return owner_.OnTargetEnd(*connection);
-  if (*count != 0) output_.AddData(connection->id(), *count);
+  if (*count != 0) {
+    output_.AddData(connection->id(), *count);
+    owner_.OnDataQueued();
+  }
   loop_.OnRead(*count);
   if (connection->interactive()) GoFirst();
   if (*count == room.size()) {

@@ -22,6 +22,8 @@ class ReadScheduler {
    public:
     // The target has sent its last byte, and all of them are in the stream.
     virtual void OnTargetEnd(Connection& connection) = 0;
+    // A frame of data goes out.
+    virtual void OnDataQueued() = 0;
     // There is one connection only: it needs no priority.
     virtual bool IsAlone() const = 0;
 

@@ -90,7 +90,7 @@ void PeerSession::OnBytes(std::string_view bytes) {
   for (const ConnectionPtr& connection : gathering_) connection->Deliver();
   gathering_.clear();
   if (std::exchange(line_moved_, false)) scheduler_.Run();
-  receipts_.OnFrameEnd(frames_.AtFrameEnd());
+  receipts_.OnRead(frames_.AtFrameEnd(), Clock::now());
   PauseOrResumeInput();
 }
 
@@ -255,6 +255,13 @@ void PeerSession::OnTargetEnd(Connection& connection) {
   End(connection, connection.broken() ? "was broken off by the target" : "ended by the target");
 }
 
+// An acknowledgement that goes with it costs nobody a call of its own.
+void PeerSession::OnDataQueued() {
+  if (!receipts_.has_news()) return;
+  const Clock::time_point now = Clock::now();
+  if (receipts_.rides(now)) output_.Acknowledge(receipts_.Take(now));
+}
+
 void PeerSession::End(Connection& connection, const std::string& why) {
   connection.broken() ? SendReset(connection.id(), {}) : SendClose(connection.id());
   StartClosing(connection, why);
@@ -349,13 +356,15 @@ void PeerSession::PauseOrResumeInput() {
 }
 
 void PeerSession::Acknowledge() {
-  const auto due = receipts_.due();
-  if (!due || !shutdown_.IsCarrying()) return;
   const Clock::time_point now = Clock::now();
+  const auto due = receipts_.due(now);
+  if (!due || !shutdown_.IsCarrying()) return;
   if (*due <= now) return output_.Acknowledge(receipts_.Take(now));
-  if (std::exchange(receipts_timer_armed_, true)) return;
+  if (receipts_timer_armed_ && receipts_timer_.expiry() <= *due) return;
+  receipts_timer_armed_ = true;
   receipts_timer_.expires_at(*due);
-  receipts_timer_.async_wait([this](asio::error_code) {
+  receipts_timer_.async_wait([this](asio::error_code error) {
+    if (error) return;
     receipts_timer_armed_ = false;
     Acknowledge();
   });

@@ -65,6 +65,7 @@ class PeerSession final : private StreamReader::Owner,
   void OnGone(Connection& connection) override;
 
   void OnTargetEnd(Connection& connection) override;
+  void OnDataQueued() override;
   bool IsAlone() const override { return live_.size() == 1; }
 
   void OnQuiet() override;

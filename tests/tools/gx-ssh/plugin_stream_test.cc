@@ -230,7 +230,7 @@ TEST_F(PluginStreamTest, TheFarSideIsHeardWhileTheModuleDoesNotRead) {
   EXPECT_TRUE(far.ponged);
   EXPECT_TRUE(gxtest::Eventually([this] { return stream_->silence().count() >= 20; })) << "somebody waits";
   auto all = std::async(std::launch::async, [this] { return ReadModule(100'000); });
-  while (far.told.permitted < (std::uint64_t{15} << 20) && !HasFailure()) far.Take();
+  while (far.told.permitted < (std::uint64_t{11} << 20) && !HasFailure()) far.Take();
   EndOfFarSide();
   EXPECT_TRUE(all.get() == sent);
 }
