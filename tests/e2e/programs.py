@@ -332,13 +332,14 @@ def told(host, *wanted):
 def tells(tools, server):
     """Scripts, service managers and whoever reads its log hear how it is; one that stalls holds up nothing."""
     watched = Watched(tools, server.folder)
-    with watched.start("--json", "--port-file", watched.path("port")) as host:
+    with watched.start("--json", "--stats", "50ms", "--port-file", watched.path("port")) as host:
         told(host, "event", "link", "state", "up")
         told(host, "event", "listening")
         expect(stat.S_IMODE(os.stat(watched.path("port")).st_mode) == 0o600, "others may write to the port file")
         with connect(read(watched.path("port")).strip()) as client:
             expect_echo(client, "the port of the file")
         told(host, "event", "open")
+        host.expect(host.out, '"line_round_trip_ms":[0-9.]+,"line_under_way":')
         expect("seconds" in told(host, "event", "close", "received", 5), host.out.text())
         host.signal(signal.SIGUSR1)
         host.expect(host.err, "received")
@@ -357,7 +358,8 @@ def tells(tools, server):
     stalls(watched)
     for through, status, words in (
             ("echo Welcome; exec @PEER", 0, ('"usable":1', '"noise":"Welcome\\\\n', "round_trip_median_ms",
-                                             '"bytes_survive":1', "there_bytes_per_second", "both_bytes_per_second")),
+                                             '"bytes_survive":1', "there_bytes_per_second", "both_bytes_per_second",
+                                             '"queued_ms"')),
             ("@PEER | stdbuf -o0 tr '\\200' '\\201'", 4, ("byte 0x80 comes back as 0x81",))):
         done = run_to_the_end([tools.gx_ssh, "--probe", "--json", "--", "sh", "-c",
                                through.replace("@PEER", tools.gx_ssh_peer)])

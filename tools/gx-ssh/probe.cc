@@ -138,18 +138,19 @@ class Session final : FrameReader::Handler {
                                    ? kAnsweredPayload
                                    : std::clamp(window_ / 4, kAnsweredPayload, kLargestPayload);
       in_flight_ += size;
-      under_way_.push_back(size);
+      under_way_.push_back({size, Clock::now()});
       Send(MakeFrame(ConnectionType::TestChannel, 0, std::string(size, 'r')));
     }
   }
 
   void OnRateAnswer() {
     if (under_way_.empty()) return;
-    const std::size_t size = under_way_.front();
+    const auto [size, sent] = under_way_.front();
     under_way_.pop_front();
     in_flight_ -= size;
     counted_ += size;
     last_answer_ = Clock::now();
+    longest_ = std::max(longest_, last_answer_ - sent);
     window_ = std::min(window_ + size, kLargestWindow);
     if (phase_ != Phase::kDraining) return FillWindow();
     if (under_way_.empty()) EndMeasure();
@@ -166,6 +167,11 @@ class Session final : FrameReader::Handler {
     if (counted_ == 0) return Fail("the far side has stopped answering");
     const double rate = static_cast<double>(counted_) / seconds;
     (measured_ == Phase::kThere ? result_.there_rate : result_.both_rate) = rate;
+    if (measured_ == Phase::kThere) {
+      result_.queued_ms =
+          std::max(0.0, 1000 * Seconds(longest_) - *std::ranges::min_element(result_.round_trips_ms));
+      result_.queued_bytes = rate * result_.queued_ms / 1000;
+    }
     // Answers that are still under way would be counted as fast ones.
     if (measured_ == Phase::kThere && under_way_.empty()) return Measure(Phase::kBoth);
     Send(MakeFrame(kGoodbyeFrame, 0, "the probe is over"));
@@ -244,8 +250,13 @@ class Session final : FrameReader::Handler {
   Clock::time_point asked_;
   Clock::time_point phase_begin_;
   Clock::time_point last_answer_;
-  std::deque<std::size_t> under_way_;  // sizes of unanswered tests
-  std::size_t in_flight_ = 0;          // sum of under_way_
+  struct Test {
+    std::size_t size;
+    Clock::time_point sent;
+  };
+  std::deque<Test> under_way_;  // unanswered tests
+  Clock::duration longest_{};   // until an answer, of the first rate
+  std::size_t in_flight_ = 0;   // sum of under_way_
   std::size_t window_ = 0;
   std::size_t counted_ = 0;
   ProbeResult result_;
@@ -289,7 +300,10 @@ std::vector<std::string> ProbeTable(const ProbeResult& result) {
                                   times.median, times.most, result.round_trips_ms.size()));
   }
   if (result.bytes_survive) row("bytes", "every value survives, there and back");
-  if (result.there_rate) row("rate there", FormatBytes(*result.there_rate) + "/s");
+  if (result.there_rate) {
+    row("rate there", FormatBytes(*result.there_rate) + "/s");
+    row("queue there", fmt::format("up to {}, {:.0f} ms", FormatBytes(result.queued_bytes), result.queued_ms));
+  }
   if (result.both_rate) row("both ways", FormatBytes(*result.both_rate) + "/s each");
   row("verdict", result.problem.empty() ? "usable" : "not usable: " + result.problem);
   return lines;
@@ -308,7 +322,11 @@ JsonObject ProbeObject(const ProbeResult& result) {
     object.Add("round_trip_max_ms", times.most);
   }
   object.Add("bytes_survive", std::uint64_t{result.bytes_survive});
-  if (result.there_rate) object.Add("there_bytes_per_second", *result.there_rate);
+  if (result.there_rate) {
+    object.Add("there_bytes_per_second", *result.there_rate);
+    object.Add("queued_bytes", static_cast<std::uint64_t>(result.queued_bytes))
+        .Add("queued_ms", result.queued_ms);
+  }
   if (result.both_rate) object.Add("both_bytes_per_second", *result.both_rate);
   if (!result.problem.empty()) object.Add("problem", result.problem);
   return object;

@@ -23,6 +23,9 @@ struct ProbeResult {
   bool bytes_survive = false;        // all byte values, in both directions
   std::optional<double> there_rate;  // bytes per second
   std::optional<double> both_rate;   // in each direction, while both are busy
+  // What lies on the way there when more is sent than the line carries: that many bytes, for so long.
+  double queued_bytes = 0;
+  double queued_ms = 0;
 };
 
 // Starts the carrier and measures, within about ten seconds after the far side is ready. Needs no module.

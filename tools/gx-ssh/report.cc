@@ -154,12 +154,28 @@ std::string TotalsLine(const Traffic::Totals& totals) {
                      FormatBytes(static_cast<double>(totals.received)));
 }
 
+std::string LineText(const LinePace::View& line) {
+  if (line.round_trip_s == 0) return {};
+  const std::string rate = line.known ? FormatBytes(line.bytes_per_s) + "/s, " : "";
+  return fmt::format("line {}round trip {:.{}f} ms, {} under way", rate, 1e3 * line.round_trip_s,
+                     line.round_trip_s < 0.010 ? 2 : 0, FormatBytes(static_cast<double>(line.under_way)));
+}
+
+JsonObject LineObject(const LinePace::View& line) {
+  JsonObject object;
+  if (line.round_trip_s == 0) return object;
+  if (line.known) object.Add("line_bytes_per_second", line.bytes_per_s);
+  object.Add("line_round_trip_ms", 1e3 * line.round_trip_s);
+  return object.Add("line_under_way", std::uint64_t{line.under_way});
+}
+
 std::string StatusLines(const std::string& route, const std::string& link_state, const Traffic::Totals& totals,
-                        double sent_rate, double received_rate) {
-  return fmt::format("{}   {}\n{} open, {} in all   sent {} ({}/s)   received {} ({}/s)", route, link_state,
+                        double sent_rate, double received_rate, const LinePace::View& line) {
+  const std::string third = LineText(line);
+  return fmt::format("{}   {}\n{} open, {} in all   sent {} ({}/s)   received {} ({}/s){}{}", route, link_state,
                      totals.open, totals.connections, FormatBytes(static_cast<double>(totals.sent)),
                      FormatBytes(sent_rate), FormatBytes(static_cast<double>(totals.received)),
-                     FormatBytes(received_rate));
+                     FormatBytes(received_rate), third.empty() ? "" : "\n", third);
 }
 
 JsonObject& JsonObject::Add(std::string_view name, std::string_view text) {

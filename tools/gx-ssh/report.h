@@ -13,6 +13,7 @@
 #include <utility>
 #include <vector>
 
+#include "common/line_pace.h"
 #include "gx-ssh/forward.h"
 #include "gx-ssh/options.h"
 #include "gx-ssh/traffic.h"
@@ -71,9 +72,15 @@ std::vector<std::string> Table(const std::vector<Traffic::Connection>& open, con
 // "2 open, 5 in all; 1.0 KiB sent, 88.0 MiB received"
 std::string TotalsLine(const Traffic::Totals& totals);
 
-// Two lines for the terminal. Rates are in bytes per second.
+// "line 97.7 KiB/s, round trip 42 ms, 3.9 KiB under way", as far as it is known; empty: nothing is.
+std::string LineText(const LinePace::View& line);
+// The same as members of an object.
+JsonObject LineObject(const LinePace::View& line);
+
+// Two lines for the terminal, and a third one of what is known of the line there. Rates are in bytes per
+// second.
 std::string StatusLines(const std::string& route, const std::string& link_state, const Traffic::Totals& totals,
-                        double sent_rate, double received_rate);
+                        double sent_rate, double received_rate, const LinePace::View& line);
 
 }  // namespace gxtool
 

@@ -32,11 +32,12 @@ std::string EventLine(const char* event, const JsonObject& details) {
 }  // namespace
 
 Reporter::Reporter(asio::io_context& io, const Options& options, Console& console, int output,
-                   const Traffic& traffic)
+                   const Traffic& traffic, Line line)
     : options_(options),
       console_(console),
       output_(output, [](std::uint64_t lost) { return EventLine("lost", JsonObject().Add("events", lost)); }),
       traffic_(traffic),
+      line_(std::move(line)),
       live_(HasTerminal(options)),
       timer_(io),
       statistics_timer_(io),
@@ -138,7 +139,7 @@ void Reporter::ShowStatus(const Traffic::Totals& totals) {
   const double seconds = std::chrono::duration<double>(Clock::now() - link_since_).count();
   console_.SetStatus(StatusLines(route_, link_state_ + " " + FormatSeconds(seconds), totals,
                                  rate(totals.sent, last_totals_.sent),
-                                 rate(totals.received, last_totals_.received)));
+                                 rate(totals.received, last_totals_.received), line_()));
 }
 
 void Reporter::Emit(const char* event, const JsonObject& details, OutputQueue::Kind kind) {
@@ -148,8 +149,8 @@ void Reporter::Emit(const char* event, const JsonObject& details, OutputQueue::K
 void Reporter::EmitStatistics(const Traffic::Totals& totals) {
   JsonObject object;
   object.Add("open", totals.open).Add("connections", totals.connections);
-  Emit("stats", object.Add("sent", totals.sent).Add("received", totals.received),
-       OutputQueue::Kind::kStatistics);
+  object.Add("sent", totals.sent).Add("received", totals.received);
+  Emit("stats", object.Add(LineObject(line_())), OutputQueue::Kind::kStatistics);
 }
 
 }  // namespace gxtool

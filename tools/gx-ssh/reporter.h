@@ -5,6 +5,7 @@
 #include <asio/io_context.hpp>
 #include <asio/steady_timer.hpp>
 #include <chrono>
+#include <functional>
 #include <memory>
 #include <string>
 #include <vector>
@@ -21,8 +22,12 @@ namespace gxtool {
 // terminal. A slow reader of standard output never blocks it. Threads: the one that runs `io`.
 class Reporter {
  public:
-  // All arguments outlive the reporter; `output` is standard output.
-  Reporter(asio::io_context& io, const Options& options, Console& console, int output, const Traffic& traffic);
+  // What is known of the line to the far side, if anything is.
+  using Line = std::function<LinePace::View()>;
+
+  // All arguments but `line` outlive the reporter; `output` is standard output.
+  Reporter(asio::io_context& io, const Options& options, Console& console, int output, const Traffic& traffic,
+           Line line);
 
   void OnListening(const std::vector<Forward>& forwards);
   // `state` is one word: starting, up, lost, ended. `detail` may be empty.
@@ -54,6 +59,7 @@ class Reporter {
   Console& console_;
   OutputQueue output_;
   const Traffic& traffic_;
+  const Line line_;
   const bool live_;  // a status is shown
   asio::steady_timer timer_;
   asio::steady_timer statistics_timer_;

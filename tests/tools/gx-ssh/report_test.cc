@@ -48,5 +48,19 @@ TEST(ReportTest, JsonStaysOnOneLineWhateverIsInIt) {
             "{\"number\":9223372036854775808,\"seconds\":1.5,\"text\":\"\u00e4\\\"b\\\\c\\n\\u0001\"}");
 }
 
+TEST(ReportTest, TellsOfTheLineWhatIsKnown) {
+  EXPECT_EQ(StatusLines("here -> there", "up 2s", {}, 0, 0, {}),
+            "here -> there   up 2s\n0 open, 0 in all   sent 0 B (0 B/s)   received 0 B (0 B/s)");
+  const LinePace::View idle{false, 0, 0.0005, 0};
+  const LinePace::View busy{true, 100'000, 0.042, 4000};
+  EXPECT_EQ(LineText(idle), "line round trip 0.50 ms, 0 B under way");
+  EXPECT_TRUE(
+      StatusLines("", "", {}, 0, 0, busy).ends_with("\nline 97.7 KiB/s, round trip 42 ms, 3.9 KiB under way"));
+  EXPECT_EQ(LineObject({}).Text(), "{}");
+  EXPECT_EQ(LineObject(idle).Text(), R"({"line_round_trip_ms":0.5,"line_under_way":0})");
+  EXPECT_EQ(LineObject(busy).Text(),
+            R"({"line_bytes_per_second":100000.0,"line_round_trip_ms":42.0,"line_under_way":4000})");
+}
+
 }  // namespace
 }  // namespace gxtool
