@@ -3,6 +3,7 @@
 import contextlib
 import os
 import random
+import shlex
 import shutil
 import signal
 import socket
@@ -65,17 +66,32 @@ def listening(command, port):
         yield child
 
 
-class World:
-    """What the runs share: the programs, an SSH server, the port of the target, a folder."""
+# Options of `line`, both ways alike. The last one changes while it is used.
+LINES = {
+    "11.5K": ["--rate", "11500", "--delay", "5"],
+    "100K": ["--rate", "100e3", "--delay", "20"],
+    "1M": ["--rate", "1e6", "--delay", "20"],
+    "10M": ["--rate", "10e6", "--delay", "100"],
+    "1M-100K-1M": ["--rate", "1e6", "--delay", "20", "--then", "10", "100e3", "--then", "20", "1e6"],
+}
 
-    def __init__(self, build, folder, server):
+
+class World:
+    """What the runs share: the programs, an SSH server, the port of the target, a folder, perhaps a slow line."""
+
+    def __init__(self, build, folder, server, line=None):
         self.folder = folder
         self.server = server
         self.load = f"{build}/bench/tunnel/tunnel"
         self.relay = f"{build}/bench/relay/relay"
         self.gx_ssh = f"{build}/tools/gx-ssh/gx-ssh"
         self.gx_ssh_peer = f"{build}/tools/peer/gx-ssh-peer"
+        self.line = [f"{build}/bench/line/line", *LINES[line]] if line else None
         self.target_port = quiet_port()
+
+    def along(self, *command):
+        """The command, behind the line if there is one."""
+        return [*self.line, "--", *command] if self.line else [*command]
 
 
 class Tunnel:
@@ -114,7 +130,7 @@ class GxSsh(Tunnel):
 
     @staticmethod
     def far_side(world, target):
-        return ["--", world.gx_ssh_peer, "-q", "--allow", target, "--max-connections", "2000"]
+        return ["--", *world.along(world.gx_ssh_peer, "-q", "--allow", target, "--max-connections", "2000")]
 
 
 class GxSshLocal(GxSsh):
@@ -138,7 +154,10 @@ class Ssh(Tunnel):
 
     @staticmethod
     def command(world, forward):
-        clients = Clients(world.server, "HostName 127.0.0.1", f"Port {world.server.port}")
+        way = ["HostName 127.0.0.1", f"Port {world.server.port}"]
+        if world.line:
+            way = [f"ProxyCommand {shlex.join([*world.line, '--to', f'127.0.0.1:{world.server.port}'])}"]
+        clients = Clients(world.server, *way)
         return clients.command("ssh", "-N", "-c", "aes128-gcm@openssh.com", "-L", forward, "far")
 
 

@@ -137,7 +137,8 @@ void MeasureTrips(Asker& asker, const Plan& plan, Figures& figures) {
   }
   std::ranges::sort(trips_us);
   const auto count = static_cast<double>(trips_us.size());
-  for (const auto& [name, part] : {std::pair{"p50_us", 0.5}, {"p99_us", 0.99}, {"p99.9_us", 0.999}}) {
+  for (const auto& [name, part] :
+       {std::pair{"p50_us", 0.5}, {"p95_us", 0.95}, {"p99_us", 0.99}, {"p99.9_us", 0.999}}) {
     // Without a trip beyond it, it would be the slowest trip and no percentile.
     if (count * (1 - part) < 1) continue;
     figures.emplace_back(name, trips_us[static_cast<std::size_t>(part * count)]);
