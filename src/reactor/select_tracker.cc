@@ -24,7 +24,7 @@ struct select_tracker<Task>::Pass {
   explicit Pass(select_tracker& owner) : tracker(owner) { tracker.BeginPass(); }
   Pass(const Pass&) = delete;
   Pass& operator=(const Pass&) = delete;
-  ~Pass() { tracker.EndPass(); }
+  ~Pass() { tracker.EndPass(IsFull()); }
 
   bool IsFull() const { return collected == kMaxTasksPerPass; }
 
@@ -176,18 +176,17 @@ bool select_tracker<Task>::IdlePass(Pass& pass, Task& out) {
   loopback_.Destroy();
   tarn::event_timedwait(event_.get(), static_cast<long>(WaitLimit(pass)));
   if (IsStopped()) return false;
-  completed_.append(pass.timed_out);
-  completed_.peek(out);
+  HandOut(pass.timed_out, out);
   return true;
 }
 
 template <class Task>
 bool select_tracker<Task>::SelectPass(Pass& pass, Task& out) {
-  OpenWakeUpSocket(pass);
+  const int wake_up = OpenWakeUpSocket(pass);
   if (IsStopped()) return false;
   const unsigned int wait_ms = WaitLimit(pass);
   SelectSets sets = waiting_.Sets();
-  sets.Watch(loopback_.GetHandle());
+  sets.Watch(wake_up);
   const int result = sets.Select(wait_ms);
   const int error = errno;
   std::list<Task> ready;
@@ -196,27 +195,35 @@ bool select_tracker<Task>::SelectPass(Pass& pass, Task& out) {
              static_cast<unsigned>(error));
     RepairAfter(error);
   } else {
-    HandleControlEvent(sets);
+    HandleControlEvent(sets, wake_up);
     waiting_.TakeReady(sets, ready);
   }
   if (IsStopped()) return false;
-  completed_.append(ready);
-  completed_.append(pass.timed_out);
-  completed_.peek(out);
+  ready.splice(ready.end(), pass.timed_out);
+  HandOut(ready, out);
   return true;
 }
 
-// A process without free descriptors keeps serving its open connections.
+// Nobody was ready before: whoever is would have been handed out instead of a pass.
 template <class Task>
-void select_tracker<Task>::OpenWakeUpSocket(Pass& pass) {
-  const bool was_closed = loopback_.GetHandle() == -1;
+void select_tracker<Task>::HandOut(std::list<Task>& ready, Task& out) {
+  if (ready.empty()) return;
+  out = std::move(ready.front());
+  ready.pop_front();
+  if (!ready.empty()) completed_.append(ready);
+}
+
+// The descriptor, or -1: a process without free descriptors keeps serving its open connections.
+template <class Task>
+int select_tracker<Task>::OpenWakeUpSocket(Pass& pass) {
+  if (const int open = loopback_.GetHandle(); open != -1) return open;
   const bool was_deaf = std::exchange(deaf_, !loopback_.CreateIfNot());
   if (deaf_ && !was_deaf) GXModLog(kGXModLogError, "[select_tracker] udp loopback create failed");
-  if (!was_closed) return;
   listening_ = true;  // changes made while the socket was closed sent no datagram: look again
   std::list<Task> fresh = uncompleted_.take(kMaxTasksPerPass - pass.collected);
   pass.collected += fresh.size();
   waiting_.EnterLast(std::move(fresh), pass.timed_out);
+  return loopback_.GetHandle();
 }
 
 // All tasks wait again, except those with a bad descriptor.
@@ -230,12 +237,13 @@ void select_tracker<Task>::RepairAfter(int error) {
   }
 }
 
-// After a stop the pass drops its own waiting tasks.
+// Tasks that came meanwhile, or found no place in a full pass, go before the others in the next one. After a
+// stop the pass drops its own waiting tasks.
 template <class Task>
-void select_tracker<Task>::EndPass() {
-  listening_ = false;
-  waiting_.EndPass(uncompleted_.take(kEverybody));
-  std::list<Task> dropped;  // destroyed after the lock is released
+void select_tracker<Task>::EndPass(bool full) {
+  const bool nobody_came = listening_.exchange(false);
+  if (full || !nobody_came) waiting_.EndPass(uncompleted_.take(kEverybody));
+  std::list<Task> dropped;  // outlives the lock
   CStdLock lock(passing_mutex_);
   passing_ = false;
   if (IsStopped()) dropped = waiting_.TakeAll();
@@ -243,8 +251,7 @@ void select_tracker<Task>::EndPass() {
 
 // Reads one datagram per pass; further ones end the next selects.
 template <class Task>
-void select_tracker<Task>::HandleControlEvent(const SelectSets& sets) {
-  const int handle = loopback_.GetHandle();
+void select_tracker<Task>::HandleControlEvent(const SelectSets& sets, int handle) {
   inner_event_type event;
   if (sets.read.Has(handle) && _read_event(event) && event == ie_stop) {
     stopped_.store(true, std::memory_order_release);

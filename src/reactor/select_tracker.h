@@ -4,6 +4,7 @@
 
 #include <atomic>
 #include <cstdint>
+#include <list>
 #include <memory>
 
 #include "base/event.h"
@@ -78,10 +79,11 @@ class select_tracker : public ITimer {
   unsigned int WaitLimit(const Pass& pass);
   bool IdlePass(Pass& pass, Task& out);
   bool SelectPass(Pass& pass, Task& out);
-  void OpenWakeUpSocket(Pass& pass);
+  void HandOut(std::list<Task>& ready, Task& out);
+  int OpenWakeUpSocket(Pass& pass);
   void RepairAfter(int error);
-  void HandleControlEvent(const SelectSets& sets);
-  void EndPass();
+  void HandleControlEvent(const SelectSets& sets, int handle);
+  void EndPass(bool full);
 
   std::atomic<bool> stopped_{true};
   std::atomic<bool> listening_{false};  // a pass waits or is about to, and a change must send it a datagram

@@ -51,7 +51,7 @@ void CGXModRuntime::SetHost(IGXModRuntime* host) {
 }
 
 void GXModLog(int level, const char* format, ...) {
-  const std::unique_ptr<char[]> text(new (std::nothrow) char[kLogLineBytes]());
+  const std::unique_ptr<char[]> text(new (std::nothrow) char[kLogLineBytes]);
   if (text == nullptr) return;
   std::va_list arguments;
   va_start(arguments, format);
