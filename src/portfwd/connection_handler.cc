@@ -9,8 +9,8 @@
 
 namespace {
 
-// The maximum per read; each step, and so each frame, has at most 4,096 bytes.
-constexpr unsigned long kReadBytes = CFrameAlloctor::kReadBytes;
+// One request. A read takes what fits into the buffer; each step, and so each frame, has at most 4,096 bytes.
+constexpr unsigned long kReadBytes = 16 * CFrameAlloctor::kReadBytes;
 
 }  // namespace
 

@@ -294,7 +294,7 @@ CBaseStream::Progress CBaseStream::Step(Direction way, unsigned long& total) {
 
 CBaseStream::Progress CBaseStream::Move(CItem& item) {
   const bool writes = item.kind == kWrite;
-  if (item.own_buffer && !item.buffer) MakeBuffer(item);
+  if (item.own_buffer) PrepareBuffer(item);
   if (!item.buffer) {
     if (writes) ended_.store(true, std::memory_order_relaxed);
     return Fail(writes ? kStreamEnd : kStreamSocketError);
@@ -318,12 +318,16 @@ CBaseStream::Progress CBaseStream::Move(CItem& item) {
   return moved != 0 ? kMoved : kBusy;
 }
 
-void CBaseStream::MakeBuffer(CItem& item) {
-  item.buffer = NewBuffer(item.done + item.remaining);
-  if (item.buffer) {
-    item.begin = item.told = item.buffer->GetSize();
-  } else {
+// One that has been emptied is filled from its begin again.
+void CBaseStream::PrepareBuffer(CItem& item) {
+  if (!item.buffer) {
+    item.buffer = NewBuffer(item.done + item.remaining);
+    if (item.buffer) item.begin = item.buffer->GetSize();
+  }
+  if (!item.buffer) {
     GXModLog(kGXModLogError, "[basestream] no memory to read, the stream is disconnected");
+  } else if (item.buffer->GetSize() == item.begin) {
+    item.told = item.begin;
   }
 }
 
@@ -339,16 +343,22 @@ std::uint64_t CBaseStream::RoomBegin(const CItem& item) {
   return item.own_buffer ? item.told : item.buffer->GetSize();
 }
 
-bool CBaseStream::HasRoom(const CItem& item) {
+std::uint64_t CBaseStream::Room(const CItem& item) {
   const std::uint64_t capacity = item.buffer->GetBufferSize();
-  const std::uint64_t begin = RoomBegin(item);
-  return begin <= capacity && capacity - begin >= item.remaining;
+  return capacity - std::min(capacity, RoomBegin(item));
+}
+
+// The stream's own buffer may be smaller than the request: its handler empties it, if it can.
+bool CBaseStream::HasRoom(const CItem& item) {
+  return item.own_buffer ? Room(item) != 0 : Room(item) >= item.remaining;
 }
 
 bool CBaseStream::CallTransport(const CItem& item, long& moved, long timeout_ms) {
   char* const bytes = static_cast<char*>(item.buffer->GetPointer());
-  const long length = static_cast<long>(item.remaining);
-  if (item.kind == kWrite) return write(bytes + item.done, length, moved, timeout_ms, /*flags=*/0);
+  if (item.kind == kWrite) {
+    return write(bytes + item.done, static_cast<long>(item.remaining), moved, timeout_ms, /*flags=*/0);
+  }
+  const auto length = static_cast<long>(std::min(item.remaining, Room(item)));
   char* const room = bytes + RoomBegin(item);
   return item.kind == kPeek ? peek(room, length, moved, timeout_ms) : read(room, length, moved, timeout_ms);
 }

@@ -176,9 +176,10 @@ class CBaseStream : public IBaseStream,
   bool TakeNext(Direction way) REQUIRES(queue_lock_);  // false: the queue is empty
   Progress Step(Direction way, unsigned long& total);
   Progress Move(CItem& item);
-  void MakeBuffer(CItem& item);
+  void PrepareBuffer(CItem& item);
   static void DropEmptyBuffer(CItem& item);
   static std::uint64_t RoomBegin(const CItem& item);
+  static std::uint64_t Room(const CItem& item);
   static bool HasRoom(const CItem& item);
   bool CallTransport(const CItem& item, long& moved, long timeout_ms);
   void Account(Direction way, CItem& item, std::uint64_t bytes);

@@ -105,10 +105,10 @@ class IBaseStream : public IReference {
   // is not a failure), or kNotConnected.
   virtual unsigned long Write(_WRITE_BUF* list, unsigned long count, unsigned long timeout_ms);
   virtual unsigned long Write(IBuffer* buffer, unsigned long length, unsigned long timeout_ms);
-  // With a null `buffer` the stream creates one of `length` bytes when there is data to read, and reports the
-  // data of each read in steps of at most 4,096 bytes. A handler that no longer needs a step's bytes may reset
-  // the buffer's size to the size before the first step. The stream then still appends after those bytes, but
-  // releases an empty buffer while it waits, and later steps use a new one. A `length` of 0 queues nothing.
+  // With a null `buffer` the stream creates one of `length` bytes, or of its allocator's maximum, when there is
+  // data to read, and reports the data of each read in steps of at most 4,096 bytes. A handler that no longer
+  // needs a step's bytes may reset the buffer's size to the size before the first step: the stream then reads
+  // into the same room again, and releases the buffer while it waits. A `length` of 0 queues nothing.
   virtual unsigned long Read(IBuffer* buffer, unsigned long length, unsigned long timeout_ms);
   virtual unsigned long Peek(IBuffer* buffer, unsigned long length, unsigned long timeout_ms);
   // Returns true when this call ended the stream.

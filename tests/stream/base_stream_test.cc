@@ -208,6 +208,19 @@ TEST_F(BaseStreamTest, AWaitForNothingBegunTakesNoBuffer) {
   EXPECT_THAT(log_.Lines(), ElementsAre(Pair(kGXModLogError, HasSubstr("no memory"))));
 }
 
+TEST_F(BaseStreamTest, AnEmptiedBufferIsFilledAgain) {
+  const CRefObj<IMemAlloctor> small(new CMemAlloctorEx<CMemBuffer>(/*max_buffer_size=*/4));
+  for (const bool empties : {true, false}) {
+    Restart();
+    stream_->SetMemAlloc(small.get());
+    stream_->empties = empties;
+    stream_->incoming = "abcdefgh";
+    stream_->Read(nullptr, 8, kNoTimeout);
+    EXPECT_EQ(stream_->told, empties ? "abcdefgh" : "abcd");
+    EXPECT_EQ(stream_->story.back(), empties ? "read done 8" : "disconnect 49152");
+  }
+}
+
 // The reactor calls while the operation that asked for the call has not returned yet.
 TEST_F(BaseStreamTest, AWakeUpDuringTheLastOperationIsNotLost) {
   stream_->on_busy = [this] {
