@@ -5,11 +5,11 @@
 namespace gxtool {
 namespace {
 
-// Where a slow line delivers a frame bit by bit, this much is worth an acknowledgement.
+// While a slow line delivers one frame, an acknowledgement is sent after this many bytes.
 constexpr std::uint64_t kLeastBytes = 512;
-// Less waits for more, or for what takes it along.
+// Fewer bytes wait for more, or for outgoing data that takes the acknowledgement along.
 constexpr std::uint64_t kMuchBytes = 4 * 1024;
-// So much is worth one at once: the sender must not run out of what it may send.
+// After this many bytes an acknowledgement is sent at once, so that the sender does not use up its permission.
 constexpr std::uint64_t kManyBytes = Receipts::kRoomBytes / 2;
 
 }  // namespace
@@ -33,7 +33,7 @@ std::optional<Receipts::Clock::time_point> Receipts::due(Clock::time_point now) 
   if (received == 0 || (received < kLeastBytes && !frame_ended_)) return std::nullopt;
   const Clock::time_point soon = told_at_ + kInterval;
   if (received >= kMuchBytes || (received >= kLeastBytes && now >= soon)) return soon;
-  // Behind a pause the sender measures the round trip of an empty line with it.
+  // After a pause acknowledge at once: the sender measures the round trip of an empty line with it.
   const Clock::time_point came_at = came_at_.value_or(told_at_);
   return came_at - told_at_ < kPatience ? came_at + kPatience : came_at;
 }

@@ -1,4 +1,4 @@
-// When to acknowledge what has been received.
+// Decides when to acknowledge received bytes.
 #ifndef GX_COMMON_RECEIPTS_H
 #define GX_COMMON_RECEIPTS_H
 
@@ -11,9 +11,10 @@
 
 namespace gxtool {
 
-// Soon enough for the sender's window, and seldom enough to cost next to nothing: a fast line hears of it every
-// kInterval, a slow one behind a frame. What goes the other way takes an acknowledgement along, which then
-// costs nothing but its bytes; one of little waits for that, since for a conversation even a timer can be felt.
+// Acknowledges early enough for the sender's window, but rarely enough to cost little: every kInterval on a
+// fast line, after a frame on a slow one. Outgoing data takes an acknowledgement along, at almost no cost. A
+// small amount of received data waits for that, because in interactive traffic even a timer would be
+// noticeable.
 // Threads: one at a time.
 class Receipts {
  public:
@@ -23,27 +24,27 @@ class Receipts {
   static constexpr std::chrono::milliseconds kInterval{5};
   static constexpr std::chrono::milliseconds kPatience{50};
 
-  // Acknowledgements are wanted, the first one at once.
+  // Acknowledgements are wanted from now on; the first one is due at once.
   void Start() { wanted_ = true; }
 
   bool wanted() const { return wanted_; }
-  // Something has come that is not acknowledged yet.
+  // True when received bytes are not yet acknowledged.
   bool has_news() const { return told_ && totals_.received > told_->received; }
 
-  // The header, or a piece of the payload, of a frame that is counted.
+  // Counts a frame's header or a piece of its payload.
   void OnReceived(std::size_t bytes) { totals_.received += bytes; }
-  // Behind a read: what came does not end inside a frame.
+  // Call after each read. `frame_ended`: the received bytes end between two frames.
   void OnRead(bool frame_ended, Clock::time_point now);
-  // `held`: so much of it waits here, because somebody who shall have it takes nothing.
+  // Updates the permission: `held` received bytes are waiting here, because their receiver takes no data.
   void Permit(std::uint64_t held);
 
   std::uint64_t received() const { return totals_.received; }
-  // The sender has gone beyond what it may.
+  // The sender has sent more than it may.
   bool exceeded() const { return totals_.received > totals_.permitted; }
 
-  // When an acknowledgement is due, even if nothing more comes; nothing: none is.
+  // When an acknowledgement is due if no more bytes arrive; nothing when it is not.
   std::optional<Clock::time_point> due(Clock::time_point now) const;
-  // One is worth a place beside something else that goes out now.
+  // True when outgoing data should take an acknowledgement along now.
   bool rides(Clock::time_point now) const;
   Acknowledgement Take(Clock::time_point now);
 
@@ -53,7 +54,7 @@ class Receipts {
   Acknowledgement totals_{0, kRoomBytes};
   std::optional<Acknowledgement> told_;
   Clock::time_point told_at_{};
-  std::optional<Clock::time_point> came_at_;  // the first bytes since
+  std::optional<Clock::time_point> came_at_;  // arrival of the first unacknowledged bytes
 };
 
 }  // namespace gxtool
