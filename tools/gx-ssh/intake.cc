@@ -14,18 +14,18 @@
 namespace gxtool {
 namespace {
 
-// How often the thread looks, while bytes come, for a reader that has not come since. Even a timer that is
-// nearer can be felt in a conversation.
+// How often the thread checks, while bytes arrive, for a reader that has stopped reading. A shorter timer would
+// be noticeable in interactive traffic.
 constexpr std::chrono::milliseconds kLookInterval{50};
-constexpr std::size_t kHoldBytes = 256 * 1024;  // with one read
-// The far side keeps to half of it, or is not read.
+constexpr std::size_t kHoldBytes = 256 * 1024;  // per read
+// A far side that respects its permission reaches half of this; one that exceeds this is not read.
 constexpr std::size_t kMostHeldBytes = 2 * Receipts::kRoomBytes;
 
 std::int64_t Milliseconds(Intake::Clock::time_point time) {
   return std::chrono::duration_cast<std::chrono::milliseconds>(time.time_since_epoch()).count();
 }
 
-// For poll.
+// The timeout for poll.
 int MillisecondsUntil(std::optional<Intake::Clock::time_point> time) {
   if (!time) return -1;
   const auto left = std::max(*time - Intake::Clock::now(), Intake::Clock::duration::zero());
@@ -148,7 +148,7 @@ void Intake::OnFrameEnd() {
   if (IsUrgent(frame_.type)) handler_.OnUrgent(frame_, urgent_);
 }
 
-// Within a turn, or that of the thread. Returns when one will be due.
+// Call within the reader's or the thread's turn. Returns when the next acknowledgement will be due.
 std::optional<Intake::Clock::time_point> Intake::Acknowledge() {
   if (!acknowledges_) return std::nullopt;
   const std::lock_guard lock(receipts_mutex_);
@@ -158,7 +158,7 @@ std::optional<Intake::Clock::time_point> Intake::Acknowledge() {
   return TellReceipts();
 }
 
-// With receipts_mutex_.
+// Call with receipts_mutex_ held.
 std::optional<Intake::Clock::time_point> Intake::TellReceipts() {
   const Clock::time_point now = Clock::now();
   const auto due = receipts_.due(now);
@@ -191,7 +191,7 @@ void Intake::Watch() {
 void Intake::Look(std::uint64_t turns_before) {
   if (turns_ != turns_before) return;
   if (!inside_) return Hold();
-  // A reader that waits arms the thread again when it leaves; one that has just left may have missed that.
+  // A waiting reader arms the thread again when it leaves; one that has just left may have missed that.
   armed_ = false;
   if (!inside_) armed_ = true;
 }
@@ -218,7 +218,7 @@ void Intake::Hold() {
   }
 }
 
-// Takes what is there. False: there will be no more, or there must not.
+// Reads all available bytes. Returns false when reading is over or the limit is reached.
 bool Intake::ReadToHold() {
   if (held_at_ > 0) held_.erase(0, std::exchange(held_at_, 0));
   while (held_.size() <= kMostHeldBytes) {

@@ -1,4 +1,4 @@
-// Bytes from the carrier, and what must not wait until the module asks for them.
+// Reads the carrier's bytes, and handles urgent frames even while the module does not read.
 #ifndef GX_SSH_INTAKE_H
 #define GX_SSH_INTAKE_H
 
@@ -24,26 +24,25 @@
 
 namespace gxtool {
 
-// The module does not read while one of its clients takes nothing. Acknowledgements and pings that come
-// meanwhile are needed all the same: without them what the module writes would wait as well. So a thread of the
-// intake's reads when the reader has not come for a moment, and holds what it gets until the reader is back.
-// How much that may become is what the far side was permitted to send. With a far side that knows of no
-// permission there is no such thread.
+// The module stops reading while one of its clients takes no data. Acknowledgements and pings must be handled
+// meanwhile: otherwise the module's writes would stop as well. So when the reader has not come for a moment,
+// the intake's thread reads instead and holds the bytes until the reader is back. The permission that was sent
+// to the far side bounds them. Without support for permissions in the far side this thread does not exist.
 //
-// The reader itself reads straight into its own memory as long as nothing is held.
-// Threads: Turn and what it guards on one, the reader's; everything else on any.
+// While no bytes are held, the reader reads directly into its own memory.
+// Threads: Turn, and the operations within a turn, on the reader's; everything else on any.
 class Intake : FrameReader::Handler {
  public:
   using Clock = std::chrono::steady_clock;
 
-  // Called on the reader's thread or that of the intake, one call at a time, within a call of Read or none;
-  // OnAcknowledge also within OnSending.
+  // Called on the reader's thread, inside Read, or on the intake's thread; one call at a time. OnAcknowledge is
+  // also called inside OnSending.
   class Handler {
    public:
-    // A frame that does not wait has come: its payload, or the first kUrgentPayloadBytes of it.
+    // An urgent frame has arrived, with its payload or the first kUrgentPayloadBytes of it.
     virtual void OnUrgent(const gxmod::FrameHeader& header, std::string_view payload) = 0;
-    // The far side is to be told that so much has come; `rides`: with the block of OnSending. Totals never
-    // fall from one call to the next.
+    // Send this acknowledgement to the far side; `rides`: together with the block of OnSending. Totals never
+    // decrease.
     virtual void OnAcknowledge(const Acknowledgement& totals, bool rides) = 0;
 
    protected:
@@ -51,15 +50,15 @@ class Intake : FrameReader::Handler {
   };
   static constexpr std::size_t kUrgentPayloadBytes = 256;
 
-  // True: such a frame goes to OnUrgent as soon as it comes. The reader gets its bytes, too.
+  // True for frame types that go to OnUrgent at once. The reader gets these frames, too.
   static bool IsUrgent(gxmod::ConnectionType type);
 
-  // `fd` is non-blocking; descriptor, `stop` and `handler` outlive the intake. `received`: bytes of the stream
-  // that have been read from `fd` already. `acknowledges`: the far side knows of acknowledgements.
+  // `fd` is non-blocking; descriptor, `stop` and `handler` outlive the intake. `received`: bytes that were
+  // already read from `fd`. `acknowledges`: the far side supports acknowledgements.
   Intake(int fd, const StopSignal& stop, Handler& handler, std::string_view received, bool acknowledges);
   ~Intake();
 
-  // The stream belongs to the reader.
+  // While it exists, the reader has the stream.
   class Turn {
    public:
     explicit Turn(Intake& intake) : intake_(intake) { intake_.Enter(); }
@@ -71,22 +70,22 @@ class Intake : FrameReader::Handler {
     Intake& intake_;
   };
 
-  // Within a turn: like readv, but what is held comes first.
+  // Within a turn: like readv, but returns held bytes first.
   ssize_t Read(std::span<iovec> parts);
   bool holds() const { return held_.size() > held_at_; }
-  // Within a turn: a wait for bytes begins, ends.
+  // Within a turn: the reader starts and stops waiting for bytes.
   void BeginToWait();
-  // Sleeps until there are bytes, `wake` (-1: none) can be read, the stop signal is raised or, perhaps, before.
+  // Sleeps until bytes arrive, `wake` (-1: none) is readable or the stop signal is raised. May return earlier.
   void Sleep(int wake);
   void EndToWait() { waiting_since_ms_ = 0; }
 
-  // A block goes the other way, and may take an acknowledgement along.
+  // Call before a block is sent in the other direction: it may take an acknowledgement along.
   void OnSending();
 
-  // For how long somebody has been waiting for bytes that do not come. Zero while nobody reads.
+  // How long a read has been waiting for bytes that do not arrive. Zero while nothing reads.
   std::chrono::milliseconds silence() const;
 
-  // Ends the thread, after the stop signal was raised. Once for all; the destructor does it as well.
+  // Ends the thread, after the stop signal was raised. The destructor calls it, too.
   void Close();
 
  private:
@@ -102,7 +101,7 @@ class Intake : FrameReader::Handler {
   std::optional<Clock::time_point> Acknowledge();
   std::optional<Clock::time_point> TellReceipts();
   void Arm();
-  void Watch();  // the thread
+  void Watch();  // runs on the thread
   void Look(std::uint64_t turns_before);
   void Hold();
   bool ReadToHold();
@@ -112,28 +111,28 @@ class Intake : FrameReader::Handler {
   Handler& handler_;
   const bool acknowledges_;
 
-  std::mutex turn_mutex_;  // guards what follows, and the descriptor; the reader has it for its whole turn
+  std::mutex turn_mutex_;  // for the members below and the descriptor; held by the reader for a turn
   FrameReader scanner_{this};
   gxmod::FrameHeader frame_;
   std::string urgent_;       // payload so far
-  std::size_t counted_ = 0;  // bytes that came and have not been entered in receipts_
-  std::string held_;         // from held_at_ on
+  std::size_t counted_ = 0;  // received bytes that are not yet in receipts_
+  std::string held_;         // held bytes, from held_at_ on
   std::size_t held_at_ = 0;
-  bool begun_ = false;               // a first turn has been
-  std::int64_t quiet_since_ms_ = 0;  // the first wait behind the last byte
+  bool begun_ = false;               // the first turn has started
+  std::int64_t quiet_since_ms_ = 0;  // start of the first wait after the last byte
 
   std::mutex receipts_mutex_;  // guards the next one, and the order of acknowledgements
   Receipts receipts_;
 
-  std::atomic<std::int64_t> waiting_since_ms_{0};  // of the monotonic clock; 0: not waiting
+  std::atomic<std::int64_t> waiting_since_ms_{0};  // monotonic clock; 0: not waiting
   std::atomic<bool> inside_{false};                // the reader has its turn, or waits for it
   std::atomic<std::uint64_t> turns_{0};
   std::atomic<bool> holding_{false};
-  Pipe wake_;  // for the thread, while it holds
+  Pipe wake_;  // wakes the thread while it holds bytes
 
   std::mutex mutex_;
   std::condition_variable changed_;
-  std::atomic<bool> armed_{false};  // set with mutex_: the thread looks now and then
+  std::atomic<bool> armed_{false};  // set with mutex_: the thread checks at intervals
   bool closed_ = false;             // guarded by mutex_
   std::thread thread_;
 };

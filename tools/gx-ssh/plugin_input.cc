@@ -15,15 +15,15 @@ namespace {
 
 using Clock = std::chrono::steady_clock;
 
-// A conversation, as opposed to a transfer, has messages that fit into this, ...
+// Interactive traffic, unlike a transfer, has messages of at most this size ...
 constexpr std::size_t kLittleBytes = 1024;
-// ... and to the next one it takes no longer than this, while both ends are near. Beside a transfer that goes
-// the other way answers come later, and to count those as well would slow down both.
+// ... and a reply arrives within this time when both ends are near. During a transfer in the other direction
+// replies are slower; spinning for those as well would slow down both.
 constexpr std::chrono::microseconds kSoon{150};
 constexpr std::chrono::microseconds kSoonBesideTransfer{100};
-// A processor that falls asleep takes about as long to wake.
+// The time to spin; waking a sleeping thread takes about as long.
 constexpr std::chrono::microseconds kAwake{100};
-// So many in a row make one. It outlasts a single one that comes late, and hardly two.
+// Fast replies in a row that start the spinning. From kCertain one late reply does not end it, two in a row do.
 constexpr int kLikely = 4;
 constexpr int kCertain = 2 * kLikely;
 
@@ -50,7 +50,8 @@ std::size_t PluginInput::ReadInTurn(void* data, std::size_t length) {
   }
   std::size_t got = static_cast<std::size_t>(std::min<std::uint64_t>(length, passing_));
   if (buffered() == 0) {
-    // One system call for the rest of this frame, straight into the module's memory, and for what follows it.
+    // One system call reads the rest of this frame into the module's memory and the following bytes into the
+    // buffer.
     iovec parts[] = {{data, got}, {buffer_.get(), kBufferBytes}};
     const std::size_t received = Receive(parts);
     begin_ = 0;
@@ -82,7 +83,7 @@ bool PluginInput::NextFrame() {
   between_frames_ = true;
   const bool has_header = Buffer(gxmod::kFrameHeaderBytes);
   between_frames_ = false;
-  if (!has_header) return end_reason_.empty();  // otherwise something was inserted
+  if (!has_header) return end_reason_.empty();  // otherwise a Close was inserted
   const gxmod::FrameHeader header = gxmod::DecodeFrameHeader(buffer_.get() + begin_);
   if (handler_.Passes(header)) {
     passing_ = gxmod::kFrameHeaderBytes + std::uint64_t{header.length};
@@ -95,7 +96,7 @@ bool PluginInput::NextFrame() {
   return Skip(header.length);
 }
 
-// In front of what is buffered, of which no byte belongs to a frame that the module has begun to read.
+// Places the inserted frames before the buffered bytes. These start with a whole frame, so no frame is cut.
 void PluginInput::TakeInserted() {
   const std::lock_guard lock(insert_mutex_);
   const std::size_t room = (kBufferBytes - buffered()) / gxmod::kFrameHeaderBytes;
@@ -144,7 +145,7 @@ std::size_t PluginInput::Receive(std::span<iovec> parts) {
     if (between_frames_ && has_inserted_) return 0;
     if (drained_ && !intake_.holds()) Wait();
     const ssize_t received = intake_.Read(parts);
-    // Less than there was room for: the next call would only find nothing.
+    // A read that did not fill its space has emptied the descriptor, so the next call would find nothing.
     drained_ = received < 0 ? errno == EAGAIN : static_cast<std::size_t>(received) < TotalBytes(parts);
     if (received > static_cast<ssize_t>(kLittleBytes)) conversation_ = 0;
     if (received > 0) return static_cast<std::size_t>(received);
@@ -172,7 +173,7 @@ void PluginInput::Wait() {
   conversation_ = Clock::now() - begin < soon ? std::min(conversation_ + 1, kCertain) : conversation_ / 2;
 }
 
-// Waits awake, and behind everyone else who wants the processor.
+// Spins, and yields the processor to all other threads.
 bool PluginInput::ComesBefore(Clock::time_point end) const {
   do {
     pollfd wait{fd_, POLLIN, 0};

@@ -1,5 +1,5 @@
-// The receiving half of the plugin stream: bytes from a descriptor, without the frames that are not the
-// module's.
+// The receiving half of the plugin stream: passes bytes from a descriptor to the module, without the frames
+// that are not for it.
 #ifndef GX_SSH_PLUGIN_INPUT_H
 #define GX_SSH_PLUGIN_INPUT_H
 
@@ -23,18 +23,18 @@
 
 namespace gxtool {
 
-// Reads ahead, so that small frames do not cost two system calls each, and looks at every header that passes.
-// Within a conversation, little that is answered soon, Read waits awake for a moment before it sleeps.
+// Reads ahead, so that small frames do not cost two system calls each, and checks every frame header. During
+// interactive traffic (small messages with fast replies), Read spins briefly before it sleeps.
 // Threads: Read on one; everything else on any.
 class PluginInput {
  public:
-  // Called from inside Read, but for what an intake calls.
+  // Called from inside Read, except for the calls that Intake::Handler describes.
   class Handler : public Intake::Handler {
    public:
-    // A frame has begun to arrive. True: the module gets it. False: it is taken out, see OnTaken.
+    // A frame has started to arrive. True: pass it to the module. False: remove it, see OnTaken.
     virtual bool Passes(const gxmod::FrameHeader& header) = 0;
-    // A frame that was taken out, and is not an urgent one, has come: its payload, or the first
-    // kTakenPayloadBytes of it.
+    // A removed frame, other than an urgent one, has arrived, with its payload or the first kTakenPayloadBytes
+    // of it.
     virtual void OnTaken(const gxmod::FrameHeader& header, std::string_view payload) = 0;
 
    protected:
@@ -42,21 +42,20 @@ class PluginInput {
   };
   static constexpr std::size_t kTakenPayloadBytes = 256;
 
-  // `fd` is non-blocking; descriptor, `stop` and `handler` outlive the reader. `received` are bytes of the
-  // stream that have been read from `fd` already. `acknowledges`: as with the intake. `takes_inserts`:
-  // InsertClose is used.
+  // `fd` is non-blocking; descriptor, `stop` and `handler` outlive the reader. `received`: bytes that were
+  // already read from `fd`. `acknowledges`: see Intake. `takes_inserts`: InsertClose is used.
   PluginInput(int fd, const StopSignal& stop, Handler& handler, std::string_view received,
               bool acknowledges = false, bool takes_inserts = false);
 
-  // Blocks until at least one byte is there; returns how many are in `data`, 0 at the end. A frame that is
-  // taken out is never seen, not even in part.
+  // Blocks until at least one byte is available. Returns the number of bytes in `data`, 0 at the end. Removed
+  // frames never appear in `data`, not even in part.
   std::size_t Read(void* data, std::size_t length);
 
-  // Puts a Close of that connection, as if the far side had sent it, in front of the next frame. A Read that
-  // waits for one returns with it.
+  // Inserts a Close of that connection before the next frame, as if the far side had sent it. Wakes a Read that
+  // waits for a frame.
   void InsertClose(std::uint32_t connection);
 
-  // A block of that many bytes is about to go the other way.
+  // Call before a block of `length` bytes is sent in the other direction.
   void OnSending(std::size_t length);
 
   // Why Read returned 0, for a message.
@@ -71,8 +70,8 @@ class PluginInput {
  private:
   bool NextFrame();  // decides on the frame at the front of the buffer, if one is there
   void TakeInserted();
-  bool Buffer(std::size_t bytes);  // makes at least that many available
-  bool Skip(std::uint64_t bytes);  // drops that many
+  bool Buffer(std::size_t bytes);  // makes at least that many bytes available
+  bool Skip(std::uint64_t bytes);  // drops that many bytes
   std::size_t ReadInTurn(void* data, std::size_t length);
   std::size_t Receive(std::span<iovec> parts);
   void Wait();
@@ -86,18 +85,18 @@ class PluginInput {
   std::unique_ptr<char[]> buffer_;
   std::size_t begin_ = 0;
   std::size_t end_ = 0;
-  std::uint64_t passing_ = 0;  // bytes of the current frame that the module has still to get
-  bool drained_ = false;       // nothing was left to read
-  int conversation_ = 0;       // how much what comes looks like one
+  std::uint64_t passing_ = 0;  // bytes of the current frame that are still to be passed to the module
+  bool drained_ = false;       // the descriptor had no more bytes
+  int conversation_ = 0;       // how interactive the traffic is, see kLikely
   std::string end_reason_;
   bool between_frames_ = false;  // Read waits for a header
 
   std::atomic<bool> has_inserted_{false};
   std::mutex insert_mutex_;              // guards the next two
-  std::vector<std::uint32_t> inserted_;  // connections whose Close is to be read
-  Pipe wake_;                            // holds a byte while there are some
+  std::vector<std::uint32_t> inserted_;  // connections whose Close is to be inserted
+  Pipe wake_;                            // contains a byte while inserted_ is not empty
 
-  std::atomic<bool> sends_little_{true};  // at a time, the other way
+  std::atomic<bool> sends_little_{true};  // the last block in the other direction was small
 };
 
 }  // namespace gxtool

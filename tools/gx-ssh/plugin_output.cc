@@ -12,16 +12,16 @@
 namespace gxtool {
 namespace {
 
-// The module hands over what one read of a connection has brought. A read that was filled is followed by the
-// next one at once, so what it brought may wait for that for a moment, and both leave in one system call.
+// The module writes one frame per read of a connection. A read that filled its buffer is followed by another
+// one at once, so its frame may wait briefly for the next, and both are sent with one system call.
 constexpr std::size_t kFullBlockBytes = 4096;
 constexpr std::size_t kBatchBytes = 48 * 1024;
 constexpr std::chrono::microseconds kLinger{50};
-// While a flow sends by itself all that it brings, nobody need look after it that often.
+// The linger time is extended up to this while a flow sends its own batches: the flusher backs off.
 constexpr std::chrono::microseconds kLongestLinger{1000};
 
-// What may lie unread. On a fast line much of it saves switches between the two programs. On a slow one the
-// descriptor would take no more for many seconds, and to the module that looks like a far side that is stuck.
+// Limits of unread bytes in the socket. On a fast line a large one saves context switches. On a slow line it
+// would keep the descriptor full for many seconds, which the module would take for a stuck far side.
 constexpr int kUnreadBytes = 208 * 1024;
 constexpr int kUnreadBytesSlow = 8 * 1024;
 constexpr std::uint64_t kFastBytesPerMs = 1000;
@@ -53,7 +53,7 @@ bool PluginOutput::Write(const void* data, std::size_t length) {
     return false;
   }
   lock.unlock();
-  // Only now, so that what the handler inserts in answer comes behind the block.
+  // Call the handler after the block is queued, so that frames that it inserts come after the block.
   for (const gxmod::FrameHeader& header : begun_) handler_.OnFrameSent(header);
   return true;
 }
@@ -178,8 +178,8 @@ void PluginOutput::Send() {
   queued() == 0 || broken_ ? sent_all_.notify_all() : work_.notify_one();
 }
 
-// The caller waits for the descriptor itself: to be woken by another thread would cost it time. While it waits
-// for the line, the writer's own thread looks after the queue.
+// The caller waits for the descriptor itself, because waking it from another thread would take longer. While it
+// waits for the line, the flusher sends the queue.
 void PluginOutput::WaitForRoom(Lock& lock, std::size_t bytes) {
   Send();
   while (MustWait(bytes)) {
@@ -219,7 +219,7 @@ void PluginOutput::LookAtRate() {
   sent_then_ = sent_ever_;
 }
 
-// As long as the flow goes on nobody has to wake this thread, and the writer itself sends what it collects.
+// While the flow continues, this thread need not be woken, and the callers of Write send their batches.
 void PluginOutput::Linger(Lock& lock) {
   auto pause = kLinger;
   do {

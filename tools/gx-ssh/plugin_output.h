@@ -1,4 +1,4 @@
-// The sending half of the plugin stream: frames to a descriptor, in order and uncut.
+// The sending half of the plugin stream: writes frames to a descriptor, whole and in order.
 #ifndef GX_SSH_PLUGIN_OUTPUT_H
 #define GX_SSH_PLUGIN_OUTPUT_H
 
@@ -21,54 +21,56 @@
 
 namespace gxtool {
 
-// A lone frame is written by the caller itself, at once. Frames of a size that more of them follow are
-// collected first, until one system call is worth its price, the flow ebbs, or a moment is over. What a slow
-// far side does not take, and what has lingered, is sent by a thread of the writer's, unless Write waits for
-// room and does it itself. Once the far side acknowledges what comes, no more goes out than the line carries.
+// The caller writes a single frame itself, at once. Frames whose size suggests that more follow are batched,
+// until a batch is worth a system call, the flow slows down, or a short time has passed. The flusher thread
+// sends what a slow far side does not take at once and what was batched for too long, unless Write waits for
+// room and sends it itself. Once the far side acknowledges, no more is sent than the line carries.
 // Threads: Write one call at a time, everything else on any.
 class PluginOutput : FrameReader::Handler {
  public:
   class Handler {
    public:
-    // A frame has begun to go out, at least its header. From inside Write.
+    // A frame has started to go out, at least its header. Called from inside Write.
     virtual void OnFrameSent(const gxmod::FrameHeader& header) = 0;
-    // The descriptor takes no more, `reason` for a message. Once; on a caller's thread or the writer's own.
+    // The descriptor accepts no more data; `reason` is for a message. Called once, on a caller's thread or on
+    // the flusher.
     virtual void OnWriteFailed(const std::string& reason) = 0;
 
    protected:
     ~Handler() = default;
   };
 
-  // `fd` is non-blocking; descriptor, `stop` and `handler` outlive the writer.
+  // `fd` is non-blocking; descriptor, `stop` and `handler` outlive this object.
   PluginOutput(int fd, StopSignal& stop, Handler& handler);
   virtual ~PluginOutput();
 
-  // Takes the whole block, which may begin and end anywhere in a frame. Blocks while kQueueBytes or more wait,
-  // and until the line has room. A Data frame that is long for the line goes as several.
-  // False: closed, finished or broken.
+  // Takes the whole block, which may begin and end inside a frame. Blocks while kQueueBytes or more are queued,
+  // and until the line has room. Splits a Data frame that is too long for the line. Returns false when closed,
+  // finished or broken.
   bool Write(const void* data, std::size_t length);
 
-  // Puts a whole frame between those of Write, as soon as none of them is cut by it. Never blocks.
+  // Queues a whole frame between those from Write, without cutting one of them. Never blocks.
   void Insert(std::string_view frame);
-  // The same for an answer that can be spared: dropped while kQueueBytes or more wait, which answer as well.
+  // The same for an answer that may be lost: drops it while kQueueBytes or more are queued, because those show
+  // that this side is alive.
   void Answer(std::string_view frame);
 
-  // Asks the far side for a sign of life.
+  // Sends a ping.
   void Ping();
-  // The pong has come.
+  // Handles the pong.
   void OnPong(std::string_view payload);
-  // Tells the far side what has come from it; `rides`: in front of the next Write, which follows at once. While
-  // the descriptor takes no more, the last totals wait.
+  // Tells the far side how much was received from it; `rides`: before the next Write, which follows at once.
+  // While the descriptor is full, only the latest totals are kept.
   void Acknowledge(const Acknowledgement& totals, bool rides);
-  // The far side has told the same. False: that cannot be.
+  // Handles the far side's acknowledgement. Returns false when it is impossible.
   bool OnAcknowledgement(const Acknowledgement& totals);
   LinePace::View line() const;
 
-  // Refuses further calls of Write, and one that waits for room as soon as there is some, and puts `frame` (may
-  // be empty) behind what is queued. True: everything went out within `limit`.
+  // Refuses further calls of Write, ends one that waits for room as soon as there is some, and queues `frame`
+  // (may be empty). Returns true when everything was sent within `limit`.
   bool Finish(std::string_view frame, std::chrono::milliseconds limit);
 
-  // Makes blocked and later calls of Write fail. Call it after the stop signal was raised.
+  // Makes blocked and later calls of Write fail. Call it after raising the stop signal.
   void Close();
 
   static constexpr std::size_t kQueueBytes = 128 * 1024;
@@ -86,44 +88,45 @@ class PluginOutput : FrameReader::Handler {
   bool PutInPieces(Lock& lock, const gxmod::FrameHeader& header, std::string_view payload);
   bool MustWait(std::size_t bytes) const;
   void PutBetween(Lock& lock, std::string_view frame);
-  void Defer();  // leaves what is queued to a later call, or to the writer's own thread
-  void Send();   // what is queued, as far as the descriptor takes it
+  void Defer();  // leaves the queue to a later call or the flusher
+  void Send();   // sends the queue, as far as the descriptor accepts it
   void WaitForRoom(Lock& lock, std::size_t bytes);
-  void Flush();  // the writer's own thread
+  void Flush();  // runs on the flusher thread
   void WaitForDescriptor(Lock& lock);
   void LookAtRate();
   void Linger(Lock& lock);
-  // Tells the handler, without the lock, of a failure that is new. False: the descriptor takes no more.
+  // Reports a new failure to the handler, without holding the lock. Returns false when the descriptor accepts
+  // no more data.
   bool Report(Lock& lock);
 
   const int fd_;
   StopSignal& stop_;
   Handler& handler_;
 
-  FrameReader scanner_{this};              // of what Write brings; only in Write
-  std::vector<gxmod::FrameHeader> begun_;  // in this call of Write; only there
+  FrameReader scanner_{this};              // for the data of Write; used only there
+  std::vector<gxmod::FrameHeader> begun_;  // frames that started in this call of Write; used only there
 
-  mutable std::mutex mutex_;          // guards what follows
-  std::condition_variable sent_all_;  // nothing is queued, or nothing is taken any more
-  std::condition_variable work_;      // something is queued that nobody looks after
-  std::condition_variable line_;      // has carried something, or whoever waits for that need not any more
+  mutable std::mutex mutex_;          // guards the members below
+  std::condition_variable sent_all_;  // the queue is empty or can no longer be sent
+  std::condition_variable work_;      // the queue needs the flusher
+  std::condition_variable line_;      // the line has room again, or waiting for it has ended
   LinePace pace_;
-  std::string acknowledgement_;  // waits
+  std::string acknowledgement_;  // to be sent when the descriptor has room
   std::string queue_;            // bytes to send, from sent_ on
   std::size_t sent_ = 0;
-  std::string inserts_;  // frames that wait for the end of the one that is being written
+  std::string inserts_;  // frames to send after the current one
   bool between_frames_ = true;
-  bool full_ = false;  // the descriptor, as far as is known
+  bool full_ = false;  // the last write filled the descriptor
   std::uint64_t sent_ever_ = 0;
-  bool fast_ = false;  // at the last look
+  bool fast_ = false;  // at the last measurement
   std::chrono::steady_clock::time_point looked_at_{};
   std::uint64_t sent_then_ = 0;
-  bool writer_waits_ = false;  // in WaitForRoom, and looks after the queue
-  bool deferred_ = false;      // since the writer's own thread last looked
-  std::uint64_t sends_ = 0;    // calls of Send
+  bool writer_waits_ = false;  // a caller is in WaitForRoom and sends the queue
+  bool deferred_ = false;      // since the flusher last checked
+  std::uint64_t sends_ = 0;    // number of calls of Send
   bool finished_ = false;
   bool broken_ = false;
-  std::string failure_;  // why, until the handler has been told
+  std::string failure_;  // the reason, until the handler was told
   std::thread flusher_;
 };
 

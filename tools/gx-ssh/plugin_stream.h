@@ -1,4 +1,4 @@
-// The byte stream that the module works on, over two descriptors.
+// The byte stream for the module, over two descriptors.
 #ifndef GX_SSH_PLUGIN_STREAM_H
 #define GX_SSH_PLUGIN_STREAM_H
 
@@ -21,31 +21,31 @@
 
 namespace gxtool {
 
-// What the program learns from the stream. Called on threads of the module, which wait meanwhile.
+// Events of the stream. Called on the module's threads, which wait for the return.
 class StreamObserver {
  public:
   virtual void OnFrameSent(const gxmod::FrameHeader& header) = 0;
   virtual void OnFrameReceived(const gxmod::FrameHeader& header) = 0;
-  // The target of a connection has got everything that was sent before EndInput.
+  // The target has received everything that was sent before EndInput.
   virtual void OnInputDelivered(std::uint32_t connection) = 0;
-  // The target of a connection was never reached, `why_not_opened` tells why, or without a reason has broken
-  // the connection, as far as is known; its Close follows.
+  // The target of a connection could not be reached, with the reason in `why_not_opened`, or it reset the
+  // connection, with an empty reason. The connection's Close follows.
   virtual void OnReset(std::uint32_t connection, std::string_view why_not_opened) = 0;
   // A channel list from the far side was dropped.
   virtual void OnChannelListDropped() = 0;
-  // The far side ends in order; the end of the stream follows.
+  // The far side ends normally; the end of the stream follows.
   virtual void OnGoodbye(const std::string& reason) = 0;
-  // Nothing more comes, and not because of Close. Once; `reason` is for a message.
+  // The input has ended, other than by Close. Called once; `reason` is for a message.
   virtual void OnInputEnd(const std::string& reason) = 0;
-  // The far side has acknowledged what cannot be; that counted for nothing. Once.
+  // The far side has sent an impossible acknowledgement, which was ignored. Called once.
   virtual void OnFalseAcknowledgement() = 0;
   // See Entrance::Handler.
   virtual void OnEntered(std::uint32_t connection, Route route) = 0;
-  // Somebody waits at the entrance, see Entrance::Handler.
+  // A connection waits at the entrance, see Entrance::Handler.
   virtual void OnWaiting() = 0;
-  // More connections may come to the entrance, see Entrance::Handler. On any thread.
+  // The entrance has room for more connections, see Entrance::Handler. Called on any thread.
   virtual void OnRoom() = 0;
-  // Nothing more can be sent. Once.
+  // No more data can be sent. Called once.
   virtual void OnOutputFailed(const std::string& reason) = 0;
 
  protected:
@@ -53,20 +53,21 @@ class StreamObserver {
 };
 
 struct StreamSettings {
-  bool raw = false;                 // send no frames but the module's
-  bool allow_channel_list = false;  // otherwise lists from the far side, which open ports here, are dropped
-  bool acknowledges = false;        // the far side knows of acknowledgements
-  bool guarded = false;             // has an entrance; otherwise everybody's connections are carried
+  bool raw = false;  // send only the module's frames
+  bool allow_channel_list =
+      false;                  // otherwise channel lists from the far side, which open ports here, are dropped
+  bool acknowledges = false;  // the far side supports acknowledgements
+  bool guarded = false;       // use an entrance; otherwise all connections are forwarded
 };
 
-// Write takes the whole block at once. Frames that only the two tools exchange never reach the module: pings
-// are answered, the rest is reported. Threads: as IPluginStreamRaw says; Ping, Finish and silence on any.
+// Write always takes the whole block. Frames that only the two programs exchange are kept from the module:
+// pings are answered, the others reported. Threads: as for IPluginStreamRaw; Ping, Finish and silence on any.
 class PluginStream final : public Counted<IPluginStreamRaw>,
                            PluginInput::Handler,
                            PluginOutput::Handler,
                            Entrance::Handler {
  public:
-  // Owns the descriptors. `received` is what has been read from `input` already. `observer` outlives the
+  // Owns the descriptors. `received`: bytes that were already read from `input`. `observer` outlives the
   // stream.
   PluginStream(Descriptor input, Descriptor output, std::string_view received, StreamSettings settings,
                StreamObserver& observer);
@@ -76,16 +77,17 @@ class PluginStream final : public Counted<IPluginStreamRaw>,
   std::uint32_t Write(const void* data, unsigned length, unsigned* written, unsigned flags) override;
   std::uint32_t Close() override;
 
-  // Asks the far side for a sign of life.
+  // Sends a ping.
   void Ping();
-  // What is known of the line to the far side.
+  // Measurements of the line to the far side.
   LinePace::View line() const { return output_.line(); }
-  // Null unless guarded. It may outlive the stream, and is closed then.
+  // Null unless guarded. It may outlive the stream and is closed by then.
   const std::shared_ptr<Entrance>& entrance() const { return entrance_; }
-  // For how long the far side has been silent while somebody was waiting for it: the module, or the stream in
-  // its place where the far side knows of acknowledgements.
+  // How long the far side has been silent while a read was waiting: the module's, or the intake's if the far
+  // side supports acknowledgements.
   std::chrono::milliseconds silence() const { return input_.silence(); }
-  // Takes no more from the module, says goodbye and waits until all is sent, at most `limit`.
+  // Refuses more data from the module, sends a goodbye and waits, for at most `limit`, until everything is
+  // sent.
   void Finish(std::string_view reason, std::chrono::milliseconds limit);
 
  private:
@@ -111,8 +113,8 @@ class PluginStream final : public Counted<IPluginStreamRaw>,
   PluginInput input_;
   PluginOutput output_;
   const std::shared_ptr<Entrance> entrance_;
-  bool input_ended_ = false;  // only in Read
-  bool doubted_ = false;      // only in OnUrgent
+  bool input_ended_ = false;  // used only in Read
+  bool doubted_ = false;      // used only in OnUrgent
 };
 
 }  // namespace gxtool

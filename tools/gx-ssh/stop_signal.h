@@ -1,4 +1,4 @@
-// A switch that wakes threads that wait in poll.
+// A one-time switch that wakes threads that wait in poll.
 #ifndef GX_SSH_STOP_SIGNAL_H
 #define GX_SSH_STOP_SIGNAL_H
 
@@ -8,22 +8,22 @@
 
 namespace gxtool {
 
-// Thrown once, for good. Threads: any.
+// Once raised it stays raised. Threads: any.
 class StopSignal {
  public:
   StopSignal() : pipe_(MakePipe()) {}
 
   void Raise() {
-    // Closing the far end makes `fd` readable for everyone who waits, now and later.
+    // Closing the write end makes `fd` readable for all waiting threads, now and later.
     if (!raised_.exchange(true)) pipe_.write.Reset();
   }
   bool raised() const { return raised_; }
 
-  // Becomes readable when the switch is thrown.
+  // Becomes readable when the switch is raised.
   int fd() const { return pipe_.read.get(); }
 
-  // Waits until `fd` is ready for `events` (of poll), or `wake` (-1: none) for reading, or so many milliseconds
-  // (-1: without end) are over. False: the switch was thrown.
+  // Waits until `fd` is ready for `events` (of poll), `wake` (-1: none) is readable, or `milliseconds` (-1: no
+  // limit) have passed. Returns false when the switch is raised.
   bool WaitFor(int fd, short events, int wake = -1, int milliseconds = -1) const;
 
  private:
