@@ -5,7 +5,7 @@
 namespace gxtool {
 namespace {
 
-constexpr auto kInteractiveTime = std::chrono::seconds(1);  // after a small answer; a typist's pause
+constexpr auto kInteractiveTime = std::chrono::seconds(1);  // after a small answer: a pause in typing
 
 }  // namespace
 

@@ -1,7 +1,7 @@
-// Whose bytes go next: data from the targets into the outgoing stream.
+// The order in which data from the targets goes into the outgoing stream.
 //
-// A target that says little at a time goes before those that have much to say, and while such are about the
-// stream is kept short for them. Within each kind they take turns, one frame at a time.
+// Targets that send little at a time come before those that send much. While there are interactive ones, the
+// stream's queue is kept short for them. Within each kind they take turns, one frame each.
 // Threads: the one that runs the io_context.
 #ifndef GX_PEER_READ_SCHEDULER_H
 #define GX_PEER_READ_SCHEDULER_H
@@ -20,26 +20,26 @@ class ReadScheduler {
  public:
   class Owner {
    public:
-    // The target has sent its last byte, and all of them are in the stream.
+    // The target has ended, and all its bytes are in the stream.
     virtual void OnTargetEnd(Connection& connection) = 0;
-    // A frame of data goes out.
+    // A Data frame is being sent.
     virtual void OnDataQueued() = 0;
-    // There is one connection only: it needs no priority.
+    // True when there is only one connection, which needs no priority.
     virtual bool IsAlone() const = 0;
 
    protected:
     ~Owner() = default;
   };
 
-  // None is owned, all outlive the scheduler.
+  // All arguments are borrowed and outlive the scheduler.
   ReadScheduler(FrameOutput& output, EventLoop& loop, Owner& owner)
       : output_(output), loop_(loop), owner_(owner) {}
 
-  // The connection's target has something to say. Once, until it was read and waits again.
+  // Queues a connection whose target has data. Call it once per WaitReadable.
   void Add(Connection& connection);
-  // Reads as long as the stream has room.
+  // Reads while the stream has room.
   void Run();
-  // Nobody has anything to say.
+  // True when no connection has data.
   bool idle() const { return interactive_.empty() && bulk_.empty(); }
 
  private:

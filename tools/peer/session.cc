@@ -15,14 +15,14 @@ namespace {
 using gxmod::ConnectionType;
 using std::chrono::milliseconds;
 
-constexpr std::size_t kTextBytes = 1024;                   // of a frame that is taken as a whole
-constexpr std::size_t kQueueMark = 8 * 1024 * 1024;        // for one target; past it the input waits
+constexpr std::size_t kTextBytes = 1024;                   // of a frame that is handled as a whole
+constexpr std::size_t kQueueMark = 8 * 1024 * 1024;        // for one target; above it the input waits
 constexpr std::size_t kTotalQueueMark = 64 * 1024 * 1024;  // for all targets
-constexpr std::size_t kOwedMark = 1024 * 1024;             // answers that the other side does not take
+constexpr std::size_t kOwedMark = 1024 * 1024;             // answers that the other side does not read
 constexpr std::uint64_t kToldComplaints = 100;
 constexpr char kWithTheLink[] = "ended with the link";
 constexpr auto kTick = milliseconds(50);
-constexpr auto kQuietTime = milliseconds(250);  // without a byte moving: nothing is under way
+constexpr auto kQuietTime = milliseconds(250);  // without moving a byte: nothing is pending
 
 std::string Label(const Connection& connection) {
   return "connection " + std::to_string(connection.id()) + " to " + connection.name();
@@ -221,7 +221,7 @@ void PeerSession::OpenTarget(Connection& connection, const Destination& destinat
   }
   const auto& target = std::get<HostPort>(destination);
   if (target.IsNumeric()) return connection.Open(EndpointsOf({target.host}, target.port));
-  // The question goes with the connection.
+  // The query is destroyed with the connection.
   connection.query = resolver_.Resolve(target.host, [this, &connection, target](const LookupResult& result) {
     OnResolved(connection, target, result);
   });
@@ -236,7 +236,7 @@ void PeerSession::OnResolved(Connection& connection, const HostPort& target, con
   connection.Open(endpoints);
 }
 
-// The channel is this very stream, so it works; the text goes back for the asker to know its tests apart.
+// The channel is this stream, so it works. The text is returned so that the sender can match its tests.
 void PeerSession::AnswerTest() {
   std::string payload(gxmod::kTestRespondHeaderBytes + text_.size(), '\0');
   gxmod::EncodeTestResponse(0, text_.data(), static_cast<std::uint16_t>(text_.size()), payload.data());
@@ -255,7 +255,7 @@ void PeerSession::OnTargetEnd(Connection& connection) {
   End(connection, connection.broken() ? "was broken off by the target" : "ended by the target");
 }
 
-// An acknowledgement that goes with it costs nobody a call of its own.
+// Sends a due acknowledgement together with this data, which saves a system call.
 void PeerSession::OnDataQueued() {
   if (!receipts_.has_news()) return;
   const Clock::time_point now = Clock::now();
@@ -321,7 +321,7 @@ void PeerSession::OnOutputBroken() {
 }
 
 void PeerSession::OnQuiet() {
-  // What waits to be written shows as well that this side lives.
+  // Queued output also shows that this side is alive.
   if (shutdown_.IsWorking() && output_.idle())
     output_.AddControl(kPingFrame, 0, PingPayload(output_.pace().sent()));
 }
@@ -338,7 +338,7 @@ void PeerSession::Lose(LogLevel level, const std::string& why) {
   EndAll({});
 }
 
-// Each mark is let go at its half, so that the input does not stop and start for every byte.
+// Each limit is released at half of it, so that the input does not stop and start for every byte.
 void PeerSession::PauseOrResumeInput() {
   const std::size_t part = holds_ ? 2 : 1;
   const bool answers_wait = output_.owed() > kOwedMark / part;
@@ -349,7 +349,7 @@ void PeerSession::PauseOrResumeInput() {
     NeedTick();
   }
   if (!holds) receipts_.Permit(0);
-  // Who keeps to what it may send is read on, for its acknowledgements.
+  // A sender that respects its permission is still read, for its acknowledgements.
   const bool pause = holds && (!receipts_.wanted() || receipts_.exceeded() || answers_wait);
   if (pause != input_.paused()) pause ? input_.Pause() : input_.Resume();
   Acknowledge();
@@ -417,13 +417,13 @@ void PeerSession::CheckConnection(Connection& connection, Clock::time_point now)
 void PeerSession::OnEnd() {
   if (shutdown_.phase() == Phase::kGreeting)
     return FailGreeting("the stream ended before the ready line of gx-ssh");
-  // While the input waited, what is unread is lost with its writer.
+  // While the input was paused, unread bytes may be lost with their writer.
   if (!input_.paused() && !frames_.AtFrameEnd()) {
     result_ = kPeerLinkLost;
     Log(LogLevel::kError, "the stream ended inside a frame");
   }
   input_.Stop();
-  output_.pace().End();  // no acknowledgement comes any more
+  output_.pace().End();  // no further acknowledgement will arrive
   for (const auto& [id, connection] : live_) connection->FinishWriting();
   shutdown_.EndInput();
   scheduler_.Run();
@@ -465,7 +465,7 @@ bool PeerSession::IsUnderWay(Clock::time_point now) const {
 void PeerSession::EndAll(std::string_view reason) {
   shutdown_.End();
   input_.Stop();
-  // The goodbye closes them all. A Close of its own would look like the target's end.
+  // The goodbye closes all connections; a Close frame would look like the target's end.
   while (!live_.empty()) {
     Connection& connection = *live_.begin()->second;
     options_.raw ? End(connection, kWithTheLink) : StartClosing(connection, kWithTheLink);

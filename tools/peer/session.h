@@ -1,7 +1,6 @@
-// The event loop behind Peer: frames in, frames out, connections in between.
-// What is decided lies elsewhere: Admission (who may connect where), ReadScheduler (whose bytes go next),
-// Shutdown (how far it has come).
-// Threads: all on the one of Run, but RequestStop.
+// The event loop of Peer: incoming frames, outgoing frames and the connections between them. Decisions are in
+// other classes: Admission (who may connect where), ReadScheduler (the order of reading), Shutdown (the end).
+// Threads: Run's thread, except for RequestStop.
 #ifndef GX_PEER_SESSION_H
 #define GX_PEER_SESSION_H
 
@@ -72,39 +71,39 @@ class PeerSession final : private StreamReader::Owner,
   void OnSilent() override;
   bool IsDeaf() const override { return input_.paused(); }
 
-  // Takes the ready line off the front of `bytes`.
+  // Removes the ready line from the front of `bytes`.
   void Greet(std::string_view* bytes);
   void FailGreeting(const std::string& why);
   void Stop();
   void WatchSignals();
   void WaitForSignal();
 
-  // What frames ask for.
+  // Handlers of frames.
   void OnControlFrame();
   void OnAcknowledgement();
   void EndOfInput();
   void Connect(std::uint32_t id, const std::string& text);
   void SendClose(std::uint32_t id);
-  // The connection was never opened, and this is why, or it does not end in order, and bytes may be lost: no
-  // reason.
+  // Tells the other side that a connection was never opened, with the reason, or that it was reset and may have
+  // lost bytes, with an empty reason.
   void SendReset(std::uint32_t id, const std::string& why_not_opened);
   void OpenTarget(Connection& connection, const Destination& destination);
   void OnResolved(Connection& connection, const HostPort& target, const LookupResult& result);
   void AnswerTest();
 
-  // Ways out of live_. End and Drop tell the other side.
+  // These remove a connection from live_. End and Drop also tell the other side.
   void End(Connection& connection, const std::string& why);
   void StartClosing(Connection& connection, const std::string& why);
   void Drop(Connection& connection, const std::string& why);
   void DropUnopened(Connection& connection, const std::string& why);
   void Forget(Connection& connection);
 
-  // Lets the other side send on, or not: by what it may send, or by not reading where that does not help.
+  // Allows the other side to send or stops it: by its permission, or by not reading if it ignores permissions.
   void PauseOrResumeInput();
-  // Tells the other side what has come, if that is due, or else when it will be.
+  // Sends an acknowledgement if it is due; otherwise sets the timer for it.
   void Acknowledge();
 
-  // Deadlines are kept by one timer, which runs only while there are some.
+  // One timer checks all deadlines; it runs only while there are some.
   void NeedTick();
   void OnTick();
   void CheckConnection(Connection& connection, Clock::time_point now);
@@ -113,12 +112,12 @@ class PeerSession final : private StreamReader::Owner,
   void Lose(LogLevel level, const std::string& why);
   void CheckPhase(Clock::time_point now);
   bool IsUnderWay(Clock::time_point now) const;
-  // Ends every connection and says goodbye, unless the link was lost.
+  // Ends every connection and sends a goodbye, unless the link was lost.
   void EndAll(std::string_view reason);
 
   void Log(LogLevel level, const std::string& line) const;
-  // Of what the other side has brought about, and may as often as it likes: after the first hundred it is no
-  // warning.
+  // Logs what the other side causes and can repeat at will: as a warning for the first hundred times, then at a
+  // lower level.
   void Complain(const std::string& line);
 
   const PeerOptions options_;
@@ -138,22 +137,22 @@ class PeerSession final : private StreamReader::Owner,
   ReadyLineFinder greeting_{Side::kHost};
 
   FrameReader frames_{this};
-  gxmod::FrameHeader frame_;              // the one being read
-  std::string text_;                      // its payload, unless it is data; cut at kTextBytes
-  ConnectionPtr data_connection_;         // to which its payload goes, if it is data for one
+  gxmod::FrameHeader frame_;              // the frame that is being read
+  std::string text_;                      // its payload, unless it is data; truncated to kTextBytes
+  ConnectionPtr data_connection_;         // receives the frame's payload, if it is data
   std::vector<ConnectionPtr> gathering_;  // have gathered bytes
 
   std::unordered_map<std::uint32_t, ConnectionPtr> live_;  // known to the other side
   ClosingConnections closing_;
-  std::size_t queued_ = 0;     // for all targets, bytes
-  std::size_t over_mark_ = 0;  // connections that owe their target too much
-  bool holds_ = false;         // the other side shall send no more
+  std::size_t queued_ = 0;     // bytes queued for all targets
+  std::size_t over_mark_ = 0;  // connections with too many bytes queued for their target
+  bool holds_ = false;         // the other side must not send more
   Clock::time_point holds_since_;
   Receipts receipts_;
   Timer receipts_timer_;
   bool receipts_timer_armed_ = false;
-  bool line_moved_ = false;  // the other side has got something
-  bool doubted_ = false;     // it acknowledged what cannot be
+  bool line_moved_ = false;  // the other side has received something
+  bool doubted_ = false;     // it sent an impossible acknowledgement
 
   Shutdown shutdown_;
   std::uint64_t complaints_ = 0;
