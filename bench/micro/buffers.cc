@@ -2,8 +2,8 @@
 #include <array>
 
 #include "measure.h"
-#include "object/reference.h"
-#include "portfwd/frames.h"
+#include "object/creference.h"
+#include "portfwd/fill_buffer.h"
 #include "stream/mem_buffer.h"
 
 namespace {

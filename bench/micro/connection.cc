@@ -6,9 +6,9 @@
 #include <array>
 #include <utility>
 
-#include "base/descriptor.h"
+#include "base/scoped_descriptor.h"
 #include "measure.h"
-#include "object/reference.h"
+#include "object/creference.h"
 #include "portfwd/connection_handler.h"
 #include "portfwd/frame_alloctor.h"
 #include "portfwd/stream_decorator.h"
@@ -54,7 +54,7 @@ class Connection final : IConnectionOwner {
   Connection(CRefObj<CPluginLink> link, const CRefObj<IMemAlloctor>& memory) {
     std::array<int, 2> ends{};
     if (socketpair(AF_UNIX, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0, ends.data()) != 0) return;
-    client_ = gxbase::Descriptor(ends[1]);
+    client_ = gxbase::ScopedDescriptor(ends[1]);
     stream_ = new CSockStream(IBaseStream::StreamType{0});
     stream_->SetSocket(ends[0], true);
     stream_->SetTracker(&tracker_);
@@ -81,7 +81,7 @@ class Connection final : IConnectionOwner {
     tracker_.Drop();
   }
 
-  gxbase::Descriptor client_;
+  gxbase::ScopedDescriptor client_;
   LoneTracker tracker_;
   CRefObj<CSockStream> stream_;
   CRefObj<MyHandler> handler_;

@@ -6,7 +6,7 @@
 #include <vector>
 
 #include "measure.h"
-#include "object/reference.h"
+#include "object/creference.h"
 #include "reactor/select_tracker.h"
 #include "reactor/sem_queue.h"
 #include "reactor/task_timed_queue.h"

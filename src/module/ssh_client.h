@@ -6,7 +6,7 @@
 #include <string>
 
 #include "gxmod/control_ssh.h"
-#include "object/reference.h"
+#include "object/creference.h"
 #include "portfwd/port_forward_client.h"
 
 // For contract, threads and result codes see IControlSshPlugin. Every operation catches all exceptions. Stream,

@@ -4,7 +4,7 @@
 
 #include <cstdint>
 
-#include "object/reference.h"
+#include "object/creference.h"
 
 // A reference to this object is also a reference to the outer one. The outer object holds this one through
 // InternalReference, which does not count back, so there is no reference cycle. This object is deleted when

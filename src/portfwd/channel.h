@@ -7,7 +7,7 @@
 #include <string>
 
 #include "base/mutex_lock.h"
-#include "object/reference.h"
+#include "object/creference.h"
 #include "portfwd/frame_alloctor.h"
 #include "reactor/reactor.h"
 #include "sock/sock_acceptor.h"

@@ -8,7 +8,7 @@
 #include <string>
 #include <string_view>
 
-#include "portfwd/frames.h"
+#include "portfwd/fill_buffer.h"
 #include "portfwd/plugin_link.h"
 #include "stream/ibase_stream.h"
 

@@ -3,7 +3,7 @@
 #define GX_PORTFWD_PLUGIN_LINK_H
 
 #include "gxmod/control_ssh.h"
-#include "object/reference.h"
+#include "object/creference.h"
 #include "portfwd/flow_control.h"
 #include "portfwd/plugin_writer.h"
 

@@ -5,7 +5,7 @@
 #include <utility>
 
 #include "portfwd/channel_list.h"
-#include "portfwd/frames.h"
+#include "portfwd/fill_buffer.h"
 #include "portfwd/stream_decorator.h"
 #include "runtime/gxmod_runtime.h"
 #include "stream/mem_buffer.h"

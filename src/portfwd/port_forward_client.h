@@ -8,7 +8,7 @@
 
 #include "base/mutex_lock.h"
 #include "gxmod/control_ssh.h"
-#include "object/reference.h"
+#include "object/creference.h"
 #include "portfwd/channel.h"
 #include "portfwd/channel_registry.h"
 #include "portfwd/connection_handler.h"

@@ -5,7 +5,7 @@
 
 #include <utility>
 
-#include "object/reference.h"
+#include "object/creference.h"
 #include "portfwd/plugin_link.h"
 #include "reactor/timer.h"
 #include "stream/ibuffer.h"

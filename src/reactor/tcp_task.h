@@ -4,7 +4,7 @@
 
 #include <cstdint>
 
-#include "object/reference.h"
+#include "object/creference.h"
 
 // The event that a task waits for.
 enum SelectOp : std::int32_t {

@@ -2,8 +2,8 @@
 #ifndef GX_REACTOR_UDP_LOOPBACK_H
 #define GX_REACTOR_UDP_LOOPBACK_H
 
-#include "base/descriptor.h"
 #include "base/mutex_lock.h"
+#include "base/scoped_descriptor.h"
 
 // A non-blocking UDP socket on 127.0.0.1, at a port that the system chooses. It sends datagrams to itself and
 // receives only its own, because any local process can send to a loopback port.
@@ -34,7 +34,7 @@ class CUdpLoopback {
   bool BindToItself() REQUIRES(mutex_);
 
   CStdMutex mutex_;
-  gxbase::Descriptor socket_ GUARDED_BY(mutex_);
+  gxbase::ScopedDescriptor socket_ GUARDED_BY(mutex_);
 };
 
 #endif  // GX_REACTOR_UDP_LOOPBACK_H

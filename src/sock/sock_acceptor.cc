@@ -20,7 +20,7 @@
 #include "runtime/gxmod_runtime.h"
 #include "sock/tcp_acceptor_task.h"
 
-using gxbase::Descriptor;
+using gxbase::ScopedDescriptor;
 
 namespace {
 
@@ -78,7 +78,7 @@ CSockAcceptor::~CSockAcceptor() { CSockAcceptor::Stop(); }
 bool CSockAcceptor::StartListen(const char* host, int port, ITCPTaskTracker* tracker, bool reuse_port) {
   if (running_) return true;
   address_.clear();  // from an earlier start
-  Descriptor listener(ListenSock(host, port, reuse_port));
+  ScopedDescriptor listener(ListenSock(host, port, reuse_port));
   if (!listener) return false;
   if (tracker != nullptr && !IsSelectable(listener.get())) {
     GXModLog(kGXModLogError, "[CSockAcceptor] listening socket %d is beyond what select can watch",
@@ -124,7 +124,7 @@ bool CSockAcceptor::OnAccept(CRefObj<CSockStream> stream) {
 }
 
 bool CSockAcceptor::CreateStream(CRefObj<CSockStream>& out, int socket, ITCPTaskTracker* tracker) {
-  Descriptor connection(socket);  // owns the socket until the stream does
+  ScopedDescriptor connection(socket);  // owns the socket until the stream does
   if (!CreateStream(out, IBaseStream::StreamType{0})) {
     connection.Take();  // stays open: the refusing subclass may have taken it
     return false;
@@ -156,7 +156,7 @@ bool CSockAcceptor::WaitAfter(Outcome outcome) {
 
 CSockAcceptor::Outcome CSockAcceptor::AcceptWaiting() {
   for (;;) {
-    Descriptor connection = AcceptOne();
+    ScopedDescriptor connection = AcceptOne();
     if (connection) {
       const Outcome outcome = TakeConnection(std::move(connection));
       if (outcome != kTaken) return outcome;
@@ -187,15 +187,15 @@ CSockAcceptor::Outcome CSockAcceptor::AcceptWaiting() {
 }
 
 // Accepts the next connection; on an empty result errno tells why.
-Descriptor CSockAcceptor::AcceptOne() {
+ScopedDescriptor CSockAcceptor::AcceptOne() {
   CStdLock lock(mutex_);
   if (!running_) return {};
-  Descriptor connection = gxbase::AcceptConnection(listen_socket_.get());
+  ScopedDescriptor connection = gxbase::AcceptConnection(listen_socket_.get());
   // In a host without standard input accept may return 0, which a stream takes for "no socket".
   return connection.get() == 0 ? gxbase::Duplicate(0) : std::move(connection);
 }
 
-CSockAcceptor::Outcome CSockAcceptor::TakeConnection(Descriptor connection) {
+CSockAcceptor::Outcome CSockAcceptor::TakeConnection(ScopedDescriptor connection) {
   const int socket = connection.get();
   ITCPTaskTracker* tracker = tracker_;
   if (tracker != nullptr && !IsSelectable(socket)) {
@@ -284,7 +284,7 @@ void CSockAcceptor::LogFailure(const char* tag, const char* what, int error, int
 int CSockAcceptor::ListenSock(const char* host, int port, bool reuse_port) {
   const gxbase::SocketAddress address(host != nullptr ? host : "0.0.0.0", port);
   const int family = address.ipaddr().family();
-  Descriptor listener = gxbase::OpenSocket(family, SOCK_STREAM, IPPROTO_TCP);
+  ScopedDescriptor listener = gxbase::OpenSocket(family, SOCK_STREAM, IPPROTO_TCP);
   if (!listener) return -1;
   const std::int64_t on = 1;  // 8 bytes; the system reads the first 4
   setsockopt(listener.get(), SOL_SOCKET, SO_REUSEADDR, &on, sizeof on);

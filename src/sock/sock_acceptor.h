@@ -7,8 +7,8 @@
 #include <cstdint>
 #include <string>
 
-#include "base/descriptor.h"
 #include "base/mutex_lock.h"
+#include "base/scoped_descriptor.h"
 #include "reactor/tcp_task.h"
 #include "sock/sock_stream.h"
 
@@ -75,8 +75,8 @@ class CSockAcceptor : public IReference {
   };
 
   Outcome AcceptWaiting();
-  gxbase::Descriptor AcceptOne();
-  Outcome TakeConnection(gxbase::Descriptor connection);
+  gxbase::ScopedDescriptor AcceptOne();
+  Outcome TakeConnection(gxbase::ScopedDescriptor connection);
   bool WaitAfter(Outcome outcome);
   bool WaitInTracker(Until until);
   bool Pause();
@@ -89,7 +89,7 @@ class CSockAcceptor : public IReference {
   std::atomic<ITCPTaskTracker*> tracker_{nullptr};
   CStdMutex mutex_;  // also prevents accept on a descriptor that Stop has closed
   std::condition_variable stopped_;
-  gxbase::Descriptor listen_socket_ GUARDED_BY(mutex_);
+  gxbase::ScopedDescriptor listen_socket_ GUARDED_BY(mutex_);
 };
 
 #endif  // GX_SOCK_SOCK_ACCEPTOR_H

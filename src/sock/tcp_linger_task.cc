@@ -36,7 +36,7 @@ int UnacknowledgedBytes(int socket) {
 
 bool CTCPLingerTask::Start(int socket, ITCPTaskTracker* tracker) try {
   if (tracker == nullptr || UnacknowledgedBytes(socket) == 0) return false;
-  gxbase::Descriptor own = gxbase::Duplicate(socket);
+  gxbase::ScopedDescriptor own = gxbase::Duplicate(socket);
   if (!IsSelectable(own.get())) return false;
   const CRefObj<CTCPLingerTask> task(new CTCPLingerTask(std::move(own), *tracker));
   shutdown(socket, SHUT_WR);
@@ -45,7 +45,7 @@ bool CTCPLingerTask::Start(int socket, ITCPTaskTracker* tracker) try {
   return false;
 }
 
-CTCPLingerTask::CTCPLingerTask(gxbase::Descriptor own, ITCPTaskTracker& tracker)
+CTCPLingerTask::CTCPLingerTask(gxbase::ScopedDescriptor own, ITCPTaskTracker& tracker)
     : ITCPTask(own.get(), kSelectReadable),
       own_(std::move(own)),
       tracker_(tracker),

@@ -4,7 +4,7 @@
 
 #include <cstdint>
 
-#include "base/descriptor.h"
+#include "base/scoped_descriptor.h"
 #include "reactor/tcp_task.h"
 
 // A socket that is closed, or shut down for reading, answers further data from its peer with a reset, and a
@@ -23,11 +23,11 @@ class CTCPLingerTask final : public ITCPTask {
   unsigned long timeleft() override;
 
  private:
-  CTCPLingerTask(gxbase::Descriptor own, ITCPTaskTracker& tracker);
+  CTCPLingerTask(gxbase::ScopedDescriptor own, ITCPTaskTracker& tracker);
   ~CTCPLingerTask() override;
   bool HasPeerEnded() const;
 
-  const gxbase::Descriptor own_;
+  const gxbase::ScopedDescriptor own_;
   ITCPTaskTracker& tracker_;
   int unacknowledged_bytes_ = 0;
   std::uint64_t last_progress_ms_;

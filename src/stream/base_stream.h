@@ -7,8 +7,8 @@
 #include <list>
 
 #include "base/mutex_lock.h"
+#include "object/creference.h"
 #include "object/object_monitor.h"
-#include "object/reference.h"
 #include "stream/ibase_stream.h"
 
 // Holds the queued requests, their time limits, the connection's status, the allocator, the properties and the

@@ -8,7 +8,7 @@
 #include <limits>
 #include <new>
 
-#include "object/reference.h"
+#include "object/creference.h"
 #include "stream/ibuffer.h"
 
 // Created by an allocator, which it holds a reference to and which frees its block. Both views of the block are

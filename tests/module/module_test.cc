@@ -3,7 +3,7 @@
 
 #include "gxmod/control_ssh.h"
 #include "gxmod/module.h"
-#include "object/reference.h"
+#include "object/creference.h"
 #include "support/create_params.h"
 #include "support/far_side.h"
 #include "support/leak_gate.h"

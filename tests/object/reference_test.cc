@@ -1,4 +1,4 @@
-#include "object/reference.h"
+#include "object/creference.h"
 
 #include "support/test.h"
 

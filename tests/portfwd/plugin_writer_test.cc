@@ -1,7 +1,7 @@
 #include "portfwd/plugin_writer.h"
 
 #include "base/clock.h"
-#include "object/reference.h"
+#include "object/creference.h"
 #include "support/test.h"
 #include "support/wait.h"
 

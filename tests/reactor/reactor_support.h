@@ -15,7 +15,7 @@
 #include <mutex>
 #include <utility>
 
-#include "object/reference.h"
+#include "object/creference.h"
 #include "reactor/tcp_task.h"
 #include "reactor/timer.h"
 

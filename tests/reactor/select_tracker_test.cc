@@ -9,7 +9,7 @@
 #include <stdexcept>
 #include <thread>
 
-#include "base/descriptor.h"
+#include "base/scoped_descriptor.h"
 #include "reactor/udp_loopback.h"
 #include "reactor_support.h"
 #include "support/log_capture.h"
@@ -222,7 +222,7 @@ TEST(UdpLoopbackTest, HearsNobodyButItself) {
   sockaddr_in own{};
   socklen_t length = sizeof own;
   ASSERT_EQ(getsockname(loopback.GetHandle(), reinterpret_cast<sockaddr*>(&own), &length), 0);
-  const gxbase::Descriptor stranger(socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0));
+  const gxbase::ScopedDescriptor stranger(socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0));
   ASSERT_EQ(sendto(stranger.get(), "x", 1, 0, reinterpret_cast<const sockaddr*>(&own), length), 1);
   EXPECT_EQ(loopback.Write("own", 3), 3);
   char got[8];

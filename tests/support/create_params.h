@@ -3,7 +3,7 @@
 #define GX_TESTS_SUPPORT_CREATE_PARAMS_H
 
 #include "gxmod/control_ssh.h"
-#include "object/reference.h"
+#include "object/creference.h"
 #include "support/test.h"
 
 namespace gxtest {

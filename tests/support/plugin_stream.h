@@ -15,7 +15,7 @@
 
 #include "gxmod/control_ssh.h"
 #include "gxmod/frames.h"
-#include "object/reference.h"
+#include "object/creference.h"
 #include "support/wait.h"
 
 namespace gxtest {

@@ -1,6 +1,6 @@
 // Ownership of descriptors, and how sockets are opened.
-#ifndef GX_BASE_DESCRIPTOR_H
-#define GX_BASE_DESCRIPTOR_H
+#ifndef GX_BASE_SCOPED_DESCRIPTOR_H
+#define GX_BASE_SCOPED_DESCRIPTOR_H
 
 #include <fcntl.h>
 #include <sys/ioctl.h>
@@ -12,17 +12,17 @@
 namespace gxbase {
 
 // Owns a descriptor, or is empty (-1), and closes it when destroyed.
-class Descriptor {
+class ScopedDescriptor {
  public:
-  Descriptor() = default;
-  explicit Descriptor(int value) : value_(value) {}
-  Descriptor(Descriptor&& other) noexcept : value_(other.Take()) {}
-  Descriptor& operator=(Descriptor&& other) noexcept {
+  ScopedDescriptor() = default;
+  explicit ScopedDescriptor(int value) : value_(value) {}
+  ScopedDescriptor(ScopedDescriptor&& other) noexcept : value_(other.Take()) {}
+  ScopedDescriptor& operator=(ScopedDescriptor&& other) noexcept {
     Close();
     value_ = other.Take();
     return *this;
   }
-  ~Descriptor() { Close(); }
+  ~ScopedDescriptor() { Close(); }
 
   explicit operator bool() const { return value_ >= 0; }
   int get() const { return value_; }
@@ -43,14 +43,14 @@ inline bool SetNonBlocking(int descriptor) {
 
 // The functions below open close-on-exec descriptors, because the host may start programs at any moment. Where
 // the system needs two calls for that, a program started between them inherits the descriptor. After a failure
-// they return an empty Descriptor and set errno.
+// they return an empty ScopedDescriptor and set errno.
 
 // A non-blocking socket.
-inline Descriptor OpenSocket(int family, int type, int protocol) {
+inline ScopedDescriptor OpenSocket(int family, int type, int protocol) {
 #ifdef SOCK_CLOEXEC
-  return Descriptor(socket(family, type | SOCK_CLOEXEC | SOCK_NONBLOCK, protocol));
+  return ScopedDescriptor(socket(family, type | SOCK_CLOEXEC | SOCK_NONBLOCK, protocol));
 #else
-  Descriptor opened(socket(family, type, protocol));
+  ScopedDescriptor opened(socket(family, type, protocol));
   if (!opened || !SetNonBlocking(opened.get())) return {};
   fcntl(opened.get(), F_SETFD, FD_CLOEXEC);
   return opened;
@@ -58,19 +58,21 @@ inline Descriptor OpenSocket(int family, int type, int protocol) {
 }
 
 // Accepts the next connection in the backlog of a listening socket.
-inline Descriptor AcceptConnection(int listener) {
+inline ScopedDescriptor AcceptConnection(int listener) {
 #ifdef SOCK_CLOEXEC
-  return Descriptor(accept4(listener, nullptr, nullptr, SOCK_CLOEXEC));
+  return ScopedDescriptor(accept4(listener, nullptr, nullptr, SOCK_CLOEXEC));
 #else
-  Descriptor accepted(accept(listener, nullptr, nullptr));
+  ScopedDescriptor accepted(accept(listener, nullptr, nullptr));
   if (accepted) fcntl(accepted.get(), F_SETFD, FD_CLOEXEC);
   return accepted;
 #endif
 }
 
 // Duplicates a descriptor; the new number is at least 1.
-inline Descriptor Duplicate(int descriptor) { return Descriptor(fcntl(descriptor, F_DUPFD_CLOEXEC, 1)); }
+inline ScopedDescriptor Duplicate(int descriptor) {
+  return ScopedDescriptor(fcntl(descriptor, F_DUPFD_CLOEXEC, 1));
+}
 
 }  // namespace gxbase
 
-#endif  // GX_BASE_DESCRIPTOR_H
+#endif  // GX_BASE_SCOPED_DESCRIPTOR_H

@@ -1,4 +1,4 @@
-#include "object/reference.h"
+#include "object/creference.h"
 
 std::int64_t CReference::AddRef() { return references_.fetch_add(1, std::memory_order_relaxed) + 1; }
 

@@ -1,6 +1,6 @@
 // Builds frames in memory. The format is described in gxmod/frames.h.
-#ifndef GX_PORTFWD_FRAMES_H
-#define GX_PORTFWD_FRAMES_H
+#ifndef GX_PORTFWD_FILL_BUFFER_H
+#define GX_PORTFWD_FILL_BUFFER_H
 
 #include <cstdint>
 
@@ -17,4 +17,4 @@ bool FillBuffer(std::uint32_t connection_id, gxmod::ConnectionType type, const v
 bool FillBuffer2(std::uint32_t connection_id, gxmod::ConnectionType type, CRefObj<IBuffer> buffer,
                  std::uint32_t offset, const void* payload, std::uint32_t length);
 
-#endif  // GX_PORTFWD_FRAMES_H
+#endif  // GX_PORTFWD_FILL_BUFFER_H

@@ -1,4 +1,4 @@
-#include "portfwd/frames.h"
+#include "portfwd/fill_buffer.h"
 
 #include <cstring>
 

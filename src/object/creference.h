@@ -1,6 +1,6 @@
 // The shared implementation of IReference.
-#ifndef GX_OBJECT_REFERENCE_H
-#define GX_OBJECT_REFERENCE_H
+#ifndef GX_OBJECT_CREFERENCE_H
+#define GX_OBJECT_CREFERENCE_H
 
 #include <atomic>
 #include <cstdint>
@@ -39,4 +39,4 @@ class CReference : public IReference {
   std::int64_t Release() override { return CReference::Release(); } \
   static_assert(true, "a semicolon ends the macro")
 
-#endif  // GX_OBJECT_REFERENCE_H
+#endif  // GX_OBJECT_CREFERENCE_H
