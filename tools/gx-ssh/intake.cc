@@ -190,10 +190,13 @@ void Intake::Watch() {
 
 void Intake::Look(std::uint64_t turns_before) {
   if (turns_ != turns_before) return;
-  if (!inside_) return Hold();
-  // A waiting reader arms the thread again when it leaves; one that has just left may have missed that.
-  armed_ = false;
-  if (!inside_) armed_ = true;
+  if (!inside_) {
+    Hold();
+  } else {
+    // A waiting reader arms the thread again when it leaves; one that has just left may have missed that.
+    armed_ = false;
+    if (!inside_) armed_ = true;
+  }
 }
 
 void Intake::Hold() {
