@@ -151,7 +151,8 @@ bool CSockStream::readbyflag(char* data, long length, long& count, long timeout_
   if (got > 0) {
     count = got;
     // A short read has emptied the socket: another read would only return EAGAIN.
-    read_budget_ = static_cast<std::size_t>(got) < most ? 0 : budget - got;
+    const bool emptied = static_cast<std::size_t>(got) < most;
+    read_budget_ = emptied || budget - got < kLeastReadBytes ? 0 : budget - got;
     return true;
   }
 

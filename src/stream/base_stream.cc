@@ -358,7 +358,11 @@ bool CBaseStream::CallTransport(const CItem& item, long& moved, long timeout_ms)
   if (item.kind == kWrite) {
     return write(bytes + item.done, static_cast<long>(item.remaining), moved, timeout_ms, /*flags=*/0);
   }
-  const auto length = static_cast<long>(std::min(item.remaining, Room(item)));
+  std::uint64_t most = std::min(item.remaining, Room(item));
+  // A read that takes all it may ends where a step does. Otherwise each later one would begin and end with a
+  // short step.
+  if (item.own_buffer && most > kStepBytes) most -= (item.done + most) % kStepBytes;
+  const auto length = static_cast<long>(most);
   char* const room = bytes + RoomBegin(item);
   return item.kind == kPeek ? peek(room, length, moved, timeout_ms) : read(room, length, moved, timeout_ms);
 }

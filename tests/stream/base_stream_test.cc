@@ -221,6 +221,19 @@ TEST_F(BaseStreamTest, AnEmptiedBufferIsFilledAgain) {
   }
 }
 
+// Short frames cost a system call each.
+TEST_F(BaseStreamTest, AShortStepIsFollowedByFullOnes) {
+  stream_->SetMemAlloc(CRefObj<IMemAlloctor>(new CMemAlloctorEx<CMemBuffer>(/*max_buffer_size=*/8192)).get());
+  stream_->empties = true;
+  stream_->Read(nullptr, 20'480, kNoTimeout);
+  for (const std::size_t length : {1000U, 19'480U}) {
+    stream_->incoming = gxtest::Pattern(length);
+    stream_->RecvRout(true);
+  }
+  EXPECT_THAT(stream_->story, ElementsAre("read 1000", "read 3096", "read 4096", "read 4096", "read 4096",
+                                          "read 4096", "read done 20480"));
+}
+
 // The reactor calls while the operation that asked for the call has not returned yet.
 TEST_F(BaseStreamTest, AWakeUpDuringTheLastOperationIsNotLost) {
   stream_->on_busy = [this] {
