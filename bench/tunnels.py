@@ -66,13 +66,14 @@ def listening(command, port):
         yield child
 
 
-# Options of `line`, both ways alike. The last one changes while it is used.
+# Options of `line`, both ways alike. The last one changes while it is used. --then takes all that follows it up to
+# the next option, so it is not the last.
 LINES = {
     "11.5K": ["--rate", "11500", "--delay", "5"],
     "100K": ["--rate", "100e3", "--delay", "20"],
     "1M": ["--rate", "1e6", "--delay", "20"],
     "10M": ["--rate", "10e6", "--delay", "100"],
-    "1M-100K-1M": ["--rate", "1e6", "--delay", "20", "--then", "10", "100e3", "--then", "20", "1e6"],
+    "1M-100K-1M": ["--then", "10", "100e3", "--then", "20", "1e6", "--rate", "1e6", "--delay", "20"],
 }
 
 
