@@ -53,6 +53,7 @@ void CGXModRuntime::SetHost(IGXModRuntime* host) {
 void GXModLog(int level, const char* format, ...) {
   const std::unique_ptr<char[]> text(new (std::nothrow) char[kLogLineBytes]);
   if (text == nullptr) return;
+  text[0] = '\0';  // stays when the format cannot be printed
   std::va_list arguments;
   va_start(arguments, format);
   std::vsnprintf(text.get(), kLogLineBytes, format, arguments);

@@ -92,6 +92,8 @@ PEERS = (
         ("--connect-timeout soon", "15s"), ("--max-connections 0", "--max-connections"),
         ("--dns-cache file --dns-refresh 4294967296", "--dns-refresh"), ("--dns-max-age 5", "--dns-cache"),
         ("--no\nsuch\x1b", "--no\\nsuch\\x1b"), ("word", "word"))),
+    # A command that adds to what a script gives already: the last one counts.
+    (["--raw", "-q", "--keepalive", "5s", "--keepalive", "10s", "--target", "a:1", "--target", "b:1"], b"", 0, ""),
     (["--raw"], frame(PING, 0, b"8 bytes."), 0, ""),
     (["--raw", "-q"], frame(CONNECT, 1, b"refused:1"), 0, ""),
     (["--raw", "-vv"], b"", 0, "gx-ssh-peer: confines: "),

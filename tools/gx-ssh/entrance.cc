@@ -86,14 +86,18 @@ bool Entrance::Admits(const gxmod::FrameHeader& header) const {
 }
 
 std::optional<Entrance::Clock::time_point> Entrance::Expire(Clock::time_point now) {
+  std::vector<std::uint32_t> refused;
   std::optional<Clock::time_point> next;
   {
     const std::lock_guard lock(mutex_);
     while (!waiting_.empty() && waiting_.front().until <= now) Refuse(waiting_.begin());
+    refused.swap(to_close_);
     if (!waiting_.empty()) next = waiting_.front().until;
     expiry_is_due_ = next.has_value();
   }
-  CallHandler();
+  for (const std::uint32_t id : refused) {
+    if (handler_ != nullptr) handler_->OnRefused(id);
+  }
   return next;
 }
 
@@ -215,12 +219,14 @@ void Entrance::EndInput(std::uint64_t ticket, std::uint64_t bytes) {
 }
 
 void Entrance::Forget(std::uint64_t ticket) {
+  bool room_is_made = false;
   {
     const std::lock_guard lock(mutex_);
     std::erase_if(expected_, [ticket](const Expected& expected) { return expected.ticket == ticket; });
     MakeRoom();
+    room_is_made = std::exchange(room_is_made_, false);
   }
-  CallHandler();
+  if (room_is_made && handler_ != nullptr) handler_->OnRoom();
 }
 
 // Waits until half is free, so that each call of the handler lets many connections start.
@@ -230,6 +236,7 @@ void Entrance::MakeRoom() {
   room_is_made_ = true;
 }
 
+// Only Filter calls this: OnEntered has to come before the Connect is sent.
 void Entrance::CallHandler() {
   std::vector<std::uint32_t> refused;
   std::vector<std::pair<std::uint32_t, Route>> entered;

@@ -55,6 +55,7 @@ Listener::Listener(asio::io_context& io, Forward forward, bool user_only, Descri
       Bind();
       acceptor_.listen();
     }
+    acceptor_.non_blocking(true);  // a client may leave before it is accepted
     forward_.at = BoundAddress(acceptor_.native_handle());
   } catch (const std::system_error& error) {
     throw Failure(kExitListen, "cannot listen at " + Text(forward_.at) + ": " + error.code().message());
@@ -114,13 +115,14 @@ Listener::Protocol::endpoint Listener::Endpoint() const {
 void Listener::Accept() {
   if (!open_ || accepting_ || !entrance_->HasRoom()) return;
   accepting_ = true;
-  acceptor_.async_accept(lifetime_.Guard([this](asio::error_code error, Protocol::socket client) {
+  acceptor_.async_wait(Acceptor::wait_read, lifetime_.Guard([this](asio::error_code error) {
     accepting_ = false;
-    if (!open_) return;
-    if (!error) {
-      Serve(Descriptor(MoveUp(client.release())));
-      return Accept();
-    }
+    // Other listeners may have used the room up.
+    if (!open_ || !entrance_->HasRoom()) return;
+    Protocol::socket client(io_);
+    if (!error) acceptor_.accept(client, error);
+    if (!error) Serve(Descriptor(MoveUp(client.release())));
+    if (!error || error == asio::error::would_block || error == asio::error::operation_aborted) return Accept();
     // Probably out of descriptors: pause while the client waits in the backlog.
     spdlog::warn("cannot take a connection: {}", error.message());
     pause_.expires_after(std::chrono::seconds(1));

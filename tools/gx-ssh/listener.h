@@ -43,6 +43,7 @@ class Listener {
 
  private:
   using Protocol = asio::generic::stream_protocol;
+  using Acceptor = asio::basic_socket_acceptor<Protocol>;
   using Relays = std::list<std::unique_ptr<Relay>>;
 
   bool IsUnix() const { return !forward_.at.unix_path.empty(); }
@@ -55,7 +56,7 @@ class Listener {
   asio::io_context& io_;
   Forward forward_;
   std::optional<SocketTable> users_;  // to admit only this user's clients
-  asio::basic_socket_acceptor<Protocol> acceptor_;
+  Acceptor acceptor_;
   std::optional<OwnPath> own_path_;  // of the Unix socket
   asio::steady_timer pause_;
   bool open_ = false;

@@ -40,7 +40,7 @@ class HelpFormatter : public CLI::Formatter {
 
 void AddLimit(CLI::App& app, const std::string& name, const std::string& help, milliseconds* limit) {
   const std::string preset = limit->count() == 0 ? "" : " [" + FormatDuration(*limit) + "]";
-  AddDuration(app, name, help + preset, limit);
+  AddDuration(app, name, help + preset, limit)->take_last();
 }
 
 void AddTargets(CLI::App& app, CommandLine* line) {
@@ -60,6 +60,7 @@ void AddTargets(CLI::App& app, CommandLine* line) {
           "Open this target, whatever is asked for; for command=\n"
           "in authorized_keys",
           [options](const std::string& text) { options->target = Parsed(text, ParseDestination); })
+      ->take_last()
       ->excludes("--allow")
       ->excludes("--allow-any");
 }
@@ -85,7 +86,8 @@ void AddNameCache(CLI::App& app, NameCacheOptions* options) {
           [options](const std::string& text) {
             if (text.empty()) throw BadText("this takes the name of a file");
             options->file = text;
-          });
+          })
+      ->take_last();
   app.add_option("--dns-max-age", options->max_age, "Drop older ones once there are more than 200")
       ->option_text("SECONDS");
   app.add_option("--dns-refresh", options->refresh, "For the cache, which saves every new answer anyway")
