@@ -313,7 +313,7 @@ def bring_cut(tools, server):
     size = os.path.getsize(glob.glob(f"{os.path.dirname(tools.gx_ssh)}/../peer/peers/*/gx-ssh-peer.gz")[0])
     for _ in range(CUTS):
         far = FarSide(tools, server.folder)
-        limit = random.choice((random.randrange(6000), random.randrange(size + 5000)))
+        limit = random.choice((random.randrange(6000), random.randrange(size)))
         with far.start(target, through=filtered(server.folder, "cut", f"limit = {limit}")) as host:
             host.expect_status(4)
         left = [name for name in far.files() if "/new-" in name]
