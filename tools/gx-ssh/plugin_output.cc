@@ -45,6 +45,7 @@ bool PluginOutput::Write(const void* data, std::size_t length) {
   const bool from_its_begin = scanner_.AtFrameEnd();
   begun_.clear();
   scanner_.Feed(block);
+  for (const gxmod::FrameHeader& header : begun_) handler_.OnSendingFrame(header);
   const bool is_one_frame = from_its_begin && scanner_.AtFrameEnd() && begun_.size() == 1;
   Lock lock(mutex_);
   if (is_one_frame && block.size() > pace_.FrameBytes() && begun_.front().type == gxmod::ConnectionType::Data) {
@@ -53,8 +54,7 @@ bool PluginOutput::Write(const void* data, std::size_t length) {
     return false;
   }
   lock.unlock();
-  // Call the handler after the block is queued, so that frames that it inserts come after the block.
-  for (const gxmod::FrameHeader& header : begun_) handler_.OnFrameSent(header);
+  for (const gxmod::FrameHeader& header : begun_) handler_.OnFrameQueued(header);
   return true;
 }
 

@@ -30,8 +30,12 @@ class PluginOutput : FrameReader::Handler {
  public:
   class Handler {
    public:
-    // A frame has started to go out, at least its header. Called from inside Write.
-    virtual void OnFrameSent(const gxmod::FrameHeader& header) = 0;
+    // The header of a frame is about to go out: nothing that answers it has been received. Called from inside
+    // Write.
+    virtual void OnSendingFrame(const gxmod::FrameHeader& header) = 0;
+    // The block with this header is queued: what the handler inserts goes out after it. Called from inside
+    // Write.
+    virtual void OnFrameQueued(const gxmod::FrameHeader& header) = 0;
     // The descriptor accepts no more data; `reason` is for a message. Called once, on a caller's thread or on
     // the flusher.
     virtual void OnWriteFailed(const std::string& reason) = 0;

@@ -63,11 +63,6 @@ bool PluginStream::Passes(const gxmod::FrameHeader& header) {
   return true;
 }
 
-void PluginStream::OnFrameSent(const gxmod::FrameHeader& header) {
-  if (entrance_) entrance_->OnSent(header);
-  observer_.OnFrameSent(header);
-}
-
 void PluginStream::OnInputSent(std::uint32_t connection) {
   output_.Insert(MakeFrame(kEndOfInputFrame, connection, {}));
 }

@@ -24,6 +24,7 @@ namespace gxtool {
 // Events of the stream. Called on the module's threads, which wait for the return.
 class StreamObserver {
  public:
+  // Comes before every event that the frame causes at the far side.
   virtual void OnFrameSent(const gxmod::FrameHeader& header) = 0;
   virtual void OnFrameReceived(const gxmod::FrameHeader& header) = 0;
   // The target has received everything that was sent before EndInput.
@@ -95,7 +96,10 @@ class PluginStream final : public Counted<IPluginStreamRaw>,
   void OnTaken(const gxmod::FrameHeader& header, std::string_view payload) override;
   void OnUrgent(const gxmod::FrameHeader& header, std::string_view payload) override;
   void OnAcknowledge(const Acknowledgement& totals, bool rides) override { output_.Acknowledge(totals, rides); }
-  void OnFrameSent(const gxmod::FrameHeader& header) override;
+  void OnSendingFrame(const gxmod::FrameHeader& header) override { observer_.OnFrameSent(header); }
+  void OnFrameQueued(const gxmod::FrameHeader& header) override {
+    if (entrance_) entrance_->OnSent(header);
+  }
   void OnWriteFailed(const std::string& reason) override { observer_.OnOutputFailed(reason); }
   void OnEntered(std::uint32_t connection, Route route) override {
     observer_.OnEntered(connection, std::move(route));

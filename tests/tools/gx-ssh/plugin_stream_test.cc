@@ -20,7 +20,11 @@ using gxmod::ConnectionType;
 // Writes down what the stream tells.
 class Diary : public StreamObserver {
  public:
-  void OnFrameSent(const gxmod::FrameHeader&) override {}
+  explicit Diary(const Descriptor& far) : far_(far) {}
+
+  void OnFrameSent(const gxmod::FrameHeader&) override {
+    Add(WaitFor(far_.get(), POLLIN, 0) ? "late" : "sent");
+  }
   void OnFrameReceived(const gxmod::FrameHeader&) override { Add("frame"); }
   void OnInputDelivered(std::uint32_t) override {}
   void OnReset(std::uint32_t, std::string_view) override {}
@@ -44,6 +48,7 @@ class Diary : public StreamObserver {
     text_ += entry + "; ";
   }
 
+  const Descriptor& far_;
   std::mutex mutex_;
   std::string text_;
 };
@@ -81,8 +86,8 @@ class PluginStreamTest : public testing::Test {
     return result == kGXModOk;
   }
 
-  Diary diary_;
   Descriptor far_;
+  Diary diary_{far_};
   CRefObj<PluginStream> stream_;
 };
 
@@ -116,6 +121,13 @@ TEST_F(PluginStreamTest, AnswersPingsBetweenFramesOnly) {
   stream_ = {};
   EXPECT_EQ(ReadToEnd(far_.get()),
             frame + MakeFrame(kPongFrame, 0, "12345678") + MakeFrame(kGoodbyeFrame, 0, "done"));
+}
+
+// Otherwise the answer to a frame could be counted before the frame.
+TEST_F(PluginStreamTest, AFrameIsToldBeforeTheFarSideHasIt) {
+  Open();
+  EXPECT_TRUE(WriteModule(DataFrame(1, "x")));
+  EXPECT_EQ(diary_.Take(), "sent; ");
 }
 
 TEST_F(PluginStreamTest, AnswersThatNobodyTakesDoNotPileUp) {
