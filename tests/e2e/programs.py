@@ -358,12 +358,14 @@ def tells(tools, server):
         expect((line["level"], line["message"]) == ("info", "0 open, 0 in all; 0 B sent, 0 B received"), line)
     hears_of_its_life(watched)
     stalls(watched)
-    for through, status, words in (
-            ("echo Welcome; exec @PEER", 0, ('"usable":1', '"noise":"Welcome\\\\n', "round_trip_median_ms",
-                                             '"bytes_survive":1', "there_bytes_per_second", "both_bytes_per_second",
-                                             '"queued_ms"')),
-            ("@PEER | stdbuf -o0 tr '\\200' '\\201'", 4, ("byte 0x80 comes back as 0x81",))):
-        done = run_to_the_end([tools.gx_ssh, "--probe", "--json", "--", "sh", "-c",
+    older = "@PEER | { read -r line; echo GX-SSH-PEER-CAN flow-control; exec cat; }"
+    for through, form, status, words in (
+            ("echo Welcome; exec @PEER", ["--json"], 0, (
+                '"usable":1', '"noise":"Welcome\\\\n', "round_trip_median_ms", '"bytes_survive":1', "there_bytes_per_second",
+                "back_bytes_per_second", "both_bytes_per_second", '"queued_ms"')),
+            (older, [], 0, ("rate back   unknown: ", "both ways")),
+            ("@PEER | stdbuf -o0 tr '\\200' '\\201'", ["--json"], 4, ("byte 0x80 comes back as 0x81",))):
+        done = run_to_the_end([tools.gx_ssh, "--probe", *form, "--", "sh", "-c",
                                through.replace("@PEER", tools.gx_ssh_peer)])
         judge(through, done, status, "")
         expect(all(word in done.stdout.decode() for word in words), done.stdout)

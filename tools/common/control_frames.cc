@@ -9,10 +9,10 @@ namespace {
 constexpr std::size_t kTotalBytes = sizeof(std::uint64_t);
 
 // In the machine's byte order, which is little-endian.
-void AppendTotal(std::uint64_t total, std::string* out) {
+std::string TotalText(std::uint64_t total) {
   char bytes[kTotalBytes];
   std::memcpy(bytes, &total, sizeof bytes);
-  out->append(bytes, sizeof bytes);
+  return {bytes, sizeof bytes};
 }
 
 std::uint64_t TotalAt(std::string_view bytes) {
@@ -24,10 +24,7 @@ std::uint64_t TotalAt(std::string_view bytes) {
 }  // namespace
 
 std::string MakeAcknowledgement(const Acknowledgement& totals) {
-  std::string payload;
-  AppendTotal(totals.received, &payload);
-  AppendTotal(totals.permitted, &payload);
-  return MakeFrame(kAcknowledgementFrame, 0, payload);
+  return MakeFrame(kAcknowledgementFrame, 0, TotalText(totals.received) + TotalText(totals.permitted));
 }
 
 std::optional<Acknowledgement> ReadAcknowledgement(std::string_view payload) {
@@ -35,13 +32,16 @@ std::optional<Acknowledgement> ReadAcknowledgement(std::string_view payload) {
   return Acknowledgement{TotalAt(payload), TotalAt(payload.substr(kTotalBytes))};
 }
 
-std::string PingPayload(std::uint64_t sent) {
-  std::string payload;
-  AppendTotal(sent, &payload);
-  return payload;
-}
+std::string PingPayload(std::uint64_t sent) { return TotalText(sent); }
 
 std::uint64_t SentBefore(std::string_view ping_payload) { return TotalAt(ping_payload); }
+
+std::string FillPayload(std::uint64_t bytes) { return TotalText(bytes); }
+
+std::optional<std::uint64_t> ReadFill(std::string_view payload) {
+  if (payload.size() != kFillPayloadBytes) return std::nullopt;
+  return std::min(TotalAt(payload), kMostFillBytes);
+}
 
 std::string MakeFrame(gxmod::ConnectionType type, std::uint32_t connection_id, std::string_view payload) {
   std::string frame(gxmod::kFrameHeaderBytes, '\0');

@@ -32,13 +32,18 @@ inline constexpr std::size_t kReasonBytes = 200;  // at most
 // Both directions: what the sender has received so far, see Acknowledgement.
 inline constexpr auto kAcknowledgementFrame = static_cast<gxmod::ConnectionType>(0xF5);
 
+// gx-ssh to gx-ssh-peer, which has announced Features::fill: send that many bytes (FillPayload), in place of
+// what is left of the last such order. The answer is Data frames of connection 0, which nobody needs.
+// gx-ssh-peer sends them behind all other data, and at most kMostFillBytes for one order.
+inline constexpr auto kFillFrame = static_cast<gxmod::ConnectionType>(0xF6);
+inline constexpr std::size_t kFillPayloadBytes = 8;
+inline constexpr std::uint64_t kMostFillBytes = 16 * 1024 * 1024;
+
 // A pong is also an acknowledgement: the payload is the number of bytes that were sent before the ping.
 inline constexpr std::size_t kPingBytes = 8;
 
 // True for the types of this header.
-constexpr bool IsControlFrame(gxmod::ConnectionType type) {
-  return type >= kPingFrame && type <= kAcknowledgementFrame;
-}
+constexpr bool IsControlFrame(gxmod::ConnectionType type) { return type >= kPingFrame && type <= kFillFrame; }
 
 // Totals of bytes since the ready line. They count all frames except those of this header, including frame
 // headers.
@@ -57,6 +62,10 @@ std::optional<Acknowledgement> ReadAcknowledgement(std::string_view payload);
 std::string PingPayload(std::uint64_t sent);
 // The number of bytes that a pong with that payload acknowledges.
 std::uint64_t SentBefore(std::string_view ping_payload);
+
+std::string FillPayload(std::uint64_t bytes);
+// At most kMostFillBytes; nothing for an invalid payload.
+std::optional<std::uint64_t> ReadFill(std::string_view payload);
 
 // A whole frame: header and payload.
 std::string MakeFrame(gxmod::ConnectionType type, std::uint32_t connection_id, std::string_view payload);

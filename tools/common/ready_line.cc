@@ -15,7 +15,8 @@ struct FeatureWord {
   bool Features::*feature;
 };
 constexpr FeatureWord kFeatureWords[] = {{"flow-control", &Features::flow_control},
-                                         {"unix-targets", &Features::unix_targets}};
+                                         {"unix-targets", &Features::unix_targets},
+                                         {"fill", &Features::fill}};
 
 std::string_view Name(Side side) { return side == Side::kHost ? "GX-SSH-HOST " : "GX-SSH-PEER "; }
 std::string_view FeaturesName(Side side) {

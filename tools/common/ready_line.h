@@ -19,10 +19,11 @@ inline constexpr std::size_t kNoiseBytes = 64 * 1024;
 struct Features {
   bool flow_control = false;  // acknowledges what it receives
   bool unix_targets = false;  // connects to Unix sockets
+  bool fill = false;          // sends any number of bytes when it is asked to
 
   friend bool operator==(const Features&, const Features&) = default;
 };
-inline constexpr Features kOwnFeatures{.flow_control = true, .unix_targets = true};
+inline constexpr Features kOwnFeatures{.flow_control = true, .unix_targets = true, .fill = true};
 
 // The ready line of `side`, with its line feed.
 std::string ReadyLine(Side side);

@@ -15,6 +15,7 @@
 #include "common/control_frames.h"
 #include "common/escape.h"
 #include "common/frame_reader.h"
+#include "common/receipts.h"
 #include "gx-ssh/carrier.h"
 #include "gx-ssh/handshake.h"
 #include "gx-ssh/terminal.h"
@@ -30,6 +31,7 @@ constexpr std::size_t kPings = 50;
 constexpr milliseconds kRoundTripTime{2'000};  // for all pings
 constexpr milliseconds kBytesTime{3'000};      // for the test of all byte values
 constexpr milliseconds kRateTime{1'500};  // for each rate, and at most twice as long for the pending answers
+constexpr milliseconds kStartTime{500};   // until the far side knows what the line carries
 constexpr milliseconds kDrainTime{3'000};
 
 // The initial amount of data under way; answers raise it. More than the line carries would only fill its
@@ -48,14 +50,16 @@ std::string EveryByte() {
 }
 
 // Pings, which only gx-ssh-peer answers, measure the round trip. Channel tests, which every far side answers,
-// measure the rest.
+// measure the rest, except for the rate back, for which the far side fills the line. It gets acknowledgements
+// as from a session, so that no more is under way than the line carries.
 class Session final : FrameReader::Handler {
  public:
   Session(const Options& options, Console& console)
       : carrier_(io_, options.carrier, false, console, terminal_, [] {}),
         input_(io_),
         output_(io_, carrier_.TakeOutput().Release()),
-        timer_(io_) {
+        timer_(io_),
+        receipts_timer_(io_) {
     handshake_.emplace(
         io_, carrier_.TakeInput(), std::string(), output_.native_handle(), options.connect_timeout,
         Handshake::Result{[this](Descriptor input, const std::string& received, const Features& features) {
@@ -75,7 +79,7 @@ class Session final : FrameReader::Handler {
   }
 
  private:
-  enum class Phase { kRoundTrips, kBytes, kThere, kBoth, kDraining };
+  enum class Phase { kRoundTrips, kBytes, kThere, kBack, kBoth, kDraining };
 
   void OnReady(Descriptor input, const std::string& received, const Features& features) {
     terminal_.TakeBack();
@@ -85,6 +89,8 @@ class Session final : FrameReader::Handler {
     handshake_.reset();
     input_.assign(input.Release());
     output_.non_blocking(true);
+    if (features.flow_control) receipts_.Start();
+    Acknowledge();
     EndPhaseAfter(kRoundTripTime,
                   [this] { result_.round_trips_ms.empty() ? Fail("no answer to a ping") : TestBytes(); });
     Ping();
@@ -98,6 +104,7 @@ class Session final : FrameReader::Handler {
   }
 
   void OnPong() {
+    if (phase_ == Phase::kDraining && measured_ == Phase::kBack) return EndMeasure(true);
     if (phase_ != Phase::kRoundTrips) return;
     result_.round_trips_ms.push_back(1000 * Seconds(Clock::now() - asked_));
     result_.round_trips_ms.size() < kPings ? Ping() : TestBytes();
@@ -129,7 +136,25 @@ class Session final : FrameReader::Handler {
     window_ = kFirstWindow;
     counted_ = 0;
     EndPhaseAfter(kRateTime, [this] { Drain(); });
-    FillWindow();
+    counts_from_ = phase_begin_ + kStartTime;
+    phase == Phase::kBack ? AskForFill(kMostFillBytes) : FillWindow();
+  }
+
+  void AskForFill(std::uint64_t bytes) {
+    fill_left_ = bytes;
+    Send(MakeFrame(kFillFrame, 0, FillPayload(bytes)));
+  }
+
+  void OnFilled(std::size_t bytes) {
+    if (measured_ != Phase::kBack) return;
+    fill_left_ -= std::min<std::uint64_t>(bytes, fill_left_);
+    last_answer_ = Clock::now();
+    if (last_answer_ < counts_from_) {
+      phase_begin_ = last_answer_;
+    } else {
+      counted_ += bytes;
+    }
+    if (phase_ == Phase::kBack && fill_left_ < kMostFillBytes / 2) AskForFill(kMostFillBytes);
   }
 
   void FillWindow() {
@@ -153,27 +178,37 @@ class Session final : FrameReader::Handler {
     longest_ = std::max(longest_, last_answer_ - sent);
     window_ = std::min(window_ + size, kLargestWindow);
     if (phase_ != Phase::kDraining) return FillWindow();
-    if (under_way_.empty()) EndMeasure();
+    if (under_way_.empty()) EndMeasure(true);
   }
 
   void Drain() {
     phase_ = Phase::kDraining;
-    if (under_way_.empty()) return EndMeasure();
-    EndPhaseAfter(kDrainTime, [this] { EndMeasure(); });
+    if (measured_ == Phase::kBack) {
+      AskForFill(0);
+      Ping();  // the pong comes behind what is under way
+    } else if (under_way_.empty()) {
+      return EndMeasure(true);
+    }
+    EndPhaseAfter(kDrainTime, [this] { EndMeasure(false); });
   }
 
-  void EndMeasure() {
+  void EndMeasure(bool drained) {
     const double seconds = Seconds(last_answer_ - phase_begin_);
     if (counted_ == 0) return Fail("the far side has stopped answering");
     const double rate = static_cast<double>(counted_) / seconds;
-    (measured_ == Phase::kThere ? result_.there_rate : result_.both_rate) = rate;
     if (measured_ == Phase::kThere) {
+      result_.there_rate = rate;
       result_.queued_ms =
           std::max(0.0, 1000 * Seconds(longest_) - *std::ranges::min_element(result_.round_trips_ms));
       result_.queued_bytes = rate * result_.queued_ms / 1000;
+    } else if (measured_ == Phase::kBack) {
+      result_.back_rate = rate;
+    } else {
+      result_.both_rate = rate;
     }
-    // Answers that are still under way would be counted as fast ones.
-    if (measured_ == Phase::kThere && under_way_.empty()) return Measure(Phase::kBoth);
+    // What is still under way would be counted as fast.
+    if (drained && measured_ == Phase::kThere && result_.features.fill) return Measure(Phase::kBack);
+    if (drained && measured_ != Phase::kBoth) return Measure(Phase::kBoth);
     Send(MakeFrame(kGoodbyeFrame, 0, "the probe is over"));
     io_.stop();
   }
@@ -194,7 +229,21 @@ class Session final : FrameReader::Handler {
   void Read() {
     input_.async_read_some(asio::buffer(chunk_), [this](asio::error_code error, std::size_t got) {
       frames_.Feed({chunk_.data(), got});
+      receipts_.OnRead(frames_.AtFrameEnd(), Receipts::Clock::now());
+      Acknowledge();
       error ? Fail("the link has ended") : Read();
+    });
+  }
+
+  void Acknowledge() {
+    const auto now = Receipts::Clock::now();
+    receipts_.Permit(0);
+    const auto due = receipts_.due(now);
+    if (!due) return;
+    if (*due <= now) return Send(MakeAcknowledgement(receipts_.Take(now)));
+    receipts_timer_.expires_at(*due);
+    receipts_timer_.async_wait([this](asio::error_code error) {
+      if (!error) Acknowledge();
     });
   }
 
@@ -218,8 +267,11 @@ class Session final : FrameReader::Handler {
   void OnFrame(const gxmod::FrameHeader& header) override {
     frame_ = header;
     payload_.clear();
+    if (!IsControlFrame(header.type)) receipts_.OnReceived(gxmod::kFrameHeaderBytes);
   }
   void OnPayload(std::string_view piece) override {
+    if (!IsControlFrame(frame_.type)) receipts_.OnReceived(piece.size());
+    if (frame_.type == ConnectionType::Data) return OnFilled(piece.size());
     payload_ += piece.substr(0, 2 * kAnsweredPayload - std::min(payload_.size(), 2 * kAnsweredPayload));
   }
   void OnFrameEnd() override {
@@ -237,6 +289,7 @@ class Session final : FrameReader::Handler {
   asio::posix::stream_descriptor input_;
   asio::posix::stream_descriptor output_;
   asio::steady_timer timer_;
+  asio::steady_timer receipts_timer_;
   std::optional<Handshake> handshake_;
   FrameReader frames_{this};
   gxmod::FrameHeader frame_;
@@ -244,11 +297,13 @@ class Session final : FrameReader::Handler {
   std::array<char, 64 * 1024> chunk_{};
   std::string queue_;
   bool writing_ = false;
+  Receipts receipts_;
 
   Phase phase_ = Phase::kRoundTrips;
   Phase measured_ = Phase::kThere;
   Clock::time_point asked_;
   Clock::time_point phase_begin_;
+  Clock::time_point counts_from_;  // for the rate back
   Clock::time_point last_answer_;
   struct Test {
     std::size_t size;
@@ -258,7 +313,8 @@ class Session final : FrameReader::Handler {
   Clock::duration longest_{};   // until an answer, of the first rate
   std::size_t in_flight_ = 0;   // sum of under_way_
   std::size_t window_ = 0;
-  std::size_t counted_ = 0;
+  std::uint64_t fill_left_ = 0;  // of the last order
+  std::uint64_t counted_ = 0;
   ProbeResult result_;
 };
 
@@ -266,6 +322,7 @@ std::string FeatureNames(const Features& features) {
   std::string names;
   if (features.flow_control) names += ", flow control";
   if (features.unix_targets) names += ", unix targets";
+  if (features.fill) names += ", fill";
   return names;
 }
 
@@ -304,6 +361,10 @@ std::vector<std::string> ProbeTable(const ProbeResult& result) {
     row("rate there", FormatBytes(*result.there_rate) + "/s");
     row("queue there", fmt::format("up to {}, {:.0f} ms", FormatBytes(result.queued_bytes), result.queued_ms));
   }
+  if (result.back_rate) row("rate back", FormatBytes(*result.back_rate) + "/s");
+  if (result.there_rate && !result.features.fill) {
+    row("rate back", "unknown: the gx-ssh-peer there is of an older release, which cannot fill the line");
+  }
   if (result.both_rate) row("both ways", FormatBytes(*result.both_rate) + "/s each");
   row("verdict", result.problem.empty() ? "usable" : "not usable: " + result.problem);
   return lines;
@@ -327,6 +388,7 @@ JsonObject ProbeObject(const ProbeResult& result) {
     object.Add("queued_bytes", static_cast<std::uint64_t>(result.queued_bytes))
         .Add("queued_ms", result.queued_ms);
   }
+  if (result.back_rate) object.Add("back_bytes_per_second", *result.back_rate);
   if (result.both_rate) object.Add("both_bytes_per_second", *result.both_rate);
   if (!result.problem.empty()) object.Add("problem", result.problem);
   return object;

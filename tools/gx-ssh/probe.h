@@ -22,6 +22,7 @@ struct ProbeResult {
   std::vector<double> round_trips_ms;
   bool bytes_survive = false;        // all byte values, in both directions
   std::optional<double> there_rate;  // bytes per second
+  std::optional<double> back_rate;   // only a far side with Features::fill
   std::optional<double> both_rate;   // in each direction, while both are busy
   // What lies on the way there when more is sent than the line carries: that many bytes, for so long.
   double queued_bytes = 0;

@@ -89,7 +89,7 @@ void PeerSession::OnBytes(std::string_view bytes) {
   if (shutdown_.IsCarrying()) frames_.Feed(bytes);
   for (const ConnectionPtr& connection : gathering_) connection->Deliver();
   gathering_.clear();
-  if (std::exchange(line_moved_, false)) scheduler_.Run();
+  if (std::exchange(line_moved_, false)) SendData();
   receipts_.OnRead(frames_.AtFrameEnd(), Clock::now());
   PauseOrResumeInput();
 }
@@ -164,6 +164,7 @@ void PeerSession::OnControlFrame() {
   if (frame_.type == kGoodbyeFrame) Log(LogLevel::kInfo, "the other side ends: " + Escape(text_));
   if (frame_.type == kEndOfInputFrame) EndOfInput();
   if (frame_.type == kAcknowledgementFrame && !options_.raw) OnAcknowledgement();
+  if (frame_.type == kFillFrame && !options_.raw) OnFill();
   if (frame_.type == kPongFrame && text_.size() == kPingBytes) {
     output_.pace().OnReceived(SentBefore(text_));
     line_moved_ = true;
@@ -178,6 +179,23 @@ void PeerSession::OnAcknowledgement() {
   line_moved_ = true;
   if (output_.pace().OnAcknowledgement(*totals) || std::exchange(doubted_, true)) return;
   Complain("the other side acknowledges bytes that it cannot have got");
+}
+
+void PeerSession::OnFill() {
+  fill_ = ReadFill(text_).value_or(fill_);
+  SendData();
+}
+
+void PeerSession::SendData() {
+  scheduler_.Run();
+  if (shutdown_.phase() != Phase::kRunning) return;
+  for (std::span<char> room; fill_ > 0 && !(room = output_.BulkRoom()).empty();) {
+    const auto count = static_cast<std::size_t>(std::min<std::uint64_t>(room.size(), fill_));
+    std::fill_n(room.begin(), count, '.');
+    output_.AddData(0, count);
+    fill_ -= count;
+    OnDataQueued();
+  }
 }
 
 void PeerSession::EndOfInput() {
@@ -310,7 +328,7 @@ void PeerSession::OnQueued(Connection& connection, std::ptrdiff_t delta) {
 
 void PeerSession::OnOutputProgress() {
   PauseOrResumeInput();
-  scheduler_.Run();
+  SendData();
   CheckPhase(Clock::now());
 }
 
@@ -426,7 +444,7 @@ void PeerSession::OnEnd() {
   output_.pace().End();  // no further acknowledgement will arrive
   for (const auto& [id, connection] : live_) connection->FinishWriting();
   shutdown_.EndInput();
-  scheduler_.Run();
+  SendData();
   StopAdmitting();
 }
 

@@ -81,6 +81,7 @@ class PeerSession final : private StreamReader::Owner,
   // Handlers of frames.
   void OnControlFrame();
   void OnAcknowledgement();
+  void OnFill();
   void EndOfInput();
   void Connect(std::uint32_t id, const std::string& text);
   void SendClose(std::uint32_t id);
@@ -90,6 +91,9 @@ class PeerSession final : private StreamReader::Owner,
   void OpenTarget(Connection& connection, const Destination& destination);
   void OnResolved(Connection& connection, const HostPort& target, const LookupResult& result);
   void AnswerTest();
+
+  // Sends data while the stream has room: of the targets, and then what a fill frame asks for.
+  void SendData();
 
   // These remove a connection from live_. End and Drop also tell the other side.
   void End(Connection& connection, const std::string& why);
@@ -144,6 +148,7 @@ class PeerSession final : private StreamReader::Owner,
 
   std::unordered_map<std::uint32_t, ConnectionPtr> live_;  // known to the other side
   ClosingConnections closing_;
+  std::uint64_t fill_ = 0;     // bytes that a fill frame asks for
   std::size_t queued_ = 0;     // bytes queued for all targets
   std::size_t over_mark_ = 0;  // connections with too many bytes queued for their target
   bool holds_ = false;         // the other side must not send more

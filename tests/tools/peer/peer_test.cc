@@ -263,6 +263,31 @@ TEST_F(PeerLinkTest, ASlowTargetLeavesTheOtherSideHeard) {
   rig.Join();
 }
 
+// Whatever it is asked for and however often, it sends that much for the last order and no more.
+TEST_F(PeerLinkTest, FillsTheLineWithinBounds) {
+  Rig rig(options_);
+  Greet(rig);
+  for (int i = 0; i < 100; ++i) rig.Send(kFillFrame, 0, FillPayload(~std::uint64_t{0}));
+  EXPECT_EQ(rig.Data(0, kMostFillBytes).size(), kMostFillBytes);
+  const auto bytes_until_pong = [&rig] {
+    rig.Send(kPingFrame, 0, PingPayload(0));
+    std::uint64_t bytes = 0;
+    Frame frame;
+    while ((frame = rig.Next()).type == static_cast<int>(ConnectionType::Data)) bytes += frame.payload.size();
+    EXPECT_EQ(frame.type, static_cast<int>(kPongFrame));
+    return bytes;
+  };
+  std::uint64_t more = 0;
+  for (int i = 0; i < 20; ++i) more += bytes_until_pong();
+  EXPECT_LE(more, std::uint64_t{1} << 20) << "what was on its way before the last order came";
+  rig.Send(kFillFrame, 0, FillPayload(1000));
+  EXPECT_EQ(rig.Data(0, 1000).size(), 1000U);
+  rig.Send(kFillFrame, 0, FillPayload(kMostFillBytes));
+  rig.Send(kFillFrame, 0, FillPayload(0));
+  EXPECT_LE(bytes_until_pong(), std::uint64_t{1} << 20);
+  EXPECT_EQ(bytes_until_pong(), 0U);
+}
+
 TEST_F(PeerLinkTest, NoticesASilentLinkButNotABusyOrAnsweringOne) {
   options_.keepalive = std::chrono::milliseconds(300);
   Rig rig(options_);
