@@ -186,6 +186,26 @@ def bring_once(tools, server):
     target.closing = True
 
 
+def bring_probes(tools, server):
+    """What the line is good for: where the peer has to be sent, where it is there, and where there is no shell."""
+    target = Target()
+    fresh, known = FarSide(tools, server.folder), FarSide(tools, server.folder)
+    known.carry(target)
+    target.closing = True
+    probe = [tools.gx_ssh, "--probe", "--bring"]
+    with (Child([*probe, "--", "sh", "-c", 'echo Welcome; exec "$@"', "sh", *fresh.shell]) as first,
+          Child([*probe, "--json", "--", *known.shell]) as second):
+        first.expect_status(0)
+        second.expect_status(0)
+    for line in (r"^brought     [\d.]+ [KM]iB in ", r'^noise       "Welcome\\n"$', r"^rate back   \d", "^verdict     usable$"):
+        expect(re.search(line, first.out.text(), re.MULTILINE), f"no {line} in {first.out.text()}")
+    fresh.expect_one_file()
+    expect('"brought_bytes":0,' in second.out.text(), second.out.text())
+    with Child([*probe, "--", "false"]) as refused:
+        refused.expect_status(4)
+        expect("not usable: not ready: it has ended before a shell answered" in refused.out.text(), refused.out.text())
+
+
 def fake_peers(folder, content, digest=None, size=None):
     """What there is to bring: `content` for this machine."""
     path = f"{folder}/{os.uname().machine}/gx-ssh-peer"
@@ -326,5 +346,5 @@ def bring_cut(tools, server):
     target.closing = True
 
 
-SCENARIOS = {each.__name__: each for each in (bring, bring_again, bring_once, bring_passes_on, bring_shows_progress,
-                                              bring_refused, bring_at_once, bring_cut)}
+SCENARIOS = {each.__name__: each for each in (bring, bring_again, bring_once, bring_probes, bring_passes_on,
+                                              bring_shows_progress, bring_refused, bring_at_once, bring_cut)}

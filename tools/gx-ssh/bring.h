@@ -37,6 +37,9 @@ class Bring {
   Bring(asio::io_context& io, Descriptor input, int output, std::chrono::milliseconds patience,
         BringOrders orders, Result result);
 
+  // What the shell said before its first answer, see BringTalk::noise.
+  const std::string& noise() const { return talk_.noise(); }
+
  private:
   void Read();
   void Take(std::string_view bytes);

@@ -96,8 +96,8 @@ std::string BringTalk::Take(std::string_view bytes, Clock::time_point now) {
       }
       break;
     }
-    ++answers_;
     noise_ = received_.substr(0, begin);
+    if (answers_++ == 0) first_noise_ = noise_.substr(begin - std::min(begin, kQuoteBytes));
     const auto kind = static_cast<BringAnswer>(received_[text - 2]);
     const std::string answer = received_.substr(text, end - text);
     received_.erase(0, end + mark_end.size());

@@ -36,6 +36,8 @@ class BringTalk {
   State state() const { return state_; }
   // The number of answers so far.
   std::size_t answers() const { return answers_; }
+  // The last kQuoteBytes before the first answer, unescaped.
+  const std::string& noise() const { return first_noise_; }
   const std::string& rest() const { return received_; }
   const std::string& problem() const { return problem_; }
 
@@ -68,7 +70,8 @@ class BringTalk {
   Stage stage_ = Stage::kEntering;
   std::size_t answers_ = 0;
   std::string received_;
-  std::string noise_;
+  std::string noise_;  // before the last answer
+  std::string first_noise_;
   std::string problem_;
   const StoredPeer* peer_ = nullptr;
   std::string seen_;

@@ -238,8 +238,8 @@ std::string Contradiction(const Options& options) {
     return "--background leaves standard input and output: --probe, -W, --run and --json do not go with it";
   }
   if (options.local && !options.carrier.empty()) return "--local takes no carrier";
-  if (options.bring && (options.local || options.raw || options.probe)) {
-    return "--bring does not go with --local, --raw and --probe";
+  if (options.bring && (options.local || options.raw)) {
+    return "--bring does not go with --local and --raw";
   }
   if (!options.bring && (options.bring_once || !options.bring_folder.empty() || !options.allow.empty())) {
     return "--bring-dir, --bring-once and --allow go with --bring";

@@ -16,8 +16,10 @@
 #include "common/escape.h"
 #include "common/frame_reader.h"
 #include "common/receipts.h"
+#include "gx-ssh/bring.h"
 #include "gx-ssh/carrier.h"
 #include "gx-ssh/handshake.h"
+#include "gx-ssh/reporter.h"
 #include "gx-ssh/terminal.h"
 
 namespace gxtool {
@@ -55,21 +57,19 @@ std::string EveryByte() {
 class Session final : FrameReader::Handler {
  public:
   Session(const Options& options, Console& console)
-      : carrier_(io_, options.carrier, false, console, terminal_, [] {}),
+      : console_(console),
+        progress_(options, console),
+        carrier_(io_, options.carrier, false, console, terminal_, [] {}),
         input_(io_),
         output_(io_, carrier_.TakeOutput().Release()),
         timer_(io_),
         receipts_timer_(io_) {
-    handshake_.emplace(
-        io_, carrier_.TakeInput(), std::string(), output_.native_handle(), options.connect_timeout,
-        Handshake::Result{[this](Descriptor input, const std::string& received, const Features& features) {
-                            OnReady(std::move(input), received, features);
-                          },
-                          [this](const std::string& problem) { Fail("not ready: " + problem); }});
+    options.bring ? StartBring(options) : StartHandshake(options, carrier_.TakeInput(), {});
   }
 
   ProbeResult Run() {
     io_.run();
+    console_.SetStatus({});
     asio::error_code ignored;
     output_.close(ignored);
     input_.close(ignored);
@@ -81,10 +81,41 @@ class Session final : FrameReader::Handler {
  private:
   enum class Phase { kRoundTrips, kBytes, kThere, kBack, kBoth, kDraining };
 
+  void StartBring(const Options& options) {
+    bring_.emplace(io_, carrier_.TakeInput(), output_.native_handle(), options.connect_timeout,
+                   MakeBringOrders(options),
+                   Bring::Result{[this, &options](Descriptor input, const std::string& received) {
+                                   OnBrought();
+                                   StartHandshake(options, std::move(input), received);
+                                 },
+                                 [this](const std::string& problem) { Fail("not ready: " + problem); },
+                                 [this](const StoredPeer& peer, std::size_t sent, std::size_t total) {
+                                   terminal_.TakeBack();
+                                   sent_peer_bytes_ = sent;
+                                   progress_.OnSent(peer.architecture, sent, total);
+                                 }});
+  }
+
+  void OnBrought() {
+    console_.SetStatus({});
+    result_.noise = bring_->noise();
+    result_.brought = {sent_peer_bytes_, Seconds(Clock::now() - begin_)};
+    bring_.reset();
+  }
+
+  void StartHandshake(const Options& options, Descriptor input, const std::string& received) {
+    handshake_.emplace(
+        io_, std::move(input), received, output_.native_handle(), options.connect_timeout,
+        Handshake::Result{[this](Descriptor ready, const std::string& rest, const Features& features) {
+                            OnReady(std::move(ready), rest, features);
+                          },
+                          [this](const std::string& problem) { Fail("not ready: " + problem); }});
+  }
+
   void OnReady(Descriptor input, const std::string& received, const Features& features) {
     terminal_.TakeBack();
     result_.ready_seconds = Seconds(Clock::now() - begin_);
-    result_.noise = handshake_->noise();
+    if (!result_.brought) result_.noise = handshake_->noise();
     result_.features = features;
     handshake_.reset();
     input_.assign(input.Release());
@@ -283,6 +314,8 @@ class Session final : FrameReader::Handler {
   }
 
   const Clock::time_point begin_ = Clock::now();
+  Console& console_;
+  BringProgress progress_;
   asio::io_context io_;
   Terminal terminal_;
   Carrier carrier_;
@@ -290,6 +323,8 @@ class Session final : FrameReader::Handler {
   asio::posix::stream_descriptor output_;
   asio::steady_timer timer_;
   asio::steady_timer receipts_timer_;
+  std::optional<Bring> bring_;
+  std::size_t sent_peer_bytes_ = 0;
   std::optional<Handshake> handshake_;
   FrameReader frames_{this};
   gxmod::FrameHeader frame_;
@@ -346,6 +381,10 @@ std::vector<std::string> ProbeTable(const ProbeResult& result) {
   const auto row = [&lines](const char* name, const std::string& value) {
     lines.push_back(fmt::format("{:<12}{}", name, value));
   };
+  if (const auto& brought = result.brought) {
+    const std::string size = FormatBytes(static_cast<double>(brought->bytes));
+    row("brought", fmt::format("{} in {:.2f} s", brought->bytes == 0 ? "nothing" : size, brought->seconds));
+  }
   if (result.ready_seconds) {
     row("far side", fmt::format("gx-ssh-peer, protocol {}{}; ready after {:.2f} s", kProtocolVersion,
                                 FeatureNames(result.features), *result.ready_seconds));
@@ -373,6 +412,9 @@ std::vector<std::string> ProbeTable(const ProbeResult& result) {
 JsonObject ProbeObject(const ProbeResult& result) {
   JsonObject object;
   object.Add("usable", std::uint64_t{result.problem.empty()});
+  if (const auto& brought = result.brought) {
+    object.Add("brought_bytes", brought->bytes).Add("brought_seconds", brought->seconds);
+  }
   if (result.ready_seconds) {
     object.Add("protocol", static_cast<std::uint64_t>(kProtocolVersion));
     object.Add("ready_seconds", *result.ready_seconds).Add("noise", Escape(result.noise));

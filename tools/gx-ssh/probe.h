@@ -2,6 +2,7 @@
 #ifndef GX_SSH_PROBE_H
 #define GX_SSH_PROBE_H
 
+#include <cstdint>
 #include <optional>
 #include <string>
 #include <vector>
@@ -16,8 +17,14 @@ namespace gxtool {
 // The measurements, as far as the probe got.
 struct ProbeResult {
   std::string problem;  // empty: the carrier is usable
+  // With --bring: how much of gx-ssh-peer was sent, and when it ran.
+  struct Brought {
+    std::uint64_t bytes;  // 0: it was there
+    double seconds;
+  };
+  std::optional<Brought> brought;
   std::optional<double> ready_seconds;
-  std::string noise;  // the last bytes before the ready line
+  std::string noise;  // the last bytes before the ready line, or with --bring before the shell
   Features features;  // of the far side
   std::vector<double> round_trips_ms;
   bool bytes_survive = false;        // all byte values, in both directions

@@ -31,6 +31,18 @@ std::string EventLine(const char* event, const JsonObject& details) {
 
 }  // namespace
 
+BringProgress::BringProgress(const Options& options, Console& console)
+    : console_(console), live_(HasTerminal(options)) {}
+
+void BringProgress::OnSent(const std::string& architecture, std::size_t sent, std::size_t total) {
+  if (!std::exchange(told_, true)) {
+    spdlog::info("sends gx-ssh-peer for {} there, {}", architecture, FormatBytes(static_cast<double>(total)));
+  }
+  if (!live_) return;
+  console_.SetStatus("sent " + FormatBytes(static_cast<double>(sent)) + " of " +
+                     FormatBytes(static_cast<double>(total)));
+}
+
 Reporter::Reporter(asio::io_context& io, const Options& options, Console& console, int output,
                    const Traffic& traffic, Line line)
     : options_(options),
@@ -42,7 +54,8 @@ Reporter::Reporter(asio::io_context& io, const Options& options, Console& consol
       timer_(io),
       statistics_timer_(io),
       statistics_time_(
-          options.stats.value_or(options.json ? kStatisticsOfEvents : std::chrono::milliseconds(0))) {
+          options.stats.value_or(options.json ? kStatisticsOfEvents : std::chrono::milliseconds(0))),
+      bring_progress_(options, console) {
   route_ = options_.local ? "far side inside" : ProgramName(options_.carrier.front());
   if (live_) Tick();
   if (statistics_time_.count() > 0) AwaitStatistics();
@@ -58,22 +71,13 @@ void Reporter::OnListening(const std::vector<Forward>& forwards) {
 
 void Reporter::OnLink(const std::string& state, const std::string& detail) {
   link_state_ = state;
-  bringing_ = false;
+  bring_progress_.Restart();
   if (state == kStarting) console_.SetStatus({});
   link_since_ = Clock::now();
   JsonObject object;
   object.Add("state", state);
   if (!detail.empty()) object.Add("detail", detail);
   Emit("link", object);
-}
-
-void Reporter::OnBringing(const std::string& architecture, std::size_t sent, std::size_t total) {
-  if (!std::exchange(bringing_, true)) {
-    spdlog::info("sends gx-ssh-peer for {} there, {}", architecture, FormatBytes(static_cast<double>(total)));
-  }
-  if (!live_) return;
-  console_.SetStatus("sent " + FormatBytes(static_cast<double>(sent)) + " of " +
-                     FormatBytes(static_cast<double>(total)));
 }
 
 bool Reporter::TellsConnections() const { return options_.json || spdlog::should_log(spdlog::level::debug); }

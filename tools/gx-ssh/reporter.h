@@ -18,6 +18,23 @@
 
 namespace gxtool {
 
+// Tells how far gx-ssh-peer was sent to the far side: a line, and a status on a terminal. Threads: one.
+class BringProgress {
+ public:
+  // `console` outlives this.
+  BringProgress(const Options& options, Console& console);
+
+  // So many bytes of `total` of the gx-ssh-peer for that architecture were sent.
+  void OnSent(const std::string& architecture, std::size_t sent, std::size_t total);
+  // It starts from the beginning.
+  void Restart() { told_ = false; }
+
+ private:
+  Console& console_;
+  const bool live_;
+  bool told_ = false;
+};
+
 // Prints the address on standard output, events with --json, connections with -v, and a live status on a
 // terminal. A slow reader of standard output never blocks it. Threads: the one that runs `io`.
 class Reporter {
@@ -32,8 +49,10 @@ class Reporter {
   void OnListening(const std::vector<Forward>& forwards);
   // `state` is one word: starting, up, lost, ended. `detail` may be empty.
   void OnLink(const std::string& state, const std::string& detail);
-  // So many bytes of `total` of the gx-ssh-peer for that architecture were sent.
-  void OnBringing(const std::string& architecture, std::size_t sent, std::size_t total);
+  // See BringProgress::OnSent.
+  void OnBringing(const std::string& architecture, std::size_t sent, std::size_t total) {
+    bring_progress_.OnSent(architecture, sent, total);
+  }
   // False when OnConnection would print nothing. Thread: any.
   bool TellsConnections() const;
   void OnConnection(const Traffic::Change& change);
@@ -66,7 +85,7 @@ class Reporter {
   const std::chrono::milliseconds statistics_time_;  // 0: never
   Traffic::Totals last_totals_;
   std::string route_;
-  bool bringing_ = false;
+  BringProgress bring_progress_;
   std::string link_state_ = "starting";
   Clock::time_point link_since_ = Clock::now();
 };
