@@ -3,16 +3,21 @@
 As root, since that is what a chroot, another user and a folder of that user take.
 """
 
+import contextlib
 import filecmp
+import functools
 import os
 import pwd
+import secrets
 import shutil
+import subprocess
 import sys
 import tempfile
 
 import virtual_machine
 from bringing import BUSYBOX, HERE, FarSide, expect, link_tools
 from relays import Target
+from terminal import INTERRUPT, Terminal
 from throwaway import Child, Clients, Tunnel, run, write_script
 
 SERIAL = "import time\nterminal = True\nthere = back = lambda b: time.sleep(len(b) * 10 / 115200) or b"
@@ -104,6 +109,75 @@ def as_another_user(tools, server):
         expect("sends gx-ssh-peer" in homeless.command_says(), "nothing was sent")
 
 
+@contextlib.contextmanager
+def who_may_ask(password):
+    """A user of this computer whom sudo asks for a password, each time, and lets become nobody."""
+    name = f"gx-ssh-{secrets.token_hex(4)}"
+    rule = f"/etc/sudoers.d/{name}"
+    try:
+        run(["useradd", "--no-create-home", "--no-user-group", "--gid", "nogroup", "--shell", "/bin/sh", name])
+        subprocess.run(["chpasswd"], input=f"{name}:{password}", text=True, check=True)
+        with open(os.open(rule, os.O_WRONLY | os.O_CREAT | os.O_EXCL, 0o440), "w", encoding="ascii") as file:
+            file.write(f"Defaults:{name} lecture=never, timestamp_timeout=0\n{name} ALL=(nobody) ALL\n")
+        yield name
+    finally:
+        with contextlib.suppress(FileNotFoundError):
+            os.unlink(rule)
+        run(["userdel", "--force", name])
+
+
+def through_sudo(tools, server):
+    """Without a question, and by a user who is asked for a password on the terminal."""
+    if not shutil.which("sudo"):
+        print("not tried, since there is no sudo", flush=True)
+        return
+    nobody = pwd.getpwnam("nobody")
+    with tempfile.TemporaryDirectory(prefix="gx-ssh-") as folder, who_may_ask("secret") as name:
+        os.chmod(folder, 0o755)
+        home = f"{folder}/home"
+        os.mkdir(home)
+        os.chown(home, nobody.pw_uid, nobody.pw_gid)
+        sudo = ["sudo", "-u", nobody.pw_name, "sh"]
+        Brought(tools, server, *sudo, options=("--bring-dir", f"{home}/peers")).carries(1 << 20)
+        # Where that user may not read what was built here.
+        built = os.path.dirname(os.path.dirname(os.path.dirname(tools.gx_ssh)))
+        program, module, peers = (shutil.copy(tools.gx_ssh, folder),
+                                  shutil.copy(f"{built}/src/module/libgx-control-ssh.so", folder),
+                                  shutil.copytree(f"{built}/tools/peer/peers", f"{folder}/peers"))
+        asked = ["setpriv", f"--reuid={name}", "--regid=nogroup", "--init-groups", program, "--module", module,
+                 "--peer-dir", peers, "--target", f"127.0.0.1:{server.port}", "--bring", "--bring-dir", f"{home}/asked",
+                 "--", *sudo]
+        answers_sudo(asked, name, server)
+
+
+def answers_sudo(asked, name, server):
+    """Wrong and right passwords, and the key that ends it all."""
+    prompt = f"password for {name}: "
+    with Terminal(*asked) as terminal:
+        for answer in ("wrong\n", "secret\n"):
+            terminal.expect(prompt)
+            terminal.type(answer)
+        terminal.expect("127.0.0.1:")
+        clients = Clients(server, "HostName 127.0.0.1", f"Port {int(terminal.expect(chr(13)))}")
+        with clients.session("far", "echo out; exit 42") as command:
+            command.expect_status(42)
+            expect(command.out.text() == "out", "its standard output did not come through")
+        clients.run("scp", "-q", f"{server.folder}/host_key.pub", f"far:{server.folder}/copied")
+        expect(filecmp.cmp(f"{server.folder}/host_key.pub", f"{server.folder}/copied", shallow=False), "the copies differ")
+        terminal.type(INTERRUPT)
+        terminal.expect_status(0)
+    with Terminal(*asked) as terminal:
+        for _ in range(3):
+            terminal.expect(prompt)
+            terminal.type("wrong\n")
+        terminal.expect("it has ended before a shell answered")
+        terminal.expect_status(4)
+    with Terminal(*asked) as terminal:
+        terminal.expect(prompt)
+        terminal.type(INTERRUPT)
+        terminal.expect_status(0)
+
+
 def into_a_virtual_machine(tools, server):
     """No network leads there, only a virtio-serial port with a shell."""
     if what := virtual_machine.missing():
@@ -132,60 +206,84 @@ FOREIGN = {"aarch64": (["aarch64"], "qemu-aarch64"), "armv7": (["armv7l", "armv8
            "riscv64": (["riscv64"], "qemu-riscv64")}
 
 
+PEERS = os.path.abspath(f"{HERE}/../../build/peers")
+
+
 def foreign_peers(tools, server):
-    """Each static peer that scripts/foreign-peers has built, run by qemu, carries a command and a large copy."""
-    peers = os.path.abspath(f"{HERE}/../../build/peers")
-    found = sorted(os.listdir(peers)) if os.path.isdir(peers) else []
-    if missing := set(FOREIGN) - set(found):
-        print(f"not tried, since scripts/foreign-peers has not built it: {', '.join(sorted(missing))}", flush=True)
-    original, back = f"{server.folder}/original", f"{server.folder}/back"
+    """Each static peer that scripts/foreign-peers has built."""
+    for architecture in FOREIGN:
+        foreign_peer(tools, server, architecture)
+
+
+def why_not(scenario):
+    """What a scenario of one architecture lacks here, for people; empty: nothing."""
+    architecture = scenario.removeprefix("foreign_")
+    _, emulator = FOREIGN.get(architecture, ([], None))
+    if emulator and not os.path.exists(f"{PEERS}/{architecture}/gx-ssh-peer"):
+        return f"{architecture}: not tried, since scripts/foreign-peers has not built it; that tells what it takes"
+    if emulator and not shutil.which(emulator):
+        return f"{architecture}: not tried, since there is no {emulator}: apt-get install qemu-user"
+    return ""
+
+
+def foreign_peer(tools, server, architecture):
+    """Run by qemu, it carries a command and a large copy; on another processor it is refused with a sentence."""
+    if why := why_not(f"foreign_{architecture}"):
+        print(why, flush=True)
+        return
+    machines, emulator = FOREIGN[architecture]
+    peer = f"{PEERS}/{architecture}/gx-ssh-peer"
+    if not os.path.exists(f"/proc/sys/fs/binfmt_misc/{emulator}"):  # there the system runs the wrong one, too
+        for machine in machines:
+            goes_to_the_wrong_machine(tools, server, machine, architecture)
+    looks_names_up(tools, server, emulator, peer)
+    original, back = f"{server.folder}/original", f"{server.folder}/back-{architecture}"
     with open(original, "wb") as file:
         file.write(os.urandom(8 << 20))
-    for architecture in found:
-        machines, emulator = FOREIGN[architecture]
-        peer = f"{peers}/{architecture}/gx-ssh-peer"
-        for machine in machines:
-            goes_to_the_wrong_machine(tools, server, peers, machine, architecture)
-        if not shutil.which(emulator):
-            print(f"{architecture}: not tried, since there is no {emulator}", flush=True)
-            continue
-        looks_names_up(tools, emulator, peer)
-        target = f"127.0.0.1:{server.port}"
-        with Tunnel(tools, server, far_side=["--", emulator, peer, "--allow", target]) as tunnel:
-            with tunnel.session("far", "echo out; exit 42") as command:
-                command.expect_status(42)
-                expect(command.out.text() == "out", "its standard output did not come through")
-            tunnel.run("scp", "-q", original, f"far:{back}")
-        expect(filecmp.cmp(original, back, shallow=False), "the copies differ")
-        print(f"{architecture}: {os.path.getsize(peer)} bytes", flush=True)
+    target = f"127.0.0.1:{server.port}"
+    with Tunnel(tools, server, far_side=["--", emulator, peer, "--allow", target]) as tunnel:
+        with tunnel.session("far", "echo out; exit 42") as command:
+            command.expect_status(42)
+            expect(command.out.text() == "out", "its standard output did not come through")
+        tunnel.run("scp", "-q", original, f"far:{back}")
+    expect(filecmp.cmp(original, back, shallow=False), "the copies differ")
+    print(f"{architecture}: {os.path.getsize(peer)} bytes", flush=True)
 
 
-def looks_names_up(tools, *far_side):
-    """Localhost in any case; a peer that knows no other name says so."""
+def looks_names_up(tools, server, *far_side):
+    """Localhost in any case, and a name of the hosts file; a peer that knows no other name says so."""
     target = Target()
-    localhost = target.address.replace("127.0.0.1", "localhost")
-    with Child([tools.gx_ssh, "-W", "--target", localhost, "--", *far_side, "--allow", localhost]) as host:
-        host.send("hello\n")
-        host.expect(host.out, "^hello$")
-        host.stdin.close()
-        host.expect_status(0)
+    knows_names = "names: localhost" not in run([*far_side, "--version"])
+    hosts = f"{server.folder}/hosts"
+    with open(hosts, "w", encoding="ascii") as file:
+        file.write("127.0.0.1 box.example\n")
+    there = ["unshare", "--mount", "sh", "-c", f'mount --bind "{hosts}" /etc/hosts && exec "$@"', "sh", *far_side]
+    ways = {"localhost": far_side, "box.example": there} if knows_names and os.geteuid() == 0 else {"localhost": far_side}
+    for name, way in ways.items():
+        named = target.address.replace("127.0.0.1", name)
+        with Child([tools.gx_ssh, "-W", "--target", named, "--", *way, "--allow", named, "--allow", target.address]) as host:
+            host.send("hello\n")
+            host.expect(host.out, "^hello$")
+            host.stdin.close()
+            host.expect_status(0)
     target.closing = True
-    if "names: localhost" in run([*far_side, "--version"]):
+    if not knows_names:
         with Child([tools.gx_ssh, "-W", "--target", "box:9", "--", *far_side, "--allow", "box:9"]) as host:
             host.expect_status(1)
             expect("built to ask no name servers" in host.err.text(), f"it said {host.err.text()}")
 
 
-def goes_to_the_wrong_machine(tools, server, peers, machine, architecture):
+def goes_to_the_wrong_machine(tools, server, machine, architecture):
     """One that calls itself `machine` gets the peer for it, and is not."""
     folder = f"{server.folder}/{machine}"
     os.mkdir(folder)
     write_script(f"{folder}/uname", f"echo Linux {machine}")
     sentence = f"gx-ssh-peer for {architecture} does not run there: it is for another kind of processor ("
     target = Target()
-    FarSide(tools, folder, ("/bin/sh", f"{folder}:/usr/bin:/bin")).refuse(target, sentence, "--peer-dir", peers)
+    FarSide(tools, folder, ("/bin/sh", f"{folder}:/usr/bin:/bin")).refuse(target, sentence, "--peer-dir", PEERS)
     target.closing = True
 
 
 SCENARIOS = {each.__name__: each for each in (into_a_chroot, into_a_virtual_machine, over_a_serial_line, over_ssh,
-                                              as_another_user, foreign_peers)}
+                                              as_another_user, through_sudo, foreign_peers)}
+SCENARIOS.update({f"foreign_{name}": functools.partial(foreign_peer, architecture=name) for name in FOREIGN})

@@ -159,6 +159,9 @@ def parse_arguments():
 
 def main():
     arguments = parse_arguments()
+    if why_not := carriers.why_not(arguments.scenario):
+        say(why_not)
+        return
     try:
         with bounded(arguments.limit_s):
             for _ in range(arguments.rounds):
