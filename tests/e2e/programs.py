@@ -393,21 +393,25 @@ def hears_of_its_life(watched):
 def listens(watched):
     """At the sockets of a service manager: early callers are served, and the sockets stay when it has ended."""
     path = watched.path("socket")
-    with socket.socket(socket.AF_UNIX) as local, socket.create_server(("127.0.0.1", 0)) as port:
+    with socket.socket(socket.AF_UNIX) as local, socket.create_server(("127.0.0.1", 0)) as port, \
+            socket.create_server(("0.0.0.0", 0)) as everywhere:
         local.bind(path)
         local.listen()
         address = "127.0.0.1:%d" % port.getsockname()[1]
-        passed = [fcntl.fcntl(each, fcntl.F_DUPFD, 100) for each in (local, port)]
+        passed = [fcntl.fcntl(each, fcntl.F_DUPFD, 100) for each in (local, port, everywhere)]
         way = {"pass_fds": passed, "carrier": 'test -z "$LISTEN_FDS" && ' + watched.carrier, "through": [
-            "bash", "-c", f'exec 3<&{passed[0]} 4<&{passed[1]}; LISTEN_PID=$$ LISTEN_FDS=2 exec "$@"', "bash"]}
+            "bash", "-c", f'exec 3<&{passed[0]} 4<&{passed[1]} 5<&{passed[2]}; LISTEN_PID=$$ LISTEN_FDS=3 exec "$@"', "bash"]}
         forward = f"{port.getsockname()[1]}:{watched.target.address}"
+        number = everywhere.getsockname()[1]
         with connect(f"unix:{path}") as early:
-            with watched.start("--listen", f"unix:{path}", "-L", forward, **way) as host:
+            with watched.start("--listen", f"unix:{path}", "-L", forward,
+                               "-L", f"*:{number}:{watched.target.address}", **way) as host:
                 expect_echo(early, "who has called before")
                 host.expect(host.out, f"^unix:{path}$")
                 host.expect(host.out, f"^{address}$")
-                with connect(address) as client:
-                    expect_echo(client, "the socket of the port")
+                for each in (address, f"127.0.0.1:{number}"):
+                    with connect(each) as client:
+                        expect_echo(client, "the socket of the port")
                 stop(host)
         connect(f"unix:{path}").close()
         with watched.start("--listen", f"unix:{path}", **way) as forgetful:

@@ -9,6 +9,7 @@
 #include <cstring>
 #include <string>
 #include <utility>
+#include <vector>
 #ifdef GX_SYSTEMD
 #include <systemd/sd-daemon.h>
 #endif
@@ -34,13 +35,12 @@ int CountOfSockets() { return 0; }
 bool TakesConnections(int) { return false; }
 #endif
 
-// Normalises an address to the form that a bound socket reports: canonical numeric addresses, and "::" for all
-// addresses.
-ListenAddress Normal(ListenAddress at) {
-  if (at.unix_path.empty()) {
-    at.address = at.address == kAnyAddress ? "::" : asio::ip::make_address(at.address).to_string();
-  }
-  return at;
+// The addresses that a bound socket for `at` may report, the best one first: canonical numeric addresses. A
+// computer without IPv6 listens at 0.0.0.0 for all addresses.
+std::vector<ListenAddress> BoundAs(const ListenAddress& at) {
+  if (!at.unix_path.empty()) return {at};
+  if (at.address == kAnyAddress) return {{{}, "::", at.port}, {{}, "0.0.0.0", at.port}};
+  return {{{}, asio::ip::make_address(at.address).to_string(), at.port}};
 }
 
 }  // namespace
@@ -71,13 +71,15 @@ PassedSockets::PassedSockets() {
 }
 
 Descriptor PassedSockets::Take(const ListenAddress& at) {
-  const ListenAddress wanted = Normal(at);
-  const auto found = std::find_if(sockets_.begin(), sockets_.end(),
-                                  [&wanted](const Socket& socket) { return socket.at == wanted; });
-  if (found == sockets_.end()) return {};
-  Descriptor taken = std::move(found->descriptor);
-  sockets_.erase(found);
-  return taken;
+  for (const ListenAddress& wanted : BoundAs(at)) {
+    const auto found = std::find_if(sockets_.begin(), sockets_.end(),
+                                    [&wanted](const Socket& socket) { return socket.at == wanted; });
+    if (found == sockets_.end()) continue;
+    Descriptor taken = std::move(found->descriptor);
+    sockets_.erase(found);
+    return taken;
+  }
+  return {};
 }
 
 void PassedSockets::ExpectAllTaken() const {
