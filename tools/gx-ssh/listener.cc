@@ -152,10 +152,11 @@ void Listener::Serve(Descriptor client) {
   const std::string from = ClientText(client.get());
   try {
     Descriptor module = ConnectTo(module_address_, module_port_);
-    const auto relay = relays_.insert(relays_.end(), nullptr);
-    const auto ended = lifetime_.Guard([this, relay](const std::string&) { relays_.erase(relay); });
-    *relay = std::make_unique<Relay>(io_, std::move(client), Descriptor(), std::move(module),
-                                     entrance_->Expect({from, forward_.target}), Relay::Events{{}, {}, ended});
+    const std::uint64_t number = ++served_;
+    const auto ended = lifetime_.Guard([this, number](const std::string&) { relays_.erase(number); });
+    relays_.emplace(number, std::make_unique<Relay>(io_, std::move(client), Descriptor(), std::move(module),
+                                                    entrance_->Expect({from, forward_.target}),
+                                                    Relay::Events{{}, {}, ended}));
   } catch (const std::system_error& error) {
     spdlog::warn("cannot connect a client to the module: {}", error.code().message());
   }

@@ -7,10 +7,10 @@
 #include <asio/io_context.hpp>
 #include <asio/steady_timer.hpp>
 #include <cstdint>
-#include <list>
 #include <memory>
 #include <optional>
 #include <string>
+#include <unordered_map>
 
 #include "common/descriptor.h"
 #include "gx-ssh/forward.h"
@@ -44,7 +44,7 @@ class Listener {
  private:
   using Protocol = asio::generic::stream_protocol;
   using Acceptor = asio::basic_socket_acceptor<Protocol>;
-  using Relays = std::list<std::unique_ptr<Relay>>;
+  using Relays = std::unordered_map<std::uint64_t, std::unique_ptr<Relay>>;
 
   bool IsUnix() const { return !forward_.at.unix_path.empty(); }
   Protocol::endpoint Endpoint() const;
@@ -64,7 +64,8 @@ class Listener {
   std::string module_address_;
   std::uint16_t module_port_ = 0;
   std::shared_ptr<Entrance> entrance_;
-  Relays relays_;
+  std::uint64_t served_ = 0;  // number of the last client
+  Relays relays_;             // by the clients' numbers
   Lifetime lifetime_;
 };
 
