@@ -1,11 +1,9 @@
 // The life of a plugin in a host's hands: ends at bad moments, calls in any order.
 
-#include <array>
-#include <random>
-
 #include "module/ssh_client.h"
 #include "support/far_side.h"
 #include "support/forwarding.h"
+#include "support/host_objects.h"
 #include "support/scale.h"
 #include "support/test.h"
 
@@ -65,21 +63,6 @@ TEST_F(LifeCycle, ExitAtAnyMomentLeavesNothing) {
   }
 }
 
-// It may throw, as the orders below say.
-class ThrowingListener final : public IControlSshListener, private CReference {
- public:
-  GX_FORWARD_REFERENCE();
-  void OnLocalAddress(const char*, std::uint16_t port) override {
-    told_port = port;
-    if (throws) throw std::bad_alloc();
-  }
-  void OnExit() override {}
-  const char* GetRemoteAddress() override { return "h:1"; }
-
-  bool throws = false;
-  int told_port = 0;
-};
-
 // Letters: I InitInstance, N the same with null, T with a stream whose Close throws, R Run, F Run with a
 // listener that throws, E ExitInstance. The host ends the old stream before a second InitInstance.
 class CallOrders : public LeakGate {
@@ -101,11 +84,12 @@ class CallOrders : public LeakGate {
         return plugin_->ExitInstance();
     }
   }
+  bool Listens() const { return listener_->told_port != 0 && TcpClient(listener_->told_port).IsConnected(); }
 
   LogCapture log_;
   CRefObj<PluginStream> stream_;
-  const CRefObj<ThrowingListener> listener_{new ThrowingListener};
-  CRefObj<IControlSshPlugin> plugin_{new CSSHClientRaw};
+  CRefObj<PluginListener> listener_;
+  CRefObj<IControlSshPlugin> plugin_;
 };
 
 TEST_F(CallOrders, EveryOrderHasItsResults) {
@@ -130,17 +114,18 @@ TEST_F(CallOrders, EveryOrderHasItsResults) {
   for (const auto& order : orders) {
     SCOPED_TRACE(order.calls);
     plugin_ = new CSSHClientRaw;
+    listener_ = new PluginListener("h:1");
     plugin_->SetListener(listener_.get());
     std::vector<std::uint32_t> results;
     for (const char* call = order.calls; *call != '\0'; ++call) results.push_back(Call(*call));
     EXPECT_EQ(results, order.results);
-    EXPECT_EQ(listener_->told_port != 0 && TcpClient(listener_->told_port).IsConnected(), order.listens);
+    EXPECT_EQ(Listens(), order.listens);
     Call('E');
-    EXPECT_FALSE(listener_->told_port != 0 && TcpClient(listener_->told_port).IsConnected());
-    plugin_ = nullptr;
-    stream_ = nullptr;
-    listener_->told_port = 0;
+    EXPECT_FALSE(Listens());
   }
+  plugin_ = nullptr;
+  stream_ = nullptr;
+  listener_ = nullptr;
 }
 
 }  // namespace

@@ -12,7 +12,6 @@ class ReactorFaults : public ForwardingTest {};
 
 // A host with 1,100 open files: what select cannot watch is refused with a line, what it can is served.
 TEST_F(ReactorFaults, AHostOfManyFilesIsRefusedWithALine) {
-  const DescriptorLimit plenty(1'300);
   const FarSide far(stream_);
   TcpClient before(address_);
   ASSERT_TRUE(before.Echoes());

@@ -3,12 +3,10 @@
 
 #include "gxmod/control_ssh.h"
 #include "gxmod/module.h"
-#include "object/creference.h"
-#include "support/create_params.h"
 #include "support/far_side.h"
+#include "support/host_objects.h"
 #include "support/leak_gate.h"
 #include "support/log_capture.h"
-#include "support/plugin_stream.h"
 #include "support/scale.h"
 #include "support/tcp_client.h"
 #include "support/test.h"
@@ -17,26 +15,12 @@ namespace {
 
 using gxmod::ConnectionType;
 using gxtest::CreateParams;
+using gxtest::PluginListener;
 using gxtest::PluginStream;
 using gxtest::TcpClient;
 using testing::ElementsAre;
 using testing::HasSubstr;
 using testing::Pair;
-
-class AddressKeeper final : public IControlSshListener, private CReference {
- public:
-  explicit AddressKeeper(std::string target) : target_(std::move(target)) {}
-  GX_FORWARD_REFERENCE();
-  void OnLocalAddress(const char* address, std::uint16_t port) override {
-    calls_.push_back(std::string(address) + ":" + std::to_string(port));
-  }
-  void OnExit() override { calls_.push_back("exit"); }
-  const char* GetRemoteAddress() override { return target_.c_str(); }
-  std::vector<std::string> calls_;
-
- private:
-  const std::string target_;
-};
 
 // One built by another compiler can be put in the place of this build's.
 const char* ModulePath() {
@@ -136,7 +120,7 @@ TEST_F(ModuleTest, CreationChecksWhatIsAskedFor) {
 TEST_F(ModuleTest, PluginWalksItsRoad) {
   const CRefObj<IControlSshPlugin> plugin = Create();
   const CRefObj<PluginStream> stream(new PluginStream);
-  const CRefObj<AddressKeeper> listener(new AddressKeeper("10.0.0.5:2222"));
+  const CRefObj<PluginListener> listener(new PluginListener("10.0.0.5:2222"));
   void* same = nullptr;
   EXPECT_FALSE(plugin->GetInterface("IOther", &same));
   EXPECT_FALSE(plugin->GetInterface(kControlSshInterfaceName, nullptr));
@@ -149,7 +133,7 @@ TEST_F(ModuleTest, PluginWalksItsRoad) {
   EXPECT_EQ(plugin->InitInstance(stream.get()), kGXModOk);
   EXPECT_EQ(plugin->GetPluginStream().get(), stream.get());
   EXPECT_EQ(plugin->Run(), kGXModOk);
-  EXPECT_THAT(listener->calls_, ElementsAre("127.0.0.1:" + std::to_string(plugin->GetLocalPort())));
+  EXPECT_THAT(listener->calls, ElementsAre("127.0.0.1:" + std::to_string(plugin->GetLocalPort())));
 
   const auto list = stream->Receive();
   ASSERT_TRUE(list);
@@ -165,14 +149,14 @@ TEST_F(ModuleTest, PluginWalksItsRoad) {
   EXPECT_TRUE(stream->IsClosed());
   EXPECT_TRUE(local.WaitForEnd());
   EXPECT_FALSE(TcpClient(plugin->GetLocalPort()).IsConnected());
-  EXPECT_EQ(listener->calls_.back(), "exit");
+  EXPECT_EQ(listener->calls.back(), "exit");
   EXPECT_EQ(plugin->Run(), kGXModFail) << "stopped until the next InitInstance";
   const auto called = [](const char* name) { return Pair(1, std::string("[SSH] call ") + name + " "); };
   EXPECT_THAT(Lines(), testing::IsSupersetOf({called("InitInstance"), called("Run"), called("ExitInstance")}));
 }
 
 TEST_F(ModuleTest, WithoutATextFromTheListenerTheTargetIsTheDefault) {
-  for (const auto& listener : {CRefObj<AddressKeeper>(), CRefObj<AddressKeeper>(new AddressKeeper(""))}) {
+  for (const auto& listener : {CRefObj<PluginListener>(), CRefObj<PluginListener>(new PluginListener(""))}) {
     const CRefObj<IControlSshPlugin> plugin = Create();
     const CRefObj<PluginStream> stream(new PluginStream);
     plugin->SetListener(listener.get());

@@ -3,38 +3,34 @@
 #define GX_TESTS_REACTOR_REACTOR_SUPPORT_H
 
 #include <fcntl.h>
-#include <gtest/gtest.h>
 #include <sys/socket.h>
 #include <unistd.h>
-
-#include <array>
-#include <atomic>
-#include <chrono>
-#include <condition_variable>
-#include <functional>
-#include <mutex>
-#include <utility>
 
 #include "object/creference.h"
 #include "reactor/tcp_task.h"
 #include "reactor/timer.h"
+#include "support/test.h"
+#include "support/wait.h"
 
-// Counts events on any thread and waits for them, not for ever.
+using Action = std::function<void()>;
+const Action kNothing = [] {};
+
+// Counts events on any thread and waits for them.
 class Counter {
  public:
   void Add() {
-    const std::lock_guard<std::mutex> lock(mutex_);
+    const std::lock_guard lock(mutex_);
     ++count_;
     changed_.notify_all();
   }
-  int Get() {
-    const std::lock_guard<std::mutex> lock(mutex_);
-    return count_;
-  }
-  // False: fewer than `count` after a generous time.
+  // False: fewer than `count` in time.
   bool WaitFor(int count) {
-    std::unique_lock<std::mutex> lock(mutex_);
-    return changed_.wait_for(lock, std::chrono::seconds(20), [&] { return count_ >= count; });
+    std::unique_lock lock(mutex_);
+    return changed_.wait_for(lock, gxtest::kPatience, [&] { return count_ >= count; });
+  }
+  int Get() {
+    const std::lock_guard lock(mutex_);
+    return count_;
   }
 
  private:
@@ -43,68 +39,82 @@ class Counter {
   int count_ = 0;
 };
 
-using Action = std::function<void()>;
-
 class FakeTask final : public ITCPTask {
  public:
-  FakeTask(int descriptor, SelectOp op, Action done = {}, Action gone = {})
+  FakeTask(int descriptor, SelectOp op, Action done = kNothing, Action gone = kNothing)
       : ITCPTask(descriptor, op), done_(std::move(done)), gone_(std::move(gone)) {}
+  ~FakeTask() override { gone_(); }
 
   bool Done() override {
-    if (done_) done_();
+    done_();
     return true;
   }
-  bool timeout() override { return timed_out; }
+  bool timeout() override {
+    asked();
+    return timed_out;
+  }
   unsigned long timeleft() override { return left_ms; }
 
+  Action asked = kNothing;  // for its time limit
   std::atomic<bool> timed_out{false};
   std::atomic<unsigned long> left_ms{~0UL};
 
  private:
-  ~FakeTask() override {
-    if (gone_) gone_();
-  }
-
   const Action done_;
   const Action gone_;
 };
 
 class FakeTimer final : public ITask, private CReference {
  public:
-  explicit FakeTimer(Action done = {}, Action gone = {}) : done_(std::move(done)), gone_(std::move(gone)) {}
-
+  explicit FakeTimer(Action done = kNothing, Action gone = kNothing)
+      : done_(std::move(done)), gone_(std::move(gone)) {}
+  ~FakeTimer() override { gone_(); }
   GX_FORWARD_REFERENCE();
   void MarkedForDeletion() override {}
-  void Done() override {
-    if (done_) done_();
-  }
+  void Done() override { done_(); }
 
  private:
-  ~FakeTimer() override {
-    if (gone_) gone_();
-  }
-
   const Action done_;
   const Action gone_;
 };
 
-// Two connected sockets.
+// Two connected sockets; the test chooses what the first one is ready for, and has another number for it.
 class SocketPair {
  public:
-  SocketPair() { socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, ends_.data()); }
+  SocketPair() {
+    EXPECT_EQ(socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0, ends_.data()), 0);
+    copy_ = fcntl(ends_[0], F_DUPFD_CLOEXEC, 700);  // a number that nobody reuses
+  }
   SocketPair(const SocketPair&) = delete;
   SocketPair& operator=(const SocketPair&) = delete;
   ~SocketPair() {
-    close(ends_[0]);
-    close(ends_[1]);
+    CloseCopy();
+    for (const int end : ends_) close(end);
   }
 
   int descriptor() const { return ends_[0]; }
-  // descriptor() becomes readable.
+  int copy() const { return copy_; }
+  void CloseCopy() {
+    if (copy_ != -1) close(std::exchange(copy_, -1));
+  }
   void Send() const { EXPECT_EQ(send(ends_[1], "x", 1, 0), 1); }
+  void MakeReadable(bool yes) const { yes ? Fill(ends_[1]) : Empty(ends_[0]); }
+  void MakeWritable(bool yes) const { yes ? Empty(ends_[1]) : Fill(ends_[0]); }
 
  private:
+  static void Fill(int end) {
+    std::array<char, 65536> block{};
+    while (send(end, block.data(), block.size(), 0) > 0) {
+    }
+  }
+  static void Empty(int end) {
+    std::array<char, 65536> block;
+    while (recv(end, block.data(), block.size(), 0) > 0) {
+    }
+  }
+
   std::array<int, 2> ends_{-1, -1};
+  int copy_ = -1;
 };
 
 #endif  // GX_TESTS_REACTOR_REACTOR_SUPPORT_H

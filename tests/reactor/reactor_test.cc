@@ -1,17 +1,9 @@
 #include "reactor/reactor.h"
 
-#include <gmock/gmock.h>
-#include <gtest/gtest.h>
-#include <unistd.h>
-
-#include <optional>
-#include <stdexcept>
-
 #include "reactor_support.h"
 #include "support/descriptor_limit.h"
 #include "support/leak_gate.h"
 #include "support/log_capture.h"
-#include "support/wait.h"
 
 namespace {
 
@@ -55,8 +47,9 @@ TEST_F(ReactorTest, RunsStopsAndRunsAgainWithoutLeavingAnything) {
     EXPECT_TRUE(Eventually([&] { return Threads() == threads + 1; }));
     EXPECT_TRUE(CompletesTimer());
     EXPECT_TRUE(CompletesTask());
-    reactor_->AddTask(CTCPTask(new FakeTask(quiet.descriptor(), kSelectReadable, {}, [&] { gone.Add(); })));
-    reactor_->SetTimer(new FakeTimer({}, [&] { gone.Add(); }), 3'600'000, true);
+    reactor_->AddTask(
+        CTCPTask(new FakeTask(quiet.descriptor(), kSelectReadable, kNothing, [&] { gone.Add(); })));
+    reactor_->SetTimer(new FakeTimer(kNothing, [&] { gone.Add(); }), 3'600'000, true);
     EXPECT_TRUE(reactor_->Stop());
     EXPECT_FALSE(reactor_->IsRunning());
     EXPECT_TRUE(Eventually([&] { return Threads() == threads; }));
@@ -121,7 +114,6 @@ TEST_F(ReactorTest, AChangeOfUserIdsEndsNothing) {
 // be served on.
 TEST_F(ReactorTest, WithoutADescriptorForItsSocketItGoesOn) {
   const SocketPair quiet, writable;
-  const gxtest::DescriptorLimit plenty(FD_SETSIZE + 100);
   {
     const gxtest::TakenDescriptors taken(FD_SETSIZE);
     ASSERT_TRUE(reactor_->Run(1));

@@ -2,15 +2,8 @@
 #ifndef GX_TESTS_SUPPORT_FAR_LISTENER_H
 #define GX_TESTS_SUPPORT_FAR_LISTENER_H
 
-#include <condition_variable>
-#include <mutex>
-#include <string>
-#include <utility>
-#include <vector>
-
 #include "portfwd/port_forward_client.h"
 #include "support/plugin_stream.h"
-#include "support/wait.h"
 
 namespace gxtest {
 

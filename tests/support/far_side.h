@@ -2,8 +2,6 @@
 #ifndef GX_TESTS_SUPPORT_FAR_SIDE_H
 #define GX_TESTS_SUPPORT_FAR_SIDE_H
 
-#include <map>
-
 #include "support/pattern.h"
 #include "support/plugin_stream.h"
 #include "support/test.h"

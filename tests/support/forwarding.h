@@ -2,8 +2,6 @@
 #ifndef GX_TESTS_SUPPORT_FORWARDING_H
 #define GX_TESTS_SUPPORT_FORWARDING_H
 
-#include <string>
-
 #include "portfwd/port_forward_client.h"
 #include "support/leak_gate.h"
 #include "support/log_capture.h"

@@ -6,12 +6,6 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
-#include <algorithm>
-#include <cerrno>
-#include <optional>
-#include <string>
-#include <string_view>
-
 #include "support/wait.h"
 
 namespace gxtest {
@@ -20,10 +14,7 @@ inline constexpr int kBoundMs = std::chrono::milliseconds(kPatience).count();  /
 
 inline bool WaitFor(int fd, short events, int bound_ms = kBoundMs) {
   pollfd entry{fd, events, 0};
-  int ready;
-  do ready = poll(&entry, 1, bound_ms);
-  while (ready < 0 && errno == EINTR);
-  return ready == 1;
+  return TEMP_FAILURE_RETRY(poll(&entry, 1, bound_ms)) == 1;
 }
 
 // Empty: the end. Nothing: an error, such as a reset, or nothing came in time.

@@ -2,13 +2,9 @@
 #ifndef GX_TESTS_SUPPORT_LOG_CAPTURE_H
 #define GX_TESTS_SUPPORT_LOG_CAPTURE_H
 
-#include <mutex>
-#include <string>
-#include <utility>
-#include <vector>
-
 #include "base/singleton.h"
 #include "runtime/gxmod_runtime.h"
+#include "support/standard.h"
 
 // Keeps what it is given. Threads: any.
 class LogKeeper : public IGXModRuntime {
@@ -17,12 +13,12 @@ class LogKeeper : public IGXModRuntime {
 
   // The lines since the last call, oldest first.
   std::vector<Line> Lines() {
-    const std::lock_guard<std::mutex> lock(mutex_);
+    const std::lock_guard lock(mutex_);
     return std::exchange(lines_, {});
   }
 
   void Log(int level, const char* text) override {
-    const std::lock_guard<std::mutex> lock(mutex_);
+    const std::lock_guard lock(mutex_);
     lines_.emplace_back(level, text);
   }
   int GetConfig(bool, const char*, const char*, IGXModData**, const char*) override { return 0; }

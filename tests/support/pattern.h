@@ -2,9 +2,7 @@
 #ifndef GX_TESTS_SUPPORT_PATTERN_H
 #define GX_TESTS_SUPPORT_PATTERN_H
 
-#include <cstdint>
-#include <cstring>
-#include <string>
+#include "support/standard.h"
 
 namespace gxtest {
 

@@ -2,17 +2,6 @@
 #ifndef GX_TESTS_SUPPORT_PLUGIN_STREAM_H
 #define GX_TESTS_SUPPORT_PLUGIN_STREAM_H
 
-#include <algorithm>
-#include <condition_variable>
-#include <cstring>
-#include <initializer_list>
-#include <limits>
-#include <mutex>
-#include <new>
-#include <optional>
-#include <random>
-#include <string>
-
 #include "gxmod/control_ssh.h"
 #include "gxmod/frames.h"
 #include "object/creference.h"

@@ -2,16 +2,14 @@
 #ifndef GX_TESTS_SUPPORT_SCALE_H
 #define GX_TESTS_SUPPORT_SCALE_H
 
-#include <cstdlib>
+#include "support/standard.h"
 
 namespace gxtest {
 
 // scripts/long-tests asks for the full figures.
-inline bool IsLong() { return std::getenv("GX_LONG") != nullptr; }
-
 template <class Figure>
 Figure Scale(Figure brief, Figure full) {
-  return IsLong() ? full : brief;
+  return std::getenv("GX_LONG") != nullptr ? full : brief;
 }
 
 // The same for a number of rounds, which the caller of scripts/long-tests may set.

@@ -7,14 +7,6 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
-#include <atomic>
-#include <cerrno>
-#include <cstring>
-#include <optional>
-#include <string>
-#include <thread>
-#include <utility>
-
 #include "support/io.h"
 #include "support/pattern.h"
 
@@ -24,14 +16,13 @@ class TcpClient {
  public:
   // Connects to a port of 127.0.0.1.
   explicit TcpClient(int port) : socket_(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0)) {
-    sockaddr_in address;
-    std::memset(&address, 0, sizeof address);
+    sockaddr_in address{};
     address.sin_family = AF_INET;
     address.sin_port = htons(static_cast<std::uint16_t>(port));
     address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    if (connect(socket_, reinterpret_cast<const sockaddr*>(&address), sizeof address) == 0) return;
-    // A signal, such as a fuzzer's alarm, ends the call but not the attempt.
-    if (errno != EINTR || !WaitFor(socket_, POLLOUT) || PendingError() != 0) Close();
+    // A signal, such as a fuzzer's alarm, ends the call but not the attempt: the next call goes on with it.
+    const auto* generic = reinterpret_cast<const sockaddr*>(&address);
+    if (TEMP_FAILURE_RETRY(connect(socket_, generic, sizeof address)) != 0) Close();
   }
   // "127.0.0.1:port"
   explicit TcpClient(const std::string& address)
@@ -89,12 +80,6 @@ class TcpClient {
   }
 
  private:
-  int PendingError() const {
-    int error = 0;
-    socklen_t length = sizeof error;
-    return getsockopt(socket_, SOL_SOCKET, SO_ERROR, &error, &length) == 0 ? error : errno;
-  }
-
   inline static std::atomic<std::uint32_t> seeds_{0};
 
   int socket_ = -1;

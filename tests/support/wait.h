@@ -2,8 +2,7 @@
 #ifndef GX_TESTS_SUPPORT_WAIT_H
 #define GX_TESTS_SUPPORT_WAIT_H
 
-#include <chrono>
-#include <thread>
+#include "support/standard.h"
 
 namespace gxtest {
 

@@ -1,6 +1,6 @@
-// What a host asks `create` for.
-#ifndef GX_TESTS_SUPPORT_CREATE_PARAMS_H
-#define GX_TESTS_SUPPORT_CREATE_PARAMS_H
+// What a host gives to the module.
+#ifndef GX_TESTS_SUPPORT_HOST_OBJECTS_H
+#define GX_TESTS_SUPPORT_HOST_OBJECTS_H
 
 #include "gxmod/control_ssh.h"
 #include "object/creference.h"
@@ -8,7 +8,7 @@
 
 namespace gxtest {
 
-// The parameters and both properties in one object; what it says as a property is the one asked for last.
+// The parameters of `create` and both their properties in one object: it is the property asked for last.
 class CreateParams final : public IGXModCreateParams, public IGXModData, private CReference {
  public:
   // With an empty name there is no such property; without a version, the version property is a text.
@@ -30,6 +30,27 @@ class CreateParams final : public IGXModCreateParams, public IGXModData, private
   bool is_version_ = false;
 };
 
+// Keeps what a plugin tells its host.
+class PluginListener final : public IControlSshListener, private CReference {
+ public:
+  explicit PluginListener(std::string target) : target_(std::move(target)) {}
+  GX_FORWARD_REFERENCE();
+  void OnLocalAddress(const char* address, std::uint16_t port) override {
+    told_port = port;
+    calls.push_back(std::string(address) + ":" + std::to_string(port));
+    if (throws) throw std::bad_alloc();
+  }
+  void OnExit() override { calls.push_back("exit"); }
+  const char* GetRemoteAddress() override { return target_.c_str(); }
+
+  std::vector<std::string> calls;
+  int told_port = 0;
+  bool throws = false;  // out of OnLocalAddress
+
+ private:
+  const std::string target_;
+};
+
 }  // namespace gxtest
 
-#endif  // GX_TESTS_SUPPORT_CREATE_PARAMS_H
+#endif  // GX_TESTS_SUPPORT_HOST_OBJECTS_H

@@ -1,12 +1,29 @@
+#include "reactor/sem_queue.h"
 #include "reactor/task_timed_queue.h"
-
-#include <gtest/gtest.h>
-
-#include <string>
-
 #include "reactor_support.h"
 
 namespace {
+
+// A task's destructor that calls back waits for itself when the queue lets go of the task under its lock.
+TEST(SemQueueTest, DropsTasksOutsideTheLock) {
+  sem_queue<CTCPTask> queue;
+  int dropped = 0;
+  const auto task = [&] {
+    return CTCPTask(new FakeTask(1, kSelectReadable, kNothing, [&] { dropped += queue.open(0) ? 100 : 1; }));
+  };
+  EXPECT_FALSE(queue.push(CTCPTask(), true));
+  EXPECT_TRUE(queue.open(0));
+  EXPECT_TRUE(queue.push(task(), true));
+  EXPECT_FALSE(queue.open(0)) << "an open queue keeps what it holds";
+  CTCPTask out;
+  EXPECT_TRUE(queue.peek(out));
+  EXPECT_TRUE(queue.push(task(), true));
+  EXPECT_TRUE(queue.peek(out));
+  EXPECT_EQ(dropped, 1);
+  EXPECT_TRUE(queue.push(task(), true));
+  EXPECT_TRUE(queue.close());
+  EXPECT_EQ(dropped, 101) << "closed before its tasks go";
+}
 
 std::uint64_t g_now_ms;
 
@@ -83,7 +100,7 @@ TEST_F(TaskTimedQueueTest, AFarTimerDoesNotLookLikeNone) {
 // A task that arms a timer in its destructor waits for itself when the queue lets go of it under the lock.
 TEST_F(TaskTimedQueueTest, DropsTasksOutsideTheLock) {
   const auto arm_clingy = [this](unsigned long long interval) {
-    queue_.push(new FakeTimer({}, [this] { queue_.push(Named('n'), 0, true); }), interval, true);
+    queue_.push(new FakeTimer(kNothing, [this] { queue_.push(Named('n'), 0, true); }), interval, true);
   };
   arm_clingy(50);
   queue_.clean();
