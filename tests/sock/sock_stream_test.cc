@@ -10,7 +10,6 @@
 #include "support/log_capture.h"
 #include "support/pattern.h"
 #include "support/test.h"
-#include "support/wait.h"
 
 namespace {
 
@@ -64,9 +63,9 @@ class Download final : public IBaseStream::IBaseHandler {
     if (type == IBaseStream::kWriteDone && goes_on_()) stream->Write(buffer, buffer->GetSize(), kNoTimeout);
     return true;
   }
-  void Start(IBaseStream& stream) {
+  void Start(IBaseStream& stream, std::size_t block = 64 * 1024) {
     stream.Handler(this);
-    const std::string bytes = gxtest::Pattern(64 * 1024);
+    const std::string bytes = gxtest::Pattern(block);
     stream.Write(cpy2buf(bytes.data(), bytes.size()).get(), bytes.size(), kNoTimeout);
   }
   void Take() {
@@ -126,9 +125,9 @@ TEST_F(SockStreamTest, TaskTimeOutDisconnects) {
     const CRefObj<CSockStream> stream = MakeStream(&reactor);
     stream->Handler(&recorder);
     const auto before = std::chrono::steady_clock::now();
-    stream->Read(nullptr, 10, 200);
+    stream->Read(nullptr, 10, 20);
     ASSERT_TRUE(Eventually([&] { return !recorder.Reasons().empty(); })) << "nothing else ends the wait";
-    EXPECT_GE(std::chrono::steady_clock::now() - before, std::chrono::milliseconds(199));
+    EXPECT_GE(std::chrono::steady_clock::now() - before, std::chrono::milliseconds(19));
     EXPECT_THAT(recorder.Reasons(), testing::ElementsAre(kStreamTimeout));
     EXPECT_THAT(log.Lines(), Contains(Pair(kGXModLogError, "[CTCPStreamTask::timeout] read/write timeout")));
   }
@@ -196,13 +195,11 @@ TEST_F(SockStreamTest, NoCallSendsMoreThanATurn) {
   KeepingTracker tracker;
   const CRefObj<CSockStream> stream = MakeStream(&tracker);
   Download download(far_, [] { return false; });
-  stream->Handler(&download);
-  const std::string bytes = gxtest::Pattern(3 * kTurn);
-  stream->Write(cpy2buf(bytes.data(), bytes.size()).get(), bytes.size(), kNoTimeout);
+  download.Start(*stream, 3 * kTurn);
   EXPECT_EQ(download.Moved(), kTurn);
   ASSERT_EQ(tracker.tasks.size(), 1U);
   while (!tracker.tasks.empty()) tracker.RunLast();
-  EXPECT_EQ(download.Moved(), bytes.size());
+  EXPECT_EQ(download.Moved(), 3 * kTurn);
   stream->Disconnect(0);
 }
 
