@@ -19,31 +19,22 @@ namespace {
 using gxbase::SharedFile;
 
 // A process that does one thing and ends.
-class Process {
- public:
-  explicit Process(const std::function<void()>& work) : id_(fork()) {
-    if (id_ != 0) return;
-    work();
-    _exit(0);
-  }
-  // How it ended, as waitpid tells it.
-  int Wait() const {
-    int status = -1;
-    waitpid(id_, &status, 0);
-    return status;
-  }
+pid_t Start(const std::function<void()>& work) {
+  const pid_t id = fork();
+  if (id != 0) return id;
+  work();
+  _exit(0);
+}
 
- private:
-  const pid_t id_;
-};
+// How it ended, as waitpid tells it.
+int Wait(pid_t id) {
+  int status = -1;
+  waitpid(id, &status, 0);
+  return status;
+}
 
 class SharedFileTest : public gxtest::LeakGate {
  protected:
-  std::string Text(const std::string& path) const {
-    std::ifstream file(path, std::ios::binary);
-    return {std::istreambuf_iterator<char>(file), {}};
-  }
-
   const TempDir dir_;
   const std::string path_ = dir_.path() + "/file";
 };
@@ -53,9 +44,9 @@ class SharedFileTest : public gxtest::LeakGate {
 TEST_F(SharedFileTest, ProgramsThatSaveAtOnceLoseNothing) {
   constexpr int kPrograms = 4;
   constexpr int kNames = 25;
-  std::vector<Process> programs;
+  std::vector<pid_t> programs;
   for (int program = 0; program < kPrograms; ++program) {
-    programs.emplace_back([&] {
+    programs.push_back(Start([&] {
       sockaddr_in address{};
       address.sin_family = AF_INET;
       addrinfo answer{};
@@ -69,10 +60,10 @@ TEST_F(SharedFileTest, ProgramsThatSaveAtOnceLoseNothing) {
         const std::string name = std::to_string(program) + "-" + std::to_string(i);
         cache.getaddrinfo_local(name.c_str(), nullptr, nullptr, &list, 0);
       }
-    });
+    }));
   }
-  for (const Process& program : programs) EXPECT_EQ(program.Wait(), 0);
-  EXPECT_EQ(ParseDnsRecords(Text(path_)).size(), static_cast<std::size_t>(kPrograms * kNames));
+  for (const pid_t program : programs) EXPECT_EQ(Wait(program), 0);
+  EXPECT_EQ(ParseDnsRecords(FileText(path_)).size(), static_cast<std::size_t>(kPrograms * kNames));
 }
 
 // A file-size limit ends the process in the middle of its save, or lets the write fail as a full disk does.
@@ -81,19 +72,19 @@ TEST_F(SharedFileTest, ASaveThatDiesOrFailsCostsNothing) {
   ASSERT_EQ(chmod(path_.c_str(), 0600), 0);
   for (const std::size_t size : {2'000u, 1'000'000u}) {  // a short text is written when the file is closed
     for (const bool dies : {true, false}) {
-      const Process save([&] {
+      const pid_t save = Start([&] {
         const rlimit half{size / 2, size / 2};
         setrlimit(RLIMIT_FSIZE, &half);
         signal(SIGXFSZ, dies ? SIG_DFL : SIG_IGN);
         _exit(SharedFile(path_).Write(std::string(size, 'x')) ? 1 : 0);
       });
-      const int status = save.Wait();
+      const int status = Wait(save);
       EXPECT_EQ(dies ? WTERMSIG(status) : status, dies ? SIGXFSZ : 0);
-      EXPECT_EQ(Text(path_), "old");
+      EXPECT_EQ(FileText(path_), "old");
     }
   }
   EXPECT_TRUE(SharedFile(path_).Write("new")) << "what the dead one left is in nobody's way";
-  EXPECT_EQ(Text(path_), "new");
+  EXPECT_EQ(FileText(path_), "new");
   struct stat status;
   ASSERT_EQ(stat(path_.c_str(), &status), 0);
   EXPECT_EQ(status.st_mode & 07777U, 0600U);
@@ -102,14 +93,14 @@ TEST_F(SharedFileTest, ASaveThatDiesOrFailsCostsNothing) {
 // On a file system with room for a folder, the file and its lock; nobody else sees it.
 TEST_F(SharedFileTest, ADiskWithoutRoomForANewFileKeepsTheOldText) {
   constexpr int kCannotMount = 2;
-  const Process save([&] {
+  const pid_t save = Start([&] {
     if (unshare(CLONE_NEWNS) != 0 || mount("none", "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0 ||
         mount("none", dir_.path().c_str(), "tmpfs", 0, "nr_inodes=3") != 0)
       _exit(kCannotMount);
     std::ofstream(path_) << "old";
-    _exit(!SharedFile(path_).Write("new") && Text(path_) == "old" ? 0 : 1);
+    _exit(!SharedFile(path_).Write("new") && FileText(path_) == "old" ? 0 : 1);
   });
-  const int status = WEXITSTATUS(save.Wait());
+  const int status = WEXITSTATUS(Wait(save));
   if (status == kCannotMount) GTEST_SKIP() << "cannot mount";
   EXPECT_EQ(status, 0);
 }
@@ -121,7 +112,7 @@ TEST_F(SharedFileTest, WhereTheFolderCannotBeWrittenTheFileIsWrittenInPlace) {
   const std::string in_place = "/proc/self/fd/" + std::to_string(file);
   EXPECT_TRUE(SharedFile(in_place).Write("a longer text"));
   EXPECT_TRUE(SharedFile(in_place).Write("text"));
-  EXPECT_EQ(Text(path_), "text");
+  EXPECT_EQ(FileText(path_), "text");
   close(file);
   EXPECT_FALSE(SharedFile(dir_.path() + "/no/such/folder").Write("text"));
 }
@@ -130,10 +121,10 @@ TEST_F(SharedFileTest, ATurnThatDoesNotComeChangesNothing) {
   std::optional<SharedFile> other(path_);
   EXPECT_TRUE(other->Write("theirs"));
   EXPECT_FALSE(SharedFile(path_, 20).Write("ours"));
-  EXPECT_EQ(Text(path_), "theirs");
+  EXPECT_EQ(FileText(path_), "theirs");
   other.reset();
   EXPECT_TRUE(SharedFile(path_).Write("ours"));
-  EXPECT_EQ(Text(path_), "ours");
+  EXPECT_EQ(FileText(path_), "ours");
 }
 
 }  // namespace

@@ -9,6 +9,7 @@
 #include "support/log_capture.h"
 #include "support/scale.h"
 #include "support/tcp_client.h"
+#include "support/temp_dir.h"
 #include "support/test.h"
 
 namespace {
@@ -28,11 +29,7 @@ const char* ModulePath() {
   return path != nullptr ? path : GX_MODULE_PATH;
 }
 
-bool IsMapped() {
-  std::ifstream maps("/proc/self/maps");
-  const std::string all((std::istreambuf_iterator<char>(maps)), {});
-  return all.find("libgx-control-ssh.so") != std::string::npos;
-}
+bool IsMapped() { return FileText("/proc/self/maps").find("libgx-control-ssh.so") != std::string::npos; }
 
 class ModuleTest : public gxtest::LeakGate {
  protected:

@@ -1,10 +1,15 @@
-// A directory of a test's own, gone with everything in it at the end of the scope.
+// A directory of a test's own, gone with everything in it at the end of the scope, and the text of a file.
 #ifndef GX_TESTS_SUPPORT_TEMP_DIR_H
 #define GX_TESTS_SUPPORT_TEMP_DIR_H
 
 #include <filesystem>
 
 #include "support/test.h"
+
+inline std::string FileText(const std::string& path) {
+  std::ifstream file(path, std::ios::binary);
+  return {std::istreambuf_iterator<char>(file), {}};
+}
 
 class TempDir {
  public:
