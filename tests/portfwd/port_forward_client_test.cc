@@ -11,24 +11,6 @@ using testing::Pair;
 
 class PortForwardClientTest : public ForwardingTest {};
 
-// No data frame is larger than the first read, and all of them together are what was sent.
-TEST_F(PortForwardClientTest, CutsAnUploadIntoReads) {
-  Connection connection = Connect();
-  const std::string upload = Pattern(1'000'000);
-  std::thread sender([&] { connection.local.Send(upload); });
-  std::string received;
-  std::size_t largest = 0;
-  while (received.size() < upload.size()) {
-    const auto frame = stream_->Receive();
-    if (!frame) break;
-    received += frame->payload;
-    largest = std::max(largest, frame->payload.size());
-  }
-  sender.join();
-  EXPECT_TRUE(received == upload);
-  EXPECT_EQ(largest, 4096U);
-}
-
 TEST_F(PortForwardClientTest, ChannelListFollowsEveryChange) {
   const std::string first = "name=ssh&pro=&addr=10%2E0%2E0%2E1%3A22;";
   const auto expect_list = [&](const std::string& list) {

@@ -5,7 +5,6 @@
 
 #include "support/far_listener.h"
 #include "support/forwarding.h"
-#include "support/heap.h"
 #include "support/test.h"
 
 namespace {

@@ -1,7 +1,6 @@
-// A local client that takes nothing while the far side goes on.
+// What the far side sends faster than a local client takes it, and what it promises.
 
 #include "support/forwarding.h"
-#include "support/heap.h"
 #include "support/scale.h"
 #include "support/test.h"
 
@@ -78,6 +77,28 @@ TEST_F(StalledReaderTest, IsBoundedAndCutInTheEnd) {
   other.local.Send("up");
   EXPECT_EQ(stream_->Receive(), (Frame{ConnectionType::Data, other.id, "up"})) << "one Close";
   EXPECT_EQ(WarningCount(), 2U);
+}
+
+std::size_t ResidentBytes() {
+  std::size_t total = 0;
+  std::size_t resident = 0;
+  std::ifstream("/proc/self/statm") >> total >> resident;
+  return resident * static_cast<std::size_t>(sysconf(_SC_PAGESIZE));
+}
+
+// The header of a frame says 4 GiB: memory is taken for the bytes that have come, not for those announced.
+TEST_F(ForwardingTest, PromiseOfFourGigabytesCostsWhatComes) {
+  if (HeapBytes() == 0) GTEST_SKIP() << "the shadow of 4 GiB costs as well";
+  constexpr std::size_t kComes = 1024 * 1024;
+  Connection connection = Connect();
+  std::string header = Encode({ConnectionType::Data, connection.id, ""});
+  std::memset(&header[4], 0xFF, 4);
+  const std::size_t before = ResidentBytes();
+  stream_->Send(header + std::string(kComes, 'x'));
+  ASSERT_TRUE(stream_->WaitUntilRead());
+  connection.local.Send("works");
+  EXPECT_EQ(ReceiveData(connection.id, 5), "works");
+  EXPECT_LE(ResidentBytes(), before + 6 * kComes) << "what has come is also in the hands of the test";
 }
 
 }  // namespace

@@ -2,6 +2,7 @@
 #ifndef GX_TESTS_SUPPORT_LEAK_GATE_H
 #define GX_TESTS_SUPPORT_LEAK_GATE_H
 
+#include <malloc.h>
 #include <sys/wait.h>
 
 #include <filesystem>
@@ -18,6 +19,12 @@ inline int CountEntries(const char* directory) {
 
 inline int OpenDescriptors() { return CountEntries("/proc/self/fd"); }  // one more: the directory
 inline int Threads() { return CountEntries("/proc/self/task"); }
+
+// Bytes of the heap that are in use; 0 where a sanitizer has a heap of its own.
+inline std::size_t HeapBytes() {
+  const struct mallinfo2 info = mallinfo2();
+  return info.uordblks + info.hblkhd;
+}
 
 inline std::int64_t LiveObjects() {
   std::int64_t alive = 0;

@@ -54,12 +54,9 @@ class PluginStream final : public IPluginStreamRaw, private CReference {
   struct Behaviour {
     std::size_t read_at_most = kNoLimit;   // bytes per Read; 0: Read stalls
     std::size_t write_at_most = kNoLimit;  // bytes per Write
-    std::size_t fail_read_at = kNoLimit;   // offset in the stream
-    std::size_t fail_write_at = kNoLimit;  // likewise
     std::size_t capacity = kNoLimit;       // bytes that wait for the far side; then Write blocks
     std::size_t send_capacity = kNoLimit;  // bytes that wait for the module; then Send blocks
-    unsigned cut_seed = 0;                 // not 0: Read and Write take a random part of what they could
-    unsigned zero_every = 0;  // not 0: so many calls of Read, or Write, and one succeeds with 0 bytes
+    unsigned cut_seed = 0;  // not 0: Read and Write move a random part of what they could, sometimes nothing
     bool close_throws = false;
   };
   void Behave(const Behaviour& behaviour) {
@@ -72,18 +69,14 @@ class PluginStream final : public IPluginStreamRaw, private CReference {
   std::uint32_t Read(void* data, unsigned length, unsigned* got, unsigned) override {
     std::unique_lock lock(mutex_);
     if (read_ended_) ++reads_behind_the_end_;
-    changed_.wait(lock, [&] {
-      return closed_ || ReadFails() || (behaviour_.read_at_most != 0 && (ended_ || !to_module_.empty()));
-    });
-    read_ended_ = closed_ || ReadFails() || to_module_.empty();
-    changed_.notify_all();
+    changed_.wait(lock,
+                  [&] { return closed_ || (behaviour_.read_at_most != 0 && (ended_ || !to_module_.empty())); });
+    read_ended_ = closed_ || to_module_.empty();
     if (read_ended_) return 1;
-    const std::size_t count =
-        Cut(reads_, {length, to_module_.size(), behaviour_.read_at_most, behaviour_.fail_read_at - read_});
+    const std::size_t count = Cut({length, to_module_.size(), behaviour_.read_at_most});
     std::memcpy(data, to_module_.data(), count);
     to_module_.Drop(count);
     changed_.notify_all();
-    read_ += count;
     *got = static_cast<unsigned>(count);
     return 0;
   }
@@ -94,11 +87,9 @@ class PluginStream final : public IPluginStreamRaw, private CReference {
     changed_.notify_all();
     changed_.wait(lock, [&] { return closed_ || Room() != 0; });
     blocked_ = false;
-    const std::size_t until_failure = behaviour_.fail_write_at - std::min(behaviour_.fail_write_at, written_);
-    if (closed_ || until_failure == 0) return 1;
-    const std::size_t count = Cut(writes_, {length, behaviour_.write_at_most, Room(), until_failure});
+    if (closed_) return 1;
+    const std::size_t count = Cut({length, behaviour_.write_at_most, Room()});
     from_module_.Append(static_cast<const char*>(data), count);
-    written_ += count;
     *written = static_cast<unsigned>(count);
     changed_.notify_all();
     return 0;
@@ -162,21 +153,12 @@ class PluginStream final : public IPluginStreamRaw, private CReference {
   bool WaitUntilRead() {
     return WaitUntil([&] { return to_module_.empty(); });
   }
-  // A Read has failed, or found the end.
-  bool WaitUntilReadEnds() {
-    return WaitUntil([&] { return read_ended_; });
-  }
   std::size_t ReadsBehindTheEnd() {
     const std::lock_guard lock(mutex_);
     return reads_behind_the_end_;
   }
   bool WaitUntilWriteBlocks() {
     return WaitUntil([&] { return blocked_; });
-  }
-  // Ever, whether taken by the far side or not.
-  std::size_t WrittenCount() {
-    const std::lock_guard lock(mutex_);
-    return written_;
   }
   bool IsClosed() {
     const std::lock_guard lock(mutex_);
@@ -189,15 +171,13 @@ class PluginStream final : public IPluginStreamRaw, private CReference {
     std::unique_lock lock(mutex_);
     return changed_.wait_for(lock, kPatience, condition);
   }
-  bool ReadFails() const { return read_ >= behaviour_.fail_read_at; }
   // In the road out, not taken by a far side that waits for a frame.
   std::size_t Waiting() const { return from_module_.size() - taken_; }
   std::size_t Room() const { return behaviour_.capacity - std::min(behaviour_.capacity, Waiting()); }
-  // How much the `calls`-th call moves when it could move the least of `limits`.
-  std::size_t Cut(unsigned& calls, std::initializer_list<std::size_t> limits) {
-    if (behaviour_.zero_every != 0 && ++calls % behaviour_.zero_every == 0) return 0;
+  // How much a call moves when it could move the least of `limits`.
+  std::size_t Cut(std::initializer_list<std::size_t> limits) {
     const std::size_t most = std::min(limits);
-    return behaviour_.cut_seed == 0 ? most : 1 + random_() % most;
+    return behaviour_.cut_seed == 0 ? most : random_() % (most + 1);
   }
   bool HasFrame() const {
     return from_module_.size() >= gxmod::kFrameHeaderBytes &&
@@ -213,10 +193,6 @@ class PluginStream final : public IPluginStreamRaw, private CReference {
   ByteQueue to_module_;
   ByteQueue from_module_;
   std::size_t taken_ = 0;
-  unsigned reads_ = 0;
-  unsigned writes_ = 0;
-  std::size_t read_ = 0;
-  std::size_t written_ = 0;
   bool closed_ = false;
   bool ended_ = false;
   bool read_ended_ = false;
