@@ -10,14 +10,32 @@ import signal
 import socket
 import subprocess
 import threading
+import time
 
-from throwaway import Child, Clients, Failure, write_script
+from throwaway import READY_S, Child, Clients, Failure, write_script
 
 CONNECTIONS = 950
 FORWARDED = 100  # connections of each -L
 ADDRESS = r"^(unix:/.*|127\.0\.0\.1:\d+|\[::\]:\d+)$"
 LISTENING = "0A"
 NOBODY = 65534
+
+
+def expect(condition, *what):
+    if not condition:
+        raise Failure(" ".join(map(str, what)))
+
+
+def eventually(condition, what):
+    limit = time.monotonic() + READY_S
+    while not condition():
+        expect(time.monotonic() < limit, what)
+        time.sleep(0.01)
+
+
+def stop(host, number=signal.SIGTERM, status=0):
+    host.signal(number)
+    host.expect_status(status)
 
 
 def ways(folder):
@@ -27,7 +45,8 @@ def ways(folder):
 
 
 class Target:
-    """Answers each connection with what it has sent: at once, or (`last`) when it has sent its last byte."""
+    """Answers each connection with what it has sent: at once, or (`last`) when it has sent its last byte. Ends with
+    this program."""
 
     def __init__(self, last=False, path=None):
         """`path` is that of a Unix socket, before which few can wait."""
@@ -41,25 +60,22 @@ class Target:
             self._listener = socket.create_server(("127.0.0.1", 0), backlog=1024)
             self.address = "127.0.0.1:%d" % self._listener.getsockname()[1]
         self.connections = 0
-        self.closing = False
         threading.Thread(target=self._serve, daemon=True).start()
 
     def _serve(self):
         owed = {}
-        with selectors.DefaultSelector() as ready, self._listener:
-            ready.register(self._listener, selectors.EVENT_READ)
-            while not self.closing:
-                for key, _ in ready.select(0.1):
-                    if key.fileobj is self._listener:
-                        client, _ = self._listener.accept()
-                        ready.register(client, selectors.EVENT_READ)
-                        owed[client] = b""
-                        self.connections += 1
-                    elif not self._answer(key.fileobj, owed):
-                        ready.unregister(key.fileobj)
-                        key.fileobj.close()
-            for client in owed:
-                client.close()
+        ready = selectors.DefaultSelector()
+        ready.register(self._listener, selectors.EVENT_READ)
+        while True:
+            for key, _ in ready.select():
+                if key.fileobj is self._listener:
+                    client, _ = self._listener.accept()
+                    ready.register(client, selectors.EVENT_READ)
+                    owed[client] = b""
+                    self.connections += 1
+                elif not self._answer(key.fileobj, owed):
+                    ready.unregister(key.fileobj)
+                    key.fileobj.close()
 
     def _answer(self, client, owed):
         try:
@@ -82,6 +98,7 @@ class Host:
         own = [] if "-L" in options else ["--target", target.address]
         self.process = Child(["sh", "-c", 'ulimit -Sn 1024; exec "$@"', "sh", tools.gx_ssh, *own, *options, *far_side])
         self.address = ""
+        self._stdio = "-W" in options
 
     def __enter__(self):
         return self
@@ -89,13 +106,20 @@ class Host:
     def __exit__(self, *failure):
         with self.process:
             if failure[0] is None:
-                self.process.signal(signal.SIGTERM)
-                self.process.expect_status(0)
+                stop(self.process)
 
     def connect(self):
         if not self.address:
             self.address = self.process.expect(self.process.out, ADDRESS).group(1)
         return connect(self.address)
+
+    def echoes(self, exits, word):
+        """Through a new connection, or the only one that there is."""
+        if self._stdio:
+            self.process.send(f"{word}\n")
+            self.process.expect(self.process.out, f"^{word}$")
+        else:
+            expect_echo(exits.enter_context(self.connect()), word)
 
     def module_port(self):
         """Of the sockets of 127.0.0.1 at which the process listens the one that it has not announced."""
@@ -124,8 +148,7 @@ def expect_answer(client, text, what):
     with contextlib.suppress(ConnectionError):
         while len(received) < len(text) and (piece := client.recv(1 << 16)):
             received += piece
-    if received != text:
-        raise Failure(f"{what}: {len(received)} bytes of {len(text)} came back")
+    expect(received == text, f"{what}: {len(received)} bytes of {len(text)} came back")
 
 
 def expect_echo(client, what):
@@ -135,37 +158,28 @@ def expect_echo(client, what):
 
 def expect_end(client, what):
     with contextlib.suppress(ConnectionResetError):
-        if client.recv(1):
-            raise Failure(f"{what} got a byte")
+        expect(not client.recv(1), what, "got a byte")
 
 
 def strangers(tools, server):
-    """Who finds the module's own port reaches nothing, and keeps nobody out of the front door."""
-    for name, options in [*ways(server.folder).items(), ("stdio", ["-W"])]:
-        target = Target()
-        with Host(tools, target, *options) as host, contextlib.ExitStack() as clients:
-            if name == "stdio":
-                host.process.send("hello\n")
-                host.process.expect(host.process.out, "^hello$")
-            else:
-                expect_echo(clients.enter_context(host.connect()), name)
+    """Who finds the module's own port reaches nothing, and keeps nobody out of the front door: in all modes at once."""
+    with contextlib.ExitStack() as exits:
+        silent, hosts = [], []
+        for name, options in [*ways(server.folder).items(), ("stdio", ["-W"])]:
+            target = Target()
+            host = exits.enter_context(Host(tools, target, *options))
+            hosts.append((name, host, target))
+            host.echoes(exits, "hello")
             address = f"127.0.0.1:{host.module_port()}"
-            silent = [clients.enter_context(connect(address)) for _ in range(100)]
-            bold = clients.enter_context(connect(address))
+            silent += [(name, exits.enter_context(connect(address))) for _ in range(100)]
+            bold = exits.enter_context(connect(address))
             bold.sendall(b"x" * 100_000)
             expect_end(bold, f"{name}: a stranger that talks")
-            for client in silent:
-                expect_end(client, f"{name}: a silent stranger")
-            if name == "stdio":
-                host.process.send("again\n")
-                host.process.expect(host.process.out, "^again$")
-                host.process.stdin.close()
-                host.process.expect_status(0)
-            else:
-                expect_echo(clients.enter_context(host.connect()), name)
-            if target.connections != (1 if name == "stdio" else 2):
-                raise Failure(f"{name}: {target.connections} connections reached the target")
-        target.closing = True
+        for name, client in silent:
+            expect_end(client, f"{name}: a silent stranger")
+        for name, host, target in hosts:
+            host.echoes(exits, "again")
+            expect(target.connections == (1 if name == "stdio" else 2), name, target.connections, "reached the target")
 
 
 def half_close(tools, server):
@@ -178,7 +192,6 @@ def half_close(tools, server):
                 threading.Thread(target=lambda: (client.sendall(text[:size]), client.shutdown(socket.SHUT_WR))).start()
                 expect_answer(client, text[:size], f"{name}, {size} bytes before the end of the input")
                 expect_end(client, name)
-            target.closing = True
 
 
 def many(tools, server):
@@ -196,10 +209,8 @@ def many(tools, server):
                 client.sendall(b"%d" % number)
             for number, client in enumerate(opened):
                 expect_answer(client, b"%d" % number, f"{name}, connection {number}")
-        target.closing = True
     with open(limit, encoding="ascii") as file:
-        if file.read() != "1024\n":
-            raise Failure("the carrier did not get the old limit of descriptors")
+        expect(file.read() == "1024\n", "the carrier did not get the old limit of descriptors")
 
 
 @contextlib.contextmanager
@@ -222,8 +233,6 @@ def forwards(tools, server):
     with contextlib.ExitStack() as exits:
         paths = [f"{server.folder}/{name}" for name in ("target", "near", "refused")]
         targets = [Target(), Target(), Target(path=paths[0]), Target(), Target(path=paths[2]), Target()]
-        for target in targets:
-            exits.callback(setattr, target, "closing", True)
         named = [target.address.removeprefix("unix:") for target in targets]
         named[1] = named[1].replace("127.0.0.1", "localhost")
         starts = ["0", "localhost:0", "*:0", paths[1], "0", "127.0.0.1:0"]
@@ -255,11 +264,9 @@ def forwards(tools, server):
                 expect_answer(client, text, f"connection through {addresses[number]}")
             else:
                 expect_end(client, "a connection to a target that is refused")
-        reached = [target.connections for target in targets]
-        if reached != [FORWARDED + 1] + [FORWARDED] * 3 + [0, 0]:
-            raise Failure(f"the targets were reached {reached} times")
-        process.signal(signal.SIGTERM)
-        process.expect_status(0)
+        wanted = [FORWARDED + 1] + [FORWARDED] * 3 + [0, 0]
+        eventually(lambda: [target.connections for target in targets] == wanted, "other targets were reached")
+        stop(process)
 
 
 def unix_target(tools, server):
@@ -270,10 +277,8 @@ def unix_target(tools, server):
         target = Target(last=True, path=path)
         done = subprocess.run([tools.gx_ssh, "-W", target.address, *carrier], check=False, input="hello",
                               capture_output=True, text=True)
-        target.closing = True
         os.unlink(path)
-        if (done.returncode, done.stdout) != (0, "hello"):
-            raise Failure(f"{options}: status {done.returncode}, {done.stdout!r}, {done.stderr}")
+        expect((done.returncode, done.stdout) == (0, "hello"), options, done)
 
 
 def socket_config(tools, server):
@@ -285,14 +290,11 @@ def socket_config(tools, server):
                     "--print", "ssh-config", "--local"]) as host:
             proxy = host.expect(host.out, r"^ *(ProxyCommand .*)$").group(1)
             os.chdir("/")
-            if Clients(server, proxy).run("ssh", "far", "cat; echo done") != "done\n":
-                raise Failure("the command printed something else")
+            expect(Clients(server, proxy).run("ssh", "far", "cat; echo done") == "done\n", "it printed something else")
             nowhere = subprocess.run([tools.gx_ssh, "--connect", f"unix:{server.folder}/none"], check=False,
                                      stdin=subprocess.DEVNULL, capture_output=True, text=True)
-            if nowhere.returncode != 1 or "No such file" not in nowhere.stderr:
-                raise Failure(f"--connect to nothing ended with {nowhere.returncode}: {nowhere.stderr}")
-            host.signal(signal.SIGTERM)
-            host.expect_status(0)
+            expect(nowhere.returncode == 1 and "No such file" in nowhere.stderr, "--connect to nothing:", nowhere)
+            stop(host)
     finally:
         os.chdir(before)
 
@@ -304,7 +306,6 @@ def user_only(tools, _server):
     for way in ([], ["--listen", "127.0.0.1:0"], ["-L", "*:0:%s"]):
         target = Target()
         turn_others_away(tools, target, [word.replace("%s", target.address) for word in way])
-        target.closing = True
 
 
 def turn_others_away(tools, target, way):
@@ -320,8 +321,7 @@ def turn_others_away(tools, target, way):
         host.process.signal(signal.SIGCONT)
         with host.connect() as other:
             expect_echo(other, "the same user")
-        if target.connections != 2:
-            raise Failure(f"{target.connections} connections reached the target, and two of them were ours")
+        expect(target.connections == 2, target.connections, "connections reached the target, and two of them were ours")
 
 
 SCENARIOS = {each.__name__: each for each in (strangers, half_close, many, forwards, unix_target, socket_config, user_only)}

@@ -2,11 +2,9 @@
 """What users do with the system, with the real programs: one scenario per call. The first is also the demo."""
 
 import argparse
-import contextlib
 import hashlib
 import os
 import secrets
-import signal
 import sys
 import tempfile
 import time
@@ -15,9 +13,9 @@ import bringing
 import carriers
 import programs
 import relays
+from relays import expect
 from terminal import Typist
-from throwaway import (Failure, ProxyCommand, SshServer, Tunnel, bounded, nothing_left, run, wait_until_gone,
-                       write_script)
+from throwaway import Failure, ProxyCommand, SshServer, Tunnel, bounded, nothing_left
 
 SCENARIOS = {**relays.SCENARIOS, **bringing.SCENARIOS, **carriers.SCENARIOS,
              **programs.SCENARIOS}
@@ -30,11 +28,6 @@ def scenario(function):
 
 def say(text):
     print(text, flush=True)
-
-
-def expect(condition, text):
-    if not condition:
-        raise Failure(text)
 
 
 def random_file(path, size_mib):
@@ -93,28 +86,6 @@ def sessions(tools, server):
 
 
 @scenario
-def kills(tools, server):
-    """Whoever of the three is killed, with a session open: everything else ends, and gx-ssh says why."""
-    peer = f"{server.folder}/peer"
-    write_script(peer, f'echo $$ >"{peer}.pid"; exec 3<&0; "{tools.gx_ssh_peer}" "$@" <&3 3<&- &\n'
-                 f'echo $! >"{peer}.child"; wait $!')
-    for victim in ("gx-ssh", "carrier", "peer"):
-        far_side = ["--", peer, "--allow", f"127.0.0.1:{server.port}"]
-        with Tunnel(tools, server, far_side=far_side) as tunnel, tunnel.session("far", "cat") as session:
-            session.send("hello\n")
-            session.expect(session.out, "^hello$")
-            if victim == "gx-ssh":
-                tunnel.stop(signal.SIGKILL, -signal.SIGKILL)
-            else:
-                with open(f"{peer}.{'pid' if victim == 'carrier' else 'child'}", encoding="ascii") as file:
-                    os.kill(int(file.read()), signal.SIGKILL)
-                tunnel.stop(0, 1)
-                expect('carrier "peer", ' in tunnel.host.err.text(), f"gx-ssh said {tunnel.host.err.text()}")
-            expect(session.wait() != 0, "the session ended with 0 although its tunnel was gone")
-        wait_until_gone(os.environ["GX_SSH_TEST"])
-
-
-@scenario
 def another_far_side(tools, server):
     """The example that knows docs/frames.md and nothing else: a command's status, a copy, a shared connection."""
     example = os.path.join(os.path.dirname(os.path.abspath(__file__)), "../../examples/far_side.py")
@@ -141,6 +112,7 @@ def terminal(tools, _):
     typist.interrupts_a_carrier()
     typist.goes_on_in_a_script()
     typist.suspends_and_continues()
+    typist.has_another_carrier_ask()
     typist.suspends_where_no_shell_could_continue()
     typist.is_stopped_inside_a_script()
     typist.has_it_in_the_background()

@@ -5,6 +5,7 @@ import pty
 import select
 import shlex
 import signal
+import subprocess
 import tempfile
 import time
 
@@ -82,9 +83,9 @@ class Typist:
         self._gx_ssh = shlex.quote(tools.gx_ssh)
         self._peer = shlex.quote(tools.gx_ssh_peer)
 
-    def _asking(self):
+    def _asking(self, before=""):
         """A carrier that asks for a password first."""
-        return f"sh -c 'printf \"Password: \" >/dev/tty; read p </dev/tty; exec {self._peer}'"
+        return f"sh -c '{before}printf \"Password: \" >/dev/tty; read p </dev/tty; exec {self._peer}'"
 
     @staticmethod
     def _shell():
@@ -143,6 +144,21 @@ class Typist:
             shell.expect("<text>")
             shell.type("echo status $?\n")
             shell.expect("status 7")
+
+    def has_another_carrier_ask(self):
+        """When that carrier has been answered the command has the terminal again."""
+        with tempfile.TemporaryDirectory() as folder:
+            command = shlex.quote(f"echo up; until test -e {folder}/go; do sleep 0.1; done; read x; echo \"<$x>\"; exit 7")
+            carrier = self._asking(f"echo $$ >{folder}/pid; ")
+            with Terminal("sh", "-c", f"exec {self._gx_ssh} --reconnect --run {command} -- {carrier}") as terminal:
+                for shown, action in (("up", "kill -9 $(cat pid)"), ("the link is up again", "touch go")):
+                    terminal.expect("Password: ")
+                    terminal.type("secret\n")
+                    terminal.expect(shown)
+                    subprocess.run(["sh", "-c", action], check=True, cwd=folder)
+                terminal.type("text\n")
+                terminal.expect("<text>")
+                terminal.expect_status(7)
 
     def suspends_where_no_shell_could_continue(self):
         command = shlex.quote("echo up; read x; echo \"<$x>\"; exit 7")

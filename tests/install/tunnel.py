@@ -33,4 +33,3 @@ def check_tunnel(end, command):
             sender.join()
         end(program)
         program.expect_status(0)
-    target.closing = True
