@@ -24,13 +24,12 @@ using gxtest::WriteAll;
 
 class LocalTarget {
  public:
-  // One that does not listen refuses who comes, and nobody else gets its port.
-  explicit LocalTarget(bool listens = true) : fd_(::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0)) {
+  explicit LocalTarget(int type = SOCK_STREAM) : fd_(::socket(AF_INET, type | SOCK_CLOEXEC, 0)) {
     address_.sin_family = AF_INET;
     address_.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
     socklen_t length = sizeof address_;
     EXPECT_EQ(::bind(fd_.get(), reinterpret_cast<sockaddr*>(&address_), length), 0);
-    if (listens) {
+    if (type == SOCK_STREAM) {
       EXPECT_EQ(::listen(fd_.get(), 1024), 0);
     }
     EXPECT_EQ(::getsockname(fd_.get(), reinterpret_cast<sockaddr*>(&address_), &length), 0);
@@ -39,7 +38,6 @@ class LocalTarget {
   std::string Address() const { return "127.0.0.1:" + std::to_string(port()); }
   int port() const { return ntohs(address_.sin_port); }
   int fd() const { return fd_.get(); }
-  const sockaddr_in& address() const { return address_; }
   bool HasCaller(int bound_ms) const { return WaitFor(fd_.get(), POLLIN, bound_ms); }
   Descriptor Accept() const {
     return Descriptor(HasCaller(kBoundMs) ? ::accept4(fd_.get(), nullptr, nullptr, SOCK_CLOEXEC) : -1);

@@ -29,10 +29,10 @@ TEST(ChildTest, ProgramWithoutItsDescriptorsDoesNotRun) {
   setrlimit(RLIMIT_NOFILE, &limit);
 }
 
-// Whatever a child does to stay, and however it is ended: the pipe that all its descendants hold comes to its
-// end.
+// Whatever a child does to stay or to its keeper, and however it is ended: the pipe that all its descendants
+// hold comes to its end.
 TEST(ChildTest, LeavesNothingBehind) {
-  const std::string stubborn = "trap '' TERM HUP INT; echo ready; while :; do sleep 60; done";
+  const std::string stubborn = "trap '' TERM HUP INT; kill -USR1 $PPID; echo ready; while :; do sleep 60; done";
   const std::string parent = "(" + stubborn + ") & ";
   for (const std::string& command :
        {stubborn, parent + "wait", parent + "sleep 0.1", std::string("echo ready; sleep 60; :")}) {

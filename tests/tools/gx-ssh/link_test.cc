@@ -1,16 +1,79 @@
-// A link to a far side that floods.
+// A link from its handshake to its end.
 #include "gx-ssh/link.h"
+
+#include <set>
 
 #include "common/control_frames.h"
 #include "common/ready_line.h"
 #include "gx-ssh/console.h"
+#include "gx-ssh/handshake.h"
+#include "gx-ssh/link_policy.h"
 #include "gx-ssh/module_library.h"
 #include "support/temp_dir.h"
 #include "support/test.h"
 #include "support/wait.h"
+#include "tools/kit.h"
 
 namespace gxtool {
 namespace {
+
+using std::chrono::milliseconds;
+using std::chrono::seconds;
+
+// When the time is over the carrier still has a moment for its last words. A far side that becomes ready in
+// that moment is too late.
+TEST(HandshakeTest, ReadyAfterItsTimeIsNotReady) {
+  asio::io_context io;
+  auto [ours, theirs] = MakeSocketPair();
+  std::string story;
+  Handshake handshake(io, Duplicate(ours.get()), {}, ours.get(), milliseconds(1),
+                      {[&](const Descriptor&, const std::string&, Features) { story += "ready"; },
+                       [&](const std::string&) { story += "failed"; }});
+  while (story.empty()) io.run_one_for(kPatience);
+  WriteAll(theirs.get(), ReadyLine(Side::kPeer));
+  theirs.Reset();
+  while (io.run_one_for(kPatience) > 0) {
+  }
+  EXPECT_EQ(story, "failed");
+}
+
+TEST(LinkPolicyTest, PausesGrowBetweenTheirBoundsAndVary) {
+  LinkPolicy policy(true, 0);
+  milliseconds base = LinkPolicy::kShortest;
+  std::set<std::int64_t> seen;
+  for (int failure = 0; failure < 40; ++failure) {
+    const auto pause = policy.OnDown(kExitNotReady, {});
+    ASSERT_TRUE(pause);
+    EXPECT_GE(*pause, std::max(base / 2, LinkPolicy::kShortest)) << failure;
+    EXPECT_LE(*pause, base) << failure;
+    base = std::min<milliseconds>(base * 2, LinkPolicy::kLongest);
+    seen.insert(pause->count());
+  }
+  EXPECT_GT(seen.size(), 10u);
+}
+
+// A link that breaks soon after it came up is one more failure, and so is one that never comes up, however long
+// ago the last one was stable.
+TEST(LinkPolicyTest, OnlyALinkThatStaysUpCountsAnew) {
+  LinkPolicy policy(true, 2);
+  LinkPolicy::Clock::time_point now{};
+  const auto up_for = [&](seconds time) {
+    policy.OnUp(now);
+    now += time;
+    return policy.OnDown(kExitLinkLost, now);
+  };
+  EXPECT_TRUE(up_for(LinkPolicy::kStable));
+  EXPECT_TRUE(up_for(LinkPolicy::kStable - seconds(1)));
+  EXPECT_EQ(up_for(LinkPolicy::kStable), LinkPolicy::kShortest) << "the first failure again";
+  EXPECT_TRUE(up_for(seconds(1)));
+  now += LinkPolicy::kStable;
+  EXPECT_FALSE(policy.OnDown(kExitNotReady, now));
+}
+
+TEST(LinkPolicyTest, GivesUpWhereAnotherTryCannotHelp) {
+  EXPECT_FALSE(LinkPolicy(true, 0).OnDown(kExitModule, {}));
+  EXPECT_FALSE(LinkPolicy(false, 0).OnDown(kExitLinkLost, {}));
+}
 
 class CountingOwner final : public Link::Owner {
  public:

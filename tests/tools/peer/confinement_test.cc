@@ -53,9 +53,12 @@ std::string Confined(const ConfinementNeeds& needs, const std::vector<Deed>& for
   return text;
 }
 
-long Connect(const LocalTarget& target) {
+long Connect(int port) {
   const Descriptor fd(::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
-  const sockaddr_in address = target.address();
+  sockaddr_in address{};
+  address.sin_family = AF_INET;
+  address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+  address.sin_port = htons(static_cast<std::uint16_t>(port));
   return ::connect(fd.get(), reinterpret_cast<const sockaddr*>(&address), sizeof address);
 }
 
@@ -103,6 +106,7 @@ TEST_F(ConfinementTest, SystemCallsThatAStrangerWouldLikeFail) {
       {"a local datagram socket", [] { return Socket(AF_UNIX, SOCK_DGRAM); }},
       {"a local packet socket", [] { return Socket(AF_UNIX, SOCK_SEQPACKET | SOCK_NONBLOCK); }},
       {"no family", [] { return Socket(AF_UNSPEC, SOCK_STREAM); }},
+      {"a socket for X.25", [] { return Socket(AF_X25, SOCK_SEQPACKET); }},
       {"a netlink socket", [] { return Socket(AF_NETLINK, SOCK_RAW); }},
       {"a packet socket", [] { return Socket(AF_PACKET, SOCK_RAW); }},
       {"mount", [] { return ::mount("none", "/nowhere", "tmpfs", 0, nullptr); }},
@@ -161,9 +165,10 @@ TEST_F(ConfinementTest, OnlyTheCachesFolderIsWrittenTo) {
 
 TEST_F(ConfinementTest, OnlyPermittedPortsAreConnectedTo) {
   if (!AvailableConfinement().tcp_ports) GTEST_SKIP() << "no Landlock for TCP";
-  const Deed good = {"the permitted port", [&] { return Connect(permitted_); }};
-  const Deed bad = {"another port", [&] { return Connect(forbidden_); }};
-  EXPECT_EQ(Confined(needs_, {bad}, {good}), "end");
+  const Deed good = {"the permitted port", [&] { return Connect(permitted_.port()); }};
+  const Deed bad = {"another port", [&] { return Connect(forbidden_.port()); }};
+  const Deed names = {"a name server", [] { return Connect(53) < 0 && errno == EACCES ? -1 : 0; }};
+  EXPECT_EQ(Confined(needs_, {bad}, {good, names}), "end");
   EXPECT_EQ(Confined({}, {}, {good, bad}), "end") << "where any port is permitted";
 }
 

@@ -1,4 +1,4 @@
-// A peer on one end of a socket pair, the test on the other.
+// A peer on one end of a socket pair, the test on the other; and a name server for it.
 #ifndef GX_TESTS_PEER_RIG_H
 #define GX_TESTS_PEER_RIG_H
 
@@ -101,6 +101,45 @@ class Rig {
   int status_ = -1;
   mutable std::mutex mutex_;
   std::vector<std::string> lines_;
+};
+
+// A name server: every name has the one address 127.0.0.1, but for those that begin with "dead": of them it
+// says nothing.
+class NameServer {
+ public:
+  ~NameServer() {
+    ::shutdown(socket_.fd(), SHUT_RDWR);
+    thread_.join();
+  }
+
+  std::string Address() const { return socket_.Address(); }
+
+ private:
+  void Serve() {
+    char question[512];
+    sockaddr_in client{};
+    socklen_t length = sizeof client;
+    ssize_t count = 0;
+    while ((count = ::recvfrom(socket_.fd(), question, sizeof question, 0, reinterpret_cast<sockaddr*>(&client),
+                               &length)) > 12) {
+      const std::string reply = Reply({question, static_cast<std::size_t>(count)});
+      ::sendto(socket_.fd(), reply.data(), reply.size(), 0, reinterpret_cast<sockaddr*>(&client), length);
+    }
+  }
+
+  // A header of 12 bytes, then the name in labels, the type (A: 1) and the class.
+  static std::string Reply(std::string_view question) {
+    if (question.substr(13, 4) == "dead") return {};
+    std::string reply(question.substr(0, question.find('\0', 12) + 5));
+    const bool has_address = reply[reply.size() - 3] == 1;
+    reply.replace(2, 10, std::string("\x81\x80\0\1\0\0\0\0\0\0", 10));
+    if (!has_address) return reply;
+    reply[7] = 1;
+    return reply + std::string("\xc0\x0c\0\1\0\1\0\0\0\x3c\0\4\x7f\0\0\1", 16);
+  }
+
+  const LocalTarget socket_{SOCK_DGRAM};
+  std::thread thread_{[this] { Serve(); }};
 };
 
 }  // namespace gxtool
