@@ -13,7 +13,8 @@ constexpr double kSlackSeconds = Seconds(LinePace::kSlack).count();
 constexpr double kFrameSeconds = 0.010;  // time of the line for one frame
 constexpr std::size_t kLeastDataBytes = 512;
 constexpr std::size_t kSlowDataBytes = 4096;  // the maximum on a line that needs as long for kMostDataBytes
-constexpr std::uint64_t kStartBytes = 2 * (gxmod::kFrameHeaderBytes + kSlowDataBytes);
+// Two frames, and a Connect before them.
+constexpr std::uint64_t kStartBytes = 2 * (gxmod::kFrameHeaderBytes + kSlowDataBytes) + kLeastDataBytes;
 constexpr std::uint64_t kLeastFrames = 4;  // on a slow line; acknowledging takes the time of two of them
 
 constexpr double kQueueSeconds = kSlackSeconds / 2;  // round trips longer than the minimum by this show a queue
@@ -87,7 +88,7 @@ void LinePace::Take(std::uint64_t received, Clock::time_point now) {
     TakeSample(mark, now);
   }
   received_at_ = now;
-  if (received_ >= round_end_) EndRound();
+  if (received_ >= round_end_) EndRound(now);
   if (under_way() == 0) drains_ = false;
   Update();
 }
@@ -129,8 +130,6 @@ void LinePace::TakeRoundTrip(const Mark& mark, double seconds, Clock::time_point
 // A sender with little data gives small samples, which do not measure the line.
 void LinePace::TakeRate(double rate, bool has_queued, Clock::time_point now) {
   if (!has_queued && rate <= rate_) return;
-  // Earlier round trips may have been measured with frames that were too long for this line.
-  if (has_queued && !std::exchange(line_limits_, true)) Drain(now);
   if (has_queued && now - rate_since_ >= kRateTime) {
     rate_before_ = rate_now_;
     rate_now_ = 0;
@@ -140,10 +139,15 @@ void LinePace::TakeRate(double rate, bool has_queued, Clock::time_point now) {
   rate_ = std::max(rate_now_, rate_before_);
 }
 
-void LinePace::EndRound() {
+// The least round trip of a round shows a queue that lasts, not one that a burst causes.
+void LinePace::EndRound(Clock::time_point now) {
   round_end_ = sent_;
   if (round_least_ == 0) return;
-  grows_ = round_full_ && round_least_ < round_trip_ + kQueueSeconds;
+  const bool queues = round_least_ >= round_trip_ + kQueueSeconds;
+  // Earlier round trips may have been measured with frames that were too long for this line.
+  if (queues && round_full_ && !std::exchange(line_limits_, true) && rate_ * kFrameSeconds < kSlowDataBytes)
+    Drain(now);
+  grows_ = round_full_ && !queues;
   round_full_ = false;
   round_least_ = 0;
 }

@@ -78,7 +78,7 @@ class LinePace {
   void TakeSample(const Mark& mark, Clock::time_point now);
   void TakeRoundTrip(const Mark& mark, double seconds, Clock::time_point now);
   void TakeRate(double rate, bool has_queued, Clock::time_point now);
-  void EndRound();
+  void EndRound(Clock::time_point now);
   void Drain(Clock::time_point now);
   void Update();
 

@@ -7,7 +7,7 @@ namespace {
 
 // While a slow line delivers one frame, an acknowledgement is sent after this many bytes.
 constexpr std::uint64_t kLeastBytes = 512;
-// Fewer bytes wait for more, or for outgoing data that takes the acknowledgement along.
+// In a conversation fewer bytes wait for outgoing data that takes the acknowledgement along.
 constexpr std::uint64_t kMuchBytes = 4 * 1024;
 // After this many bytes an acknowledgement is sent at once, so that the sender does not use up its permission.
 constexpr std::uint64_t kManyBytes = Receipts::kRoomBytes / 2;
@@ -32,7 +32,9 @@ std::optional<Receipts::Clock::time_point> Receipts::due(Clock::time_point now) 
   if (std::max(received, permitted) >= kManyBytes) return Clock::time_point{};
   if (received == 0 || (received < kLeastBytes && !frame_ended_)) return std::nullopt;
   const Clock::time_point soon = told_at_ + kInterval;
-  if (received >= kMuchBytes || (received >= kLeastBytes && now >= soon)) return soon;
+  // The end of a transfer's burst must not wait much longer than its begin: the sender would see a queue.
+  const bool converses = rode_ && now < soon;
+  if (received >= (converses ? kMuchBytes : kLeastBytes)) return soon;
   // After a pause acknowledge at once: the sender measures the round trip of an empty line with it.
   const Clock::time_point came_at = came_at_.value_or(told_at_);
   return came_at - told_at_ < kPatience ? came_at + kPatience : came_at;
@@ -40,9 +42,10 @@ std::optional<Receipts::Clock::time_point> Receipts::due(Clock::time_point now) 
 
 bool Receipts::rides(Clock::time_point now) const { return has_news() && now >= told_at_ + kInterval / 2; }
 
-Acknowledgement Receipts::Take(Clock::time_point now) {
+Acknowledgement Receipts::Take(Clock::time_point now, bool rides) {
   told_ = totals_;
   told_at_ = now;
+  rode_ = rides;
   came_at_.reset();
   return totals_;
 }

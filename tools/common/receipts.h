@@ -12,9 +12,8 @@
 namespace gxtool {
 
 // Acknowledges early enough for the sender's window, but rarely enough to cost little: every kInterval on a
-// fast line, after a frame on a slow one. Outgoing data takes an acknowledgement along, at almost no cost. A
-// small amount of received data waits for that, because in interactive traffic even a timer would be
-// noticeable.
+// fast line, after a frame on a slow one. Outgoing data takes an acknowledgement along, at almost no cost. In a
+// conversation received data waits for that, because there even a timer would be noticeable.
 // Threads: one at a time.
 class Receipts {
  public:
@@ -46,7 +45,8 @@ class Receipts {
   std::optional<Clock::time_point> due(Clock::time_point now) const;
   // True when outgoing data should take an acknowledgement along now.
   bool rides(Clock::time_point now) const;
-  Acknowledgement Take(Clock::time_point now);
+  // The totals, for an acknowledgement that is sent now; `rides`: outgoing data takes it along.
+  Acknowledgement Take(Clock::time_point now, bool rides = false);
 
  private:
   bool wanted_ = false;
@@ -54,6 +54,7 @@ class Receipts {
   Acknowledgement totals_{0, kRoomBytes};
   std::optional<Acknowledgement> told_;
   Clock::time_point told_at_{};
+  bool rode_ = false;                         // outgoing data took the last one along
   std::optional<Clock::time_point> came_at_;  // arrival of the first unacknowledged bytes
 };
 

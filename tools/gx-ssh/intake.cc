@@ -125,7 +125,7 @@ void Intake::OnSending() {
   const std::lock_guard lock(receipts_mutex_);
   if (!receipts_.has_news()) return;
   const Clock::time_point now = Clock::now();
-  if (receipts_.rides(now)) handler_.OnAcknowledge(receipts_.Take(now), true);
+  if (receipts_.rides(now)) handler_.OnAcknowledge(receipts_.Take(now, true), true);
 }
 
 std::chrono::milliseconds Intake::silence() const {
@@ -163,7 +163,7 @@ std::optional<Intake::Clock::time_point> Intake::TellReceipts() {
   const Clock::time_point now = Clock::now();
   const auto due = receipts_.due(now);
   if (!due || *due > now) return due;
-  handler_.OnAcknowledge(receipts_.Take(now), false);
+  handler_.OnAcknowledge(receipts_.Take(now, false), false);
   return std::nullopt;
 }
 

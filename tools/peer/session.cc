@@ -277,7 +277,7 @@ void PeerSession::OnTargetEnd(Connection& connection) {
 void PeerSession::OnDataQueued() {
   if (!receipts_.has_news()) return;
   const Clock::time_point now = Clock::now();
-  if (receipts_.rides(now)) output_.Acknowledge(receipts_.Take(now));
+  if (receipts_.rides(now)) output_.Acknowledge(receipts_.Take(now, true));
 }
 
 void PeerSession::End(Connection& connection, const std::string& why) {
@@ -377,7 +377,7 @@ void PeerSession::Acknowledge() {
   const Clock::time_point now = Clock::now();
   const auto due = receipts_.due(now);
   if (!due || !shutdown_.IsCarrying()) return;
-  if (*due <= now) return output_.Acknowledge(receipts_.Take(now));
+  if (*due <= now) return output_.Acknowledge(receipts_.Take(now, false));
   if (receipts_timer_armed_ && receipts_timer_.expiry() <= *due) return;
   receipts_timer_armed_ = true;
   receipts_timer_.expires_at(*due);
