@@ -80,7 +80,7 @@ LINES = {
 class World:
     """What the runs share: the programs, an SSH server, the port of the target, a folder, perhaps a slow line."""
 
-    def __init__(self, build, folder, server, line=None):
+    def __init__(self, build, folder, server, line=None, edges=None):
         self.folder = folder
         self.server = server
         self.load = f"{build}/bench/tunnel/tunnel"
@@ -88,6 +88,11 @@ class World:
         self.gx_ssh = f"{build}/tools/gx-ssh/gx-ssh"
         self.gx_ssh_peer = f"{build}/tools/peer/gx-ssh-peer"
         self.line = [f"{build}/bench/line/line", *LINES[line]] if line else None
+        # What sockets hold beside a slow line leaves after the run, and takes its time. On a fast one so little would
+        # hold the transfer up.
+        self.load_options = ["--patience", "400"] if line else []
+        self.load_options += ["--unsent", "16384"] if line and line != "10M" else []
+        self.load_options += ["--edges", edges] if edges else []
         self.target_port = quiet_port()
 
     def along(self, *command):
@@ -157,7 +162,7 @@ class Ssh(Tunnel):
     def command(world, forward):
         way = ["HostName 127.0.0.1", f"Port {world.server.port}"]
         if world.line:
-            way = [f"ProxyCommand {shlex.join([*world.line, '--to', f'127.0.0.1:{world.server.port}'])}"]
+            way = [f"ProxyCommand {shlex.join(world.along(*world.server.inetd_command()))}"]
         clients = Clients(world.server, *way)
         return clients.command("ssh", "-N", "-c", "aes128-gcm@openssh.com", "-L", forward, "far")
 

@@ -10,6 +10,7 @@
 #include <vector>
 
 #include "failure.h"
+#include "socket.h"
 #include "target.h"
 #include "workloads.h"
 
@@ -22,6 +23,8 @@ struct Options {
   std::string to;
   std::uint16_t target_port = 0;
   double seconds = 3;
+  std::vector<double> edges;
+  SocketSettings sockets;
   std::size_t connections = 1;
   std::vector<pid_t> pids;
   bool json = false;
@@ -40,6 +43,15 @@ void Declare(CLI::App& app, Options& options) {
   app.add_option("--to", options.to, "ADDRESS:PORT where the tunnel begins; without it there is no tunnel");
   app.add_option("--listen-target", options.target_port, "Port of 127.0.0.1 to which the tunnel leads");
   app.add_option("--seconds", options.seconds, "How long, 3 by default")->check(CLI::Range(0.01, 86400.0));
+  app.add_option("--edges", options.edges,
+                 "Seconds from one of which to the next transfers and keystrokes are told")
+      ->delimiter(',')
+      ->expected(2, kMostParts + 1);
+  app.add_option("--patience", options.sockets.patience_s,
+                 "Seconds without a byte that fail the run, 30 by default")
+      ->check(CLI::Range(1, 3600));
+  app.add_option("--unsent", options.sockets.unsent_bytes, "Bytes that may wait in a socket, for a slow line")
+      ->check(CLI::Range(0, 1 << 30));
   app.add_option("--connections", options.connections, "How many of what the workload speaks of, 1 by default")
       ->check(CLI::Range(0, 5000));
   app.add_option("--pid", options.pids, "Process of the tunnel; its children count, too");
@@ -67,7 +79,7 @@ void AllowManyDescriptors() {
 Figures Run(const Options& options) {
   constexpr std::size_t kSpare = 32;  // connections that are on their way out while others come
   Target target(options.target_port, options.connections + kSpare);
-  Plan plan{target.address(), options.seconds, options.connections, Processes(options.pids)};
+  Plan plan{target.address(), options.seconds, options.connections, options.edges, Processes(options.pids)};
   if (!options.to.empty()) plan.to = ParseAddress(options.to);
   const auto run = std::ranges::find(Workloads(), options.workload, &Workload::name)->run;
   try {
@@ -90,6 +102,7 @@ int main(int argc, char** argv) {
     Declare(app, options);
     CLI11_PARSE(app, argc, argv);
     AllowManyDescriptors();
+    SetSockets(options.sockets);
     Print(Run(options), options.json);
     return 0;
   } catch (const std::exception& failure) {

@@ -14,6 +14,8 @@
 namespace gxbench {
 namespace {
 
+SocketSettings g_settings;
+
 [[noreturn]] void Fail(const char* operation) {
   const bool late = errno == EAGAIN || errno == EWOULDBLOCK;
   throw Failure(std::string(operation) + ": " + (late ? "nothing moves" : std::strerror(errno)));
@@ -26,6 +28,8 @@ int NewSocket() {
 }
 
 }  // namespace
+
+void SetSockets(const SocketSettings& settings) { g_settings = settings; }
 
 sockaddr_in ParseAddress(const std::string& text) {
   const std::size_t colon = text.find(':');
@@ -45,9 +49,11 @@ sockaddr_in ParseAddress(const std::string& text) {
 Socket::Socket(int fd) : fd_(fd) {
   const int on = 1;
   setsockopt(fd_, IPPROTO_TCP, TCP_NODELAY, &on, sizeof on);
-  const timeval patience{kPatienceSeconds, 0};
+  const timeval patience{g_settings.patience_s, 0};
   setsockopt(fd_, SOL_SOCKET, SO_RCVTIMEO, &patience, sizeof patience);
   setsockopt(fd_, SOL_SOCKET, SO_SNDTIMEO, &patience, sizeof patience);
+  const int bytes = g_settings.unsent_bytes;
+  if (bytes != 0) setsockopt(fd_, SOL_SOCKET, SO_SNDBUF, &bytes, sizeof bytes);
 }
 
 Socket::~Socket() {

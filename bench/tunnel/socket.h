@@ -13,7 +13,12 @@
 
 namespace gxbench {
 
-inline constexpr int kPatienceSeconds = 30;  // for one step of a connection
+// Of all sockets that are made from then on.
+struct SocketSettings {
+  int patience_s = 30;   // for one step of a connection
+  int unsent_bytes = 0;  // that wait in a socket at most, roughly; 0: as many as the system likes
+};
+void SetSockets(const SocketSettings& settings);
 
 // `text` is a numeric IPv4 address and a port: 127.0.0.1:7000.
 sockaddr_in ParseAddress(const std::string& text);

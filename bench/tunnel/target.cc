@@ -15,21 +15,25 @@ void Echo(Socket& connection) {
   while (const std::size_t count = connection.Receive(bytes)) connection.Send(std::span(bytes).first(count));
 }
 
-Clock::time_point EndOf(const Request& request) {
-  return Clock::now() + std::chrono::milliseconds(request.time_ms);
+// Adds bytes that come now to the part that is on.
+void Count(std::size_t bytes, Clock::duration time, const Request& request, Receipt& receipt) {
+  for (std::size_t i = 0; i < kMostParts; ++i) {
+    const bool begun = time >= std::chrono::milliseconds(request.edges_ms[i]);
+    if (begun && time < std::chrono::milliseconds(request.edges_ms[i + 1])) receipt.in_part[i] += bytes;
+  }
 }
 
 }  // namespace
 
 void SendPattern(Socket& connection, const Request& request) {
-  const auto end = EndOf(request);
+  const auto end = Clock::now() + std::chrono::milliseconds(request.time_ms);
   PatternWriter writer(request.key);
   while (Clock::now() < end) connection.Send(writer.Block());
   connection.Send(writer.End());
 }
 
 Receipt ReceivePattern(Socket& connection, const Request& request) {
-  const auto end = EndOf(request);
+  const auto start = Clock::now();
   PatternReader reader(request.key);
   Receipt receipt;
   while (!reader.ended()) {
@@ -37,7 +41,7 @@ Receipt ReceivePattern(Socket& connection, const Request& request) {
     if (count == 0) throw Failure("the stream ended too early");
     reader.Take(count);
     receipt.bytes += count;
-    if (Clock::now() < end) receipt.in_time += count;
+    Count(count, Clock::now() - start, request, receipt);
   }
   return receipt;
 }

@@ -5,6 +5,7 @@
 #ifndef GX_BENCH_TUNNEL_TARGET_H
 #define GX_BENCH_TUNNEL_TARGET_H
 
+#include <array>
 #include <cstdint>
 #include <mutex>
 #include <string>
@@ -21,16 +22,20 @@ enum class Service : std::uint64_t {
   kSource,  // sends the pattern for a time, then its end
 };
 
+inline constexpr std::size_t kMostParts = 8;
+
 // The first bytes of a connection.
 struct Request {
   Service service;
   std::uint64_t key = 0;      // of the pattern
   std::uint64_t time_ms = 0;  // for which the pattern is sent
+  // What comes from one of these times to the next is counted by itself. Behind the last one are zeros.
+  std::array<std::uint64_t, kMostParts + 1> edges_ms{};
 };
 
 struct Receipt {
-  std::uint64_t bytes = 0;    // all
-  std::uint64_t in_time = 0;  // those that came before the sender's time was over
+  std::uint64_t bytes = 0;  // all
+  std::array<std::uint64_t, kMostParts> in_part{};
 };
 
 class Target {

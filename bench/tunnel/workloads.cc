@@ -5,9 +5,12 @@
 #include <atomic>
 #include <chrono>
 #include <cstdint>
+#include <cstdio>
 #include <functional>
 #include <future>
+#include <initializer_list>
 #include <numeric>
+#include <span>
 #include <thread>
 
 #include "failure.h"
@@ -65,8 +68,22 @@ auto OnThreads(std::size_t count, const Body& body) {
 
 // ---- Bulk transfers
 
-Receipt Transfer(Socket& connection, Service service, double seconds) {
-  const Request request{service, NewKey(), static_cast<std::uint64_t>(seconds * 1e3)};
+std::vector<double> Edges(const Plan& plan) {
+  return plan.edges.empty() ? std::vector<double>{0, plan.seconds} : plan.edges;
+}
+
+// The name of a figure of the part that begins with that edge.
+std::string NameOfPart(const std::string& name, const std::vector<double>& edges, std::size_t part) {
+  if (edges.size() == 2) return name;
+  char seconds[40];
+  std::snprintf(seconds, sizeof seconds, " (%g to %g s)", edges[part], edges[part + 1]);
+  return name + seconds;
+}
+
+Receipt Transfer(Socket& connection, Service service, const Plan& plan) {
+  Request request{service, NewKey(), static_cast<std::uint64_t>(plan.seconds * 1e3)};
+  std::ranges::transform(Edges(plan), request.edges_ms.begin(),
+                         [](double edge) { return static_cast<std::uint64_t>(edge * 1e3); });
   SendObject(connection, request);
   if (service == Service::kSource) return ReceivePattern(connection, request);
   SendPattern(connection, request);
@@ -79,28 +96,37 @@ std::vector<Receipt> Transfers(const Plan& plan, Service service) {
   if (plan.connections == 0) throw Failure("a transfer needs a connection");
   std::vector<Socket> connections(plan.connections);
   for (Socket& each : connections) each = Socket::Connect(plan.to);
-  return OnThreads(connections.size(),
-                   [&](std::size_t i) { return Transfer(connections[i], service, plan.seconds); });
+  return OnThreads(connections.size(), [&](std::size_t i) { return Transfer(connections[i], service, plan); });
 }
 
-double MbPerSecond(const std::vector<Receipt>& receipts, double seconds) {
-  double bytes = 0;
-  for (const Receipt& receipt : receipts) bytes += static_cast<double>(receipt.in_time);
-  return bytes / 1e6 / seconds;
+void TellRates(const std::vector<Receipt>& receipts, const Plan& plan, const char* name, Figures& figures) {
+  const std::vector<double> edges = Edges(plan);
+  for (std::size_t part = 0; part + 1 < edges.size(); ++part) {
+    double bytes = 0;
+    for (const Receipt& receipt : receipts) bytes += static_cast<double>(receipt.in_part[part]);
+    figures.emplace_back(NameOfPart(name, edges, part), bytes / 1e6 / (edges[part + 1] - edges[part]));
+  }
+}
+
+// The slowest connection, in the last part.
+void TellSlowest(const std::vector<Receipt>& receipts, const Plan& plan, Figures& figures) {
+  double all = 0, slowest = 1e300;
+  for (const Receipt& receipt : receipts) {
+    const auto bytes = static_cast<double>(receipt.in_part[Edges(plan).size() - 2]);
+    all += bytes;
+    slowest = std::min(slowest, bytes);
+  }
+  if (all > 0) figures.emplace_back("slowest_of_mean", slowest * static_cast<double>(receipts.size()) / all);
 }
 
 Figures Bulk(const Plan& plan, Service service) {
   const CpuMeter cpu(plan.tunnel);
   const std::vector<Receipt> receipts = Transfers(plan, service);
-  const double all = MbPerSecond(receipts, plan.seconds);
-  const Receipt slowest = *std::ranges::min_element(receipts, {}, &Receipt::in_time);
   double bytes = 0;
   for (const Receipt& receipt : receipts) bytes += static_cast<double>(receipt.bytes);
-  Figures figures{{"mb_per_s", all}};
-  if (all > 0) {
-    const double slowest_sum = MbPerSecond({slowest}, plan.seconds) * static_cast<double>(receipts.size());
-    figures.emplace_back("slowest_of_mean", slowest_sum / all);
-  }
+  Figures figures;
+  TellRates(receipts, plan, "mb_per_s", figures);
+  TellSlowest(receipts, plan, figures);
   cpu.Tell(figures, "cpu_s_per_gb", 1e9, bytes);
   return figures;
 }
@@ -112,19 +138,36 @@ class Asker {
  public:
   explicit Asker(const Plan& plan) : connection_(Ask(plan, {Service::kEcho})), next_(NewKey()) {}
 
-  void Trip() {
-    std::array<std::uint64_t, 8> question, answer;
+  // With a question of 8 words, or of fewer.
+  void Trip(std::size_t words = 8) {
+    std::array<std::uint64_t, 8> questions, answers;
+    const auto question = std::span(questions).first(words), answer = std::span(answers).first(words);
     std::iota(question.begin(), question.end(), next_);
-    next_ += question.size();
-    SendObject(connection_, question);
-    if (!ReceiveObject(connection_, answer)) throw Failure("the stream ended instead of an answer");
-    if (question != answer) throw WrongBytes("wrong bytes in an answer");
+    next_ += words;
+    connection_.Send(std::as_bytes(question));
+    if (!connection_.ReceiveAll(std::as_writable_bytes(answer))) {
+      throw Failure("the stream ended instead of an answer");
+    }
+    if (!std::ranges::equal(question, answer)) throw WrongBytes("wrong bytes in an answer");
   }
 
  private:
   Socket connection_;
   std::uint64_t next_;
 };
+
+using Percentile = std::pair<const char*, double>;
+
+void TellPercentiles(std::vector<double> times, std::initializer_list<Percentile> wanted,
+                     const std::function<std::string(const char*)>& name, Figures& figures) {
+  std::ranges::sort(times);
+  const auto count = static_cast<double>(times.size());
+  for (const auto& [percentile, part] : wanted) {
+    // Without a trip beyond it, it would be the slowest trip and no percentile.
+    if (count * (1 - part) < 1) continue;
+    figures.emplace_back(name(percentile), times[static_cast<std::size_t>(part * count)]);
+  }
+}
 
 // Tells what many trips took.
 void MeasureTrips(Asker& asker, const Plan& plan, Figures& figures) {
@@ -135,14 +178,10 @@ void MeasureTrips(Asker& asker, const Plan& plan, Figures& figures) {
     asker.Trip();
     trips_us.push_back(std::chrono::duration<double, std::micro>(Clock::now() - start).count());
   }
-  std::ranges::sort(trips_us);
+  TellPercentiles(
+      trips_us, {{"p50_us", 0.5}, {"p95_us", 0.95}, {"p99_us", 0.99}, {"p99.9_us", 0.999}},
+      [](const char* name) { return name; }, figures);
   const auto count = static_cast<double>(trips_us.size());
-  for (const auto& [name, part] :
-       {std::pair{"p50_us", 0.5}, {"p95_us", 0.95}, {"p99_us", 0.99}, {"p99.9_us", 0.999}}) {
-    // Without a trip beyond it, it would be the slowest trip and no percentile.
-    if (count * (1 - part) < 1) continue;
-    figures.emplace_back(name, trips_us[static_cast<std::size_t>(part * count)]);
-  }
   figures.emplace_back("trips", count);
   cpu.Tell(figures, "cpu_us_per_trip", 1e6, count);
 }
@@ -166,7 +205,39 @@ Figures TripsBesideBulk(const Plan& plan, Service service) {
   Plan alone = plan;
   alone.tunnel = Processes({});  // the use of both together would be nobody's figure
   MeasureTrips(asker, alone, figures);
-  figures.emplace_back("bulk_mb_per_s", MbPerSecond(transfers.get(), bulk.seconds));
+  TellRates(transfers.get(), bulk, "bulk_mb_per_s", figures);
+  return figures;
+}
+
+// Somebody types: 40 bytes, and 50 ms after their echo the next ones. A keystroke counts where it begins.
+Figures Keystrokes(const Plan& plan) {
+  constexpr std::size_t kWords = 5;
+  constexpr std::chrono::milliseconds kPause{50};
+  const std::vector<double> edges = Edges(plan);
+  std::vector<std::vector<double>> times_ms(edges.size() - 1);
+  Asker asker(plan);
+  const auto begin = Clock::now();
+  for (double at = 0; at < plan.seconds; std::this_thread::sleep_for(kPause)) {
+    const auto start = Clock::now();
+    asker.Trip(kWords);
+    at = std::chrono::duration<double>(start - begin).count();
+    const auto part = static_cast<std::size_t>(std::ranges::upper_bound(edges, at) - edges.begin());
+    if (part == 0 || part == edges.size()) continue;
+    times_ms[part - 1].push_back(std::chrono::duration<double, std::milli>(Clock::now() - start).count());
+  }
+  Figures figures;
+  for (std::size_t part = 0; part < times_ms.size(); ++part) {
+    const auto name = [&](const char* percentile) { return NameOfPart(percentile, edges, part); };
+    TellPercentiles(times_ms[part], {{"p50_ms", 0.5}, {"p95_ms", 0.95}}, name, figures);
+    figures.emplace_back(name("keystrokes"), static_cast<double>(times_ms[part].size()));
+  }
+  return figures;
+}
+
+Figures KeystrokesBesideBulk(const Plan& plan, Service service) {
+  auto transfers = std::async(std::launch::async, [&] { return Transfers(plan, service); });
+  Figures figures = Keystrokes(plan);
+  TellRates(transfers.get(), plan, "bulk_mb_per_s", figures);
   return figures;
 }
 
@@ -240,6 +311,11 @@ const std::vector<Workload>& Workloads() {
       {"trip-down", "trip, beside connections that receive",
        [](const Plan& plan) { return TripsBesideBulk(plan, Service::kSource); }},
       {"trip-idle", "trip, beside connections on which nothing moves; memory", TripsBesideIdle},
+      {"keystroke", "40 bytes there and back; the next 50 ms later", Keystrokes},
+      {"keystroke-up", "keystroke, beside connections that send",
+       [](const Plan& plan) { return KeystrokesBesideBulk(plan, Service::kSink); }},
+      {"keystroke-down", "keystroke, beside connections that receive",
+       [](const Plan& plan) { return KeystrokesBesideBulk(plan, Service::kSource); }},
       {"connect", "threads that connect, do one trip, hang up", Connect},
       {"nothing", "no connection at all; CPU time", Nothing},
   };

@@ -20,7 +20,10 @@ struct Plan {
   sockaddr_in to{};             // where the tunnel begins
   double seconds = 3;           // that a measurement lasts
   std::size_t connections = 1;  // in the workload's own sense
-  Processes tunnel{{}};         // no processes: nothing is told about them
+  // Transfers and keystrokes are told for each time between two of these, in seconds from the begin; empty: as
+  // a whole. At most kMostParts + 1.
+  std::vector<double> edges;
+  Processes tunnel{{}};  // no processes: nothing is told about them
 };
 
 struct Workload {

@@ -246,6 +246,10 @@ class SshServer:
             raise Failure("no sshd here; scripts/bootstrap installs it")
         return program
 
+    def inetd_command(self):
+        """The command line of the same server for one connection, on standard input and output."""
+        return [self._program(), "-i", "-f", f"{self.folder}/sshd_config"]
+
     def _write_config(self):
         # Without StrictModes, which rejects keys below a temporary folder that everybody may write to.
         indent = "\n            "
