@@ -29,8 +29,8 @@ constexpr std::chrono::milliseconds kLook{20};
 
 }  // namespace
 
-PluginOutput::PluginOutput(int fd, StopSignal& stop, Handler& handler)
-    : fd_(fd), stop_(stop), handler_(handler), flusher_([this] { Flush(); }) {
+PluginOutput::PluginOutput(int fd, StopSignal& stop, Handler& handler, LinePace::Now now)
+    : fd_(fd), stop_(stop), handler_(handler), now_(now), flusher_([this] { Flush(); }) {
   SetUnreadBytes(fd_, kUnreadBytesSlow);
 }
 
@@ -209,7 +209,7 @@ void PluginOutput::WaitForDescriptor(Lock& lock) {
 }
 
 void PluginOutput::LookAtRate() {
-  const auto now = std::chrono::steady_clock::now();
+  const LinePace::Clock::time_point now = now_();
   const auto passed = std::chrono::duration_cast<std::chrono::milliseconds>(now - looked_at_);
   if (passed < kLook) return;
   const bool fast = sent_ever_ - sent_then_ >= kFastBytesPerMs * static_cast<std::uint64_t>(passed.count());

@@ -44,8 +44,8 @@ class PluginOutput : FrameReader::Handler {
     ~Handler() = default;
   };
 
-  // `fd` is non-blocking; descriptor, `stop` and `handler` outlive this object.
-  PluginOutput(int fd, StopSignal& stop, Handler& handler);
+  // `fd` is non-blocking; descriptor, `stop` and `handler` outlive this object. `now` measures the line.
+  PluginOutput(int fd, StopSignal& stop, Handler& handler, LinePace::Now now = &LinePace::Clock::now);
   virtual ~PluginOutput();
 
   // Takes the whole block, which may begin and end inside a frame. Blocks while kQueueBytes or more are queued,
@@ -106,6 +106,7 @@ class PluginOutput : FrameReader::Handler {
   const int fd_;
   StopSignal& stop_;
   Handler& handler_;
+  const LinePace::Now now_;
 
   FrameReader scanner_{this};              // for the data of Write; used only there
   std::vector<gxmod::FrameHeader> begun_;  // frames that started in this call of Write; used only there
@@ -114,7 +115,7 @@ class PluginOutput : FrameReader::Handler {
   std::condition_variable sent_all_;  // the queue is empty or can no longer be sent
   std::condition_variable work_;      // the queue needs the flusher
   std::condition_variable line_;      // the line has room again, or waiting for it has ended
-  LinePace pace_;
+  LinePace pace_{now_};
   std::string acknowledgement_;  // to be sent when the descriptor has room
   std::string queue_;            // bytes to send, from sent_ on
   std::size_t sent_ = 0;
