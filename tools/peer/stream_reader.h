@@ -6,7 +6,6 @@
 #include <cstddef>
 #include <memory>
 #include <string_view>
-#include <variant>
 
 #include "peer/asio_types.h"
 
@@ -41,7 +40,7 @@ class StreamReader {
   void Read();
   void WatchHangUp();
 
-  std::variant<StreamDescriptor, StreamSocket> end_;
+  StreamDescriptor end_;
   Owner* const owner_;
   const std::unique_ptr<char[]> buffer_;
   bool paused_ = false;
