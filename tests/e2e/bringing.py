@@ -11,9 +11,9 @@ import stat
 import subprocess
 import sys
 
-from relays import Target
+from relays import Target, expect
 from terminal import INTERRUPT, Terminal
-from throwaway import Child, Failure, write_script
+from throwaway import Child, write_script
 
 HERE = os.path.dirname(os.path.abspath(__file__))
 CUTS = 6
@@ -21,11 +21,6 @@ STRANGER = 12345  # a user that is not there
 
 # The small tools of each kind of far side, and its shell.
 BUSYBOX, TOYBOX = "/bin/busybox", "/bin/toybox"
-
-
-def expect(condition, text):
-    if not condition:
-        raise Failure(text)
 
 
 def link_tools(folder, box, shell):
@@ -116,7 +111,6 @@ def bring(tools, server):
             said = far.carry(target, through=through)
             expect(said == "", f"{name}, {way}, the second time: {said}")
             far.expect_one_file()
-    target.closing = True
 
 
 def logged(far, target):
@@ -153,7 +147,6 @@ def bring_again(tools, server):
     not_own(far, target, lambda: os.chmod(far.cache, 0o777))
     if os.geteuid() == 0:
         not_own(far, target, lambda: (os.chmod(far.cache, 0o700), os.chown(far.cache, STRANGER, -1)))
-    target.closing = True
 
 
 def not_own(far, target, spoil):
@@ -183,7 +176,6 @@ def bring_once(tools, server):
     far.carry(target, "--bring-dir", there)
     far.cache = there
     far.expect_one_file()
-    target.closing = True
 
 
 def bring_probes(tools, server):
@@ -191,7 +183,6 @@ def bring_probes(tools, server):
     target = Target()
     fresh, known = FarSide(tools, server.folder), FarSide(tools, server.folder)
     known.carry(target)
-    target.closing = True
     probe = [tools.gx_ssh, "--probe", "--bring"]
     with (Child([*probe, "--", "sh", "-c", 'echo Welcome; exec "$@"', "sh", *fresh.shell]) as first,
           Child([*probe, "--json", "--", *known.shell]) as second):
@@ -258,7 +249,6 @@ def bring_shows_progress(tools, server):
                f"it showed {shown!r}")
         terminal.type(INTERRUPT)
         terminal.expect_status(0)
-    target.closing = True
 
 
 def bring_refused(tools, server):
@@ -293,7 +283,6 @@ def bring_refused(tools, server):
         expect(far.files() == [], f"left behind: {far.files()}")
     if os.geteuid() == 0:
         refused_by_file_systems(tools, server, target)
-    target.closing = True
 
 
 def refused_by_file_systems(tools, server, target):
@@ -324,7 +313,6 @@ def bring_at_once(tools, server):
         for host in hosts:
             host.__exit__()
     far.expect_one_file()
-    target.closing = True
 
 
 def bring_cut(tools, server):
@@ -343,7 +331,6 @@ def bring_cut(tools, server):
         far.carry(target)
         far.expect_one_file()
         shutil.rmtree(far.home)
-    target.closing = True
 
 
 SCENARIOS = {each.__name__: each for each in (bring, bring_again, bring_once, bring_probes, bring_passes_on,

@@ -15,8 +15,8 @@ import sys
 import tempfile
 
 import virtual_machine
-from bringing import BUSYBOX, HERE, FarSide, expect, link_tools
-from relays import Target
+from bringing import BUSYBOX, HERE, FarSide, link_tools
+from relays import Target, expect
 from terminal import INTERRUPT, Terminal
 from throwaway import Child, Clients, Tunnel, run, write_script
 
@@ -266,7 +266,6 @@ def looks_names_up(tools, server, *far_side):
             host.expect(host.out, "^hello$")
             host.stdin.close()
             host.expect_status(0)
-    target.closing = True
     if not knows_names:
         with Child([tools.gx_ssh, "-W", "--target", "box:9", "--", *far_side, "--allow", "box:9"]) as host:
             host.expect_status(1)
@@ -281,7 +280,6 @@ def goes_to_the_wrong_machine(tools, server, machine, architecture):
     sentence = f"gx-ssh-peer for {architecture} does not run there: it is for another kind of processor ("
     target = Target()
     FarSide(tools, folder, ("/bin/sh", f"{folder}:/usr/bin:/bin")).refuse(target, sentence, "--peer-dir", PEERS)
-    target.closing = True
 
 
 SCENARIOS = {each.__name__: each for each in (into_a_chroot, into_a_virtual_machine, over_a_serial_line, over_ssh,

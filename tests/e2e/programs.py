@@ -13,7 +13,6 @@ import stat
 import struct
 import subprocess
 import tempfile
-import time
 
 from relays import Target, connect, eventually, expect, expect_answer, expect_echo, expect_end, stop
 from throwaway import END_S, READY_S, Child
