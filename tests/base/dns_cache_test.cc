@@ -97,6 +97,7 @@ TEST(DnsRecordsTest, WhatIsNoRecordIsSkipped) {
   const std::pair<std::string, bool> cases[] = {
       {R"({"name": "a", "ips": ["1.2.3.4"], "timestamp": 5.9})", true},
       {R"({"name": "a", "ips": ["1.2.3.4"], "timestamp": 4294967296})", false},
+      {R"({"name": "a", "ips": [""], "timestamp": 5})", false},
       {R"({"name": "a", "ips": ["", 7, null, ["1.1.1.1"], "nothing", "1.2.3.4"], "timestamp": 5})", true},
       {R"({"name": "z", "ips": ["1.2.3.4"], "timestamp": 5})", false},  // replaced by the later one
   };
@@ -286,6 +287,9 @@ TEST_F(DnsCacheTest, WhatCannotBeReadOrSavedChangesNoResult) {
   storage_.throws_ = true;
   EXPECT_EQ(Fail("other"), Ips{});
   Succeed("host", "5.6.7.8");
+  cache_.Init(path_, 0, 0);
+  Succeed("last", "6.7.8.9");
+  EXPECT_EQ(Saved().count("last"), 1U) << "the file takes the place of the storage";
 }
 
 // The cache of the process in front of the system's resolver.

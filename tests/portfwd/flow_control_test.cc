@@ -46,6 +46,7 @@ class FlowControlTest : public testing::Test {
 };
 
 TEST_F(FlowControlTest, WaitsForALittleRoomAndTellsOnceUntilHalfIsGone) {
+  Queue(accounts_[2], 1);  // nobody waits for it
   EXPECT_EQ(Queue(first_, 10), Filled::kNothing);
   EXPECT_EQ(Action(first_), Verdict::kGoOn);
   EXPECT_EQ(Queue(first_, 1), Filled::kConnection);

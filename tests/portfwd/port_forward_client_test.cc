@@ -58,7 +58,9 @@ TEST_F(PortForwardClientTest, AChannelStopsAndMovesToAFreshPort) {
 
 // Stopped is stopped, until InitInstance says otherwise.
 TEST_F(PortForwardClientTest, StartsAfreshAfterExit) {
-  EXPECT_EQ(CreatePortForwardClient()->Run(), kGXModUnexpected) << "without a stream";
+  const auto bare = CreatePortForwardClient();
+  EXPECT_EQ(bare->Run(), kGXModUnexpected) << "without a stream";
+  EXPECT_TRUE(TcpClient(bare->NewChannel("", "", "h:1")->get_LocalAddress()).WaitForEnd());
   Connection before = Connect();
   const CRefObj<MyHandler> kept = client_->FindStream(before.id);
   ASSERT_TRUE(kept);

@@ -142,8 +142,8 @@ TEST_F(ReactorTest, NoChangeIsMissedWheneverItComes) {
     Counter received;
     // Out of the idle wait into select, which may be opening its wake-up socket when the second change comes.
     reactor_->AddTask(CTCPTask(new FakeTask(socket.descriptor(), kSelectReadable, [&] { received.Add(); })));
-    for (std::atomic<int> delay = i % 500 * 40; delay > 0; --delay) {
-    }
+    volatile int delay = i % 500 * 100;
+    while (delay > 0) delay = delay - 1;
     missed = !(i % 2 == 0 ? CompletesTask() : CompletesTimer());
     socket.Send();
     EXPECT_TRUE(received.WaitFor(1));

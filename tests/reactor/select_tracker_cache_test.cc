@@ -130,7 +130,7 @@ std::vector<std::string> Play(unsigned seed) {
         if (one_in(5)) some.CloseCopy();
         break;
       default:  // in some runs there is a crowd
-        for (unsigned more = seed % 4 == 0 ? 200 : 0; more > 0; --more) add(some.descriptor(), interest);
+        for (unsigned more = seed % 8 == 0 ? 200 : 0; more > 0; --more) add(some.descriptor(), interest);
     }
     add(bell.descriptor(), kWaitReadable);
     CTCPTask ready;
