@@ -181,7 +181,7 @@ def answers_sudo(asked, name, server):
 def into_a_virtual_machine(tools, server):
     """No network leads there, only a virtio-serial port with a shell."""
     if what := virtual_machine.missing():
-        print(f"not tried, since there is no {what}", flush=True)
+        print(f"not tried, since this is missing: {what}", flush=True)
         return
     machine, shell = virtual_machine.start(f"{server.folder}/machine", server)
     with machine:
