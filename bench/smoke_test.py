@@ -100,6 +100,20 @@ class Compare(unittest.TestCase):
         self.assertEqual({(each["mode"], each["tunnel"]) for each in runs if isinstance(each["rounds"][0], dict)},
                          {(mode, name) for mode in wanted for name in through} - {("nothing", "none")})
 
+    def test_keystrokes_over_a_line_in_parts(self):
+        with tempfile.TemporaryDirectory() as folder:
+            done = subprocess.run(
+                [f"{HERE}/compare", "--build", BUILD, "--tunnels", "gx-ssh", "--rounds", "1", "--line", "1M",
+                 "--modes", "keystroke,keystroke-down", "--seconds", "3", "--edges", "0,1.5,3",
+                 "--json", f"{folder}/json"],
+                capture_output=True, text=True, timeout=300, check=False)
+            self.assertEqual(done.returncode, 0, done.stderr)
+            with open(f"{folder}/json", encoding="utf-8") as file:
+                alone, beside = (each["rounds"][0] for each in json.load(file)["runs"])
+        self.assertGreaterEqual(alone["p50_ms (0 to 1.5 s)"], 40)
+        self.assertGreater(beside["keystrokes (1.5 to 3 s)"], 0)
+        self.assertTrue(0 < beside["bulk_mb_per_s (1.5 to 3 s)"] <= 2)
+
 
 class Results(unittest.TestCase):
     def test_medians_ratios_and_goals(self):
