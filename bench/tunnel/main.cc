@@ -5,6 +5,7 @@
 #include <algorithm>
 #include <cstdint>
 #include <cstdio>
+#include <functional>
 #include <iostream>
 #include <string>
 #include <vector>
@@ -43,8 +44,9 @@ void Declare(CLI::App& app, Options& options) {
   app.add_option("--to", options.to, "ADDRESS:PORT where the tunnel begins; without it there is no tunnel");
   app.add_option("--listen-target", options.target_port, "Port of 127.0.0.1 to which the tunnel leads");
   app.add_option("--seconds", options.seconds, "How long, 3 by default")->check(CLI::Range(0.01, 86400.0));
-  app.add_option("--edges", options.edges,
-                 "Seconds from one of which to the next transfers and keystrokes are told")
+  app.add_option(
+         "--edges", options.edges,
+         "Seconds from one of which to the next transfers and keystrokes are told; the last: --seconds at most")
       ->delimiter(',')
       ->expected(2, kMostParts + 1);
   app.add_option("--patience", options.sockets.patience_s,
@@ -56,6 +58,16 @@ void Declare(CLI::App& app, Options& options) {
       ->check(CLI::Range(0, 5000));
   app.add_option("--pid", options.pids, "Process of the tunnel; its children count, too");
   app.add_flag("--json", options.json, "Print one JSON object");
+}
+
+// A part without time, or with time in which nothing is sent, has no rate.
+void CheckEdges(const Options& options) {
+  const std::vector<double>& edges = options.edges;
+  if (edges.empty()) return;
+  const bool rises = std::ranges::adjacent_find(edges, std::not_fn(std::less())) == edges.end();
+  if (!rises || !(edges.front() >= 0 && edges.back() <= options.seconds)) {
+    throw Failure("--edges: they rise from 0 or more to --seconds at most");
+  }
 }
 
 void Print(const Figures& figures, bool json) {
@@ -101,6 +113,7 @@ int main(int argc, char** argv) {
     Options options;
     Declare(app, options);
     CLI11_PARSE(app, argc, argv);
+    CheckEdges(options);
     AllowManyDescriptors();
     SetSockets(options.sockets);
     Print(Run(options), options.json);
