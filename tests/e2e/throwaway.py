@@ -44,6 +44,9 @@ def bounded(seconds):
 
     for each in (signal.SIGALRM, signal.SIGTERM, signal.SIGHUP):
         signal.signal(each, fail)
+    # A shell's background job ignores these two, and what it starts would as well.
+    signal.signal(signal.SIGINT, signal.default_int_handler)
+    signal.signal(signal.SIGQUIT, signal.SIG_DFL)
     signal.alarm(seconds)
     yield
     signal.alarm(0)
