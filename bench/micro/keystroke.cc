@@ -3,6 +3,7 @@
 #include <arpa/inet.h>
 #include <netinet/tcp.h>
 #include <sys/socket.h>
+#include <sys/time.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -96,6 +97,8 @@ gxbase::ScopedDescriptor ConnectTo(const std::string& address) {
   if (connect(client.get(), reinterpret_cast<const sockaddr*>(&to), sizeof to) != 0) return {};
   const int on = 1;
   setsockopt(client.get(), IPPROTO_TCP, TCP_NODELAY, &on, sizeof on);
+  const timeval patience{30, 0};
+  setsockopt(client.get(), SOL_SOCKET, SO_RCVTIMEO, &patience, sizeof patience);
   return client;
 }
 
