@@ -10,6 +10,7 @@
 #include <asio/steady_timer.hpp>
 #include <chrono>
 #include <deque>
+#include <optional>
 #include <utility>
 
 #include "common/control_frames.h"
@@ -19,6 +20,7 @@
 #include "gx-ssh/bring.h"
 #include "gx-ssh/carrier.h"
 #include "gx-ssh/handshake.h"
+#include "gx-ssh/rate_meter.h"
 #include "gx-ssh/reporter.h"
 #include "gx-ssh/terminal.h"
 
@@ -32,14 +34,11 @@ using std::chrono::milliseconds;
 constexpr std::size_t kPings = 50;
 constexpr milliseconds kRoundTripTime{2'000};  // for all pings
 constexpr milliseconds kBytesTime{3'000};      // for the test of all byte values
-constexpr milliseconds kRateTime{1'500};  // for each rate, and at most twice as long for the pending answers
-constexpr milliseconds kStartTime{500};   // until the far side knows what the line carries
-constexpr milliseconds kDrainTime{3'000};
+// For each rate: so long, and so many round trips, with which the window reaches the size of any line.
+constexpr milliseconds kRateTime{10'000};
+constexpr int kRateRoundTrips = 20;
 
-// The initial amount of data under way; answers raise it. More than the line carries would only fill its
-// buffers, and a slow line might not deliver that before the probe ends.
-constexpr std::size_t kFirstWindow = 4 * 1024;
-constexpr std::size_t kLargestWindow = 4 * 1024 * 1024;
+constexpr std::size_t kLeastPayload = 256;
 constexpr std::size_t kLargestPayload = 64 * 1024;
 constexpr std::size_t kAnsweredPayload = 1024;  // the far side returns so much of a test's text
 
@@ -79,7 +78,8 @@ class Session final : FrameReader::Handler {
   }
 
  private:
-  enum class Phase { kRoundTrips, kBytes, kThere, kBack, kBoth, kDraining };
+  // In this order. kBoth shows the far side what the line carries back, so that kBack begins with a full line.
+  enum class Phase { kRoundTrips, kBytes, kThere, kBoth, kBack };
 
   void StartBring(const Options& options) {
     bring_.emplace(io_, carrier_.TakeInput(), output_.native_handle(), options.connect_timeout,
@@ -135,8 +135,8 @@ class Session final : FrameReader::Handler {
   }
 
   void OnPong() {
-    if (phase_ == Phase::kDraining && measured_ == Phase::kBack) return EndMeasure(true);
-    if (phase_ != Phase::kRoundTrips) return;
+    if (phase_ == Phase::kBytes) return;
+    if (phase_ != Phase::kRoundTrips) return drains_ ? EndMeasure() : OnRound();
     result_.round_trips_ms.push_back(1000 * Seconds(Clock::now() - asked_));
     result_.round_trips_ms.size() < kPings ? Ping() : TestBytes();
   }
@@ -162,13 +162,26 @@ class Session final : FrameReader::Handler {
   }
 
   void Measure(Phase phase) {
-    phase_ = measured_ = phase;
-    phase_begin_ = last_answer_ = Clock::now();
-    window_ = kFirstWindow;
-    counted_ = 0;
-    EndPhaseAfter(kRateTime, [this] { Drain(); });
-    counts_from_ = phase_begin_ + kStartTime;
-    phase == Phase::kBack ? AskForFill(kMostFillBytes) : FillWindow();
+    phase_ = phase;
+    drains_ = false;
+    const double round_trip = *std::ranges::min_element(result_.round_trips_ms) / 1000;
+    delivered_before_ = delivered();
+    meter_.emplace(Clock::now(), delivered(), round_trip, meter_ ? meter_->window() : 0);
+    const auto bound = kRateTime + std::chrono::duration_cast<milliseconds>(
+                                       std::chrono::duration<double>(kRateRoundTrips * round_trip));
+    EndPhaseAfter(bound, [this, bound] { CutShort(Seconds(bound)); });
+    if (phase == Phase::kBack) AskForFill(kMostFillBytes);
+    FillWindow();
+    Ping();
+  }
+
+  std::uint64_t delivered() const { return phase_ == Phase::kBack ? receipts_.received() : answered_; }
+
+  void OnRound() {
+    meter_->OnRound(Clock::now(), delivered());
+    if (meter_->done()) return Drain();
+    FillWindow();
+    Ping();
   }
 
   void AskForFill(std::uint64_t bytes) {
@@ -177,69 +190,77 @@ class Session final : FrameReader::Handler {
   }
 
   void OnFilled(std::size_t bytes) {
-    if (measured_ != Phase::kBack) return;
     fill_left_ -= std::min<std::uint64_t>(bytes, fill_left_);
-    last_answer_ = Clock::now();
-    if (last_answer_ < counts_from_) {
-      phase_begin_ = last_answer_;
-    } else {
-      counted_ += bytes;
-    }
-    if (phase_ == Phase::kBack && fill_left_ < kMostFillBytes / 2) AskForFill(kMostFillBytes);
+    if (phase_ == Phase::kBack && !drains_ && fill_left_ < kMostFillBytes / 2) AskForFill(kMostFillBytes);
   }
 
+  // Only as fast as the stream takes it: what queues is to lie on the way, not here.
   void FillWindow() {
-    while (in_flight_ < window_) {
-      const std::size_t size = measured_ == Phase::kBoth
-                                   ? kAnsweredPayload
-                                   : std::clamp(window_ / 4, kAnsweredPayload, kLargestPayload);
-      in_flight_ += size;
-      under_way_.push_back({size, Clock::now()});
+    if ((phase_ != Phase::kThere && phase_ != Phase::kBoth) || drains_) return;
+    while (in_flight_ < meter_->window() && !writing_) {
+      const std::size_t most = phase_ == Phase::kBoth ? kAnsweredPayload : kLargestPayload;
+      const std::size_t size = std::clamp(meter_->window() / 4, kLeastPayload, most);
+      under_way_.push_back(gxmod::kFrameHeaderBytes + size);
+      in_flight_ += under_way_.back();
       Send(MakeFrame(ConnectionType::TestChannel, 0, std::string(size, 'r')));
     }
   }
 
   void OnRateAnswer() {
     if (under_way_.empty()) return;
-    const auto [size, sent] = under_way_.front();
+    in_flight_ -= under_way_.front();
+    answered_ += under_way_.front();
     under_way_.pop_front();
-    in_flight_ -= size;
-    counted_ += size;
-    last_answer_ = Clock::now();
-    longest_ = std::max(longest_, last_answer_ - sent);
-    window_ = std::min(window_ + size, kLargestWindow);
-    if (phase_ != Phase::kDraining) return FillWindow();
-    if (under_way_.empty()) EndMeasure(true);
+    FillWindow();
   }
 
+  // What is still under way would be counted for the next rate. The pong comes behind it.
   void Drain() {
-    phase_ = Phase::kDraining;
-    if (measured_ == Phase::kBack) {
-      AskForFill(0);
-      Ping();  // the pong comes behind what is under way
-    } else if (under_way_.empty()) {
-      return EndMeasure(true);
-    }
-    EndPhaseAfter(kDrainTime, [this] { EndMeasure(false); });
+    TakeRate();
+    drains_ = true;
+    if (phase_ == Phase::kBack) AskForFill(0);
+    Ping();
   }
 
-  void EndMeasure(bool drained) {
-    const double seconds = Seconds(last_answer_ - phase_begin_);
-    if (counted_ == 0) return Fail("the far side has stopped answering");
-    const double rate = static_cast<double>(counted_) / seconds;
-    if (measured_ == Phase::kThere) {
+  void TakeRate() {
+    const double rate = meter_->rate();
+    if (phase_ == Phase::kThere) {
       result_.there_rate = rate;
-      result_.queued_ms =
-          std::max(0.0, 1000 * Seconds(longest_) - *std::ranges::min_element(result_.round_trips_ms));
+      const double queued_s =
+          meter_->longest_round_s() - *std::ranges::min_element(result_.round_trips_ms) / 1000;
+      result_.queued_ms = std::max(0.0, 1000 * queued_s);
       result_.queued_bytes = rate * result_.queued_ms / 1000;
-    } else if (measured_ == Phase::kBack) {
-      result_.back_rate = rate;
-    } else {
+    } else if (phase_ == Phase::kBoth) {
       result_.both_rate = rate;
+    } else {
+      result_.back_rate = rate;
     }
-    // What is still under way would be counted as fast.
-    if (drained && measured_ == Phase::kThere && result_.features.fill) return Measure(Phase::kBack);
-    if (drained && measured_ != Phase::kBoth) return Measure(Phase::kBoth);
+  }
+
+  // Without Features::fill there is no rate back.
+  bool is_last() const { return phase_ == Phase::kBack || (phase_ == Phase::kBoth && !result_.features.fill); }
+
+  void EndMeasure() {
+    if (is_last()) return Finish();
+    Measure(phase_ == Phase::kThere ? Phase::kBoth : Phase::kBack);
+  }
+
+  void CutShort(double seconds) {
+    if (delivered() == delivered_before_) return Fail("the far side has stopped answering");
+    if (!drains_ && meter_->rate() > 0) TakeRate();
+    if (!drains_ || !is_last()) {
+      result_.cut_short =
+          fmt::format("the {} took more than {:.0f} s: the line is too slow or too long", PhaseName(), seconds);
+    }
+    Finish();
+  }
+
+  const char* PhaseName() const {
+    if (phase_ == Phase::kThere) return "rate there";
+    return phase_ == Phase::kBoth ? "rate both ways" : "rate back";
+  }
+
+  void Finish() {
     Send(MakeFrame(kGoodbyeFrame, 0, "the probe is over"));
     io_.stop();
   }
@@ -247,8 +268,9 @@ class Session final : FrameReader::Handler {
   template <class Function>
   void EndPhaseAfter(milliseconds time, Function function) {
     timer_.expires_after(time);
-    timer_.async_wait([function](asio::error_code error) {
-      if (!error) function();
+    timer_.async_wait([this, function, phase = phase_](asio::error_code error) {
+      // A timer that has expired cannot be cancelled any more.
+      if (!error && phase == phase_) function();
     });
   }
 
@@ -291,7 +313,9 @@ class Session final : FrameReader::Handler {
     writing_ = !queue_.empty();
     if (!writing_) return;
     output_.async_wait(asio::posix::stream_descriptor::wait_write, [this](asio::error_code stopped) {
-      if (!stopped) Write();
+      if (stopped) return;
+      Write();
+      FillWindow();
     });
   }
 
@@ -335,105 +359,19 @@ class Session final : FrameReader::Handler {
   Receipts receipts_;
 
   Phase phase_ = Phase::kRoundTrips;
-  Phase measured_ = Phase::kThere;
   Clock::time_point asked_;
-  Clock::time_point phase_begin_;
-  Clock::time_point counts_from_;  // for the rate back
-  Clock::time_point last_answer_;
-  struct Test {
-    std::size_t size;
-    Clock::time_point sent;
-  };
-  std::deque<Test> under_way_;  // unanswered tests
-  Clock::duration longest_{};   // until an answer, of the first rate
-  std::size_t in_flight_ = 0;   // sum of under_way_
-  std::size_t window_ = 0;
-  std::uint64_t fill_left_ = 0;  // of the last order
-  std::uint64_t counted_ = 0;
+  std::optional<RateMeter> meter_;
+  bool drains_ = false;                 // the rate of this phase is measured
+  std::deque<std::size_t> under_way_;   // sizes of unanswered tests
+  std::size_t in_flight_ = 0;           // sum of under_way_
+  std::uint64_t answered_ = 0;          // bytes of tests
+  std::uint64_t delivered_before_ = 0;  // the phase
+  std::uint64_t fill_left_ = 0;         // of the last order
   ProbeResult result_;
 };
-
-std::string FeatureNames(const Features& features) {
-  std::string names;
-  if (features.flow_control) names += ", flow control";
-  if (features.unix_targets) names += ", unix targets";
-  if (features.fill) names += ", fill";
-  return names;
-}
-
-struct RoundTrip {
-  double least;
-  double median;
-  double most;
-};
-
-RoundTrip Summary(std::vector<double> times) {
-  std::sort(times.begin(), times.end());
-  return {times.front(), times[times.size() / 2], times.back()};
-}
 
 }  // namespace
 
 ProbeResult Probe(const Options& options, Console& console) { return Session(options, console).Run(); }
-
-std::vector<std::string> ProbeTable(const ProbeResult& result) {
-  std::vector<std::string> lines;
-  const auto row = [&lines](const char* name, const std::string& value) {
-    lines.push_back(fmt::format("{:<12}{}", name, value));
-  };
-  if (const auto& brought = result.brought) {
-    const std::string size = FormatBytes(static_cast<double>(brought->bytes));
-    row("brought", fmt::format("{} in {:.2f} s", brought->bytes == 0 ? "nothing" : size, brought->seconds));
-  }
-  if (result.ready_seconds) {
-    row("far side", fmt::format("gx-ssh-peer, protocol {}{}; ready after {:.2f} s", kProtocolVersion,
-                                FeatureNames(result.features), *result.ready_seconds));
-    row("noise", result.noise.empty() ? "none" : '"' + Escape(result.noise) + '"');
-  }
-  if (!result.round_trips_ms.empty()) {
-    const RoundTrip times = Summary(result.round_trips_ms);
-    row("round trip", fmt::format("{:.2f} ms least, {:.2f} ms median, {:.2f} ms most, of {}", times.least,
-                                  times.median, times.most, result.round_trips_ms.size()));
-  }
-  if (result.bytes_survive) row("bytes", "every value survives, there and back");
-  if (result.there_rate) {
-    row("rate there", FormatBytes(*result.there_rate) + "/s");
-    row("queue there", fmt::format("up to {}, {:.0f} ms", FormatBytes(result.queued_bytes), result.queued_ms));
-  }
-  if (result.back_rate) row("rate back", FormatBytes(*result.back_rate) + "/s");
-  if (result.there_rate && !result.features.fill) {
-    row("rate back", "unknown: the gx-ssh-peer there is of an older release, which cannot fill the line");
-  }
-  if (result.both_rate) row("both ways", FormatBytes(*result.both_rate) + "/s each");
-  row("verdict", result.problem.empty() ? "usable" : "not usable: " + result.problem);
-  return lines;
-}
-
-JsonObject ProbeObject(const ProbeResult& result) {
-  JsonObject object;
-  object.Add("usable", std::uint64_t{result.problem.empty()});
-  if (const auto& brought = result.brought) {
-    object.Add("brought_bytes", brought->bytes).Add("brought_seconds", brought->seconds);
-  }
-  if (result.ready_seconds) {
-    object.Add("protocol", static_cast<std::uint64_t>(kProtocolVersion));
-    object.Add("ready_seconds", *result.ready_seconds).Add("noise", Escape(result.noise));
-  }
-  if (!result.round_trips_ms.empty()) {
-    const RoundTrip times = Summary(result.round_trips_ms);
-    object.Add("round_trip_min_ms", times.least).Add("round_trip_median_ms", times.median);
-    object.Add("round_trip_max_ms", times.most);
-  }
-  object.Add("bytes_survive", std::uint64_t{result.bytes_survive});
-  if (result.there_rate) {
-    object.Add("there_bytes_per_second", *result.there_rate);
-    object.Add("queued_bytes", static_cast<std::uint64_t>(result.queued_bytes))
-        .Add("queued_ms", result.queued_ms);
-  }
-  if (result.back_rate) object.Add("back_bytes_per_second", *result.back_rate);
-  if (result.both_rate) object.Add("both_bytes_per_second", *result.both_rate);
-  if (!result.problem.empty()) object.Add("problem", result.problem);
-  return object;
-}
 
 }  // namespace gxtool

@@ -31,12 +31,15 @@ struct ProbeResult {
   std::optional<double> there_rate;  // bytes per second
   std::optional<double> back_rate;   // only a far side with Features::fill
   std::optional<double> both_rate;   // in each direction, while both are busy
-  // What lies on the way there when more is sent than the line carries: that many bytes, for so long.
+  std::string cut_short;             // why rates are unknown or too low, when a rate was not done in time
+  // What lies on the way there when more is sent than the line carries: that many bytes, for so long. At most
+  // about half a second of the line is tried.
   double queued_bytes = 0;
   double queued_ms = 0;
 };
 
-// Starts the carrier and measures, within about ten seconds after the far side is ready. Needs no module.
+// Starts the carrier and measures. After the far side is ready that takes about ten seconds on most lines, and
+// at most five seconds and for each of the three rates ten seconds and twenty round trips. Needs no module.
 // Throws Failure when the carrier cannot be run.
 ProbeResult Probe(const Options& options, Console& console);
 
