@@ -25,27 +25,40 @@ Options Parsed(const std::string& line) {
   return std::holds_alternative<Options>(result) ? std::get<Options>(result) : Options();
 }
 
-TEST(OptionsTest, CarrierKeepsItsOwnOptions) {
-  const Options options = Parsed("-v -- ssh -v -- --json");
-  EXPECT_THAT(options.carrier, ElementsAre("ssh", "-v", "--", "--json"));
-  EXPECT_EQ(options.verbosity, 1);
-  EXPECT_FALSE(options.json);
+// Where gx-ssh listens for it, and the target.
+std::vector<std::string> Told(const Options& options) {
+  std::vector<std::string> told;
+  for (const auto& [at, target] : options.Listeners()) {
+    told.push_back((at.unix_path.empty() ? at.address + ' ' + std::to_string(at.port) : at.unix_path) + " -> " +
+                   target);
+  }
+  return told;
 }
 
 TEST(OptionsTest, ReadsValues) {
   const Options options = Parsed(
-      "--local --target [0:0::1]:2222 --keepalive 1m --connect-timeout 500ms --reconnect=3 --listen [::1]:0 "
-      "-vvv --print port");
-  EXPECT_EQ(options.target, "[::1]:2222");
+      "--target [0:0::1]:2222 --keepalive 1m --connect-timeout 500ms --stats 2s --reconnect=3 --listen [::1]:0 "
+      "-vvv --print port --json --bring --allow web:80 -- ssh -q -- --raw");
   EXPECT_EQ(options.keepalive, std::chrono::minutes(1));
   EXPECT_EQ(options.connect_timeout, std::chrono::milliseconds(500));
+  EXPECT_EQ(options.stats, std::chrono::seconds(2));
   EXPECT_TRUE(options.reconnect);
   EXPECT_EQ(options.reconnect_attempts, 3);
-  EXPECT_EQ(options.listen->address, "::1");
-  EXPECT_EQ(options.listen->port, 0);
   EXPECT_EQ(options.verbosity, 3);
   EXPECT_EQ(options.print, PrintFormat::kPort);
+  EXPECT_THAT(Told(options), ElementsAre("::1 0 -> [::1]:2222"));
+  EXPECT_THAT(options.PermittedTargets(), ElementsAre("web:80", "[::1]:2222"));
+  EXPECT_THAT(options.carrier, ElementsAre("ssh", "-q", "--", "--raw")) << "whose options are its own";
   EXPECT_EQ(Parsed("--local --reconnect").reconnect_attempts, 0);
+  EXPECT_EQ(Parsed("--local").print, PrintFormat::kAddress);
+  EXPECT_EQ(Parsed("--local -W").print, PrintFormat::kNothing);
+}
+
+TEST(OptionsTest, TellsOfItself) {
+  testing::internal::CaptureStdout();
+  EXPECT_EQ(std::get<int>(Parse("--help")), kExitOk);
+  EXPECT_THAT(testing::internal::GetCapturedStdout(),
+              testing::AllOf(HasSubstr("\nUsage: gx-ssh [OPTIONS] -- CARRIER"), HasSubstr("\nExit status: 0")));
 }
 
 // What ssh makes of %h:%p, and what a user may put before or behind it.
@@ -69,16 +82,6 @@ TEST(OptionsTest, StandardIoTakesATargetAsSshNamesIt) {
   }
 }
 
-// Where gx-ssh listens for it, and the target.
-std::vector<std::string> Told(const Options& options) {
-  std::vector<std::string> told;
-  for (const auto& [at, target] : options.Listeners()) {
-    told.push_back((at.unix_path.empty() ? at.address + ' ' + std::to_string(at.port) : at.unix_path) + " -> " +
-                   target);
-  }
-  return told;
-}
-
 TEST(OptionsTest, ForwardsReadAsThoseOfSsh) {
   EXPECT_THAT(
       Told(
@@ -96,12 +99,6 @@ TEST(OptionsTest, ForwardsReadAsThoseOfSsh) {
       << "--listen comes first";
   EXPECT_THAT(Told(Parsed("--local --user-only")), ElementsAre("127.0.0.1 0 -> 127.0.0.1:22"));
   EXPECT_THAT(Told(Parsed("--local --user-only -L 1:web:80")), ElementsAre("127.0.0.1 1 -> web:80"));
-}
-
-TEST(OptionsTest, StandardOutputIsLeftToWhomItBelongs) {
-  EXPECT_EQ(Parsed("--local").print, PrintFormat::kAddress);
-  EXPECT_EQ(Parsed("--local -W").print, PrintFormat::kNothing);
-  EXPECT_EQ(Parsed("--local --json --print port").print, PrintFormat::kPort);
 }
 
 TEST(OptionsTest, EachMistakeHasOneLineAndAHint) {
