@@ -4,22 +4,23 @@ As root, since that is what a chroot, another user and a folder of that user tak
 """
 
 import contextlib
-import filecmp
 import functools
 import os
 import pwd
 import secrets
+import shlex
 import shutil
 import subprocess
 import sys
 import tempfile
 
 import virtual_machine
-from bringing import BUSYBOX, HERE, FarSide, link_tools
-from relays import Target, expect
+from bringing import HERE, FarSide
+from hosts import Host, Target, expect, tunnel
 from terminal import INTERRUPT, Terminal
-from throwaway import Child, Clients, Tunnel, run, write_script
+from throwaway import Child, Clients, run, write, write_script
 
+LONG_S = 900  # ssh's own time-out counts the transfer of the peer, too
 SERIAL = "import time\nterminal = True\nthere = back = lambda b: time.sleep(len(b) * 10 / 115200) or b"
 
 
@@ -28,50 +29,25 @@ class Brought(Clients):
 
     def __init__(self, tools, server, *carrier, options=(), port=None):
         program = f"{server.folder}/brought"
-        # ssh's own time-out counts the transfer, too.
-        super().__init__(server, "HostName 127.0.0.1", f"Port {port or server.port}", "ConnectTimeout 900",
+        super().__init__(server, "HostName 127.0.0.1", f"Port {port or server.port}", f"ConnectTimeout {LONG_S}",
                          f"ProxyCommand {program} %h:%p")
-        write_script(f"{server.folder}/carrier", " ".join(["exec", *(f"'{word}'" for word in carrier)]))
+        write_script(f"{server.folder}/carrier", shlex.join(["exec", *carrier]))
         write_script(program, " ".join([f'exec "{tools.gx_ssh}" -W "$1" --bring', *options, "--",
                                         f"{server.folder}/carrier"]))
 
-    def command_says(self):
-        """A command's output and status; returns what gx-ssh said."""
-        with self.session("far", "echo out; exit 42") as command:
-            command.expect_status(42, timeout=900)
-            expect(command.out.text() == "out", "its standard output did not come through")
-            return command.err.text()
-
     def carries(self, size, folder=None):
         """The first session sends the peer, a second one and two copies do not. `folder` is one over there."""
-        expect("sends gx-ssh-peer" in self.command_says(), "nothing was sent")
-        said = self.command_says()
-        expect(said == "", f"the second time it said {said}")
-        original, there, back = f"{self.folder}/original", f"{folder or self.folder}/there", f"{self.folder}/back"
-        content = os.urandom(size)
-        with open(original, "wb") as file:
-            file.write(content)
-        self.run("scp", "-q", original, f"far:{there}")
-        self.run("scp", "-q", f"far:{there}", back)
-        with open(back, "rb") as file:
-            expect(file.read() == content, "the copies differ")
-
-
-def bare_root(folder):
-    """What there is in a small container: busybox and an empty home."""
-    os.makedirs(f"{folder}/home")
-    link_tools(f"{folder}/bin", BUSYBOX, None)
-    for name in os.listdir(f"{folder}/bin"):
-        os.unlink(f"{folder}/bin/{name}")
-        if name != "busybox":
-            os.symlink("busybox", f"{folder}/bin/{name}")
-    shutil.copy(BUSYBOX, f"{folder}/bin/busybox")
-    return folder
+        for sends in (True, False):
+            said = self.expect_command(LONG_S)
+            expect("sends gx-ssh-peer" in said if sends else said == "", f"sends: {sends}, but it said {said}")
+        self.expect_copies(size, folder)
 
 
 def into_a_chroot(tools, server):
     """Busybox only and no /proc, with processes, mounts and users of its own."""
-    root = bare_root(f"{server.folder}/box")
+    root = f"{server.folder}/box"
+    os.makedirs(f"{root}/home")
+    virtual_machine.fill_with_busybox(f"{root}/bin")
     Brought(tools, server, "unshare", "--user", "--map-root-user", "--pid", "--fork",
             f"--root={root}", "env", "-i", "HOME=/home", "PATH=/bin", "sh").carries(1 << 20)
     expect(len(os.listdir(f"{root}/home/.cache/gx-ssh")) == 1, "there is not one peer in the chroot")
@@ -85,9 +61,9 @@ def over_a_serial_line(tools, server):
     shell = ["env", "-i", f"HOME={home}", "PATH=/usr/bin:/bin", "sh"]
     Brought(tools, server, *line, SERIAL, *shell).carries(16 << 10)
     seven = "terminal = True\nthere = lambda b: bytes(x & 127 for x in b)"
-    with Brought(tools, server, *line, seven, *shell).session("far", "true") as command:
-        command.expect_status(255)
-        expect("the line changes bytes on the way there" in command.err.text(), f"it said {command.err.text()}")
+    with Child(Brought(tools, server, *line, seven, *shell).command("ssh", "far", "true")) as session:
+        session.expect(session.err, "the line changes bytes on the way there")
+        session.expect_status(255)
 
 
 def over_ssh(tools, server):
@@ -106,7 +82,7 @@ def as_another_user(tools, server):
         Brought(tools, server, *su, options=("--bring-dir", f"{home}/peers")).carries(1 << 20)
     homeless = Brought(tools, server, *su)
     for _ in range(2):
-        expect("sends gx-ssh-peer" in homeless.command_says(), "nothing was sent")
+        expect("sends gx-ssh-peer" in homeless.expect_command(), "nothing was sent")
 
 
 @contextlib.contextmanager
@@ -127,55 +103,30 @@ def who_may_ask(password):
 
 
 def through_sudo(tools, server):
-    """Without a question, and by a user who is asked for a password on the terminal."""
+    """By a user who is asked for a password on the terminal: wrong and right answers, and the key that ends it all."""
     if not shutil.which("sudo"):
         print("not tried, since there is no sudo", flush=True)
         return
-    nobody = pwd.getpwnam("nobody")
     with tempfile.TemporaryDirectory(prefix="gx-ssh-") as folder, who_may_ask("secret") as name:
         os.chmod(folder, 0o755)
-        home = f"{folder}/home"
-        os.mkdir(home)
-        os.chown(home, nobody.pw_uid, nobody.pw_gid)
-        sudo = ["sudo", "-u", nobody.pw_name, "sh"]
-        Brought(tools, server, *sudo, options=("--bring-dir", f"{home}/peers")).carries(1 << 20)
-        # Where that user may not read what was built here.
+        # That user may not read what was built here.
         built = os.path.dirname(os.path.dirname(os.path.dirname(tools.gx_ssh)))
         program, module, peers = (shutil.copy(tools.gx_ssh, folder),
                                   shutil.copy(f"{built}/src/module/libgx-control-ssh.so", folder),
                                   shutil.copytree(f"{built}/tools/peer/peers", f"{folder}/peers"))
         asked = ["setpriv", f"--reuid={name}", "--regid=nogroup", "--init-groups", program, "--module", module,
-                 "--peer-dir", peers, "--target", f"127.0.0.1:{server.port}", "--bring", "--bring-dir", f"{home}/asked",
-                 "--", *sudo]
-        answers_sudo(asked, name, server)
-
-
-def answers_sudo(asked, name, server):
-    """Wrong and right passwords, and the key that ends it all."""
-    prompt = f"password for {name}: "
-    with Terminal(*asked) as terminal:
-        for answer in ("wrong\n", "secret\n"):
-            terminal.expect(prompt)
-            terminal.type(answer)
-        terminal.expect("127.0.0.1:")
-        clients = Clients(server, "HostName 127.0.0.1", f"Port {int(terminal.expect(chr(13)))}")
-        with clients.session("far", "echo out; exit 42") as command:
-            command.expect_status(42)
-            expect(command.out.text() == "out", "its standard output did not come through")
-        clients.run("scp", "-q", f"{server.folder}/host_key.pub", f"far:{server.folder}/copied")
-        expect(filecmp.cmp(f"{server.folder}/host_key.pub", f"{server.folder}/copied", shallow=False), "the copies differ")
-        terminal.type(INTERRUPT)
-        terminal.expect_status(0)
-    with Terminal(*asked) as terminal:
-        for _ in range(3):
-            terminal.expect(prompt)
-            terminal.type("wrong\n")
-        terminal.expect("it has ended before a shell answered")
-        terminal.expect_status(4)
-    with Terminal(*asked) as terminal:
-        terminal.expect(prompt)
-        terminal.type(INTERRUPT)
-        terminal.expect_status(0)
+                 "--peer-dir", peers, "--target", server.address, "--bring", "--", "sudo", "-u", "nobody", "sh"]
+        for answers, status in ((["wrong\n", "secret\n", None], 0), (["wrong\n"] * 3, 4), ([INTERRUPT], 0)):
+            with Terminal(*asked) as terminal:
+                for answer in answers:
+                    terminal.expect(f"password for {name}: " if answer else "127.0.0.1:")
+                    if answer:
+                        terminal.type(answer)
+                        continue
+                    clients = Clients(server, "HostName 127.0.0.1", f"Port {int(terminal.expect(chr(13)))}")
+                    clients.expect_command()
+                    terminal.type(INTERRUPT)
+                terminal.expect_status(status)
 
 
 def into_a_virtual_machine(tools, server):
@@ -204,8 +155,6 @@ class AfterOneAnother(Brought):
 # What `uname -m` says where each of them runs, and who runs it here.
 FOREIGN = {"aarch64": (["aarch64"], "qemu-aarch64"), "armv7": (["armv7l", "armv8l"], "qemu-arm"),
            "riscv64": (["riscv64"], "qemu-riscv64")}
-
-
 PEERS = os.path.abspath(f"{HERE}/../../build/peers")
 
 
@@ -233,41 +182,31 @@ def foreign_peer(tools, server, architecture):
         return
     machines, emulator = FOREIGN[architecture]
     peer = f"{PEERS}/{architecture}/gx-ssh-peer"
-    if not os.path.exists(f"/proc/sys/fs/binfmt_misc/{emulator}"):  # there the system runs the wrong one, too
-        for machine in machines:
-            goes_to_the_wrong_machine(tools, server, machine, architecture)
+    if os.path.exists(f"/proc/sys/fs/binfmt_misc/{emulator}"):  # the system runs the wrong one, too
+        machines = ()
+    for machine in machines:
+        goes_to_the_wrong_machine(tools, server, machine, architecture)
     looks_names_up(tools, server, emulator, peer)
-    original, back = f"{server.folder}/original", f"{server.folder}/back-{architecture}"
-    with open(original, "wb") as file:
-        file.write(os.urandom(8 << 20))
-    target = f"127.0.0.1:{server.port}"
-    with Tunnel(tools, server, far_side=["--", emulator, peer, "--allow", target]) as tunnel:
-        with tunnel.session("far", "echo out; exit 42") as command:
-            command.expect_status(42)
-            expect(command.out.text() == "out", "its standard output did not come through")
-        tunnel.run("scp", "-q", original, f"far:{back}")
-    expect(filecmp.cmp(original, back, shallow=False), "the copies differ")
+    with tunnel(tools, server, far_side=["--", emulator, peer, "--allow", server.address]) as clients:
+        clients.expect_command()
+        clients.expect_copies(8 << 20)
     print(f"{architecture}: {os.path.getsize(peer)} bytes", flush=True)
 
 
-def looks_names_up(tools, server, *far_side):
+def looks_names_up(tools, server, *peer):
     """Localhost in any case, and a name of the hosts file; a peer that knows no other name says so."""
     target = Target()
-    knows_names = "names: localhost" not in run([*far_side, "--version"])
+    knows_names = "names: localhost" not in run([*peer, "--version"])
     hosts = f"{server.folder}/hosts"
-    with open(hosts, "w", encoding="ascii") as file:
-        file.write("127.0.0.1 box.example\n")
-    there = ["unshare", "--mount", "sh", "-c", f'mount --bind "{hosts}" /etc/hosts && exec "$@"', "sh", *far_side]
-    ways = {"localhost": far_side, "box.example": there} if knows_names and os.geteuid() == 0 else {"localhost": far_side}
+    write(hosts, "127.0.0.1 box.example\n")
+    there = ["unshare", "--mount", "sh", "-c", f'mount --bind "{hosts}" /etc/hosts && exec "$@"', "sh", *peer]
+    ways = {"localhost": peer} | ({"box.example": there} if knows_names and os.geteuid() == 0 else {})
     for name, way in ways.items():
         named = target.address.replace("127.0.0.1", name)
-        with Child([tools.gx_ssh, "-W", "--target", named, "--", *way, "--allow", named, "--allow", target.address]) as host:
-            host.send("hello\n")
-            host.expect(host.out, "^hello$")
-            host.stdin.close()
-            host.expect_status(0)
+        with Host(tools, target, "-W", named, far_side=["--", *way, "--allow", named, "--allow", target.address]) as host:
+            host.converse()
     if not knows_names:
-        with Child([tools.gx_ssh, "-W", "--target", "box:9", "--", *far_side, "--allow", "box:9"]) as host:
+        with Host(tools, target, "-W", "box:9", far_side=["--", *peer, "--allow", "box:9"]) as host:
             host.expect_status(1)
             expect("built to ask no name servers" in host.err.text(), f"it said {host.err.text()}")
 
@@ -277,9 +216,8 @@ def goes_to_the_wrong_machine(tools, server, machine, architecture):
     folder = f"{server.folder}/{machine}"
     os.mkdir(folder)
     write_script(f"{folder}/uname", f"echo Linux {machine}")
-    sentence = f"gx-ssh-peer for {architecture} does not run there: it is for another kind of processor ("
-    target = Target()
-    FarSide(tools, folder, ("/bin/sh", f"{folder}:/usr/bin:/bin")).refuse(target, sentence, "--peer-dir", PEERS)
+    FarSide(tools, ("/bin/sh", f"{folder}:/usr/bin:/bin")).refuse(
+        f"gx-ssh-peer for {architecture} does not run there: it is for another kind of processor (", "--peer-dir", PEERS)
 
 
 SCENARIOS = {each.__name__: each for each in (into_a_chroot, into_a_virtual_machine, over_a_serial_line, over_ssh,

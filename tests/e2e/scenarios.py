@@ -2,9 +2,8 @@
 """What users do with the system, with the real programs: one scenario per call. The first is also the demo."""
 
 import argparse
-import hashlib
 import os
-import secrets
+import subprocess
 import sys
 import tempfile
 import time
@@ -13,12 +12,11 @@ import bringing
 import carriers
 import programs
 import relays
-from relays import expect
+from hosts import Host, expect, run_to_the_end, tunnel
 from terminal import Typist
-from throwaway import Failure, ProxyCommand, SshServer, Tunnel, bounded, nothing_left
+from throwaway import Clients, Failure, ProxyCommand, SshServer, bounded, nothing_left
 
-SCENARIOS = {**relays.SCENARIOS, **bringing.SCENARIOS, **carriers.SCENARIOS,
-             **programs.SCENARIOS}
+SCENARIOS = {**relays.SCENARIOS, **bringing.SCENARIOS, **carriers.SCENARIOS, **programs.SCENARIOS}
 
 
 def scenario(function):
@@ -30,82 +28,48 @@ def say(text):
     print(text, flush=True)
 
 
-def random_file(path, size_mib):
-    with open(path, "wb") as file:
-        for _ in range(size_mib):
-            file.write(secrets.token_bytes(1 << 20))
-
-
-def sha256(path):
-    with open(path, "rb") as file:
-        return hashlib.file_digest(file, "sha256").hexdigest()
-
-
-def timed_copy(tunnel, source, destination, size_mib):
-    start = time.monotonic()
-    tunnel.run("scp", "-q", source, destination)
-    seconds = time.monotonic() - start
-    return f"{seconds:.1f} s, {size_mib / seconds:.0f} MiB/s"
-
-
 @scenario
 def demo(tools, server):
     """A command, and a file there and back."""
-    say(f"sshd      listens on 127.0.0.1:{server.port}, with keys of its own")
-    with Tunnel(tools, server) as tunnel:
-        say(f"gx-ssh    forwards 127.0.0.1:{tunnel.port} to it through gx-ssh-peer")
-        answer = tunnel.run("ssh", "far", "echo it said $((6 * 7))").splitlines()
-        expect(answer[-1:] == ["it said 42"], f"the command through ssh printed {answer}")
+    say(f"sshd      listens on {server.address}, with keys of its own")
+    with tunnel(tools, server) as clients:
+        say("gx-ssh    forwards a port to it through gx-ssh-peer")
+        clients.expect_command()
         say("ssh       ran a command on the far side")
 
-        original, there, back = (f"{server.folder}/{name}" for name in ("original", "there", "back"))
-        random_file(original, tools.size_mib)
-        took = timed_copy(tunnel, original, f"far:{there}", tools.size_mib)
-        say(f"scp       took {tools.size_mib} MiB of random bytes there ({took})")
-        took = timed_copy(tunnel, f"far:{there}", back, tools.size_mib)
-        say(f"scp       brought them back ({took})")
-        expect(sha256(original) == sha256(there) == sha256(back), "the SHA-256 of the copies differ")
-        say(f"SHA-256   is the same for all three: {sha256(back)}")
+        start = time.monotonic()
+        clients.expect_copies(tools.size_mib << 20)
+        seconds = time.monotonic() - start
+        say(f"scp       took {tools.size_mib} MiB of random bytes there and back ({seconds:.1f} s), and they are the same")
     say("gx-ssh    ended in order")
 
 
 @scenario
-def sessions(tools, server):
-    """A command's two outputs and its status, a terminal and its shell's status; through a port and through -W."""
-    with Tunnel(tools, server) as tunnel:
-        for way in (tunnel, ProxyCommand(tools, server)):
-            with way.session("far", "echo out; echo err >&2; exit 42") as command:
-                command.expect_status(42)
-                expect(command.out.text() == "out", "its standard output did not come through")
-                expect("err" in command.err.text().split(), "its standard error did not come through")
-            with way.session("-tt", "far") as terminal:
-                terminal.send("echo typed-'by'-hand\n")
-                terminal.expect(terminal.out, "typed-by-hand")
-                terminal.send("exit 7\n")
-                terminal.expect_status(7)
+def proxies(tools, server):
+    """As ssh's proxy: -W, and --connect to a Unix socket as --print ssh-config says, whatever its path is like."""
+    ProxyCommand(tools, server).expect_command()
+    os.chdir(server.folder)
+    with Host(tools, server, "--listen", "unix:it's 50%h of a $HOME", "--print", "ssh-config") as host:
+        proxy = host.expect(host.out, r"^ *(ProxyCommand .*)$").group(1)
+        os.chdir("/")
+        Clients(server, proxy).expect_command()
+    nowhere = run_to_the_end([tools.gx_ssh, "--connect", f"unix:{server.folder}/none"], stdin=subprocess.DEVNULL)
+    expect(nowhere.returncode == 1 and b"No such file" in nowhere.stderr, "--connect to nothing:", nowhere)
 
 
 @scenario
 def another_far_side(tools, server):
-    """The example that knows docs/frames.md and nothing else: a command's status, a copy, a shared connection."""
+    """The example that knows docs/frames.md and nothing else."""
     example = os.path.join(os.path.dirname(os.path.abspath(__file__)), "../../examples/far_side.py")
-    original, back = f"{server.folder}/original", f"{server.folder}/back"
-    random_file(original, 4)
     for raw in ([], ["--raw"]):
-        carrier = [sys.executable, example, *raw, "--target", f"127.0.0.1:{server.port}"]
-        with Tunnel(tools, server, far_side=[*raw, "--", *carrier]) as tunnel:
-            with tunnel.session("far", "cat; exit 42") as session:
-                session.send("hello\n")
-                session.expect(session.out, "^hello$")
-                session.stdin.close()
-                session.expect_status(42)
-            tunnel.run("scp", "-q", original, f"far:{back}")
-            tunnel.run("scp", "-q", f"far:{back}", f"{back}-again")
-        expect(sha256(original) == sha256(back) == sha256(f"{back}-again"), "the copies differ")
+        carrier = [sys.executable, example, *raw, "--target", server.address]
+        with tunnel(tools, server, far_side=[*raw, "--", *carrier]) as clients:
+            clients.expect_command()
+            clients.expect_copies(1 << 20)
 
 
 @scenario
-def terminal(tools, _):
+def terminal(tools, _server):
     """Who gets what is typed, and who may write."""
     typist = Typist(tools)
     typist.interrupts_a_command()
@@ -137,8 +101,8 @@ def main():
     try:
         with bounded(arguments.limit_s):
             for _ in range(arguments.rounds):
-                with tempfile.TemporaryDirectory(prefix="gx-ssh-") as folder:
-                    with SshServer(folder) as server, nothing_left(folder):
+                with tempfile.TemporaryDirectory(prefix="gx-ssh-") as arguments.folder:
+                    with SshServer(arguments.folder) as server, nothing_left(arguments.folder):
                         SCENARIOS[arguments.scenario](arguments, server)
         say(f"{arguments.scenario} succeeded")
     except Failure as failure:

@@ -5,7 +5,7 @@ no time-out of its own is cut short by the alarm that `bounded` sets.
 """
 
 import contextlib
-import fcntl
+import filecmp
 import glob
 import os
 import pwd
@@ -35,14 +35,14 @@ class Stopped(Failure):
 @contextlib.contextmanager
 def bounded(seconds):
     """Turns the alarm, SIGTERM and SIGHUP into failures, so that the clean-up of every `with` block runs."""
+    ends = (signal.SIGALRM, signal.SIGTERM, signal.SIGHUP)
 
     def fail(number, _frame):
-        for each in (signal.SIGALRM, signal.SIGTERM, signal.SIGHUP):
+        for each in ends:
             signal.signal(each, signal.SIG_IGN)
-        reason = f"not done after {seconds} s" if number == signal.SIGALRM else signal.Signals(number).name
-        raise Stopped(reason)
+        raise Stopped(f"not done after {seconds} s" if number == signal.SIGALRM else signal.Signals(number).name)
 
-    for each in (signal.SIGALRM, signal.SIGTERM, signal.SIGHUP):
+    for each in ends:
         signal.signal(each, fail)
     # A shell's background job ignores these two, and what it starts would as well.
     signal.signal(signal.SIGINT, signal.default_int_handler)
@@ -123,6 +123,9 @@ class Child:
         self.stdin.write(text)
         self.stdin.flush()
 
+    def runs(self):
+        return self._process.poll() is None
+
     def signal(self, number):
         self._process.send_signal(number)
 
@@ -159,31 +162,6 @@ def write(path, text):
         file.write(text)
 
 
-@contextlib.contextmanager
-def privilege_separation_folder():
-    """As root, sshd needs /run/sshd, which is not there before the machine's own sshd has run once.
-
-    The last of those that run at the same time removes the folder, if one of them made it.
-    """
-    if os.geteuid() != 0:
-        yield
-        return
-    folder, mark = "/run/sshd", "/run/sshd.throwaway"
-    lock = os.open("/run", os.O_RDONLY | os.O_DIRECTORY)
-    try:
-        fcntl.flock(lock, fcntl.LOCK_SH)
-        with contextlib.suppress(FileExistsError):
-            os.mkdir(folder, 0o755)
-            write(mark, "")
-        yield
-    finally:
-        with contextlib.suppress(BlockingIOError, FileNotFoundError):
-            fcntl.flock(lock, fcntl.LOCK_EX | fcntl.LOCK_NB)
-            os.unlink(mark)
-            os.rmdir(folder)
-        os.close(lock)
-
-
 def write_script(path, text):
     write(path, f"#!/bin/sh\n{text}\n")
     os.chmod(path, 0o700)
@@ -205,17 +183,14 @@ class SshServer:
     def __init__(self, folder, *settings):
         """`settings` are lines of sshd_config that go before the others, and so over them."""
         self.folder = folder
-        self.port = 0
         self._settings = settings
-        self._exits = contextlib.ExitStack()
 
     def __enter__(self):
-        with contextlib.ExitStack() as undo:
-            undo.enter_context(privilege_separation_folder())
-            for key in ("host_key", "user_key"):
-                run(["ssh-keygen", "-q", "-t", "ed25519", "-N", "", "-C", key, "-f", f"{self.folder}/{key}"])
-            self._daemon = undo.enter_context(self._start())
-            self._exits = undo.pop_all()
+        if os.geteuid() == 0:  # as the machine's own sshd does when it starts
+            os.makedirs("/run/sshd", exist_ok=True)
+        for key in ("host_key", "user_key"):
+            run(["ssh-keygen", "-q", "-t", "ed25519", "-N", "", "-C", key, "-f", f"{self.folder}/{key}"])
+        self._daemon = self._start()
         return self
 
     @property
@@ -223,7 +198,7 @@ class SshServer:
         return self._daemon.pid
 
     def __exit__(self, *failure):
-        with self._exits:
+        with self._daemon:
             self._daemon.signal(signal.SIGTERM)
             if failure[0] is None:
                 self._daemon.wait()
@@ -232,6 +207,7 @@ class SshServer:
         # Another program may take the port between the probe and sshd's bind.
         for _ in range(5):
             self.port = free_port()
+            self.address = f"127.0.0.1:{self.port}"
             self._write_config()
             daemon = Child([self._program(), "-D", "-e", "-f", f"{self.folder}/sshd_config"])
             if daemon.err.wait_for(r"^Server listening on ", READY_S):
@@ -258,7 +234,7 @@ class SshServer:
         indent = "\n            "
         write(f"{self.folder}/sshd_config", f"""
             {indent.join(self._settings)}
-            ListenAddress 127.0.0.1:{self.port}
+            ListenAddress {self.address}
             HostKey "{self.folder}/host_key"
             AuthorizedKeysFile "{self.folder}/user_key.pub"
             AllowUsers {user_name()}
@@ -310,9 +286,28 @@ class Clients:
     def run(self, program, *arguments):
         return run(self.command(program, *arguments))
 
-    def session(self, *arguments):
-        """An ssh session as a child to talk to."""
-        return Child(self.command("ssh", *arguments))
+    def expect_command(self, timeout=END_S):
+        """A command's input, both its outputs and its status; returns what ssh and its proxy said beside it."""
+        with Child(self.command("ssh", "far", "cat; echo err >&2; exit 42")) as session:
+            session.send("hello\n")
+            session.expect(session.out, "^hello$", timeout)
+            session.stdin.close()
+            session.expect_status(42, timeout)
+            said = session.err.text().splitlines()
+            if session.out.text() != "hello" or "err" not in said:
+                raise Failure(f"ssh printed {session.out.text()!r} and {said}")
+            said.remove("err")
+            return "\n".join(said)
+
+    def expect_copies(self, size, folder=None):
+        """A copy there and one back are the same. `folder` is one over there."""
+        original, there, back = f"{self.folder}/original", f"{folder or self.folder}/there", f"{self.folder}/back"
+        with open(original, "wb") as file:
+            file.write(os.urandom(size))
+        self.run("scp", "-q", original, f"far:{there}")
+        self.run("scp", "-q", f"far:{there}", back)
+        if not filecmp.cmp(original, back, shallow=False):
+            raise Failure("the copies differ")
 
 
 def started_with(marker):
@@ -350,44 +345,9 @@ class ProxyCommand(Clients):
     """ssh starts gx-ssh -W for each connection. There is a banner before the far side's first word."""
 
     def __init__(self, tools, server):
-        target = f"127.0.0.1:{server.port}"
         program = f"{server.folder}/proxy"
         super().__init__(server, "HostName 127.0.0.1", f"Port {server.port}", f"ProxyCommand {program} %h:%p")
         write_script(program, f"""
             exec "{tools.gx_ssh}" -q -W "$1" -- \\
-              sh -c 'echo "a banner"; exec "$@"' sh "{tools.gx_ssh_peer}" -q --allow {target}
+              sh -c 'echo "a banner"; exec "$@"' sh "{tools.gx_ssh_peer}" -q --allow {server.address}
             """)
-
-
-class Tunnel(Clients):
-    """gx-ssh between clients and the server: with gx-ssh-peer as a process of its own or, `local`, inside, or with the
-    arguments in `far_side`."""
-
-    def __init__(self, tools, server, local=False, far_side=None):
-        self._server = server
-        target = f"127.0.0.1:{server.port}"
-        far_side = far_side or (["--local"] if local else ["--", tools.gx_ssh_peer, "--allow", target])
-        self._command = [tools.gx_ssh, "--target", target, *far_side]
-        self._over = False
-
-    def __enter__(self):
-        self.host = Child(self._command)
-        try:
-            self.port = self.host.expect(self.host.out, r"^127\.0\.0\.1:(\d+)$").group(1)
-            super().__init__(self._server, "HostName 127.0.0.1", f"Port {self.port}")
-        except BaseException:
-            self.host.__exit__()
-            raise
-        return self
-
-    def __exit__(self, *failure):
-        with self.host:
-            if failure[0] is None and not self._over:
-                self.stop()
-
-    def stop(self, number=signal.SIGTERM, status=0):
-        """Ends the tunnel with that signal (0: it ends by itself)."""
-        self._over = True
-        if number:
-            self.host.signal(number)
-        self.host.expect_status(status)

@@ -49,6 +49,14 @@ def kernel():
     return None
 
 
+def fill_with_busybox(folder):
+    os.makedirs(folder)
+    for name in run([BUSYBOX, "--list"]).split():
+        os.symlink("busybox", f"{folder}/{name}")
+    os.unlink(f"{folder}/busybox")
+    shutil.copy(BUSYBOX, folder)
+
+
 def copy_program(root, program):
     """With its libraries, where they lie here."""
     for file in [program, *re.findall(r"/\S+", run(["ldd", program]))]:
@@ -58,12 +66,9 @@ def copy_program(root, program):
 
 def make_root(root, modules, server):
     """`server` gives the keys."""
-    for folder in ("bin", "dev", "etc", "lib/virtio", "proc", "root", "run/sshd", "sys", "tmp"):
+    for folder in ("dev", "etc", "lib/virtio", "proc", "root", "run/sshd", "sys", "tmp"):
         os.makedirs(f"{root}/{folder}")
-    shutil.copy(BUSYBOX, f"{root}/bin/busybox")
-    for name in run([BUSYBOX, "--list"]).split():
-        if name != "busybox":
-            os.symlink("busybox", f"{root}/bin/{name}")
+    fill_with_busybox(f"{root}/bin")
     os.symlink("bin/busybox", f"{root}/init")
     for number, name in enumerate(MODULES):
         for module in glob.glob(f"{modules}/kernel/drivers/*/{name}.ko"):

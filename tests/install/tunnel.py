@@ -7,7 +7,7 @@ import threading
 
 sys.path.insert(0, f"{os.path.dirname(os.path.realpath(__file__))}/../e2e")
 
-from relays import ADDRESS, Target, connect, expect_answer  # noqa: E402
+from hosts import ADDRESS, Target, connect, expect_answer  # noqa: E402
 from throwaway import Child, Failure, run  # noqa: E402,F401
 
 TARGET = "TARGET"  # in a command line: the address of an echo server

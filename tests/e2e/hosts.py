@@ -1,0 +1,175 @@
+"""gx-ssh before gx-ssh-peer and an echo server, clients that go through, and what is expected of them."""
+
+import contextlib
+import functools
+import os
+import re
+import selectors
+import signal
+import socket
+import subprocess
+import threading
+import time
+
+from throwaway import END_S, READY_S, Child, Clients, Failure
+
+ADDRESS = r"^(unix:.*|127\.0\.0\.1:\d+|\[::\]:\d+)$"
+
+
+def expect(condition, *what):
+    if not condition:
+        raise Failure(" ".join(map(str, what)))
+
+
+def eventually(condition, what):
+    limit = time.monotonic() + READY_S
+    while not condition():
+        expect(time.monotonic() < limit, what)
+        time.sleep(0.01)
+
+
+def read(path):
+    with open(path, encoding="utf-8") as file:
+        return file.read()
+
+
+def run_to_the_end(command, **options):
+    """Whatever the status is."""
+    return subprocess.run(command, **{"check": False, "capture_output": True, "timeout": END_S, **options})
+
+
+class Target:
+    """Answers each connection with what it has sent: at once, or (`last`) when it has sent its last byte. Ends with
+    this program."""
+
+    def __init__(self, last=False, path=None):
+        """`path` is that of a Unix socket, before which few can wait."""
+        self._last = last
+        if path:
+            self._listener = socket.socket(socket.AF_UNIX)
+            self._listener.bind(path)
+            self._listener.listen(2)
+            self.address = f"unix:{path}"
+        else:
+            self._listener = socket.create_server(("127.0.0.1", 0), backlog=1024)
+            self.address = "127.0.0.1:%d" % self._listener.getsockname()[1]
+        self.connections = 0
+        threading.Thread(target=self._serve, daemon=True).start()
+
+    def _serve(self):
+        owed = {}
+        ready = selectors.DefaultSelector()
+        ready.register(self._listener, selectors.EVENT_READ)
+        while True:
+            for key, _ in ready.select():
+                if key.fileobj is self._listener:
+                    client, _ = self._listener.accept()
+                    ready.register(client, selectors.EVENT_READ)
+                    owed[client] = b""
+                    self.connections += 1
+                elif not self._answer(key.fileobj, owed):
+                    ready.unregister(key.fileobj)
+                    key.fileobj.close()
+
+    def _answer(self, client, owed):
+        try:
+            piece = client.recv(1 << 16)
+            owed[client] += piece
+            if piece and self._last:
+                return True
+            client.sendall(owed.pop(client))
+            owed[client] = b""
+        except OSError:
+            return False
+        return piece
+
+
+class Host(Child):
+    """gx-ssh, which leads to `target`. Leaving the `with` block ends it in order."""
+
+    def __init__(self, tools, target, *options, far_side=None, shell=None, allowed="", through=(), **more):
+        """In the options @TARGET is its address. `far_side` or the `shell` commands say what the far side is; by itself
+        gx-ssh-peer, which may open `allowed`, too. There the carrier's own status tells nothing, and a carrier that
+        could speak for gx-ssh does not become ready."""
+        self._peer = f"{tools.folder}/pid"
+        allowed = f"--allow {target.address} {allowed}"
+        peer = ('test -z "$NOTIFY_SOCKET$LISTEN_FDS" && '
+                f"sh -c 'echo $$ >{self._peer}; exec {tools.gx_ssh_peer} {allowed}'; exit 9")
+        own = [] if {"-L", "-W"} & set(options) and "--listen" not in options else ["--target", target.address]
+        told = [word.replace("@TARGET", target.address) for word in options]
+        super().__init__([*through, tools.gx_ssh, *own, *told,
+                          *(["--", "sh", "-c", shell or peer] if far_side is None else far_side)], **more)
+
+    def __exit__(self, *failure):
+        with contextlib.ExitStack() as exits:
+            exits.push(super().__exit__)
+            if failure[0] is None and self.runs():
+                self.stop()
+
+    @functools.cached_property
+    def address(self):
+        """The first one at which it listens."""
+        return self.expect(self.out, ADDRESS).group(1)
+
+    def addresses(self, count):
+        found = []
+
+        def told():
+            found[:] = re.findall(ADDRESS, self.out.text(), re.MULTILINE)
+            return len(found) == count
+        eventually(told, "not all addresses were told")
+        return found
+
+    @property
+    def peer(self):
+        """The process number of gx-ssh-peer."""
+        return int(read(self._peer))
+
+    def connect(self):
+        return connect(self.address)
+
+    def converse(self, line="hello", ends=True):
+        """Over its standard input and output: sends a line and gets it back."""
+        self.send(f"{line}\n")
+        self.expect(self.out, f"^{line}$", timeout=120)
+        if ends:
+            self.stdin.close()
+            self.expect_status(0)
+
+    def stop(self, number=signal.SIGTERM, status=0):
+        self.signal(number)
+        self.expect_status(status)
+
+
+@contextlib.contextmanager
+def tunnel(tools, server, *options, **more):
+    """ssh and scp through a port of gx-ssh."""
+    with Host(tools, server, *options, **more) as host:
+        yield Clients(server, "HostName 127.0.0.1", f"Port {host.address.rpartition(':')[2]}")
+
+
+def connect(address):
+    client = socket.socket(socket.AF_UNIX if address.startswith("unix:") else socket.AF_INET)
+    client.settimeout(READY_S)
+    host, _, port = address.rpartition(":")
+    client.connect(port if host == "unix" else (host.replace("[::]", "127.0.0.1"), int(port)))
+    return client
+
+
+def expect_answer(client, text, what):
+    """The answer, or the end of a connection that is over."""
+    received = b""
+    with contextlib.suppress(ConnectionError):
+        while len(received) < len(text) and (piece := client.recv(1 << 16)):
+            received += piece
+    expect(received == text, f"{what}: {len(received)} bytes of {len(text)} came back")
+
+
+def expect_echo(client, what):
+    client.sendall(b"hello")
+    expect_answer(client, b"hello", what)
+
+
+def expect_end(client, what):
+    with contextlib.suppress(ConnectionResetError):
+        expect(not client.recv(1), what, "got a byte")
