@@ -132,7 +132,7 @@ def bring_again(tools, _server):
         os.chmod(peer, 0o600)
         far.carry()
         far.expect_one_file()
-        host.stdin.close()
+        host.converse()
     far.carry("--bring-once")  # what is there is not used for one time
     far.expect_one_file()
     # In a folder that others can write to nothing is run, and nothing is put.

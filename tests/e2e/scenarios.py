@@ -13,10 +13,11 @@ import carriers
 import programs
 import relays
 from hosts import Host, expect, run_to_the_end, tunnel
-from terminal import Typist
+from terminal import terminal
 from throwaway import Clients, Failure, ProxyCommand, SshServer, bounded, nothing_left
 
-SCENARIOS = {**relays.SCENARIOS, **bringing.SCENARIOS, **carriers.SCENARIOS, **programs.SCENARIOS}
+SCENARIOS = {**relays.SCENARIOS, **bringing.SCENARIOS, **carriers.SCENARIOS, **programs.SCENARIOS,
+             "terminal": terminal}
 
 
 def scenario(function):
@@ -66,20 +67,6 @@ def another_far_side(tools, server):
         with tunnel(tools, server, far_side=[*raw, "--", *carrier]) as clients:
             clients.expect_command()
             clients.expect_copies(1 << 20)
-
-
-@scenario
-def terminal(tools, _server):
-    """Who gets what is typed, and who may write."""
-    typist = Typist(tools)
-    typist.interrupts_a_command()
-    typist.interrupts_a_carrier()
-    typist.goes_on_in_a_script()
-    typist.suspends_and_continues()
-    typist.has_another_carrier_ask()
-    typist.suspends_where_no_shell_could_continue()
-    typist.is_stopped_inside_a_script()
-    typist.has_it_in_the_background()
 
 
 def parse_arguments():

@@ -90,13 +90,13 @@ class Lines:
 
 
 class Child:
-    """A program in a session of its own. Leaving the `with` block kills whatever is left of it."""
+    """A program in a group of its own. Leaving the `with` block kills whatever is left of it."""
 
     def __init__(self, command, **options):
         self.name = os.path.basename(command[0])
         self._process = subprocess.Popen(
             command, stdin=subprocess.PIPE, stdout=subprocess.PIPE, stderr=subprocess.PIPE,
-            text=True, errors="replace", start_new_session=True, **options)
+            text=True, errors="replace", **{"start_new_session": True, **options})
         self.pid = self._process.pid
         self.stdin = self._process.stdin
         self.out = Lines(self._process.stdout)

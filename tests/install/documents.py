@@ -1,17 +1,19 @@
 #!/usr/bin/env python3
 """Every option that a program's --help tells is in its manual page and in each completion, and no other is; and
-docs/screens.md shows that help."""
+docs/screens.md shows that help. Arguments: the sources and the programs."""
 
-import argparse
 import re
 import shutil
-import subprocess
+import sys
+
+from tunnel import expect, run
 
 OPTION = r"--?[A-Za-z][A-Za-z-]*"
 
 
-def help_of(program):
-    return subprocess.run([program, "--help"], check=True, capture_output=True, text=True, timeout=30).stdout
+def read(path):
+    with open(path, encoding="ascii") as file:
+        return file.read()
 
 
 def of_help(text):
@@ -52,18 +54,11 @@ def of_fish(text, _name):
     return {"--" + word for word in re.findall(r" -l (\S+)", text)} | {"-" + word for word in re.findall(r" -s (\S)", text)}
 
 
-def check_syntax(shell, path):
-    if shutil.which(shell):
-        subprocess.run([shell, "-n", path], check=True, timeout=30)
-
-
 def offers_files(source, name, option):
     """Whether bash completes the value of an option with the names of files."""
     script = f"""source "$1"; COMP_WORDS=({name} {option} LIC); COMP_CWORD=2; compgen() {{ echo "$*"; }}
 _{name.replace("-", "_")}; echo "${{COMPREPLY[*]}}" """
-    result = subprocess.run(["bash", "-c", script, "bash", f"{source}/completions/gx-ssh.bash"],
-                            check=True, capture_output=True, text=True, timeout=30)
-    return result.stdout.startswith("-f ")
+    return run(["bash", "-c", script, "bash", f"{source}/completions/gx-ssh.bash"]).startswith("-f ")
 
 
 def mistaken_files(source, name, text):
@@ -73,42 +68,26 @@ def mistaken_files(source, name, text):
             if offers_files(source, name, option) != (kind in ("FILE", "PATH"))]
 
 
-def unknown_packages(source):
-    """Packages that a manual page names and nobody builds."""
-    with open(f"{source}/docs/man/gx-control-ssh.7", encoding="ascii") as page, \
-            open(f"{source}/cmake/GxPackage.cmake", encoding="ascii") as list_:
-        return set(re.findall(r"^\.Sy (\S+)", page.read(), re.MULTILINE)) - set(
-            re.findall(r"gx_package\(\S+ (\S+)", list_.read()))
-
-
-def main():
-    parser = argparse.ArgumentParser(description=__doc__)
-    parser.add_argument("--source", required=True)
-    parser.add_argument("programs", nargs="+")
-    arguments = parser.parse_args()
-
-    mistakes = [f"there is no package {name}" for name in unknown_packages(arguments.source)]
-    for program in arguments.programs:
-        name, text = program.rsplit("/", 1)[1], help_of(program)
-        mistakes += [f"{name} {option}: wrong about files" for option in mistaken_files(arguments.source, name, text)]
-        with open(f"{arguments.source}/docs/screens.md", encoding="ascii") as page:
-            mistakes += [] if is_on_page(page.read(), name, text) else [f"docs/screens.md: {name} --help shows:\n{text}"]
-        told = of_help(text)
-        for path, shell, read in (
-            (f"docs/man/{name}.1", None, of_page),
-            ("completions/gx-ssh.bash", "bash", of_bash),
-            ("completions/_gx-ssh", "zsh", of_zsh),
-            (f"completions/{name}.fish", "fish", of_fish),
-        ):
-            path = f"{arguments.source}/{path}"
-            if shell:
-                check_syntax(shell, path)
-            with open(path, encoding="ascii") as file:
-                found = read(file.read(), name)
-            mistakes += [f"{path}: {name} {option} is missing" for option in sorted(told - found)]
-            mistakes += [f"{path}: {name} has no {option}" for option in sorted(found - told)]
-    if mistakes or not told:
-        raise SystemExit("\n".join(mistakes))
-
-
-main()
+source, *programs = sys.argv[1:]
+named = set(re.findall(r"^\.Sy (\S+)", read(f"{source}/docs/man/gx-control-ssh.7"), re.MULTILINE))
+built = set(re.findall(r"gx_package\(\S+ (\S+)", read(f"{source}/cmake/GxPackage.cmake")))
+mistakes = [f"there is no package {name}" for name in named - built]
+for program in programs:
+    name, text = program.rsplit("/", 1)[1], run([program, "--help"])
+    mistakes += [f"{name} {option}: wrong about files" for option in mistaken_files(source, name, text)]
+    if not is_on_page(read(f"{source}/docs/screens.md"), name, text):
+        mistakes.append(f"docs/screens.md: {name} --help shows:\n{text}")
+    told = of_help(text)
+    for path, shell, options in (
+        (f"docs/man/{name}.1", None, of_page),
+        ("completions/gx-ssh.bash", "bash", of_bash),
+        ("completions/_gx-ssh", "zsh", of_zsh),
+        (f"completions/{name}.fish", "fish", of_fish),
+    ):
+        path = f"{source}/{path}"
+        if shell and shutil.which(shell):
+            run([shell, "-n", path])
+        found = options(read(path), name)
+        mistakes += [f"{path}: {name} {option} is missing" for option in sorted(told - found)]
+        mistakes += [f"{path}: {name} has no {option}" for option in sorted(found - told)]
+expect(told and not mistakes, *mistakes)

@@ -1,64 +1,41 @@
 #!/usr/bin/env python3
-"""Installs the build, moves the tree, builds the example host against it and sends bytes through."""
+"""Installs the build, moves the tree, builds the example host against it and sends bytes through.
 
-import argparse
+Arguments: the build's folder, cmake, the compiler and its flags.
+"""
+
 import glob
 import os
+import sys
 import tempfile
 
-from tunnel import TARGET, check_tunnel, end_input, interrupt, run
-
-
-def install(arguments, scratch):
-    """The tree is moved after it was installed: no path in it may point to where it was."""
-    run([arguments.cmake, "--install", arguments.build, "--prefix", f"{scratch}/first"])
-    os.rename(f"{scratch}/first", f"{scratch}/moved")
-    return f"{scratch}/moved"
+from tunnel import TARGET, check_tunnel, expect, run
 
 
 def the_one(pattern):
     found = glob.glob(pattern, recursive=True)
-    if len(found) != 1:
-        raise SystemExit(f"{pattern}: {found}")
+    expect(len(found) == 1, pattern, found)
     return found[0]
 
 
-def build_with_cmake(arguments, prefix, scratch):
-    source = os.path.dirname(the_one(f"{prefix}/share/doc/**/minimal_host.cc"))
-    build = f"{scratch}/build"
-    run([arguments.cmake, "-S", source, "-B", build, f"-DCMAKE_PREFIX_PATH={prefix}",
-         f"-DCMAKE_CXX_COMPILER={arguments.compiler}", f"-DCMAKE_CXX_FLAGS={arguments.flags}"])
-    run([arguments.cmake, "--build", build])
-    return f"{build}/minimal_host"
-
-
-def build_with_pkg_config(arguments, prefix, scratch):
-    where = dict(os.environ, PKG_CONFIG_PATH=os.path.dirname(the_one(f"{prefix}/**/gxmod.pc")))
-    flags = run(["pkg-config", "--cflags", "--libs", "gxmod"], env=where).split()
-    module = run(["pkg-config", "--variable=module", "gxmod"], env=where).strip()
+build, cmake, compiler, *flags = sys.argv[1:]
+with tempfile.TemporaryDirectory(dir=build) as scratch:
+    # No path in the tree may point to where it was when it was installed.
+    prefix = f"{scratch}/moved"
+    run([cmake, "--install", build, "--prefix", f"{scratch}/first"])
+    os.rename(f"{scratch}/first", prefix)
     source = the_one(f"{prefix}/share/doc/**/minimal_host.cc")
-    program = f"{scratch}/minimal_host"
-    run([arguments.compiler, *arguments.flags.split(), "-std=c++17", f'-DGXMOD_MODULE="{module}"', source, *flags,
-         "-ldl", "-o", program])
-    return program
 
+    run([cmake, "-S", os.path.dirname(source), "-B", f"{scratch}/build", f"-DCMAKE_PREFIX_PATH={prefix}",
+         f"-DCMAKE_CXX_COMPILER={compiler}", f"-DCMAKE_CXX_FLAGS={' '.join(flags)}"])
+    run([cmake, "--build", f"{scratch}/build"])
 
-def main():
-    parser = argparse.ArgumentParser(description=__doc__)
-    for name in ("--build", "--cmake", "--compiler"):
-        parser.add_argument(name, required=True)
-    parser.add_argument("--flags", default="")
-    parser.add_argument("finder", choices=("cmake", "pkg-config"))
-    arguments = parser.parse_args()
+    where = dict(os.environ, PKG_CONFIG_PATH=os.path.dirname(the_one(f"{prefix}/**/gxmod.pc")))
+    found = run(["pkg-config", "--cflags", "--libs", "gxmod"], env=where).split()
+    module = run(["pkg-config", "--variable=module", "gxmod"], env=where).strip()
+    run([compiler, *flags, "-std=c++17", f'-DGXMOD_MODULE="{module}"', source, *found, "-ldl", "-o", f"{scratch}/host"])
 
-    with tempfile.TemporaryDirectory(dir=arguments.build) as scratch:
-        prefix = install(arguments, scratch)
-        build = build_with_cmake if arguments.finder == "cmake" else build_with_pkg_config
-        program = build(arguments, prefix, scratch)
-        for end in (end_input, interrupt):
-            check_tunnel(end, [program, TARGET, f"{prefix}/bin/gx-ssh-peer", "--raw", "--allow", TARGET])
-        # With the module that it finds in its own tree.
-        check_tunnel(interrupt, [f"{prefix}/bin/gx-ssh", "--local", "--target", TARGET])
-
-
-main()
+    for by_signal, host in ((False, f"{scratch}/build/minimal_host"), (True, f"{scratch}/host")):
+        check_tunnel(host, TARGET, f"{prefix}/bin/gx-ssh-peer", "--raw", "--allow", TARGET, by_signal=by_signal)
+    # With the module that it finds in its own tree.
+    check_tunnel(f"{prefix}/bin/gx-ssh", "--local", "--target", TARGET)

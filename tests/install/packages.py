@@ -1,17 +1,15 @@
 #!/usr/bin/env python3
-"""Builds the Debian packages, looks into them, and can install and purge them below a folder of its own."""
+"""Builds the Debian packages, looks into them, and can install and purge them below a folder of its own.
 
-import argparse
+Arguments: the build's folder, cmake and cpack; then --install, as root, of a tree that was configured for /usr.
+"""
+
 import glob
 import os
+import sys
 import tempfile
 
-from tunnel import Failure, run
-
-
-def check(holds, complaint):
-    if not holds:
-        raise Failure(complaint)
+from tunnel import expect, run
 
 
 def files_below(folder):
@@ -25,16 +23,16 @@ def without_gz(names):
 def look_into(package, scratch):
     """The files of one package that a plain installation has, too."""
     name, depends = (run(["dpkg-deb", "-f", package, field]).strip() for field in ("Package", "Depends"))
-    check(("libgx-control-ssh (=" in depends) == (name in ("gx-ssh", "libgxmod-dev")), f"{name} depends on {depends}")
+    expect(("libgx-control-ssh (=" in depends) == (name in ("gx-ssh", "libgxmod-dev")), f"{name} depends on {depends}")
     for line in run(["dpkg-deb", "-c", package]).splitlines():
         mode, owner = line.split()[:2]
-        check(owner == "root/root" and mode[5] != "w" and mode[8] != "w", f"{name}: {line}")
+        expect(owner == "root/root" and mode[5] != "w" and mode[8] != "w", f"{name}: {line}")
     run(["dpkg-deb", "-x", package, f"{scratch}/{name}"])
     files = files_below(f"{scratch}/{name}")
     own = {f"usr/share/doc/{name}/copyright", f"usr/share/doc/{name}/changelog.Debian.gz"}
-    check(own <= files, f"{name} has {files}")
+    expect(own <= files, f"{name} has {files}")
     for file in files:
-        check("/man/" not in file or file.endswith(".gz"), f"{name}: {file} is not compressed")
+        expect("/man/" not in file or file.endswith(".gz"), f"{name}: {file} is not compressed")
     return files - own
 
 
@@ -46,31 +44,21 @@ def install_and_purge(packages, root):
     for _ in ("first", "over itself"):
         run([*dpkg, "-i", *packages])
     told = run([f"{root}/usr/bin/gx-ssh", "--version"])
-    check(f"({root}/usr/lib" in told, f"the installed gx-ssh says {told}")
+    expect(f"({root}/usr/lib" in told, f"the installed gx-ssh says {told}")
     run([*dpkg, "--purge", *(run(["dpkg-deb", "-f", package, "Package"]).strip() for package in packages)])
     left = [name for name in os.listdir(root) if name != "var"]
-    check(not left, f"left behind: {left}")
+    expect(not left, f"left behind: {left}")
 
 
-def main():
-    parser = argparse.ArgumentParser(description=__doc__)
-    for name in ("--build", "--cmake", "--cpack"):
-        parser.add_argument(name, required=True)
-    parser.add_argument("--install", action="store_true", help="as root, of a tree that was configured for /usr")
-    arguments = parser.parse_args()
-
-    with tempfile.TemporaryDirectory(dir=os.path.abspath(arguments.build)) as scratch:
-        run([arguments.cpack, "--config", f"{arguments.build}/CPackConfig.cmake", "-B", f"{scratch}/debs", "-D", "CPACK_DEBIAN_COMPRESSION_TYPE=gzip"])
-        packages = sorted(glob.glob(f"{scratch}/debs/*.deb"))
-        contents = [look_into(package, scratch) for package in packages]
-        run([arguments.cmake, "--install", arguments.build, "--prefix", f"{scratch}/tree/usr"])
-        installed = files_below(f"{scratch}/tree")
-        packed = set().union(*contents)
-        check(sum(map(len, contents)) == len(packed), "a file is in two packages")
-        installed = without_gz(installed)
-        check(without_gz(packed) == installed, f"in one only: {without_gz(packed) ^ installed}")
-        if arguments.install:
-            install_and_purge(packages, f"{scratch}/root")
-
-
-main()
+build, cmake, cpack, *install = sys.argv[1:]
+with tempfile.TemporaryDirectory(dir=os.path.abspath(build)) as scratch:
+    run([cpack, "--config", f"{build}/CPackConfig.cmake", "-B", f"{scratch}/debs", "-D",
+         "CPACK_DEBIAN_COMPRESSION_TYPE=gzip"])
+    packages = sorted(glob.glob(f"{scratch}/debs/*.deb"))
+    contents = [look_into(package, scratch) for package in packages]
+    run([cmake, "--install", build, "--prefix", f"{scratch}/tree/usr"])
+    installed, packed = files_below(f"{scratch}/tree"), set().union(*contents)
+    expect(sum(map(len, contents)) == len(packed), "a file is in two packages")
+    expect(without_gz(packed) == without_gz(installed), "in one only:", without_gz(packed) ^ without_gz(installed))
+    if install:
+        install_and_purge(packages, f"{scratch}/root")

@@ -7,22 +7,14 @@ import threading
 
 sys.path.insert(0, f"{os.path.dirname(os.path.realpath(__file__))}/../e2e")
 
-from hosts import ADDRESS, Target, connect, expect_answer  # noqa: E402
-from throwaway import Child, Failure, run  # noqa: E402,F401
+from hosts import ADDRESS, Target, connect, expect, expect_answer, run_to_the_end  # noqa: E402,F401
+from throwaway import Child, run  # noqa: E402,F401
 
 TARGET = "TARGET"  # in a command line: the address of an echo server
 
 
-def end_input(program):
-    program.stdin.close()
-
-
-def interrupt(program):
-    program.signal(signal.SIGINT)
-
-
-def check_tunnel(end, command):
-    """Sends bytes through `command`, whose first line is the tunnel's address; then tells it to `end`."""
+def check_tunnel(*command, by_signal=True):
+    """Sends bytes through `command`, whose first line is the tunnel's address; then ends it, or its input."""
     target = Target()
     sent = os.urandom(1 << 20)
     with Child([word.replace(TARGET, target.address) for word in command]) as program:
@@ -31,5 +23,8 @@ def check_tunnel(end, command):
             sender.start()
             expect_answer(client, sent, "the tunnel")
             sender.join()
-        end(program)
+        if by_signal:
+            program.signal(signal.SIGINT)
+        else:
+            program.stdin.close()
         program.expect_status(0)
