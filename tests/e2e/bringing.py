@@ -12,9 +12,9 @@ import shutil
 import stat
 import sys
 
-from hosts import Host, Target, expect, run_to_the_end
+from hosts import Host, Target
 from terminal import INTERRUPT, Terminal
-from throwaway import Child, run, write, write_script
+from throwaway import Child, expect, run, run_to_the_end, write, write_script
 
 HERE = os.path.dirname(os.path.abspath(__file__))
 CUTS = 6
@@ -168,7 +168,8 @@ def bring_probes(tools, _server):
           Child([*probe, "--json", "--", *known.shell]) as second):
         first.expect_status(0)
         second.expect_status(0)
-    for line in (r"^brought     [\d.]+ [KM]iB in ", r'^noise       "Welcome\\n"$', r"^rate back   \d", "^verdict     usable$"):
+    for line in (r"^brought     [\d.]+ [KM]iB in ", r'^noise       "Welcome\\n"$', r"^rate back   \d",
+                 "^verdict     usable$"):
         expect(re.search(line, first.out.text(), re.MULTILINE), f"no {line} in {first.out.text()}")
     far.expect_one_file()
     expect('"brought_bytes":0,' in second.out.text(), second.out.text())
@@ -177,9 +178,9 @@ def bring_probes(tools, _server):
            refused)
 
 
-def fake_peers(folder, content, digest=None, size=None):
-    """What there is to bring: `content` for this machine."""
-    path = f"{folder}/{os.uname().machine}/gx-ssh-peer"
+def fake_peers(folder, content, digest=None, size=None, machine=os.uname().machine):
+    """What there is to bring: `content` for that machine."""
+    path = f"{folder}/{machine}/gx-ssh-peer"
     os.makedirs(os.path.dirname(path))
     with open(path, "wb") as file:
         file.write(content)
@@ -191,8 +192,8 @@ def fake_peers(folder, content, digest=None, size=None):
     return folder
 
 
-# What is said here and what gx-ssh-peer hears of it: gx-ssh's own targets are permitted by themselves, and times that are
-# as usual are not told.
+# What is said here and what gx-ssh-peer hears of it: gx-ssh's own targets are permitted by themselves, and times that
+# are as usual are not told.
 ORDERS = (
     ((), "--allow 127.0.0.1:22"),
     (("-W", "box:2222"), "--allow box:2222"),
@@ -211,7 +212,8 @@ def bring_passes_on(tools, server):
     for options, heard in ORDERS:
         for once in ([], [], ["--bring-once"]):
             done = run_to_the_end([tools.gx_ssh, "--bring", "--peer-dir", peers, *once, *options, "--", *far.shell])
-            expect(done.returncode == 4 and f"heard {heard}." in done.stderr.decode(), f"not {heard!r} but\n{done.stderr}")
+            said = done.stderr.decode()
+            expect(done.returncode == 4 and f"heard {heard}." in said, f"not {heard!r} but\n{said}")
 
 
 def bring_shows_progress(tools, _server):
@@ -226,13 +228,22 @@ def bring_shows_progress(tools, _server):
         terminal.expect_status(0)
 
 
+def calls_itself(tools, name):
+    """A far side that says so when it is asked for its system and its processor."""
+    far = FarSide(tools, ("/bin/sh", f"{tools.folder}/{name}:/usr/bin:/bin"))
+    os.mkdir(f"{tools.folder}/{name}")
+    write_script(f"{tools.folder}/{name}/uname", f"echo {name}")
+    return far
+
+
 def bring_refused(tools, server):
     """Each far side where it cannot work has a sentence of its own, and nothing is left there."""
     folder = server.folder
     other = fake_peers(f"{folder}/other", b"#!/bin/sh\necho I am another >&2\nexit 3\n")
     wrong = fake_peers(f"{folder}/wrong", b"#!/bin/sh\n", digest="0" * 64)
     short = fake_peers(f"{folder}/short", b"#!/bin/sh\n", size=20)
-    foreign = fake_peers(f"{folder}/foreign", b"\x7fELF\x02\x01\x01" + bytes(9) + b"\x02\x00\xff\xfe" + bytes(100))
+    program = b"\x7fELF\x02\x01\x01" + bytes(9) + b"\x02\x00\xff\xfe" + bytes(100)  # for no processor
+    foreign = fake_peers(f"{folder}/foreign", program)
     far = FarSide(tools)
     for sentence, through, *options in (
         ("does not run there: \"I am another", [], "--peer-dir", other),
@@ -244,14 +255,18 @@ def bring_refused(tools, server):
         ("the line changes bytes on the way there: sent 80 81 82",
          filtered(folder, "there = lambda b: bytes(x & 127 for x in b)")),
         ("sent 11 12 13", filtered(folder, "there = lambda b: b.replace(b'\\x11', b'')")),
-        ("the line changes bytes on the way here: sent 0a", filtered(folder, "back = lambda b: b.replace(b'\\n', b'\\r\\n')")),
+        ("the line changes bytes on the way here: sent 0a",
+         filtered(folder, "back = lambda b: b.replace(b'\\n', b'\\r\\n')")),
     ):
         far.refuse(sentence, *options, through=through)
         expect(far.files() == [], f"left behind: {far.files()}")
     for shell in shells(folder).values():
         FarSide(tools, shell).refuse("does not run there: it is for another kind of processor (", "--peer-dir", foreign)
-    write_script(f"{folder}/uname", "echo Plan9 mips")
-    FarSide(tools, ("/bin/sh", f"{folder}:/usr/bin:/bin")).refuse('it is "Plan9 mips"')
+    for machine, peer in (("aarch64", "aarch64"), ("armv7l", "armv7"), ("armv8l", "armv7"), ("riscv64", "riscv64")):
+        peers = fake_peers(f"{folder}/{machine}", program, machine=peer)
+        sentence = f"gx-ssh-peer for {peer} does not run there: it is for another kind of processor ("
+        calls_itself(tools, f"Linux {machine}").refuse(sentence, "--peer-dir", peers)
+    calls_itself(tools, "Plan9 mips").refuse('it is "Plan9 mips"')
     # Mounted in a name space of its own, which goes with the carrier.
     for options, sentence in (("ro", "the file system is read-only"), ("noexec", "programs cannot be run from there"),
                               ("size=1m", "the disk is full")) if os.geteuid() == 0 else ():

@@ -4,38 +4,13 @@ import contextlib
 import functools
 import os
 import re
-import selectors
 import signal
 import socket
-import subprocess
 import threading
-import time
 
-from throwaway import END_S, READY_S, Child, Clients, Failure
+from throwaway import READY_S, Child, Clients, eventually, expect, read
 
 ADDRESS = r"^(unix:.*|127\.0\.0\.1:\d+|\[::\]:\d+)$"
-
-
-def expect(condition, *what):
-    if not condition:
-        raise Failure(" ".join(map(str, what)))
-
-
-def eventually(condition, what):
-    limit = time.monotonic() + READY_S
-    while not condition():
-        expect(time.monotonic() < limit, what)
-        time.sleep(0.01)
-
-
-def read(path):
-    with open(path, encoding="utf-8") as file:
-        return file.read()
-
-
-def run_to_the_end(command, **options):
-    """Whatever the status is."""
-    return subprocess.run(command, **{"check": False, "capture_output": True, "timeout": END_S, **options})
 
 
 class Target:
@@ -45,43 +20,28 @@ class Target:
     def __init__(self, last=False, path=None):
         """`path` is that of a Unix socket, before which few can wait."""
         self._last = last
-        if path:
-            self._listener = socket.socket(socket.AF_UNIX)
-            self._listener.bind(path)
-            self._listener.listen(2)
-            self.address = f"unix:{path}"
-        else:
-            self._listener = socket.create_server(("127.0.0.1", 0), backlog=1024)
-            self.address = "127.0.0.1:%d" % self._listener.getsockname()[1]
+        self._listener = socket.socket(socket.AF_UNIX if path else socket.AF_INET)
+        self._listener.bind(path or ("127.0.0.1", 0))
+        self._listener.listen(2 if path else 1024)
+        self.address = f"unix:{path}" if path else "127.0.0.1:%d" % self._listener.getsockname()[1]
         self.connections = 0
-        threading.Thread(target=self._serve, daemon=True).start()
+        threading.Thread(target=self._accept, daemon=True).start()
 
-    def _serve(self):
-        owed = {}
-        ready = selectors.DefaultSelector()
-        ready.register(self._listener, selectors.EVENT_READ)
+    def _accept(self):
         while True:
-            for key, _ in ready.select():
-                if key.fileobj is self._listener:
-                    client, _ = self._listener.accept()
-                    ready.register(client, selectors.EVENT_READ)
-                    owed[client] = b""
-                    self.connections += 1
-                elif not self._answer(key.fileobj, owed):
-                    ready.unregister(key.fileobj)
-                    key.fileobj.close()
+            client, _ = self._listener.accept()
+            self.connections += 1
+            threading.Thread(target=self._answer, args=(client,), daemon=True).start()
 
-    def _answer(self, client, owed):
-        try:
-            piece = client.recv(1 << 16)
-            owed[client] += piece
-            if piece and self._last:
-                return True
-            client.sendall(owed.pop(client))
-            owed[client] = b""
-        except OSError:
-            return False
-        return piece
+    def _answer(self, client):
+        heard = b""
+        with client, contextlib.suppress(OSError):
+            while piece := client.recv(1 << 16):
+                heard += piece
+                if not self._last:
+                    client.sendall(heard)
+                    heard = b""
+            client.sendall(heard)
 
 
 class Host(Child):

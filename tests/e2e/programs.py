@@ -13,8 +13,8 @@ import stat
 import struct
 import subprocess
 
-from hosts import ADDRESS, Host, Target, connect, eventually, expect, expect_echo, expect_end, read, run_to_the_end
-from throwaway import READY_S, Child, write
+from hosts import ADDRESS, Host, Target, connect, expect_echo, expect_end
+from throwaway import READY_S, Child, eventually, expect, read, run_to_the_end, write
 
 CONNECT, DATA, CLOSE, LIST, PING, GOODBYE, RESET = 1, 2, 3, 6, 0xF0, 0xF2, 0xF4
 LARGE = 3_000_000
@@ -147,7 +147,8 @@ def judge(what, done, status, *said, output=None):
     """How a program ended and what it said: all of `said` and, if that is empty, nothing; no line twice."""
     errors = done.stderr.decode()
     expect(done.returncode == status, f"{what}: status {done.returncode}, not {status}; it said\n{errors}")
-    expect(all(words in errors for words in said) and (any(said) or errors == "" or status), f"{what}: it said\n{errors}")
+    expect(all(words in errors for words in said), f"{what}: it said\n{errors}")
+    expect(any(said) or errors == "" or status, f"{what}: it said\n{errors}")
     expect(len(set(errors.splitlines())) == errors.count("\n"), f"{what}: said twice\n{errors}")
     expect(output is None or done.stdout == output.encode(), f"{what}: this came out: {done.stdout!r:.99}")
 
@@ -165,7 +166,8 @@ def bad_far_sides(tools, server):
               "@LIBC": re.search(r"/\S+/libc\.so\.6", read("/proc/self/maps"))[0],
               "@FAKE": glob.glob(f"{os.path.dirname(tools.gx_ssh)}/../../tests/tools/gx-ssh/libgx_fake_module.*")[0]}
     for options, far_side, status, said, *stdio in FAR_SIDES:
-        words = [fill(word, places) for word in [*options, *(["--", "sh", "-c", far_side] if far_side else ["--local"])]]
+        carrier = ["--", "sh", "-c", far_side] if far_side else ["--local"]
+        words = [fill(word, places) for word in [*options, *carrier]]
         typed, output = stdio or ("", None)
         done = run_to_the_end([tools.gx_ssh, *words], input=typed.encode())
         judge(words, done, status, fill(said, places), output=output)
@@ -178,7 +180,8 @@ def bad_far_sides(tools, server):
 def ends(tools, _server):
     """However it is told to end it ends in order, and tells what it was asked to tell."""
     target = Target()
-    for number, *options in ((signal.SIGTERM,), (signal.SIGINT, "-v"), (signal.SIGHUP, "-v", "--listen", "127.0.0.1:0")):
+    for number, *options in ((signal.SIGTERM,), (signal.SIGINT, "-v"),
+                             (signal.SIGHUP, "-v", "--listen", "127.0.0.1:0")):
         with Host(tools, target, *options) as host, host.connect() as client:
             expect_echo(client, number.name)
             host.stop(number)
@@ -331,10 +334,12 @@ def listens(tools, server, target):
         one, other = port.getsockname()[1], everywhere.getsockname()[1]
         # From 100 on, since the shell knows the numbers below 10 only.
         passed = [fcntl.fcntl(each, fcntl.F_DUPFD, 100) for each in (local, port, everywhere)]
+        moved = f"exec 3<&{passed[0]} 4<&{passed[1]} 5<&{passed[2]}; "
         activation = {"pass_fds": passed, "through": [
-            "bash", "-c", f'exec 3<&{passed[0]} 4<&{passed[1]} 5<&{passed[2]}; LISTEN_PID=$$ LISTEN_FDS=3 exec "$@"', "bash"]}
+            "bash", "-c", moved + 'LISTEN_PID=$$ LISTEN_FDS=3 exec "$@"', "bash"]}
+        forwarded = ["-L", f"{one}:@TARGET", "-L", f"*:{other}:@TARGET"]
         with connect(f"unix:{path}") as early:
-            with Host(tools, target, "--listen", f"unix:{path}", "-L", f"{one}:@TARGET", "-L", f"*:{other}:@TARGET", **activation) as host:
+            with Host(tools, target, "--listen", f"unix:{path}", *forwarded, **activation) as host:
                 expect_echo(early, "who has called before")
                 expect(host.addresses(2) == [f"unix:{path}", f"127.0.0.1:{one}"], host.out.text())
                 for number in (one, other):
@@ -417,7 +422,8 @@ def plays(tools, places, options, greeting, sent, came, said):
     done = run_to_the_end([tools.gx_ssh_peer, *(fill(word, places) for word in options)], input=greeting + wire(sent))
     errors = done.stderr.decode()
     expect(done.returncode == 0 and done.stdout.endswith(wire(came)), f"{options}: {done!r:.999}")
-    expect(all(fill(words, places) in errors for words in said) and errors.count("\n") <= 101, f"{options} told {errors!r:.999}")
+    wanted = [fill(words, places) for words in said]
+    expect(all(words in errors for words in wanted) and errors.count("\n") <= 101, f"{options} told {errors!r:.999}")
     expect(max(map(len, errors.splitlines()), default=0) < 1000, f"{options} told a long line")
 
 

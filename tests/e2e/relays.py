@@ -10,7 +10,8 @@ import socket
 import subprocess
 import threading
 
-from hosts import Host, Target, connect, eventually, expect, expect_answer, expect_echo, expect_end, read
+from hosts import Host, Target, connect, expect_answer, expect_echo, expect_end
+from throwaway import eventually, expect, read
 
 CONNECTIONS = 950
 STRANGERS = 40  # more than the 32 that may be silent at the same time
@@ -43,8 +44,8 @@ def modes(tools, server):
 
     A stranger is who finds the module's own port.
     """
-    ways = [["-W", "@TARGET"], ["--listen", "127.0.0.1:0"], ["--listen", f"unix:{server.folder}/socket"], ["--reconnect"],
-            ["--user-only"]]
+    ways = [["-W", "@TARGET"], ["--listen", "127.0.0.1:0"], ["--listen", f"unix:{server.folder}/socket"],
+            ["--reconnect"], ["--user-only"]]
     text = os.urandom(3_000_000)
     with contextlib.ExitStack() as exits:
         hosts, silent = [], []
@@ -84,7 +85,8 @@ def many(tools, server):
         target = Target()
         far_side = [] if "--local" in way else [
             "--", "sh", "-c", 'ulimit -Sn >"$0"; exec "$@"', limit, tools.gx_ssh_peer, "-q", "--allow", target.address]
-        with Host(tools, target, *way, far_side=far_side, through=["sh", "-c", 'ulimit -Sn 1024; exec "$@"', "sh"]) as host:
+        limited = ["sh", "-c", 'ulimit -Sn 1024; exec "$@"', "sh"]
+        with Host(tools, target, *way, far_side=far_side, through=limited) as host:
             with contextlib.ExitStack() as exits:
                 clients = [exits.enter_context(host.connect()) for _ in range(CONNECTIONS)]
                 for number, client in enumerate(clients):

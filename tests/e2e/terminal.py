@@ -8,8 +8,8 @@ import signal
 import subprocess
 import time
 
-from hosts import Host, Target, eventually, expect, read
-from throwaway import END_S, READY_S
+from hosts import Host, Target
+from throwaway import END_S, READY_S, eventually, expect, read
 
 INTERRUPT, SUSPEND = "\x03", "\x1a"
 

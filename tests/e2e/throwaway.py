@@ -32,6 +32,23 @@ class Stopped(Failure):
     """The time is over, or somebody wants an end: nothing more is tried."""
 
 
+def expect(condition, *what):
+    if not condition:
+        raise Failure(" ".join(map(str, what)))
+
+
+def eventually(condition, what):
+    limit = time.monotonic() + READY_S
+    while not condition():
+        expect(time.monotonic() < limit, what)
+        time.sleep(0.01)
+
+
+def read(path):
+    with open(path, encoding="utf-8", errors="replace") as file:
+        return file.read()
+
+
 @contextlib.contextmanager
 def bounded(seconds):
     """Turns the alarm, SIGTERM and SIGHUP into failures, so that the clean-up of every `with` block runs."""
@@ -115,8 +132,7 @@ class Child:
     def expect(self, lines, pattern, timeout=READY_S):
         """Waits for a line and returns its match."""
         match = lines.wait_for(pattern, timeout)
-        if match is None:
-            raise Failure(f"{self.name} printed no line like {pattern!r}; it said:\n{self.err.text()}")
+        expect(match, f"{self.name} printed no line like {pattern!r}; it said:\n{self.err.text()}")
         return match
 
     def send(self, text):
@@ -135,25 +151,27 @@ class Child:
             status = self._process.wait(timeout)
         except subprocess.TimeoutExpired:
             raise Failure(f"{self.name} still runs after {timeout} s; it said:\n{self.err.text()}") from None
-        if not (self.out.wait_for_end(timeout) and self.err.wait_for_end(timeout)):
-            raise Failure(f"{self.name} ended, but something that it started still runs")
+        expect(self.out.wait_for_end(timeout) and self.err.wait_for_end(timeout),
+               f"{self.name} ended, but something that it started still runs")
         return status
 
     def expect_status(self, expected, timeout=END_S):
         status = self.wait(timeout)
-        if status != expected:
-            raise Failure(f"{self.name} ended with {status}, not {expected}; it said:\n{self.err.text()}")
+        expect(status == expected, f"{self.name} ended with {status}, not {expected}; it said:\n{self.err.text()}")
+
+
+def run_to_the_end(command, **options):
+    """Whatever the status is."""
+    try:
+        return subprocess.run(command, **{"check": False, "capture_output": True, "timeout": END_S, **options})
+    except subprocess.TimeoutExpired as late:
+        raise Failure(f"{' '.join(command)} still ran after {late.timeout} s") from None
 
 
 def run(command, timeout=TRANSFER_S, **options):
     """Runs a program to its end and returns what it printed; any status but 0 is a failure."""
-    try:
-        done = subprocess.run(command, timeout=timeout, text=True, capture_output=True,
-                              stdin=subprocess.DEVNULL, check=False, **options)
-    except subprocess.TimeoutExpired:
-        raise Failure(f"{command[0]} still ran after {timeout} s") from None
-    if done.returncode != 0:
-        raise Failure(f"{' '.join(command)} ended with {done.returncode}: {done.stderr.strip()}")
+    done = run_to_the_end(command, timeout=timeout, text=True, stdin=subprocess.DEVNULL, **options)
+    expect(done.returncode == 0, f"{' '.join(command)} ended with {done.returncode}: {done.stderr}")
     return done.stdout
 
 
@@ -258,8 +276,7 @@ class Clients:
         """`way` are the lines of the configuration that tell how to get there."""
         self.server = server
         self.folder = server.folder
-        with open(f"{self.folder}/host_key.pub", encoding="ascii") as file:
-            write(f"{self.folder}/known_hosts", f"throwaway {file.read()}")
+        write(f"{self.folder}/known_hosts", f"throwaway {read(f'{self.folder}/host_key.pub')}")
         indent = "\n              "
         with tempfile.NamedTemporaryFile("w", dir=self.folder, prefix="ssh_config.", delete=False) as file:
             self.config = file.name
@@ -294,8 +311,7 @@ class Clients:
             session.stdin.close()
             session.expect_status(42, timeout)
             said = session.err.text().splitlines()
-            if session.out.text() != "hello" or "err" not in said:
-                raise Failure(f"ssh printed {session.out.text()!r} and {said}")
+            expect(session.out.text() == "hello" and "err" in said, f"ssh printed {session.out.text()!r} and {said}")
             said.remove("err")
             return "\n".join(said)
 
@@ -306,8 +322,7 @@ class Clients:
             file.write(os.urandom(size))
         self.run("scp", "-q", original, f"far:{there}")
         self.run("scp", "-q", f"far:{there}", back)
-        if not filecmp.cmp(original, back, shallow=False):
-            raise Failure("the copies differ")
+        expect(filecmp.cmp(original, back, shallow=False), "the copies differ")
 
 
 def started_with(marker):
@@ -320,14 +335,6 @@ def started_with(marker):
     return found
 
 
-def wait_until_gone(marker):
-    limit = time.monotonic() + END_S
-    while left := started_with(marker):
-        if time.monotonic() > limit:
-            raise Failure(f"these processes still run: {left}")
-        time.sleep(0.01)
-
-
 @contextlib.contextmanager
 def nothing_left(folder):
     """What is started inside has ended by itself when the block is left, and no sanitizer has complained."""
@@ -335,19 +342,6 @@ def nothing_left(folder):
     for name in ("ASAN_OPTIONS", "TSAN_OPTIONS", "UBSAN_OPTIONS"):
         os.environ[name] = ":".join(filter(None, [os.environ.get(name), f"log_path={folder}/report"]))
     yield
-    wait_until_gone(marker)
+    eventually(lambda: not started_with(marker), "something that was started still runs")
     for path in glob.glob(f"{glob.escape(folder)}/report.*"):
-        with open(path, encoding="utf-8", errors="replace") as file:
-            raise Failure(f"a sanitizer reported:\n{file.read()}")
-
-
-class ProxyCommand(Clients):
-    """ssh starts gx-ssh -W for each connection. There is a banner before the far side's first word."""
-
-    def __init__(self, tools, server):
-        program = f"{server.folder}/proxy"
-        super().__init__(server, "HostName 127.0.0.1", f"Port {server.port}", f"ProxyCommand {program} %h:%p")
-        write_script(program, f"""
-            exec "{tools.gx_ssh}" -q -W "$1" -- \\
-              sh -c 'echo "a banner"; exec "$@"' sh "{tools.gx_ssh_peer}" -q --allow {server.address}
-            """)
+        raise Failure(f"a sanitizer reported:\n{read(path)}")
