@@ -4,6 +4,7 @@
 #include <netinet/in.h>
 #include <netinet/tcp.h>
 #include <sys/socket.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <array>
@@ -75,8 +76,19 @@ void Connection::TryNext(asio::error_code last) {
   if (endpoint.protocol().family() == AF_UNIX) return ConnectUnix(endpoint);
   socket_.async_connect(endpoint, [self = shared_from_this()](asio::error_code error) {
     if (self->state_ == State::kGone) return;
-    error ? self->TryNext(error) : self->OnConnected();
+    if (error) return self->TryNext(error);
+    self->ForgetWritability();
+    self->OnConnected();
   });
+}
+
+// Connecting leaves the socket registered for writability: each wait for bytes would wake up at once because
+// the socket is writable.
+void Connection::ForgetWritability() {
+  asio::error_code error;
+  const int fd = socket_.release(error);
+  if (!error) socket_.assign(endpoints_[next_endpoint_ - 1].protocol(), fd, error);
+  if (error) ::close(fd);
 }
 
 // A Unix socket answers connect at once. EAGAIN means that the listener's backlog is full, and the system does

@@ -106,6 +106,7 @@ class Connection final : public std::enable_shared_from_this<Connection>, privat
  private:
   asio::error_code OpenSocket(const StreamEndpoint& endpoint);
   void TryNext(asio::error_code last);
+  void ForgetWritability();
   void ConnectUnix(const StreamEndpoint& endpoint);
   void OnConnected();
   void OnReadReady() override;

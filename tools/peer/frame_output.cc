@@ -55,7 +55,6 @@ void FrameOutput::AddData(std::uint32_t connection_id, std::size_t count) {
                            buffer_.get() + end_);
   end_ += gxmod::kFrameHeaderBytes + count;
   pace_.OnSent(gxmod::kFrameHeaderBytes + count);
-  ScheduleFlush();
 }
 
 void FrameOutput::AddControl(gxmod::ConnectionType type, std::uint32_t connection_id,
@@ -80,19 +79,19 @@ void FrameOutput::AddText(std::string_view text) {
   } else {
     overflow_ += text;
   }
-  ScheduleFlush();
+  FlushSoon();
 }
 
-// Deferred, so that all data of one pass of the event loop is sent with one write.
-void FrameOutput::ScheduleFlush() {
+void FrameOutput::FlushSoon() {
   if (flush_pending_) return;
   flush_pending_ = true;
   asio::post(io_, [this] { Flush(); });
 }
 
-// An error is ignored here: the pending Flush meets it again.
-void FrameOutput::Hurry() {
+// An error is ignored here: Flush meets it again.
+void FrameOutput::FlushNow() {
   if (!broken_ && !blocked_ && !idle()) WriteSome();
+  if (!idle()) FlushSoon();
 }
 
 void FrameOutput::Flush() {

@@ -52,10 +52,12 @@ class FrameOutput {
   // Turns interactive mode on or off: a user waits for small answers.
   void SetInteractive(bool on);
   bool interactive() const { return interactive_; }
-  // Queues the first `count` bytes of Room or BulkRoom as a Data frame.
+  // Queues the first `count` bytes of Room or BulkRoom as a Data frame. FlushNow or FlushSoon sends it.
   void AddData(std::uint32_t connection_id, std::size_t count);
-  // Writes the last frame at once, without waiting for the event loop, if no other data is queued.
-  void Hurry();
+  // Writes what is queued, at once; what the stream does not take is left to FlushSoon.
+  void FlushNow();
+  // Writes what is queued together with what the rest of this pass of the event loop queues.
+  void FlushSoon();
   // Queues a control frame behind all others, even without room.
   void AddControl(gxmod::ConnectionType type, std::uint32_t connection_id, std::string_view payload = {});
   // Tells the other side how much was received. While the stream is full, only the latest totals are kept.
@@ -70,7 +72,6 @@ class FrameOutput {
   bool idle() const { return begin_ == end_ && overflow_.empty(); }
 
  private:
-  void ScheduleFlush();
   void Flush();
   ssize_t WriteSome();
   void Refill();

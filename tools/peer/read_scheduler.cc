@@ -34,9 +34,9 @@ void ReadScheduler::Read(const std::shared_ptr<Connection>& connection, std::spa
   if (*count != 0) {
     output_.AddData(connection->id(), *count);
     owner_.OnDataQueued();
+    connection->interactive() ? GoFirst() : output_.FlushSoon();
   }
   loop_.OnRead(*count);
-  if (connection->interactive()) GoFirst();
   if (*count == room.size()) {
     bulk_.push_back(connection);
   } else {
@@ -45,7 +45,7 @@ void ReadScheduler::Read(const std::shared_ptr<Connection>& connection, std::spa
 }
 
 void ReadScheduler::GoFirst() {
-  output_.Hurry();
+  output_.FlushNow();
   if (owner_.IsAlone()) return;
   interactive_until_ = Clock::now() + kInteractiveTime;
   output_.SetInteractive(true);

@@ -193,6 +193,7 @@ void PeerSession::SendData() {
     const auto count = static_cast<std::size_t>(std::min<std::uint64_t>(room.size(), fill_));
     std::fill_n(room.begin(), count, '.');
     output_.AddData(0, count);
+    output_.FlushSoon();
     fill_ -= count;
     OnDataQueued();
   }

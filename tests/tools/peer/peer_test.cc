@@ -1,6 +1,7 @@
 #include "peer/peer.h"
 
 #include "common/receipts.h"
+#include "peer/frame_output.h"
 #include "support/pattern.h"
 #include "tools/peer/rig.h"
 
@@ -118,6 +119,33 @@ TEST_F(PeerTest, SmallFramesAreNotHeldBackByABulkTransfer) {
   rig.HangUp();
   rig.Join();
   sender.join();
+}
+
+TEST(FrameOutputTest, WhatTheStreamDoesNotTakeAtOnceFollows) {
+  struct : FrameOutput::Owner {
+    void OnOutputProgress() override {}
+    void OnOutputBroken() override { ADD_FAILURE(); }
+  } owner;
+  auto [reader, writer] = MakeSocketPair();
+  SetNonBlocking(writer.get(), true);
+  asio::io_context io;
+  FrameOutput output(io, writer.Release(), &owner);
+  output.SetInteractive(true);
+  std::size_t missing = 0;
+  for (std::span<char> room; !(room = output.Room()).empty();) {
+    std::ranges::fill(room, 'x');
+    output.AddData(1, room.size());
+    missing += gxmod::kFrameHeaderBytes + room.size();
+  }
+  output.FlushNow();
+  ASSERT_FALSE(output.idle());
+  std::vector<char> bytes(missing);
+  while (missing > 0) {
+    const ssize_t got = recv(reader.get(), bytes.data(), missing, MSG_DONTWAIT);
+    if (got <= 0 && io.run_one_for(gxtest::kPatience) == 0) break;
+    missing -= static_cast<std::size_t>(std::max<ssize_t>(got, 0));
+  }
+  EXPECT_EQ(missing, 0U);
 }
 
 TEST_F(PeerTest, AnswersThatNobodyTakesDoNotPileUp) {
