@@ -14,13 +14,7 @@
 
 namespace gxtool {
 
-using gxtest::kBoundMs;
-using gxtest::kPatience;
-using gxtest::ReadExactly;
-using gxtest::ReadSome;
-using gxtest::ReadToEnd;
-using gxtest::WaitFor;
-using gxtest::WriteAll;
+using namespace gxtest;  // the tests of the tools use what all tests use
 
 class LocalTarget {
  public:

@@ -1,4 +1,3 @@
-// A link from its handshake to its end.
 #include "gx-ssh/link.h"
 
 #include <set>
@@ -6,7 +5,6 @@
 #include "common/control_frames.h"
 #include "common/ready_line.h"
 #include "gx-ssh/console.h"
-#include "gx-ssh/handshake.h"
 #include "gx-ssh/link_policy.h"
 #include "gx-ssh/module_library.h"
 #include "support/temp_dir.h"
@@ -19,23 +17,6 @@ namespace {
 
 using std::chrono::milliseconds;
 using std::chrono::seconds;
-
-// When the time is over the carrier still has a moment for its last words. A far side that becomes ready in
-// that moment is too late.
-TEST(HandshakeTest, ReadyAfterItsTimeIsNotReady) {
-  asio::io_context io;
-  auto [ours, theirs] = MakeSocketPair();
-  std::string story;
-  Handshake handshake(io, Duplicate(ours.get()), {}, ours.get(), milliseconds(1),
-                      {[&](const Descriptor&, const std::string&, Features) { story += "ready"; },
-                       [&](const std::string&) { story += "failed"; }});
-  while (story.empty()) io.run_one_for(kPatience);
-  WriteAll(theirs.get(), ReadyLine(Side::kPeer));
-  theirs.Reset();
-  while (io.run_one_for(kPatience) > 0) {
-  }
-  EXPECT_EQ(story, "failed");
-}
 
 TEST(LinkPolicyTest, PausesGrowBetweenTheirBoundsAndVary) {
   LinkPolicy policy(true, 0);
@@ -68,10 +49,7 @@ TEST(LinkPolicyTest, OnlyALinkThatStaysUpCountsAnew) {
   EXPECT_TRUE(up_for(seconds(1)));
   now += LinkPolicy::kStable;
   EXPECT_FALSE(policy.OnDown(kExitNotReady, now));
-}
-
-TEST(LinkPolicyTest, GivesUpWhereAnotherTryCannotHelp) {
-  EXPECT_FALSE(LinkPolicy(true, 0).OnDown(kExitModule, {}));
+  EXPECT_FALSE(LinkPolicy(true, 0).OnDown(kExitModule, {})) << "another try cannot help";
   EXPECT_FALSE(LinkPolicy(false, 0).OnDown(kExitLinkLost, {}));
 }
 
@@ -116,8 +94,9 @@ TEST(LinkTest, FloodOfControlFramesLeavesLittleForTheEventLoop) {
   Terminal terminal;
   CountingOwner owner;
   Link link(io, options, module, console, terminal, owner);
-  while (!owner.up) io.run_one();
-  ASSERT_TRUE(gxtest::Eventually([&owner] { return owner.marker_came.load(); }));
+  while (!owner.up && io.run_one_for(kPatience) > 0) {
+  }
+  ASSERT_TRUE(Eventually([&owner] { return owner.marker_came.load(); }));
   EXPECT_LT(io.poll(), 20U) << "handlers that wait";
   EXPECT_EQ(owner.delivered, 1);
   EXPECT_EQ(owner.refused, 1);

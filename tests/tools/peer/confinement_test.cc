@@ -47,7 +47,7 @@ std::string Confined(const ConfinementNeeds& needs, const std::vector<Deed>& for
   return text;
 }
 
-long Connect(int port) { return gxtest::TcpClient(port).socket_handle(); }
+long Connect(int port) { return TcpClient(port).socket_handle(); }
 
 // Opens and closes again.
 long Open(const std::string& path, int flags) {

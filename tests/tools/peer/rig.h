@@ -16,16 +16,12 @@
 namespace gxtool {
 
 struct Frame {
-  int type = -1;  // -1: the stream has ended
+  gxmod::ConnectionType type{};  // none of them: the stream has ended
   std::uint32_t id = 0;
-  std::string payload;
+  std::string payload = {};
 
   bool operator==(const Frame&) const = default;
 };
-
-inline Frame Of(gxmod::ConnectionType type, std::uint32_t id, std::string payload = {}) {
-  return {static_cast<int>(type), id, std::move(payload)};
-}
 
 class Rig {
  public:
@@ -59,19 +55,18 @@ class Rig {
     return target.Accept();
   }
 
-  std::string Line() { return ReadExactly(host(), Greeting(Side::kPeer).size()); }
   Frame Next() {
     const std::string bytes = ReadExactly(host(), gxmod::kFrameHeaderBytes);
     if (bytes.size() < gxmod::kFrameHeaderBytes) return {};
     const auto header = gxmod::DecodeFrameHeader(bytes.data());
-    return Of(header.type, header.connection_id, ReadExactly(host(), header.length));
+    return {header.type, header.connection_id, ReadExactly(host(), header.length)};
   }
   // The data of one connection up to its end or to `length` bytes; other connections may not speak.
   std::string Data(std::uint32_t id, std::size_t length) {
     std::string bytes;
     while (bytes.size() < length) {
       const Frame frame = Next();
-      if (frame.type != static_cast<int>(gxmod::ConnectionType::Data) || frame.id != id) break;
+      if (frame.type != gxmod::ConnectionType::Data || frame.id != id) break;
       bytes += frame.payload;
     }
     return bytes;
@@ -103,8 +98,8 @@ class Rig {
   std::vector<std::string> lines_;
 };
 
-// A name server: every name has the one address 127.0.0.1, but for those that begin with "dead": of them it
-// says nothing.
+// A name server: every name has the one address 127.0.0.1, but of those that begin with "dead" it says nothing.
+// A question is a header of 12 bytes, the name in labels, the type (A: 1) and the class.
 class NameServer {
  public:
   ~NameServer() {
@@ -116,26 +111,21 @@ class NameServer {
 
  private:
   void Serve() {
-    char question[512];
+    char bytes[512];
     sockaddr_in client{};
     socklen_t length = sizeof client;
+    auto* const from = reinterpret_cast<sockaddr*>(&client);
     ssize_t count = 0;
-    while ((count = ::recvfrom(socket_.fd(), question, sizeof question, 0, reinterpret_cast<sockaddr*>(&client),
-                               &length)) > 12) {
-      const std::string reply = Reply({question, static_cast<std::size_t>(count)});
-      ::sendto(socket_.fd(), reply.data(), reply.size(), 0, reinterpret_cast<sockaddr*>(&client), length);
+    while ((count = ::recvfrom(socket_.fd(), bytes, sizeof bytes, 0, from, &length)) > 12) {
+      std::string reply(bytes, static_cast<std::size_t>(count));
+      if (reply.substr(13, 4) == "dead") continue;
+      reply.resize(reply.find('\0', 12) + 5);
+      const bool has_address = reply[reply.size() - 3] == 1;
+      reply.replace(2, 10, std::string("\x81\x80\0\1\0\0\0\0\0\0", 10));
+      reply[7] = has_address ? 1 : 0;
+      if (has_address) reply += std::string("\xc0\x0c\0\1\0\1\0\0\0\x3c\0\4\x7f\0\0\1", 16);
+      ::sendto(socket_.fd(), reply.data(), reply.size(), 0, from, length);
     }
-  }
-
-  // A header of 12 bytes, then the name in labels, the type (A: 1) and the class.
-  static std::string Reply(std::string_view question) {
-    if (question.substr(13, 4) == "dead") return {};
-    std::string reply(question.substr(0, question.find('\0', 12) + 5));
-    const bool has_address = reply[reply.size() - 3] == 1;
-    reply.replace(2, 10, std::string("\x81\x80\0\1\0\0\0\0\0\0", 10));
-    if (!has_address) return reply;
-    reply[7] = 1;
-    return reply + std::string("\xc0\x0c\0\1\0\1\0\0\0\x3c\0\4\x7f\0\0\1", 16);
   }
 
   const LocalTarget socket_{SOCK_DGRAM};
