@@ -14,10 +14,9 @@ import sys
 
 from hosts import Host, Target
 from terminal import INTERRUPT, Terminal
-from throwaway import Child, expect, run, run_to_the_end, write, write_script
+from throwaway import Child, expect, run, run_to_the_end, side_by_side, write, write_script
 
 HERE = os.path.dirname(os.path.abspath(__file__))
-CUTS = 6
 STRANGER = 12345  # a user that is not there
 
 # The small tools of each kind of far side, and what lists them.
@@ -66,7 +65,7 @@ class FarSide:
             said = host.err.text()
             expect("sends gx-ssh-peer" in said if sends else said == "", f"{self.shell} {options}, {sends}: {said}")
 
-    def refuse(self, sentence, *options, through=()):
+    def refuse(self, sentence, through, *options):
         with self.start(*options, through=through) as host:
             host.expect_status(4)
             expect(sentence in host.err.text(), f"not {sentence!r} but\n{host.err.text()}")
@@ -91,17 +90,19 @@ def filtered(folder, code):
     return [path]
 
 
-def bring(tools, server):
+def bring(tools):
     """Each kind of shell, through a pipe and through a terminal: sent once, and never again."""
-    for name, shell in shells(server.folder).items():
-        for way in ([], filtered(server.folder, "terminal = True")):
-            far = FarSide(tools, shell)
-            if name == "toybox" and way:
-                far.refuse("a terminal lies in between, and stty raw -echo does not work", through=way)
-                continue
-            for sends in (True, False):
-                far.carry(through=way, sends=sends)
-                far.expect_one_file()
+    def carries(name, shell, way):
+        far = FarSide(tools, shell)
+        if name == "toybox" and way:
+            far.refuse("a terminal lies in between, and stty raw -echo does not work", way)
+            return
+        for sends in (True, False):
+            far.carry(through=way, sends=sends)
+            far.expect_one_file()
+
+    ways = ([], filtered(tools.folder, "terminal = True"))
+    side_by_side(carries, [(name, shell, way) for name, shell in shells(tools.folder).items() for way in ways])
 
 
 def sent_by(far):
@@ -114,7 +115,7 @@ def sent_by(far):
         return file.read()
 
 
-def bring_again(tools, _server):
+def bring_again(tools):
     """Where the peer is there, it runs after one line; a damaged or foreign one does not."""
     far = FarSide(tools)
     far.carry()
@@ -145,21 +146,21 @@ def bring_again(tools, _server):
         fresh = re.search(rb"d=(/tmp/gx-ssh-\w+);", sent_by(far)).group(1)
         expect(far.files() == [], "a peer was put into a folder that others can write to")
         expect(not os.path.exists(fresh), "the folder in /tmp was left behind")
-        far.refuse("others may write there, or it is somebody else's", "--bring-dir", far.cache)
+        far.refuse("others may write there, or it is somebody else's", [], "--bring-dir", far.cache)
 
 
-def bring_once(tools, server):
+def bring_once(tools):
     """What is brought for one time goes as soon as it runs."""
     far = FarSide(tools)
     for _ in range(2):
         far.carry("--bring-once")
         expect(far.files() == [], f"left behind: {far.files()}")
-    far.cache = f"{server.folder}/it's a $place"
+    far.cache = f"{tools.folder}/it's a $place"
     far.carry("--bring-dir", far.cache)
     far.expect_one_file()
 
 
-def bring_probes(tools, _server):
+def bring_probes(tools):
     """What the line is good for: where the peer has to be sent, where it is there, and where there is no shell."""
     far, known = FarSide(tools), FarSide(tools)
     known.carry()
@@ -204,10 +205,10 @@ ORDERS = (
 )
 
 
-def bring_passes_on(tools, server):
+def bring_passes_on(tools):
     """Targets and times, word for word, whichever way the peer comes to run."""
     says = b'#!/bin/sh\n[ "$1" = --remove-own-file ] && rm "$0" && shift\necho "heard $*." >&2\n'
-    peers = fake_peers(f"{server.folder}/says", says)
+    peers = fake_peers(f"{tools.folder}/says", says)
     far = FarSide(tools)
     for options, heard in ORDERS:
         for once in ([], [], ["--bring-once"]):
@@ -216,7 +217,7 @@ def bring_passes_on(tools, server):
             expect(done.returncode == 4 and f"heard {heard}." in said, f"not {heard!r} but\n{said}")
 
 
-def bring_shows_progress(tools, _server):
+def bring_shows_progress(tools):
     """On a terminal, until all is sent."""
     with Terminal("env", "TERM=xterm", tools.gx_ssh, "--bring", "--", *FarSide(tools).shell) as terminal:
         shown = terminal.expect("127.0.0.1:")
@@ -236,45 +237,46 @@ def calls_itself(tools, name):
     return far
 
 
-def bring_refused(tools, server):
+def bring_refused(tools):
     """Each far side where it cannot work has a sentence of its own, and nothing is left there."""
-    folder = server.folder
+    folder = tools.folder
     other = fake_peers(f"{folder}/other", b"#!/bin/sh\necho I am another >&2\nexit 3\n")
     wrong = fake_peers(f"{folder}/wrong", b"#!/bin/sh\n", digest="0" * 64)
     short = fake_peers(f"{folder}/short", b"#!/bin/sh\n", size=20)
     program = b"\x7fELF\x02\x01\x01" + bytes(9) + b"\x02\x00\xff\xfe" + bytes(100)  # for no processor
     foreign = fake_peers(f"{folder}/foreign", program)
     far = FarSide(tools)
-    for sentence, through, *options in (
-        ("does not run there: \"I am another", [], "--peer-dir", other),
-        ("what arrived is not what was sent: its SHA-256 is", [], "--peer-dir", wrong),
-        ("10 bytes arrived of 20", [], "--peer-dir", short),
-        ("no gx-ssh-peer to bring in", [], "--peer-dir", f"{folder}/none"),
-        ("it has ended before a shell answered", ["false"]),
-        ("no shell has answered within 500ms; it said", ["sh", "-c", "exec cat"], "--connect-timeout", "500ms"),
-        ("the line changes bytes on the way there: sent 80 81 82",
+    refusals = [
+        (far, 'does not run there: "I am another', [], "--peer-dir", other),
+        (far, "what arrived is not what was sent: its SHA-256 is", [], "--peer-dir", wrong),
+        (far, "10 bytes arrived of 20", [], "--peer-dir", short),
+        (far, "no gx-ssh-peer to bring in", [], "--peer-dir", f"{folder}/none"),
+        (far, "it has ended before a shell answered", ["false"]),
+        (far, "no shell has answered within 500ms; it said", ["sh", "-c", "exec cat"], "--connect-timeout", "500ms"),
+        (far, "the line changes bytes on the way there: sent 80 81 82",
          filtered(folder, "there = lambda b: bytes(x & 127 for x in b)")),
-        ("sent 11 12 13", filtered(folder, "there = lambda b: b.replace(b'\\x11', b'')")),
-        ("the line changes bytes on the way here: sent 0a",
+        (far, "sent 11 12 13", filtered(folder, "there = lambda b: b.replace(b'\\x11', b'')")),
+        (far, "the line changes bytes on the way here: sent 0a",
          filtered(folder, "back = lambda b: b.replace(b'\\n', b'\\r\\n')")),
-    ):
-        far.refuse(sentence, *options, through=through)
-        expect(far.files() == [], f"left behind: {far.files()}")
+        (calls_itself(tools, "Plan9 mips"), 'it is "Plan9 mips"', [])]
     for shell in shells(folder).values():
-        FarSide(tools, shell).refuse("does not run there: it is for another kind of processor (", "--peer-dir", foreign)
+        sentence = "does not run there: it is for another kind of processor ("
+        refusals.append((FarSide(tools, shell), sentence, [], "--peer-dir", foreign))
     for machine, peer in (("aarch64", "aarch64"), ("armv7l", "armv7"), ("armv8l", "armv7"), ("riscv64", "riscv64")):
         peers = fake_peers(f"{folder}/{machine}", program, machine=peer)
         sentence = f"gx-ssh-peer for {peer} does not run there: it is for another kind of processor ("
-        calls_itself(tools, f"Linux {machine}").refuse(sentence, "--peer-dir", peers)
-    calls_itself(tools, "Plan9 mips").refuse('it is "Plan9 mips"')
+        refusals.append((calls_itself(tools, f"Linux {machine}"), sentence, [], "--peer-dir", peers))
     # Mounted in a name space of its own, which goes with the carrier.
     for options, sentence in (("ro", "the file system is read-only"), ("noexec", "programs cannot be run from there"),
                               ("size=1m", "the disk is full")) if os.geteuid() == 0 else ():
-        mounted = f'mount -t tmpfs -o {options} none "{far.home}" && exec "$@"'
-        far.refuse(sentence, "--bring-dir", f"{far.home}/there", through=["unshare", "-m", "sh", "-c", mounted, "sh"])
+        mounted = ["unshare", "-m", "sh", "-c", f'mount -t tmpfs -o {options} none "{far.home}" && exec "$@"', "sh"]
+        refusals.append((far, sentence, mounted, "--bring-dir", f"{far.home}/there"))
+    side_by_side(FarSide.refuse, refusals)
+    left = [file for far, *_ in refusals for file in far.files()]
+    expect(not left, f"left behind: {left}")
 
 
-def bring_at_once(tools, _server):
+def bring_at_once(tools):
     """Twenty at once into an empty folder: all work, and there is one file."""
     far = FarSide(tools)
     with contextlib.ExitStack() as exits:
@@ -289,13 +291,11 @@ def bring_at_once(tools, _server):
     far.expect_one_file()
 
 
-def bring_cut(tools, server):
+def bring_cut(tools):
     """However early the line is cut: nothing half-written stays or runs, and the next try works."""
-    size = os.path.getsize(glob.glob(f"{os.path.dirname(tools.gx_ssh)}/../peer/peers/*/gx-ssh-peer.gz")[0])
-    for _ in range(CUTS):
+    def cuts_after(limit):
         far = FarSide(tools)
-        limit = random.choice((random.randrange(6000), random.randrange(size)))
-        with far.start(through=filtered(server.folder, f"limit = {limit}")) as host:
+        with far.start(through=filtered(tools.folder, f"limit = {limit}")) as host:
             host.expect_status(4)
         left = [name for name in far.files() if "/new-" in name]
         expect(not left, f"cut after {limit} bytes: {left}")
@@ -303,7 +303,9 @@ def bring_cut(tools, server):
             far.expect_one_file()
         far.carry(sends=not far.files())
         far.expect_one_file()
-        shutil.rmtree(far.home)
+
+    size = os.path.getsize(glob.glob(f"{os.path.dirname(tools.gx_ssh)}/../peer/peers/*/gx-ssh-peer.gz")[0])
+    side_by_side(cuts_after, [(random.randrange(most),) for most in (6000, 6000, 6000, size, size, size)])
 
 
 SCENARIOS = {each.__name__: each for each in (bring, bring_again, bring_once, bring_probes, bring_passes_on,

@@ -4,7 +4,6 @@ As root, since that is what a chroot, another user and a folder of that user tak
 """
 
 import contextlib
-import functools
 import os
 import pwd
 import secrets
@@ -62,7 +61,7 @@ def over_a_serial_line(tools, server):
     Brought(tools, server, *line, SERIAL, *shell).carries(16 << 10)
     seven = "terminal = True\nthere = lambda b: bytes(x & 127 for x in b)"
     with Child(Brought(tools, server, *line, seven, *shell).command("ssh", "far", "true")) as session:
-        session.expect(session.err, "the line changes bytes on the way there")
+        session.expect(session.err, "the line changes bytes on the way there", LONG_S)
         session.expect_status(255)
 
 
@@ -131,8 +130,8 @@ def through_sudo(tools, server):
 
 def into_a_virtual_machine(tools, server):
     """No network leads there, only a virtio-serial port with a shell."""
-    if what := virtual_machine.missing():
-        print(f"not tried, since this is missing: {what}", flush=True)
+    if not virtual_machine.kernel():
+        print(f"not tried, since it takes {virtual_machine.NEEDED}", flush=True)
         return
     machine, shell = virtual_machine.start(f"{server.folder}/machine", server)
     with machine:
@@ -159,33 +158,19 @@ PEERS = os.path.abspath(f"{HERE}/../../build/peers")
 
 
 def foreign_peers(tools, server):
-    """Each static peer that scripts/foreign-peers has built."""
-    for architecture in FOREIGN:
-        foreign_peer(tools, server, architecture)
-
-
-def why_not(scenario):
-    """What a scenario of one architecture lacks here, for people; empty: nothing."""
-    architecture = scenario.removeprefix("foreign_")
-    emulator = FOREIGN.get(architecture)
-    if emulator and not os.path.exists(f"{PEERS}/{architecture}/gx-ssh-peer"):
-        return f"{architecture}: not tried, since scripts/foreign-peers has not built it; that tells what it takes"
-    if emulator and not shutil.which(emulator):
-        return f"{architecture}: not tried, since there is no {emulator}: apt-get install qemu-user"
-    return ""
-
-
-def foreign_peer(tools, server, architecture):
-    """Run by qemu, it carries a command and a large copy."""
-    if why := why_not(f"foreign_{architecture}"):
-        print(why, flush=True)
-        return
-    emulator, peer = FOREIGN[architecture], f"{PEERS}/{architecture}/gx-ssh-peer"
-    looks_names_up(tools, server, emulator, peer)
-    with tunnel(tools, server, far_side=["--", emulator, peer, "--allow", server.address]) as clients:
-        clients.expect_command()
-        clients.expect_copies(8 << 20)
-    print(f"{architecture}: {os.path.getsize(peer)} bytes", flush=True)
+    """Each static peer that scripts/foreign-peers has built carries a command and a large copy, run by qemu."""
+    tried = []
+    for architecture, emulator in FOREIGN.items():
+        peer = f"{PEERS}/{architecture}/gx-ssh-peer"
+        if not os.path.exists(peer) or not shutil.which(emulator):
+            print(f"{architecture}: left out; it takes what scripts/foreign-peers tells, and qemu-user", flush=True)
+            continue
+        looks_names_up(tools, server, emulator, peer)
+        with tunnel(tools, server, far_side=["--", emulator, peer, "--allow", server.address]) as clients:
+            clients.expect_command()
+            clients.expect_copies(8 << 20)
+        tried.append(f"{architecture}, {os.path.getsize(peer)} bytes")
+    print("; ".join(tried) or "not tried, since there is none", flush=True)
 
 
 def looks_names_up(tools, server, *peer):
@@ -209,4 +194,3 @@ def looks_names_up(tools, server, *peer):
 
 SCENARIOS = {each.__name__: each for each in (into_a_chroot, into_a_virtual_machine, over_a_serial_line, over_ssh,
                                               as_another_user, through_sudo, foreign_peers)}
-SCENARIOS.update({f"foreign_{name}": functools.partial(foreign_peer, architecture=name) for name in FOREIGN})

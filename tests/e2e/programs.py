@@ -14,7 +14,7 @@ import struct
 import subprocess
 
 from hosts import ADDRESS, Host, Target, connect, expect_echo, expect_end
-from throwaway import READY_S, Child, eventually, expect, read, run_to_the_end, write
+from throwaway import READY_S, Child, eventually, expect, read, run_to_the_end, side_by_side, write
 
 CONNECT, DATA, CLOSE, LIST, PING, GOODBYE, RESET = 1, 2, 3, 6, 0xF0, 0xF2, 0xF4
 LARGE = 3_000_000
@@ -159,25 +159,29 @@ def fill(text, places):
     return text
 
 
-def bad_far_sides(tools, server):
+def bad_far_sides(tools):
     """Each has a status and a message of its own, and so has each end of -W; bad command lines get one line."""
     places = {"@PEER": tools.gx_ssh_peer, "@GX": tools.gx_ssh, "@TARGET": Target().address,
-              "@UNIX": Target(last=True, path=f"{server.folder}/target").address,
+              "@UNIX": Target(last=True, path=f"{tools.folder}/target").address,
               "@LIBC": re.search(r"/\S+/libc\.so\.6", read("/proc/self/maps"))[0],
               "@FAKE": glob.glob(f"{os.path.dirname(tools.gx_ssh)}/../../tests/tools/gx-ssh/libgx_fake_module.*")[0]}
-    for options, far_side, status, said, *stdio in FAR_SIDES:
+
+    def meets(options, far_side, status, said, typed="", output=None):
         carrier = ["--", "sh", "-c", far_side] if far_side else ["--local"]
         words = [fill(word, places) for word in [*options, *carrier]]
-        typed, output = stdio or ("", None)
         done = run_to_the_end([tools.gx_ssh, *words], input=typed.encode())
         judge(words, done, status, fill(said, places), output=output)
-    for command, status, *said in COMMANDS:
+
+    def runs(command, status, *said):
         done = run_to_the_end(["sh", "-c", fill(command, places)], stdin=subprocess.DEVNULL)
         judge(command, done, status, *said, output="" if status == 3 else None)
         expect(status != 2 or re.fullmatch("gx-ssh-peer: .*\n", done.stderr.decode()), command, done.stderr)
 
+    side_by_side(meets, FAR_SIDES)
+    side_by_side(runs, COMMANDS)
 
-def ends(tools, _server):
+
+def ends(tools):
     """However it is told to end it ends in order, and tells what it was asked to tell."""
     target = Target()
     for number, *options in ((signal.SIGTERM,), (signal.SIGINT, "-v"),
@@ -222,9 +226,9 @@ def ends(tools, _server):
         host.expect(host.err, "the link is up again")
 
 
-def names(tools, server):
+def names(tools):
     """Socket and port file are the owner's, and go with the gx-ssh whose they are, and with no other."""
-    target, path = Target(), f"{server.folder}/name"
+    target, path = Target(), f"{tools.folder}/name"
     listen = ["--listen", f"unix:{path}"]
     for number, status in ((signal.SIGKILL, -9), (signal.SIGTERM, 0)):  # what a killed one left does not matter
         with Host(tools, target, *listen) as host, host.connect() as client:
@@ -267,11 +271,11 @@ def told(host, **wanted):
     return found[0]
 
 
-def tells(tools, server):
+def tells(tools):
     """Scripts, service managers and whoever reads its log hear how it is; one that stalls holds up nothing."""
     target = Target()
-    tells_managers(tools, server, target)
-    ready, log = f"{server.folder}/ready", f"{server.folder}/log"
+    tells_managers(tools, target)
+    ready, log = f"{tools.folder}/ready", f"{tools.folder}/log"
     with Host(tools, target, "--ready-fd", "3", "--log-file", log, "--log-format", "json", "--stats", "100ms",
               through=["sh", "-c", f'exec 3>{ready}; exec "$@"', "sh"]) as host:
         eventually(lambda: host.address + "\n" == read(ready), "nobody was told that it is ready")
@@ -279,8 +283,8 @@ def tells(tools, server):
         host.stop()
         line = json.loads(read(log).splitlines()[0])
         expect((line["level"], line["message"]) == ("info", "0 open, 0 in all; 0 B sent, 0 B received"), line)
-    listens(tools, server, target)
-    stalls(tools, server, target)
+    listens(tools, target)
+    stalls(tools, target)
     older = "@PEER | { read -r line; echo GX-SSH-PEER-CAN flow-control; exec cat; }"
     for through, form, status, words in (
             ("echo Welcome; exec @PEER", ["--json"], 0, (
@@ -294,10 +298,10 @@ def tells(tools, server):
         expect(all(word in done.stdout.decode() for word in words), done.stdout)
 
 
-def tells_managers(tools, server, target):
+def tells_managers(tools, target):
     """By events, by the port file, at a signal, and as systemd wants to be told."""
     with socket.socket(socket.AF_UNIX, socket.SOCK_DGRAM) as manager:
-        manager.bind(f"{server.folder}/notify")
+        manager.bind(f"{tools.folder}/notify")
         manager.settimeout(READY_S)
 
         def notified(*words):
@@ -305,11 +309,11 @@ def tells_managers(tools, server, target):
                 pass
 
         libraries = run_to_the_end(["ldd", tools.gx_ssh]).stdout.decode()
-        with Host(tools, target, "--json", "--stats", "50ms", "--port-file", f"{server.folder}/port", through=[
-                "env", f"NOTIFY_SOCKET={server.folder}/notify", "WATCHDOG_USEC=200000"]) as host:
+        with Host(tools, target, "--json", "--stats", "50ms", "--port-file", f"{tools.folder}/port", through=[
+                "env", f"NOTIFY_SOCKET={tools.folder}/notify", "WATCHDOG_USEC=200000"]) as host:
             told(host, event="link", state="up")
             told(host, event="listening")
-            with connect(read(f"{server.folder}/port").strip()) as client:
+            with connect(read(f"{tools.folder}/port").strip()) as client:
                 expect_echo(client, "the port of the file")
             told(host, event="open", connection=1)
             host.expect(host.out, '"line_round_trip_ms":[0-9.]+,"line_under_way":')
@@ -324,9 +328,9 @@ def tells_managers(tools, server, target):
             told(host, event="exit", reason="stopped", status=0)
 
 
-def listens(tools, server, target):
+def listens(tools, target):
     """At the sockets of a service manager: early callers are served, and the sockets stay when it has ended."""
-    path = f"{server.folder}/socket"
+    path = f"{tools.folder}/socket"
     with socket.socket(socket.AF_UNIX) as local, socket.create_server(("127.0.0.1", 0)) as port, \
             socket.create_server(("0.0.0.0", 0)) as everywhere:
         local.bind(path)
@@ -353,7 +357,7 @@ def listens(tools, server, target):
             os.close(each)
 
 
-def stalls(tools, server, target):
+def stalls(tools, target):
     """Nobody reads its events, or its words."""
     there, here = os.pipe()
     os.set_blocking(here, False)
@@ -361,7 +365,7 @@ def stalls(tools, server, target):
         while os.write(here, bytes(1 << 16)):
             pass
     os.set_blocking(here, True)
-    said = f"{server.folder}/said"
+    said = f"{tools.folder}/said"
     loud = READY + f"yes $(printf %01000d) | head -n 200 >&2; echo >{said}; " + SILENT
     for descriptor, options, more in ((1, ["--json", "--port-file", said], {}), (2, [], {"shell": loud})):
         with Host(tools, target, *options, **more, through=[
@@ -372,7 +376,7 @@ def stalls(tools, server, target):
     os.close(here)
 
 
-def surroundings(tools, server):
+def surroundings(tools):
     """What the carrier says and inherits reaches the right one, and who has become another user is left, and told."""
     target = Target()
     with Host(tools, target, shell="printf '\\033[1m\\nSchl\\303\\274ssel: ' >&2; cat >&2") as host:
@@ -385,22 +389,22 @@ def surroundings(tools, server):
     seen = done.stderr.decode().split()
     expect(seen.count("0" * 16) == 2 and "3" in seen and "4" not in seen, seen)
     # bash, unlike sh, takes a socket for a remote login's, and what it then reads would come before the line.
-    write(f"{server.folder}/.bashrc", "echo read\n")
-    path = f"{server.folder}/socket"
+    write(f"{tools.folder}/.bashrc", "echo read\n")
+    path = f"{tools.folder}/socket"
     with Host(tools, target, "-q", "--listen", f"unix:{path}", "--run", "echo ${GX_SSH_PORT-none} $GX_SSH_ADDR",
               far_side=["--", "bash", "-c", READY + "cat >/dev/null; test $SHLVL = 2"],
-              through=["env", "-u", "SHLVL", "GX_SSH_PORT=1", f"HOME={server.folder}"]) as host:
+              through=["env", "-u", "SHLVL", "GX_SSH_PORT=1", f"HOME={tools.folder}"]) as host:
         host.expect_status(0)
         expect(host.out.text() == f"none unix:{path}", host.out.text())
     if os.geteuid() == 0:
-        cannot_be_ended(tools, server)
+        cannot_be_ended(tools)
 
 
-def cannot_be_ended(tools, server):
+def cannot_be_ended(tools):
     """The carrier has become another user, and the end of its input means nothing to it."""
-    folder = f"{server.folder}/public"
+    folder = f"{tools.folder}/public"
     os.mkdir(folder)
-    for each in (server.folder, folder):
+    for each in (tools.folder, folder):
         os.chmod(each, 0o755)
     module = glob.glob(f"{os.path.dirname(tools.gx_ssh)}/../../src/module/libgx-control-ssh.*")[0]
     module, program, become = (shutil.copy(file, folder) for file in (module, tools.gx_ssh, "/usr/bin/setpriv"))
@@ -427,7 +431,7 @@ def plays(tools, places, options, greeting, sent, came, said):
     expect(max(map(len, errors.splitlines()), default=0) < 1000, f"{options} told a long line")
 
 
-def peers(tools, server):
+def peers(tools):
     """gx-ssh-peer by itself: what it leaves behind, how it ends, and names that only its cache knows."""
     target = Target()
     with socket.create_server(("127.0.0.1", 0), backlog=0) as silent, socket.socket() as deaf, \
@@ -466,12 +470,12 @@ def peers(tools, server):
                           stderr=subprocess.PIPE)
     expect((done.returncode, done.stderr) == (1, b""), "with nobody to read its output it said", done)
     os.close(closed)
-    caches_names(tools, server, target.address.rpartition(":")[2])
+    caches_names(tools, target.address.rpartition(":")[2])
 
 
-def caches_names(tools, server, port):
+def caches_names(tools, port):
     """A name is taken from the cache, and one that was looked up is put there."""
-    cache, here = f"{server.folder}/names", socket.gethostname()
+    cache, here = f"{tools.folder}/names", socket.gethostname()
     write(cache, json.dumps({"cache": [
         {"name": "known.invalid", "ips": ["127.0.0.1", "2001:db8::1"], "timestamp": 1}]}))
     names = ("known.invalid", here, "other.invalid")

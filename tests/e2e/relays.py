@@ -39,12 +39,12 @@ def expect_whole(host, text, what):
         expect_end(client, what)
 
 
-def modes(tools, server):
+def modes(tools):
     """In each mode in which gx-ssh listens itself strangers get nowhere and keep nobody out, and bytes come back whole.
 
     A stranger is who finds the module's own port.
     """
-    ways = [["-W", "@TARGET"], ["--listen", "127.0.0.1:0"], ["--listen", f"unix:{server.folder}/socket"],
+    ways = [["-W", "@TARGET"], ["--listen", "127.0.0.1:0"], ["--listen", f"unix:{tools.folder}/socket"],
             ["--reconnect"], ["--user-only"]]
     text = os.urandom(3_000_000)
     with contextlib.ExitStack() as exits:
@@ -75,12 +75,12 @@ def modes(tools, server):
             expect(target.connections == (1 if way[0] == "-W" else 3), way, target.connections, "reached the target")
 
 
-def many(tools, server):
+def many(tools):
     """So many connections at once, in each mode; and a carrier gets the limit of descriptors that gx-ssh had."""
     resource.setrlimit(resource.RLIMIT_NOFILE, (resource.getrlimit(resource.RLIMIT_NOFILE)[1],) * 2)
-    limit = f"{server.folder}/limit"
+    limit = f"{tools.folder}/limit"
     listen = ["--listen", "127.0.0.1:0"]
-    for way in (listen, ["--listen", f"unix:{server.folder}/socket"], ["--reconnect"], ["--user-only"], ["--local"],
+    for way in (listen, ["--listen", f"unix:{tools.folder}/socket"], ["--reconnect"], ["--user-only"], ["--local"],
                 [*listen, "--local"]):
         target = Target()
         far_side = [] if "--local" in way else [
@@ -109,12 +109,12 @@ def stalled(peer, address):
         os.kill(peer, signal.SIGCONT)
 
 
-def forwards(tools, server):
+def forwards(tools):
     """Each -L leads to its target over the one carrier, however many go through; those that are refused harm no other.
 
     They come while the module is held up by the far side, so that it takes them all at once.
     """
-    paths = [f"{server.folder}/{name}" for name in ("target", "near", "refused")]
+    paths = [f"{tools.folder}/{name}" for name in ("target", "near", "refused")]
     targets = [Target(), Target(), Target(), Target(path=paths[0]), Target(path=paths[2]), Target()]
     named = [target.address.removeprefix("unix:") for target in targets]
     named[1] = named[1].replace("127.0.0.1", "localhost")
@@ -122,11 +122,11 @@ def forwards(tools, server):
     options = [word for start, name in zip(starts, named) for word in ("-L", f"{start}:{name}")]
     allowed = " ".join(f"--allow {name}" for name in (named[1], targets[2].address, targets[3].address))
     with contextlib.ExitStack() as exits:
-        host = exits.enter_context(Host(tools, targets[0], "--port-file", f"{server.folder}/addresses", *options,
+        host = exits.enter_context(Host(tools, targets[0], "--port-file", f"{tools.folder}/addresses", *options,
                                         allowed=allowed))
         host.expect(host.err, "other computers can reach ")
         addresses = host.addresses(len(targets))
-        expect(read(f"{server.folder}/addresses").split() == addresses, "the port file has others")
+        expect(read(f"{tools.folder}/addresses").split() == addresses, "the port file has others")
         with stalled(host.peer, addresses[0]):
             clients = [(number, exits.enter_context(connect(address)))
                        for _ in range(FORWARDED) for number, address in enumerate(addresses)]
@@ -143,7 +143,7 @@ def forwards(tools, server):
         eventually(lambda: [target.connections for target in targets] == wanted, "other targets were reached")
 
 
-def user_only(tools, _server):
+def user_only(tools):
     """With --user-only another user, and a socket that nobody holds any more, get nowhere; needs root."""
     stranger = ["python3", "-c", "import socket, sys; c = socket.create_connection(('127.0.0.1', int(sys.argv[1]))); "
                 "c.sendall(b'x'); sys.argv[2:] and c.recv(1)"]

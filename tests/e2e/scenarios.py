@@ -15,20 +15,10 @@ from hosts import Host, tunnel
 from terminal import terminal
 from throwaway import Clients, Failure, SshServer, bounded, nothing_left, write_script
 
-SCENARIOS = {**relays.SCENARIOS, **bringing.SCENARIOS, **carriers.SCENARIOS, **programs.SCENARIOS,
-             "terminal": terminal}
-
-
-def scenario(function):
-    SCENARIOS[function.__name__] = function
-    return function
-
-
 def say(text):
     print(text, flush=True)
 
 
-@scenario
 def demo(tools, server):
     """A command, and a file there and back."""
     say(f"sshd      listens on {server.address}, with keys of its own")
@@ -44,7 +34,6 @@ def demo(tools, server):
     say("gx-ssh    ended in order")
 
 
-@scenario
 def proxies(tools, server):
     """As ssh's proxy: -W, and --connect to a Unix socket as --print ssh-config says, whatever its path is like."""
     peer = f"{tools.gx_ssh_peer} -q --allow {server.address}"
@@ -58,7 +47,6 @@ def proxies(tools, server):
         Clients(server, proxy).expect_command()
 
 
-@scenario
 def another_far_side(tools, server):
     """The example that knows docs/frames.md and nothing else."""
     example = os.path.join(os.path.dirname(os.path.abspath(__file__)), "../../examples/far_side.py")
@@ -69,6 +57,21 @@ def another_far_side(tools, server):
             clients.expect_copies(1 << 20)
 
 
+# Those before an SSH server, and those that need none.
+SSH = {**carriers.SCENARIOS, **{each.__name__: each for each in (demo, proxies, another_far_side)}}
+SCENARIOS = {**relays.SCENARIOS, **bringing.SCENARIOS, **programs.SCENARIOS, "terminal": terminal}
+
+
+def play(tools):
+    with tempfile.TemporaryDirectory(prefix="gx-ssh-") as tools.folder:
+        if tools.scenario in SSH:
+            with SshServer(tools.folder) as server, nothing_left(tools.folder):
+                SSH[tools.scenario](tools, server)
+        else:
+            with nothing_left(tools.folder):
+                SCENARIOS[tools.scenario](tools)
+
+
 def parse_arguments():
     parser = argparse.ArgumentParser(description=__doc__)
     parser.add_argument("--gx-ssh", required=True, type=os.path.abspath, help="the program")
@@ -76,21 +79,16 @@ def parse_arguments():
     parser.add_argument("--size-mib", type=int, default=64, help="size of the file that the demo copies")
     parser.add_argument("--rounds", type=int, default=1, help="how often the scenario is played")
     parser.add_argument("--limit-s", type=int, default=240, help="fail when this takes longer")
-    parser.add_argument("scenario", choices=SCENARIOS)
+    parser.add_argument("scenario", choices=[*SSH, *SCENARIOS])
     return parser.parse_args()
 
 
 def main():
     arguments = parse_arguments()
-    if why_not := carriers.why_not(arguments.scenario):
-        say(why_not)
-        return
     try:
         with bounded(arguments.limit_s):
             for _ in range(arguments.rounds):
-                with tempfile.TemporaryDirectory(prefix="gx-ssh-") as arguments.folder:
-                    with SshServer(arguments.folder) as server, nothing_left(arguments.folder):
-                        SCENARIOS[arguments.scenario](arguments, server)
+                play(arguments)
         say(f"{arguments.scenario} succeeded")
     except Failure as failure:
         sys.exit(f"{arguments.scenario} failed: {failure}")

@@ -188,7 +188,7 @@ def has_it_in_the_background(tools):
         shell.expect("status 0")
 
 
-def terminal(tools, _server):
+def terminal(tools):
     """Who gets what is typed, and who may write."""
     interrupts_a_command(tools)
     interrupts_a_carrier(tools)

@@ -11,6 +11,8 @@ from throwaway import Child, run, write, write_script
 
 EMULATOR = "qemu-system-x86_64"
 BOOT_S = 300  # without KVM
+NEEDED = (f"{EMULATOR} and a kernel: "
+          "apt-get download linux-image-VERSION-amd64 && dpkg-deb -x linux-image-*.deb build/kernel")
 # In the order in which they stand on one another; some kernels have them built in.
 MODULES = ("virtio_ring", "virtio", "virtio_pci_legacy_dev", "virtio_pci_modern_dev", "virtio_pci", "virtio_console")
 START = """
@@ -30,17 +32,10 @@ while n=$((n + 1)); echo "shell $n" >/dev/console; do sh; sleep 1; done
 INITTAB = "::sysinit:/etc/start\n::respawn:/etc/shell\n"
 
 
-def missing():
-    """What there is not to make one of; None: all is there."""
-    if not shutil.which(EMULATOR):
-        return EMULATOR
-    if not kernel():
-        return "a kernel: apt-get download linux-image-VERSION-amd64 && dpkg-deb -x linux-image-*.deb build/kernel"
-    return None
-
-
 def kernel():
-    """The newest one, and the folder of its modules; None: there is none."""
+    """The newest one, and the folder of its modules; None: there is none, or no emulator."""
+    if not shutil.which(EMULATOR):
+        return None
     for root in (os.path.abspath(f"{HERE}/../../build/kernel"), ""):
         for image in sorted(glob.glob(f"{root}/boot/vmlinuz-*"), reverse=True):
             modules = f"{root}/lib/modules/{os.path.basename(image).removeprefix('vmlinuz-')}"
