@@ -1,6 +1,7 @@
 // The life of a plugin in a host's hands: ends at bad moments, calls in any order.
 
 #include "module/ssh_client.h"
+#include "support/descriptor_limit.h"
 #include "support/far_side.h"
 #include "support/forwarding.h"
 #include "support/host_objects.h"
@@ -61,6 +62,36 @@ TEST_F(LifeCycle, ExitAtAnyMomentLeavesNothing) {
     far.Stop();
     for (TcpClient& client : clients) EXPECT_TRUE(client.WaitForEnd()) << "round " << round;
   }
+}
+
+// A host with 1,100 open files: what select cannot watch is refused with a line, what it can is served.
+TEST_F(LifeCycle, AHostOfManyFilesIsRefusedWithALine) {
+  const FarSide far(stream_);
+  TcpClient before(address_);
+  ASSERT_TRUE(before.Echoes());
+  {
+    const TakenDescriptors files(1'100);
+    for (int i = 0; i < 20; ++i) {
+      TcpClient refused(address_);
+      EXPECT_TRUE(refused.WaitForEnd());
+    }
+    EXPECT_TRUE(before.Echoes());
+    const auto lines = log_.Lines();
+    EXPECT_EQ(std::count_if(lines.begin(), lines.end(),
+                            [](const auto& line) {
+                              return line.first == kGXModLogError &&
+                                     line.second.find("connection refused") != std::string::npos;
+                            }),
+              20);
+    IChannelRaw* deaf = client_->NewChannel("late", "", "10.0.0.1:22");
+    ASSERT_NE(deaf, nullptr);
+    EXPECT_STREQ(deaf->get_LocalAddress(), "") << "no port that nobody answers on";
+    EXPECT_THAT(log_.Lines(),
+                testing::Contains(testing::Pair(kGXModLogError, testing::HasSubstr("listening"))));
+  }
+  EXPECT_TRUE(before.Echoes());
+  TcpClient after(address_);
+  EXPECT_TRUE(after.Echoes());
 }
 
 // Letters: I InitInstance, N the same with null, T with a stream whose Close throws, R Run, F Run with a

@@ -110,7 +110,8 @@ TEST_F(ModuleTest, CreationChecksWhatIsAskedFor) {
   }
   Create(new CreateParams("IControlSshPlugin", GXModPackVersion({2, 1, 7})));
   EXPECT_EQ(Lines().front(), line(1, "interface IControlSshPlugin  version 2.1.7 modversion 2.0.0"));
-  EXPECT_EQ(entry_->create(nullptr, nullptr), 0U);
+  void* made = nullptr;
+  EXPECT_EQ(entry_->create(nullptr, &made), 0U);
   EXPECT_THAT(Lines(), ElementsAre(line(4, "invalid param")));
 }
 

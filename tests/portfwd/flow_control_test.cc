@@ -61,13 +61,6 @@ TEST_F(FlowControlTest, WaitsForALittleRoomAndTellsOnceUntilHalfIsGone) {
   EXPECT_EQ(Queue(first_, 6), Filled::kConnection) << "the next time";
 }
 
-// A block of one byte counts with the memory that holds it.
-TEST_F(FlowControlTest, CountsWhatSmallBlocksCost) {
-  unsigned blocks = 0;
-  while (flow_.Queued(first_, 1) == Filled::kNothing) ++blocks;
-  EXPECT_EQ(blocks, kMark / (1 + CFlowControl::kBlockBytes));
-}
-
 TEST_F(FlowControlTest, AllTogetherHaveAMark) {
   for (Account& account : accounts_) Queue(account, 5);
   EXPECT_EQ(Queue(first_, 1), Filled::kTotal);
@@ -125,30 +118,31 @@ TEST_F(FlowControlTest, WhoTakesNothingIsCut) {
   EXPECT_EQ(flow_.Owed(first_), 6 * kBlock) << "who takes something stays";
 }
 
-// Each event that ends the wait wakes the reader. The deadlines lie too far ahead to do it.
+// Each event that ends the wait wakes the reader. Each look at the clock takes a millisecond; no deadline but
+// that of a stuck Write is near.
 TEST(FlowControlThreadsTest, WakesTheReader) {
   const std::function<void(CFlowControl&, Account&)> events[] = {
       [](CFlowControl& flow, Account& account) { flow.Released(account, kMark); },
       [](CFlowControl& flow, Account& account) { flow.Close(account); },
-      [](CFlowControl& flow, Account&) { flow.WriteWaits(gettickcount()); },
+      [](CFlowControl& flow, Account&) { flow.WriteWaits(now_ms); },
       [](CFlowControl& flow, Account&) { flow.Stop(); },
   };
+  static std::atomic<std::uint64_t> looks;
+  now_ms = 1'000'000;
   for (std::size_t i = 0; i < std::size(events); ++i) {
-    constexpr std::uint64_t kLong = 1'000'000'000;
-    CFlowControl flow({.connection_bytes = kMark, .stuck_ms = 1, .jam_ms = kLong, .stall_ms = kLong});
+    CFlowControl flow({.connection_bytes = kMark, .stuck_ms = 10}, [] { return now_ms + ++looks; });
     Account account;
     flow.Open(account, 7);
     ASSERT_EQ(flow.Queued(account, kMark), Filled::kConnection);
-    std::atomic<bool> done{false};
-    std::thread reader([&] {
-      EXPECT_EQ(flow.WaitForRoom(account), std::nullopt);
-      done = true;
-    });
-    EXPECT_FALSE(gxtest::Eventually([&] { return done.load(); }, std::chrono::milliseconds(20)));
+    looks = 0;
+    auto reader = std::async(std::launch::async, [&] { return flow.WaitForRoom(account); });
+    EXPECT_TRUE(gxtest::Eventually([] { return looks != 0; }));
+    flow.Owed(account);  // takes the lock, which the reader gives up by going to sleep
+    EXPECT_EQ(reader.wait_for(std::chrono::seconds(0)), std::future_status::timeout);
     events[i](flow, account);
-    EXPECT_TRUE(gxtest::Eventually([&] { return done.load(); })) << i;
+    EXPECT_EQ(reader.wait_for(gxtest::kPatience), std::future_status::ready) << i;
     flow.Stop();
-    reader.join();
+    EXPECT_EQ(reader.get(), std::nullopt);
     flow.Close(account);
   }
 }

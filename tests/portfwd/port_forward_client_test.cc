@@ -20,12 +20,15 @@ TEST_F(PortForwardClientTest, ChannelListFollowsEveryChange) {
   IChannelRaw* second = client_->NewChannel("x", "tcp", "a:1");
   ASSERT_NE(second, nullptr);
   expect_list(first + "name=x&pro=tcp&addr=a%3A1;");
-  EXPECT_EQ(second->Erase(), 0U);
+  EXPECT_EQ(client_->GetChannel2(second->get_Index()), second);
+  EXPECT_EQ(client_->DeleteChannel2(second->get_Index()), 0U);
   expect_list(first);
   EXPECT_EQ(client_->GetChannel(0)->Erase(), 0U);
   expect_list("");
   EXPECT_EQ(client_->GetChannelsCount(), 0U);
   EXPECT_FALSE(TcpClient(address_).IsConnected());
+  EXPECT_EQ(client_->TestChannel("", "", "works?"), 0U);
+  EXPECT_EQ(stream_->Receive(), (Frame{ConnectionType::TestChannel, 0, "works?"}));
 }
 
 // A stop, or a change of sharing, leaves connections as they are.
@@ -40,10 +43,12 @@ TEST_F(PortForwardClientTest, AChannelStopsAndMovesToAFreshPort) {
   EXPECT_EQ(ReceiveData(open.id, 10), "still here");
 
   EXPECT_TRUE(channel->Run());
-  EXPECT_TRUE(TcpClient(channel->get_LocalAddress()).IsConnected());
+  const std::string moved = channel->get_LocalAddress();
+  EXPECT_TRUE(TcpClient(moved).IsConnected());
   channel->put_AllowShare(1);
   const std::string shared = channel->get_LocalAddress();
-  EXPECT_FALSE(TcpClient(address_).IsConnected());
+  EXPECT_THAT(shared, testing::StartsWith("127.0.0.1:")) << "that is where local programs connect";
+  EXPECT_FALSE(TcpClient(moved).IsConnected());
   EXPECT_TRUE(TcpClient(shared).IsConnected()) << "listens at once";
   channel->put_AllowShare(1);
   EXPECT_EQ(channel->get_LocalAddress(), shared) << "no change, no new port";

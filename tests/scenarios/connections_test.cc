@@ -77,6 +77,7 @@ TEST_F(ConnectionsTest, ComingAndGoingLeavesNothing) {
   ASSERT_TRUE(stream_->WaitUntilRead());
   const int descriptors = OpenDescriptors();
   const std::int64_t objects = LiveObjects();
+  EXPECT_GT(objects, 0);
   const std::size_t heap = HeapBytes();
   for (int left = Rounds(300, 20'000); left > 0 && !HasFatalFailure(); --left) round_trip();
   EXPECT_TRUE(Eventually([&] { return LiveObjects() <= objects; })) << LiveObjects() - objects;
