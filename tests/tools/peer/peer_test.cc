@@ -33,6 +33,21 @@ std::size_t WriteUntilStuck(int fd, std::string_view bytes) {
   return written;
 }
 
+TEST_F(PeerTest, CloseFlushesWhatIsQueuedFirst) {
+  Rig rig(options_);
+  const Descriptor connection = rig.Connect(1, target_);
+  const std::string bytes = Pattern(6 << 20, 1);
+  rig.Send(ConnectionType::Data, 1, bytes);
+  rig.Send(ConnectionType::Close, 1);
+  EXPECT_TRUE(WriteAll(connection.get(), "an answer that nobody waits for"));
+  EXPECT_TRUE(ReadToEnd(connection.get()) == bytes);
+  // A target that was still being opened gets its bytes as well.
+  rig.Send(ConnectionType::Connect, 2, target_.Address());
+  rig.Send(ConnectionType::Data, 2, "last words");
+  rig.Send(ConnectionType::Close, 2);
+  EXPECT_EQ(ReadToEnd(target_.Accept().get()), "last words");
+}
+
 TEST_F(PeerTest, SlowTargetCostsBoundedMemoryAndNoByte) {
   Rig rig(options_);
   const Descriptor slow = rig.Connect(1, target_);
@@ -143,6 +158,18 @@ TEST_F(PeerTest, AnswersThatNobodyTakesDoNotPileUp) {
   std::thread writer([&] { EXPECT_TRUE(WriteAll(rig.host(), std::string_view(frames).substr(taken))); });
   for (int i = 0; i < 4096; ++i) EXPECT_EQ(rig.Next().payload.size(), 1024 + gxmod::kTestRespondHeaderBytes);
   writer.join();
+}
+
+TEST_F(PeerTest, NothingThatNeverEndsHoldsItsEndUp) {
+  for (const bool stopped : {false, true}) {
+    Rig rig(options_);
+    const Descriptor deaf = rig.Connect(1, target_);
+    const Descriptor endless = rig.Connect(2, target_);
+    WriteUntilStuck(rig.host(), MakeFrame(ConnectionType::Data, 1, std::string(32 << 20, 'x')));
+    WriteUntilStuck(endless.get(), std::string(8 << 20, 'x'));
+    stopped ? rig.peer().Stop() : rig.HangUp();
+    EXPECT_EQ(rig.Join() == kPeerEnded, stopped);
+  }
 }
 
 class PeerLinkTest : public PeerTest {
@@ -305,8 +332,9 @@ TEST_F(PeerTest, ConnectionsAreCounted) {
   rig.Send(ConnectionType::Connect, 3, target_.Address());
   EXPECT_EQ(rig.Next(), (Frame{ConnectionType::Close, 3}));
   EXPECT_THAT(rig.lines(), ElementsAre(HasSubstr("refused " + target_.Address() + ": 2 connections are open")));
-  rig.Send(ConnectionType::Close, 1);
-  EXPECT_EQ(ReadToEnd(first.get()), "");
+  EXPECT_TRUE(WriteAll(
+      rig.host(), MakeFrame(ConnectionType::Data, 1, "last words") + MakeFrame(ConnectionType::Close, 1, {})));
+  EXPECT_EQ(ReadToEnd(first.get()), "last words");
   EXPECT_GE(rig.Connect(4, target_).get(), 0);
 }
 
