@@ -17,6 +17,9 @@ namespace {
 // How often the thread checks, while bytes arrive, for a reader that has stopped reading. A shorter timer would
 // be noticeable in interactive traffic.
 constexpr std::chrono::milliseconds kLookInterval{50};
+// An acknowledgement that is due later than this is left to the thread: setting a timer for each message of a
+// conversation would be noticeable, too.
+constexpr std::chrono::milliseconds kShortWait = Receipts::kInterval;
 constexpr std::size_t kHoldBytes = 256 * 1024;  // per read
 // A far side that respects its permission reaches half of this; one that exceeds this is not read.
 constexpr std::size_t kMostHeldBytes = 2 * Receipts::kRoomBytes;
@@ -107,16 +110,17 @@ ssize_t Intake::Read(std::span<iovec> parts) {
   return static_cast<ssize_t>(got);
 }
 
-void Intake::BeginToWait() {
-  if (quiet_since_ms_ == 0) quiet_since_ms_ = Milliseconds(Clock::now());
+void Intake::BeginToWait(Clock::time_point now) {
+  if (quiet_since_ms_ == 0) quiet_since_ms_ = Milliseconds(now);
   waiting_since_ms_ = quiet_since_ms_;
 }
 
 void Intake::Sleep(int wake) {
-  std::optional<Clock::time_point> due;
-  if (acknowledges_) {
-    const std::lock_guard lock(receipts_mutex_);
-    due = TellReceipts();
+  const Clock::time_point now = Clock::now();
+  std::optional<Clock::time_point> due = acknowledges_ ? TellReceipts(now) : std::nullopt;
+  if (due && *due - now > kShortWait) {
+    if (!armed_) Arm();
+    due.reset();
   }
   stop_.WaitFor(fd_, POLLIN, wake, MillisecondsUntil(due));
 }
@@ -151,16 +155,18 @@ void Intake::OnFrameEnd() {
 // Call within the reader's or the thread's turn. Returns when the next acknowledgement will be due.
 std::optional<Intake::Clock::time_point> Intake::Acknowledge() {
   if (!acknowledges_) return std::nullopt;
-  const std::lock_guard lock(receipts_mutex_);
-  receipts_.OnReceived(std::exchange(counted_, 0));
-  receipts_.OnRead(scanner_.AtFrameEnd(), Clock::now());
-  receipts_.Permit(held_.size() - held_at_);
-  return TellReceipts();
+  const Clock::time_point now = Clock::now();
+  {
+    const std::lock_guard lock(receipts_mutex_);
+    receipts_.OnReceived(std::exchange(counted_, 0));
+    receipts_.OnRead(scanner_.AtFrameEnd(), now);
+    receipts_.Permit(held_.size() - held_at_);
+  }
+  return TellReceipts(now);
 }
 
-// Call with receipts_mutex_ held.
-std::optional<Intake::Clock::time_point> Intake::TellReceipts() {
-  const Clock::time_point now = Clock::now();
+std::optional<Intake::Clock::time_point> Intake::TellReceipts(Clock::time_point now) {
+  const std::lock_guard lock(receipts_mutex_);
   const auto due = receipts_.due(now);
   if (!due || *due > now) return due;
   handler_.OnAcknowledge(receipts_.Take(now, false), false);
@@ -193,9 +199,10 @@ void Intake::Look(std::uint64_t turns_before) {
   if (!inside_) {
     Hold();
   } else {
-    // A waiting reader arms the thread again when it leaves; one that has just left may have missed that.
+    // A waiting reader arms the thread again when it leaves, or when it leaves an acknowledgement to the
+    // thread; one that has just done so may have missed that.
     armed_ = false;
-    if (!inside_) armed_ = true;
+    if (TellReceipts(Clock::now()) || !inside_) armed_ = true;
   }
 }
 
@@ -209,7 +216,7 @@ void Intake::Hold() {
       if (!turn || inside_) break;
       may_read = may_read && ReadToHold();
       due = Acknowledge();
-      if (may_read) BeginToWait();
+      if (may_read) BeginToWait(Clock::now());
     }
     pollfd waits[] = {{stop_.fd(), POLLIN, 0}, {wake_.read.get(), POLLIN, 0}, {may_read ? fd_ : -1, POLLIN, 0}};
     poll(waits, std::size(waits), MillisecondsUntil(due));

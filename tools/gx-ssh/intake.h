@@ -27,7 +27,8 @@ namespace gxtool {
 // The module stops reading while one of its clients takes no data. Acknowledgements and pings must be handled
 // meanwhile: otherwise the module's writes would stop as well. So when the reader has not come for a moment,
 // the intake's thread reads instead and holds the bytes until the reader is back. The permission that was sent
-// to the far side bounds them. Without support for permissions in the far side this thread does not exist.
+// to the far side bounds them. While the reader waits, the thread sends late acknowledgements. Without support
+// for permissions in the far side this thread does not exist.
 //
 // While no bytes are held, the reader reads directly into its own memory.
 // Threads: Turn, and the operations within a turn, on the reader's; everything else on any.
@@ -35,8 +36,8 @@ class Intake : FrameReader::Handler {
  public:
   using Clock = std::chrono::steady_clock;
 
-  // Called on the reader's thread, inside Read, or on the intake's thread; one call at a time. OnAcknowledge is
-  // also called inside OnSending.
+  // OnUrgent is called on the reader's thread, inside Read, or on the intake's thread; one call at a time.
+  // OnAcknowledge as well, and inside OnSending; one call at a time.
   class Handler {
    public:
     // An urgent frame has arrived, with its payload or the first kUrgentPayloadBytes of it.
@@ -74,7 +75,7 @@ class Intake : FrameReader::Handler {
   ssize_t Read(std::span<iovec> parts);
   bool holds() const { return held_.size() > held_at_; }
   // Within a turn: the reader starts and stops waiting for bytes.
-  void BeginToWait();
+  void BeginToWait(Clock::time_point now);
   // Sleeps until bytes arrive, `wake` (-1: none) is readable or the stop signal is raised. May return earlier.
   void Sleep(int wake);
   void EndToWait() { waiting_since_ms_ = 0; }
@@ -99,7 +100,7 @@ class Intake : FrameReader::Handler {
   void Leave();
   void Came(std::string_view bytes) { scanner_.Feed(bytes); }
   std::optional<Clock::time_point> Acknowledge();
-  std::optional<Clock::time_point> TellReceipts();
+  std::optional<Clock::time_point> TellReceipts(Clock::time_point now);
   void Arm();
   void Watch();  // runs on the thread
   void Look(std::uint64_t turns_before);

@@ -164,7 +164,7 @@ std::size_t PluginInput::Receive(std::span<iovec> parts) {
 
 void PluginInput::Wait() {
   const Clock::time_point begin = Clock::now();
-  intake_.BeginToWait();
+  intake_.BeginToWait(begin);
   if (conversation_ < kLikely || !ComesBefore(begin + kAwake)) {
     intake_.Sleep(between_frames_ ? wake_.read.get() : -1);
   }

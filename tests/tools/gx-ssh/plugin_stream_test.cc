@@ -250,6 +250,26 @@ TEST_F(PluginStreamTest, TheFarSideIsHeardWhileTheModuleDoesNotRead) {
   EXPECT_TRUE(all.get() == sent);
 }
 
+TEST_F(PluginStreamTest, WhatNothingFollowsIsAcknowledgedWhileTheReaderWaits) {
+  Open({.acknowledges = true});
+  auto module = std::async(std::launch::async, [this] { return ReadModule(4096); });
+  const std::string frame = DataFrame(7, "x");
+  const std::size_t length = MakeAcknowledgement({}).size();
+  std::uint64_t sent = 0;
+  for (Acknowledgement told; told.received < 3 * frame.size();) {
+    if (told.received == sent) {
+      Send(frame);
+      sent += frame.size();
+    }
+    const std::string answer = ReadExactly(far_.get(), length);
+    EXPECT_EQ(answer.size(), length) << told.received << " of " << sent << " bytes are acknowledged";
+    if (HasFailure()) break;
+    told = *ReadAcknowledgement(answer.substr(gxmod::kFrameHeaderBytes));
+  }
+  EndOfFarSide();
+  EXPECT_EQ(module.get().size(), sent);
+}
+
 TEST_F(PluginStreamTest, FalseAcknowledgementsAreToldOnce) {
   Open({.acknowledges = true});
   Send(MakeAcknowledgement({0, 1 << 20}));
