@@ -131,10 +131,14 @@ class Session final : FrameReader::Handler {
 
   void Ping() {
     asked_ = Clock::now();
-    Send(MakeFrame(kPingFrame, 0, std::string(kPingBytes, 'p')));
+    ping_ = PingPayload(static_cast<std::uint64_t>(asked_.time_since_epoch().count()));
+    Send(MakeFrame(kPingFrame, 0, ping_));
   }
 
   void OnPong() {
+    // Whoever answers pings that it has not read would make this side send more and more of them.
+    if (ping_.empty() || payload_ != ping_) return;
+    ping_.clear();
     if (phase_ == Phase::kBytes) return;
     if (phase_ != Phase::kRoundTrips) return drains_ ? EndMeasure() : OnRound();
     result_.round_trips_ms.push_back(1000 * Seconds(Clock::now() - asked_));
@@ -165,8 +169,7 @@ class Session final : FrameReader::Handler {
     phase_ = phase;
     drains_ = false;
     const double round_trip = *std::ranges::min_element(result_.round_trips_ms) / 1000;
-    delivered_before_ = delivered();
-    meter_.emplace(Clock::now(), delivered(), round_trip, meter_ ? meter_->window() : 0);
+    meter_.emplace(Clock::now(), delivered(), round_trip);
     const auto bound = kRateTime + std::chrono::duration_cast<milliseconds>(
                                        std::chrono::duration<double>(kRateRoundTrips * round_trip));
     EndPhaseAfter(bound, [this, bound] { CutShort(Seconds(bound)); });
@@ -194,7 +197,7 @@ class Session final : FrameReader::Handler {
     if (phase_ == Phase::kBack && !drains_ && fill_left_ < kMostFillBytes / 2) AskForFill(kMostFillBytes);
   }
 
-  // Only as fast as the stream takes it: what queues is to lie on the way, not here.
+  // Sends only what the stream takes at once, so that what queues lies on the way and not in this program.
   void FillWindow() {
     if ((phase_ != Phase::kThere && phase_ != Phase::kBoth) || drains_) return;
     while (in_flight_ < meter_->window() && !writing_) {
@@ -226,10 +229,11 @@ class Session final : FrameReader::Handler {
     const double rate = meter_->rate();
     if (phase_ == Phase::kThere) {
       result_.there_rate = rate;
+      if (meter_->longest_round_s() == 0) return;
       const double queued_s =
           meter_->longest_round_s() - *std::ranges::min_element(result_.round_trips_ms) / 1000;
       result_.queued_ms = std::max(0.0, 1000 * queued_s);
-      result_.queued_bytes = rate * result_.queued_ms / 1000;
+      result_.queued_bytes = rate * *result_.queued_ms / 1000;
     } else if (phase_ == Phase::kBoth) {
       result_.both_rate = rate;
     } else {
@@ -246,8 +250,8 @@ class Session final : FrameReader::Handler {
   }
 
   void CutShort(double seconds) {
-    if (delivered() == delivered_before_) return Fail("the far side has stopped answering");
-    if (!drains_ && meter_->rate() > 0) TakeRate();
+    if (meter_->rate() == 0) return Fail("the far side has stopped answering");
+    if (!drains_) TakeRate();
     if (!drains_ || !is_last()) {
       result_.cut_short =
           fmt::format("the {} took more than {:.0f} s: the line is too slow or too long", PhaseName(), seconds);
@@ -359,14 +363,14 @@ class Session final : FrameReader::Handler {
   Receipts receipts_;
 
   Phase phase_ = Phase::kRoundTrips;
-  Clock::time_point asked_;
+  Clock::time_point asked_;  // the last ping was sent
+  std::string ping_;         // its payload; empty: it is answered
   std::optional<RateMeter> meter_;
-  bool drains_ = false;                 // the rate of this phase is measured
-  std::deque<std::size_t> under_way_;   // sizes of unanswered tests
-  std::size_t in_flight_ = 0;           // sum of under_way_
-  std::uint64_t answered_ = 0;          // bytes of tests
-  std::uint64_t delivered_before_ = 0;  // the phase
-  std::uint64_t fill_left_ = 0;         // of the last order
+  bool drains_ = false;                // the rate of this phase is measured
+  std::deque<std::size_t> under_way_;  // sizes of unanswered tests
+  std::size_t in_flight_ = 0;          // sum of under_way_
+  std::uint64_t answered_ = 0;         // bytes of tests
+  std::uint64_t fill_left_ = 0;        // of the last order
   ProbeResult result_;
 };
 

@@ -33,13 +33,13 @@ struct ProbeResult {
   std::optional<double> both_rate;   // in each direction, while both are busy
   std::string cut_short;             // why rates are unknown or too low, when a rate was not done in time
   // What lies on the way there when more is sent than the line carries: that many bytes, for so long. At most
-  // about half a second of the line is tried.
+  // about half a second of the line is tried, but 1 KiB.
   double queued_bytes = 0;
-  double queued_ms = 0;
+  std::optional<double> queued_ms;
 };
 
-// Starts the carrier and measures. After the far side is ready that takes about ten seconds on most lines, and
-// at most five seconds and for each of the three rates ten seconds and twenty round trips. Needs no module.
+// Starts the carrier and measures. After the far side is ready that takes ten to fifteen seconds on most lines,
+// and at most five seconds and for each of the three rates ten seconds and twenty round trips. Needs no module.
 // Throws Failure when the carrier cannot be run.
 ProbeResult Probe(const Options& options, Console& console);
 

@@ -49,9 +49,9 @@ std::vector<std::string> ProbeTable(const ProbeResult& result) {
                                   times.median, times.most, result.round_trips_ms.size()));
   }
   if (result.bytes_survive) row("bytes", "every value survives, there and back");
-  if (result.there_rate) {
-    row("rate there", FormatBytes(*result.there_rate) + "/s");
-    row("queue there", fmt::format("up to {}, {:.0f} ms", FormatBytes(result.queued_bytes), result.queued_ms));
+  if (result.there_rate) row("rate there", FormatBytes(*result.there_rate) + "/s");
+  if (result.queued_ms) {
+    row("queue there", fmt::format("up to {}, {:.0f} ms", FormatBytes(result.queued_bytes), *result.queued_ms));
   }
   if (result.back_rate) row("rate back", FormatBytes(*result.back_rate) + "/s");
   if (result.there_rate && !result.features.fill) {
@@ -79,10 +79,10 @@ JsonObject ProbeObject(const ProbeResult& result) {
     object.Add("round_trip_max_ms", times.most);
   }
   object.Add("bytes_survive", std::uint64_t{result.bytes_survive});
-  if (result.there_rate) {
-    object.Add("there_bytes_per_second", *result.there_rate);
-    object.Add("queued_bytes", static_cast<std::uint64_t>(result.queued_bytes))
-        .Add("queued_ms", result.queued_ms);
+  if (result.there_rate) object.Add("there_bytes_per_second", *result.there_rate);
+  if (result.queued_ms) {
+    object.Add("queued_bytes", static_cast<std::uint64_t>(result.queued_bytes));
+    object.Add("queued_ms", *result.queued_ms);
   }
   if (result.back_rate) object.Add("back_bytes_per_second", *result.back_rate);
   if (result.both_rate) object.Add("both_bytes_per_second", *result.both_rate);

@@ -16,9 +16,9 @@ constexpr int kFullRounds = 3;  // the line is full after that many rounds witho
 
 }  // namespace
 
-RateMeter::RateMeter(Clock::time_point now, std::uint64_t delivered, double round_trip_s, std::size_t window)
+RateMeter::RateMeter(Clock::time_point now, std::uint64_t delivered, double round_trip_s)
     : round_trip_s_(round_trip_s),
-      window_(std::max(window, kLeastWindow)),
+      window_(kLeastWindow),
       round_begin_(now),
       round_from_(delivered),
       count_begin_(now),

@@ -21,8 +21,8 @@ class RateMeter {
   static constexpr std::chrono::milliseconds kCountTime{1'500};
   static constexpr std::uint64_t kCountBytes = 64 * 1024 * 1024;
 
-  // The first round begins. `delivered`: bytes until now, of whatever. `window`: a first guess; 0: none.
-  RateMeter(Clock::time_point now, std::uint64_t delivered, double round_trip_s, std::size_t window);
+  // The first round begins. `delivered`: bytes until now, of whatever.
+  RateMeter(Clock::time_point now, std::uint64_t delivered, double round_trip_s);
 
   // A round has ended, and the next one begins.
   void OnRound(Clock::time_point now, std::uint64_t delivered);

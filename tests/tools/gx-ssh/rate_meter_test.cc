@@ -23,7 +23,7 @@ TEST(RateMeterTest, LongAndSlowLinesAreFullBeforeTheyCount) {
        {Way{1e6, 0.04}, {1e6, 0.6}, {10e6, 0.2}, {11.5e3, 0.01}, {1200, 0.01}, {1e9, 0.0001}}) {
     double time = 1;
     double delivered = 1e6;  // before
-    RateMeter meter(At(time), static_cast<std::uint64_t>(delivered), round_trip, 0);
+    RateMeter meter(At(time), static_cast<std::uint64_t>(delivered), round_trip);
     for (int round = 0; !meter.done(); ++round) {
       const double bytes = static_cast<double>(meter.window());
       // Early in the start nothing comes through for a while: that alone is no full line.
