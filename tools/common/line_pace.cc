@@ -10,11 +10,6 @@ using std::chrono::milliseconds;
 using Seconds = std::chrono::duration<double>;
 
 constexpr double kSlackSeconds = Seconds(LinePace::kSlack).count();
-// With a round trip longer than this the slack is shorter: a late acknowledgement then costs a smaller part of
-// the line.
-constexpr double kShortTripSeconds = 0.060;
-// The slack covers the variation of the round trips: so many times its mean.
-constexpr double kSpreads = 3;
 constexpr double kFrameSeconds = 0.010;  // time of the line for one frame
 constexpr std::size_t kLeastDataBytes = 512;
 constexpr std::size_t kSlowDataBytes = 4096;  // the maximum on a line that needs as long for kMostDataBytes
@@ -22,9 +17,10 @@ constexpr std::size_t kSlowDataBytes = 4096;  // the maximum on a line that need
 constexpr std::uint64_t kStartBytes = 2 * (gxmod::kFrameHeaderBytes + kSlowDataBytes) + kLeastDataBytes;
 constexpr std::uint64_t kLeastFrames = 4;  // on a slow line; acknowledging takes the time of two of them
 
-constexpr double kQueuePart = 0.5;  // of the slack: round trips longer than the minimum by this show a queue
+constexpr double kQueueSeconds = kSlackSeconds / 2;  // round trips longer than the minimum by this show a queue
 constexpr double kGrowth = 2;
-// For a line that has shown its rate. Behind a drain, the first frames of two rounds find it empty.
+// For a line that has shown its rate, in the first rounds: behind a drain the line is empty, so two full rounds
+// show no queue although the line is no faster than before.
 constexpr double kFirstGrowth = 1.25;
 constexpr int kFirstRounds = 2;
 constexpr milliseconds kRateTime{500};          // the rate is the maximum of the last one to two of these times
@@ -105,7 +101,7 @@ void LinePace::Take(std::uint64_t received, Clock::time_point now) {
 void LinePace::TakeSample(const Mark& mark, Clock::time_point now) {
   const double seconds = std::max(Seconds(now - mark.time).count(), kLeastSeconds);
   TakeRoundTrip(mark, seconds, now);
-  const bool has_queued = seconds >= round_trip_ + kQueuePart * slack_s() &&
+  const bool has_queued = seconds >= round_trip_ + kQueueSeconds &&
                           mark.under_way >= 2 * (gxmod::kFrameHeaderBytes + kLeastDataBytes);
   const double rate_time = std::max(Seconds(now - mark.received_at).count(), seconds);
   TakeRate(static_cast<double>(received_ - mark.received) / rate_time, has_queued, now);
@@ -124,11 +120,9 @@ void LinePace::TakeRoundTrip(const Mark& mark, double seconds, Clock::time_point
     Drain(now);
   }
   round_least_ = round_least_ == 0 ? seconds : std::min(round_least_, seconds);
-  round_sum_ += seconds;
-  ++round_samples_;
 
   const double expected =
-      std::max(round_trip_ + slack_s(), static_cast<double>(window_) / std::max(rate_, 1.0));
+      std::max(round_trip_ + kSlackSeconds, static_cast<double>(window_) / std::max(rate_, 1.0));
   if (seconds <= kLong * expected) {
     long_since_ = {};
   } else if (long_since_ == Clock::time_point{}) {
@@ -154,25 +148,13 @@ void LinePace::TakeRate(double rate, bool has_queued, Clock::time_point now) {
 void LinePace::EndRound(Clock::time_point now) {
   round_end_ = sent_;
   if (round_least_ == 0) return;
-  const bool queues = round_least_ >= round_trip_ + kQueuePart * slack_s();
+  const bool queues = round_least_ >= round_trip_ + kQueueSeconds;
   // Earlier round trips may have been measured with frames that were too long for this line.
   if (queues && round_full_ && !std::exchange(line_limits_, true) && rate_ * kFrameSeconds < kSlowDataBytes)
     Drain(now);
   growing_rounds_ = round_full_ && !queues ? growing_rounds_ + 1 : 0;
-  // A burst behind a drain is no more than one bad round.
-  spread_ += (std::min(round_sum_ / round_samples_ - round_least_, kSlackSeconds) - spread_) / 4;
   round_full_ = false;
-  round_least_ = round_sum_ = round_samples_ = 0;
-}
-
-double LinePace::slack_s() const {
-  if (!line_limits_) return kSlackSeconds;
-  const double frame = static_cast<double>(FrameBytes()) / std::max(rate_, 1.0);
-  const double long_trip = kSlackSeconds * kShortTripSeconds / std::max(round_trip_, kLeastSeconds);
-  const double two_frames = 2 * std::min(frame, kSlowDataBytes / std::max(rate_, 1.0));
-  // The sender's own frames cause a part of the spread.
-  const double foreign = std::max(0.0, spread_ - frame);
-  return std::min(kSlackSeconds, std::max(long_trip, two_frames) + kSpreads * foreign);
+  round_least_ = 0;
 }
 
 double LinePace::growth() const {
@@ -194,7 +176,7 @@ void LinePace::Update() {
     const auto least = static_cast<double>(line_limits_ ? kLeastDataBytes : kSlowDataBytes);
     data_bytes_ = static_cast<std::size_t>(std::clamp(frame, least, static_cast<double>(kSlowDataBytes)));
   }
-  const double carried = rate_ * (round_trip_ * growth() + slack_s());
+  const double carried = rate_ * (round_trip_ * growth() + kSlackSeconds);
   const std::uint64_t least = line_limits_ ? std::min(kLeastFrames * FrameBytes(), kStartBytes) : kStartBytes;
   window_ = std::max(static_cast<std::uint64_t>(carried), least);
 }

@@ -12,13 +12,12 @@
 namespace gxtool {
 
 // Compares sent and acknowledged bytes, independent of where the buffers in between are: pipes, ssh's window, a
-// modem. It allows about as many bytes under way as the line carries in one round trip plus a slack: kSlack, or
-// less when round trips are long and vary little, but two frames of a slow line.
+// modem. It allows about as many bytes under way as the line carries in one round trip plus kSlack.
 //
 // It uses ideas of delay-based congestion control from the literature (BBR and similar). Each acknowledgement
 // gives a sample of the delivery rate, measured from the last acknowledgement before the byte was sent. The
 // rate is the maximum of recent samples, the round trip the minimum. The window doubles as long as a full
-// window causes no queue, at the start and, more carefully, after the line has become faster. The slack is a
+// window causes no queue, at the start and, more carefully, after the line has become faster. kSlack is a
 // permanent probe: if the line had more room, these bytes would show it. Our own queue could be mistaken for a
 // long line. So the line is drained for one round trip, at intervals and when round trips stay too long.
 //
@@ -82,7 +81,6 @@ class LinePace {
   void EndRound(Clock::time_point now);
   void Drain(Clock::time_point now);
   void Update();
-  double slack_s() const;
   double growth() const;  // factor on the window
 
   const Now now_;
@@ -109,11 +107,8 @@ class LinePace {
 
   std::uint64_t round_end_ = 0;  // end of the current round, in bytes sent
   double round_least_ = 0;       // the round's least round trip, seconds; 0: none yet
-  double round_sum_ = 0;         // of the round's round trips
-  double round_samples_ = 0;
-  double spread_ = 0;        // by how much a round's mean exceeds its least, smoothed, seconds
-  bool round_full_ = false;  // the window was used up in this round
-  int growing_rounds_ = 1;   // rounds in a row that filled the window without a queue
+  bool round_full_ = false;      // the window was used up in this round
+  int growing_rounds_ = 1;       // rounds in a row that filled the window without a queue
 
   std::uint64_t window_ = 0;
   std::size_t data_bytes_ = kMostDataBytes;
