@@ -14,11 +14,11 @@
 namespace gxtool {
 namespace {
 
-// How often the thread checks, while bytes arrive, for a reader that has stopped reading. A shorter timer would
-// be noticeable in interactive traffic.
+// How often the thread checks, while bytes arrive, for a reader that has stopped reading, and for an
+// acknowledgement that is due. A shorter timer would be noticeable in interactive traffic.
 constexpr std::chrono::milliseconds kLookInterval{50};
-// An acknowledgement that is due later than this is left to the thread: setting a timer for each message of a
-// conversation would be noticeable, too.
+// An acknowledgement that is due later than this is left to the thread, which may send it kLookInterval too
+// late: setting a timer for each message of a conversation would be noticeable, too.
 constexpr std::chrono::milliseconds kShortWait = Receipts::kInterval;
 constexpr std::size_t kHoldBytes = 256 * 1024;  // per read
 // A far side that respects its permission reaches half of this; one that exceeds this is not read.
@@ -199,10 +199,11 @@ void Intake::Look(std::uint64_t turns_before) {
   if (!inside_) {
     Hold();
   } else {
-    // A waiting reader arms the thread again when it leaves, or when it leaves an acknowledgement to the
-    // thread; one that has just done so may have missed that.
+    // The reader waits. It arms the thread again when it leaves, and when it leaves an acknowledgement to the
+    // thread. It may have done either just before this: then the thread stays armed.
     armed_ = false;
-    if (TellReceipts(Clock::now()) || !inside_) armed_ = true;
+    const bool acknowledges_later = TellReceipts(Clock::now()).has_value();
+    if (acknowledges_later || !inside_) armed_ = true;
   }
 }
 

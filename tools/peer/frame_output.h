@@ -32,7 +32,7 @@ class FrameOutput {
   // Both are called from the event loop, never from inside the owner's calls.
   class Owner {
    public:
-    // Data was written: Room may have grown, owed and idle may have changed.
+    // Data was written, other than by FlushNow: Room may have grown, owed and idle may have changed.
     virtual void OnOutputProgress() = 0;
     // The queued data can no longer be sent.
     virtual void OnOutputBroken() = 0;
