@@ -38,7 +38,7 @@ class Brought(Clients):
         """The first session sends the peer, a second one and two copies do not. `folder` is one over there."""
         for sends in (True, False):
             said = self.expect_command(LONG_S)
-            expect("sends gx-ssh-peer" in said if sends else said == "", f"sends: {sends}, but it said {said}")
+            expect(("sends gx-ssh-peer" in said) == sends, f"sends: {sends}, but it said {said}")
         self.expect_copies(size, folder)
 
 
