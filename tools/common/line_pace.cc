@@ -12,15 +12,15 @@ using Seconds = std::chrono::duration<double>;
 constexpr double kSlackSeconds = Seconds(LinePace::kSlack).count();
 constexpr double kFrameSeconds = 0.010;  // time of the line for one frame
 constexpr std::size_t kLeastDataBytes = 512;
-constexpr std::size_t kSlowDataBytes = 4096;  // the maximum on a line that needs as long for kMostDataBytes
+constexpr std::size_t kSlowDataBytes = 4096;  // the maximum where kMostDataBytes take longer than that
 // Two frames, and a Connect before them.
 constexpr std::uint64_t kStartBytes = 2 * (gxmod::kFrameHeaderBytes + kSlowDataBytes) + kLeastDataBytes;
 constexpr std::uint64_t kLeastFrames = 4;  // on a slow line; acknowledging takes the time of two of them
 
 constexpr double kQueueSeconds = kSlackSeconds / 2;  // round trips longer than the minimum by this show a queue
 constexpr double kGrowth = 2;
-// For a line that has shown its rate, in the first rounds: behind a drain the line is empty, so two full rounds
-// show no queue although the line is no faster than before.
+// In the first rounds on a line whose rate is known: after a drain the line is empty, so two full rounds show
+// no queue although the line is as fast as before.
 constexpr double kFirstGrowth = 1.25;
 constexpr int kFirstRounds = 2;
 constexpr milliseconds kRateTime{500};          // the rate is the maximum of the last one to two of these times

@@ -17,11 +17,12 @@ namespace gxtool {
 // It uses ideas of delay-based congestion control from the literature (BBR and similar). Each acknowledgement
 // gives a sample of the delivery rate, measured from the last acknowledgement before the byte was sent. The
 // rate is the maximum of recent samples, the round trip the minimum. The window doubles as long as a full
-// window causes no queue, at the start and, more carefully, after the line has become faster. kSlack is a
-// permanent probe: if the line had more room, these bytes would show it. Our own queue could be mistaken for a
-// long line. So the line is drained for one round trip, at intervals and when round trips stay too long.
+// window causes no queue, at the start and, more carefully, after the line has become faster. kSlack also
+// probes: on a line that has become faster, these bytes raise the rate. A queue of our own bytes looks like a
+// long round trip. So the line is drained for one round trip, at intervals and when round trips stay too long.
 //
-// A byte stream hides losses, and no timer paces the sending. Threads: one at a time.
+// Unlike those, it sees no losses, which a byte stream hides, and sends without a timer.
+// Threads: one at a time.
 class LinePace {
  public:
   using Clock = std::chrono::steady_clock;
@@ -32,14 +33,13 @@ class LinePace {
 
   explicit LinePace(Now now = &Clock::now) : now_(now) {}
 
-  // There is no limit before the first acknowledgement, because the other side may not support them, and after
-  // End.
+  // False before the first acknowledgement, which the other side may not support, and after End.
   bool limits() const { return limits_; }
   void End() { ended_ = true, limits_ = false; }
 
   // `bytes` are being sent, whatever the limit.
   void OnSent(std::size_t bytes);
-  // Returns false for totals that no correct side sends. Impossible parts are ignored.
+  // Returns false for impossible totals; the impossible part is ignored.
   bool OnAcknowledgement(const Acknowledgement& totals);
   // The first `total` bytes were received. Ignored when outdated.
   void OnReceived(std::uint64_t total);
@@ -54,7 +54,7 @@ class LinePace {
 
   std::uint64_t sent() const { return sent_; }
 
-  // Measurements for people.
+  // Measurements for messages.
   struct View {
     bool known = false;
     double bytes_per_s = 0;

@@ -25,10 +25,10 @@
 namespace gxtool {
 
 // The module stops reading while one of its clients takes no data. Acknowledgements and pings must be handled
-// meanwhile: otherwise the module's writes would stop as well. So when the reader has not come for a moment,
+// meanwhile: otherwise the module's writes would stop as well. So when the reader has paused for kLookInterval,
 // the intake's thread reads instead and holds the bytes until the reader is back. The permission that was sent
-// to the far side bounds them. While the reader waits, the thread sends late acknowledgements. Without support
-// for permissions in the far side this thread does not exist.
+// to the far side bounds them. While the reader waits, the thread sends late acknowledgements. The thread
+// exists only when the far side supports acknowledgements.
 //
 // While no bytes are held, the reader reads directly into its own memory.
 // Threads: Turn, and the operations within a turn, on the reader's; everything else on any.
@@ -36,8 +36,8 @@ class Intake : FrameReader::Handler {
  public:
   using Clock = std::chrono::steady_clock;
 
-  // OnUrgent is called on the reader's thread, inside Read, or on the intake's thread; one call at a time.
-  // OnAcknowledge as well, and inside OnSending; one call at a time.
+  // Each is called one call at a time, within a turn or on the intake's thread, OnAcknowledge also inside
+  // OnSending.
   class Handler {
    public:
     // An urgent frame has arrived, with its payload or the first kUrgentPayloadBytes of it.
@@ -59,7 +59,7 @@ class Intake : FrameReader::Handler {
   Intake(int fd, const StopSignal& stop, Handler& handler, std::string_view received, bool acknowledges);
   ~Intake();
 
-  // While it exists, the reader has the stream.
+  // Gives the reader the descriptor for its lifetime.
   class Turn {
    public:
     explicit Turn(Intake& intake) : intake_(intake) { intake_.Enter(); }
@@ -80,7 +80,7 @@ class Intake : FrameReader::Handler {
   void Sleep(int wake);
   void EndToWait() { waiting_since_ms_ = 0; }
 
-  // Call before a block is sent in the other direction: it may take an acknowledgement along.
+  // Call before a block is sent in the other direction: an acknowledgement may be sent with it.
   void OnSending();
 
   // How long a read has been waiting for bytes that do not arrive. Zero while nothing reads.

@@ -17,7 +17,7 @@ namespace {
 constexpr std::size_t kFullBlockBytes = 4096;
 constexpr std::size_t kBatchBytes = 48 * 1024;
 constexpr std::chrono::microseconds kLinger{50};
-// The linger time is extended up to this while a flow sends its own batches: the flusher backs off.
+// While calls of Write send the batches themselves, the flusher doubles its pause up to this.
 constexpr std::chrono::microseconds kLongestLinger{1000};
 
 // Limits of unread bytes in the socket. On a fast line a large one saves context switches. On a slow line it
@@ -219,7 +219,8 @@ void PluginOutput::LookAtRate() {
   sent_then_ = sent_ever_;
 }
 
-// While the flow continues, this thread need not be woken, and the callers of Write send their batches.
+// Sends a batch that Write has not sent within a pause. Staying here while batches follow each other saves
+// waking this thread for each.
 void PluginOutput::Linger(Lock& lock) {
   auto pause = kLinger;
   do {

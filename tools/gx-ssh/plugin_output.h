@@ -21,20 +21,18 @@
 
 namespace gxtool {
 
-// The caller writes a single frame itself, at once. Frames whose size suggests that more follow are batched,
-// until a batch is worth a system call, the flow slows down, or a short time has passed. The flusher thread
-// sends what a slow far side does not take at once and what was batched for too long, unless Write waits for
-// room and sends it itself. Once the far side acknowledges, no more is sent than the line carries.
+// Write sends a short frame at once, on the calling thread. Long frames, which others usually follow, are
+// batched for a short time. The flusher thread sends a batch whose time is up and bytes for which the
+// descriptor had no room, except while a call of Write waits for room: that call sends them itself. Once the
+// far side acknowledges, no more is sent than the line carries.
 // Threads: Write one call at a time, everything else on any.
 class PluginOutput : FrameReader::Handler {
  public:
   class Handler {
    public:
-    // The header of a frame is about to go out: nothing that answers it has been received. Called from inside
-    // Write.
+    // Called inside Write before the frame is queued, so before any answer to it can arrive.
     virtual void OnSendingFrame(const gxmod::FrameHeader& header) = 0;
-    // The block with this header is queued: what the handler inserts goes out after it. Called from inside
-    // Write.
+    // Called inside Write after the frame is queued: frames that the handler inserts follow it.
     virtual void OnFrameQueued(const gxmod::FrameHeader& header) = 0;
     // The descriptor accepts no more data; `reason` is for a message. Called once, on a caller's thread or on
     // the flusher.
@@ -49,29 +47,29 @@ class PluginOutput : FrameReader::Handler {
   virtual ~PluginOutput();
 
   // Takes the whole block, which may begin and end inside a frame. Blocks while kQueueBytes or more are queued,
-  // and until the line has room. Splits a Data frame that is too long for the line. Returns false when closed,
-  // finished or broken.
+  // and until the line has room. Splits a Data frame that is too long for the line. Returns false when closed
+  // or finished, or when the descriptor has failed.
   bool Write(const void* data, std::size_t length);
 
-  // Queues a whole frame between those from Write, without cutting one of them. Never blocks.
+  // Queues a whole frame, after the current frame of Write. Never blocks.
   void Insert(std::string_view frame);
-  // The same for an answer that may be lost: drops it while kQueueBytes or more are queued, because those show
-  // that this side is alive.
+  // Inserts the answer to a ping, or drops it while kQueueBytes or more are queued: the far side sees from
+  // these bytes, too, that this side is alive.
   void Answer(std::string_view frame);
 
   // Sends a ping.
   void Ping();
   // Handles the pong.
   void OnPong(std::string_view payload);
-  // Tells the far side how much was received from it; `rides`: before the next Write, which follows at once.
+  // Sends an acknowledgement; with `rides` it is sent together with the next Write, which follows at once.
   // While the descriptor is full, only the latest totals are kept.
   void Acknowledge(const Acknowledgement& totals, bool rides);
   // Handles the far side's acknowledgement. Returns false when it is impossible.
   bool OnAcknowledgement(const Acknowledgement& totals);
   LinePace::View line() const;
 
-  // Refuses further calls of Write, ends one that waits for room as soon as there is some, and queues `frame`
-  // (may be empty). Returns true when everything was sent within `limit`.
+  // Makes later calls of Write fail, and a waiting one at the latest when the descriptor has room. Queues
+  // `frame` (may be empty). Returns true when everything was sent within `limit`.
   bool Finish(std::string_view frame, std::chrono::milliseconds limit);
 
   // Makes blocked and later calls of Write fail. Call it after raising the stop signal.
@@ -127,7 +125,7 @@ class PluginOutput : FrameReader::Handler {
   std::chrono::steady_clock::time_point looked_at_{};
   std::uint64_t sent_then_ = 0;
   bool writer_waits_ = false;  // a caller is in WaitForRoom and sends the queue
-  bool deferred_ = false;      // since the flusher last checked
+  bool deferred_ = false;      // a frame was batched since the flusher last checked
   std::uint64_t sends_ = 0;    // number of calls of Send
   bool finished_ = false;
   bool broken_ = false;

@@ -21,10 +21,11 @@
 
 namespace gxtool {
 
-// Events of the stream. Called on the module's threads, which wait for the return.
+// Events of the stream. Called on the module's threads and those of PluginOutput and Intake, which wait for the
+// return.
 class StreamObserver {
  public:
-  // Comes before every event that the frame causes at the far side.
+  // Called before any answer to the frame can arrive.
   virtual void OnFrameSent(const gxmod::FrameHeader& header) = 0;
   virtual void OnFrameReceived(const gxmod::FrameHeader& header) = 0;
   // The target has received everything that was sent before EndInput.
@@ -61,8 +62,8 @@ struct StreamSettings {
   bool guarded = false;       // use an entrance; otherwise all connections are forwarded
 };
 
-// Write always takes the whole block. Frames that only the two programs exchange are kept from the module:
-// pings are answered, the others reported. Threads: as for IPluginStreamRaw; Ping, Finish and silence on any.
+// Write takes the whole block or fails. The frames of common/control_frames.h do not reach the module: this
+// class handles them or reports them. Threads: as for IPluginStreamRaw; Ping, Finish and silence on any.
 class PluginStream final : public Counted<IPluginStreamRaw>,
                            PluginInput::Handler,
                            PluginOutput::Handler,
