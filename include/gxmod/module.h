@@ -28,7 +28,7 @@ class IGXModData : public virtual IReference {
  public:
   // Returns one of GXModDataType.
   virtual int GetType() const = 0;
-  // NUL-terminated; valid while the value is referenced. Asked only of a value of type text.
+  // NUL-terminated; valid while the value is referenced. Called only for a value of type text.
   virtual const char* GetText() const = 0;
   // Called only for a value of type unsigned 64-bit integer.
   virtual std::uint64_t GetUInt64() const = 0;

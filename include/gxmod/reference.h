@@ -20,7 +20,7 @@ class IReference {
   // Adds one reference. Returns the new count.
   virtual std::int64_t AddRef() = 0;
 
-  // Drops one reference; the object may be deleted by then. Returns the new count.
+  // Drops one reference; the last one deletes the object. Returns the new count.
   virtual std::int64_t Release() = 0;
 };
 

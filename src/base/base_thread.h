@@ -47,7 +47,7 @@ class CBaseThread {
   virtual void OnBegin() {}
 
  public:
-  // Sleeps on the calling thread if this thread was started. Always true.
+  // Suspends the calling thread for `ms`, if this thread was started. Always true.
   bool WaitForTimeOut(unsigned long ms);
   // Joins a started, joinable thread without requesting a stop. Always true.
   bool WaitThreadEnd(unsigned long timeout_ms);

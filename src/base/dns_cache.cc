@@ -186,7 +186,7 @@ void DnsCache::WriteRecord(const Record& record) {
   const bool fresh = now > record.timestamp && now - record.timestamp < refresh_interval_;
   if (fresh && records_.count(record.name) != 0) return;
   std::optional<gxbase::SharedFile> file;
-  if (storage_ == nullptr) file.emplace(path_);  // nobody else changes the file between our read and write
+  if (storage_ == nullptr) file.emplace(path_);  // locks the file from our read to our write
   ReadCache();
   records_.insert_or_assign(record.name, record);
   const std::string text = FormatDnsRecords(records_);

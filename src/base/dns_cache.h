@@ -35,8 +35,8 @@ class DnsCacheStorage {
 
 // Sets where the cache is stored: in `storage`, which is borrowed and must outlive its use, or in the file at
 // `path`; the last successful call counts. With more than 200 records, those older than `max_age` seconds are
-// dropped; 0 keeps all. `refresh` is in seconds, too. Returns false for a null storage (which removes the
-// storage) and for an empty path; this does not enable the cache.
+// dropped; 0 keeps all. `refresh` is in seconds, too. Returns false, without enabling the cache, for a null
+// storage (which removes the storage) and for an empty path.
 bool dnscache_init(DnsCacheStorage* storage, unsigned max_age, unsigned refresh);
 bool dnscache_init(const std::string& path, unsigned max_age, unsigned refresh);
 

@@ -6,12 +6,12 @@
 
 namespace gxbase {
 
-// One process's turn to change the file: create it before reading the file, destroy it after writing. Other
-// writers wait meanwhile: each holds a lock on an empty file beside it, "<path>.lock", which stays. Readers
-// need no turn, because the file is replaced as a whole.
+// One process's turn to change the file: create it before reading the file, destroy it after writing. It holds
+// a lock on an empty file beside it, "<path>.lock", which stays; other writers wait meanwhile. Readers need no
+// turn, because the file is replaced as a whole.
 //
-// The file's folder must allow create, write, lock, rename and remove. Where it does not, nobody waits, and the
-// file is written in place if that is allowed.
+// The file's folder must allow create, write, lock, rename and remove. Elsewhere writers do not wait for each
+// other, and the file is written in place if that is allowed.
 // Threads: one at a time. Threads of one process exclude each other, too.
 class SharedFile {
  public:
@@ -33,7 +33,7 @@ class SharedFile {
   enum class Turn {
     kMine,
     kOthers,   // another process has the turn and the time is up
-    kNobodys,  // locking is impossible here
+    kNobodys,  // the folder or the file system has no locks
   };
 
   static Turn Lock(int lock_file, unsigned patience_ms);

@@ -7,8 +7,8 @@
 #include "object/creference.h"
 
 // A reference to this object is also a reference to the outer one. The outer object holds this one through
-// InternalReference, which does not count back, so there is no reference cycle. This object is deleted when
-// neither other holders nor the outer object hold it.
+// InternalReference, which does not count back, so there is no reference cycle. This object is deleted when its
+// last reference, from the outer object or from others, is released.
 template <class Outer>
 class CAggRef_T : private CReference {
  public:

@@ -77,7 +77,7 @@ void MyHandler::OnConnected() {
     stream_->WriteEnd();
     return;
   }
-  State is_new = State::kNew;  // before the far side can answer
+  State is_new = State::kNew;  // changed before the far side can answer
   if (!state_.compare_exchange_strong(is_new, State::kAnnounced)) return;
   if (!SendFrame(gxmod::ConnectionType::Connect, target_)) {
     state_ = State::kNew;

@@ -59,7 +59,7 @@ class MyHandler : public IBaseStream::IBaseHandler, public IReference {
   void End();
   // Writes the Close frame.
   void SendClose() { SendFrame(gxmod::ConnectionType::Close, {}); }
-  // Set when there was no memory to let the reactor send the Close. Reader's thread.
+  // Marks that the Close is still to be sent, because memory ran out. Reader's thread.
   void put_OwesClose() { owes_close_ = true; }
   bool OwesClose() const { return owes_close_; }
   // Memory of the data that is queued for the local client, in bytes.

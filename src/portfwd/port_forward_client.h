@@ -47,9 +47,9 @@ class IPortForwardClientRaw : public IPluginRaw {
 };
 
 // States: created (the reactor runs) -> InitInstance -> Run (the reader runs) -> ExitInstance -> stopped.
-// Only another InitInstance restarts a stopped client: until then it drops new connections, and channel lists
-// open no port. After ExitInstance, and after the destructor, the client's threads, ports and connections are
-// gone, and a remaining holder of one of its channels or streams cannot reach it.
+// A stopped client drops new connections, and channel lists open no port, until another InitInstance. After
+// ExitInstance, and after the destructor, the client's threads, ports and connections are gone, and a remaining
+// holder of one of its channels or streams cannot reach it.
 //
 // Locks: lock_ is held only to look up, copy or change the lists. It is never held while a stream is
 // disconnected, a channel or the reactor stopped, a reference dropped, a thread joined or the host called.

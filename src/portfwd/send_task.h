@@ -35,7 +35,7 @@ class ITaskImpl final : public ITask, private CReference {
   T work_;
 };
 
-// Lets the timer's thread run `task` at its next look at the timers. Threads: any.
+// Arms a timer of 0 ms that runs `task` on the reactor's thread. Threads: any.
 template <class T>
 void PostTask(ITimer& timer, T task) {
   const CRefObj<ITask> posted(new ITaskImpl<T>(std::move(task)));

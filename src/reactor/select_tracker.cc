@@ -204,7 +204,7 @@ bool select_tracker<Task>::SelectPass(Pass& pass, Task& out) {
   return true;
 }
 
-// Nobody was ready before: whoever is would have been handed out instead of a pass.
+// A pass begins only while completed_ is empty, so the first task of `ready` is the next one to run.
 template <class Task>
 void select_tracker<Task>::HandOut(std::list<Task>& ready, Task& out) {
   if (ready.empty()) return;
@@ -213,7 +213,7 @@ void select_tracker<Task>::HandOut(std::list<Task>& ready, Task& out) {
   if (!ready.empty()) completed_.append(ready);
 }
 
-// The descriptor, or -1: a process without free descriptors keeps serving its open connections.
+// Returns the descriptor, or -1 when none is free: the open connections are served nevertheless.
 template <class Task>
 int select_tracker<Task>::OpenWakeUpSocket(Pass& pass) {
   if (const int open = loopback_.GetHandle(); open != -1) return open;
@@ -237,8 +237,8 @@ void select_tracker<Task>::RepairAfter(int error) {
   }
 }
 
-// Tasks that came meanwhile, or found no place in a full pass, go before the others in the next one. After a
-// stop the pass drops its own waiting tasks.
+// Tasks that were added during the pass, or did not fit into a full one, go before the others in the next pass.
+// After a stop the pass drops its own waiting tasks.
 template <class Task>
 void select_tracker<Task>::EndPass(bool full) {
   const bool nobody_came = listening_.exchange(false);

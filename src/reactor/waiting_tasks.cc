@@ -171,7 +171,7 @@ void waiting_tasks<Task>::TakeReady(Waiters& waiters, DescriptorSet ready, const
     const bool error =
         failed.Has(descriptor) || (entry->selectop() == kSelectConnect && HasConnectFailed(descriptor));
     if (error) entry->selectop() = kSelectError;
-    ++next;  // keeps its position
+    ++next;  // `entry` leaves the list
     taken.splice(taken.begin(), waiters.tasks, entry);
     if (!waiters.shared) ready.Remove(descriptor);
   }

@@ -22,9 +22,9 @@ struct SelectSets {
 };
 
 // Keeps the descriptor sets and the nearest time limit up to date as tasks come and go, so that a pass does not
-// rebuild them. Tasks are served in the order of one queue to whose back every task returns that was not ready:
-// first tasks that were added while a pass waited, then those that waited in it, then those added since. Within
-// a pass readers come before writers.
+// rebuild them. The order of service is that of a queue where every task that was not ready goes to the back:
+// first tasks that were added while the last pass waited, then those that waited in it, then those added since.
+// Within a pass readers come before writers.
 //
 // List entries are moved, never copied: a pass that had to allocate memory could lose tasks when memory runs
 // out. Threads: one at a time.

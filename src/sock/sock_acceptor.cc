@@ -146,7 +146,8 @@ bool CSockAcceptor::Accept() {
   return false;
 }
 
-// False when the acceptor has stopped: on a port that nobody serves, clients would hang.
+// Returns false when the acceptor has stopped: it closes a port that it cannot serve, so that clients are
+// refused instead of hanging.
 bool CSockAcceptor::WaitAfter(Outcome outcome) {
   if (outcome == kNobodyWaits) return WaitInTracker(kForConnections);
   if (outcome == kNoDescriptors) return Pause();
@@ -225,8 +226,7 @@ CSockAcceptor::Outcome CSockAcceptor::TakeConnection(ScopedDescriptor connection
   }
 }
 
-// Returns false when there is no memory for a task. The port is closed then, so that clients are refused
-// instead of hanging.
+// Returns false when there is no memory for a task; the port is then closed.
 bool CSockAcceptor::WaitInTracker(Until until) {
   ITCPTaskTracker* tracker = tracker_;
   if (tracker == nullptr) return true;

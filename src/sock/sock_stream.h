@@ -60,7 +60,7 @@ class CSockStream : public CBaseStream {
   static constexpr int kNoSocket = 0;
   // The maximum that a thread reads or sends for this stream in one turn; the stream continues in the tracker.
   static constexpr std::int64_t kReadTurnBytes = 64 * 1024;
-  static constexpr std::int64_t kLeastReadBytes = 4096;  // for less a turn does not go on
+  static constexpr std::int64_t kLeastReadBytes = 4096;  // a turn with less left ends
   static constexpr std::int64_t kSendTurnBytes = 256 * 1024;
 
   void ReadNames();

@@ -318,7 +318,7 @@ CBaseStream::Progress CBaseStream::Move(CItem& item) {
   return moved != 0 ? kMoved : kBusy;
 }
 
-// One that has been emptied is filled from its begin again.
+// A buffer that the handler has emptied is filled from its begin again.
 void CBaseStream::PrepareBuffer(CItem& item) {
   if (!item.buffer) {
     item.buffer = NewBuffer(item.done + item.remaining);
@@ -331,7 +331,7 @@ void CBaseStream::PrepareBuffer(CItem& item) {
   }
 }
 
-// A stream may wait for long, so it returns its empty buffer meanwhile.
+// A stream may wait for a long time, so it frees its empty buffer meanwhile.
 void CBaseStream::DropEmptyBuffer(CItem& item) {
   if (item.own_buffer && item.buffer && item.untold == 0 && item.buffer->GetSize() == item.begin)
     item.buffer = {};
@@ -359,8 +359,7 @@ bool CBaseStream::CallTransport(const CItem& item, long& moved, long timeout_ms)
     return write(bytes + item.done, static_cast<long>(item.remaining), moved, timeout_ms, /*flags=*/0);
   }
   std::uint64_t most = std::min(item.remaining, Room(item));
-  // A read that takes all it may ends where a step does. Otherwise each later one would begin and end with a
-  // short step.
+  // End a long read where a step ends. Otherwise each later read would begin and end with a short step.
   if (item.own_buffer && most > kStepBytes) most -= (item.done + most) % kStepBytes;
   const auto length = static_cast<long>(most);
   char* const room = bytes + RoomBegin(item);

@@ -135,7 +135,7 @@ class CBaseStream : public IBaseStream,
     std::uint64_t told = 0;    // end of the reported bytes
   };
 
-  // A deadline of timeleft.
+  // The deadline from which timeleft computes its result.
   struct CDeadline {
     const char* missed = "";  // the log's text for it
     std::uint64_t since = 0;
