@@ -1,4 +1,4 @@
-// Non-blocking use of a descriptor that someone else owns.
+// Non-blocking use of a descriptor that the caller owns.
 #ifndef GX_COMMON_BORROWED_FD_H
 #define GX_COMMON_BORROWED_FD_H
 

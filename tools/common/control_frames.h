@@ -32,8 +32,8 @@ inline constexpr std::size_t kReasonBytes = 200;  // at most
 // Both directions: what the sender has received so far, see Acknowledgement.
 inline constexpr auto kAcknowledgementFrame = static_cast<gxmod::ConnectionType>(0xF5);
 
-// gx-ssh to gx-ssh-peer, which has announced Features::fill: send that many bytes (FillPayload), in place of
-// what is left of the last such order. The answer is Data frames of connection 0, which nobody needs.
+// gx-ssh to gx-ssh-peer, which has announced Features::fill: send that many bytes (FillPayload) to measure the
+// line. Replaces the rest of an earlier order. The answer is Data frames of connection 0 with dummy bytes.
 // gx-ssh-peer sends them behind all other data, and at most kMostFillBytes for one order.
 inline constexpr auto kFillFrame = static_cast<gxmod::ConnectionType>(0xF6);
 inline constexpr std::size_t kFillPayloadBytes = 8;

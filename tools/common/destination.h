@@ -28,7 +28,7 @@ std::optional<Destination> ParseDestination(std::string_view text, std::string* 
 
 // Text that ParseDestination reads back. A path may contain any byte except NUL.
 std::string ToString(const Destination& destination);
-// Takes such a text.
+// True for a text in the form unix:PATH.
 bool NamesUnixSocket(std::string_view text);
 
 }  // namespace gxtool

@@ -14,8 +14,8 @@ enum class Side { kHost, kPeer };  // gx-ssh, gx-ssh-peer
 inline constexpr int kProtocolVersion = 1;
 inline constexpr std::size_t kNoiseBytes = 64 * 1024;
 
-// What a side supports beyond version 1 of the protocol. A side sends it as a line before its ready line;
-// releases that do not know this line skip it as noise.
+// What a side supports beyond version 1 of the protocol. A side sends it as a line before its ready line; older
+// releases skip that line as noise.
 struct Features {
   bool flow_control = false;  // acknowledges what it receives
   bool unix_targets = false;  // connects to Unix sockets

@@ -7,7 +7,7 @@ namespace {
 
 // While a slow line delivers one frame, an acknowledgement is sent after this many bytes.
 constexpr std::uint64_t kLeastBytes = 512;
-// In a conversation fewer bytes wait for outgoing data that takes the acknowledgement along.
+// In a conversation the acknowledgement of fewer bytes waits for outgoing data.
 constexpr std::uint64_t kMuchBytes = 4 * 1024;
 // After this many bytes an acknowledgement is sent at once, so that the sender does not use up its permission.
 constexpr std::uint64_t kManyBytes = Receipts::kRoomBytes / 2;

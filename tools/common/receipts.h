@@ -12,8 +12,8 @@
 namespace gxtool {
 
 // Acknowledges early enough for the sender's window, but rarely enough to cost little: every kInterval on a
-// fast line, after a frame on a slow one. Outgoing data takes an acknowledgement along, at almost no cost. In a
-// conversation received data waits for that, because there even a timer would be noticeable.
+// fast line, after a frame on a slow one. An acknowledgement that is sent together with outgoing data costs
+// almost nothing. In a conversation it waits for such data, because there even a timer would be noticeable.
 // Threads: one at a time.
 class Receipts {
  public:
@@ -43,9 +43,9 @@ class Receipts {
 
   // When an acknowledgement is due if no more bytes arrive; nothing when it is not.
   std::optional<Clock::time_point> due(Clock::time_point now) const;
-  // True when outgoing data should take an acknowledgement along now.
+  // True when an acknowledgement should be sent together with the data that is sent now.
   bool rides(Clock::time_point now) const;
-  // The totals, for an acknowledgement that is sent now; `rides`: outgoing data takes it along.
+  // The totals, for an acknowledgement that is sent now; `rides`: together with outgoing data.
   Acknowledgement Take(Clock::time_point now, bool rides = false);
 
  private:
@@ -54,7 +54,7 @@ class Receipts {
   Acknowledgement totals_{0, kRoomBytes};
   std::optional<Acknowledgement> told_;
   Clock::time_point told_at_{};
-  bool rode_ = false;                         // outgoing data took the last one along
+  bool rode_ = false;                         // the last one was sent together with outgoing data
   std::optional<Clock::time_point> came_at_;  // arrival of the first unacknowledged bytes
 };
 

@@ -1,10 +1,10 @@
 // The targets that the other side may request.
 //
 // An entry is HOST:PORT in the strict form of common/host_port.h, where `*` stands for any host or any port, or
-// unix:PATH as in common/destination.h. Only its full path permits a Unix socket: neither `*` nor Any()
-// includes it. Entries and targets are parsed first and then compared. A name permits only that name and an
-// address only that address: Permits looks nothing up. One exception: "localhost" equals 127.0.0.1 and ::1, in
-// entries and targets.
+// unix:PATH as in common/destination.h. Only an entry with its full path permits a Unix socket; `*` and Any()
+// stand for hosts and ports. Entries and targets are parsed first and then compared, without a name lookup: a
+// name permits only that name and an address only that address. One exception: "localhost" equals 127.0.0.1 and
+// ::1, in entries and targets.
 #ifndef GX_PEER_ALLOW_LIST_H
 #define GX_PEER_ALLOW_LIST_H
 

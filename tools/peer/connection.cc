@@ -83,7 +83,7 @@ void Connection::TryNext(asio::error_code last) {
 }
 
 // Connecting leaves the socket registered for writability: each wait for bytes would wake up at once because
-// the socket is writable. The first full socket registers it again; such a connection is no conversation.
+// the socket is writable. A full socket is registered again; that happens in transfers, where it costs little.
 void Connection::ForgetWritability() {
   asio::error_code error;
   const int fd = socket_.release(error);

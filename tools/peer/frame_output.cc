@@ -18,7 +18,7 @@ constexpr std::size_t kBufferBytes = 4 * (gxmod::kFrameHeaderBytes + kDataBytes)
 constexpr int kUnreadBytes = 256 * 1024;
 constexpr int kInteractiveUnreadBytes = 32 * 1024;
 constexpr std::size_t kInteractiveFrameBytes = 32 * 1024;
-// A read from the target is not worth a call for less space.
+// For less space a read from the target is not worth a system call.
 constexpr std::size_t kLeastRoom = 4 * 1024;
 
 }  // namespace

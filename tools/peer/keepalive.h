@@ -17,8 +17,8 @@ class Keepalive {
     virtual void OnQuiet() = 0;
     // Nothing arrived for all intervals. The last call.
     virtual void OnSilent() = 0;
-    // True while nothing is read, so that silence does not count as the other side's. Pings continue, because
-    // they show that this side is alive.
+    // True while this side does not read: the time then does not count as silence. Pings continue, because they
+    // show that this side is alive.
     virtual bool IsDeaf() const = 0;
 
    protected:

@@ -13,7 +13,7 @@
 namespace gxtool {
 namespace {
 
-// c-ares protects its query ids from guessing, but without /dev/urandom it makes them with rand.
+// Without /dev/urandom c-ares makes its query ids with rand; the seed makes them hard to guess.
 void InitLibraryOnce() {
   static const int status = [] {
     std::srand(std::random_device()());

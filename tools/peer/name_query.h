@@ -23,7 +23,7 @@ class NameQuery {
   // `servers`, if not empty, replace the system's: ADDRESS:PORT, separated by commas. `done` is called once, by
   // the event loop, and may destroy the query.
   NameQuery(asio::io_context& io, const std::string& servers, const std::string& host, Done done);
-  // Answers with `answer` without asking anyone.
+  // Answers with `answer`, without a lookup.
   NameQuery(asio::io_context& io, LookupResult answer, Done done);
   NameQuery(const NameQuery&) = delete;
   NameQuery& operator=(const NameQuery&) = delete;

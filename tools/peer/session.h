@@ -95,7 +95,7 @@ class PeerSession final : private StreamReader::Owner,
   // Sends data while the stream has room: of the targets, and then what a fill frame asks for.
   void SendData();
 
-  // These remove a connection from live_. End and Drop also tell the other side.
+  // These remove a connection from live_. End, Drop and DropUnopened also tell the other side.
   void End(Connection& connection, const std::string& why);
   void StartClosing(Connection& connection, const std::string& why);
   void Drop(Connection& connection, const std::string& why);
