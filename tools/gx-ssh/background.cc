@@ -14,7 +14,7 @@
 namespace gxtool {
 namespace {
 
-// An interrupt key for this process also reaches the child, which is in the same job.
+// The original process. An interrupt key also reaches the child, which is in the same job.
 [[noreturn]] void WaitFor(pid_t child, int ready, int output) {
   char byte = 0;
   ssize_t got = 0;

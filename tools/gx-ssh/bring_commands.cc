@@ -52,8 +52,8 @@ c=-;[ "$(echo|sha256sum 2>&-)" ]&&c=sha256sum;a 3 "$q" $c
 )sh";
 
 // The test file's first line names no interpreter, so the shell runs it itself, unless the system forbids
-// running it (126). A shell that finds itself through /proc returns 127 where there is no /proc; that is not
-// forbidden.
+// running it (126). A shell that finds itself through /proc returns 127 where there is no /proc; that counts as
+// permitted.
 constexpr const char* kPrepare = R"sh(
 trap 'rm -f "$t";[ "$e" ]&&rmdir "$e"' 0;trap 'exit 1' 1 2 13 15;
 @FOLDER@ t=$d/@NAME@;@CHECK@
@@ -130,7 +130,7 @@ BringCommands::BringCommands(BringOrders orders, const std::string& token)
 std::string BringCommands::Folder(bool fresh) const {
   if (fresh) return "d=/tmp/gx-ssh-" + name_ + ";e=$d;";
   if (orders_.folder.empty()) return "d=${XDG_CACHE_HOME:-${HOME:+$HOME/.cache}};d=${d:+$d/gx-ssh};";
-  // The leading "./" prevents that a tool takes the path for an option.
+  // With a leading "./" no tool takes the path for an option.
   return "d=" + ShellQuoted((orders_.folder.front() == '/' ? "" : "./") + orders_.folder) + ';';
 }
 

@@ -44,7 +44,7 @@ class BringCommands {
   BringCommands(BringOrders orders, const std::string& token);
 
   const BringOrders& orders() const { return orders_; }
-  // The kind and a blank follow it.
+  // The start of an answer; the kind and a blank follow.
   std::string AnswerMark() const { return mark_a_ + mark_b_; }
   std::string AnswerEnd() const { return ' ' + mark_b_ + mark_a_; }
 

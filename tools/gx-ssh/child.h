@@ -15,8 +15,9 @@
 namespace gxtool {
 
 // A program under a keeper process. It gets the default SIGPIPE action, an empty signal mask and only the
-// descriptors 0, 1 and 2. The program and the processes that it started end within 1.5 s after this object or
-// this process, however that ends, except those that may not be signalled. Threads: the one that started it.
+// descriptors 0, 1 and 2. The program and the processes that it started end within 1.5 s after the end of this
+// object or of this process, even by SIGKILL, except those that gx-ssh may not signal. Threads: the one that
+// started it.
 class Child {
  public:
   // Changes of the environment; without a value the variable is removed.

@@ -26,8 +26,8 @@ namespace gxtool {
 
 // The module listens on 127.0.0.1, where every user of the computer can connect. So each of the program's own
 // connections first sends a secret. The entrance filters the frames between module and far side: it holds a
-// connection's frames back until the secret has arrived, and removes the secret. The module knows one target
-// only; the entrance replaces it in the Connect frame by the target of the connection's pass.
+// connection's frames back until the secret has arrived, and removes the secret. The module writes the same
+// target into every Connect frame; the entrance replaces it by the target of the connection's pass.
 //
 //   a connection is  entered when                          left when
 //   waiting          its Connect is written                its first bytes are complete; its Close is written
@@ -62,7 +62,7 @@ class Entrance final : public std::enable_shared_from_this<Entrance>, FrameReade
     virtual void OnInputSent(std::uint32_t connection) = 0;
     // Call Expire after kSilence.
     virtual void OnWaiting() = 0;
-    // HasRoom, which returned false, would now return true.
+    // There is room again after HasRoom has returned false.
     virtual void OnRoom() = 0;
 
    protected:

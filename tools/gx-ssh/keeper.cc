@@ -184,8 +184,8 @@ void Keeper::Reap() {
   }
 }
 
-// A key: gx-ssh decides, because there may be no shell to continue the group. A read or write in the
-// background: stop the whole job, as if it had tried.
+// Stopped by a key: gx-ssh decides, because there may be no shell to continue the group. Stopped by a read or
+// write in the background: the whole job gets the same signal, as if it had read or written itself.
 void Keeper::OnProgramStopped(int number) const {
   if (number == SIGTSTP && !stopped_by_us_ && orders_.job != 0 && getppid() == orders_.parent) {
     kill(orders_.parent, SIGTSTP);

@@ -179,7 +179,7 @@ Failure Link::Summary() {
   return Failure(cause_->status(), std::string(cause_->what()) + "; " + far_side_->Describe());
 }
 
-// The module's threads call the next eight functions.
+// The threads of the module and of the stream call the functions from here on.
 
 void Link::OnChannelListDropped() {
   if (std::exchange(channel_list_told_, true)) return;

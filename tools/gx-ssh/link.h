@@ -67,7 +67,7 @@ class Link final : StreamObserver {
   // The entrance of the module's port while the link is up; null when everyone may connect.
   const std::shared_ptr<Entrance>& entrance() const { return stream_->entrance(); }
 
-  // What is known of the line to the far side. Nothing is known before the link is up.
+  // Measurements of the line to the far side; none before the link is up.
   LinePace::View line() const { return stream_ ? stream_->line() : LinePace::View{}; }
 
   // True when the user interrupted the carrier at the terminal before the far side was ready.

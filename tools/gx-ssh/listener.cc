@@ -75,7 +75,7 @@ void Listener::Bind() {
   if (forward_.at.address == kAnyAddress && endpoint.protocol().family() == AF_INET6) {
     acceptor_.set_option(asio::ip::v6_only(false));
   }
-  // bind creates the socket with this mode, so nobody else can ever connect.
+  // bind creates the socket with this mode, so that other users can never connect.
   const mode_t before = umask(kOwnerOnly);
   asio::error_code error;
   acceptor_.bind(endpoint, error);

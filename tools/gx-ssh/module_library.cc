@@ -69,7 +69,7 @@ std::string ProgramPath() {
 
 std::string InstalledPath(const std::string& built, const std::string& installed) {
   const fs::path folder = fs::path(ProgramPath()).parent_path();
-  // Only a program in its build tree looks there: an installed one uses only what was installed with it.
+  // Only a program in its build tree uses other built files: an installed one uses what was installed with it.
   const bool in_build_tree = folder.filename() == "gx-ssh" && folder.parent_path().filename() == "tools";
   return (folder / (in_build_tree ? built : installed)).lexically_normal();
 }

@@ -14,7 +14,7 @@ namespace gxtool {
 std::string DefaultModulePath();
 // Returns `built` in the build tree and `installed` otherwise, both relative to the program's folder.
 std::string InstalledPath(const std::string& built, const std::string& installed);
-// The path of this program; empty when the system does not tell.
+// The path of this program; empty when it is unknown.
 std::string ProgramPath();
 
 // The loaded module, until this object is destroyed. Release every plugin first.

@@ -28,13 +28,13 @@ class OutputQueue {
   OutputQueue& operator=(const OutputQueue&) = delete;
 
   void Add(std::string line, Kind kind = Kind::kNews);
-  // Returns true when nothing is queued any more, false when `limit` has passed first.
+  // Returns true when everything is written, false when `limit` has passed first.
   bool WaitUntilWritten(std::chrono::milliseconds limit);
 
  private:
   class Writer;
   const std::shared_ptr<Writer>
-      writer_;  // the thread's as well: one that cannot be ended goes with the process
+      writer_;  // shared with the thread, which outlives this object while its write is blocked
   std::thread thread_;
 };
 

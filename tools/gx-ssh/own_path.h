@@ -1,4 +1,4 @@
-// A file name that is removed by its owner.
+// A file name that the program removes at its end.
 #ifndef GX_SSH_OWN_PATH_H
 #define GX_SSH_OWN_PATH_H
 

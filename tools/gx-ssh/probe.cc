@@ -34,13 +34,13 @@ using std::chrono::milliseconds;
 constexpr std::size_t kPings = 50;
 constexpr milliseconds kRoundTripTime{2'000};  // for all pings
 constexpr milliseconds kBytesTime{3'000};      // for the test of all byte values
-// For each rate: so long, and so many round trips, with which the window reaches the size of any line.
+// The time limit for each rate: this time plus this many round trips, in which the window can grow to any size.
 constexpr milliseconds kRateTime{10'000};
 constexpr int kRateRoundTrips = 20;
 
 constexpr std::size_t kLeastPayload = 256;
 constexpr std::size_t kLargestPayload = 64 * 1024;
-constexpr std::size_t kAnsweredPayload = 1024;  // the far side returns so much of a test's text
+constexpr std::size_t kAnsweredPayload = 1024;  // the far side returns at most this much of a test's text
 
 double Seconds(Clock::duration time) { return std::chrono::duration<double>(time).count(); }
 
@@ -51,8 +51,8 @@ std::string EveryByte() {
 }
 
 // Pings, which only gx-ssh-peer answers, measure the round trip. Channel tests, which every far side answers,
-// measure the rest, except for the rate back, for which the far side fills the line. It gets acknowledgements
-// as from a session, so that no more is under way than the line carries.
+// measure the rest, except for the rate back, for which the far side fills the line. As in normal operation,
+// the far side gets acknowledgements, so it sends no more than the line carries.
 class Session final : FrameReader::Handler {
  public:
   Session(const Options& options, Console& console)
@@ -78,7 +78,7 @@ class Session final : FrameReader::Handler {
   }
 
  private:
-  // In this order. kBoth shows the far side what the line carries back, so that kBack begins with a full line.
+  // In order of time. In kBoth the far side measures the line back, so kBack begins with a full line.
   enum class Phase { kRoundTrips, kBytes, kThere, kBoth, kBack };
 
   void StartBring(const Options& options) {
@@ -136,7 +136,7 @@ class Session final : FrameReader::Handler {
   }
 
   void OnPong() {
-    // Whoever answers pings that it has not read would make this side send more and more of them.
+    // Ignore pongs without a ping: each would make this side send another ping.
     if (ping_.empty() || payload_ != ping_) return;
     ping_.clear();
     if (phase_ == Phase::kBytes) return;
@@ -197,7 +197,7 @@ class Session final : FrameReader::Handler {
     if (phase_ == Phase::kBack && !drains_ && fill_left_ < kMostFillBytes / 2) AskForFill(kMostFillBytes);
   }
 
-  // Sends only what the stream takes at once, so that what queues lies on the way and not in this program.
+  // Sends only what the stream takes at once, so that the queue forms on the way and not in this program.
   void FillWindow() {
     if ((phase_ != Phase::kThere && phase_ != Phase::kBoth) || drains_) return;
     while (in_flight_ < meter_->window() && !writing_) {
@@ -217,7 +217,7 @@ class Session final : FrameReader::Handler {
     FillWindow();
   }
 
-  // What is still under way would be counted for the next rate. The pong comes behind it.
+  // Waits until everything under way has arrived, so that the next rate does not count it: the pong comes last.
   void Drain() {
     TakeRate();
     drains_ = true;
@@ -241,7 +241,7 @@ class Session final : FrameReader::Handler {
     }
   }
 
-  // Without Features::fill there is no rate back.
+  // The rate back needs Features::fill.
   bool is_last() const { return phase_ == Phase::kBack || (phase_ == Phase::kBoth && !result_.features.fill); }
 
   void EndMeasure() {
@@ -273,7 +273,7 @@ class Session final : FrameReader::Handler {
   void EndPhaseAfter(milliseconds time, Function function) {
     timer_.expires_after(time);
     timer_.async_wait([this, function, phase = phase_](asio::error_code error) {
-      // A timer that has expired cannot be cancelled any more.
+      // The timer may have expired just before it was set again.
       if (!error && phase == phase_) function();
     });
   }
@@ -363,8 +363,8 @@ class Session final : FrameReader::Handler {
   Receipts receipts_;
 
   Phase phase_ = Phase::kRoundTrips;
-  Clock::time_point asked_;  // the last ping was sent
-  std::string ping_;         // its payload; empty: it is answered
+  Clock::time_point asked_;  // when the last ping was sent
+  std::string ping_;         // its payload; empty once it is answered
   std::optional<RateMeter> meter_;
   bool drains_ = false;                // the rate of this phase is measured
   std::deque<std::size_t> under_way_;  // sizes of unanswered tests

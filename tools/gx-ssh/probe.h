@@ -19,7 +19,7 @@ struct ProbeResult {
   std::string problem;  // empty: the carrier is usable
   // With --bring: how much of gx-ssh-peer was sent, and when it ran.
   struct Brought {
-    std::uint64_t bytes;  // 0: it was there
+    std::uint64_t bytes;  // 0: the far side had it already
     double seconds;
   };
   std::optional<Brought> brought;
@@ -29,18 +29,18 @@ struct ProbeResult {
   std::vector<double> round_trips_ms;
   bool bytes_survive = false;        // all byte values, in both directions
   std::optional<double> there_rate;  // bytes per second
-  std::optional<double> back_rate;   // only a far side with Features::fill
+  std::optional<double> back_rate;   // known only for a far side with Features::fill
   std::optional<double> both_rate;   // in each direction, while both are busy
-  std::string cut_short;             // why rates are unknown or too low, when a rate was not done in time
-  // What lies on the way there when more is sent than the line carries: that many bytes, for so long. At most
-  // about half a second of the line is tried, but 1 KiB.
+  std::string cut_short;             // if not empty: why rates are unknown or too low
+  // The queue on the way there when more is sent than the line carries: its bytes and its delay. The probe
+  // sends about half a second of the line too much, and at least 1 KiB.
   double queued_bytes = 0;
   std::optional<double> queued_ms;
 };
 
-// Starts the carrier and measures. After the far side is ready that takes ten to fifteen seconds on most lines,
-// and at most five seconds and for each of the three rates ten seconds and twenty round trips. Needs no module.
-// Throws Failure when the carrier cannot be run.
+// Starts the carrier and measures. Once the far side is ready, this takes ten to fifteen seconds on most lines;
+// the limit is five seconds, plus ten seconds and twenty round trips for each of the three rates. Needs no
+// module. Throws Failure when the carrier cannot be run.
 ProbeResult Probe(const Options& options, Console& console);
 
 std::vector<std::string> ProbeTable(const ProbeResult& result);

@@ -7,8 +7,8 @@ namespace {
 
 using RoundSeconds = std::chrono::duration<double>;
 
-// Of the data under way. More than the line carries would only fill its buffers, and a slow line might not
-// deliver that in time.
+// Limits of the window. A larger one would only fill the line's buffers, and a slow line might not deliver it
+// in time.
 constexpr std::size_t kLeastWindow = 1024;
 constexpr std::size_t kLargestWindow = 4 * 1024 * 1024;
 constexpr double kGrowth = 1.25;

@@ -8,29 +8,28 @@
 
 namespace gxtool {
 
-// Counts the delivered bytes in rounds: a round lasts until a ping that was sent at its begin, behind other
-// data, is answered. A line is filled step by step, so only the rounds count that come after the rate has
-// stopped growing.
+// Counts delivered bytes in rounds. A round lasts from sending a ping, behind other data, to its answer. The
+// line is filled step by step, so only the rounds after the rate has stopped growing count.
 class RateMeter {
  public:
   using Clock = std::chrono::steady_clock;
 
-  // The window adds this time of the line to a round trip, in order to show what the line queues.
+  // The window exceeds a round trip by this time, to measure the line's queue.
   static constexpr std::chrono::milliseconds kQueueTime{500};
-  // The end of counting.
+  // Counting ends after this time or this many bytes.
   static constexpr std::chrono::milliseconds kCountTime{1'500};
   static constexpr std::uint64_t kCountBytes = 64 * 1024 * 1024;
 
-  // The first round begins. `delivered`: bytes until now, of whatever.
+  // Begins the first round. `delivered`: bytes so far, counted from any start.
   RateMeter(Clock::time_point now, std::uint64_t delivered, double round_trip_s);
 
-  // A round has ended, and the next one begins.
+  // Ends the round and begins the next one.
   void OnRound(Clock::time_point now, std::uint64_t delivered);
 
   // How many bytes should be under way.
   std::size_t window() const { return window_; }
   bool done() const;
-  // Bytes per second. Unless done, it may be lower than the line's; 0 before the first round has ended.
+  // Bytes per second: the line's when done, before that perhaps less; 0 in the first round.
   double rate() const;
   // The longest of the rounds that count.
   double longest_round_s() const { return longest_s_; }
@@ -40,7 +39,7 @@ class RateMeter {
   std::size_t window_;
   Clock::time_point round_begin_;
   std::uint64_t round_from_;  // bytes delivered before the round
-  double most_ = 0;           // a round's rate
+  double most_ = 0;           // the highest rate of a round
   int rounds_without_growth_ = 0;
   Clock::time_point count_begin_;
   std::uint64_t count_from_;

@@ -1,4 +1,4 @@
-// Tells others when this program is ready.
+// Tells other programs when this one is ready.
 #ifndef GX_SSH_READINESS_H
 #define GX_SSH_READINESS_H
 

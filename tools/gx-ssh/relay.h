@@ -29,8 +29,8 @@ class Relay {
   struct Events {
     // The client has received more of the port's data. May be empty; it may destroy the relay.
     std::function<void()> delivered;
-    // The client's input has ended and the far side cannot be told. If empty, the port's sending side is shut
-    // down.
+    // The client's input has ended, and the far side does not support the end-of-input frame. If empty, the
+    // relay shuts down the port's sending side.
     std::function<void()> untold;
     // The relay is over: the port's side has ended and the client has all of its data, or `problem` tells what
     // failed. Called once; it may destroy the relay.

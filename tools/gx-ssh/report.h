@@ -72,13 +72,12 @@ std::vector<std::string> Table(const std::vector<Traffic::Connection>& open, con
 // "2 open, 5 in all; 1.0 KiB sent, 88.0 MiB received"
 std::string TotalsLine(const Traffic::Totals& totals);
 
-// "line 97.7 KiB/s, round trip 42 ms, 3.9 KiB under way", as far as it is known; empty: nothing is.
+// "line 97.7 KiB/s, round trip 42 ms, 3.9 KiB under way", without unknown parts; empty when all are unknown.
 std::string LineText(const LinePace::View& line);
 // The same as members of an object.
 JsonObject LineObject(const LinePace::View& line);
 
-// Two lines for the terminal, and a third one of what is known of the line there. Rates are in bytes per
-// second.
+// Two lines for the terminal, and LineText as a third one. Rates are in bytes per second.
 std::string StatusLines(const std::string& route, const std::string& link_state, const Traffic::Totals& totals,
                         double sent_rate, double received_rate, const LinePace::View& line);
 

@@ -18,15 +18,15 @@
 
 namespace gxtool {
 
-// Tells how far gx-ssh-peer was sent to the far side: a line, and a status on a terminal. Threads: one.
+// Shows the progress of the upload of gx-ssh-peer: one line, and a status on a terminal. Threads: one.
 class BringProgress {
  public:
-  // `console` outlives this.
+  // `console` outlives this object.
   BringProgress(const Options& options, Console& console);
 
-  // So many bytes of `total` of the gx-ssh-peer for that architecture were sent.
+  // `sent` of `total` bytes of the gx-ssh-peer for that architecture were sent.
   void OnSent(const std::string& architecture, std::size_t sent, std::size_t total);
-  // It starts from the beginning.
+  // The upload starts from the beginning.
   void Restart() { told_ = false; }
 
  private:
@@ -39,7 +39,7 @@ class BringProgress {
 // terminal. A slow reader of standard output never blocks it. Threads: the one that runs `io`.
 class Reporter {
  public:
-  // What is known of the line to the far side, if anything is.
+  // Returns the measurements of the line to the far side.
   using Line = std::function<LinePace::View()>;
 
   // All arguments but `line` outlive the reporter; `output` is standard output.
@@ -53,7 +53,7 @@ class Reporter {
   void OnBringing(const std::string& architecture, std::size_t sent, std::size_t total) {
     bring_progress_.OnSent(architecture, sent, total);
   }
-  // False when OnConnection would print nothing. Thread: any.
+  // True when OnConnection prints something. Thread: any.
   bool TellsConnections() const;
   void OnConnection(const Traffic::Change& change);
   // Prints the final message.

@@ -75,8 +75,8 @@ std::optional<uid_t> SocketTable::OwnerOfPeer(int socket) const {
       answer.header.nlmsg_type != SOCK_DIAG_BY_FAMILY) {
     return std::nullopt;
   }
-  // For an unknown connection the kernel may return a listening socket. A socket without an inode has no
-  // program any more; some kernels report it as root's.
+  // For an unknown connection the kernel may return a listening socket. A socket without an inode was closed by
+  // its program; some kernels report it as root's.
   if (found.id.idiag_dport != request.body.id.idiag_dport || found.idiag_inode == 0) return std::nullopt;
   return found.idiag_uid;
 }

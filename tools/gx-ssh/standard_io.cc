@@ -11,8 +11,8 @@ namespace {
 
 using std::chrono::milliseconds;
 
-// A far side that cannot be told about the end of the input never answers it with its own end. After this long
-// a silence the connection counts as finished.
+// A far side that does not support the end-of-input frame cannot answer it. After this silence the connection
+// counts as finished.
 constexpr milliseconds kUntoldPatience{3'000};
 
 }  // namespace
@@ -27,7 +27,7 @@ StandardIo::StandardIo(asio::io_context& io, int input, int output, Descriptor p
              std::move(pass),
              {[this] { OnDelivered(); },
               [this] {
-                delivered_ = true;  // nothing more can be known
+                delivered_ = true;  // assumed: this far side does not report it
                 AwaitAnswer();
               },
               [this](const std::string& problem) { OnRelayEnded(problem); }}) {}

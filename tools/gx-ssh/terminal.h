@@ -22,7 +22,7 @@ class Terminal {
 
   // The descriptor for a program that gets the terminal before its first instruction; -1: none.
   int ToLend() const;
-  // That group has the terminal now, or would have it.
+  // Records that the terminal is lent to that group, if there is one to lend.
   void LentTo(pid_t group) { borrower_ = group; }
   bool IsLentTo(pid_t group) const { return borrower_ > 0 && borrower_ == group; }
   // Takes the terminal back if the borrower still has it.

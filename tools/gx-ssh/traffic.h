@@ -14,7 +14,7 @@
 
 namespace gxtool {
 
-// The client and the target of a connection, for people. Empty: unknown.
+// The client and the target of a connection, for messages. Empty: unknown.
 struct Route {
   std::string client;
   std::string target;
