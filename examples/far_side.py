@@ -16,8 +16,8 @@ import threading
 HEADER = struct.Struct("<IIIB3x")  # reserved, length, connection id, type
 CONNECT, DATA, CLOSE = 1, 2, 3
 PING, PONG, GOODBYE, END_OF_INPUT = 0xF0, 0xF1, 0xF2, 0xF3  # of gx-ssh; not with --raw
-FRAMES = 256  # that wait for one target; then nothing more is read, and the other side has to wait
-NOISE = 64 * 1024  # a login's banner, before the other side's ready line
+FRAMES = 256  # queued for one target at most; while its queue is full, no frame is read
+NOISE = 64 * 1024  # bytes before the other side's ready line at most, a login banner for example
 
 
 class Output:
@@ -49,23 +49,23 @@ class Connection:
         except OSError as error:
             print(f"far_side: {self.target[0]}:{self.target[1]}: {error}", file=sys.stderr)
         self.output.send(CLOSE, self.number)
-        while self.frames.get()[0] != CLOSE:  # what is still on its way; the other side answers with a Close
+        while self.frames.get()[0] != CLOSE:  # drop late frames until the other side answers with a Close
             pass
 
     def upload(self):
         try:
             while (frame := self.frames.get())[0] != CLOSE:
                 self.socket.sendall(frame[1])
-                if frame[0] == END_OF_INPUT:  # the target may go on sending
+                if frame[0] == END_OF_INPUT:  # the target may continue to send
                     self.socket.shutdown(socket.SHUT_WR)
                     self.output.send(END_OF_INPUT, self.number)
             self.socket.shutdown(socket.SHUT_RDWR)  # ends run, too
         except OSError:
-            pass  # run tells of it
+            pass  # run reports the error
 
 
 def read_frames(source, output, target):
-    """Until the stream ends, or the other side says goodbye. Writes nothing: the other side may wait for this."""
+    """Handles frames until the stream ends or a goodbye arrives. Leaves writing, which may block, to other threads."""
     connections = {}
     while len(header := source.read(HEADER.size)) == HEADER.size:
         _, length, number, kind = HEADER.unpack(header)
@@ -75,7 +75,7 @@ def read_frames(source, output, target):
         elif kind in (DATA, CLOSE, END_OF_INPUT) and number in connections:
             connections[number].frames.put((kind, payload))
             if kind == CLOSE:
-                connections.pop(number).frames.put((kind, payload))  # both threads wait for one
+                connections.pop(number).frames.put((kind, payload))  # both threads wait for a Close
         elif kind == PING:
             threading.Thread(target=output.send, args=(PONG, 0, payload), daemon=True).start()
         elif kind == GOODBYE:
@@ -83,7 +83,7 @@ def read_frames(source, output, target):
 
 
 def find_host(source, sink):
-    """The other side's line may come behind noise; ours is the first thing that we say."""
+    """Sends this side's ready line and skips everything before the other side's."""
     sink.write(b"GX-SSH-PEER 1\n")
     sink.flush()
     noise = 0
