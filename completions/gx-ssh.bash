@@ -1,6 +1,6 @@
 # Completion of gx-ssh and gx-ssh-peer for bash.
 
-# The options among $2..., or the names of files.
+# Offers the options among $2..., or file names.
 _gx_ssh_offer() {
   local current=$1
   shift
@@ -12,7 +12,7 @@ _gx_ssh_offer() {
 
 _gx_ssh() {
   local current=${COMP_WORDS[COMP_CWORD]} word index
-  # Behind -- stands a command of its own.
+  # The words after -- are a command: complete them as such.
   for ((index = 1; index < COMP_CWORD; index++)); do
     [[ ${COMP_WORDS[index]} == -- ]] || continue
     if declare -F _command_offset >/dev/null; then

@@ -220,7 +220,7 @@ CSockAcceptor::Outcome CSockAcceptor::TakeConnection(ScopedDescriptor connection
     }
     return OnAccept(stream) ? kTaken : kEnded;
   } catch (...) {
-    GXModLog(kGXModLogError, "[CSockAcceptor::Accept] connection refused: it met an exception");
+    GXModLog(kGXModLogError, "[CSockAcceptor::Accept] connection refused: an exception occurred");
     if (stream) stream->Disconnect(kStreamOtherError);
     return kTaken;
   }

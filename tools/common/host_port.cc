@@ -50,7 +50,7 @@ std::optional<std::string> ParseIPv6(std::string_view text, std::string* why) {
   // inet_pton stops at a NUL and would ignore the rest.
   if (text.size() > kAddressBytes || text.find('\0') != std::string_view::npos ||
       inet_pton(AF_INET6, std::string(text).c_str(), &address) != 1) {
-    return ParseFailure(why, "what stands in brackets is no IPv6 address");
+    return ParseFailure(why, "the text in brackets is not an IPv6 address");
   }
   if (IN6_IS_ADDR_V4MAPPED(&address))
     return ParseFailure(why, "an IPv4 address is written as four decimal numbers");

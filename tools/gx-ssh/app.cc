@@ -234,7 +234,7 @@ void App::TellReady(const std::string& line) {
   if (background_ == nullptr) return;
   reporter_.Flush();
   terminal_.Leave();
-  if (!background_->Detach(standard_output_)) Finish(kExitOk, "nobody waited for this");
+  if (!background_->Detach(standard_output_)) Finish(kExitOk, "the launching process is gone");
 }
 
 void App::StartStandardIo(const std::string& address, std::uint16_t port) {

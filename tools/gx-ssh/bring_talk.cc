@@ -123,7 +123,7 @@ std::string BringTalk::Answer(BringAnswer kind, const std::string& text, Clock::
   if (kind == BringAnswer::kPrepared && stage_ == Stage::kPreparing) return OnPrepared(text);
   if (kind == BringAnswer::kPiece && sending) return NextPiece(text == "+", now);
   if (kind == BringAnswer::kPlaced && sending) return OnPlaced(text);
-  return Fail("it answers what nobody has asked: \"" + Escape(text) + '"');
+  return Fail("it sends an unexpected answer: \"" + Escape(text) + '"');
 }
 
 std::string BringTalk::OnEntered(const std::string& text) {

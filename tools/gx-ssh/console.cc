@@ -21,7 +21,7 @@ const std::string kPrefix = "gx-ssh: ";
 constexpr std::chrono::milliseconds kWipeTime{300};
 
 std::string LostLine(std::uint64_t lost) {
-  return kPrefix + std::to_string(lost) + " messages are missing here: nobody read them in time\n";
+  return kPrefix + std::to_string(lost) + " messages are missing here: standard error was not read in time\n";
 }
 
 // A line wider than the terminal would wrap, and Wipe would remove too few lines.

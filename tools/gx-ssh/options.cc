@@ -145,23 +145,24 @@ void DeclareModes(CLI::App& app, Options& options) {
           "Carry one connection on standard input and output (ProxyCommand of ssh)", standard_io)
       ->expected(0, 1)
       ->default_str(kNoValue);
-  app.add_option("--run", options.run, "Run the shell command CMD when the port is up, end with its status")
+  app.add_option("--run", options.run, "Run the shell command CMD when the port is open, exit with its status")
       ->option_text("CMD");
-  app.add_flag("--probe", options.probe, "Measure what the carrier is good for, and end");
-  app.add_flag("--local", options.local, "Be the far side, too: no carrier");
+  app.add_flag("--probe", options.probe, "Measure round trip and rates of the carrier, and exit");
+  app.add_flag("--local", options.local, "Run the far side inside gx-ssh, without a carrier");
   AddValue(app, "--connect", options.connect_path, UnixPath, "unix:PATH",
-           "Be a client: carry standard input and output to the socket of --listen");
+           "Connect standard input and output to the Unix socket of --listen");
 }
 
 void DeclareSystem(CLI::App& app, Options& options) {
   app.add_flag("--background", options.background,
-               "Go on in the background when ready, and print the number of that process");
+               "Continue in the background when ready, and print the process id");
   AddValue(app, "--ready-fd", options.ready_fd, ReadyDescriptor, "N",
            "Write one line to this descriptor when ready, and close it");
-  app.add_option("--log-file", options.log_file, "Append what is said to FILE as well, with the time")
+  app.add_option("--log-file", options.log_file, "Append the messages to FILE as well, with the time")
       ->option_text("FILE");
-  AddValue(app, "--log-format", options.log_format, Format, "FORMAT", "Of that file: text, json (text)");
-  AddDuration(app, "--stats", "Tell so often how much was carried; 0s: never", &options.stats);
+  AddValue(app, "--log-format", options.log_format, Format, "FORMAT",
+           "Format of the log file: text, json (text)");
+  AddDuration(app, "--stats", "Print the totals at this interval; 0s: never", &options.stats);
 }
 
 void DeclareLink(CLI::App& app, Options& options) {
@@ -169,41 +170,41 @@ void DeclareLink(CLI::App& app, Options& options) {
            "Where the far side connects to (127.0.0.1:22)");
   app.add_option("--module", options.module_path, "The module to load (the one built with this program)")
       ->option_text("PATH");
-  app.add_flag("--raw", options.raw, "The far side speaks frames from the first byte and nothing else");
-  AddDuration(app, "--connect-timeout", "Wait so long for the far side (10s); 0s: for ever",
+  app.add_flag("--raw", options.raw, "Frames only: no ready lines, no pings, no goodbye");
+  AddDuration(app, "--connect-timeout", "Time limit for the far side to be ready (10s); 0s: none",
               &options.connect_timeout);
-  AddDuration(app, "--keepalive", "Ask a silent far side for a sign of life so often (15s); 0s: never",
+  AddDuration(app, "--keepalive", "Ping a silent far side at this interval (15s); 0s: never",
               &options.keepalive);
   app.add_option("--keepalive-count", options.keepalive_count,
-                 "Give a link up after so many without an answer (3)")
+                 "Treat the link as lost after N silent intervals (3)")
       ->option_text("N")
       ->check(CLI::Range(1, 1000));
   const auto reconnect = [&options](const std::string& text) {
     options.reconnect = true;
     options.reconnect_attempts = text.empty() ? 0 : Attempts(text);
   };
-  AddText(app, "--reconnect", "[=N]", "Start a lost link again, N times in a row at most", reconnect)
+  AddText(app, "--reconnect", "[=N]", "Restart a lost link, at most N times in a row", reconnect)
       ->expected(0, 1);
   app.add_flag("--allow-channel-list", options.allow_channel_list, "Let the far side open further ports here");
 }
 
 void DeclareBring(CLI::App& app, Options& options) {
   app.add_flag("--bring", options.bring,
-               "The carrier leads to a shell: send gx-ssh-peer there if need be, and run it");
+               "The carrier leads to a shell: upload gx-ssh-peer if it is missing, and run it");
   AddValue(app, "--bring-dir", options.bring_folder, BringFolder, "DIR",
-           "Where it lies there (~/.cache/gx-ssh, else in /tmp)");
+           "Folder for it over there (~/.cache/gx-ssh, else in /tmp)");
   app.add_flag("--bring-once", options.bring_once, "Remove it there as soon as it runs");
   AddTexts(app, "--allow", "HOST:PORT", "Let it open this target, too; may be repeated",
            [&options](const std::string& text) { options.allow.push_back(AllowEntry(text)); });
   app.add_option("--peer-dir", options.peer_folder,
-                 "What is there to be sent (that of the package gx-ssh-peers)")
+                 "Folder with the files to upload (that of the package gx-ssh-peers)")
       ->option_text("DIR");
 }
 
 void DeclareOutput(CLI::App& app, Options& options) {
   const auto listen = [](const std::string& text) { return Parsed(text, ParseListen); };
   AddValue(app, "--listen", options.listen, listen, "ADDR:PORT|unix:PATH",
-           "Listen there (any port of 127.0.0.1)");
+           "Listen at this address (any port of 127.0.0.1)");
   const auto forward = [&app, &options](const std::string& text) {
     if (app.count("--target") > 0 && app.count("--listen") == 0) {
       throw CLI::ValidationError("-L names targets of its own; --target goes with --listen");
@@ -211,17 +212,18 @@ void DeclareOutput(CLI::App& app, Options& options) {
     options.forwards.push_back(Parsed(text, ParseForward));
   };
   AddTexts(app, "-L", "[BIND:]PORT:TARGET",
-           "Listen there for HOST:PORT or a path, as -L of ssh; may be repeated", forward);
-  app.add_flag("--user-only", options.user_only, "Turn clients of other users away");
+           "Forward this port or path to TARGET, as ssh -L does; may be repeated", forward);
+  app.add_flag("--user-only", options.user_only, "Refuse clients of other users");
   AddValue(app, "--print", options.print, Print, "FORMAT",
-           "What standard output tells: addr, port, json, env, ssh-config, none (addr)");
+           "What to print when ready: addr, port, json, env, ssh-config, none (addr)");
   AddValue(app, "--name", options.name, Name, "NAME",
            "Name of the far side for ssh-config and its host key (gx-ssh)");
-  app.add_flag("--json", options.json, "Events on standard output, one object a line");
+  app.add_flag("--json", options.json, "Print events on standard output, one JSON object per line");
   app.add_option("--port-file", options.port_file, "Write the addresses to FILE while the ports are open")
       ->option_text("FILE");
-  app.add_flag("-q,--quiet", options.quiet, "Say nothing but errors");
-  app.add_flag("-v,--verbose", options.verbosity, "Say more: connections; twice, thrice: the module's log");
+  app.add_flag("-q,--quiet", options.quiet, "Print only errors");
+  app.add_flag("-v,--verbose", options.verbosity,
+               "Print connections; twice or three times: also the module's log");
   app.add_flag("--version", options.show_version, "Print name, version, protocol and the module found");
 }
 

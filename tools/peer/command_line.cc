@@ -57,7 +57,7 @@ void AddTargets(CLI::App& app, CommandLine* line) {
          "--allow-any", [options] { options->allow = AllowList::Any(); }, "Permit every HOST:PORT")
       ->excludes("--allow");
   AddText(app, "--target", "HOST:PORT|unix:PATH",
-          "Open this target, whatever is asked for; for command=\n"
+          "Open this target for every connection; for command=\n"
           "in authorized_keys",
           [options](const std::string& text) { options->target = Parsed(text, ParseDestination); })
       ->take_last()
@@ -67,30 +67,29 @@ void AddTargets(CLI::App& app, CommandLine* line) {
 
 void AddLimits(CLI::App& app, CommandLine* line) {
   PeerOptions* const options = &line->options;
-  AddLimit(app, "--connect-timeout", "Wait so long for a target, and for gx-ssh at first",
+  AddLimit(app, "--connect-timeout", "Time limit for a target, and for gx-ssh at the start",
            &options->connect_timeout);
-  app.add_option("--max-connections", options->max_connections,
-                 "Refuse more connections at once than these [1000]")
+  app.add_option("--max-connections", options->max_connections, "Maximum number of open connections [1000]")
       ->check(CLI::Range(1, 100'000).description(""))
       ->option_text("COUNT");
-  AddLimit(app, "--idle-timeout", "End connections on which nothing moves for so long", &options->idle_timeout);
-  AddLimit(app, "--keepalive", "Ask for a sign of life after so long a silence", &options->keepalive);
+  AddLimit(app, "--idle-timeout", "End connections that carry nothing for this time", &options->idle_timeout);
+  AddLimit(app, "--keepalive", "Ping gx-ssh after it was silent for this time", &options->keepalive);
   app.add_option("--keepalive-count", options->keepalive_count,
-                 "Take the link for lost after so many of them [3]")
+                 "Treat the link as lost after this many silent intervals [3]")
       ->check(CLI::Range(1, 1000).description(""))
       ->option_text("COUNT");
 }
 
 void AddNameCache(CLI::App& app, NameCacheOptions* options) {
-  AddText(app, "--dns-cache", "FILE", "Keep the addresses of names, for when name servers fail",
+  AddText(app, "--dns-cache", "FILE", "Save the addresses of names, for when name servers fail",
           [options](const std::string& text) {
             if (text.empty()) throw BadText("this takes the name of a file");
             options->file = text;
           })
       ->take_last();
-  app.add_option("--dns-max-age", options->max_age, "Drop older ones once there are more than 200")
+  app.add_option("--dns-max-age", options->max_age, "With more than 200 names, drop those older than this")
       ->option_text("SECONDS");
-  app.add_option("--dns-refresh", options->refresh, "For the cache, which saves every new answer anyway")
+  app.add_option("--dns-refresh", options->refresh, "Without effect: every new answer is saved")
       ->option_text("SECONDS");
   for (const char* name : {"--dns-max-age", "--dns-refresh"}) app.get_option(name)->needs("--dns-cache");
 }
@@ -109,18 +108,19 @@ CommandLine ParseCommandLine(int argc, const char* const* argv) {
   app.footer(kFooter);
   app.formatter(std::make_shared<HelpFormatter>());
   app.set_help_flag("-h,--help", "Print this text");
-  app.set_version_flag("--version", VersionText, "Print the version, and what confines it here");
+  app.set_version_flag("--version", VersionText, "Print the version and the available confinement");
   AddTargets(app, &line);
   AddLimits(app, &line);
   if (kHasNameCache) AddNameCache(app, &line.name_cache);
-  app.add_flag("--raw", line.options.raw, "Frames only: no ready line, signs of life, goodbye");
+  app.add_flag("--raw", line.options.raw, "Frames only: no ready lines, no pings, no goodbye");
   app.add_flag_callback(
-      "--no-confine", [&line] { line.confine = false; }, "Keep rights that it has no use for");
+      "--no-confine", [&line] { line.confine = false; },
+      "Keep the rights that are otherwise dropped at the start");
   // Used by gx-ssh --bring; hidden from the help.
   app.add_flag("--remove-own-file", line.remove_own_file)->group("");
   app.add_flag("--remove-own-folder", line.remove_own_folder)->group("");
-  app.add_flag("-q,--quiet", line.quiet, "Say nothing while it works");
-  app.add_flag("-v,--verbose", line.verbosity, "Say more: connections; twice: the stream");
+  app.add_flag("-q,--quiet", line.quiet, "Print only errors");
+  app.add_flag("-v,--verbose", line.verbosity, "Print connections; twice: also the stream");
   try {
     app.parse(argc, argv);
   } catch (const CLI::CallForHelp&) {

@@ -334,7 +334,7 @@ void PeerSession::OnOutputProgress() {
 }
 
 void PeerSession::OnOutputBroken() {
-  if (shutdown_.IsWorking()) return Lose(LogLevel::kInfo, "nobody reads the stream any more");
+  if (shutdown_.IsWorking()) return Lose(LogLevel::kInfo, "gx-ssh no longer reads the stream");
   if (shutdown_.phase() == Phase::kDraining) EndAll({});
   CheckPhase(Clock::now());
 }
@@ -496,7 +496,7 @@ void PeerSession::EndAll(std::string_view reason) {
 
 void PeerSession::Complain(const std::string& line) {
   Log(complaints_ < kToldComplaints ? LogLevel::kWarning : LogLevel::kInfo, line);
-  if (++complaints_ == kToldComplaints) Log(LogLevel::kWarning, "more of this is told only with -v");
+  if (++complaints_ == kToldComplaints) Log(LogLevel::kWarning, "further messages of this kind need -v");
 }
 
 void PeerSession::Log(LogLevel level, const std::string& line) const {
