@@ -1,5 +1,5 @@
-# What an installed tree holds beside the targets: how host authors find it, manual pages, completions. All paths in
-# it are relative to where it lies, so the tree may be moved.
+# Installed files besides the targets: files for CMake and pkg-config, manual pages, completions. All paths in them are
+# relative, so the installed tree may be moved.
 include(CMakePackageConfigHelpers)
 
 set(GX_CMAKE_DIR ${CMAKE_INSTALL_LIBDIR}/cmake/gxmod)

@@ -1,5 +1,5 @@
-# Debian packages of the installed tree, one per install component; scripts/package builds them. They depend on one
-# another by the very version: the programs and the module are tested together.
+# Debian packages of the installed tree, one per install component; scripts/package builds them. They depend on the
+# same version of each other, because the programs and the module are tested together.
 file(STRINGS cmake/debian/changelog changelog_head LIMIT_COUNT 1)
 if(NOT changelog_head MATCHES "\\(${PROJECT_VERSION}-([^)]+)\\)")
   message(FATAL_ERROR "cmake/debian/changelog does not begin with version ${PROJECT_VERSION}")
@@ -21,7 +21,7 @@ set(CPACK_INSTALL_DEFAULT_DIRECTORY_PERMISSIONS
 set(CPACK_PRE_BUILD_SCRIPTS ${PROJECT_SOURCE_DIR}/cmake/GxCompressDocs.cmake)
 set(CPACK_COMPONENTS_ALL "")
 
-# The package `name` of the files of `component`. DESCRIPTION is one line of summary, then the text.
+# Declares the package `name` with the files of `component`. DESCRIPTION is one line of summary, then the text.
 macro(gx_package component name)
   cmake_parse_arguments(ARG "" "SECTION;DEPENDS;RECOMMENDS;SUGGESTS;DESCRIPTION" "" ${ARGN})
   list(APPEND CPACK_COMPONENTS_ALL ${component})
@@ -32,7 +32,7 @@ macro(gx_package component name)
   set(CPACK_DEBIAN_${upper}_PACKAGE_RECOMMENDS "${ARG_RECOMMENDS}")
   set(CPACK_DEBIAN_${upper}_PACKAGE_SUGGESTS "${ARG_SUGGESTS}")
   set(CPACK_DEBIAN_${upper}_DESCRIPTION "${ARG_DESCRIPTION}")
-  # Only packages hold these: a plain install takes the components without them.
+  # EXCLUDE_FROM_ALL: only the packages contain these files, a plain installation does not.
   install(FILES cmake/debian/copyright DESTINATION ${CMAKE_INSTALL_DATADIR}/doc/${name}
     COMPONENT ${component} EXCLUDE_FROM_ALL)
   install(FILES cmake/debian/changelog DESTINATION ${CMAKE_INSTALL_DATADIR}/doc/${name} RENAME changelog.Debian

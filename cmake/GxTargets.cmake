@@ -1,13 +1,13 @@
-# What every target of the project has in common, and the two ways to declare one.
+# Options for all targets of the project, and the functions that declare libraries and tests.
 
 add_library(gx_options INTERFACE)
 target_compile_features(gx_options INTERFACE cxx_std_20)
 target_compile_options(gx_options INTERFACE
   -Wall -Wextra -Wpedantic
-  $<$<NOT:$<BOOL:${CMAKE_UNITY_BUILD}>>:-Wshadow>  # in one piece, a file sees the names of the others
+  $<$<NOT:$<BOOL:${CMAKE_UNITY_BUILD}>>:-Wshadow>  # in a unity build, a file sees the names of the others
   -Wconversion
   $<$<CXX_COMPILER_ID:Clang>:-Wthread-safety>
-  # An interface and CReference, its counting, both derive from IReference; the class overrides both.
+  # A class derives twice from IReference, through its interface and through CReference, and overrides both.
   $<$<CXX_COMPILER_ID:GNU>:-Wno-inaccessible-base>
   # GCC 12 sees an overlap in std::string's operator+ that is not there.
   $<$<CXX_COMPILER_ID:GNU>:-Wno-restrict>
@@ -16,11 +16,11 @@ target_compile_options(gx_options INTERFACE
   -fvisibility=hidden -fvisibility-inlines-hidden
   $<$<CXX_COMPILER_ID:GNU>:-fno-gnu-unique>)
 
-# As distributions build their packages: what remains of a mistake is a crash.
+# Hardening as in distribution packages: many memory errors then end in a crash instead of an exploit.
 include(CheckCXXCompilerFlag)
 include(CheckPIESupported)
 check_pie_supported()
-set(CMAKE_REQUIRED_FLAGS -Werror)  # Clang only warns of a flag that the processor has no use for
+set(CMAKE_REQUIRED_FLAGS -Werror)  # Clang only warns about flags that the processor does not support
 foreach(flag -fstack-protector-strong -fstack-clash-protection -fcf-protection -mbranch-protection=standard)
   string(MAKE_C_IDENTIFIER "GX_HAS${flag}" has_flag)
   check_cxx_compiler_flag(${flag} ${has_flag})
@@ -43,7 +43,7 @@ if(GX_BUILD_FUZZERS)
   target_compile_options(gx_options INTERFACE -fsanitize=fuzzer-no-link)
 endif()
 
-# One folder under src/: a static library gx_<folder> that stands on the libraries named after DEPENDS.
+# Declares the static library gx_<name> of one folder under src/. It uses the libraries named after DEPENDS.
 function(gx_library name)
   cmake_parse_arguments(ARG "" "" "SOURCES;DEPENDS" ${ARGN})
   add_library(gx_${name} STATIC ${ARG_SOURCES})
@@ -51,8 +51,7 @@ function(gx_library name)
   target_link_libraries(gx_${name} PUBLIC ${ARG_DEPENDS} PRIVATE gx_options)
 endfunction()
 
-# One test program tests/<folder>, found by ctest under the names of its cases. Compiled in one piece, which takes
-# a third of the time.
+# Declares one test program; ctest lists its cases by name. Compiling it as one piece takes a third of the time.
 function(gx_test name)
   cmake_parse_arguments(ARG "" "" "SOURCES;DEPENDS" ${ARGN})
   add_executable(${name} ${ARG_SOURCES})

@@ -1,4 +1,4 @@
-// What every target needs: a check that stops the search.
+// Functions for all fuzz targets: a check that stops the search, and the input as text.
 #ifndef GX_FUZZ_CHECK_H
 #define GX_FUZZ_CHECK_H
 

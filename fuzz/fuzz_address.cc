@@ -1,5 +1,5 @@
-// Addresses as text: what parses is an address, and prints as a text that parses as the same one. A text to
-// listen on opens the port that it names, or none.
+// Addresses as text: a parsed address prints as a text that parses as the same address. Listening on a text
+// opens the named port or none.
 #include <netdb.h>
 
 #include <memory>

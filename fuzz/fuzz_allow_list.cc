@@ -1,6 +1,6 @@
-// The peer's allow-list: lines of entries, and behind an empty line targets; without an empty line the last
-// line is the target. Nothing passes that no entry names, and no name is an address in the eyes of the system's
-// resolver, which is stranger than ours.
+// The peer's allow-list. An input is lines of entries, an empty line, and lines of targets; without an empty
+// line the last line is the target. Only targets that an entry names pass, and the system's resolver, which
+// accepts more spellings, takes none of our names for an address.
 #include <netdb.h>
 
 #include <algorithm>
@@ -37,7 +37,7 @@ void CheckTarget(const HostPort& target) {
   Check(NumericHost(target.host) == (target.IsNumeric() ? target.host : ""));
 }
 
-// The kernel would read each of its parts as a name.
+// The path is in the one spelling that the allow-list compares.
 void CheckPath(const std::string& path) {
   Check(path.size() < 108 && path.find('\0') == std::string::npos);
   Check(std::filesystem::path(path).is_absolute());
@@ -50,7 +50,7 @@ bool IsSame(const std::string& a, const std::string& b) {
   return a == b || (a == "localhost" && is_loopback(b)) || (b == "localhost" && is_loopback(a));
 }
 
-// Read without the list's help: a pattern of two parts, each of them the target's or a star.
+// A second implementation: an entry is a pattern of two parts, each equal to the target's or a star.
 bool Names(const std::string& entry, const HostPort& target) {
   const std::size_t colon = entry.rfind(':');
   const std::string host = entry.substr(0, colon);

@@ -1,5 +1,4 @@
-// Percent coding and the text of the channel list: any text reads as something, and what was written once is
-// read back as it was.
+// Percent coding and the text of the channel list: any text can be read, and written text reads back unchanged.
 #include <algorithm>
 
 #include "check.h"
@@ -26,12 +25,12 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
   const std::string text = Text(data, size);
   CheckPercentCoding(text);
   for (ChannelRecord record : ParseChannelList(text)) {
-    // What follows a NUL is not sent.
+    // Only the bytes before a NUL are sent.
     for (std::string* field : {&record.name, &record.protocol, &record.remote_address}) *field = field->c_str();
     const auto again = ParseChannelList(FormatChannelList({record}));
     Check(again.size() == 1 && Equal(again[0], record));
   }
-  // Reading sorts by the text, so it is the second round that changes nothing any more.
+  // Reading sorts the records by their texts, so only the second round trip keeps the order.
   const std::string first = FormatChannelList(ParseChannelList(text));
   const std::string second = FormatChannelList(ParseChannelList(first));
   Check(second.size() == first.size() && FormatChannelList(ParseChannelList(second)) == second);

@@ -1,10 +1,10 @@
-// The frames that the module reads, from a far side that says whatever it likes, with a live client behind: a
-// real port, two real connections. Every byte goes to the connection that it was sent to and to no other, ports
-// open for channel lists only, and the listener hears exactly what was said.
+// The frames that the module reads, from a far side that sends any bytes, with a real client, port and two
+// connections. Every byte reaches only its own connection, only channel lists open ports, and the listener gets
+// exactly the messages that were sent.
 //
-// An input is a byte of options and then frames. The connections have the ids 1 and 2 there, whatever they
-// really are, and a frame is no longer than what there is, unless the stream ends in it. The client lives from
-// input to input until one of them ends its stream.
+// An input is a byte of options and then frames. The ids 1 and 2 stand for the connections' real ids. A frame
+// that is longer than the input is shortened, unless the stream ends inside it. The client is used for all
+// inputs until one of them ends its stream.
 #include <algorithm>
 #include <array>
 #include <set>
@@ -27,13 +27,13 @@ using gxtest::TcpClient;
 
 namespace {
 
-constexpr std::uint8_t kReadAtMost = 0x0F;  // bytes at a time; 0: all that there are
-constexpr std::uint8_t kTalk = 0x10;        // the local side has something to say, too
+constexpr std::uint8_t kReadAtMost = 0x0F;  // bytes at a time; 0: all available ones
+constexpr std::uint8_t kTalk = 0x10;        // the local clients send, too
 constexpr std::uint8_t kEndStream = 0xE0;   // when all three are set, the stream ends in the middle; see Ends
 constexpr std::size_t kMostChannels = 4;    // in one list
 constexpr std::size_t kMostPromised = 1 << 16;  // of a payload that does not come
 constexpr std::size_t kConnections = 2;
-constexpr std::uint32_t kNobody = 0x8000'0000;  // in ids that no connection has, however many there have been
+constexpr std::uint32_t kNobody = 0x8000'0000;  // a bit for ids that no connection has
 
 using Frames = std::vector<gxtest::Frame>;
 
@@ -43,8 +43,8 @@ struct Input {
   std::string tail;   // the beginning of a frame
 };
 
-// One in sixteen of those that ask for it: a restart takes as long as ten other runs, and every one of them
-// looks new to the search.
+// True for one in sixteen inputs with kEndStream: a restart takes as long as ten other runs, and the fuzzer
+// takes each for new behaviour.
 bool Ends(std::uint8_t options, std::size_t size) {
   return (options & kEndStream) == kEndStream && size % 16 == 9;
 }
@@ -117,7 +117,7 @@ class Fixture {
     return {std::move(local), frame.id};
   }
 
-  // The client's next frame, which is of that type; but it tells of its channels at any time.
+  // The client's next frame of that type. It may send channel lists at any time; they are skipped.
   gxtest::Frame Next(ConnectionType type) {
     for (;;) {
       const auto frame = stream_->Receive();
@@ -127,7 +127,7 @@ class Fixture {
     }
   }
 
-  // Lets the far side say all that, and compares with what comes of it.
+  // Sends the frames as the far side and checks their effects.
   void Say(Frames frames) {
     std::array<std::string, kConnections> data;
     std::array<bool, kConnections> closed{};
@@ -179,7 +179,7 @@ class Fixture {
   void CheckConnection(Connection& connection, const std::string& data, bool closed) {
     if (!closed) return Check(connection.local.Receive(data.size()) == data);
     Check(connection.local.ReceiveToEnd() == data);
-    connection.local.Reset();  // leaves no port behind that waits
+    connection.local.Reset();  // leaves no port in TIME_WAIT
     connection = Open();
   }
 

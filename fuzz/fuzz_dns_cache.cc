@@ -1,5 +1,5 @@
-// The text of the DNS cache's file: whatever it says, reading it, answering from it and writing it again is
-// safe, and a second round through text changes nothing any more.
+// The text of the DNS cache's file: any text can be read, used for answers and written again, and a second
+// round trip through text changes nothing.
 #include <memory>
 
 #include "base/dns_cache.h"
@@ -46,7 +46,7 @@ void AnswerThroughTheCache(const std::string& text, const std::string& name) {
   addrinfo* list = nullptr;
   const int code = cache.getaddrinfo_local(name.c_str(), "22", nullptr, &list, EAI_AGAIN);
   Check(code == (list != nullptr ? 0 : EAI_AGAIN));
-  // A list of the cache's own serves as the live answer that makes it save.
+  // Pass the list back as a live answer, so that the cache saves it.
   if (list != nullptr) cache.getaddrinfo_local("another", nullptr, nullptr, &list, 0);
   cache.freeaddrinfo_local(list);
 }
@@ -57,7 +57,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
   const std::string text = Text(data, size);
   const DnsRecords records = ParseDnsRecords(text);
   for (const auto& [name, record] : records) Answer(record);
-  // Names that are no UTF-8 are replaced when they are written first.
+  // The first writing replaces names that are not UTF-8.
   const std::string written = FormatDnsRecords(ParseDnsRecords(FormatDnsRecords(records)));
   Check(FormatDnsRecords(ParseDnsRecords(written)) == written);
   AnswerThroughTheCache(text, records.empty() ? "host" : records.begin()->first);

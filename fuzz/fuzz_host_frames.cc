@@ -1,8 +1,8 @@
-// The frames that gx-ssh reads for the module, from a peer that sends whatever it likes: the module gets its
-// own to the byte, however it asks for them, and nothing of those that the two tools keep between them. What
-// the peer acknowledges has to be possible, or counts for nothing.
+// The frames that gx-ssh reads for the module, from a peer that sends any bytes: the module gets exactly its
+// own frames, whatever its read sizes, and none of the frames between the two tools. Impossible
+// acknowledgements are ignored.
 //
-// An input is how much the module reads at a time, how much had come before the reading began, and the stream.
+// An input is the module's read size, the number of bytes that arrive before the first read, and the stream.
 #include <sys/socket.h>
 #include <unistd.h>
 
@@ -52,7 +52,7 @@ class Keeper final : public PluginInput::Handler {
   gxtool::LinePace pace_;
 };
 
-// What the module has to get. The beginning of a header at the end of the stream says nothing to anybody.
+// The bytes that the module must get. An incomplete header at the end of the stream is dropped.
 std::string Passed(std::string_view wire, Taken* taken, Taken* urgent) {
   std::string passed;
   while (wire.size() >= gxmod::kFrameHeaderBytes) {

@@ -1,9 +1,9 @@
-// The frames that the peer reads, from a module that says whatever it likes. Targets that the allow-list does
-// not name are never called, nor names looked up that it does not name; what a permitted target gets comes back
-// as it was sent, tests and pings are answered, and all that is written are whole frames of known types.
+// The frames that the peer reads, from a module that sends any bytes. The peer connects only to targets and
+// looks up only names that the allow-list permits. A permitted target echoes its data unchanged, tests and
+// pings are answered, and the peer writes only whole frames of known types.
 //
-// An input is a byte of options and then what the stream carries. Two targets listen, and texts of the same
-// length stand for their addresses: kPermitted and kForbidden.
+// An input is a byte of options and then the bytes of the stream. Two targets listen; the texts kPermitted and
+// kForbidden in the input are replaced by their addresses, which have the same length.
 #include <arpa/inet.h>
 #include <netinet/in.h>
 #include <poll.h>
@@ -33,7 +33,7 @@ constexpr std::uint8_t kRaw = 1;
 constexpr std::string_view kPermitted = "127.0.0.1:55555";
 constexpr std::string_view kForbidden = "127.0.0.1:44444";
 constexpr const char* kName = "near.example";  // permitted with any port, but it leads to this computer
-constexpr std::size_t kTextBytes = 1024;       // of a payload that is no data
+constexpr std::size_t kTextBytes = 1024;       // the peer keeps this much of other payloads than Data
 constexpr std::size_t kConnections = 4;        // at the same time
 constexpr std::size_t kMostBytes = 16 * 1024;  // fits into the buffers of a socket pair
 
@@ -45,7 +45,7 @@ struct Frame {
   bool operator==(const Frame&) const = default;
 };
 
-// All whole frames; `*rest` is what is left of the last one.
+// Returns all whole frames; `*rest` gets the number of bytes after them.
 std::vector<Frame> Parse(std::string_view wire, std::size_t* rest) {
   std::vector<Frame> frames;
   while (wire.size() >= gxmod::kFrameHeaderBytes) {
@@ -69,7 +69,7 @@ class FrameKeeper final : public gxtool::FrameReader::Handler {
   std::vector<Frame> frames;
 };
 
-// Data is passed on before its frame is complete.
+// Adds the data of an incomplete frame, which the peer passes on at once.
 void TakeCutData(std::string_view rest, std::vector<Frame>* frames) {
   if (rest.size() < gxmod::kFrameHeaderBytes) return;
   const gxmod::FrameHeader header = gxmod::DecodeFrameHeader(rest.data());
@@ -77,7 +77,7 @@ void TakeCutData(std::string_view rest, std::vector<Frame>* frames) {
   frames->push_back({header.type, header.connection_id, std::string(rest.substr(gxmod::kFrameHeaderBytes))});
 }
 
-// The reader finds the same frames, however the stream is cut.
+// The reader finds the same frames in pieces of any size.
 void CheckReader(std::string_view wire, std::size_t piece) {
   FrameKeeper keeper;
   gxtool::FrameReader reader(&keeper);
@@ -94,7 +94,7 @@ class Target {
     socklen_t length = sizeof address;
     address.sin_family = AF_INET;
     address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    // Five digits, so that the address is as long as the text that stands for it.
+    // A port of five digits makes the address as long as the text that it replaces.
     for (int port = 20'000; port < 60'000; ++port) {
       address.sin_port = htons(static_cast<std::uint16_t>(port));
       if (bind(fd_, reinterpret_cast<sockaddr*>(&address), length) == 0) break;
@@ -114,7 +114,7 @@ class Target {
   std::string address_;
 };
 
-// Sends back what comes, and ends when the other side has.
+// Echoes received bytes; closes a connection when the other side does.
 class Echo {
  public:
   Echo() {
@@ -197,7 +197,7 @@ class Fixture {
   }
 
  private:
-  // What the peer writes when that is all that it ever reads.
+  // Returns the peer's output for this input.
   std::string Converse(bool raw, const std::string& wire) {
     int ends[2];
     Check(socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, ends) == 0);
@@ -238,7 +238,7 @@ class Fixture {
     std::vector<std::string> tests;
     std::vector<std::string> pings;
     std::map<std::uint32_t, int> connects;
-    std::uint64_t unneeded = 0;  // bytes of connection 0 that may come: what fill frames ask for, and an echo
+    std::uint64_t unneeded = 0;  // permitted bytes of connection 0: answers to fill frames, and an echo
     for (const Frame& frame : asked) {
       if (frame.type == ConnectionType::TestChannel) tests.push_back(frame.payload.substr(0, kTextBytes));
       if (frame.type == gxtool::kPingFrame && frame.payload.size() == gxtool::kPingBytes)

@@ -1,5 +1,4 @@
-// The tools' ready line: however the bytes come in pieces, the same is found, and what is found is a whole
-// line.
+// The tools' ready line: the result is the same for pieces of any size, and only a whole line is found.
 #include "check.h"
 #include "common/escape.h"
 #include "common/ready_line.h"
@@ -17,7 +16,7 @@ std::size_t FeedInPieces(ReadyLineFinder& finder, const std::string& text, std::
 
 }  // namespace
 
-// The first byte tells the side and the size of the pieces.
+// The first byte determines the side and the size of the pieces.
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
   if (size == 0) return 0;
   const Side other = (data[0] & 1) != 0 ? Side::kHost : Side::kPeer;

@@ -1,5 +1,4 @@
-// Answers to a channel test: the message lies inside the payload, and an answer that is built anew says the
-// same.
+// Answers to a channel test: the message is inside the payload, and encoding it again gives an equal answer.
 #include <vector>
 
 #include "check.h"

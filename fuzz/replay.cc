@@ -1,4 +1,4 @@
-// Stands in for the fuzzing engine: runs the target once over each file of the folder given.
+// Replaces the fuzzing engine in tests: runs the target once for each file of a folder.
 #include <cstddef>
 #include <cstdint>
 #include <cstdio>

@@ -1,4 +1,4 @@
-// line: a carrier that is as slow as one likes. See --help.
+// line: a carrier with a chosen rate and delay. See --help.
 #include <fcntl.h>
 #include <poll.h>
 #include <signal.h>
@@ -43,7 +43,7 @@ struct Options {
   std::vector<std::string> command;
 };
 
-// What both directions have in common.
+// The rates and stalls of both directions.
 class Weather {
  public:
   explicit Weather(const Options& options) : options_(options) {}
@@ -56,7 +56,7 @@ class Weather {
     }
     return rate;
   }
-  // The end of the stall that is on; otherwise `now`.
+  // The end of the current stall; `now` without one.
   Time Opens(Time now) const {
     if (options_.stall_every_s == 0) return now;
     const auto period = Span(options_.stall_every_s * 1e3);
@@ -74,7 +74,7 @@ class Weather {
   std::minstd_rand random_;
 };
 
-// One way: a buffer, from which bytes leave one after the other, and a road on which they take their time.
+// One direction: a buffer that empties at the line's rate, and a delay.
 class Direction {
  public:
   Direction(int in, int out, std::size_t buffer, Weather& weather)
@@ -84,7 +84,7 @@ class Direction {
 
   bool over() const { return out_ < 0; }
 
-  // Does what can be done; returns when more can be without a descriptor's help.
+  // Moves bytes as far as possible. Returns when to call it again if no descriptor becomes ready.
   Time Step() {
     const Time now = Clock::now();
     if (const Time opens = weather_.Opens(now); opens > now) {
@@ -122,7 +122,7 @@ class Direction {
     }
   }
 
-  // About a millisecond's bytes at a time.
+  // Sends about a millisecond's bytes at a time.
   void Leave(Time now) {
     const double rate = weather_.Rate(now);
     const std::size_t step = std::max<std::size_t>(1, static_cast<std::size_t>(rate / 1e3));
@@ -148,7 +148,7 @@ class Direction {
     waiting_.append(bytes.data(), static_cast<std::size_t>(count));
   }
 
-  // Nobody takes any more, or there is no more.
+  // The reader is gone, or the input has ended.
   void End() {
     close(out_);
     out_ = -1;
@@ -162,10 +162,10 @@ class Direction {
   const std::size_t buffer_;
   Weather& weather_;
   bool ended_ = false;
-  bool blocked_ = false;  // the reader takes no more
+  bool blocked_ = false;  // the reader's descriptor is full
   std::string waiting_;
   Time free_{};  // when the line can take the next byte
-  Time last_{};  // when the last one arrives: nothing overtakes
+  Time last_{};  // when the last one arrives; later bytes arrive later
   std::deque<std::pair<Time, std::string>> road_;
 };
 

@@ -1,4 +1,4 @@
-// Frames, buffers and reference counts: what every byte meets on its way.
+// Frames, buffers and reference counts: operations that every block of data needs.
 #include <array>
 
 #include "measure.h"

@@ -20,7 +20,7 @@ namespace {
 constexpr std::size_t kBlockBytes = 4096;
 constexpr std::size_t kTurnBytes = 64 * 1024;
 
-// Takes everything and keeps nothing.
+// Takes and drops all bytes.
 class NullPluginStream final : public IPluginStreamRaw, private CReference {
  public:
   GX_FORWARD_REFERENCE();
@@ -91,7 +91,7 @@ CRefObj<CPluginLink> MakeLink() {
   return {new CPluginLink(CRefObj<IPluginStreamRaw>(new NullPluginStream).get(), {})};
 }
 
-// The client has sent so much, and the reactor has found that out.
+// The client has sent data, and the reactor has found the socket readable.
 void ReadAndWriteFrames(benchmark::State& state) {
   static std::array<char, kTurnBytes> bytes{};
   const auto length = static_cast<std::size_t>(state.range(0));
@@ -104,7 +104,7 @@ void ReadAndWriteFrames(benchmark::State& state) {
 }
 BENCHMARK(ReadAndWriteFrames)->Arg(64)->Arg(kBlockBytes)->Arg(kTurnBytes);
 
-// A frame of the far side's is for the client, who takes it at once.
+// A frame from the far side is delivered to the client, which takes it at once.
 void DeliverFrame(benchmark::State& state) {
   static std::array<char, kBlockBytes> bytes{};
   const auto length = static_cast<std::uint32_t>(state.range(0));
@@ -119,7 +119,7 @@ void DeliverFrame(benchmark::State& state) {
 }
 BENCHMARK(DeliverFrame)->Arg(64)->Arg(kBlockBytes);
 
-// A connection comes, is announced, and is gone.
+// A connection is accepted, announced and closed.
 void ShortConnection(benchmark::State& state) {
   const CRefObj<CPluginLink> link = MakeLink();
   const CRefObj<IMemAlloctor> memory(new CFrameAlloctor);

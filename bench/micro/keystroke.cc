@@ -37,8 +37,8 @@ std::string Frame(ConnectionType type, std::uint32_t id, std::string payload) {
   return payload;
 }
 
-// Sends data without end on the first connection, and what comes on any other one back. An echo goes before the
-// next frame of the download.
+// Sends endless data on the first connection and echoes the data of all others. An echo is sent before the next
+// frame of the download.
 class EndlessFarSide final : public IPluginStreamRaw, private CReference {
  public:
   GX_FORWARD_REFERENCE();
@@ -81,9 +81,9 @@ class EndlessFarSide final : public IPluginStreamRaw, private CReference {
 
   std::mutex mutex_;
   std::condition_variable changed_;
-  std::string download_;  // the frame that is sent again and again
+  std::string download_;  // the frame that is sent repeatedly
   std::string echoes_;
-  std::string frame_;  // the one that is being read
+  std::string frame_;  // the frame that the module is reading
   std::size_t at_ = 0;
   bool closed_ = false;
 };

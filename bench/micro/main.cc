@@ -1,12 +1,12 @@
-// micro: what single operations of the module cost. Takes Google Benchmark's options; bench/instructions runs
-// it, too.
+// micro: measures single operations of the module. It has the options of Google Benchmark; bench/instructions
+// runs it, too.
 #include <benchmark/benchmark.h>
 
 #include "runtime/gxmod_runtime.h"
 
 namespace {
 
-// Log lines end here, not on standard output.
+// Drops log lines, which would otherwise go to standard output.
 class DeafHost final : public IGXModRuntime {
  public:
   DeafHost() { CSingleton_T<CGXModRuntime>::Instance()->SetHost(this); }

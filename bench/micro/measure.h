@@ -1,5 +1,5 @@
-// One operation of the module, measured twice: Google Benchmark tells its time, and below valgrind's callgrind
-// its instructions are counted, which repeat exactly whatever else the machine does.
+// Measures one operation of the module in two ways: its time with Google Benchmark, and its instructions under
+// valgrind's callgrind, which are the same on a busy machine.
 #ifndef GX_BENCH_MICRO_MEASURE_H
 #define GX_BENCH_MICRO_MEASURE_H
 
@@ -20,8 +20,8 @@ namespace gxbench {
 
 inline constexpr int kCountedOperations = 1000;  // bench/instructions divides by it
 
-// `name` is that of the dump with the counts. The first operations, which fill caches and free lists, do not
-// count.
+// `name` is the name of the dump with the counts. The first operations, which fill caches and free lists, are
+// not counted.
 template <typename Operation>
 void Measure(benchmark::State& state, const std::string& name, Operation operation) {
   for (auto _ : state) operation();

@@ -26,7 +26,7 @@ class Task final : public ITCPTask {
   ~Task() override = default;
 };
 
-// A task comes to the back and one leaves the front of a queue that holds others.
+// One task is added at the back of a queue with others, and one is taken from the front.
 void SemQueue(benchmark::State& state) {
   sem_queue<CTCPTask> queue;
   queue.open(0);
@@ -49,7 +49,7 @@ class Timer final : public ITask, private CReference {
   ~Timer() override = default;
 };
 
-// A timer is armed and fires, in a queue that holds others which are due later.
+// A timer is armed and fires, in a queue with others that are due later.
 void TimedQueue(benchmark::State& state) {
   task_timed_queue queue([] { return std::uint64_t{1'000'000}; });
   std::vector<CRefObj<ITask>> others;
@@ -84,7 +84,7 @@ class Pipe {
   const bool good_;
 };
 
-// Descriptors of their own for one pipe, so that many waiters do not need twice as many.
+// Duplicates of one pipe's descriptor: many waiters then need only one descriptor each.
 class Copies {
  public:
   Copies(int descriptor, std::int64_t count) {
@@ -101,7 +101,7 @@ class Copies {
   std::vector<int> copies_;
 };
 
-// A task whose descriptor is ready comes and is handed out, while others wait.
+// A task with a ready descriptor is added and returned, while others wait.
 void TrackerPass(benchmark::State& state) {
   const Pipe quiet, ready;
   if (!ready.MakeReadable()) return state.SkipWithError("no pipe");

@@ -1,4 +1,4 @@
-// A log line, as far as the module goes.
+// A log line, without the host's part.
 #include "runtime/gxmod_runtime.h"
 
 #include "measure.h"

@@ -8,7 +8,7 @@ namespace {
 
 constexpr unsigned long kBlockBytes = 4096;
 
-// Takes everything at once, and has always more.
+// Takes all bytes at once, and always has more to read.
 class NullStream final : public CBaseStream {
  public:
   NullStream() : CBaseStream(/*type=*/0, /*connected=*/true) {}

@@ -1,5 +1,5 @@
-// Carries connections through two processes each, with a local socket between them and nothing but a copy loop
-// in either: what two programs with a stream between them cost at all.
+// Carries each connection through two processes that only copy, with a local socket between them: the least
+// cost of two programs with a stream between them.
 #include <signal.h>
 #include <sys/prctl.h>
 #include <sys/socket.h>
@@ -24,7 +24,7 @@ namespace {
 
 constexpr std::size_t kBlockBytes = 64 * 1024;
 
-// Until the stream ends; one that fails ends for the other side, too.
+// Copies until the stream ends or fails, and passes the end on.
 void Copy(Socket& from, Socket& to) noexcept {
   try {
     std::vector<std::byte> block(kBlockBytes);
@@ -40,7 +40,7 @@ void CopyBothWays(Socket& one, Socket& other) {
   back.join();
 }
 
-// Runs `work` in a process of its own, which ends with this one at the latest.
+// Runs `work` in a child process, which ends at the latest with this one.
 template <class Work>
 void InChild(Work work) {
   const pid_t pid = fork();
@@ -61,7 +61,7 @@ std::pair<Socket, Socket> LocalSockets() {
   return {Socket(ends[0]), Socket(ends[1])};
 }
 
-// A child has the other's end of the local socket as well, and has to drop it to see it close.
+// Each child inherits both ends of the local socket and must close the other's, to detect its end.
 void Carry(Socket client, const sockaddr_in& target) {
   std::pair<Socket, Socket> local = LocalSockets();
   InChild([&] {
@@ -76,7 +76,7 @@ void Carry(Socket client, const sockaddr_in& target) {
   });
 }
 
-// At once, for the processor time of a child that has not been waited for is nobody's.
+// Reaps children at once: only then is their processor time added to this process's.
 void WaitForChildren(int) {
   const int error = errno;
   while (waitpid(-1, nullptr, WNOHANG) > 0) {

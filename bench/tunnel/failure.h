@@ -1,4 +1,4 @@
-// What went wrong, for people. A run that fails has no figures.
+// The failure of a run, as a message. A failed run has no figures.
 #ifndef GX_BENCH_TUNNEL_FAILURE_H
 #define GX_BENCH_TUNNEL_FAILURE_H
 
@@ -10,7 +10,7 @@ struct Failure : std::runtime_error {
   using std::runtime_error::runtime_error;
 };
 
-// Bytes have come that nobody sent.
+// Received bytes differ from those that were sent.
 struct WrongBytes : Failure {
   using Failure::Failure;
 };

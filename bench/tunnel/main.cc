@@ -60,7 +60,7 @@ void Declare(CLI::App& app, Options& options) {
   app.add_flag("--json", options.json, "Print one JSON object");
 }
 
-// A part without time, or with time in which nothing is sent, has no rate.
+// A part needs a duration, and must lie within the transfer: otherwise it has no rate.
 void CheckEdges(const Options& options) {
   const std::vector<double>& edges = options.edges;
   if (edges.empty()) return;
@@ -80,7 +80,7 @@ void Print(const Figures& figures, bool json) {
   std::cout << (json ? "{" + text + "}" : text) << '\n';
 }
 
-// Each connection has two ends here.
+// Both ends of each connection are in this process.
 void AllowManyDescriptors() {
   rlimit limit{};
   getrlimit(RLIMIT_NOFILE, &limit);
@@ -89,7 +89,7 @@ void AllowManyDescriptors() {
 }
 
 Figures Run(const Options& options) {
-  constexpr std::size_t kSpare = 32;  // connections that are on their way out while others come
+  constexpr std::size_t kSpare = 32;  // connections that still close while new ones arrive
   Target target(options.target_port, options.connections + kSpare);
   Plan plan{target.address(), options.seconds, options.connections, options.edges, Processes(options.pids)};
   if (!options.to.empty()) plan.to = ParseAddress(options.to);
@@ -99,7 +99,7 @@ Figures Run(const Options& options) {
   } catch (const WrongBytes&) {
     throw;
   } catch (const Failure&) {
-    // What the target saw is nearer to the reason than what became of the connection after it had given up.
+    // The target's failure is the cause; the connection's is only a consequence.
     if (target.failure().empty()) throw;
     throw Failure("behind the tunnel: " + target.failure());
   }

@@ -1,9 +1,9 @@
-// The bytes that go through a tunnel: 64-bit words that count up from a number that only this direction of this
-// connection has. A byte that is changed, lost, doubled or another connection's does not fit its place. The end
-// is in the bytes, too: a word that has all bits of its place inverted.
+// The test data for tunnels: 64-bit words that count up from a number unique to each direction of each
+// connection. So a changed, lost, doubled or misdirected byte does not match its position. The end is marked by
+// a word with all bits inverted.
 //
-// Made and checked in the cheapest way there is, additions and comparisons of whole words, so that the tunnel
-// is what limits a transfer.
+// It is made and checked cheaply, by additions and comparisons of whole words, so that the tunnel limits the
+// transfer.
 #ifndef GX_BENCH_TUNNEL_PATTERN_H
 #define GX_BENCH_TUNNEL_PATTERN_H
 
@@ -17,7 +17,7 @@ namespace gxbench {
 inline constexpr std::size_t kBlockWords = 16 * 1024;
 inline constexpr std::size_t kWordBytes = sizeof(std::uint64_t);
 
-// A number far away from those of all others; `n` tells them apart.
+// The first number for direction `n`, far away from those of all other directions.
 std::uint64_t PatternKey(std::uint64_t n);
 
 class PatternWriter {
@@ -37,7 +37,7 @@ class PatternReader {
  public:
   explicit PatternReader(std::uint64_t key) : next_(key), words_(kBlockWords) {}
 
-  // Where the next bytes go. Take() is told how many came, and throws WrongBytes when they are.
+  // The space for the next received bytes. Take() gets their number and throws WrongBytes if they are wrong.
   std::span<std::byte> Space();
   void Take(std::size_t bytes);
 
@@ -49,7 +49,7 @@ class PatternReader {
 
   std::uint64_t next_;
   std::vector<std::uint64_t> words_;
-  std::size_t held_ = 0;  // bytes of a word that is not whole yet
+  std::size_t held_ = 0;  // bytes of an incomplete word
   std::uint64_t bytes_ = 0;
   bool ended_ = false;
 };

@@ -21,12 +21,12 @@ struct Process {
   double cpu_ticks = 0;
 };
 
-// False: it has ended meanwhile.
+// Returns false when the process has ended meanwhile.
 bool ReadProcess(pid_t pid, Process& out) {
   std::ifstream file("/proc/" + std::to_string(pid) + "/stat");
   std::string text;
   if (!std::getline(file, text)) return false;
-  // The name stands in parentheses and may hold anything.
+  // The name is in parentheses and may contain any character.
   std::istringstream fields(text.substr(text.rfind(')') + 1));
   std::string state, skipped;
   fields >> state >> out.parent;

@@ -1,4 +1,4 @@
-// A TCP connection, blocking, whose every wait has a bound: a tunnel that stalls fails the run.
+// A blocking TCP connection with a time limit for every wait: a stalled tunnel fails the run.
 #ifndef GX_BENCH_TUNNEL_SOCKET_H
 #define GX_BENCH_TUNNEL_SOCKET_H
 
@@ -13,10 +13,10 @@
 
 namespace gxbench {
 
-// Of all sockets that are made from then on.
+// Settings of all sockets that are created afterwards.
 struct SocketSettings {
-  int patience_s = 30;   // for one step of a connection
-  int unsent_bytes = 0;  // that wait in a socket at most, roughly; 0: as many as the system likes
+  int patience_s = 30;   // time limit for one step of a connection
+  int unsent_bytes = 0;  // limit of unsent bytes in a socket, roughly; 0: the system's
 };
 void SetSockets(const SocketSettings& settings);
 
@@ -26,7 +26,7 @@ sockaddr_in ParseAddress(const std::string& text);
 class Socket {
  public:
   Socket() = default;
-  // Takes the descriptor over. Small blocks leave at once.
+  // Takes the descriptor over. Small blocks are sent at once.
   explicit Socket(int fd);
   Socket(Socket&& other) noexcept : fd_(std::exchange(other.fd_, -1)) {}
   Socket& operator=(Socket&& other) noexcept {
@@ -38,11 +38,11 @@ class Socket {
   static Socket Connect(const sockaddr_in& address);
 
   void Send(std::span<const std::byte> bytes);
-  // Whatever is there; 0 is the end of the stream.
+  // Returns the number of received bytes; 0 at the end of the stream.
   std::size_t Receive(std::span<std::byte> space);
   // Fills all of `bytes`. False: the stream ended before the first of them.
   bool ReceiveAll(std::span<std::byte> bytes);
-  // The other side reads the end of the stream.
+  // Sends the end of the stream.
   void EndSending() { shutdown(fd_, SHUT_WR); }
   int fd() const { return fd_; }
 
@@ -69,7 +69,7 @@ class Listener {
   ~Listener();
 
   const sockaddr_in& address() const { return address_; }
-  // On any thread. False, for everybody who waits, once the port is shut.
+  // Thread: any. Returns false, in all waiting threads, once the port is closed.
   bool Accept(Socket& out);
   void Shut();
 

@@ -15,7 +15,7 @@ void Echo(Socket& connection) {
   while (const std::size_t count = connection.Receive(bytes)) connection.Send(std::span(bytes).first(count));
 }
 
-// Adds bytes that come now to the part that is on.
+// Adds received bytes to the current part.
 void Count(std::size_t bytes, Clock::duration time, const Request& request, Receipt& receipt) {
   for (std::size_t i = 0; i < kMostParts; ++i) {
     const bool begun = time >= std::chrono::milliseconds(request.edges_ms[i]);
@@ -73,7 +73,7 @@ void Target::Work() {
 
 void Target::Serve(Socket& connection) {
   Request request{};
-  // Some tunnels connect ahead, and hang up when nobody needed the connection.
+  // Some tunnels connect in advance, and close connections that were not used.
   if (!ReceiveObject(connection, request)) return;
   switch (request.service) {
     case Service::kEcho:

@@ -1,7 +1,7 @@
-// What stands behind the tunnel: a port of 127.0.0.1 that does what the first bytes of a connection ask for.
+// The target of the tunnel: a port of 127.0.0.1 that does what the first bytes of a connection request.
 //
-// Its threads all wait for connections, and each serves one at a time, start to end: no event loop whose passes
-// would grow with the number of connections, no thread that has to be started.
+// A pool of threads waits for connections; each thread serves one at a time, from start to end. So the cost per
+// connection does not grow with their number, as in an event loop, and no thread has to be started.
 #ifndef GX_BENCH_TUNNEL_TARGET_H
 #define GX_BENCH_TUNNEL_TARGET_H
 
@@ -17,8 +17,8 @@
 namespace gxbench {
 
 enum class Service : std::uint64_t {
-  kEcho,    // every byte comes back
-  kSink,    // takes the pattern to its end, then answers with a Receipt
+  kEcho,    // returns every byte
+  kSink,    // receives the pattern to its end, then answers with a Receipt
   kSource,  // sends the pattern for a time, then its end
 };
 
@@ -28,13 +28,13 @@ inline constexpr std::size_t kMostParts = 8;
 struct Request {
   Service service;
   std::uint64_t key = 0;      // of the pattern
-  std::uint64_t time_ms = 0;  // for which the pattern is sent
-  // What comes from one of these times to the next is counted by itself. Behind the last one are zeros.
+  std::uint64_t time_ms = 0;  // how long the pattern is sent
+  // The bytes between each two of these times are counted separately. Zeros follow the last one.
   std::array<std::uint64_t, kMostParts + 1> edges_ms{};
 };
 
 struct Receipt {
-  std::uint64_t bytes = 0;  // all
+  std::uint64_t bytes = 0;  // in total
   std::array<std::uint64_t, kMostParts> in_part{};
 };
 
@@ -42,11 +42,11 @@ class Target {
  public:
   // Serves up to `connections` at once; more of them wait.
   Target(std::uint16_t port, std::size_t connections);
-  // Expects that the other ends of all connections are closed, or about to be.
+  // Waits until the other ends of all connections are closed.
   ~Target();
 
   const sockaddr_in& address() const { return listener_.address(); }
-  // What the first connection that failed here failed of; empty: none did.
+  // The reason of the first failed connection; empty if none has failed.
   std::string failure() const;
 
  private:

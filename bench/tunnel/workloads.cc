@@ -43,7 +43,7 @@ class CpuMeter {
  public:
   explicit CpuMeter(const Processes& processes) : processes_(processes), before_(processes.CpuSeconds()) {}
 
-  // `name` tells what the seconds are multiplied with and divided by. Without work there is nothing to tell.
+  // Adds the figure seconds * `factor` / `work` under `name`; without work, no figure.
   void Tell(Figures& figures, const char* name, double factor, double work) const {
     if (processes_.none() || work == 0) return;
     figures.emplace_back(name, (processes_.CpuSeconds() - before_) * factor / work);
@@ -133,12 +133,12 @@ Figures Bulk(const Plan& plan, Service service) {
 
 // ---- Round trips
 
-// Asks small questions and waits for each answer.
+// Sends small requests and waits for each answer.
 class Asker {
  public:
   explicit Asker(const Plan& plan) : connection_(Ask(plan, {Service::kEcho})), next_(NewKey()) {}
 
-  // With a question of 8 words, or of fewer.
+  // Sends a request of up to 8 words.
   void Trip(std::size_t words = 8) {
     std::array<std::uint64_t, 8> questions, answers;
     const auto question = std::span(questions).first(words), answer = std::span(answers).first(words);
@@ -163,13 +163,13 @@ void TellPercentiles(std::vector<double> times, std::initializer_list<Percentile
   std::ranges::sort(times);
   const auto count = static_cast<double>(times.size());
   for (const auto& [percentile, part] : wanted) {
-    // Without a trip beyond it, it would be the slowest trip and no percentile.
+    // A percentile with no slower trip beyond it would only be the slowest trip.
     if (count * (1 - part) < 1) continue;
     figures.emplace_back(name(percentile), times[static_cast<std::size_t>(part * count)]);
   }
 }
 
-// Tells what many trips took.
+// Measures many trips.
 void MeasureTrips(Asker& asker, const Plan& plan, Figures& figures) {
   const CpuMeter cpu(plan.tunnel);
   std::vector<double> trips_us;
@@ -193,7 +193,7 @@ Figures Trips(const Plan& plan) {
   return figures;
 }
 
-// The transfer starts sooner and ends later than the trips, so that none is alone.
+// The transfer starts before and ends after the trips, so that all trips run beside it.
 Figures TripsBesideBulk(const Plan& plan, Service service) {
   constexpr double kMarginSeconds = 0.2;
   Plan bulk = plan;
@@ -203,13 +203,14 @@ Figures TripsBesideBulk(const Plan& plan, Service service) {
   Asker asker(plan);
   transfers.wait_until(After(kMarginSeconds));
   Plan alone = plan;
-  alone.tunnel = Processes({});  // the use of both together would be nobody's figure
+  alone.tunnel = Processes({});  // the CPU time of both together describes neither
   MeasureTrips(asker, alone, figures);
   TellRates(transfers.get(), bulk, "bulk_mb_per_s", figures);
   return figures;
 }
 
-// Somebody types: 40 bytes, and 50 ms after their echo the next ones. A keystroke counts where it begins.
+// Typing: 40 bytes, and 50 ms after their echo the next ones. A keystroke counts in the part in which it
+// begins.
 Figures Keystrokes(const Plan& plan) {
   constexpr std::size_t kWords = 5;
   constexpr std::chrono::milliseconds kPause{50};
@@ -250,7 +251,7 @@ Figures TripsBesideIdle(const Plan& plan) {
     figures.emplace_back("rss_mb", memory.rss_mb);
     figures.emplace_back("pss_mb", memory.pss_mb);
   }
-  for (Asker& each : idle) each.Trip();  // none was lost meanwhile
+  for (Asker& each : idle) each.Trip();  // checks that all connections still work
   return figures;
 }
 

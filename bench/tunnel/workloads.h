@@ -1,4 +1,4 @@
-// What is done through the tunnel, and the figures that come of it.
+// The loads on the tunnel, and their figures.
 #ifndef GX_BENCH_TUNNEL_WORKLOADS_H
 #define GX_BENCH_TUNNEL_WORKLOADS_H
 
@@ -17,13 +17,13 @@ namespace gxbench {
 using Figures = std::vector<std::pair<std::string, double>>;
 
 struct Plan {
-  sockaddr_in to{};             // where the tunnel begins
-  double seconds = 3;           // that a measurement lasts
-  std::size_t connections = 1;  // in the workload's own sense
-  // Transfers and keystrokes are told for each time between two of these, in seconds from the begin; empty: as
-  // a whole. At most kMostParts + 1.
+  sockaddr_in to{};             // the tunnel's local port
+  double seconds = 3;           // duration of a measurement
+  std::size_t connections = 1;  // their use depends on the workload
+  // Transfers and keystrokes get a figure for each time between two of these, in seconds from the begin; empty:
+  // one figure. At most kMostParts + 1.
   std::vector<double> edges;
-  Processes tunnel{{}};  // no processes: nothing is told about them
+  Processes tunnel{{}};  // without processes, their figures are left out
 };
 
 struct Workload {
@@ -32,7 +32,7 @@ struct Workload {
   Figures (*run)(const Plan&);
 };
 
-// All there are. Each throws a Failure when a byte does not come as it should.
+// All workloads. Each throws a Failure when a byte is wrong or missing.
 const std::vector<Workload>& Workloads();
 
 }  // namespace gxbench
