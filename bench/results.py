@@ -1,7 +1,7 @@
-"""What the runs come to: medians with their spread, ratios, goals, a picture.
+"""Evaluates the runs: medians with their spread, ratios, goals, a picture.
 
-`runs` is a dictionary from (mode, tunnel) to a list with one entry a round: a dictionary of figures, or a text that
-tells why there are none.
+`runs` is a dictionary from (mode, tunnel) to a list with one entry per round: a dictionary of figures, or the reason of
+the failure as text.
 """
 
 import statistics
@@ -16,8 +16,8 @@ class Goal(NamedTuple):
     figure: str
     at_least: bool
     bound: float
-    over: str = ""  # the tunnel by whose median ours is divided; empty: ours as it is
-    over_mode: str = ""  # its mode, when that is another one
+    over: str = ""  # the tunnel by whose median ours is divided; empty: ours is not divided
+    over_mode: str = ""  # its mode, if it differs from `mode`
 
 
 GOALS = [
@@ -58,7 +58,7 @@ GOALS = [
 
 
 def values(runs, mode, tunnel, figure):
-    """One value a round; None unless every round has one."""
+    """One value per round; None unless every round has one."""
     rounds = runs.get((mode, tunnel), [])
     found = [each[figure] for each in rounds if isinstance(each, dict) and figure in each]
     return found if found and len(found) == len(rounds) else None
@@ -70,7 +70,7 @@ def median(runs, mode, tunnel, figure):
 
 
 def number(value):
-    """Three digits that count."""
+    """The value with three significant digits."""
     if value is None:
         return "–"
     if value == 0:
@@ -91,13 +91,12 @@ def cell(runs, mode, tunnel, figure):
 
 
 def rows(runs):
-    """Each (mode, figure) that some tunnel has, in the order in which they came."""
+    """Each (mode, figure) that any tunnel has, in the order of the runs, grouped by mode."""
     found = {}
     for (mode, _), rounds in runs.items():
         for each in rounds:
             if isinstance(each, dict):
                 found.update(dict.fromkeys((mode, figure) for figure in each))
-    # The figures of a mode belong together even if its first run has fewer of them.
     modes = list(dict.fromkeys(mode for mode, _ in found))
     return sorted(found, key=lambda row: modes.index(row[0]))
 
@@ -114,7 +113,7 @@ def table(runs, tunnels, some=None):
 
 
 def ratios(runs, tunnels):
-    """Our median divided by each other's, where a ratio means something."""
+    """Our median divided by that of each other tunnel, without figures whose ratio has no meaning."""
     others = [tunnel for tunnel in tunnels if tunnel != OURS]
 
     def ratio(mode, figure, tunnel):
@@ -126,7 +125,7 @@ def ratios(runs, tunnels):
 
 
 def judge(runs, goal):
-    """The value that the goal is about, and whether it is reached; None, None when there is no such value."""
+    """The goal's value, and whether it is reached; None, None when it was not measured."""
     value = median(runs, goal.mode, OURS, goal.figure)
     if value is not None and goal.over:
         theirs = median(runs, goal.over_mode or goal.mode, goal.over, goal.figure)
@@ -149,7 +148,7 @@ def goals(runs):
     return markdown(["goal", "bound", "is", ""], lines)
 
 
-# What goes into the documents: the goals' figures and a few that explain them.
+# The figures for the documents: those of the goals, and a few that explain them.
 MAIN = {(goal.mode, goal.figure) for goal in GOALS} | {
     ("trip", "p99.9_us"), ("trip", "cpu_us_per_trip"), ("trip-up", "p99_us"), ("trip-down", "p99_us"),
     ("idle-0", "p50_us"), ("idle-100", "p50_us"), ("idle-400", "p50_us"), ("idle-900", "rss_mb")}
@@ -158,7 +157,7 @@ BEGIN, END = "<!-- the last run -->\n", "<!-- up to here -->\n"
 
 
 def replace_section(text, about, runs, tunnels):
-    """A document with the figures of this run between its two marks."""
+    """The document `text` with the figures of this run between its two marks."""
     before, rest = text.split(BEGIN)
     section = "\n\n".join([about, table(runs, tunnels, MAIN), goals(runs)])
     return f"{before}{BEGIN}\n{section}\n\n{END}{rest.split(END)[1]}"
@@ -177,7 +176,7 @@ PANELS = [
     ("connect-8", "per_s", "connections/s, 8 threads", True),
     ("idle-900", "p50_us", "round trip beside 900 idle, µs", False),
 ]
-BAR, WIDTH, LABEL = 18, 400, 110  # in pixels: height of a bar, width of a panel, of the names in it
+BAR, WIDTH, LABEL = 18, 400, 110  # in pixels: height of a bar, width of a panel, width of the names in it
 
 
 def bars(runs, tunnels, panel):

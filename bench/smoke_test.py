@@ -1,4 +1,4 @@
-"""That the benchmarks work, with runs too short to measure anything. The first argument is the build's folder."""
+"""Tests that the benchmarks work, with very short runs. The first argument is the build's folder."""
 
 import contextlib
 import json
@@ -70,7 +70,7 @@ class Load(unittest.TestCase):
             for change in (flip, drop, drop_word):
                 target = tunnels.quiet_port()
                 with self.subTest(workload=workload, change=change.__name__):
-                    # The first attempt to connect comes when the target listens.
+                    # The target listens before the first connection arrives.
                     changer = Changer(target, change, upwards)
                     done = subprocess.run(
                         [f"{BUILD}/bench/tunnel/tunnel", workload, "--to", f"127.0.0.1:{changer.port}",
@@ -122,7 +122,7 @@ class Results(unittest.TestCase):
                 ("up-1", "nginx"): [{"mb_per_s": 900}, "wrong bytes at offset 3", {"mb_per_s": 900}]}
         self.assertIn("| up-1 mb_per_s | 130 (100–240) | 100 (90.0–120) | failed |",
                       results.table(runs, ["gx-ssh", "ssh -L", "nginx"]))
-        # A run that failed leaves the others without a say.
+        # One failed run makes the whole figure failed.
         self.assertIn("| up-1 mb_per_s | 1.30 | – |", results.ratios(runs, ["gx-ssh", "ssh -L", "nginx"]))
         self.assertIn("| up-1 mb_per_s, / ssh -L | ≥ 1.5 | 1.30 | NOT reached |", results.goals(runs))
         self.assertIn("| up-1 cpu_s_per_gb, / ssh -L | ≤ 0.5 | – | not measured |", results.goals(runs))

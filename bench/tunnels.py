@@ -1,4 +1,4 @@
-"""The ways from a local port to the target: gx-ssh, what else there is, and none."""
+"""The compared ways from a local port to the target: gx-ssh, other tunnels, and no tunnel."""
 
 import contextlib
 import os
@@ -12,11 +12,11 @@ import time
 
 from throwaway import READY_S, Child, Clients, Failure, Stopped, run, write
 
-ASKED_S = 5  # until a program that was asked to end is made to
+ASKED_S = 5  # a program that does not end within this time after SIGTERM is killed
 
 
 def quiet_port():
-    """A free port that no outgoing connection gets by chance."""
+    """A free port outside the range for outgoing connections."""
     for _ in range(100):
         port = random.randrange(20000, 32000)
         with socket.socket() as probe, contextlib.suppress(OSError):
@@ -26,7 +26,7 @@ def quiet_port():
 
 
 def listens(port):
-    """Whether a port of 127.0.0.1 is open; a connection would already go through the tunnel."""
+    """Whether a port of 127.0.0.1 is open. It does not connect, because the tunnel would carry that connection."""
     wanted = f"0100007F:{port:04X}"
     with open("/proc/net/tcp", encoding="ascii") as table:
         return any(line.split()[1] == wanted and line.split()[3] == "0A" for line in table)
@@ -47,7 +47,7 @@ def children(pid):
 
 @contextlib.contextmanager
 def running(command):
-    """A program that ends with the block, as its user would end it; if that takes too long, without being asked."""
+    """A program that gets SIGTERM at the end of the block, and is killed if it takes too long to end."""
     with Child(command) as child:
         yield child
         child.signal(signal.SIGTERM)
@@ -56,7 +56,7 @@ def running(command):
         except Stopped:
             raise
         except Failure:
-            pass  # how others end is not what is measured here
+            pass  # the way other programs end is not measured
 
 
 @contextlib.contextmanager
@@ -66,8 +66,8 @@ def listening(command, port):
         yield child
 
 
-# Options of `line`, both ways alike. The last one changes while it is used. --then takes all that follows it up to
-# the next option, so it is not the last.
+# Options of `line`, for both directions. The last line changes its rate during the run. --then takes all arguments up
+# to the next option, so it is not the last option.
 LINES = {
     "11.5K": ["--rate", "11500", "--delay", "5"],
     "100K": ["--rate", "100e3", "--delay", "20"],
@@ -78,7 +78,7 @@ LINES = {
 
 
 class World:
-    """What the runs share: the programs, an SSH server, the port of the target, a folder, perhaps a slow line."""
+    """The environment of all runs: programs, SSH server, port of the target, folder, perhaps a slow line."""
 
     def __init__(self, build, folder, server, line=None, edges=None):
         self.folder = folder
@@ -88,22 +88,22 @@ class World:
         self.gx_ssh = f"{build}/tools/gx-ssh/gx-ssh"
         self.gx_ssh_peer = f"{build}/tools/peer/gx-ssh-peer"
         self.line = [f"{build}/bench/line/line", *LINES[line]] if line else None
-        # What sockets hold beside a slow line leaves after the run, and takes its time. On a fast one so little would
-        # hold the transfer up.
+        # Bytes in the sockets of a slow line are sent after the run and prolong it, so limit them. On a fast line the
+        # limit would slow the transfer down.
         self.load_options = ["--patience", "400"] if line else []
         self.load_options += ["--unsent", "16384"] if line and line != "10M" else []
         self.load_options += ["--edges", edges] if edges else []
         self.target_port = quiet_port()
 
     def along(self, *command):
-        """The command, behind the line if there is one."""
+        """The command, started by `line` if there is a slow line."""
         return [*self.line, "--", *command] if self.line else [*command]
 
 
 class Tunnel:
-    """One way. `open(world)` is a context of the local port and the processes that work for it."""
+    """One way to the target. `open(world)` is a context with the local port and the processes of the tunnel."""
 
-    package = None  # to install when `program` is missing
+    package = None  # installed by --setup when `program` is missing
     program = None
     most_connections = 100_000
 
@@ -140,7 +140,7 @@ class GxSsh(Tunnel):
 
 
 class GxSshLocal(GxSsh):
-    most_connections = 250  # of one far side, unless it is told otherwise
+    most_connections = 250
 
     @staticmethod
     def far_side(_world, _target):
@@ -180,7 +180,7 @@ class Dbclient(Ssh):
 
 
 class Socat(Tunnel):
-    """Two of them in a row, like the two halves of the others."""
+    """Two socats in a row, as the other tunnels have two halves."""
 
     program = "socat"
     package = "socat"
@@ -199,7 +199,7 @@ class Socat(Tunnel):
 
 
 class BareRelay(Tunnel):
-    """Two processes for each connection, without frames or anything else: what any two cost."""
+    """Two processes per connection that only copy: the least cost of two programs."""
 
     most_connections = 100
 
@@ -278,7 +278,7 @@ POLICY = "/usr/sbin/policy-rc.d"
 
 
 def set_up(tunnels):
-    """Installs what is missing. What is new is neither started nor will it be when the machine starts."""
+    """Installs missing programs. Services of new packages are neither started now nor at the next boot."""
     packages = sorted({each.package for each in tunnels if each.missing()})
     if not packages:
         return

@@ -1,5 +1,5 @@
-# The comment at the top is about the file; a comment on a line of its own, about what follows; one behind code, about
-# that code.
+# The comment at the top describes the file, a comment on its own line the declaration below it, and a comment behind
+# code that code.
 1s|^//|/// @file\n///|
 s|^( *)//( \|$)|\1///\2|
 s|^( *[^ /].*[;,{}]) +// |\1  ///< |

@@ -209,17 +209,19 @@ std::pair<int, int> Start(const std::vector<std::string>& command) {
 }
 
 int Main(int argc, char** argv) {
-  CLI::App app("Carries standard input and output to a command or a port, as slowly as asked for.");
+  CLI::App app("Carries standard input and output to a command or a port, at a chosen rate and delay.");
   Options options;
-  app.add_option("--rate", options.rate, "Bytes a second, each way (1e6)")->check(CLI::Range(1.0, 1e9));
-  app.add_option("--delay", options.delay_ms, "Milliseconds, each way");
-  app.add_option("--jitter", options.jitter_ms, "So many more at most; nothing overtakes");
-  app.add_option("--buffer", options.buffer, "Bytes that the line holds itself, each way (16384)");
-  app.add_option("--stall-every", options.stall_every_s, "Seconds after which nothing moves for a while");
-  app.add_option("--stall", options.stall_ms, "Milliseconds for which it does not");
-  app.add_option("--then", options.changes, "SECOND RATE: from then on another rate");
+  app.add_option("--rate", options.rate, "Bytes per second in each direction (1e6)")
+      ->check(CLI::Range(1.0, 1e9));
+  app.add_option("--delay", options.delay_ms, "Milliseconds in each direction");
+  app.add_option("--jitter", options.jitter_ms,
+                 "Maximum of an additional random delay, in milliseconds; the order stays");
+  app.add_option("--buffer", options.buffer, "Bytes that the line buffers in each direction (16384)");
+  app.add_option("--stall-every", options.stall_every_s, "Interval of stalls, in seconds");
+  app.add_option("--stall", options.stall_ms, "Duration of a stall, in milliseconds");
+  app.add_option("--then", options.changes, "SECOND RATE: change the rate at that second");
   app.add_option("--to", options.to, "127.0.0.1:PORT instead of a command");
-  app.add_option("command", options.command, "What is at the other end");
+  app.add_option("command", options.command, "The command at the other end");
   CLI11_PARSE(app, argc, argv);
   signal(SIGPIPE, SIG_IGN);
   if (!options.command.empty()) {

@@ -38,25 +38,25 @@ void Declare(CLI::App& app, Options& options) {
     names.emplace_back(each.name);
     workloads += std::string("  ") + each.name + ": " + each.summary + "\n";
   }
-  app.footer("Workloads:" + workloads +
-             "Exits with 1 and prints no figures when a byte is wrong or does not come.");
-  app.add_option("workload", options.workload, "What to do")->required()->check(CLI::IsMember(names));
-  app.add_option("--to", options.to, "ADDRESS:PORT where the tunnel begins; without it there is no tunnel");
-  app.add_option("--listen-target", options.target_port, "Port of 127.0.0.1 to which the tunnel leads");
-  app.add_option("--seconds", options.seconds, "How long, 3 by default")->check(CLI::Range(0.01, 86400.0));
-  app.add_option(
-         "--edges", options.edges,
-         "Seconds from one of which to the next transfers and keystrokes are told; the last: --seconds at most")
+  app.footer("Workloads:" + workloads + "Exits with 1, without figures, when a byte is wrong or missing.");
+  app.add_option("workload", options.workload, "The load")->required()->check(CLI::IsMember(names));
+  app.add_option("--to", options.to, "ADDRESS:PORT of the tunnel; without it, connect to the target directly");
+  app.add_option("--listen-target", options.target_port, "Port of 127.0.0.1 for the tunnel's target");
+  app.add_option("--seconds", options.seconds, "Duration of the measurement, 3 by default")
+      ->check(CLI::Range(0.01, 86400.0));
+  app.add_option("--edges", options.edges,
+                 "Seconds, rising up to --seconds: transfers and keystrokes get a figure for each time between "
+                 "two of them")
       ->delimiter(',')
       ->expected(2, kMostParts + 1);
   app.add_option("--patience", options.sockets.patience_s,
                  "Seconds without a byte that fail the run, 30 by default")
       ->check(CLI::Range(1, 3600));
-  app.add_option("--unsent", options.sockets.unsent_bytes, "Bytes that may wait in a socket, for a slow line")
+  app.add_option("--unsent", options.sockets.unsent_bytes, "Limit of unsent bytes in a socket, for a slow line")
       ->check(CLI::Range(0, 1 << 30));
-  app.add_option("--connections", options.connections, "How many of what the workload speaks of, 1 by default")
+  app.add_option("--connections", options.connections, "Number of connections of the workload, 1 by default")
       ->check(CLI::Range(0, 5000));
-  app.add_option("--pid", options.pids, "Process of the tunnel; its children count, too");
+  app.add_option("--pid", options.pids, "Process of the tunnel; its children are measured, too");
   app.add_flag("--json", options.json, "Print one JSON object");
 }
 
@@ -66,7 +66,7 @@ void CheckEdges(const Options& options) {
   if (edges.empty()) return;
   const bool rises = std::ranges::adjacent_find(edges, std::not_fn(std::less())) == edges.end();
   if (!rises || !(edges.front() >= 0 && edges.back() <= options.seconds)) {
-    throw Failure("--edges: they rise from 0 or more to --seconds at most");
+    throw Failure("--edges: they must rise from 0 or more to at most --seconds");
   }
 }
 
@@ -101,7 +101,7 @@ Figures Run(const Options& options) {
   } catch (const Failure&) {
     // The target's failure is the cause; the connection's is only a consequence.
     if (target.failure().empty()) throw;
-    throw Failure("behind the tunnel: " + target.failure());
+    throw Failure("at the target: " + target.failure());
   }
 }
 
