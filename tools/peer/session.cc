@@ -496,7 +496,8 @@ void PeerSession::EndAll(std::string_view reason) {
 
 void PeerSession::Complain(const std::string& line) {
   Log(complaints_ < kToldComplaints ? LogLevel::kWarning : LogLevel::kInfo, line);
-  if (++complaints_ == kToldComplaints) Log(LogLevel::kWarning, "further messages of this kind need -v");
+  if (++complaints_ == kToldComplaints)
+    Log(LogLevel::kWarning, "further messages of this kind appear only with -v");
 }
 
 void PeerSession::Log(LogLevel level, const std::string& line) const {
