@@ -1,4 +1,4 @@
-// A reactor that does nothing by itself.
+// A reactor that keeps its tasks until the test runs them.
 #ifndef GX_TESTS_SOCK_KEEPING_TRACKER_H
 #define GX_TESTS_SOCK_KEEPING_TRACKER_H
 
@@ -9,7 +9,6 @@
 
 #include "reactor/tcp_task.h"
 
-// Keeps what it is given, for the test to run.
 class KeepingTracker final : public ITCPTaskTracker {
  public:
   bool AddTask(const CTCPTask& task) override {
@@ -21,7 +20,7 @@ class KeepingTracker final : public ITCPTaskTracker {
     tasks.pop_back();
     const short event = task.type() == kWaitWritable ? POLLOUT : POLLIN;
     pollfd waiter{task.socket(), event, 0};
-    EXPECT_TRUE(task->timeout() || poll(&waiter, 1, 0) == 1) << "nobody would run it";
+    EXPECT_TRUE(task->timeout() || poll(&waiter, 1, 0) == 1) << "a reactor would not run it yet";
     task->Done();
   }
   std::vector<CTCPTask> tasks;

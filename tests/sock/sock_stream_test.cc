@@ -1,9 +1,8 @@
 #include "sock/sock_stream.h"
 
 #include <sys/socket.h>
-#include <unistd.h>
 
-#include "reactor/reactor.h"
+#include "base/scoped_descriptor.h"
 #include "sock/keeping_tracker.h"
 #include "stream/mem_buffer.h"
 #include "support/leak_gate.h"
@@ -13,220 +12,166 @@
 
 namespace {
 
-using gxtest::Eventually;
 using testing::Contains;
+using testing::ElementsAre;
 using testing::Pair;
 
-// Reads for ever, as much at once as the first time, and keeps what comes.
+// Keeps what it receives, repeats each read that completes, and repeats each write until `enough` bytes are
+// sent.
 class Recorder final : public IBaseStream::IBaseHandler {
  public:
   using IBaseHandler::Handle;
   bool Handle(IBaseStream* stream, IBaseStream::NotifyType type, IBuffer* buffer,
               unsigned long length) override {
-    {
-      const std::lock_guard lock(mutex_);
-      if (type == IBaseStream::kReadStep) {
-        received_.append(static_cast<char*>(buffer->GetPointer()) + buffer->GetSize() - length, length);
-      }
-      if (type == IBaseStream::kDisconnected) reasons_.push_back(static_cast<unsigned>(length));
+    if (type == IBaseStream::kReadStep) {
+      received.append(static_cast<char*>(buffer->GetPointer()) + buffer->GetSize() - length, length);
     }
     if (type == IBaseStream::kReadDone) stream->Read(nullptr, length, kNoTimeout);
+    if (type == IBaseStream::kWriteStep) sent += length;
+    if (type == IBaseStream::kWriteStep) on_sent();
+    if (type == IBaseStream::kWriteDone && sent < enough) stream->Write(buffer, length, kNoTimeout);
+    if (type == IBaseStream::kDisconnected) reasons.push_back(static_cast<unsigned>(length));
     return goes_on;
   }
 
-  std::atomic<bool> goes_on{true};  // the answer
-
-  std::string Received() {
-    const std::lock_guard lock(mutex_);
-    return received_;
-  }
-  std::vector<unsigned> Reasons() {
-    const std::lock_guard lock(mutex_);
-    return reasons_;
-  }
-
- private:
-  std::mutex mutex_;
-  std::string received_;
-  std::vector<unsigned> reasons_;
+  bool goes_on = true;  // the answer
+  std::size_t enough = 0;
+  std::size_t sent = 0;
+  std::function<void()> on_sent = [] {};
+  std::string received;
+  std::vector<unsigned> reasons;
 };
 
-// A far side that sends the next block whenever one has left, and a client that takes everything at once.
-class Download final : public IBaseStream::IBaseHandler {
- public:
-  Download(int client, std::function<bool()> goes_on) : client_(client), goes_on_(std::move(goes_on)) {}
-  using IBaseHandler::Handle;
-  bool Handle(IBaseStream* stream, IBaseStream::NotifyType type, IBuffer* buffer,
-              unsigned long length) override {
-    if (type == IBaseStream::kWriteStep) moved_ += length;
-    if (type == IBaseStream::kWriteStep && taking_) Take();
-    if (type == IBaseStream::kWriteDone && goes_on_()) stream->Write(buffer, buffer->GetSize(), kNoTimeout);
-    return true;
-  }
-  void Start(IBaseStream& stream, std::size_t block = 64 * 1024) {
-    stream.Handler(this);
-    const std::string bytes = gxtest::Pattern(block);
-    stream.Write(cpy2buf(bytes.data(), bytes.size()).get(), bytes.size(), kNoTimeout);
-  }
-  void Take() {
-    char bytes[64 * 1024];
-    while (recv(client_, bytes, sizeof bytes, MSG_DONTWAIT) > 0) {
-    }
-  }
-  void TakeNothing() { taking_ = false; }
-  void TakeAgain() {
-    taking_ = true;
-    Take();
-  }
-  std::size_t Moved() const { return moved_; }
-
- private:
-  const int client_;
-  const std::function<bool()> goes_on_;
-  std::atomic<bool> taking_{true};
-  std::atomic<std::size_t> moved_{0};
-};
-
-// Streams over one end of a socket pair; the test holds the other ends.
+// A stream over one end of a socket pair; the test holds the other end.
 class SockStreamTest : public gxtest::LeakGate {
  protected:
+  void SetUp() override { Restart(); }
   void TearDown() override {
-    for (const int end : far_ends_) close(end);
+    stream_->Disconnect(0);
+    stream_ = nullptr;
+    tracker_.tasks.clear();
+    far_.Close();
     LeakGate::TearDown();
   }
 
-  CRefObj<CSockStream> MakeStream(ITCPTaskTracker* tracker) {
+  void Restart() {
     int ends[2];
-    EXPECT_EQ(socketpair(AF_UNIX, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0, ends), 0);
-    far_ends_.push_back(far_ = ends[1]);
-    CRefObj<CSockStream> stream(new CSockStream(IBaseStream::StreamType{0}));
-    stream->SetSocket(ends[0], true);
-    stream->SetTracker(tracker);
-    return stream;
+    ASSERT_EQ(socketpair(AF_UNIX, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0, ends), 0);
+    far_ = gxbase::ScopedDescriptor(ends[1]);
+    stream_ = new CSockStream(IBaseStream::StreamType{0});
+    stream_->SetSocket(ends[0], true);
+    stream_->SetTracker(&tracker_);
+    recorder_.sent = 0;
+    recorder_.reasons.clear();
+    stream_->Handler(&recorder_);
   }
+  void Write(std::size_t length) { stream_->Write(gxtest::Pattern(length).data(), length, kNoTimeout); }
 
-  // Fills the far end's socket; what went is in sent_.
-  void FillSocket() {
-    const std::string bytes = gxtest::Pattern(4096, 1, sent_.size());
-    while (send(far_, bytes.data(), bytes.size(), 0) > 0) sent_ += bytes;
-  }
-
-  int far_ = -1;  // the last stream's
-  std::string sent_;
-  std::vector<int> far_ends_;
+  KeepingTracker tracker_;
+  Recorder recorder_;
+  CRefObj<CSockStream> stream_;
+  gxbase::ScopedDescriptor far_;
 };
 
 TEST_F(SockStreamTest, TaskTimeOutDisconnects) {
   LogCapture log;
-  CReactor_T<tcp_select_tracker> reactor;
-  ASSERT_TRUE(reactor.Run(1));
-  Recorder recorder;
-  {
-    const CRefObj<CSockStream> stream = MakeStream(&reactor);
-    stream->Handler(&recorder);
-    const auto before = std::chrono::steady_clock::now();
-    stream->Read(nullptr, 10, 20);
-    ASSERT_TRUE(Eventually([&] { return !recorder.Reasons().empty(); })) << "nothing else ends the wait";
-    EXPECT_GE(std::chrono::steady_clock::now() - before, std::chrono::milliseconds(19));
-    EXPECT_THAT(recorder.Reasons(), testing::ElementsAre(kStreamTimeout));
-    EXPECT_THAT(log.Lines(), Contains(Pair(kGXModLogError, "[CTCPStreamTask::timeout] read/write timeout")));
-  }
-  reactor.Stop();
+  const auto before = std::chrono::steady_clock::now();
+  stream_->Read(nullptr, 10, 20);
+  ASSERT_EQ(tracker_.tasks.size(), 1U);
+  EXPECT_LE(tracker_.tasks[0]->timeleft(), 20U);
+  EXPECT_TRUE(gxtest::Eventually([&] { return tracker_.tasks[0]->timeout(); }));
+  EXPECT_GE(std::chrono::steady_clock::now() - before, std::chrono::milliseconds(19));
+  tracker_.RunLast();
+  EXPECT_THAT(recorder_.reasons, ElementsAre(kStreamTimeout));
+  EXPECT_THAT(log.Lines(), Contains(Pair(kGXModLogError, "[CTCPStreamTask::timeout] read/write timeout")));
 }
 
-// A peer that sends without a pause is read 64 KiB at a turn; between the turns the reactor serves the others.
+// The stream reads 64 KiB per turn from a peer that never pauses. Between the turns the reactor serves others.
 TEST_F(SockStreamTest, AFloodIsReadInTurns) {
   constexpr std::size_t kTurn = 64 * 1024;
-  KeepingTracker tracker;
-  Recorder recorder;
-  const CRefObj<CSockStream> stream = MakeStream(&tracker);
-  stream->Handler(&recorder);
-  FillSocket();
-  stream->Read(nullptr, 25 * 4096, kNoTimeout);  // not what fits into a turn
+  std::string flood;
+  const auto fill_socket = [&] {
+    const std::string bytes = gxtest::Pattern(4096, 1, flood.size());
+    while (send(far_.get(), bytes.data(), bytes.size(), 0) > 0) flood += bytes;
+  };
+  fill_socket();
+  stream_->Read(nullptr, 25 * 4096, kNoTimeout);  // turns end in the middle of a read
   for (std::size_t turn = 1; turn <= 3; ++turn) {
-    EXPECT_EQ(recorder.Received().size(), turn * kTurn);
-    ASSERT_EQ(tracker.tasks.size(), 1U) << "it waits for its next turn";
-    FillSocket();
-    tracker.RunLast();
+    EXPECT_EQ(recorder_.received.size(), turn * kTurn);
+    ASSERT_EQ(tracker_.tasks.size(), 1U) << "it waits for its next turn";
+    fill_socket();
+    tracker_.RunLast();
   }
 
-  // The far side is slow: each step is a turn, also when the bytes have left the socket.
-  recorder.goes_on = false;
+  // When the far side is slow each step is a turn, also for bytes that have already left the socket.
+  recorder_.goes_on = false;
   do {
-    const std::size_t before = recorder.Received().size();
-    ASSERT_EQ(tracker.tasks.size(), 1U);
-    tracker.RunLast();
-    EXPECT_LE(recorder.Received().size(), before + 4096);
-  } while (recorder.Received().size() < sent_.size() && !HasFailure());
-  EXPECT_EQ(recorder.Received(), sent_);
-  stream->Disconnect(0);
+    const std::size_t before = recorder_.received.size();
+    ASSERT_EQ(tracker_.tasks.size(), 1U);
+    tracker_.RunLast();
+    EXPECT_LE(recorder_.received.size(), before + 4096);
+  } while (recorder_.received.size() < flood.size() && !HasFailure());
+  EXPECT_EQ(recorder_.received, flood);
 }
 
-// The reactor sends 256 KiB of a download in a turn; what other threads send themselves does not count.
+// The reactor sends 256 KiB of a download per turn. Another thread sends as much in each call, and the reactor
+// sends the rest.
 TEST_F(SockStreamTest, ADownloadIsSentInTurns) {
   constexpr std::size_t kTurn = 256 * 1024;
-  KeepingTracker tracker;
-  const CRefObj<CSockStream> stream = MakeStream(&tracker);
-  std::size_t enough = 10 * kTurn;
-  Download download(far_, [&] { return download.Moved() < enough; });
-  download.Start(*stream);
-  EXPECT_EQ(download.Moved(), enough) << "as long as each call brings little, a thread sends it itself";
-  EXPECT_TRUE(tracker.tasks.empty());
-
-  download.TakeNothing();
-  enough = download.Moved() + 10 * kTurn;
-  download.Start(*stream);
-  ASSERT_EQ(tracker.tasks.size(), 1U) << "the socket is full";
-  download.TakeAgain();
-  for (int turn = 1; turn <= 3; ++turn) {
-    const std::size_t before = download.Moved();
-    tracker.RunLast();
-    EXPECT_EQ(download.Moved() - before, kTurn);
-    ASSERT_EQ(tracker.tasks.size(), 1U) << "it waits for its next turn";
-  }
-  while (!tracker.tasks.empty()) tracker.RunLast();
-  EXPECT_GE(download.Moved(), enough);
-  stream->Disconnect(0);
-}
-
-// Not even another thread's own call: it has other work to go back to.
-TEST_F(SockStreamTest, NoCallSendsMoreThanATurn) {
-  constexpr std::size_t kTurn = 256 * 1024;
-  KeepingTracker tracker;
-  const CRefObj<CSockStream> stream = MakeStream(&tracker);
-  Download download(far_, [] { return false; });
-  download.Start(*stream, 3 * kTurn);
-  EXPECT_EQ(download.Moved(), kTurn);
-  ASSERT_EQ(tracker.tasks.size(), 1U);
-  while (!tracker.tasks.empty()) tracker.RunLast();
-  EXPECT_EQ(download.Moved(), 3 * kTurn);
-  stream->Disconnect(0);
-}
-
-// Behind the last bytes the stream goes on receiving, since a reset would take along what the peer has not got
-// yet. Other ends have the same reason code, and close at once.
-TEST_F(SockStreamTest, OnlyAnOrderlyEndLingers) {
-  for (const bool orderly : {true, false}) {
-    KeepingTracker tracker;
-    Recorder recorder;
-    const CRefObj<CSockStream> stream = MakeStream(&tracker);
-    stream->Handler(&recorder);
-    stream->Write("last words", 10, kNoTimeout);
-    if (orderly) {
-      stream->WriteEnd();
-    } else {
-      stream->Read(cpy2buf("", 0).get(), 1, kNoTimeout);  // has no room
+  constexpr std::size_t kBlock = 64 * 1024;
+  const auto empty_socket = [&] {
+    char bytes[kBlock];
+    while (recv(far_.get(), bytes, sizeof bytes, MSG_DONTWAIT) > 0) {
     }
-    EXPECT_THAT(recorder.Reasons(), testing::ElementsAre(0xC000));
-    EXPECT_EQ(tracker.tasks.size(), orderly ? 1U : 0U);
-    if (!orderly) continue;
-    EXPECT_EQ(send(far_, "late", 4, 0), 4);
-    tracker.RunLast();
-    EXPECT_EQ(tracker.tasks.size(), 1U) << "the peer has not ended";
-    shutdown(far_, SHUT_WR);
-    tracker.RunLast();
-    EXPECT_TRUE(tracker.tasks.empty());
+  };
+  recorder_.on_sent = empty_socket;
+  recorder_.enough = 10 * kTurn;
+  Write(kBlock);
+  EXPECT_EQ(recorder_.sent, 10 * kTurn);
+  EXPECT_TRUE(tracker_.tasks.empty());
+
+  recorder_.on_sent = [] {};
+  recorder_.enough = 20 * kTurn;
+  Write(kBlock);
+  ASSERT_EQ(tracker_.tasks.size(), 1U) << "the socket is full";
+  recorder_.on_sent = empty_socket;
+  empty_socket();
+  for (int turn = 1; turn <= 3; ++turn) {
+    const std::size_t before = recorder_.sent;
+    tracker_.RunLast();
+    EXPECT_EQ(recorder_.sent - before, kTurn);
+    ASSERT_EQ(tracker_.tasks.size(), 1U) << "it waits for its next turn";
   }
+  while (!tracker_.tasks.empty()) tracker_.RunLast();
+  EXPECT_GE(recorder_.sent, recorder_.enough);
+
+  Restart();
+  recorder_.enough = 0;
+  Write(3 * kTurn);
+  EXPECT_EQ(recorder_.sent, kTurn);
+  while (!tracker_.tasks.empty()) tracker_.RunLast();
+  EXPECT_EQ(recorder_.sent, 3 * kTurn);
+}
+
+// After its last bytes the stream goes on receiving until the peer ends: closing with unread data causes a
+// reset, which destroys what the peer has not read yet. Failures with the same reason code close at once.
+TEST_F(SockStreamTest, OnlyAnOrderlyEndLingers) {
+  Write(10);
+  stream_->Read(cpy2buf("", 0).get(), 1, kNoTimeout);  // has no room
+  EXPECT_THAT(recorder_.reasons, ElementsAre(0xC000));
+  EXPECT_TRUE(tracker_.tasks.empty());
+
+  Restart();
+  Write(10);
+  stream_->WriteEnd();
+  EXPECT_THAT(recorder_.reasons, ElementsAre(0xC000));
+  ASSERT_EQ(tracker_.tasks.size(), 1U);
+  EXPECT_EQ(send(far_.get(), "late", 4, 0), 4);
+  tracker_.RunLast();
+  EXPECT_EQ(tracker_.tasks.size(), 1U) << "the peer has not ended";
+  shutdown(far_.get(), SHUT_WR);
+  tracker_.RunLast();
+  EXPECT_TRUE(tracker_.tasks.empty());
 }
 
 }  // namespace
