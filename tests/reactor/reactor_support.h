@@ -15,29 +15,11 @@
 using Action = std::function<void()>;
 const Action kNothing = [] {};
 
-// Counts events on any thread and waits for them.
-class Counter {
- public:
-  void Add() {
-    const std::lock_guard lock(mutex_);
-    ++count_;
-    changed_.notify_all();
-  }
-  // False: fewer than `count` in time.
-  bool WaitFor(int count) {
-    std::unique_lock lock(mutex_);
-    return changed_.wait_for(lock, gxtest::kPatience, [&] { return count_ >= count; });
-  }
-  int Get() {
-    const std::lock_guard lock(mutex_);
-    return count_;
-  }
-
- private:
-  std::mutex mutex_;
-  std::condition_variable changed_;
-  int count_ = 0;
-};
+// Counts events on any thread.
+using Counter = std::atomic<int>;
+inline bool Reaches(const Counter& counter, int count) {
+  return gxtest::Eventually([&] { return counter >= count; });
+}
 
 class FakeTask final : public ITCPTask {
  public:
@@ -55,7 +37,7 @@ class FakeTask final : public ITCPTask {
   }
   unsigned long timeleft() override { return left_ms; }
 
-  Action asked = kNothing;  // for its time limit
+  Action asked = kNothing;  // called when the tracker asks for its time limit
   std::atomic<bool> timed_out{false};
   std::atomic<unsigned long> left_ms{~0UL};
 
@@ -78,12 +60,12 @@ class FakeTimer final : public ITask, private CReference {
   const Action gone_;
 };
 
-// Two connected sockets; the test chooses what the first one is ready for, and has another number for it.
+// Two connected sockets. The test decides what the first one is ready for; a copy has another number.
 class SocketPair {
  public:
   SocketPair() {
     EXPECT_EQ(socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0, ends_.data()), 0);
-    copy_ = fcntl(ends_[0], F_DUPFD_CLOEXEC, 700);  // a number that nobody reuses
+    copy_ = fcntl(ends_[0], F_DUPFD_CLOEXEC, 700);  // a number that the system does not use again soon
   }
   SocketPair(const SocketPair&) = delete;
   SocketPair& operator=(const SocketPair&) = delete;
