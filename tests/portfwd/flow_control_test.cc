@@ -10,7 +10,7 @@ using Filled = CFlowControl::Filled;
 using Verdict = CFlowControl::Verdict;
 
 constexpr std::uint64_t kMark = 100'000;
-constexpr std::uint64_t kBlock = 10'000;  // with what it costs beside its payload
+constexpr std::uint64_t kBlock = 10'000;  // payload and overhead
 
 std::uint64_t now_ms;
 
@@ -46,19 +46,19 @@ class FlowControlTest : public testing::Test {
 };
 
 TEST_F(FlowControlTest, WaitsForALittleRoomAndTellsOnceUntilHalfIsGone) {
-  Queue(accounts_[2], 1);  // nobody waits for it
+  Queue(accounts_[2], 1);  // below every mark
   EXPECT_EQ(Queue(first_, 10), Filled::kNothing);
   EXPECT_EQ(Action(first_), Verdict::kGoOn);
   EXPECT_EQ(Queue(first_, 1), Filled::kConnection);
-  EXPECT_EQ(Action(accounts_[1]), Verdict::kGoOn) << "another one's data";
+  EXPECT_EQ(Action(accounts_[1]), Verdict::kGoOn) << "the other connection is full";
   Release(first_, 1);
   EXPECT_EQ(Action(first_), Verdict::kWait);
   Release(first_, 1);
   EXPECT_EQ(Action(first_), Verdict::kGoOn);
-  EXPECT_EQ(Queue(first_, 2), Filled::kNothing) << "told once";
+  EXPECT_EQ(Queue(first_, 2), Filled::kNothing) << "it has been told already";
   EXPECT_EQ(Action(first_), Verdict::kWait);
   Release(first_, 6);
-  EXPECT_EQ(Queue(first_, 6), Filled::kConnection) << "the next time";
+  EXPECT_EQ(Queue(first_, 6), Filled::kConnection) << "full again after half had gone";
 }
 
 TEST_F(FlowControlTest, AllTogetherHaveAMark) {
@@ -67,18 +67,18 @@ TEST_F(FlowControlTest, AllTogetherHaveAMark) {
   EXPECT_EQ(Action(accounts_[3]), Verdict::kWait);
   for (int i = 0; i < 2; ++i) flow_.Close(accounts_[i]);
   EXPECT_EQ(flow_.Owed(accounts_[0]), 0U);
-  EXPECT_EQ(Action(accounts_[3]), Verdict::kGoOn) << "what ended connections owed is gone";
-  EXPECT_EQ(Queue(accounts_[0], 100), Filled::kNothing) << "one that has ended owes nothing";
+  EXPECT_EQ(Action(accounts_[3]), Verdict::kGoOn) << "closed connections owe nothing";
+  EXPECT_EQ(Queue(accounts_[0], 100), Filled::kNothing) << "a closed connection is not counted";
 }
 
-// Only a Write that takes no byte for seconds lets the reader go on, up to twice the mark. There the connection
-// is cut.
+// The reader goes on beyond the mark only while a Write takes no byte for seconds, and up to twice the mark.
+// There the connection is cut.
 TEST_F(FlowControlTest, FullRoadsAreToldFromSlowOnes) {
   Queue(first_, 11);
   for (int i = 0; i < 10; ++i) {
     flow_.WriteWaits(now_ms);
     now_ms += 2'900;
-    EXPECT_EQ(Action(first_), Verdict::kWait) << "slow, but it moves";
+    EXPECT_EQ(Action(first_), Verdict::kWait) << "the Write takes bytes, if slowly";
   }
   now_ms += 100;
   EXPECT_EQ(Action(first_), Verdict::kGoOn);
@@ -89,21 +89,21 @@ TEST_F(FlowControlTest, FullRoadsAreToldFromSlowOnes) {
   flow_.WriteWaits(now_ms);
   flow_.WriteEnds();
   now_ms += 10'000;
-  EXPECT_EQ(Action(first_), Verdict::kWait) << "no Write is on its way";
+  EXPECT_EQ(Action(first_), Verdict::kWait) << "no Write is running";
   flow_.WriteWaits(now_ms);
   EXPECT_EQ(flow_.Look(first_).until_ms, now_ms + 5'000);
   now_ms += 5'000;
   const Verdict verdict = flow_.Look(first_);
   EXPECT_EQ(verdict.action, Verdict::kCut);
   EXPECT_EQ(verdict.id, 1U);
-  EXPECT_EQ(Action(first_), Verdict::kGoOn) << "it is out of the accounts";
+  EXPECT_EQ(Action(first_), Verdict::kGoOn) << "a cut connection is not counted";
 }
 
 TEST_F(FlowControlTest, WhoTakesNothingIsCut) {
   for (Account& account : accounts_) Queue(account, 5);
   now_ms += 100'000;
-  Queue(first_, 1);  // the reader waits for all from here on
-  EXPECT_EQ(flow_.Look(first_).until_ms, now_ms + 60'000) << "nobody was waited for before";
+  Queue(first_, 1);  // from here on the total is full, and the reader waits for all of them
+  EXPECT_EQ(flow_.Look(first_).until_ms, now_ms + 60'000) << "the time before that does not count";
   now_ms += 59'000;
   flow_.Took(first_);
   EXPECT_EQ(Action(first_), Verdict::kWait);
@@ -111,15 +111,15 @@ TEST_F(FlowControlTest, WhoTakesNothingIsCut) {
   now_ms += 1'000;
   const Verdict verdict = flow_.Look(first_);
   EXPECT_EQ(verdict.action, Verdict::kCut);
-  EXPECT_EQ(verdict.id, 3U) << "the largest of those that take nothing";
+  EXPECT_EQ(verdict.id, 3U) << "the one that owes most";
   now_ms += 58'000;
   while (Action(first_) == Verdict::kCut) {
   }
-  EXPECT_EQ(flow_.Owed(first_), 6 * kBlock) << "who takes something stays";
+  EXPECT_EQ(flow_.Owed(first_), 6 * kBlock) << "it has taken something";
 }
 
-// Each event that ends the wait wakes the reader. Each look at the clock takes a millisecond; no deadline but
-// that of a stuck Write is near.
+// Each of these events wakes the reader. The clock advances a millisecond at each look; only the limit of a
+// stuck Write is near.
 TEST(FlowControlThreadsTest, WakesTheReader) {
   const std::function<void(CFlowControl&, Account&)> events[] = {
       [](CFlowControl& flow, Account& account) { flow.Released(account, kMark); },
@@ -137,7 +137,7 @@ TEST(FlowControlThreadsTest, WakesTheReader) {
     looks = 0;
     auto reader = std::async(std::launch::async, [&] { return flow.WaitForRoom(account); });
     EXPECT_TRUE(gxtest::Eventually([] { return looks != 0; }));
-    flow.Owed(account);  // takes the lock, which the reader gives up by going to sleep
+    flow.Owed(account);  // waits for the lock: from here on the reader sleeps
     EXPECT_EQ(reader.wait_for(std::chrono::seconds(0)), std::future_status::timeout);
     events[i](flow, account);
     EXPECT_EQ(reader.wait_for(gxtest::kPatience), std::future_status::ready) << i;

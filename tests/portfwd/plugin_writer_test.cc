@@ -10,38 +10,33 @@
 
 namespace {
 
-// Takes a byte a call, and does what the test says before it takes the one at `offset`.
+enum Result { kTakes, kTakesNothing, kFails };
+
+// A host's stream that takes one byte per call unless the test says otherwise.
 class ByteStream final : public IPluginStreamRaw, private CReference {
  public:
   GX_FORWARD_REFERENCE();
 
   std::uint32_t Read(void*, unsigned, unsigned*, unsigned) override { return 1; }
   std::uint32_t Write(const void* data, unsigned, unsigned* written, unsigned) override {
-    if (nothing_taken && nothing_taken(++calls)) return 0;
-    if (taken.size() == offset && event) {
-      if (!std::exchange(event, nullptr)()) return 1;
-    }
-    taken.append(static_cast<const char*>(data), 1);
-    *written = 1;
-    return 0;
+    const Result result = on_write();
+    *written = result == kTakes ? 1 : 0;
+    taken.append(static_cast<const char*>(data), *written);
+    return result == kFails ? 1 : 0;
   }
   std::uint32_t Close() override { return 0; }
 
   std::string taken;
-  std::size_t offset = 0;
-  std::function<bool()> event;  // once; false: the call fails
-  unsigned calls = 0;
-  std::function<bool(unsigned)> nothing_taken;  // asked at each call
+  std::function<Result()> on_write = [] { return kTakes; };
 };
 
 class PluginWriterTest : public testing::Test {
  protected:
   bool Write(const std::string& frame) { return writer_->WriteFrame(frame.data(), frame.size()); }
 
-  void Restart(std::size_t offset, std::function<bool()> event) {
+  void Restart(std::function<Result()> on_write) {
     stream_ = CRefObj<ByteStream>(new ByteStream);
-    stream_->offset = offset;
-    stream_->event = std::move(event);
+    stream_->on_write = std::move(on_write);
     writer_ = std::make_unique<CPluginWriter>(stream_.get(), flow_);
   }
 
@@ -52,28 +47,30 @@ class PluginWriterTest : public testing::Test {
 
 TEST_F(PluginWriterTest, AFrameIsNeverCutByAnother) {
   std::thread other;
-  Restart(1, [&] {
+  Restart([&] {
+    if (stream_->taken.size() != 1) return kTakes;
     std::promise<pid_t> id;
     other = std::thread([&] {
       id.set_value(gettid());
       Write("second");
     });
     const std::string state = "/proc/self/task/" + std::to_string(id.get_future().get()) + "/stat";
-    return gxtest::Eventually(
-        [&] { return FileText(state).find(") R ") == std::string::npos; });  // or has ended
+    const auto waits_or_has_ended = [&] { return FileText(state).find(") R ") == std::string::npos; };
+    return gxtest::Eventually(waits_or_has_ended) ? kTakes : kFails;
   });
-  EXPECT_FALSE(Write("first")) << "the host took it in parts";
+  EXPECT_FALSE(Write("first")) << "it took several calls";
   other.join();
   EXPECT_EQ(stream_->taken, "firstsecond");
 }
 
-// The far side could not tell where a frame begins behind one that was cut off.
+// After a frame that is cut off the far side cannot find the begin of the next one.
 TEST_F(PluginWriterTest, NothingFollowsAFrameThatWasCutOff) {
   for (const bool throws : {false, true}) {
     for (std::size_t offset = 0; offset < 5; ++offset) {
-      Restart(offset, [throws]() -> bool {
+      Restart([&, once = true]() mutable {
+        if (stream_->taken.size() != offset || !std::exchange(once, false)) return kTakes;
         if (throws) throw std::bad_alloc();
-        return false;
+        return kFails;
       });
       if (throws) {
         EXPECT_THROW(Write("first"), std::bad_alloc);
@@ -87,27 +84,26 @@ TEST_F(PluginWriterTest, NothingFollowsAFrameThatWasCutOff) {
   }
 }
 
-// The reader must not believe for ever that the far side is stuck. A host may also return without an error and
-// without having taken anything.
+// A Write counts as stuck as long as it takes nothing; its end, by an exception, too, ends that. A host may
+// return without an error and without having taken anything.
 TEST_F(PluginWriterTest, OnlyAWriteThatTakesNothingIsStuck) {
   CFlowControl::Account account;
   flow_.Open(account, 1);
   flow_.Queued(account, CFlowControl::Limits().connection_bytes);
-  Restart(0, []() -> bool { throw std::bad_alloc(); });
   const std::uint64_t stalled_ms = flow_.Look(account).until_ms;
+  Restart([]() -> Result { throw std::bad_alloc(); });
   EXPECT_THROW(Write("frame"), std::bad_alloc);
-  EXPECT_EQ(flow_.Look(account).until_ms, stalled_ms) << "it is over";
+  EXPECT_EQ(flow_.Look(account).until_ms, stalled_ms) << "no Write is running";
 
   std::uint64_t first_ms = 0;
-  stream_->nothing_taken = [&](unsigned calls) {
-    if (calls > 3) return false;
+  Restart([&, calls = 0]() mutable {
+    if (++calls > 3) return kTakes;
     const std::uint64_t until_ms = flow_.Look(account).until_ms;
     if (calls == 1) first_ms = until_ms;
     EXPECT_EQ(until_ms, first_ms) << calls;
     for (const auto tick = gettickcount(); gettickcount() == tick;) std::this_thread::yield();
-    return calls < 3;
-  };
-  writer_ = std::make_unique<CPluginWriter>(stream_.get(), flow_);
+    return calls < 3 ? kTakesNothing : kTakes;
+  });
   Write("frame");
   EXPECT_EQ(stream_->taken, "frame");
   flow_.Close(account);

@@ -31,12 +31,12 @@ TEST_F(PortForwardClientTest, ChannelListFollowsEveryChange) {
   EXPECT_EQ(stream_->Receive(), (Frame{ConnectionType::TestChannel, 0, "works?"}));
 }
 
-// A stop, or a change of sharing, leaves connections as they are.
+// Neither a stop nor a change of sharing ends connections.
 TEST_F(PortForwardClientTest, AChannelStopsAndMovesToAFreshPort) {
   const CRefObj<IChannelRaw> channel(client_->GetChannel(0));
   Connection open = Connect();
   EXPECT_TRUE(channel->Run());
-  EXPECT_EQ(channel->get_LocalAddress(), address_) << "it was running";
+  EXPECT_EQ(channel->get_LocalAddress(), address_) << "it runs already";
   EXPECT_TRUE(channel->Stop());
   EXPECT_FALSE(TcpClient(address_).IsConnected());
   EXPECT_TRUE(open.local.Send("still here"));
@@ -47,13 +47,15 @@ TEST_F(PortForwardClientTest, AChannelStopsAndMovesToAFreshPort) {
   EXPECT_TRUE(TcpClient(moved).IsConnected());
   channel->put_AllowShare(1);
   const std::string shared = channel->get_LocalAddress();
-  EXPECT_THAT(shared, testing::StartsWith("127.0.0.1:")) << "that is where local programs connect";
+  EXPECT_THAT(shared, testing::StartsWith("127.0.0.1:")) << "the address for local programs";
   EXPECT_FALSE(TcpClient(moved).IsConnected());
   EXPECT_TRUE(TcpClient(shared).IsConnected()) << "listens at once";
+  EXPECT_EQ(CSockAcceptor::ListenSock("127.0.0.2", std::stoi(shared.substr(10)), false), -1)
+      << "on every address";
   channel->put_AllowShare(1);
-  EXPECT_EQ(channel->get_LocalAddress(), shared) << "no change, no new port";
+  EXPECT_EQ(channel->get_LocalAddress(), shared) << "the same value changes nothing";
 
-  // Who keeps a channel longer than its client must not reach the client through it.
+  // A channel may live longer than its client, and then does nothing.
   Stop();
   EXPECT_FALSE(TcpClient(shared).IsConnected());
   EXPECT_FALSE(channel->Run());
@@ -61,7 +63,7 @@ TEST_F(PortForwardClientTest, AChannelStopsAndMovesToAFreshPort) {
   EXPECT_EQ(channel->Erase(), 0U);
 }
 
-// Stopped is stopped, until InitInstance says otherwise.
+// After ExitInstance nothing starts until the next InitInstance.
 TEST_F(PortForwardClientTest, StartsAfreshAfterExit) {
   const auto bare = CreatePortForwardClient();
   EXPECT_EQ(bare->Run(), kGXModUnexpected) << "without a stream";
@@ -89,7 +91,7 @@ TEST_F(PortForwardClientTest, StartsAfreshAfterExit) {
   EXPECT_EQ(ReceiveData(connection.id, 5), "again");
 }
 
-// Neither the reader nor a connection ever goes over to another stream.
+// The reader and the connections end with their stream.
 TEST_F(PortForwardClientTest, AStreamInPlaceOfOneThatRunsStartsAfresh) {
   Connection before = Connect();
   const CRefObj<PluginStream> first = stream_;
@@ -101,7 +103,7 @@ TEST_F(PortForwardClientTest, AStreamInPlaceOfOneThatRunsStartsAfresh) {
   EXPECT_EQ(after.local.Receive(4), "read");
 }
 
-// Released without ExitInstance: the stream is not closed first, so its end has to come from the host.
+// Released without ExitInstance the client does not close the stream; the host ends it.
 TEST_F(PortForwardClientTest, ReleasedWithoutExitInstance) {
   Connection connection = Connect();
   stream_->End();

@@ -7,66 +7,38 @@
 #include "support/forwarding.h"
 #include "support/test.h"
 
-namespace {
+namespace gxtest {
 
-// What happens before the process next accepts a connection; with the listening socket. Threads accept, and the
-// test sets it.
-std::mutex before_accept_mutex;
-std::function<void(int)> before_accept;
-
-}  // namespace
+// When set, the next accept of the process first connects a client to the port and hands it over here.
+static std::atomic<std::promise<TcpClient>*> early_client{nullptr};
 
 extern "C" int accept4(int listener, sockaddr* address, socklen_t* length, int flags) {
-  std::function<void(int)> now;
-  {
-    const std::lock_guard lock(before_accept_mutex);
-    now = std::exchange(before_accept, nullptr);
+  if (auto* client = early_client.exchange(nullptr)) {
+    sockaddr_in own{};
+    socklen_t own_length = sizeof own;
+    getsockname(listener, reinterpret_cast<sockaddr*>(&own), &own_length);
+    client->set_value(TcpClient(ntohs(own.sin_port)));
   }
-  if (now) now(listener);
   return static_cast<int>(syscall(SYS_accept4, listener, address, length, flags));
 }
 
 namespace {
 
-using gxtest::Answer;
-using gxtest::ConnectionType;
-using gxtest::Encode;
-using gxtest::FarListener;
-using gxtest::TcpClient;
-using testing::ElementsAre;
+class ServerStreamThreadTest : public ForwardingTest {};
 
-class ServerStreamThreadTest : public gxtest::ForwardingTest {
- protected:
-  void SetUp() override {
-    ForwardingTest::SetUp();
-    client_->SetListener(listener_.get());
-    client_->SetListener(nullptr);  // is ignored
-  }
-
-  const CRefObj<FarListener> listener_{new FarListener};
-};
-
-// A client that gets in between listen and the first accept: the reader must not write its Connect, because the
-// far side may be waiting for the reader.
+// The new port has a client before the first accept. Its Connect must be written by another thread than the
+// reader, since the far side may take nothing until the reader has read.
 TEST_F(ServerStreamThreadTest, OpensPortsWithoutWaitingForTheFarSide) {
   Connection busy = Connect();
   stream_->Behave({.capacity = 1});
   busy.local.Send("blocks");
   ASSERT_TRUE(stream_->WaitUntilWriteBlocks());
   std::promise<TcpClient> early;
-  {
-    const std::lock_guard lock(before_accept_mutex);
-    before_accept = [&](int listener) {
-      sockaddr_in address{};
-      socklen_t length = sizeof address;
-      getsockname(listener, reinterpret_cast<sockaddr*>(&address), &length);
-      early.set_value(TcpClient(ntohs(address.sin_port)));
-    };
-  }
+  early_client = &early;
   stream_->Send({ConnectionType::ChannelList, 0, "name=a&addr=y%3A2;"});
   stream_->Send({ConnectionType::Data, busy.id, "still read"});
   EXPECT_EQ(busy.local.Receive(10), "still read");
-  const TcpClient client = early.get_future().get();
+  const auto client = early.get_future().get();
   EXPECT_TRUE(client.IsConnected());
   stream_->Behave({});
   const auto connect = stream_->Receive(ConnectionType::Connect);
@@ -74,8 +46,11 @@ TEST_F(ServerStreamThreadTest, OpensPortsWithoutWaitingForTheFarSide) {
   EXPECT_EQ(connect->payload, "y:2");
 }
 
-// However many there are, one is enough.
+// Thousands of Close frames for one connection take no memory.
 TEST_F(ServerStreamThreadTest, ClosesBehindDataThatWaitsCostNothing) {
+  const CRefObj<FarListener> listener(new FarListener);
+  client_->SetListener(listener.get());
+  client_->SetListener(nullptr);  // is ignored
   Connection stalled = Connect();
   const std::string block(64 * 1024, 'x');
   while (client_->FindStream(stalled.id)->Owed() < 4 * block.size()) {
@@ -86,15 +61,15 @@ TEST_F(ServerStreamThreadTest, ClosesBehindDataThatWaitsCostNothing) {
   ASSERT_TRUE(stream_->WaitUntilRead());
   std::string closes;
   for (int i = 0; i < 10'000; ++i) closes += Encode({ConnectionType::Close, stalled.id, ""});
-  const std::size_t heap = gxtest::HeapBytes();
+  const std::size_t heap = HeapBytes();
   stream_->Send(closes);
   stream_->Send({ConnectionType::Data, stalled.id, block});
   stream_->Send(Answer(0, "read"));
-  EXPECT_THAT(listener_->WaitFor(1), ElementsAre("works read"));
-  EXPECT_LE(gxtest::HeapBytes(), heap + 2 * closes.size()) << "what has come is also in the hands of the test";
+  EXPECT_THAT(listener->WaitFor(1), testing::ElementsAre("works read"));
+  EXPECT_LE(HeapBytes(), heap + 2 * closes.size()) << "the test holds the frames, too";
 }
 
-// The end of the stream, wherever it falls, ends the reader and nothing else.
+// The end of the stream, also inside a frame, ends the reader and nothing else.
 TEST_F(ServerStreamThreadTest, EndOfTheStreamLeavesConnectionsOpen) {
   const std::string wire = Encode({ConnectionType{0}, 0, "1234"});
   for (std::size_t end = 0; end <= wire.size(); ++end) {
@@ -109,3 +84,4 @@ TEST_F(ServerStreamThreadTest, EndOfTheStreamLeavesConnectionsOpen) {
 }
 
 }  // namespace
+}  // namespace gxtest
