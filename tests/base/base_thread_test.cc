@@ -8,16 +8,16 @@
 
 namespace {
 
-using gxtest::kPatience;
-
-// Tells what it did; `step` is the work.
+// Writes its hooks and steps into story_; `step` is the work of a step.
 class Worker final : public CBaseThread {
  public:
   explicit Worker(std::function<bool()> step) : step_(std::move(step)) {}
   ~Worker() override { Stop(); }
 
-  void AwaitExit() { ASSERT_EQ(exited_.get_future().wait_for(kPatience), std::future_status::ready); }
-  void ExpectAnotherRun() { exited_ = {}; }
+  // Waits for the end of a run.
+  void AwaitExit() {
+    ASSERT_TRUE(gxtest::Eventually([&] { return exited_.exchange(false); }));
+  }
 
   std::string story_;
   bool running_in_on_exit_ = true;
@@ -31,11 +31,11 @@ class Worker final : public CBaseThread {
   void OnExit() override {
     story_ += "exit ";
     running_in_on_exit_ = IsRunning();
-    exited_.set_value();
+    exited_ = true;
   }
 
   const std::function<bool()> step_;
-  std::promise<void> exited_;
+  std::atomic<bool> exited_{false};
 };
 
 TEST(BaseThreadTest, HooksSurroundTheStepsOfEachRun) {
@@ -44,17 +44,15 @@ TEST(BaseThreadTest, HooksSurroundTheStepsOfEachRun) {
   EXPECT_TRUE(worker.Stop()) << "never run";
   for (int run = 0; run < 2; ++run) {
     left = 2;
-    worker.ExpectAnotherRun();
     EXPECT_TRUE(worker.Run());
     worker.AwaitExit();
     EXPECT_FALSE(worker.IsRunning());
-    EXPECT_TRUE(worker.Run()) << "it has exited, and still counts as started";
-    EXPECT_TRUE(worker.Stop(0)) << "the limit is not used";
+    EXPECT_TRUE(worker.Run()) << "after its exit it counts as started until Stop";
+    EXPECT_TRUE(worker.Stop(0)) << "Stop waits whatever the limit";
     EXPECT_EQ(std::exchange(worker.story_, ""), "begin step step exit ");
     EXPECT_FALSE(worker.running_in_on_exit_);
   }
-  left = -1;  // no step is the last one
-  worker.ExpectAnotherRun();
+  left = -1;  // every step asks for another one
   EXPECT_TRUE(worker.Run());
   EXPECT_TRUE(worker.IsRunning());
   EXPECT_TRUE(worker.Stop());

@@ -18,7 +18,7 @@ namespace {
 
 using gxbase::SharedFile;
 
-// A process that does one thing and ends.
+// Does `work` in a child process.
 pid_t Start(const std::function<void()>& work) {
   const pid_t id = fork();
   if (id != 0) return id;
@@ -26,7 +26,7 @@ pid_t Start(const std::function<void()>& work) {
   _exit(0);
 }
 
-// How it ended, as waitpid tells it.
+// Its status as waitpid gives it.
 int Wait(pid_t id) {
   int status = -1;
   waitpid(id, &status, 0);
@@ -39,24 +39,20 @@ class SharedFileTest : public gxtest::LeakGate {
   const std::string path_ = dir_.path() + "/file";
 };
 
-// Each of four programs that start with the same file saves its own names; a record lost by one of them would
-// be back with its next save, so each forgets what it has saved.
+// Four programs save different names in one file at once. Each uses a new cache for each save, since a cache
+// would write lost records again with its next save.
 TEST_F(SharedFileTest, ProgramsThatSaveAtOnceLoseNothing) {
   constexpr int kPrograms = 4;
   constexpr int kNames = 25;
   std::vector<pid_t> programs;
   for (int program = 0; program < kPrograms; ++program) {
     programs.push_back(Start([&] {
-      sockaddr_in address{};
-      address.sin_family = AF_INET;
-      addrinfo answer{};
-      answer.ai_family = AF_INET;
-      answer.ai_addr = reinterpret_cast<sockaddr*>(&address);
-      answer.ai_addrlen = sizeof address;
+      addrinfo* answer = nullptr;
+      getaddrinfo("192.0.2.1", nullptr, nullptr, &answer);
       for (int i = 0; i < kNames; ++i) {
         DnsCache cache;
         cache.Init(path_, 0, 0);
-        addrinfo* list = &answer;
+        addrinfo* list = answer;
         const std::string name = std::to_string(program) + "-" + std::to_string(i);
         cache.getaddrinfo_local(name.c_str(), nullptr, nullptr, &list, 0);
       }
@@ -66,11 +62,11 @@ TEST_F(SharedFileTest, ProgramsThatSaveAtOnceLoseNothing) {
   EXPECT_EQ(ParseDnsRecords(FileText(path_)).size(), static_cast<std::size_t>(kPrograms * kNames));
 }
 
-// A file-size limit ends the process in the middle of its save, or lets the write fail as a full disk does.
+// A file-size limit either kills the process during its save or makes the write fail as on a full disk.
 TEST_F(SharedFileTest, ASaveThatDiesOrFailsCostsNothing) {
   EXPECT_TRUE(SharedFile(path_).Write("old"));
   ASSERT_EQ(chmod(path_.c_str(), 0600), 0);
-  for (const std::size_t size : {2'000u, 1'000'000u}) {  // a short text is written when the file is closed
+  for (const std::size_t size : {2'000u, 1'000'000u}) {  // the short text is written by Close only
     for (const bool dies : {true, false}) {
       const pid_t save = Start([&] {
         const rlimit half{size / 2, size / 2};
@@ -83,14 +79,14 @@ TEST_F(SharedFileTest, ASaveThatDiesOrFailsCostsNothing) {
       EXPECT_EQ(FileText(path_), "old");
     }
   }
-  EXPECT_TRUE(SharedFile(path_).Write("new")) << "what the dead one left is in nobody's way";
+  EXPECT_TRUE(SharedFile(path_).Write("new")) << "the file that the dead process has left";
   EXPECT_EQ(FileText(path_), "new");
   struct stat status;
   ASSERT_EQ(stat(path_.c_str(), &status), 0);
   EXPECT_EQ(status.st_mode & 07777U, 0600U);
 }
 
-// On a file system with room for a folder, the file and its lock; nobody else sees it.
+// The file system has room for three entries: the folder, the file and its lock. Only the child sees it.
 TEST_F(SharedFileTest, ADiskWithoutRoomForANewFileKeepsTheOldText) {
   constexpr int kCannotMount = 2;
   const pid_t save = Start([&] {
@@ -105,7 +101,7 @@ TEST_F(SharedFileTest, ADiskWithoutRoomForANewFileKeepsTheOldText) {
   EXPECT_EQ(status, 0);
 }
 
-// Nobody can make files in /proc, not even root.
+// Nobody can create files in /proc, not even root.
 TEST_F(SharedFileTest, WhereTheFolderCannotBeWrittenTheFileIsWrittenInPlace) {
   const int file = open(path_.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0600);
   ASSERT_GE(file, 0);

@@ -6,7 +6,7 @@ namespace {
 
 class IThing : public IReference {};
 
-// Shaped like the module's classes: an interface in public, the counting in private.
+// Like the module's classes: an interface as public base, the counter as private base.
 class Thing final : public IThing, private CReference {
  public:
   explicit Thing(int* destroyed) : destroyed_(destroyed) {}
@@ -37,7 +37,7 @@ TEST(ReferenceTest, OneOfManyThreadsDeletes) {
   EXPECT_EQ(destroyed, 1);
 }
 
-// The object that a pointer gives up may, in its destructor, look at that pointer.
+// An object's destructor may look at the pointer that has just given the object up.
 TEST(RefObjTest, AssignmentSetsTheNewTargetBeforeItReleasesTheOld) {
   struct Watcher final : CReference {
     Watcher(CRefObj<Watcher>* pointer, bool& result) : watched(pointer), seen(result) {}
@@ -49,7 +49,7 @@ TEST(RefObjTest, AssignmentSetsTheNewTargetBeforeItReleasesTheOld) {
   CRefObj<Watcher> pointer;
   pointer = new Watcher(&pointer, seen);
   pointer = *&pointer;
-  EXPECT_TRUE(pointer && !seen) << "given to itself";
+  EXPECT_TRUE(pointer && !seen) << "assigned to itself";
   pointer = nullptr;
   EXPECT_TRUE(seen);
 }
