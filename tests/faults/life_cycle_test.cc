@@ -13,26 +13,24 @@ namespace {
 
 class LifeCycle : public ForwardingTest {};
 
-// Clients that send without end and take what comes or nothing at all; a far side that floods, opens ports, and
-// stops reading or sending. In the middle of all that the client is stopped.
+// Clients send without end and take what comes, or nothing at all. The far side floods, opens ports, and stops
+// reading or sending. In the middle of all that the client is stopped.
 TEST_F(LifeCycle, ExitAtAnyMomentLeavesNothing) {
   const std::string block = Pattern(30'000);
   std::minstd_rand engine(1);
-  const auto random = [&engine] { return static_cast<unsigned>(engine()); };
+  const auto random = [&engine](unsigned below) { return static_cast<unsigned>(engine()) % below; };
   for (int round = Rounds(25, 500); round > 0 && !HasFailure(); --round) {
-    Start({.connection_bytes = random() % 2 == 0 ? 100'000U : 64U << 20});
+    Start({.connection_bytes = random(2) == 0 ? 100'000U : 64U << 20});
     PluginStream::Behaviour behaviour;
-    if (random() % 2 == 0) behaviour.capacity = 1 + random() % 50'000;
-    if (random() % 2 == 0) behaviour.send_capacity = 1 + random() % 200'000;
-    if (random() % 4 == 0) behaviour.cut_seed = 1;
-    const std::uint64_t moment = random() % 500'000;  // in bytes that have come up
-    const unsigned stall = random() % 4;              // 1: the road in stops; 2: the road out does
+    if (random(2) == 0) behaviour.capacity = 1 + random(50'000);
+    if (random(2) == 0) behaviour.send_capacity = 1 + random(200'000);
+    if (random(4) == 0) behaviour.cut_seed = 1;
+    const std::uint64_t moment = random(500'000);  // in bytes that have come up
+    const unsigned stall = random(4);              // 1: the road in stops; 2: the road out does
     std::atomic<bool> stop{false};
-    std::atomic<bool> hold{false};
 
     // Answers with more than the clients read, until it takes no more frames.
     FarSide far(stream_, [&](PluginStream& stream, const Frame& frame) {
-      Eventually([&] { return !hold || stream.IsClosed(); });
       if (frame.type == ConnectionType::Connect) {
         stream.Send({ConnectionType::ChannelList, 0, "name=a&addr=h%3A1;name=b&addr=h%3A2;"});
       }
@@ -53,7 +51,7 @@ TEST_F(LifeCycle, ExitAtAnyMomentLeavesNothing) {
     });
     Eventually([&] { return far.Total().bytes >= moment; }, std::chrono::milliseconds(100));  // or all is full
     if (stall == 1) behaviour.read_at_most = 0;
-    hold = stall == 2;
+    if (stall == 2) behaviour.capacity = 0;
     stream_->Behave(behaviour);
     client_->ExitInstance();
     EXPECT_FALSE(TcpClient(address_).IsConnected());
@@ -76,56 +74,25 @@ TEST_F(LifeCycle, AHostOfManyFilesIsRefusedWithALine) {
       EXPECT_TRUE(refused.WaitForEnd());
     }
     EXPECT_TRUE(before.Echoes());
-    const auto lines = log_.Lines();
-    EXPECT_EQ(std::count_if(lines.begin(), lines.end(),
-                            [](const auto& line) {
-                              return line.first == kGXModLogError &&
-                                     line.second.find("connection refused") != std::string::npos;
-                            }),
-              20);
+    const auto error = [](const char* text) { return testing::Pair(kGXModLogError, testing::HasSubstr(text)); };
+    EXPECT_THAT(log_.Lines(), testing::Contains(error("connection refused")).Times(20));
     IChannelRaw* deaf = client_->NewChannel("late", "", "10.0.0.1:22");
     ASSERT_NE(deaf, nullptr);
     EXPECT_STREQ(deaf->get_LocalAddress(), "") << "no port that nobody answers on";
-    EXPECT_THAT(log_.Lines(),
-                testing::Contains(testing::Pair(kGXModLogError, testing::HasSubstr("listening"))));
+    EXPECT_THAT(log_.Lines(), testing::Contains(error("listening")));
   }
   EXPECT_TRUE(before.Echoes());
   TcpClient after(address_);
   EXPECT_TRUE(after.Echoes());
 }
 
+class CallOrders : public LeakGate {};
+
 // Letters: I InitInstance, N the same with null, T with a stream whose Close throws, R Run, F Run with a
 // listener that throws, E ExitInstance. The host ends the old stream before a second InitInstance.
-class CallOrders : public LeakGate {
- protected:
-  std::uint32_t Call(char what) {
-    switch (what) {
-      case 'I':
-      case 'N':
-      case 'T':
-        if (stream_) stream_->End();
-        stream_ = what == 'N' ? nullptr : new PluginStream;
-        if (what == 'T') stream_->Behave({.close_throws = true});
-        return plugin_->InitInstance(stream_.get());
-      case 'R':
-      case 'F':
-        listener_->throws = what == 'F';
-        return plugin_->Run();
-      default:
-        return plugin_->ExitInstance();
-    }
-  }
-  bool Listens() const { return listener_->told_port != 0 && TcpClient(listener_->told_port).IsConnected(); }
-
-  LogCapture log_;
-  CRefObj<PluginStream> stream_;
-  CRefObj<PluginListener> listener_;
-  CRefObj<IControlSshPlugin> plugin_;
-};
-
 TEST_F(CallOrders, EveryOrderHasItsResults) {
   const struct {
-    const char* calls;
+    std::string_view calls;
     std::vector<std::uint32_t> results;
     bool listens;  // at the end
   } orders[] = {
@@ -142,21 +109,32 @@ TEST_F(CallOrders, EveryOrderHasItsResults) {
       {"TR", {0, 0}, true},
       {"TRE", {0, 0, 0}, false},
   };
+  const LogCapture log;
   for (const auto& order : orders) {
     SCOPED_TRACE(order.calls);
-    plugin_ = new CSSHClientRaw;
-    listener_ = new PluginListener("h:1");
-    plugin_->SetListener(listener_.get());
+    CRefObj<PluginStream> stream;
+    const CRefObj<PluginListener> listener(new PluginListener("h:1"));
+    const CRefObj<IControlSshPlugin> plugin(new CSSHClientRaw);
+    plugin->SetListener(listener.get());
+    const auto listens = [&] {
+      return listener->told_port != 0 && TcpClient(listener->told_port).IsConnected();
+    };
+    const auto call = [&](char what) {
+      if (what == 'E') return plugin->ExitInstance();
+      listener->throws = what == 'F';
+      if (what == 'R' || what == 'F') return plugin->Run();
+      if (stream) stream->End();
+      stream = what == 'N' ? nullptr : new PluginStream;
+      if (what == 'T') stream->Behave({.close_throws = true});
+      return plugin->InitInstance(stream.get());
+    };
     std::vector<std::uint32_t> results;
-    for (const char* call = order.calls; *call != '\0'; ++call) results.push_back(Call(*call));
+    std::transform(order.calls.begin(), order.calls.end(), std::back_inserter(results), call);
     EXPECT_EQ(results, order.results);
-    EXPECT_EQ(Listens(), order.listens);
-    Call('E');
-    EXPECT_FALSE(Listens());
+    EXPECT_EQ(listens(), order.listens);
+    call('E');
+    EXPECT_FALSE(listens());
   }
-  plugin_ = nullptr;
-  stream_ = nullptr;
-  listener_ = nullptr;
 }
 
 }  // namespace

@@ -44,7 +44,7 @@ class ByteQueue {
 };
 
 // The module's side is IPluginStreamRaw; everything else is the test's. Bytes wait in memory both ways.
-class PluginStream final : public IPluginStreamRaw, private CReference {
+class PluginStream : public IPluginStreamRaw, private CReference {
  public:
   GX_FORWARD_REFERENCE();
 
