@@ -1,7 +1,6 @@
 """gx-ssh --bring: from a bare shell to gx-ssh-peer in its place."""
 
 import contextlib
-import functools
 import glob
 import gzip
 import hashlib
@@ -19,29 +18,23 @@ from throwaway import Child, expect, run, run_to_the_end, side_by_side, write, w
 HERE = os.path.dirname(os.path.abspath(__file__))
 STRANGER = 12345  # a user that is not there
 
-# The small tools of each kind of far side, and what lists them.
-BUSYBOX, TOYBOX = "/bin/busybox", "/bin/toybox"
-LISTS = {BUSYBOX: [BUSYBOX, "--list"], TOYBOX: [TOYBOX]}
-
-
-def link_tools(folder, box, shell=None):
-    """A folder with the tools of one `box` and nothing else. Returns what starts its shell, and its search path."""
-    os.makedirs(folder)
-    for name in run(LISTS[box]).split():
-        os.symlink(box, f"{folder}/{name}")
-    if shell:
-        os.symlink(shell, f"{folder}/sh")
-    return f"{folder}/sh", folder
+BUSYBOX = "/bin/busybox"
 
 
 def shells(scratch):
     """The far sides by name: what starts them, and their search path."""
     found = {name: (shutil.which(name), os.environ["PATH"]) for name in ("dash", "bash")}
-    for name, box, shell in (("busybox", BUSYBOX, None), ("toybox", TOYBOX, shutil.which("dash"))):
-        if os.path.exists(box):
-            found[name] = link_tools(f"{scratch}/{name}", box, shell)
-        else:
+    for name, shell, *lists in (("busybox", None, BUSYBOX, "--list"), ("toybox", shutil.which("dash"), "/bin/toybox")):
+        if not os.path.exists(lists[0]):
             print(f"not tried, since it is not installed: {name}", flush=True)
+            continue
+        folder = f"{scratch}/{name}"
+        os.makedirs(folder)
+        for tool in run(lists).split():
+            os.symlink(lists[0], f"{folder}/{tool}")
+        if shell:
+            os.symlink(shell, f"{folder}/sh")
+        found[name] = f"{folder}/sh", folder
     return found
 
 
@@ -53,10 +46,11 @@ class FarSide:
         os.mkdir(self.home)
         self.cache = f"{self.home}/.cache/gx-ssh"
         self.shell = ["env", "-i", f"HOME={self.home}", f"PATH={shell[1]}", shell[0]]
-        self.start = functools.partial(self._start, tools, Target())
+        self.tools, self.target = tools, Target()
 
-    def _start(self, tools, target, *options, through=()):
-        return Host(tools, target, "-W", "@TARGET", "--bring", *options, far_side=["--", *through, *self.shell])
+    def start(self, *options, through=()):
+        far_side = ["--", *through, *self.shell]
+        return Host(self.tools, self.target, "-W", "@TARGET", "--bring", *options, far_side=far_side)
 
     def carry(self, *options, through=(), sends=True):
         """A line goes through and back, and the peer is sent, or nothing is said."""
@@ -116,8 +110,10 @@ def sent_by(far):
 
 
 def bring_again(tools):
-    """Where the peer is there, it runs after one line; a damaged or foreign one does not."""
+    """A peer that is there runs after one line, and a damaged or foreign one never; --bring-once leaves none there."""
     far = FarSide(tools)
+    far.carry("--bring-once")
+    expect(far.files() == [], f"left behind: {far.files()}")
     far.carry()
     lines = sent_by(far).split(b"\n")
     expect(b"exec" in lines[0] and lines[1].startswith(b"GX-SSH-HOST"), f"it sent {lines[:2]}")
@@ -147,17 +143,6 @@ def bring_again(tools):
         expect(far.files() == [], "a peer was put into a folder that others can write to")
         expect(not os.path.exists(fresh), "the folder in /tmp was left behind")
         far.refuse("others may write there, or it is somebody else's", [], "--bring-dir", far.cache)
-
-
-def bring_once(tools):
-    """What is brought for one time goes as soon as it runs."""
-    far = FarSide(tools)
-    for _ in range(2):
-        far.carry("--bring-once")
-        expect(far.files() == [], f"left behind: {far.files()}")
-    far.cache = f"{tools.folder}/it's a $place"
-    far.carry("--bring-dir", far.cache)
-    far.expect_one_file()
 
 
 def bring_probes(tools):
@@ -197,7 +182,6 @@ def fake_peers(folder, content, digest=None, size=None, machine=os.uname().machi
 # are as usual are not told.
 ORDERS = (
     ((), "--allow 127.0.0.1:22"),
-    (("-W", "box:2222"), "--allow box:2222"),
     (("-L", "0:web:80", "-L", "0:/run/it's $HOME"), "--allow web:80 --allow unix:/run/it's $HOME"),
     (("--listen", "127.0.0.1:0", "--target", "a:1", "-L", "0:b:2", "--allow", "*:3", "--keepalive", "5s",
       "--keepalive-count", "7", "--connect-timeout", "1m"),
@@ -217,16 +201,22 @@ def bring_passes_on(tools):
             expect(done.returncode == 4 and f"heard {heard}." in said, f"not {heard!r} but\n{said}")
 
 
-def bring_shows_progress(tools):
-    """On a terminal, until all is sent."""
-    with Terminal("env", "TERM=xterm", tools.gx_ssh, "--bring", "--", *FarSide(tools).shell) as terminal:
-        shown = terminal.expect("127.0.0.1:")
-        whole = re.search(r"sends gx-ssh-peer for \w+ there, ([\d.]+ \w+)\r\n", shown)
-        steps = re.findall(r"sent ([\d.]+ \w+) of ([\d.]+ \w+)", shown)
-        expect(whole and len(set(steps)) > 3 and {of for _, of in steps} == {whole[1]} == {steps[-1][0]},
-               f"it showed {shown!r}")
-        terminal.type(INTERRUPT)
-        terminal.expect_status(0)
+def bring_on_a_terminal(tools):
+    """The carrier asks for a password there, as sudo does; then the transfer shows its progress."""
+    asks = 'printf "Password: " >/dev/tty; read -r p </dev/tty; test "$p" = secret && exec "$@"'
+    asked = ["env", "TERM=xterm", tools.gx_ssh, "--bring", "--", "sh", "-c", asks, "sh", *FarSide(tools).shell]
+    for keys, status in ((INTERRUPT, 0), ("wrong\n", 4), ("secret\n", 0)):
+        with Terminal(*asked) as terminal:
+            terminal.expect("Password: ")
+            terminal.type(keys)
+            if keys.startswith("secret"):
+                shown = terminal.expect("127.0.0.1:")
+                terminal.type(INTERRUPT)
+            terminal.expect_status(status)
+    whole = re.search(r"sends gx-ssh-peer for \w+ there, ([\d.]+ \w+)\r\n", shown)
+    steps = re.findall(r"sent ([\d.]+ \w+) of ([\d.]+ \w+)", shown)
+    expect(whole and len(set(steps)) > 3 and {of for _, of in steps} == {whole[1]} == {steps[-1][0]},
+           f"it showed {shown!r}")
 
 
 def calls_itself(tools, name):
@@ -279,8 +269,9 @@ def bring_refused(tools):
 def bring_at_once(tools):
     """Twenty at once into an empty folder: all work, and there is one file."""
     far = FarSide(tools)
+    far.cache = f"{far.home}/it's a $place"
     with contextlib.ExitStack() as exits:
-        hosts = [exits.enter_context(far.start()) for _ in range(20)]
+        hosts = [exits.enter_context(far.start("--bring-dir", far.cache)) for _ in range(20)]
         for number, host in enumerate(hosts):
             host.send(f"text {number}\n")
         for number, host in enumerate(hosts):
@@ -308,5 +299,5 @@ def bring_cut(tools):
     side_by_side(cuts_after, [(random.randrange(most),) for most in (6000, 6000, 6000, size, size, size)])
 
 
-SCENARIOS = {each.__name__: each for each in (bring, bring_again, bring_once, bring_probes, bring_passes_on,
-                                              bring_shows_progress, bring_refused, bring_at_once, bring_cut)}
+SCENARIOS = {each.__name__: each for each in (bring, bring_again, bring_probes, bring_passes_on,
+                                              bring_on_a_terminal, bring_refused, bring_at_once, bring_cut)}

@@ -1,22 +1,20 @@
 """ssh and scp through carriers as people have them, with nothing of gx-ssh at their far end: for scripts/long-tests.
 
-As root, since that is what a chroot, another user and a folder of that user take.
+They need root, for a chroot and for another user with a folder.
 """
 
 import contextlib
+import glob
 import os
 import pwd
-import secrets
+import re
 import shlex
 import shutil
-import subprocess
 import sys
 import tempfile
 
-import virtual_machine
-from bringing import HERE
+from bringing import BUSYBOX, HERE
 from hosts import Host, Target, tunnel
-from terminal import INTERRUPT, Terminal
 from throwaway import Child, Clients, expect, run, write, write_script
 
 LONG_S = 900  # ssh's own time-out counts the transfer of the peer, too
@@ -42,11 +40,19 @@ class Brought(Clients):
         self.expect_copies(size, folder)
 
 
+def fill_with_busybox(folder):
+    os.makedirs(folder)
+    for name in run([BUSYBOX, "--list"]).split():
+        os.symlink("busybox", f"{folder}/{name}")
+    os.unlink(f"{folder}/busybox")
+    shutil.copy(BUSYBOX, folder)
+
+
 def into_a_chroot(tools, server):
     """Busybox only and no /proc, with processes, mounts and users of its own."""
     root = f"{server.folder}/box"
     os.makedirs(f"{root}/home")
-    virtual_machine.fill_with_busybox(f"{root}/bin")
+    fill_with_busybox(f"{root}/bin")
     Brought(tools, server, "unshare", "--user", "--map-root-user", "--pid", "--fork",
             f"--root={root}", "env", "-i", "HOME=/home", "PATH=/bin", "sh").carries(1 << 20)
     expect(len(os.listdir(f"{root}/home/.cache/gx-ssh")) == 1, "there is not one peer in the chroot")
@@ -84,59 +90,83 @@ def as_another_user(tools, server):
         expect("sends gx-ssh-peer" in homeless.expect_command(), "nothing was sent")
 
 
+# What the virtual machine is made of.
+EMULATOR = "qemu-system-x86_64"
+BOOT_S = 300  # without KVM
+NEEDED = (f"{EMULATOR} and a kernel: "
+          "apt-get download linux-image-VERSION-amd64 && dpkg-deb -x linux-image-*.deb build/kernel")
+# Each needs those before it; some kernels have them built in.
+MODULES = ("virtio_ring", "virtio", "virtio_pci_legacy_dev", "virtio_pci_modern_dev", "virtio_pci", "virtio_console")
+START = """
+mount -t proc proc /proc; mount -t sysfs sys /sys; mount -t devtmpfs dev /dev
+mkdir /dev/pts; mount -t devpts pts /dev/pts
+for module in /lib/virtio/*.ko; do insmod $module; done
+ip link set lo up
+/usr/sbin/sshd -f /etc/sshd_config && echo up
+"""
+# A shell ends when its caller goes, or when nobody is there. The port stays open, so what comes before the next shell
+# is kept. The console tells the number of each shell.
+SHELL = """
+export HOME=/root
+exec <>/dev/vport0p1 >&0 2>&1
+while n=$((n + 1)); echo "shell $n" >/dev/console; do sh; sleep 1; done
+"""
+INITTAB = "::sysinit:/etc/start\n::respawn:/etc/shell\n"
+
+
+def newest_kernel():
+    """Its image and the folder of its modules; None: there is none, or no emulator."""
+    if not shutil.which(EMULATOR):
+        return None
+    for root in (os.path.abspath(f"{HERE}/../../build/kernel"), ""):
+        for image in sorted(glob.glob(f"{root}/boot/vmlinuz-*"), reverse=True):
+            modules = f"{root}/lib/modules/{os.path.basename(image).removeprefix('vmlinuz-')}"
+            if os.path.isdir(modules):
+                return image, modules
+    return None
+
+
+def copy_program(root, program):
+    """With its libraries, where they lie here."""
+    for file in [program, *re.findall(r"/\S+", run(["ldd", program]))]:
+        os.makedirs(os.path.dirname(root + file), exist_ok=True)
+        shutil.copy(file, root + file)
+
+
+def make_root(root, modules, server):
+    """`server` gives the keys."""
+    for folder in ("dev", "etc", "lib/virtio", "proc", "root", "run/sshd", "sys", "tmp"):
+        os.makedirs(f"{root}/{folder}")
+    fill_with_busybox(f"{root}/bin")
+    os.symlink("bin/busybox", f"{root}/init")
+    for number, name in enumerate(MODULES):
+        for module in glob.glob(f"{modules}/kernel/drivers/*/{name}.ko"):
+            shutil.copy(module, f"{root}/lib/virtio/{number}.ko")
+    write_script(f"{root}/etc/start", START)
+    write_script(f"{root}/etc/shell", SHELL)
+    write(f"{root}/etc/inittab", INITTAB)
+    write(f"{root}/etc/passwd", "root:x:0:0::/root:/bin/sh\nsshd:x:1:1::/run/sshd:/bin/false\n")
+    write(f"{root}/etc/sshd_config", "ListenAddress 127.0.0.1\nHostKey /etc/host_key\n"
+          "AuthorizedKeysFile /etc/user_key\nStrictModes no\nUseDNS no\nSubsystem sftp internal-sftp\n")
+    shutil.copy(f"{server.folder}/host_key", f"{root}/etc/host_key")
+    shutil.copy(f"{server.folder}/user_key.pub", f"{root}/etc/user_key")
+    for program in ("/usr/sbin/sshd", *glob.glob("/usr/lib/openssh/sshd-*")):
+        copy_program(root, program)
+
+
 @contextlib.contextmanager
-def who_may_ask(password):
-    """A user of this computer whom sudo asks for a password, each time, and lets become nobody."""
-    name = f"gx-ssh-{secrets.token_hex(4)}"
-    rule = f"/etc/sudoers.d/{name}"
-    try:
-        run(["useradd", "--no-create-home", "--no-user-group", "--gid", "nogroup", "--shell", "/bin/sh", name])
-        subprocess.run(["chpasswd"], input=f"{name}:{password}", text=True, check=True)
-        with open(os.open(rule, os.O_WRONLY | os.O_CREAT | os.O_EXCL, 0o440), "w", encoding="ascii") as file:
-            file.write(f"Defaults:{name} lecture=never, timestamp_timeout=0\n{name} ALL=(nobody) ALL\n")
-        yield name
-    finally:
-        with contextlib.suppress(FileNotFoundError):
-            os.unlink(rule)
-        run(["userdel", "--force", name])
-
-
-def through_sudo(tools, server):
-    """By a user who is asked for a password on the terminal: wrong and right answers, and the key that ends it all."""
-    if not shutil.which("sudo"):
-        print("not tried, since there is no sudo", flush=True)
-        return
-    with tempfile.TemporaryDirectory(prefix="gx-ssh-") as folder, who_may_ask("secret") as name:
-        os.chmod(folder, 0o755)
-        # That user may not read what was built here.
-        built = os.path.dirname(os.path.dirname(os.path.dirname(tools.gx_ssh)))
-        program, module, peers = (shutil.copy(tools.gx_ssh, folder),
-                                  shutil.copy(f"{built}/src/module/libgx-control-ssh.so", folder),
-                                  shutil.copytree(f"{built}/tools/peer/peers", f"{folder}/peers"))
-        asked = ["setpriv", f"--reuid={name}", "--regid=nogroup", "--init-groups", program, "--module", module,
-                 "--peer-dir", peers, "--target", server.address, "--bring", "--", "sudo", "-u", "nobody", "sh"]
-        for answers, status in ((["wrong\n", "secret\n", None], 0), (["wrong\n"] * 3, 4), ([INTERRUPT], 0)):
-            with Terminal(*asked) as terminal:
-                for answer in answers:
-                    terminal.expect(f"password for {name}: " if answer else "127.0.0.1:")
-                    if answer:
-                        terminal.type(answer)
-                        continue
-                    clients = Clients(server, "HostName 127.0.0.1", f"Port {int(terminal.expect(chr(13)))}")
-                    clients.expect_command()
-                    terminal.type(INTERRUPT)
-                terminal.expect_status(status)
-
-
-def into_a_virtual_machine(tools, server):
-    """No network leads there, only a virtio-serial port with a shell."""
-    if not virtual_machine.kernel():
-        print(f"not tried, since it takes {virtual_machine.NEEDED}", flush=True)
-        return
-    machine, shell = virtual_machine.start(f"{server.folder}/machine", server)
-    with machine:
-        carrier = [tools.gx_ssh, "--connect", f"unix:{shell}"]
-        AfterOneAnother(machine, tools, server, *carrier, port=22).carries(1 << 20, "/tmp")
+def virtual_machine(folder, server, image, modules):
+    """One with that kernel, busybox and an SSH server, as a child, and the socket that leads to its shells."""
+    make_root(f"{folder}/root", modules, server)
+    archive, shell = f"{folder}/initramfs", f"{folder}/shell"
+    run(["sh", "-c", f'cd "{folder}/root" && find . | {BUSYBOX} cpio -o -H newc >"{archive}"'])
+    with Child([EMULATOR, "-nodefaults", "-no-user-config", "-display", "none", "-m", "256", "-no-reboot",
+                "-kernel", image, "-initrd", archive, "-append", "console=ttyS0 quiet panic=-1",
+                "-chardev", "stdio,id=console", "-serial", "chardev:console",
+                "-chardev", f"socket,id=shell,path={shell},server=on,wait=off",
+                "-device", "virtio-serial", "-device", "virtserialport,chardev=shell"]) as machine:
+        machine.expect(machine.out, "^up$", BOOT_S)
+        yield machine, shell
 
 
 class AfterOneAnother(Brought):
@@ -152,7 +182,18 @@ class AfterOneAnother(Brought):
         return super().command(program, *arguments)
 
 
-# Who runs each of them here.
+def into_a_virtual_machine(tools, server):
+    """No network leads there, only a virtio-serial port with a shell."""
+    kernel = newest_kernel()
+    if not kernel:
+        print(f"not tried, since it takes {NEEDED}", flush=True)
+        return
+    with virtual_machine(f"{server.folder}/machine", server, *kernel) as (machine, shell):
+        carrier = [tools.gx_ssh, "--connect", f"unix:{shell}"]
+        AfterOneAnother(machine, tools, server, *carrier, port=22).carries(1 << 20, "/tmp")
+
+
+# The emulator of each architecture.
 FOREIGN = {"aarch64": "qemu-aarch64", "armv7": "qemu-arm", "riscv64": "qemu-riscv64"}
 PEERS = os.path.abspath(f"{HERE}/../../build/peers")
 
@@ -174,23 +215,22 @@ def foreign_peers(tools, server):
 
 
 def looks_names_up(tools, server, *peer):
-    """Localhost in any case, and a name of the hosts file; a peer that knows no other name says so."""
-    target = Target()
-    knows_names = "names: localhost" not in run([*peer, "--version"])
-    hosts = f"{server.folder}/hosts"
-    write(hosts, "127.0.0.1 box.example\n")
-    there = ["unshare", "--mount", "sh", "-c", f'mount --bind "{hosts}" /etc/hosts && exec "$@"', "sh", *peer]
-    ways = {"localhost": peer} | ({"box.example": there} if knows_names and os.geteuid() == 0 else {})
+    """Localhost and, as root, a name of the hosts file; a peer that knows no other name says so."""
+    target, ways, hosts = Target(), {"localhost": peer}, f"{server.folder}/hosts"
+    if "names: localhost" in run([*peer, "--version"]):
+        with Host(tools, target, "-W", "box:9", far_side=["--", *peer, "--allow", "box:9"]) as host:
+            host.expect_status(1)
+            expect("built to ask no name servers" in host.err.text(), f"it said {host.err.text()}")
+    elif os.geteuid() == 0:
+        write(hosts, "127.0.0.1 box.example\n")
+        mounts = f'mount --bind "{hosts}" /etc/hosts && exec "$@"'
+        ways["box.example"] = ["unshare", "--mount", "sh", "-c", mounts, "sh", *peer]
     for name, way in ways.items():
         named = target.address.replace("127.0.0.1", name)
         allowed = ["--allow", named, "--allow", target.address]
         with Host(tools, target, "-W", named, far_side=["--", *way, *allowed]) as host:
             host.converse()
-    if not knows_names:
-        with Host(tools, target, "-W", "box:9", far_side=["--", *peer, "--allow", "box:9"]) as host:
-            host.expect_status(1)
-            expect("built to ask no name servers" in host.err.text(), f"it said {host.err.text()}")
 
 
 SCENARIOS = {each.__name__: each for each in (into_a_chroot, into_a_virtual_machine, over_a_serial_line, over_ssh,
-                                              as_another_user, through_sudo, foreign_peers)}
+                                              as_another_user, foreign_peers)}

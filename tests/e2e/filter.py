@@ -5,24 +5,15 @@ limit         how many bytes go there before the line is cut
 terminal      the command gets a pseudo terminal
 """
 
+import contextlib
 import os
 import pty
 import selectors
+import socket
 import subprocess
 import sys
 
 PIECE = 4096
-
-
-def start(command, terminal):
-    """The process, and the descriptors to and from it."""
-    if terminal:
-        ours, theirs = pty.openpty()
-        process = subprocess.Popen(command, stdin=theirs, stdout=theirs, stderr=theirs, start_new_session=True)
-        os.close(theirs)
-        return process, ours, ours
-    process = subprocess.Popen(command, stdin=subprocess.PIPE, stdout=subprocess.PIPE)
-    return process, os.dup(process.stdin.fileno()), process.stdout.fileno()
 
 
 def write(descriptor, data):
@@ -30,12 +21,12 @@ def write(descriptor, data):
         data = data[os.write(descriptor, data):]
 
 
-def carry(settings, to, back):
+def carry(settings, line):
     """Until one end has nothing more, or the line is cut."""
-    left = settings.get("limit", float("inf"))
+    left = settings["limit"]
     with selectors.DefaultSelector() as ready:
         ready.register(0, selectors.EVENT_READ)
-        ready.register(back, selectors.EVENT_READ)
+        ready.register(line, selectors.EVENT_READ)
         while left:
             for key, _ in ready.select():
                 data = os.read(key.fd, PIECE)
@@ -44,22 +35,22 @@ def carry(settings, to, back):
                 if key.fd == 0:
                     data = data[:min(left, len(data))]
                     left -= len(data)
-                    write(to, settings["there"](data))
+                    write(line, settings["there"](data))
                 else:
                     write(1, settings["back"](data))
 
 
 def main():
-    settings = {"there": bytes, "back": bytes}
+    settings = {"there": bytes, "back": bytes, "limit": float("inf"), "terminal": False}
     exec(sys.argv[1], settings)
-    process, to, back = start(sys.argv[2:], settings.get("terminal"))
-    if process.stdin:
-        process.stdin.close()
-    try:
-        carry(settings, to, back)
-    except OSError:
-        pass
-    os.close(to)
+    terminal = settings["terminal"]
+    line, theirs = pty.openpty() if terminal else (end.detach() for end in socket.socketpair())
+    process = subprocess.Popen(sys.argv[2:], stdin=theirs, stdout=theirs, stderr=theirs if terminal else None,
+                               start_new_session=terminal)
+    os.close(theirs)
+    with contextlib.suppress(OSError):
+        carry(settings, line)
+    os.close(line)
     process.wait()
 
 

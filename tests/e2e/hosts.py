@@ -2,7 +2,6 @@
 
 import contextlib
 import functools
-import os
 import re
 import signal
 import socket
@@ -48,7 +47,7 @@ class Host(Child):
     """gx-ssh, which leads to `target`. Leaving the `with` block ends it in order."""
 
     def __init__(self, tools, target, *options, far_side=None, shell=None, allowed="", through=(), **more):
-        """In the options @TARGET is its address. `far_side` or the `shell` commands say what the far side is; by itself
+        """@TARGET in the options is its address. `far_side` or the `shell` commands say what the far side is; by itself
         gx-ssh-peer, which may open `allowed`, too. There the carrier's own status tells nothing, and a carrier that
         could speak for gx-ssh does not become ready."""
         self._peer = f"{tools.folder}/pid"
@@ -72,13 +71,10 @@ class Host(Child):
         return self.expect(self.out, ADDRESS).group(1)
 
     def addresses(self, count):
-        found = []
-
         def told():
-            found[:] = re.findall(ADDRESS, self.out.text(), re.MULTILINE)
-            return len(found) == count
-        eventually(told, "not all addresses were told")
-        return found
+            found = re.findall(ADDRESS, self.out.text(), re.MULTILINE)
+            return found if len(found) == count else None
+        return eventually(told, "not all addresses were told")
 
     @property
     def peer(self):

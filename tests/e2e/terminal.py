@@ -1,15 +1,15 @@
 """gx-ssh on a terminal, with somebody who types."""
 
+import contextlib
 import os
 import pty
 import select
 import shlex
 import signal
 import subprocess
-import time
 
 from hosts import Host, Target
-from throwaway import END_S, READY_S, eventually, expect, read
+from throwaway import READY_S, eventually, expect, read
 
 INTERRUPT, SUSPEND = "\x03", "\x1a"
 
@@ -18,7 +18,7 @@ class Terminal:
     """A program in a session of its own on a terminal of its own. Leaving the `with` block kills it."""
 
     def __init__(self, *command):
-        self._unread = ""
+        self.unread = ""
         self._pid, self._fd = pty.fork()
         if self._pid == 0:
             try:
@@ -38,37 +38,28 @@ class Terminal:
     def type(self, keys):
         os.write(self._fd, keys.encode())
 
-    def _read(self, seconds):
+    def read(self, seconds=READY_S):
         """False: nothing came in time, or nothing comes any more."""
-        if not select.select([self._fd], [], [], seconds)[0]:
-            return False
-        try:
-            piece = os.read(self._fd, 4096)
-        except OSError:  # nobody has the terminal open any more
-            return False
-        self._unread += piece.decode(errors="replace")
+        piece = b""
+        if select.select([self._fd], [], [], seconds)[0]:
+            with contextlib.suppress(OSError):  # nobody has the terminal open any more
+                piece = os.read(self._fd, 4096)
+        self.unread += piece.decode(errors="replace")
         return bool(piece)
 
     def expect(self, text):
         """Waits for the text and returns what came before it."""
-        limit = time.monotonic() + READY_S
-        while text not in self._unread:
-            expect(self._read(max(0, limit - time.monotonic())), f"it did not show {text!r}, but {self._unread!r}")
-        before, self._unread = self._unread.split(text, 1)
+        while text not in self.unread:
+            expect(self.read(), f"it did not show {text!r}, but {self.unread!r}")
+        before, self.unread = self.unread.split(text, 1)
         return before
 
-    def rest(self, seconds):
-        """What it shows until it ends, or the time is over."""
-        limit = time.monotonic() + seconds
-        while self._read(max(0, limit - time.monotonic())):
-            pass
-        return self._unread
-
     def expect_status(self, expected):
-        shown = self.rest(END_S)
+        while self.read():
+            pass
         status = os.waitstatus_to_exitcode(os.waitpid(self._pid, 0)[1])
         self._pid = 0
-        expect(status == expected, f"the status was {status}, not {expected}: {shown!r}")
+        expect(status == expected, f"the status was {status}, not {expected}: {self.unread!r}")
 
 
 def interactive_shell():
@@ -81,12 +72,11 @@ def interactive_shell():
 
 
 def asking(tools, before=""):
-    """A carrier that asks for a password first."""
     return f"sh -c '{before}printf \"Password: \" >/dev/tty; read p </dev/tty; exec {tools.gx_ssh_peer}'"
 
 
 def interrupts_a_command(tools):
-    """That is the command's affair, once for each key, and the carrier's not at all; no shell could continue it."""
+    """The command gets the key once and the carrier never; no key stops them, since no shell could continue them."""
     command = shlex.quote("trap 'echo got it' INT; echo up; "
                           "until [ \"$x\" = end ]; do read x; echo \"<$x>\"; done; exit 7")
     for errors in ("", " 2>/dev/null"):
@@ -101,17 +91,13 @@ def interrupts_a_command(tools):
 
 
 def interrupts_a_carrier(tools):
-    with Terminal("sh", "-c", f"exec {tools.gx_ssh} -- {asking(tools)}") as terminal:
-        terminal.expect("Password: ")
-        terminal.type(INTERRUPT)
-        terminal.expect_status(0)
-    # gx-ssh may hear of the end of such a carrier before it hears of the key.
+    """gx-ssh may hear of the carrier's end before it hears of the key."""
     with Terminal(tools.gx_ssh, "--", "sh", "-c", "kill -INT $$") as terminal:
         terminal.expect_status(0)
 
 
 def goes_on_in_a_script(tools):
-    """The script has the terminal again, whoever had it."""
+    """Afterwards the script has the terminal again."""
     for command in ("--run true --", "--run true -- false;", "-- false;"):
         script = f"{tools.gx_ssh} {command} {tools.gx_ssh_peer}; echo over; read x; echo \"<$x>\""
         with Terminal("sh", "-c", script) as terminal:
@@ -175,12 +161,7 @@ def has_it_in_the_background(tools):
         shell.type(f"TERM=vt100 {tools.gx_ssh} -- {tools.gx_ssh_peer} &\n")
         shell.expect("127.0.0.1:")
         shell.expect("\n")
-        shown = shell.rest(1.2)
-        expect(not shown, f"it showed {shown!r}")
-        shell.type("fg\n")
-        shell.expect(" open, ")
-        shell.type(SUSPEND)
-        shell.expect("Stopped")
+        expect(not shell.read(1.2) and not shell.unread, f"it showed {shell.unread!r}")
         shell.type("fg\n")
         shell.expect(" open, ")
         shell.type(INTERRUPT)
@@ -190,10 +171,6 @@ def has_it_in_the_background(tools):
 
 def terminal(tools):
     """Who gets what is typed, and who may write."""
-    interrupts_a_command(tools)
-    interrupts_a_carrier(tools)
-    goes_on_in_a_script(tools)
-    suspends_and_continues(tools)
-    has_another_carrier_ask(tools)
-    is_stopped_inside_a_script(tools)
-    has_it_in_the_background(tools)
+    for case in (interrupts_a_command, interrupts_a_carrier, goes_on_in_a_script, suspends_and_continues,
+                 has_another_carrier_ask, is_stopped_inside_a_script, has_it_in_the_background):
+        case(tools)

@@ -39,10 +39,12 @@ def expect(condition, *what):
 
 
 def eventually(condition, what):
+    """What the condition gives once that is true."""
     limit = time.monotonic() + READY_S
-    while not condition():
+    while not (found := condition()):
         expect(time.monotonic() < limit, what)
         time.sleep(0.01)
+    return found
 
 
 def read(path):
@@ -193,12 +195,6 @@ def write_script(path, text):
     os.chmod(path, 0o700)
 
 
-def free_port():
-    with socket.socket() as probe:
-        probe.bind(("127.0.0.1", 0))
-        return probe.getsockname()[1]
-
-
 def user_name():
     return pwd.getpwuid(os.geteuid()).pw_name
 
@@ -232,23 +228,23 @@ class SshServer:
     def _start(self):
         # Another program may take the port between the probe and sshd's bind.
         for _ in range(5):
-            self.port = free_port()
+            with socket.create_server(("127.0.0.1", 0)) as probe:
+                self.port = probe.getsockname()[1]
             self.address = f"127.0.0.1:{self.port}"
             self._write_config()
             daemon = Child([self._program(), "-D", "-e", "-f", f"{self.folder}/sshd_config"])
             if daemon.err.wait_for(r"^Server listening on ", READY_S):
                 return daemon
             with daemon:
-                if "Address already in use" not in daemon.err.text():
-                    raise Failure(f"sshd does not start: {daemon.err.text()}")
+                said = daemon.err.text()
+                expect("Address already in use" in said, f"sshd does not start: {said}")
         raise Failure("no free port for sshd")
 
     @staticmethod
     def _program():
         # sshd runs itself anew for each connection and wants to be called by its full path.
         program = shutil.which("sshd", path=os.environ.get("PATH", "") + ":/usr/sbin:/usr/local/sbin")
-        if program is None:
-            raise Failure("no sshd here; scripts/bootstrap installs it")
+        expect(program, "no sshd here; scripts/bootstrap installs it")
         return program
 
     def inetd_command(self):
