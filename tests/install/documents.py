@@ -1,23 +1,15 @@
 #!/usr/bin/env python3
-"""Every option that a program's --help tells is in its manual page and in each completion, and no other is; and
-docs/screens.md shows that help. Arguments: the sources and the programs."""
+"""Every option that a program's --help tells is in its manual page and in each completion, and no other is;
+docs/screens.md shows that help, and every test that SECURITY.md names exists. Arguments: ctest, the build's folder, the
+sources and the programs."""
 
 import re
 import shutil
 import sys
 
-from tunnel import expect, run
+from tunnel import expect, read, run
 
 OPTION = r"--?[A-Za-z][A-Za-z-]*"
-
-
-def read(path):
-    with open(path, encoding="ascii") as file:
-        return file.read()
-
-
-def of_help(text):
-    return {option for head in re.findall(r"^  (-\S+)", text, re.MULTILINE) for option in re.findall(OPTION, head)}
 
 
 def is_on_page(page, name, text):
@@ -61,23 +53,29 @@ _{name.replace("-", "_")}; echo "${{COMPREPLY[*]}}" """
     return run(["bash", "-c", script, "bash", f"{source}/completions/gx-ssh.bash"]).startswith("-f ")
 
 
-def mistaken_files(source, name, text):
-    """Options whose values are names of files where others are completed, or the other way round."""
-    values = re.findall(r"^  (?:-\w,)?(--[a-z-]+) ([A-Z]\S*)", text, re.MULTILINE)
-    return [option for option, kind in values
-            if offers_files(source, name, option) != (kind in ("FILE", "PATH"))]
+def missing_tests(page, tests):
+    """What the last column of a table names in backticks is a test, or what the names of some begin with."""
+    cells = re.findall(r"^\|.*\| (`\S.*`) \|$", page, re.MULTILINE)
+    names = {name.rstrip("*.") for cell in cells for name in re.findall(r"`([^`]+)`", cell)}
+    expect(names, "SECURITY.md names no test")
+    return [name for name in names if not any(f"{test}.".startswith(f"{name}.") for test in tests)]
 
 
-source, *programs = sys.argv[1:]
+ctest, build, source, *programs = sys.argv[1:]
 named = set(re.findall(r"^\.Sy (\S+)", read(f"{source}/docs/man/gx-control-ssh.7"), re.MULTILINE))
 built = set(re.findall(r"gx_package\(\S+ (\S+)", read(f"{source}/cmake/GxPackage.cmake")))
+tests = re.findall(r"^ *Test +#\d+: (\S+)", run([ctest, "--test-dir", build, "-N"]), re.MULTILINE)
 mistakes = [f"there is no package {name}" for name in named - built]
+mistakes += [f"SECURITY.md: there is no test {name}" for name in missing_tests(read(f"{source}/SECURITY.md"), tests)]
 for program in programs:
     name, text = program.rsplit("/", 1)[1], run([program, "--help"])
-    mistakes += [f"{name} {option}: wrong about files" for option in mistaken_files(source, name, text)]
+    mistakes += [f"{name} {option} {kind}: bash completes files where it should not, or the other way round"
+                 for option, kind in re.findall(r"^  (?:-\w,)?(--[a-z-]+) ([A-Z]\S*)", text, re.MULTILINE)
+                 if offers_files(source, name, option) != (kind in ("FILE", "PATH"))]
     if not is_on_page(read(f"{source}/docs/screens.md"), name, text):
         mistakes.append(f"docs/screens.md: {name} --help shows:\n{text}")
-    told = of_help(text)
+    heads = re.findall(r"^  (-\S+)", text, re.MULTILINE)
+    told = {option for head in heads for option in re.findall(OPTION, head)}
     for path, shell, options in (
         (f"docs/man/{name}.1", None, of_page),
         ("completions/gx-ssh.bash", "bash", of_bash),

@@ -9,13 +9,7 @@ import os
 import sys
 import tempfile
 
-from tunnel import TARGET, check_tunnel, expect, run
-
-
-def the_one(pattern):
-    found = glob.glob(pattern, recursive=True)
-    expect(len(found) == 1, pattern, found)
-    return found[0]
+from tunnel import TARGET, check_tunnel, run
 
 
 build, cmake, compiler, *flags = sys.argv[1:]
@@ -24,13 +18,14 @@ with tempfile.TemporaryDirectory(dir=build) as scratch:
     prefix = f"{scratch}/moved"
     run([cmake, "--install", build, "--prefix", f"{scratch}/first"])
     os.rename(f"{scratch}/first", prefix)
-    source = the_one(f"{prefix}/share/doc/**/minimal_host.cc")
+    [source] = glob.glob(f"{prefix}/share/doc/**/minimal_host.cc", recursive=True)
+    [described] = glob.glob(f"{prefix}/**/gxmod.pc", recursive=True)
 
     run([cmake, "-S", os.path.dirname(source), "-B", f"{scratch}/build", f"-DCMAKE_PREFIX_PATH={prefix}",
          f"-DCMAKE_CXX_COMPILER={compiler}", f"-DCMAKE_CXX_FLAGS={' '.join(flags)}"])
     run([cmake, "--build", f"{scratch}/build"])
 
-    where = dict(os.environ, PKG_CONFIG_PATH=os.path.dirname(the_one(f"{prefix}/**/gxmod.pc")))
+    where = dict(os.environ, PKG_CONFIG_PATH=os.path.dirname(described))
     found = run(["pkg-config", "--cflags", "--libs", "gxmod"], env=where).split()
     module = run(["pkg-config", "--variable=module", "gxmod"], env=where).strip()
     run([compiler, *flags, "-std=c++17", f'-DGXMOD_MODULE="{module}"', source, *found, "-ldl", "-o", f"{scratch}/host"])

@@ -8,7 +8,7 @@ import threading
 sys.path.insert(0, f"{os.path.dirname(os.path.realpath(__file__))}/../e2e")
 
 from hosts import ADDRESS, Target, connect, expect_answer  # noqa: E402
-from throwaway import Child, expect, run, run_to_the_end  # noqa: E402,F401
+from throwaway import Child, expect, read, run, run_to_the_end  # noqa: E402,F401
 
 TARGET = "TARGET"  # in a command line: the address of an echo server
 
