@@ -195,14 +195,13 @@ def into_a_virtual_machine(tools, server):
 
 # The emulator of each architecture.
 FOREIGN = {"aarch64": "qemu-aarch64", "armv7": "qemu-arm", "riscv64": "qemu-riscv64"}
-PEERS = os.path.abspath(f"{HERE}/../../build/peers")
 
 
 def foreign_peers(tools, server):
     """Each static peer that scripts/foreign-peers has built carries a command and a large copy, run by qemu."""
     tried = []
     for architecture, emulator in FOREIGN.items():
-        peer = f"{PEERS}/{architecture}/gx-ssh-peer"
+        peer = os.path.abspath(f"{HERE}/../../build/peers/{architecture}/gx-ssh-peer")
         if not os.path.exists(peer) or not shutil.which(emulator):
             print(f"{architecture}: left out; it takes what scripts/foreign-peers tells, and qemu-user", flush=True)
             continue

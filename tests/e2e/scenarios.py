@@ -2,6 +2,7 @@
 """What users do with the system, with the real programs: one scenario per call. The first is also the demo."""
 
 import argparse
+import contextlib
 import os
 import sys
 import tempfile
@@ -63,13 +64,10 @@ SCENARIOS = {**relays.SCENARIOS, **bringing.SCENARIOS, **programs.SCENARIOS, "te
 
 
 def play(tools):
-    with tempfile.TemporaryDirectory(prefix="gx-ssh-") as tools.folder:
-        if tools.scenario in SSH:
-            with SshServer(tools.folder) as server, nothing_left(tools.folder):
-                SSH[tools.scenario](tools, server)
-        else:
-            with nothing_left(tools.folder):
-                SCENARIOS[tools.scenario](tools)
+    with tempfile.TemporaryDirectory(prefix="gx-ssh-") as tools.folder, contextlib.ExitStack() as exits:
+        server = [exits.enter_context(SshServer(tools.folder))] if tools.scenario in SSH else []
+        exits.enter_context(nothing_left(tools.folder))
+        (SSH | SCENARIOS)[tools.scenario](tools, *server)
 
 
 def parse_arguments():
