@@ -20,18 +20,25 @@ constexpr std::chrono::microseconds kLinger{50};
 // While calls of Write send the batches themselves, the flusher doubles its pause up to this.
 constexpr std::chrono::microseconds kLongestLinger{1000};
 
-// Limits of unread bytes in the socket. On a fast line a large one saves context switches. On a slow line it
-// would keep the descriptor full for many seconds, which the module would take for a stuck far side.
-constexpr int kUnreadBytes = 208 * 1024;
-constexpr int kUnreadBytesSlow = 8 * 1024;
-constexpr std::uint64_t kFastBytesPerMs = 1000;
+// A keystroke waits for all that is in the socket and in the queue, so both hold what is sent in so many
+// seconds. On a fast line they are large, which saves context switches.
+constexpr double kUnreadSeconds = 0.0015;  // Linux allows twice as many bytes
+constexpr double kLeastUnreadBytes = 8 * 1024;
+constexpr double kMostUnreadBytes = 208 * 1024;
+constexpr double kQueueSeconds = 0.0005;
+constexpr double kLeastQueueBytes = kFullBlockBytes;
 constexpr std::chrono::milliseconds kLook{20};
 
 }  // namespace
 
 PluginOutput::PluginOutput(int fd, StopSignal& stop, Handler& handler, LinePace::Now now)
-    : fd_(fd), stop_(stop), handler_(handler), now_(now), flusher_([this] { Flush(); }) {
-  SetUnreadBytes(fd_, kUnreadBytesSlow);
+    : fd_(fd),
+      stop_(stop),
+      handler_(handler),
+      now_(now),
+      most_queued_(static_cast<std::size_t>(kLeastQueueBytes)),
+      flusher_([this] { Flush(); }) {
+  SetUnreadBytes(fd_, static_cast<int>(kLeastUnreadBytes));
 }
 
 PluginOutput::~PluginOutput() {
@@ -80,7 +87,7 @@ bool PluginOutput::Put(Lock& lock, std::string_view bytes) {
 }
 
 bool PluginOutput::MustWait(std::size_t bytes) const {
-  return !closed() && !finished_ && (queued() >= kQueueBytes || !pace_.HasRoomFor(bytes));
+  return !closed() && !finished_ && (queued() >= most_queued_ || !pace_.HasRoomFor(bytes));
 }
 
 void PluginOutput::Insert(std::string_view frame) {
@@ -183,7 +190,7 @@ void PluginOutput::Send() {
 void PluginOutput::WaitForRoom(Lock& lock, std::size_t bytes) {
   Send();
   while (MustWait(bytes)) {
-    writer_waits_ = queued() >= kQueueBytes;
+    writer_waits_ = queued() >= most_queued_;
     writer_waits_ ? WaitForDescriptor(lock) : line_.wait(lock);
     if (std::exchange(writer_waits_, false)) work_.notify_one();
   }
@@ -210,11 +217,14 @@ void PluginOutput::WaitForDescriptor(Lock& lock) {
 
 void PluginOutput::LookAtRate() {
   const LinePace::Clock::time_point now = now_();
-  const auto passed = std::chrono::duration_cast<std::chrono::milliseconds>(now - looked_at_);
+  const auto passed = now - looked_at_;
   if (passed < kLook) return;
-  const bool fast = sent_ever_ - sent_then_ >= kFastBytesPerMs * static_cast<std::uint64_t>(passed.count());
-  if (fast != fast_) SetUnreadBytes(fd_, fast ? kUnreadBytes : kUnreadBytesSlow);
-  fast_ = fast;
+  const double rate =
+      static_cast<double>(sent_ever_ - sent_then_) / std::chrono::duration<double>(passed).count();
+  const double unread = std::clamp(rate * kUnreadSeconds, kLeastUnreadBytes, kMostUnreadBytes);
+  SetUnreadBytes(fd_, static_cast<int>(unread));
+  most_queued_ = static_cast<std::size_t>(
+      std::clamp(rate * kQueueSeconds, kLeastQueueBytes, static_cast<double>(kQueueBytes)));
   looked_at_ = now;
   sent_then_ = sent_ever_;
 }

@@ -46,9 +46,9 @@ class PluginOutput : FrameReader::Handler {
   PluginOutput(int fd, StopSignal& stop, Handler& handler, LinePace::Now now = &LinePace::Clock::now);
   virtual ~PluginOutput();
 
-  // Takes the whole block, which may begin and end inside a frame. Blocks while kQueueBytes or more are queued,
-  // and until the line has room. Splits a Data frame that is too long for the line. Returns false when closed
-  // or finished, or when the descriptor has failed.
+  // Takes the whole block, which may begin and end inside a frame. Blocks while more is queued than the
+  // descriptor takes in a moment, and until the line has room. Splits a Data frame that is too long for the
+  // line. Returns false when closed or finished, or when the descriptor has failed.
   bool Write(const void* data, std::size_t length);
 
   // Queues a whole frame, after the current frame of Write. Never blocks.
@@ -121,7 +121,7 @@ class PluginOutput : FrameReader::Handler {
   bool between_frames_ = true;
   bool full_ = false;  // the last write filled the descriptor
   std::uint64_t sent_ever_ = 0;
-  bool fast_ = false;  // at the last measurement
+  std::size_t most_queued_;  // more blocks Write; by the last measurement
   std::chrono::steady_clock::time_point looked_at_{};
   std::uint64_t sent_then_ = 0;
   bool writer_waits_ = false;  // a caller is in WaitForRoom and sends the queue

@@ -345,28 +345,33 @@ class Unconcerned : public PluginOutput::Handler {
 std::atomic<LinePace::Clock::duration> g_line_time{};
 LinePace::Clock::time_point LineTime() { return LinePace::Clock::time_point(g_line_time.load()); }
 
-// On a line of a quarter of a megabyte a second the module writes on before 64 KiB more have left: if a queue
-// of hundreds had to leave first, it would take the far side for stuck. In lumps of 16 KiB the line never looks
-// fast.
-TEST(PluginOutputTest, ASlowLineIsSeenToMove) {
+// A keystroke waits for all that the module has written and the line has not taken: a few milliseconds of a
+// slow line. A fast one gets enough to work on for longer.
+TEST(PluginOutputTest, LittleWaitsForASlowLine) {
   const auto [near, far] = MakeSocketPair();
   SetNonBlocking(near.get(), true);
   StopSignal stop;
   Unconcerned handler;
   PluginOutput output(near.get(), stop, handler, &LineTime);
-  std::atomic<std::size_t> taken{0};
+  std::atomic<std::size_t> written{0};
   std::thread module([&] {
     const std::string frame = DataFrame(7, std::string(4080, 'x'));
-    while (output.Write(frame.data(), frame.size())) taken += frame.size();
+    while (output.Write(frame.data(), frame.size())) written += frame.size();
   });
-  EXPECT_TRUE(gxtest::Eventually([&] { return taken >= PluginOutput::kQueueBytes; }));
-  for (int time = 0; time < 10 && !HasFailure(); ++time) {
-    const std::size_t before = taken;
-    for (int lump = 0; lump < 4; ++lump) {
-      g_line_time = g_line_time.load() + std::chrono::milliseconds(64);
-      ReadExactly(far.get(), 16 * 1024);
-    }
-    EXPECT_TRUE(gxtest::Eventually([&] { return taken > before; }, std::chrono::seconds(5))) << time;
+  std::size_t read = 0;
+  const auto carry = [&](std::size_t bytes_in_a_ms) {
+    g_line_time = g_line_time.load() + std::chrono::milliseconds(1);
+    read += ReadExactly(far.get(), bytes_in_a_ms).size();
+  };
+  const auto carry_much = [&] {
+    if (written >= read + 150'000) return true;
+    for (int time = 0; time < 20; ++time) carry(200'000);
+    return false;
+  };
+  for (const std::size_t bytes : {250, 10'000, 1'000}) {
+    for (const std::size_t enough = read + 4'000'000; read < enough;) carry(bytes);
+    EXPECT_LE(written, read + 100'000) << bytes;
+    EXPECT_TRUE(gxtest::Eventually(carry_much)) << "behind " << bytes;
   }
   stop.Raise();
   output.Close();
