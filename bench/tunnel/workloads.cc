@@ -306,19 +306,19 @@ const std::vector<Workload>& Workloads() {
   static const std::vector<Workload> all{
       {"up", "connections that send", [](const Plan& plan) { return Bulk(plan, Service::kSink); }},
       {"down", "connections that receive", [](const Plan& plan) { return Bulk(plan, Service::kSource); }},
-      {"trip", "64 bytes there and back, again and again", Trips},
+      {"trip", "round trips of 64 bytes, one after the other", Trips},
       {"trip-up", "trip, beside connections that send",
        [](const Plan& plan) { return TripsBesideBulk(plan, Service::kSink); }},
       {"trip-down", "trip, beside connections that receive",
        [](const Plan& plan) { return TripsBesideBulk(plan, Service::kSource); }},
-      {"trip-idle", "trip, beside connections on which nothing moves; memory", TripsBesideIdle},
-      {"keystroke", "40 bytes there and back; the next 50 ms later", Keystrokes},
+      {"trip-idle", "trip, beside idle connections; memory", TripsBesideIdle},
+      {"keystroke", "round trips of 40 bytes, each 50 ms after the previous one", Keystrokes},
       {"keystroke-up", "keystroke, beside connections that send",
        [](const Plan& plan) { return KeystrokesBesideBulk(plan, Service::kSink); }},
       {"keystroke-down", "keystroke, beside connections that receive",
        [](const Plan& plan) { return KeystrokesBesideBulk(plan, Service::kSource); }},
-      {"connect", "threads that connect, do one trip, hang up", Connect},
-      {"nothing", "no connection at all; CPU time", Nothing},
+      {"connect", "threads that connect, do one trip and close", Connect},
+      {"nothing", "no connection; CPU time", Nothing},
   };
   return all;
 }

@@ -12,7 +12,7 @@
 namespace gxtool {
 namespace {
 
-// Shells with a line editor accept no longer line from a terminal.
+// The limit of some shells' line editors for a line from a terminal.
 constexpr std::size_t kFirstLineBytes = 1020;
 constexpr std::size_t kMarkDigits = 12;
 

@@ -55,7 +55,7 @@ std::string Reason(const std::string& text) {
   for (const auto& [said, means] : kPhrases) {
     if (text.find(said) != std::string::npos) return fmt::format("{} (\"{}\")", means, Escape(text));
   }
-  return text.empty() ? "it does not say why" : '"' + Escape(text) + '"';
+  return text.empty() ? "the reason is unknown" : '"' + Escape(text) + '"';
 }
 
 std::string PrepareProblem(int status, const std::string& text) {

@@ -145,7 +145,7 @@ std::string Listener::ClientText(int client) const {
 void Listener::Serve(Descriptor client) {
   fcntl(client.get(), F_SETFD, FD_CLOEXEC);
   if (users_ && users_->OwnerOfPeer(client.get()) != geteuid()) {
-    return spdlog::debug("turned a client of another user away");
+    return spdlog::debug("refused a client of another user");
   }
   const int on = 1;
   if (!IsUnix()) setsockopt(client.get(), IPPROTO_TCP, TCP_NODELAY, &on, sizeof on);

@@ -261,7 +261,7 @@ std::string Contradiction(const Options& options) {
   const std::vector<Forward> listeners = options.Listeners();
   if (options.print == PrintFormat::kSshConfig && !listeners.empty() &&
       listeners.front().at.unix_path.find('\n') != std::string::npos) {
-    return "--print ssh-config: a path of two lines cannot be told";
+    return "--print ssh-config: a path of two lines is not supported";
   }
   const auto is_unix = [](const Forward& forward) { return !forward.at.unix_path.empty(); };
   if (options.print == PrintFormat::kPort && std::any_of(listeners.begin(), listeners.end(), is_unix)) {

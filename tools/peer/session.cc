@@ -118,7 +118,7 @@ void PeerSession::Greet(std::string_view* bytes) {
 void PeerSession::FailGreeting(const std::string& why) {
   result_ = kPeerNotReady;
   const std::string noise = Escape(greeting_.noise());
-  Log(LogLevel::kError, why + (noise.empty() ? "" : "; what came ends in \"" + noise + '"'));
+  Log(LogLevel::kError, why + (noise.empty() ? "" : "; the last received bytes are \"" + noise + '"'));
   EndAll({});
 }
 
@@ -363,7 +363,7 @@ void PeerSession::PauseOrResumeInput() {
   const bool answers_wait = output_.owed() > kOwedMark / part;
   const bool holds = over_mark_ != 0 || queued_ > kTotalQueueMark / part || answers_wait;
   if (holds != std::exchange(holds_, holds)) {
-    Log(LogLevel::kDebug, holds ? "the input waits for a slow target" : "the input goes on");
+    Log(LogLevel::kDebug, holds ? "the input waits for a slow target" : "the input continues");
     holds_since_ = Clock::now();
     NeedTick();
   }
