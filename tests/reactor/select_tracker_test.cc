@@ -51,12 +51,16 @@ TEST_F(SelectTrackerTest, ATaskWhoseTimeHasPassedWaitsForNobody) {
   }
 }
 
-// Without sockets the tracker sleeps until a timer is due.
+// Without sockets the tracker sleeps until a timer is due. After a stop no timer fires.
 TEST_F(SelectTrackerTest, AnIdleTrackerSleeps) {
-  const CRefObj<ITask> killed = new FakeTimer([] { ADD_FAILURE() << "it has been killed"; });
-  tracker_.SetTimer(killed.get(), 0, false);
-  EXPECT_TRUE(tracker_.KillTimer(killed.get()));
-  tracker_.SetTimer(new FakeTimer([&] { tracker_.Shutdown(); }), 50, true);
+  const CRefObj<ITask> never = new FakeTimer([] { ADD_FAILURE() << "killed, or set after the stop"; });
+  tracker_.SetTimer(never.get(), 0, false);
+  EXPECT_TRUE(tracker_.KillTimer(never.get()));
+  const auto stop = [&] {
+    tracker_.Shutdown();
+    tracker_.SetTimer(never.get(), 0, true);
+  };
+  tracker_.SetTimer(new FakeTimer(stop), 50, true);
   int passes = 0;
   while (PassWithoutTask()) ++passes;
   EXPECT_LE(passes, 10);
