@@ -12,8 +12,7 @@ TEST(ChannelListTest, ReadsAndWrites) {
       {" name = a ;; bare", "name=&pro=&addr=;name=&pro=&addr=;name=%20a%20&pro=&addr=;"},
       {"name=first&name=second", "name=first&pro=&addr=;"},
   };
-  for (const auto& [text, records] : cases)
-    EXPECT_EQ(FormatChannelList(ParseChannelList(text)), records) << text;
+  for (const auto& [text, list] : cases) EXPECT_EQ(FormatChannelList(ParseChannelList(text)), list) << text;
   EXPECT_EQ(ParseChannelList("name=a")[0].name, "a") << "no NUL follows";
   EXPECT_EQ(FormatChannelList({{"ssh", "tcp", "127.0.0.1:22"}, {"a;b", "", "&="}}),
             "name=ssh&pro=tcp&addr=127%2E0%2E0%2E1%3A22;name=a%3Bb&pro=&addr=%26%3D;");

@@ -74,8 +74,7 @@ TEST_F(ReactorTest, ATaskThatThrowsIsLoggedAndTheOthersAreServed) {
   using testing::Contains, testing::Pair, testing::HasSubstr, testing::Not;
   const auto lines = log_.Lines();
   EXPECT_THAT(lines, Contains(Pair(kGXModLogError, HasSubstr("exception"))).Times(2));
-  EXPECT_THAT(lines, Not(Contains(Pair(kGXModLogInfo, HasSubstr("closed")))))
-      << "the wake-up socket stays open";
+  EXPECT_THAT(lines, Not(Contains(Pair(kGXModLogInfo, HasSubstr("closed"))))) << "the wake-up socket";
 }
 
 // The system interrupts all threads when user ids change, by a signal that cannot be blocked.

@@ -9,6 +9,8 @@
 
 namespace {
 
+using gxbase::ScopedDescriptor;
+
 class SelectTrackerTest : public testing::Test {
  protected:
   SelectTrackerTest() { EXPECT_TRUE(tracker_.Start(0)); }
@@ -102,20 +104,19 @@ TEST_F(SelectTrackerTest, AnExceptionInAPassKeepsNobodyFromTheStop) {
 
 // select reports urgent data as an exceptional condition.
 TEST_F(SelectTrackerTest, AnExceptionalConditionIsAnError) {
-  const int listener = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-  const int sender = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+  const ScopedDescriptor listener(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
+  const ScopedDescriptor sender(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
   sockaddr address{};
   socklen_t length = sizeof address;
-  EXPECT_EQ(listen(listener, 1), 0);
-  getsockname(listener, &address, &length);
-  EXPECT_EQ(connect(sender, &address, length), 0);
-  const int receiver = accept4(listener, nullptr, nullptr, SOCK_CLOEXEC);
-  Add(receiver, kSelectReadable);
-  EXPECT_EQ(send(sender, "!", 1, MSG_OOB), 1);
+  EXPECT_EQ(listen(listener.get(), 1), 0);
+  getsockname(listener.get(), &address, &length);
+  EXPECT_EQ(connect(sender.get(), &address, length), 0);
+  const ScopedDescriptor receiver(accept4(listener.get(), nullptr, nullptr, SOCK_CLOEXEC));
+  Add(receiver.get(), kSelectReadable);
+  EXPECT_EQ(send(sender.get(), "!", 1, MSG_OOB), 1);
   SelectOp op = kSelectNone;
-  EXPECT_EQ(Next(&op), receiver);
+  EXPECT_EQ(Next(&op), receiver.get());
   EXPECT_EQ(op, kSelectError);
-  for (const int descriptor : {listener, sender, receiver}) close(descriptor);
 }
 
 // A change between collecting the tasks and opening the wake-up socket can wake nobody, so the tracker must
@@ -299,7 +300,7 @@ TEST(UdpLoopbackTest, HearsNobodyButItself) {
   sockaddr_in own{};
   socklen_t length = sizeof own;
   ASSERT_EQ(getsockname(loopback.GetHandle(), reinterpret_cast<sockaddr*>(&own), &length), 0);
-  const gxbase::ScopedDescriptor stranger(socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0));
+  const ScopedDescriptor stranger(socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0));
   ASSERT_EQ(sendto(stranger.get(), "x", 1, 0, reinterpret_cast<const sockaddr*>(&own), length), 1);
   EXPECT_EQ(loopback.Write("own", 3), 3);
   char got[8];

@@ -12,7 +12,6 @@ namespace {
 using testing::ElementsAre;
 using testing::HasSubstr;
 using testing::Pair;
-using Story = std::vector<std::string>;
 
 constexpr long kUnlimited = std::numeric_limits<long>::max();
 
@@ -22,15 +21,15 @@ class FakeStream : public CBaseStream {
  public:
   explicit FakeStream(bool connected) : CBaseStream(/*type=*/5, connected) {}
 
-  std::string incoming;      // what can be read
-  std::string sent;          // what was written
-  long piece = kUnlimited;   // the most bytes that one operation moves
-  long credit = kUnlimited;  // the bytes that writes may still take
-  int fails_with = 0;        // the errno with which every operation fails
-  bool steps = true;         // the transport accepts another step
-  bool empties = false;      // the handler empties the buffer at each step
-  std::string told;          // the bytes that the steps of reads reported
-  Story story;               // of hooks and disconnects
+  std::string incoming;            // what can be read
+  std::string sent;                // what was written
+  long piece = kUnlimited;         // the most bytes that one operation moves
+  long credit = kUnlimited;        // the bytes that writes may still take
+  int fails_with = 0;              // the errno with which every operation fails
+  bool steps = true;               // the transport accepts another step
+  bool empties = false;            // the handler empties the buffer at each step
+  std::string told;                // the bytes that the steps of reads reported
+  std::vector<std::string> story;  // of hooks and disconnects
   std::function<void(const std::string& event)> on_event = [](const std::string&) {};
   std::function<void()> on_busy = [] {};  // called when an operation has nothing to move
 
@@ -117,11 +116,9 @@ TEST_F(BaseStreamTest, RequestsCompleteInOrderHoweverTheTransportCuts) {
     EXPECT_EQ(Send("!"), 1U);
     EXPECT_EQ(stream_->sent, "> hello, w!");
 
-    Story done;
-    for (const std::string& event : stream_->story) {
-      if (event.find("done") != std::string::npos) done.push_back(event);
-    }
-    EXPECT_THAT(done,
+    const auto is_step = [](const std::string& event) { return event.find("done") == std::string::npos; };
+    std::erase_if(stream_->story, is_step);
+    EXPECT_THAT(stream_->story,
                 ElementsAre("read done 5", "read done 7", "write done 7", "write done 3", "write done 1"));
   }
 }
