@@ -1,7 +1,4 @@
-"""ssh and scp through carriers as people have them, with nothing of gx-ssh at their far end: for scripts/long-tests.
-
-They need root, for a chroot and for another user with a folder.
-"""
+"""For scripts/long-tests, as root: ssh and scp through carriers as people have them, with nothing of gx-ssh there."""
 
 import contextlib
 import glob
@@ -134,7 +131,6 @@ def copy_program(root, program):
 
 
 def make_root(root, modules, server):
-    """`server` gives the keys."""
     for folder in ("dev", "etc", "lib/virtio", "proc", "root", "run/sshd", "sys", "tmp"):
         os.makedirs(f"{root}/{folder}")
     fill_with_busybox(f"{root}/bin")

@@ -13,8 +13,7 @@ ADDRESS = r"^(unix:.*|127\.0\.0\.1:\d+|\[::\]:\d+)$"
 
 
 class Target:
-    """Answers each connection with what it has sent: at once, or (`last`) when it has sent its last byte. Ends with
-    this program."""
+    """Answers each connection with what it has sent: at once, or (`last`) when it has sent its last byte."""
 
     def __init__(self, last=False, path=None):
         """`path` is that of a Unix socket, before which few can wait."""

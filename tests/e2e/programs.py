@@ -446,7 +446,6 @@ def peers(tools):
 
 
 def caches_names(tools, port):
-    """A name is taken from the cache, and one that was looked up is put there."""
     cache, here = f"{tools.folder}/names", socket.gethostname()
     write(cache, json.dumps({"cache": [
         {"name": "known.invalid", "ips": ["127.0.0.1", "2001:db8::1"], "timestamp": 1}]}))

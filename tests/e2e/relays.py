@@ -40,10 +40,7 @@ def expect_whole(host, text, what):
 
 
 def modes(tools):
-    """In each mode in which gx-ssh listens itself strangers get nowhere and keep nobody out, and bytes come back whole.
-
-    A stranger is who finds the module's own port.
-    """
+    """Strangers, who find the module's own port, get nowhere and keep nobody out; bytes come back whole."""
     ways = [["-W", "@TARGET"], ["--listen", "127.0.0.1:0"], ["--listen", f"unix:{tools.folder}/socket"],
             ["--reconnect"], ["--user-only"]]
     text = os.urandom(3_000_000)
@@ -94,10 +91,7 @@ def many(tools):
 
 
 def forwards(tools):
-    """Each -L leads to its target over the one carrier, however many go through; those that are refused harm no other.
-
-    They come while the module is held up by the far side, so that it takes them all at once.
-    """
+    """Each -L leads to its target over the one carrier; connections that are refused harm no other."""
     paths = [f"{tools.folder}/{name}" for name in ("target", "near", "refused")]
     targets = [Target(), Target(), Target(), Target(path=paths[0]), Target(path=paths[2]), Target()]
     named = [target.address.removeprefix("unix:") for target in targets]
@@ -111,6 +105,7 @@ def forwards(tools):
         host.expect(host.err, "other computers can reach ")
         addresses = host.addresses(len(targets))
         expect(read(f"{tools.folder}/addresses").split() == addresses, "the port file has others")
+        # The connections come while the module waits for the far side; then it takes all at once.
         os.kill(host.peer, signal.SIGSTOP)
         with connect(addresses[0]) as filler:
             filler.setblocking(False)

@@ -296,7 +296,6 @@ class Clients:
             """)
 
     def command(self, program, *arguments):
-        """The command line of ssh, scp or sftp."""
         return [program, "-F", self.config, *arguments]
 
     def run(self, program, *arguments):

@@ -59,7 +59,8 @@ TEST_F(ConnectionsTest, TakeTurnsOnASlowLine) {
   }
 }
 
-// Each connection is told by one Connect and one Close, whether its client closes or resets it.
+// One Connect and one Close tell of each connection, whether its client closes or resets it, and all that it
+// sent before it closes arrives.
 TEST_F(ConnectionsTest, ComingAndGoingLeavesNothing) {
   bool resets = false;
   const auto round_trip = [&] {
@@ -69,8 +70,14 @@ TEST_F(ConnectionsTest, ComingAndGoingLeavesNothing) {
     ASSERT_EQ(ReceiveData(connection.id, bytes.size()), bytes);
     stream_->Send({ConnectionType::Data, connection.id, bytes});
     ASSERT_EQ(connection.local.Receive(bytes.size()), bytes);
-    resets = !resets;
-    resets ? connection.local.Reset() : connection.local.Close();
+    resets = !resets;  // which may overtake what was sent
+    if (resets) {
+      connection.local.Reset();
+    } else {
+      ASSERT_TRUE(connection.local.Send(bytes));
+      connection.local.Close();
+      ASSERT_EQ(ReceiveData(connection.id, bytes.size()), bytes);
+    }
     ASSERT_TRUE(stream_->Receive(ConnectionType::Close));
     log_.Lines();
   };
