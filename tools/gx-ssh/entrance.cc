@@ -154,11 +154,7 @@ void Entrance::TakeProof(Guest guest, std::string_view piece) {
   frame_.length -= static_cast<std::uint32_t>(taken);
   if (guest->proof.size() < Secret().size()) return;
   const auto target = Enter(*guest);
-  if (!target) {
-    Refuse(guest);
-    fate_ = Fate::kIsDropped;
-    return;
-  }
+  if (!target) return Refuse(guest);
   passed_ += MakeFrame(ConnectionType::Connect, guest->id, *target);
   waiting_.erase(guest);
   if (frame_.length > 0) PassHeader(frame_);
