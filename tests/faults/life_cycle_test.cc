@@ -1,11 +1,10 @@
 // The life of a plugin in a host's hands: ends at bad moments, calls in any order.
 
 #include "module/ssh_client.h"
-#include "support/descriptor_limit.h"
 #include "support/far_side.h"
 #include "support/forwarding.h"
 #include "support/host_objects.h"
-#include "support/scale.h"
+#include "support/shortage.h"
 #include "support/test.h"
 
 namespace gxtest {

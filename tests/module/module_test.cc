@@ -7,31 +7,24 @@
 #include "support/host_objects.h"
 #include "support/leak_gate.h"
 #include "support/log_capture.h"
-#include "support/scale.h"
 #include "support/tcp_client.h"
 #include "support/temp_dir.h"
 #include "support/test.h"
 
 namespace {
 
-using gxmod::ConnectionType;
-using gxtest::CreateParams;
-using gxtest::PluginListener;
-using gxtest::PluginStream;
-using gxtest::TcpClient;
+using namespace gxtest;
 using testing::ElementsAre;
 using testing::HasSubstr;
 using testing::Pair;
 
-// One built by another compiler can be put in the place of this build's.
+// GX_MODULE_UNDER_TEST names a module of another build, for example of another compiler.
 const char* ModulePath() {
   const char* path = std::getenv("GX_MODULE_UNDER_TEST");
   return path != nullptr ? path : GX_MODULE_PATH;
 }
 
-bool IsMapped() { return FileText("/proc/self/maps").find("libgx-control-ssh.so") != std::string::npos; }
-
-class ModuleTest : public gxtest::LeakGate {
+class ModuleTest : public LeakGate {
  protected:
   void SetUp() override { Load(); }
 
@@ -52,7 +45,7 @@ class ModuleTest : public gxtest::LeakGate {
     entry_->uninit();
     dlclose(library_);
     library_ = nullptr;
-    EXPECT_FALSE(IsMapped());
+    EXPECT_THAT(FileText("/proc/self/maps"), testing::Not(HasSubstr("libgx-control-ssh.so")));
   }
 
   CRefObj<IControlSshPlugin> Create(const CRefObj<CreateParams>& params) {
@@ -67,7 +60,7 @@ class ModuleTest : public gxtest::LeakGate {
     return plugin;
   }
 
-  // Without the verbose ones, since the last call.
+  // The lines since the last call, without the verbose ones.
   std::vector<LogKeeper::Line> Lines() {
     auto lines = runtime_.Lines();
     std::erase_if(lines, [](const auto& line) { return line.first == kGXModLogTrace; });
@@ -91,11 +84,7 @@ TEST_F(ModuleTest, CreationChecksWhatIsAskedFor) {
   const auto line = [](int level, const std::string& text) {
     return LogKeeper::Line(level, "[ssh_control] ssh_control_create " + text);
   };
-  const struct {
-    std::string name;
-    std::optional<std::uint64_t> version;
-    LogKeeper::Line outcome;
-  } cases[] = {
+  const std::tuple<std::string, std::optional<std::uint64_t>, LogKeeper::Line> cases[] = {
       {"icontrolsshplugin", GXModPackVersion({2, 5, 7}), line(1, "success")},
       {"IControlSshPlugin", GXModPackVersion({3, 0, 0}), line(4, "fail, version not match")},
       {"IControlSshPlugin", GXModPackVersion({1, 9, 9}), line(4, "fail, version not match")},
@@ -104,9 +93,9 @@ TEST_F(ModuleTest, CreationChecksWhatIsAskedFor) {
       {"IControlSshPlugin", 0, line(4, "invalid property")},
       {"IControlSshPlugin", std::nullopt, line(4, "invalid property")},
   };
-  for (const auto& c : cases) {
-    EXPECT_EQ(static_cast<bool>(Create(new CreateParams(c.name, c.version))), c.outcome.first == kGXModLogInfo);
-    EXPECT_EQ(Lines().back(), c.outcome);
+  for (const auto& [name, version, outcome] : cases) {
+    EXPECT_EQ(static_cast<bool>(Create(new CreateParams(name, version))), outcome.first == kGXModLogInfo);
+    EXPECT_EQ(Lines().back(), outcome);
   }
   Create(new CreateParams("IControlSshPlugin", GXModPackVersion({2, 1, 7})));
   EXPECT_EQ(Lines().front(), line(1, "interface IControlSshPlugin  version 2.1.7 modversion 2.0.0"));
@@ -133,15 +122,9 @@ TEST_F(ModuleTest, PluginWalksItsRoad) {
   EXPECT_EQ(plugin->Run(), kGXModOk);
   EXPECT_THAT(listener->calls, ElementsAre("127.0.0.1:" + std::to_string(plugin->GetLocalPort())));
 
-  const auto list = stream->Receive();
-  ASSERT_TRUE(list);
-  EXPECT_EQ(list->payload, "name=ssh&pro=&addr=10%2E0%2E0%2E5%3A2222;");
+  EXPECT_EQ(stream->Receive().value().payload, "name=ssh&pro=&addr=10%2E0%2E0%2E5%3A2222;");
   TcpClient local(plugin->GetLocalPort());
-  const auto connect = stream->Receive();
-  ASSERT_TRUE(connect);
-  EXPECT_EQ(connect->type, ConnectionType::Connect);
-  EXPECT_EQ(connect->id, 1U) << "the first connection of the process";
-  EXPECT_EQ(connect->payload, "10.0.0.5:2222");
+  EXPECT_EQ(stream->Receive(), (Frame{gxmod::ConnectionType::Connect, 1, "10.0.0.5:2222"}));
 
   EXPECT_EQ(plugin->ExitInstance(), kGXModOk);
   EXPECT_TRUE(stream->IsClosed());
@@ -153,29 +136,19 @@ TEST_F(ModuleTest, PluginWalksItsRoad) {
   EXPECT_THAT(Lines(), testing::IsSupersetOf({called("InitInstance"), called("Run"), called("ExitInstance")}));
 }
 
-TEST_F(ModuleTest, WithoutATextFromTheListenerTheTargetIsTheDefault) {
-  for (const auto& listener : {CRefObj<PluginListener>(), CRefObj<PluginListener>(new PluginListener(""))}) {
-    const CRefObj<IControlSshPlugin> plugin = Create();
-    const CRefObj<PluginStream> stream(new PluginStream);
-    plugin->SetListener(listener.get());
-    plugin->InitInstance(stream.get());
-    EXPECT_EQ(plugin->Run(), kGXModOk);
-    const auto list = stream->Receive();
-    ASSERT_TRUE(list);
-    EXPECT_THAT(list->payload, HasSubstr("addr=127%2E0%2E0%2E1%3A22;"));
-    plugin->ExitInstance();
-  }
-}
-
-// Load the library, connect, carry data both ways, exit, unload: nothing hangs and nothing is left.
+// Loads the library, connects, carries data both ways, exits, unloads: nothing hangs and nothing is left.
+// Without a text from the listener the target is the default.
 TEST_F(ModuleTest, LoadsWorksAndGoesAgainAndAgain) {
-  for (int round = gxtest::Rounds(10, 100); round > 0 && !HasFailure(); --round) {
+  for (int round = Rounds(10, 100); round > 0 && !HasFailure(); --round) {
     {
       const CRefObj<IControlSshPlugin> plugin = Create();
       const CRefObj<PluginStream> stream(new PluginStream);
+      const CRefObj<PluginListener> listener(round % 2 == 0 ? new PluginListener("") : nullptr);
+      plugin->SetListener(listener.get());
       ASSERT_EQ(plugin->InitInstance(stream.get()), kGXModOk);
       ASSERT_EQ(plugin->Run(), kGXModOk);
-      const gxtest::FarSide far(stream);
+      EXPECT_THAT(stream->Receive().value().payload, HasSubstr("addr=127%2E0%2E0%2E1%3A22;"));
+      const FarSide far(stream);
       std::vector<TcpClient> locals;
       for (int i = 0; i < 5; ++i) {
         locals.emplace_back(plugin->GetLocalPort());

@@ -1,9 +1,9 @@
 #include "reactor/reactor.h"
 
 #include "reactor_support.h"
-#include "support/descriptor_limit.h"
 #include "support/leak_gate.h"
 #include "support/log_capture.h"
+#include "support/shortage.h"
 
 namespace {
 

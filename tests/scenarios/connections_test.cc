@@ -2,7 +2,6 @@
 
 #include "support/far_side.h"
 #include "support/forwarding.h"
-#include "support/scale.h"
 #include "support/test.h"
 
 namespace gxtest {

@@ -1,7 +1,6 @@
 // What the far side sends faster than a local client takes it, and what it promises.
 
 #include "support/forwarding.h"
-#include "support/scale.h"
 #include "support/test.h"
 
 namespace gxtest {

@@ -1,10 +1,9 @@
 #include "sock/sock_acceptor.h"
 
 #include "sock/keeping_tracker.h"
-#include "support/descriptor_limit.h"
 #include "support/leak_gate.h"
 #include "support/log_capture.h"
-#include "support/refused_call.h"
+#include "support/shortage.h"
 #include "support/tcp_client.h"
 #include "support/test.h"
 

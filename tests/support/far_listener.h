@@ -1,4 +1,4 @@
-// Keeps what a client hears from its far side.
+// Records what a client hears from its far side.
 #ifndef GX_TESTS_SUPPORT_FAR_LISTENER_H
 #define GX_TESTS_SUPPORT_FAR_LISTENER_H
 
@@ -13,7 +13,7 @@ class FarListener final : public IPortForwardClientRaw::IListener, private CRefe
   void OnChannelsList(const char* text) override { Add(std::string("list ") + text); }
   void OnTestRespond(const char* text, bool ok) override { Add(std::string(ok ? "works " : "fails ") + text); }
 
-  // Everything since the last call, once there are `count` calls or time is up.
+  // Waits for `count` calls; returns those since the last time.
   std::vector<std::string> WaitFor(std::size_t count) {
     std::unique_lock lock(mutex_);
     changed_.wait_for(lock, kPatience, [&] { return calls_.size() >= count; });
@@ -31,7 +31,7 @@ class FarListener final : public IPortForwardClientRaw::IListener, private CRefe
   std::vector<std::string> calls_;
 };
 
-// What a far side answers to a channel test. Status 0: it works.
+// A far side's answer to a channel test. Status 0: the channel works.
 inline Frame Answer(std::uint32_t status, const std::string& text) {
   std::string payload(gxmod::kTestRespondHeaderBytes + text.size(), '\0');
   gxmod::EncodeTestResponse(status, text.data(), static_cast<std::uint16_t>(text.size()), payload.data());

@@ -1,4 +1,4 @@
-// A far side on its own thread that answers what the module sends and keeps account of it.
+// A far side on its own thread that checks and answers what the module sends.
 #ifndef GX_TESTS_SUPPORT_FAR_SIDE_H
 #define GX_TESTS_SUPPORT_FAR_SIDE_H
 
@@ -8,7 +8,7 @@
 
 namespace gxtest {
 
-// Every connection is expected to be one Connect, Data that is one pattern, one Close; what differs is a fault.
+// Expects of every connection one Connect, Data with one pattern, and one Close; everything else is a fault.
 // Threads: the answer runs on the far side's own, all else on any.
 class FarSide {
  public:
@@ -18,7 +18,7 @@ class FarSide {
   static void Echo(PluginStream& stream, const Frame& frame) {
     if (frame.type == gxmod::ConnectionType::Data) stream.Send(frame);
   }
-  // The same, and ends a connection when `bytes` of it have come.
+  // Also ends a connection after `bytes` of it have come.
   static Answer EchoAndEnd(std::uint64_t bytes) {
     return [bytes, left = std::map<std::uint32_t, std::uint64_t>()](PluginStream& stream,
                                                                     const Frame& frame) mutable {
@@ -29,7 +29,7 @@ class FarSide {
       if (rest == 0) stream.Send({gxmod::ConnectionType::Close, frame.id, ""});
     };
   }
-  // Takes everything, says nothing.
+  // Answers nothing.
   static void Sink(PluginStream&, const Frame&) {}
   explicit FarSide(CRefObj<PluginStream> stream, Answer answer = Echo)
       : stream_(std::move(stream)), answer_(std::move(answer)), thread_([this] { Run(); }) {}
@@ -53,14 +53,14 @@ class FarSide {
     const std::lock_guard lock(mutex_);
     return totals_;
   }
-  // So many connections have ended.
+  // Waits until so many connections have ended.
   bool WaitForCloses(std::size_t count, std::chrono::milliseconds patience = kPatience) const {
     return Eventually([&] { return Total().closes >= count; }, patience);
   }
 
  private:
   struct Connection {
-    // False: it is not what comes next.
+    // Returns false when the data is not what comes next.
     bool Add(const std::string& data) {
       if (bytes == 0) seed = SeedOf(data);
       return data == Pattern(data.size(), seed, std::exchange(bytes, bytes + data.size()));
@@ -113,7 +113,7 @@ class FarSide {
   std::map<std::uint32_t, Connection> connections_;
   Totals totals_;
   std::atomic<bool> stop_{false};
-  std::thread thread_;  // the last one: it uses the others
+  std::thread thread_;  // the last member: it uses the others
 };
 
 }  // namespace gxtest

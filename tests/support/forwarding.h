@@ -13,7 +13,7 @@ namespace gxtest {
 
 using gxmod::ConnectionType;
 
-// The client runs, and one channel "ssh" listens; everything is gone before the leaks are counted.
+// The client runs, and one channel "ssh" listens. Everything ends before the leaks are counted.
 class ForwardingTest : public LeakGate {
  protected:
   void SetUp() override { Start({}); }
@@ -57,7 +57,7 @@ class ForwardingTest : public LeakGate {
     return {std::move(local), frame ? frame->id : 0};
   }
 
-  // What the far side gets of a connection until its data is `length` bytes.
+  // Waits until the far side has `length` bytes of a connection's data, and returns them.
   std::string ReceiveData(std::uint32_t id, std::size_t length) {
     std::string data;
     while (data.size() < length) {

@@ -1,4 +1,4 @@
-// What a host gives to the module.
+// The objects that a host gives to the module.
 #ifndef GX_TESTS_SUPPORT_HOST_OBJECTS_H
 #define GX_TESTS_SUPPORT_HOST_OBJECTS_H
 
@@ -8,10 +8,10 @@
 
 namespace gxtest {
 
-// The parameters of `create` and both their properties in one object: it is the property asked for last.
+// The parameters of `create`. The same object is also the property that was asked for last.
 class CreateParams final : public IGXModCreateParams, public IGXModData, private CReference {
  public:
-  // With an empty name there is no such property; without a version, the version property is a text.
+  // An empty name: the property is missing. No version: the version property is a text.
   explicit CreateParams(std::string name = kControlSshInterfaceName,
                         std::optional<std::uint64_t> version = GXModPackVersion(kControlSshVersion))
       : name_(std::move(name)), version_(version) {}
@@ -30,7 +30,7 @@ class CreateParams final : public IGXModCreateParams, public IGXModData, private
   bool is_version_ = false;
 };
 
-// Keeps what a plugin tells its host.
+// Records what a plugin tells its host.
 class PluginListener final : public IControlSshListener, private CReference {
  public:
   explicit PluginListener(std::string target) : target_(std::move(target)) {}

@@ -17,7 +17,7 @@ inline bool WaitFor(int fd, short events, int bound_ms = kBoundMs) {
   return TEMP_FAILURE_RETRY(poll(&entry, 1, bound_ms)) == 1;
 }
 
-// Empty: the end. Nothing: an error, such as a reset, or nothing came in time.
+// Empty: the end. Nothing: an error, such as a reset, or time is up.
 inline std::optional<std::string> TryRead(int fd, std::size_t limit) {
   std::string bytes(limit, '\0');
   const ssize_t count = WaitFor(fd, POLLIN) ? read(fd, bytes.data(), bytes.size()) : -1;
@@ -28,7 +28,7 @@ inline std::optional<std::string> TryRead(int fd, std::size_t limit) {
 
 inline std::string ReadSome(int fd, std::size_t limit = 65536) { return TryRead(fd, limit).value_or(""); }
 
-// Fewer bytes when there are no more or nothing comes in time.
+// Fewer bytes at the end, or when time is up.
 inline std::string ReadExactly(int fd, std::size_t length) {
   std::string bytes;
   for (std::string piece = "."; bytes.size() < length && !piece.empty(); bytes += piece) {
@@ -37,7 +37,7 @@ inline std::string ReadExactly(int fd, std::size_t length) {
   return bytes;
 }
 
-// Nothing when the end does not come in time, or as an error.
+// Nothing after an error, or when time is up before the end.
 inline std::optional<std::string> TryReadToEnd(int fd) {
   std::string bytes;
   for (;;) {

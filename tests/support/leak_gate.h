@@ -35,8 +35,8 @@ inline std::int64_t LiveObjects() {
   return alive;
 }
 
-// A fixture whose tests start and end with the same figures. The kernel takes a joined thread out of /proc a
-// moment late, so the end is waited for.
+// A fixture whose tests end with the figures that they started with. The kernel removes a joined thread from
+// /proc a moment late, so TearDown waits for the figures.
 class LeakGate : public testing::Test {
  protected:
   // A sanitizer starts its own thread together with the first one of the program.

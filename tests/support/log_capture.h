@@ -6,7 +6,7 @@
 #include "runtime/gxmod_runtime.h"
 #include "support/standard.h"
 
-// Keeps what it is given. Threads: any.
+// Threads: any.
 class LogKeeper : public IGXModRuntime {
  public:
   using Line = std::pair<int, std::string>;  // level and text
@@ -30,7 +30,7 @@ class LogKeeper : public IGXModRuntime {
   std::vector<Line> lines_;
 };
 
-// Takes every log line while it lives; one at a time.
+// Takes every log line during its life. Only one may exist at a time.
 //
 //     LogCapture log;
 //     ...

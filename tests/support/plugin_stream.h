@@ -1,4 +1,4 @@
-// A plugin stream whose other end is in the hands of the test.
+// A plugin stream whose other end is the test.
 #ifndef GX_TESTS_SUPPORT_PLUGIN_STREAM_H
 #define GX_TESTS_SUPPORT_PLUGIN_STREAM_H
 
@@ -24,33 +24,14 @@ inline std::string Encode(const Frame& frame) {
   return bytes + frame.payload;
 }
 
-// A queue of bytes; what has been taken off its front is given back now and then.
-class ByteQueue {
- public:
-  std::size_t size() const { return bytes_.size() - head_; }
-  bool empty() const { return size() == 0; }
-  const char* data() const { return bytes_.data() + head_; }
-  void Append(const char* bytes, std::size_t count) { bytes_.append(bytes, count); }
-  void Drop(std::size_t count) {
-    head_ += count;
-    if (head_ < bytes_.size() - head_) return;
-    bytes_.erase(0, head_);
-    head_ = 0;
-  }
-
- private:
-  std::string bytes_;
-  std::size_t head_ = 0;
-};
-
-// The module's side is IPluginStreamRaw; everything else is the test's. Bytes wait in memory both ways.
+// The module uses IPluginStreamRaw, the test the rest. Bytes wait in memory in both directions.
 class PluginStream : public IPluginStreamRaw, private CReference {
  public:
   GX_FORWARD_REFERENCE();
 
   static constexpr std::size_t kNoLimit = std::numeric_limits<std::size_t>::max();
 
-  // What the stream does to the module; set before the traffic that it shall concern.
+  // How the stream treats the module from the next call on.
   struct Behaviour {
     std::size_t read_at_most = kNoLimit;   // bytes per Read; 0: Read stalls
     std::size_t write_at_most = kNoLimit;  // bytes per Write
@@ -74,8 +55,8 @@ class PluginStream : public IPluginStreamRaw, private CReference {
     read_ended_ = closed_ || to_module_.empty();
     if (read_ended_) return 1;
     const std::size_t count = Cut({length, to_module_.size(), behaviour_.read_at_most});
-    std::memcpy(data, to_module_.data(), count);
-    to_module_.Drop(count);
+    std::copy_n(to_module_.begin(), count, static_cast<char*>(data));
+    to_module_.erase(to_module_.begin(), to_module_.begin() + static_cast<std::ptrdiff_t>(count));
     changed_.notify_all();
     *got = static_cast<unsigned>(count);
     return 0;
@@ -89,7 +70,8 @@ class PluginStream : public IPluginStreamRaw, private CReference {
     blocked_ = false;
     if (closed_) return 1;
     const std::size_t count = Cut({length, behaviour_.write_at_most, Room()});
-    from_module_.Append(static_cast<const char*>(data), count);
+    from_module_.insert(from_module_.end(), static_cast<const char*>(data),
+                        static_cast<const char*>(data) + count);
     *written = static_cast<unsigned>(count);
     changed_.notify_all();
     return 0;
@@ -103,7 +85,7 @@ class PluginStream : public IPluginStreamRaw, private CReference {
     return 0;
   }
 
-  // Waits for room when the road to the module is bounded. Once the stream is closed the bytes go nowhere.
+  // Waits for room when send_capacity bounds it. After Close the bytes are dropped.
   void Send(const std::string& bytes) {
     const std::lock_guard one_at_a_time(send_mutex_);
     std::unique_lock lock(mutex_);
@@ -111,7 +93,7 @@ class PluginStream : public IPluginStreamRaw, private CReference {
       changed_.wait(lock, [&] { return closed_ || to_module_.size() < behaviour_.send_capacity; });
       if (closed_) return;
       const std::size_t count = std::min(bytes.size() - done, behaviour_.send_capacity - to_module_.size());
-      to_module_.Append(bytes.data() + done, count);
+      to_module_.insert(to_module_.end(), bytes.data() + done, bytes.data() + done + count);
       done += count;
       changed_.notify_all();
     }
@@ -124,20 +106,20 @@ class PluginStream : public IPluginStreamRaw, private CReference {
     changed_.notify_all();
   }
 
-  // The next frame from the module; nothing when none comes in time or the stream is closed. While it waits it
-  // takes what comes, so a frame may be larger than the road out.
+  // The next frame from the module; nothing when none comes in time or the stream is closed. Waiting makes room
+  // for the module, so a frame may be larger than the capacity.
   std::optional<Frame> Receive(std::chrono::milliseconds patience = kPatience) {
     std::unique_lock lock(mutex_);
     changed_.wait_for(lock, patience, [&] {
       if (Waiting() != 0) changed_.notify_all();
       taken_ = from_module_.size();
-      return closed_ || HasFrame();
+      return closed_ || NextHeader();
     });
-    if (!HasFrame()) return std::nullopt;
-    const gxmod::FrameHeader header = gxmod::DecodeFrameHeader(from_module_.data());
-    Frame frame{header.type, header.connection_id,
-                std::string(from_module_.data() + gxmod::kFrameHeaderBytes, header.length)};
-    from_module_.Drop(gxmod::kFrameHeaderBytes + header.length);
+    const auto header = NextHeader();
+    if (!header) return std::nullopt;
+    const auto payload = from_module_.begin() + gxmod::kFrameHeaderBytes;
+    Frame frame{header->type, header->connection_id, std::string(payload, payload + header->length)};
+    from_module_.erase(from_module_.begin(), payload + header->length);
     taken_ = from_module_.size();
     return frame;
   }
@@ -171,18 +153,22 @@ class PluginStream : public IPluginStreamRaw, private CReference {
     std::unique_lock lock(mutex_);
     return changed_.wait_for(lock, kPatience, condition);
   }
-  // In the road out, not taken by a far side that waits for a frame.
+  // Bytes from the module that occupy the capacity.
   std::size_t Waiting() const { return from_module_.size() - taken_; }
   std::size_t Room() const { return behaviour_.capacity - std::min(behaviour_.capacity, Waiting()); }
-  // How much a call moves when it could move the least of `limits`.
+  // How many bytes a call moves within these limits.
   std::size_t Cut(std::initializer_list<std::size_t> limits) {
     const std::size_t most = std::min(limits);
     return behaviour_.cut_seed == 0 ? most : random_() % (most + 1);
   }
-  bool HasFrame() const {
-    return from_module_.size() >= gxmod::kFrameHeaderBytes &&
-           from_module_.size() - gxmod::kFrameHeaderBytes >=
-               gxmod::DecodeFrameHeader(from_module_.data()).length;
+  // Nothing before the next frame is complete.
+  std::optional<gxmod::FrameHeader> NextHeader() const {
+    char bytes[gxmod::kFrameHeaderBytes];
+    if (from_module_.size() < sizeof bytes) return std::nullopt;
+    std::copy_n(from_module_.begin(), sizeof bytes, bytes);
+    const gxmod::FrameHeader header = gxmod::DecodeFrameHeader(bytes);
+    if (from_module_.size() - sizeof bytes < header.length) return std::nullopt;
+    return header;
   }
 
   std::mutex send_mutex_;  // whole frames, before mutex_
@@ -190,8 +176,8 @@ class PluginStream : public IPluginStreamRaw, private CReference {
   std::condition_variable changed_;
   Behaviour behaviour_;
   std::minstd_rand random_;
-  ByteQueue to_module_;
-  ByteQueue from_module_;
+  std::deque<char> to_module_;
+  std::deque<char> from_module_;
   std::size_t taken_ = 0;
   bool closed_ = false;
   bool ended_ = false;

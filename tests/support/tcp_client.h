@@ -20,7 +20,7 @@ class TcpClient {
     address.sin_family = AF_INET;
     address.sin_port = htons(static_cast<std::uint16_t>(port));
     address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    // A signal, such as a fuzzer's alarm, ends the call but not the attempt: the next call goes on with it.
+    // A signal, such as a fuzzer's alarm, ends the call and not the attempt; the next call continues it.
     const auto* generic = reinterpret_cast<const sockaddr*>(&address);
     if (TEMP_FAILURE_RETRY(connect(socket_, generic, sizeof address)) != 0) Close();
   }
@@ -38,16 +38,16 @@ class TcpClient {
 
   bool IsConnected() const { return socket_ >= 0; }
   int socket_handle() const { return socket_; }
-  // The socket is the caller's.
+  // The caller owns the socket from now on.
   int Release() { return std::exchange(socket_, -1); }
 
   bool Send(const std::string& bytes) const { return WriteAll(socket_, bytes); }
   // Exactly `length` bytes, or fewer when the connection ends or nothing comes in time.
   std::string Receive(std::size_t length) const { return ReadExactly(socket_, length); }
-  // Everything up to the end of the connection; nothing when the end does not come in time, or as a reset.
+  // Everything up to the end of the connection; nothing after a reset, or when time is up before the end.
   std::optional<std::string> ReceiveToEnd() const { return TryReadToEnd(socket_); }
 
-  // Sends the next bytes of a pattern of its own and gets them back.
+  // Sends the next bytes of this client's pattern and gets them back.
   bool Echoes(std::size_t length = 2000) {
     const std::string bytes = Pattern(length, seed_, std::exchange(said_, said_ + length));
     std::thread sender([&] { Send(bytes); });
@@ -56,7 +56,7 @@ class TcpClient {
     return same;
   }
 
-  // The other side has ended the connection, in whatever way.
+  // Waits for the end or a reset.
   bool WaitForEnd() const {
     std::optional<std::string> piece;
     while (WaitFor(socket_, POLLIN)) {

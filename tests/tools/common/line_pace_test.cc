@@ -1,7 +1,5 @@
 #include "common/line_pace.h"
 
-#include <deque>
-
 #include "common/receipts.h"
 #include "support/test.h"
 
@@ -15,8 +13,8 @@ constexpr std::chrono::microseconds kStep{250};
 Clock::time_point g_now{};
 Clock::time_point Now() { return g_now; }
 
-// A simulated line: it has a buffer without a bound and its own clock, which moves in steps. One end sends as
-// much as its pace lets it, the other one acknowledges.
+// A simulated line with an unlimited buffer and its own clock, which moves in steps. One end sends as much as
+// its pace allows, and the other end acknowledges.
 class Line {
  public:
   Line(double bytes_per_s, double delay_s) : rate(bytes_per_s), delay(delay_s) {
@@ -25,20 +23,25 @@ class Line {
     Acknowledge();
   }
 
-  void Run(double seconds) {
+  // Settles, then returns which part of the line is used.
+  double Used(double settle_s, double seconds) {
+    Run(settle_s);
+    return Run(seconds);
+  }
+  double Run(double seconds) {
     queued_s.clear();
     const std::uint64_t before = delivered;
     const auto end = g_now + std::chrono::duration_cast<Clock::duration>(Seconds(seconds));
     while (g_now < end) Step();
-    used = static_cast<double>(delivered - before) / (rate * seconds);
     std::ranges::sort(queued_s);
+    return static_cast<double>(delivered - before) / (rate * seconds);
   }
   void Send(std::size_t bytes) {
     pace.OnSent(bytes);
     buffer_.push_back(bytes);
     buffered_ += bytes;
   }
-  // The time that this percentage of the last Run's bytes waited in the buffer at most.
+  // In the last Run, this percentage of the bytes waited in the buffer for at most this time.
   double Queue(std::size_t percent = 95) const { return queued_s[queued_s.size() * percent / 100]; }
 
   double rate;
@@ -49,7 +52,6 @@ class Line {
   LinePace pace{&Now};
   Receipts receipts;
   std::uint64_t delivered = 0;
-  double used = 0;  // of the line, in the last Run
   std::vector<double> queued_s;
 
  private:
@@ -58,15 +60,11 @@ class Line {
     std::size_t bytes;
     bool ends_frame;
   };
-  struct Answer {
-    Clock::time_point time;
-    Acknowledgement totals;
-  };
 
   void Step() {
     g_now += kStep;
-    while (!answers_.empty() && answers_.front().time <= g_now) {
-      EXPECT_TRUE(pace.OnAcknowledgement(answers_.front().totals));
+    while (!answers_.empty() && answers_.front().first <= g_now) {
+      EXPECT_TRUE(pace.OnAcknowledgement(answers_.front().second));
       answers_.pop_front();
     }
     while (sends && pace.limits() && pace.HasRoomFor(pace.FrameBytes())) Send(pace.FrameBytes());
@@ -94,9 +92,9 @@ class Line {
     }
   }
 
-  void Acknowledge() { answers_.push_back({After(&last_answer_), receipts.Take(g_now, false)}); }
+  void Acknowledge() { answers_.emplace_back(After(&last_answer_), receipts.Take(g_now, false)); }
 
-  // Nothing overtakes.
+  // Late arrivals keep their order.
   Clock::time_point After(Clock::time_point* last) {
     random_ = random_ * 1103515245 + 12345;
     const double late = jitter * (random_ >> 16 & 0x7FFF) / 0x7FFF;
@@ -108,20 +106,17 @@ class Line {
   std::size_t buffered_ = 0;
   double budget_ = 0;
   std::deque<Arrival> arrivals_;
-  std::deque<Answer> answers_;
+  std::deque<std::pair<Clock::time_point, Acknowledgement>> answers_;
   Clock::time_point last_arrival_{};
   Clock::time_point last_answer_{};
   std::uint32_t random_ = 1;
 };
 
-// The time that bytes may wait beside the two frames that no sender can take back.
+// How long bytes may wait, in addition to the two frames that the sender cannot take back.
 constexpr double kWait = 0.060;
 constexpr double kFrameBytes = 4096 + 16;
 
-struct Kind {
-  double rate;
-  double delay;
-};
+using Kind = std::pair<double, double>;  // rate and delay
 
 TEST(LinePaceTest, LinesAreBusyAndNothingQueuesForLong) {
   for (const auto& [rate, delay] :
@@ -129,26 +124,22 @@ TEST(LinePaceTest, LinesAreBusyAndNothingQueuesForLong) {
     for (const double jitter : {0.0, 0.015}) {
       Line line(rate, delay);
       line.jitter = jitter;
-      line.Run(4);  // to find out
-      line.Run(30);
-      EXPECT_GE(line.used, jitter == 0 ? 0.98 : 0.88) << rate << " " << jitter;
+      EXPECT_GE(line.Used(4, 30), jitter == 0 ? 0.98 : 0.88) << rate << " " << jitter;
       EXPECT_LE(line.Queue(), kWait + 2 * kFrameBytes / rate) << rate << " " << jitter;
       if (jitter > 0) continue;
-      // Behind a drain the sender tries a larger window, but no more than a part of a round trip queues.
+      // After a drain the sender tries a larger window; only part of a round trip may queue.
       EXPECT_LE(line.Queue(99), 0.055 + 0.3 * delay + 4 * 528 / rate) << rate;
     }
   }
 }
 
-// The window doubles eight times, once in a round trip. What a burst queues for a moment does not end that.
+// The window doubles eight times, once per round trip. A short queue behind a burst does not end the growth.
 TEST(LinePaceTest, ALongLineIsSoonBusy) {
   Line line(10e6, 0.1);
-  line.Run(2);
-  line.Run(0.5);
-  EXPECT_GE(line.used, 0.95);
+  EXPECT_GE(line.Used(2, 0.5), 0.95);
 }
 
-// The last bytes of a burst are acknowledged soon: otherwise the sender would see a queue.
+// The last bytes of a burst are acknowledged soon; a late acknowledgement looks like a queue to the sender.
 TEST(LinePaceTest, WhatIsLeftOfABurstDoesNotWait) {
   g_now = Clock::time_point(std::chrono::hours(1));
   Receipts receipts;
@@ -164,29 +155,21 @@ TEST(LinePaceTest, FollowsALineThatChanges) {
     Line line(rate, delay);
     line.Run(15);
     line.rate = rate / 10;
-    line.Run(3);
-    line.Run(10);
+    EXPECT_GE(line.Used(3, 10), 0.95) << rate;
     EXPECT_LE(line.Queue(), kWait + 2 * kFrameBytes / line.rate) << rate;
-    EXPECT_GE(line.used, 0.95) << rate;
     line.rate = rate;
-    line.Run(5);
-    line.Run(1);
-    EXPECT_GE(line.used, 0.9) << rate << " again";
+    EXPECT_GE(line.Used(5, 1), 0.9) << rate << " again";
     line.delay += 0.1;
-    line.Run(12);
-    line.Run(2);
-    EXPECT_GE(line.used, 0.9) << rate << " behind a longer road";
+    EXPECT_GE(line.Used(12, 2), 0.9) << rate << " behind a longer road";
     line.stalled = true;
     line.Run(4);
     line.stalled = false;
-    line.Run(2);
-    line.Run(2);
-    EXPECT_GE(line.used, 0.9) << rate << " behind a stall";
+    EXPECT_GE(line.Used(2, 2), 0.9) << rate << " behind a stall";
     EXPECT_LE(line.Queue(), kWait + 2 * kFrameBytes / rate) << rate << " behind a stall";
   }
 }
 
-// Little there and little back, as quickly as a local line carries it: acknowledgements go along, none alone.
+// Small messages in both directions, on a fast local line: acknowledgements ride along with them.
 TEST(LinePaceTest, AConversationNeedsNoAcknowledgementOfItsOwn) {
   g_now = Clock::time_point(std::chrono::hours(1));
   LinePace pace(&Now);
@@ -217,7 +200,7 @@ TEST(LinePaceTest, AConversationNeedsNoAcknowledgementOfItsOwn) {
   EXPECT_LE(receipts.due(g_now), g_now) << "behind a pause the time counts";
 }
 
-// Bytes that are sent now and then say nothing about what the line carries.
+// Bytes that are sent now and then do not show what the line carries.
 TEST(LinePaceTest, APauseIsNoSlowLine) {
   Line line(1e6, 0.02);
   line.Run(5);
@@ -227,9 +210,7 @@ TEST(LinePaceTest, APauseIsNoSlowLine) {
     line.Run(0.2);
   }
   line.sends = true;
-  line.Run(0.1);
-  line.Run(1);
-  EXPECT_GE(line.used, 0.9);
+  EXPECT_GE(line.Used(0.1, 1), 0.9);
   EXPECT_LE(line.Queue(), kWait + 2 * kFrameBytes / 1e6);
 }
 
@@ -251,7 +232,7 @@ TEST(LinePaceTest, WhatNoHonestSideAcknowledgesCountsForNothing) {
   EXPECT_EQ(pace.Room(), left);
   EXPECT_FALSE(pace.OnAcknowledgement({~std::uint64_t{0}, ~std::uint64_t{0}})) << "was never sent";
   EXPECT_EQ(pace.view().under_way, 0U);
-  // No acknowledgement comes any more, but pongs do: what they tell is enough to go on.
+  // From here on only pongs come: they acknowledge as well.
   for (int time = 0; time < 5; ++time) {
     while (pace.HasRoomFor(1000)) pace.OnSent(1000);
     const std::uint64_t sent = pace.sent();

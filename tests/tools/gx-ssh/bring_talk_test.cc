@@ -10,8 +10,7 @@ namespace {
 using std::chrono::milliseconds;
 using testing::HasSubstr;
 
-// The shell is the test. A piece takes about a second, however slow the line is, and the last one is followed
-// by a 0.
+// The test plays the shell. Each piece takes about a second on any line, and a 0 follows the last one.
 TEST(BringTalkTest, PiecesFitTheLine) {
   const std::string token = std::string(12, 'a') + std::string(12, 'b') + std::string(24, '7');
   const std::string content(192'100, 'c');
@@ -46,7 +45,7 @@ TEST(BringTalkTest, PiecesFitTheLine) {
       << "512 is the least";
 }
 
-// The first line still says all of a usual order; of a larger one it says less.
+// The first line has all of a usual order, and only part of a large one.
 TEST(BringCommandsTest, LinesFitIntoAShell) {
   BringOrders orders;
   for (const char* name : {"x86_64", "aarch64", "armv7l", "riscv64"}) {

@@ -8,8 +8,7 @@
 namespace gxtool {
 namespace {
 
-// Whatever a child does to stay or to its keeper, and however it is ended: the pipe that all its descendants
-// hold comes to its end.
+// All descendants of the child hold the pipe, so it ends when the last of them has ended.
 TEST(ChildTest, LeavesNothingBehind) {
   const std::string stubborn = "trap '' TERM HUP INT; kill -USR1 $PPID; echo ready; while :; do sleep 60; done";
   const std::string parent = "(" + stubborn + ") & ";

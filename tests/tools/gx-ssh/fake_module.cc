@@ -1,4 +1,4 @@
-// A stand-in for the module, as wrong as the variable FAKE_MODULE says. It creates no plugin.
+// A wrong module; the environment variable FAKE_MODULE tells what is wrong. It creates no plugin.
 
 #include <gxmod/control_ssh.h>
 

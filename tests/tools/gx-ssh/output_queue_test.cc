@@ -6,7 +6,7 @@
 namespace gxtool {
 namespace {
 
-// The reader begins when everything is queued, which is far more than the queue keeps.
+// Reading begins after more was added than the queue keeps.
 TEST(OutputQueueTest, StalledReaderCostsStatisticsFirst) {
   Pipe pipe = MakePipe();
   const std::string news(1023, 'N');

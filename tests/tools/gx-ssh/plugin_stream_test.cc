@@ -5,13 +5,8 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
-#include <functional>
-
-#include "common/control_frames.h"
-#include "common/descriptor.h"
 #include "support/pattern.h"
 #include "support/test.h"
-#include "support/wait.h"
 #include "tools/kit.h"
 
 namespace gxtool {
@@ -19,7 +14,7 @@ namespace {
 
 using gxmod::ConnectionType;
 
-// Writes down what the stream tells.
+// Records what the stream reports.
 class Diary : public StreamObserver {
  public:
   void OnFrameSent(const gxmod::FrameHeader&) override {
@@ -54,17 +49,16 @@ class Diary : public StreamObserver {
   std::string text_;
 };
 
-// The far side is the test.
+// The test plays the module and the far side.
 class PluginStreamTest : public testing::Test {
  protected:
   PluginStreamTest() { signal(SIGPIPE, SIG_IGN); }
 
-  void Open(StreamSettings settings = {}, std::string_view received = {}) {
+  void Open(StreamSettings settings = {}) {
     auto [mine, theirs] = MakeSocketPair();
     far_ = std::move(theirs);
     Descriptor copy = Duplicate(mine.get());
-    stream_ =
-        CRefObj<PluginStream>(new PluginStream(std::move(mine), std::move(copy), received, settings, diary_));
+    stream_ = CRefObj<PluginStream>(new PluginStream(std::move(mine), std::move(copy), {}, settings, diary_));
   }
 
   void Send(std::string_view bytes) {
@@ -72,12 +66,17 @@ class PluginStreamTest : public testing::Test {
   }
   void EndOfFarSide() { shutdown(far_.get(), SHUT_WR); }
 
-  // All that the module would read, at most `step` bytes per call, until the stream ends.
+  // What one call of the module reads; empty: the stream has ended.
+  std::string ReadOnce(unsigned most) {
+    std::string bytes(most, '\0');
+    unsigned got = 0;
+    stream_->Read(bytes.data(), most, &got, 0);
+    return bytes.substr(0, got);
+  }
+  // All that the module reads, at most `step` bytes per call, until the stream ends.
   std::string ReadModule(unsigned step) {
     std::string all;
-    std::string chunk(step, '\0');
-    unsigned got = 0;
-    while (stream_->Read(chunk.data(), step, &got, 0) == kGXModOk) all.append(chunk, 0, got);
+    for (std::string piece; !(piece = ReadOnce(step)).empty();) all += piece;
     return all;
   }
   bool WriteModule(std::string_view bytes) {
@@ -112,8 +111,12 @@ TEST_F(PluginStreamTest, ChannelListsPassOnlyWhenAllowed) {
 
 TEST_F(PluginStreamTest, AnswersPingsBetweenFramesOnly) {
   Open();
+  // A frame is told before the far side has it: otherwise the answer could be counted before the frame.
+  bool early = false;
+  diary_.on_sent = [&] { early = !WaitFor(far_.get(), POLLIN, 0); };
   const std::string frame = DataFrame(1, "0123456789");
   EXPECT_TRUE(WriteModule(frame.substr(0, 20)));
+  EXPECT_TRUE(early);
   Send(kPing);
   EndOfFarSide();
   ReadModule(4096);  // the answer waits for the end of the frame
@@ -122,15 +125,6 @@ TEST_F(PluginStreamTest, AnswersPingsBetweenFramesOnly) {
   stream_ = {};
   EXPECT_EQ(ReadToEnd(far_.get()),
             frame + MakeFrame(kPongFrame, 0, "12345678") + MakeFrame(kGoodbyeFrame, 0, "done"));
-}
-
-// Otherwise the answer to a frame could be counted before the frame.
-TEST_F(PluginStreamTest, AFrameIsToldBeforeTheFarSideHasIt) {
-  Open();
-  bool early = false;
-  diary_.on_sent = [&] { early = !WaitFor(far_.get(), POLLIN, 0); };
-  EXPECT_TRUE(WriteModule(DataFrame(1, "x")));
-  EXPECT_TRUE(early);
 }
 
 TEST_F(PluginStreamTest, AnswersThatNobodyTakesDoNotPileUp) {
@@ -148,7 +142,7 @@ TEST_F(PluginStreamTest, AnswersThatNobodyTakesDoNotPileUp) {
   EXPECT_LT(ReadToEnd(far_.get()).size(), pings.size() * 50);
 }
 
-// Of the two that wait, only the writer may notice that the far side is gone, and has to tell.
+// When the far side vanishes, the waiting writer reports it.
 TEST_F(PluginStreamTest, CloseAndAVanishedFarSideReleaseWhoWaits) {
   for (const bool vanishes : {false, true}) {
     Open();
@@ -157,7 +151,7 @@ TEST_F(PluginStreamTest, CloseAndAVanishedFarSideReleaseWhoWaits) {
       while (WriteModule(DataFrame(1, std::string(60'000, 'x')))) {
       }
     });
-    // The far side takes something first, so that both are surely at work.
+    // After this the reader and the writer are both at work.
     ReadExactly(far_.get(), 1'000'000);
     vanishes ? far_.Reset() : void(stream_->Close());
     EXPECT_EQ(reader.wait_for(kPatience), std::future_status::ready);
@@ -171,81 +165,46 @@ TEST_F(PluginStreamTest, CloseAndAVanishedFarSideReleaseWhoWaits) {
   }
 }
 
-// A far side that acknowledges, one frame at a time.
-class AcknowledgingFarSide {
- public:
-  explicit AcknowledgingFarSide(int fd) : fd_(fd) {}
-
-  // Takes what comes until all is still for a moment; returns the bytes that count.
-  std::uint64_t Take() {
-    const std::uint64_t before = received;
-    while (WaitFor(fd_, POLLIN, 100)) {
-      const std::string header = ReadExactly(fd_, gxmod::kFrameHeaderBytes);
-      if (header.size() < gxmod::kFrameHeaderBytes) break;
-      const gxmod::FrameHeader frame = gxmod::DecodeFrameHeader(header.data());
-      const std::string payload = ReadExactly(fd_, frame.length);
-      if (frame.type == kAcknowledgementFrame) told = *ReadAcknowledgement(payload);
-      if (frame.type == kPongFrame) ponged = true;
-      if (frame.type == ConnectionType::Data) {
-        data += payload;
-        longest = std::max(longest, payload.size());
-      }
-      if (!IsControlFrame(frame.type)) received += header.size() + payload.size();
-    }
-    return received - before;
-  }
-  bool Acknowledge() const { return WriteAll(fd_, MakeAcknowledgement({received, 1 << 20})); }
-
-  std::string data;
-  std::size_t longest = 0;
-  std::uint64_t received = 0;
-  Acknowledgement told;
-  bool ponged = false;
-
- private:
-  const int fd_;
-};
-
-// While the module waits for a client, and reads nothing, what it writes must still go out, and the far side
-// must be heard. The module gets all of it later.
+// The module may wait for a client and read nothing. Meanwhile its frames go out, and the far side is heard.
+// The module gets everything later.
 TEST_F(PluginStreamTest, TheFarSideIsHeardWhileTheModuleDoesNotRead) {
   Open({.acknowledges = true});
-  AcknowledgingFarSide far(far_.get());
+  Received got;
+  const auto take_until = [&](auto condition) {
+    return Eventually([&] { return got.TakeAll(far_.get()), condition(); });
+  };
   const std::string first = DataFrame(7, "first");
   Send(MakeAcknowledgement({0, 1 << 20}) + first);
-  std::string read(first.size(), '\0');
-  for (unsigned bytes = 0, got = 0; bytes < read.size(); bytes += got) {
-    ASSERT_EQ(stream_->Read(read.data() + bytes, static_cast<unsigned>(read.size()) - bytes, &got, 0),
-              kGXModOk);
-  }
-  const std::string payload = gxtest::Pattern(60'000, 1);
-  auto module = std::async(std::launch::async, [&] { return WriteModule(DataFrame(7, payload)); });
-  EXPECT_LE(far.Take(), 16U << 10) << "before anything is known of the line";
-  EXPECT_EQ(far.Take(), 0U);
-  EXPECT_TRUE(gxtest::Eventually([&] {
-    far.Acknowledge();
-    far.Take();
-    return far.data.size() == payload.size();
+  EXPECT_EQ(ReadOnce(100), first);
+  const std::string payload = Pattern(60'000, 1);
+  std::atomic<pid_t> writer{0};
+  auto module = std::async(std::launch::async, [&] {
+    writer = gettid();
+    return WriteModule(DataFrame(7, payload));
+  });
+  EXPECT_TRUE(take_until([&] { return got.bytes > 0 && IsAsleep(writer); }));
+  EXPECT_LE(got.bytes, 16U << 10) << "before anything is known of the line";
+  EXPECT_LE(got.longest, 4096U);
+  EXPECT_TRUE(take_until([&] {
+    WriteAll(far_.get(), MakeAcknowledgement({got.bytes, 1 << 20}));
+    return got.data.size() == payload.size();
   }));
   EXPECT_EQ(module.wait_for(kPatience), std::future_status::ready);
-  EXPECT_EQ(far.data, payload);
-  EXPECT_LE(far.longest, 4096U);
+  EXPECT_EQ(got.data, payload);
 
-  // Nothing is lost or out of its place that comes meanwhile, and no more may come than there is room for.
+  // The stream keeps what comes meanwhile, in order, and permits only what it has room for.
   std::string sent;
-  EXPECT_TRUE(gxtest::Eventually([&] {
-    const std::string frame = DataFrame(8, gxtest::Pattern(65520, 2));
-    for (; first.size() + sent.size() + frame.size() <= far.told.permitted; sent += frame) {
+  EXPECT_TRUE(take_until([&] {
+    const std::string frame = DataFrame(8, Pattern(65520, 2));
+    for (; first.size() + sent.size() + frame.size() <= got.told.permitted; sent += frame) {
       EXPECT_TRUE(WriteAll(far_.get(), frame + kPing));
     }
-    far.Take();
-    return far.told.received >= std::uint64_t{7} << 20;
+    return got.ponged && got.told.received >= std::uint64_t{7} << 20;
   }));
-  EXPECT_LT(far.told.permitted, std::uint64_t{9} << 20);
-  EXPECT_TRUE(far.ponged);
-  EXPECT_TRUE(gxtest::Eventually([this] { return stream_->silence().count() >= 20; })) << "somebody waits";
+  EXPECT_LT(got.told.permitted, std::uint64_t{9} << 20);
+  EXPECT_TRUE(Eventually([this] { return stream_->silence().count() >= 20; })) << "somebody waits";
   auto all = std::async(std::launch::async, [this] { return ReadModule(100'000); });
-  while (far.told.permitted < (std::uint64_t{11} << 20) && !HasFailure()) far.Take();
+  EXPECT_TRUE(take_until([&] { return got.told.permitted >= std::uint64_t{11} << 20; }));
   EndOfFarSide();
   EXPECT_TRUE(all.get() == sent);
 }
@@ -279,30 +238,25 @@ TEST_F(PluginStreamTest, FalseAcknowledgementsAreToldOnce) {
   EXPECT_EQ(diary_.Take(), "doubt; end: end of the stream; ");
 }
 
-// Whoever connects to the module's port again and again must not make a dead far side look alive.
+// Strangers who connect to the module's port again and again must not make a dead far side look alive.
 TEST_F(PluginStreamTest, AStrangerIsNoSignOfLife) {
   Open({.guarded = true});
   EXPECT_EQ(stream_->silence().count(), 0) << "the module does not wait yet";
-  const auto read_frame = [this] {
-    char header[16];
-    unsigned got = 0;
-    return stream_->Read(header, sizeof header, &got, 0);
-  };
-  auto first = std::async(std::launch::async, read_frame);
-  EXPECT_TRUE(gxtest::Eventually([this] { return stream_->silence().count() >= 50; }));
+  auto first = std::async(std::launch::async, [this] { return ReadOnce(16); });
+  EXPECT_TRUE(Eventually([this] { return stream_->silence().count() >= 50; }));
   EXPECT_TRUE(WriteModule(MakeFrame(ConnectionType::Connect, 1, "x:1")));
   EXPECT_TRUE(WriteModule(DataFrame(1, "sixteen wrong ones and more")));
-  EXPECT_EQ(first.get(), kGXModOk);
-  auto second = std::async(std::launch::async, read_frame);
+  EXPECT_EQ(first.get(), MakeFrame(ConnectionType::Close, 1, ""));
+  auto second = std::async(std::launch::async, [this] { return ReadOnce(16); });
   std::chrono::milliseconds silence{};
-  EXPECT_TRUE(gxtest::Eventually([&] { return (silence = stream_->silence()).count() > 0; }));
+  EXPECT_TRUE(Eventually([&] { return (silence = stream_->silence()).count() > 0; }));
   EXPECT_GE(silence.count(), 50);
   stream_->Close();
   second.get();
 }
 
-// A stranger at the module's port: the module hears a Close that the far side never sent, between its frames,
-// even while it waits for the far side; the far side hears nothing.
+// For a stranger at its port the module gets a Close frame that the far side did not send. The Close comes
+// between the far side's frames, also while the module waits for those. The far side hears nothing.
 TEST_F(PluginStreamTest, StrangersAreClosedAndTheFarSideHearsNothing) {
   Open({.guarded = true});
   const std::string close = MakeFrame(ConnectionType::Close, 1, "");
@@ -318,14 +272,14 @@ TEST_F(PluginStreamTest, StrangersAreClosedAndTheFarSideHearsNothing) {
     return ioctl(far_.get(), TIOCOUTQ, &unread) == 0 && unread == 0;
   };
   auto module = std::async(std::launch::async, [this] { return ReadModule(3); });
-  EXPECT_TRUE(gxtest::Eventually(all_read));
+  EXPECT_TRUE(Eventually(all_read));
   come();
   Send(kPing.substr(20, 2));
-  EXPECT_TRUE(gxtest::Eventually(all_read));
+  EXPECT_TRUE(Eventually(all_read));
   Send(kPing.substr(22));
-  EXPECT_TRUE(gxtest::Eventually([this] { return diary_.Take().find("frame") != std::string::npos; }));
+  EXPECT_TRUE(Eventually([this] { return diary_.Take().find("frame") != std::string::npos; }));
   come();
-  EXPECT_TRUE(gxtest::Eventually([this] { return diary_.Take().find("frame") != std::string::npos; }));
+  EXPECT_TRUE(Eventually([this] { return diary_.Take().find("frame") != std::string::npos; }));
   EndOfFarSide();
   EXPECT_EQ(module.get(), close + close);
   EXPECT_TRUE(WriteModule(list));
@@ -371,7 +325,7 @@ TEST(PluginOutputTest, LittleWaitsForASlowLine) {
   for (const std::size_t bytes : {250, 10'000, 1'000}) {
     for (const std::size_t enough = read + 4'000'000; read < enough;) carry(bytes);
     EXPECT_LE(written, read + 100'000) << bytes;
-    EXPECT_TRUE(gxtest::Eventually(carry_much)) << "behind " << bytes;
+    EXPECT_TRUE(Eventually(carry_much)) << "behind " << bytes;
   }
   stop.Raise();
   output.Close();

@@ -19,14 +19,14 @@ namespace {
 
 struct Deed {
   std::string name;
-  std::function<long()> act;  // negative: refused, and errno tells why
+  std::function<long()> act;  // negative: it failed, and errno tells why
 };
 
 bool Refused(const Deed& deed) {
   return deed.act() < 0 && (errno == EPERM || errno == EACCES || errno == ENOSYS);
 }
 
-// What a confined process says of itself: a line for each deed that goes another way than it should.
+// Tries the deeds in a confined process. Returns a line for each wrong result, and "end".
 std::string Confined(const ConfinementNeeds& needs, const std::vector<Deed>& forbidden,
                      const std::vector<Deed>& permitted) {
   Pipe words = MakePipe();
@@ -49,14 +49,14 @@ std::string Confined(const ConfinementNeeds& needs, const std::vector<Deed>& for
 
 long Connect(int port) { return TcpClient(port).socket_handle(); }
 
-// Opens and closes again.
+// Closes the file again.
 long Open(const std::string& path, int flags) {
   return Descriptor(::open(path.c_str(), flags | O_CLOEXEC, 0600)).get();
 }
 
 long Socket(int family, int type) { return Descriptor(::socket(family, type | SOCK_CLOEXEC, 0)).get(); }
 
-// What SECURITY.md says of the far side's confinement.
+// SECURITY.md promises these to the user.
 class ConfinementTest : public testing::Test {
  protected:
   ConfinementTest() { std::ofstream(secret_) << "x"; }
@@ -78,7 +78,7 @@ TEST_F(ConfinementTest, SystemCallsThatAStrangerWouldLikeFail) {
       {"typing", [] { return ::ioctl(0, TIOCSTI, "x"); }},
       {"typing on a console", [] { return ::ioctl(0, 0x541C /* TIOCLINUX */, "x"); }},
   };
-  // Without arguments they fail in other ways, or change nothing but the process that calls.
+  // Unconfined, these calls with zeros fail with other errors, or change only the calling process.
   constexpr int kCalls[] = {// other programs and processes
                             SYS_execve, SYS_execveat, SYS_clone3, SYS_ptrace, SYS_process_vm_readv, SYS_kcmp,
                             SYS_pidfd_open, SYS_kill, SYS_tkill,
