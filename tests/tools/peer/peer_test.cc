@@ -163,7 +163,7 @@ TEST_F(PeerTest, SlowTargetCostsBoundedMemoryAndNoByte) {
   const Descriptor other = rig.Connect(2, target_);
   std::string frames;
   std::string expected;
-  for (std::uint32_t i = 0; i < 1024; ++i) {
+  for (std::uint32_t i = 0; i < 512; ++i) {
     expected += Pattern(65536, i);
     frames += MakeFrame(ConnectionType::Data, 1, std::string_view(expected).substr(65536 * i));
   }
