@@ -49,10 +49,10 @@ class Host(Child):
         """@TARGET in the options is its address. `far_side` or the `shell` commands say what the far side is; by itself
         gx-ssh-peer, which may open `allowed`, too. There the carrier's own status tells nothing, and a carrier that
         could speak for gx-ssh does not become ready."""
-        self._peer = f"{tools.folder}/pid"
+        self._pid_file = f"{tools.folder}/pid"
         allowed = f"--allow {target.address} {allowed}"
         peer = ('test -z "$NOTIFY_SOCKET$LISTEN_FDS" && '
-                f"sh -c 'echo $$ >{self._peer}; exec {tools.gx_ssh_peer} {allowed}'; exit 9")
+                f"sh -c 'echo $$ >{self._pid_file}; exec {tools.gx_ssh_peer} {allowed}'; exit 9")
         own = [] if {"-L", "-W"} & set(options) and "--listen" not in options else ["--target", target.address]
         told = [word.replace("@TARGET", target.address) for word in options]
         super().__init__([*through, tools.gx_ssh, *own, *told,
@@ -76,9 +76,8 @@ class Host(Child):
         return eventually(told, "not all addresses were told")
 
     @property
-    def peer(self):
-        """The process number of gx-ssh-peer."""
-        return int(read(self._peer))
+    def peer_pid(self):
+        return int(read(self._pid_file))
 
     def connect(self):
         return connect(self.address)
@@ -98,7 +97,6 @@ class Host(Child):
 
 @contextlib.contextmanager
 def tunnel(tools, server, *options, **more):
-    """ssh and scp through a port of gx-ssh."""
     with Host(tools, server, *options, **more) as host:
         yield Clients(server, "HostName 127.0.0.1", f"Port {host.address.rpartition(':')[2]}")
 

@@ -202,7 +202,7 @@ def ends(tools):
                 clients = [exits.enter_context(connect(address)) for address in addresses]
                 for client in clients:
                     expect_echo(client, "a link that is up again")
-                os.kill(host.peer, signal.SIGKILL)
+                os.kill(host.peer_pid, signal.SIGKILL)
                 for client in clients:
                     expect_end(client, "a connection of the lost link")
         host.stop()

@@ -106,7 +106,7 @@ def forwards(tools):
         addresses = host.addresses(len(targets))
         expect(read(f"{tools.folder}/addresses").split() == addresses, "the port file has others")
         # The connections come while the module waits for the far side; then it takes all at once.
-        os.kill(host.peer, signal.SIGSTOP)
+        os.kill(host.peer_pid, signal.SIGSTOP)
         with connect(addresses[0]) as filler:
             filler.setblocking(False)
             while select.select([], [filler], [], 0.1)[1]:
@@ -118,7 +118,7 @@ def forwards(tools):
             for (_, client), text in zip(clients, texts):
                 with contextlib.suppress(ConnectionError):
                     client.sendall(text)
-            os.kill(host.peer, signal.SIGCONT)
+            os.kill(host.peer_pid, signal.SIGCONT)
         for (number, client), text in zip(clients, texts):
             if number < 4:
                 expect_answer(client, text, f"connection through {addresses[number]}")

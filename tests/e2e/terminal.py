@@ -150,7 +150,7 @@ def is_stopped_inside_a_script(tools):
     with Host(tools, Target(), through=["sh", "-c", script, "sh"], start_new_session=False, process_group=0) as host:
         expect(host.address, "it did not start")
         host.signal(signal.SIGTSTP)
-        eventually(lambda: state(host.pid) == state(host.peer) == "T", "it or its carrier goes on")
+        eventually(lambda: state(host.pid) == state(host.peer_pid) == "T", "it or its carrier goes on")
         expect(state(int(read(other))) == "S", "it stopped the script")
         host.signal(signal.SIGCONT)
 

@@ -140,7 +140,6 @@ class Child:
         self._process.wait()
 
     def expect(self, lines, pattern, timeout=READY_S):
-        """Waits for a line and returns its match."""
         match = lines.wait_for(pattern, timeout)
         expect(match, f"{self.name} printed no line like {pattern!r}; it said:\n{self.err.text()}")
         return match
