@@ -117,6 +117,7 @@ TEST(OptionsTest, EachMistakeHasOneLineAndAHint) {
       {"--bring --bring-dir a\nb -- x", "not the path of a folder"},
       {"--local -W --run x", "-W and --run exclude each other"},
       {"--local -L 8080:[::1:80", "-L \"8080:[::1:80\": it is [BIND:]PORT:HOST:HOSTPORT"},
+      {"--local -L 8080", "it is [BIND:]PORT:HOST:HOSTPORT"},
       {"--local -L /run/x", "it is [BIND:]PORT:HOST:HOSTPORT"},
       {"--local --target unix:/run/./x", "no '..'"},
       {"--local -L /a:1:web:80", "neither a name nor an address"},
