@@ -3,6 +3,7 @@
 #include <set>
 
 #include "common/ready_line.h"
+#include "gx-ssh/child.h"
 #include "gx-ssh/console.h"
 #include "gx-ssh/link_policy.h"
 #include "gx-ssh/module_library.h"
@@ -95,6 +96,21 @@ TEST(LinkTest, FloodOfControlFramesLeavesLittleForTheEventLoop) {
   EXPECT_EQ(owner.delivered, 1);
   EXPECT_EQ(owner.refused, 1);
   EXPECT_EQ(owner.resets, 1);
+}
+
+// All descendants of the child hold the pipe, so it ends when the last of them has ended.
+TEST(ChildTest, LeavesNothingBehind) {
+  const std::string stubborn = "trap '' TERM HUP INT; kill -USR1 $PPID; echo ready; while :; do sleep 60; done";
+  const std::string parent = "(" + stubborn + ") & ";
+  for (const std::string& command :
+       {stubborn, parent + "wait", parent + "sleep 0.1", std::string("echo ready; sleep 60; :")}) {
+    Pipe pipe = MakePipe();
+    Child child({{"sh", "-c", command}, 0, pipe.write.get(), 2});
+    pipe.write.Reset();
+    EXPECT_EQ(ReadExactly(pipe.read.get(), 6), "ready\n");
+    child.End();
+    EXPECT_EQ(ReadToEnd(pipe.read.get()), "") << command;
+  }
 }
 
 }  // namespace
