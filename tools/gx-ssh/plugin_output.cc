@@ -164,6 +164,7 @@ void PluginOutput::Defer() {
 
 void PluginOutput::Send() {
   ++sends_;
+  LookAtRate();
   while (queued() > 0 && !broken_ && !full_) {
     const ssize_t step = write(fd_, queue_.data() + sent_, queued());
     if (step >= 0) {
@@ -210,7 +211,6 @@ void PluginOutput::WaitForDescriptor(Lock& lock) {
   lock.unlock();
   stop_.WaitFor(fd_, POLLOUT);
   lock.lock();
-  LookAtRate();
   full_ = false;
   Send();
 }
