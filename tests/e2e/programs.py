@@ -55,7 +55,7 @@ FAR_SIDES = (
     ([], "printf 'GX-SSH-PEER 9\\n'; cat >/dev/null", 4, "it speaks version 9 of the protocol"),
     ([], "yes | tr -d '\\n'", 4, "it sends something else"),
     ([], READY + "echo last words >&2; exit 0", 1, 'carrier "sh", exit status 0'),
-    ([], READY + BYE, 1, "gx-ssh: the far side has ended: bye\n"),
+    (["--keepalive", "0s"], READY + BYE, 1, "gx-ssh: the far side has ended: bye\n"),
     ([], READY + BYE + "kill -9 $$", 1, "signal 9 (Killed)"),
     (["--keepalive", "100ms", "--keepalive-count", "2"], READY + SILENT, 1,
      'no sign of life from the far side for 200ms; carrier "sh" still runs'),

@@ -106,6 +106,7 @@ TEST(OptionsTest, EachMistakeHasOneLineAndAHint) {
       {"--local -L /a:web:80 --print port", "has none"},
       {"--local -W -L 1:web:80", "-W opens no port"},
       {"--connect unix:/x --local", "--connect takes no carrier"},
+      {"--connect unix:/x --run y", "--connect takes no carrier"},
       {"--connect unix:/x --listen [::1]:0", "--connect takes no carrier"},
       {"--connect unix:", "a path is missing"},
       {"--connect /x", "it is unix:PATH"},

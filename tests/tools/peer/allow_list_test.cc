@@ -23,6 +23,7 @@ TEST(AllowListTest, DefaultAndAny) {
   EXPECT_TRUE(Passes(AllowList::Default(), "localhost:22"));
   EXPECT_FALSE(Passes(AllowList::Default(), "127.0.0.1:80"));
   EXPECT_TRUE(Passes(AllowList::Any(), "10.1.2.3:4"));
+  EXPECT_TRUE(Passes(ListOf({"[2001:db8::af]:22"}), "[2001:DB8:0::AF]:22"));
   for (const AllowList& list : {AllowList::Any(), AllowList::Default(), ListOf({"*:22", "unix:*"})}) {
     EXPECT_FALSE(Passes(list, "unix:/run/docker.sock")) << "a socket has to be named";
   }
