@@ -107,7 +107,7 @@ COMMANDS = (
     ("@PEER --raw -q --keepalive 5s --keepalive 10s --target a:1 --target b:1", 0),
     ("{ " + say(frame(PING, 0, b"8 bytes.")) + "} | @PEER --raw", 0),
     ("{ " + say(frame(CONNECT, 1, b"refused:1")) + "} | @PEER --raw -q", 0),
-    ("@PEER --raw -vv", 0, "gx-ssh-peer: confines: "),
+    ("@PEER --raw -vv && @PEER --version >&2", 0, "gx-ssh-peer: confines: ", "\nconfines: "),
     ("@PEER --raw -vv --no-confine", 0, "confines: nothing, as asked for"),
     ("echo GX-SSH-HOST 7 | @PEER", 4, "version 7"),
     ("@PEER", 4, "gx-ssh-peer: "),

@@ -7,6 +7,7 @@ import select
 import shlex
 import signal
 import subprocess
+import time
 
 from hosts import Host, Target
 from throwaway import READY_S, eventually, expect, read
@@ -49,17 +50,17 @@ class Terminal:
 
     def expect(self, text):
         """Waits for the text and returns what came before it."""
+        limit = time.monotonic() + READY_S
         while text not in self.unread:
-            expect(self.read(), f"it did not show {text!r}, but {self.unread!r}")
+            expect(self.read() and time.monotonic() < limit, f"it did not show {text!r}, but {self.unread!r}")
         before, self.unread = self.unread.split(text, 1)
         return before
 
     def expect_status(self, expected):
-        while self.read():
-            pass
-        status = os.waitstatus_to_exitcode(os.waitpid(self._pid, 0)[1])
+        ended = eventually(lambda: not self.read(0) and os.waitid(os.P_PID, self._pid, os.WEXITED | os.WNOHANG),
+                           "it does not end")
         self._pid = 0
-        expect(status == expected, f"the status was {status}, not {expected}: {self.unread!r}")
+        expect((ended.si_code, ended.si_status) == (os.CLD_EXITED, expected), ended, f"not {expected}: {self.unread!r}")
 
 
 def interactive_shell():

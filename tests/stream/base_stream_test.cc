@@ -179,6 +179,10 @@ TEST_F(BaseStreamTest, AWaitForNothingBegunTakesNoBuffer) {
     EXPECT_EQ(stream_->story.back(), "read done 8");
     EXPECT_EQ(allocator->alive, 0);
   }
+  stream_->Read(nullptr, 8, kNoTimeout);
+  stream_->SetMemAlloc(nullptr);
+  stream_->RecvRout(true);
+  EXPECT_EQ(stream_->story.back(), "disconnect 57349") << "no buffer to read into";
 }
 
 // The handler makes a frame of each step. A buffer smaller than the request is filled again when the handler

@@ -2,10 +2,7 @@
 #ifndef GX_TESTS_SUPPORT_TCP_CLIENT_H
 #define GX_TESTS_SUPPORT_TCP_CLIENT_H
 
-#include <arpa/inet.h>
 #include <netinet/in.h>
-#include <sys/socket.h>
-#include <unistd.h>
 
 #include "support/io.h"
 #include "support/pattern.h"

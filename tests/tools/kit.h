@@ -2,10 +2,7 @@
 #ifndef GX_TESTS_TOOLS_KIT_H
 #define GX_TESTS_TOOLS_KIT_H
 
-#include <arpa/inet.h>
-#include <gtest/gtest.h>
 #include <netinet/in.h>
-#include <sys/socket.h>
 
 #include "common/control_frames.h"
 #include "common/descriptor.h"

@@ -1,7 +1,5 @@
 #include "gx-ssh/entrance.h"
 
-#include <list>
-
 #include "common/control_frames.h"
 #include "support/test.h"
 

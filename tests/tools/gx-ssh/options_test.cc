@@ -90,55 +90,54 @@ TEST(OptionsTest, ForwardsReadAsThoseOfSsh) {
 }
 
 TEST(OptionsTest, EachMistakeHasOneLineAndAHint) {
-  const std::pair<std::string, std::string> mistakes[] = {
-      {"-q", "a carrier is missing"},
-      {"--local -- ssh", "--local takes no carrier"},
-      {"ssh host", "unknown argument \"ssh\"; a carrier stands behind --"},
-      {"--local --keepalive often", "--keepalive \"often\": not a duration"},
-      {"--local --reconnect=3x", "not a number of attempts"},
-      {"--local --reconnect=0", "not a number of attempts"},
-      {"--local --ready-fd 2", "not an open descriptor above 2"},
-      {"--local --ready-fd 99", "not an open descriptor above 2"},
-      {"--local --log-format xml", "it is text or json"},
-      {"--local --print xml", "addr, port, json"},
-      {"--local -L web:1:web:80", "must be numeric"},
-      {"--local --name box\nProxyCommand", "--name \"box\\n"},
-      {"--local -L /a:web:80 --print port", "has none"},
-      {"--local -W -L 1:web:80", "-W opens no port"},
-      {"--connect unix:/x --local", "--connect takes no carrier"},
-      {"--connect unix:/x --run y", "--connect takes no carrier"},
-      {"--connect unix:/x --listen [::1]:0", "--connect takes no carrier"},
-      {"--connect unix:", "a path is missing"},
-      {"--connect /x", "it is unix:PATH"},
-      {"--probe --run x -- x", "--probe takes a carrier"},
-      {"--background -W -- x", "--background leaves standard input and output"},
-      {"--bring --local", "--bring does not go with"},
-      {"--local --bring-once", "go with --bring\n"},
-      {"--local --allow a:1", "go with --bring\n"},
-      {"--bring --bring-dir a\nb -- x", "not the path of a folder"},
-      {"--local -W --run x", "-W and --run exclude each other"},
-      {"--local -L 8080:[::1:80", "-L \"8080:[::1:80\": it is [BIND:]PORT:HOST:HOSTPORT"},
-      {"--local -L 8080", "it is [BIND:]PORT:HOST:HOSTPORT"},
-      {"--local -L /run/x", "it is [BIND:]PORT:HOST:HOSTPORT"},
-      {"--local --target unix:/run/./x", "no '..'"},
-      {"--local -L /a:1:web:80", "neither a name nor an address"},
-      {"--local --raw -L 8080:/run/x", "--raw: the frame format alone"},
-      {"--local -L 65536:web:80", "a port is a decimal number"},
-      {"--local -L 1:web:80 --target a:1", "--target goes with --listen"},
-      {"-W 1:2:3 -- cat", "an IPv6 target reads"},
-      {"-W a:1 --target b:1 -- cat", "-W HOST:PORT and --target exclude"},
-      {"--local --reconnect --allow-channel-list", "opens ports that"},
-      {"--local --listen unix:/x\ny --print ssh-config", "two lines"},
-      {"--local -q -v", "-q and -v"},
+  const std::pair<std::vector<std::string>, std::string> mistakes[] = {
+      {{"-q"}, "a carrier is missing"},
+      {{"--local -- ssh"}, "--local takes no carrier"},
+      {{"ssh host"}, "unknown argument \"ssh\"; a carrier stands behind --"},
+      {{"--local --keepalive often"}, "--keepalive \"often\": not a duration"},
+      {{"--local --reconnect=3x", "--local --reconnect=0"}, "not a number of attempts"},
+      {{"--local --ready-fd 2", "--local --ready-fd 99"}, "not an open descriptor above 2"},
+      {{"--local --log-format xml"}, "it is text or json"},
+      {{"--local --print xml"}, "addr, port, json"},
+      {{"--local -L web:1:web:80"}, "must be numeric"},
+      {{"--local --name box\nProxyCommand"}, "--name \"box\\n"},
+      {{"--local -L /a:web:80 --print port"}, "has none"},
+      {{"--local -W -L 1:a:2", "--local -W --json", "--local -W --print addr", "--local -W --port-file x"},
+       "-W opens"},
+      {{"--connect unix:x --local", "--connect unix:x --run y", "--connect unix:x -L 1:a:2"},
+       "--connect takes no carrier"},
+      {{"--connect unix:"}, "a path is missing"},
+      {{"--connect /x"}, "it is unix:PATH"},
+      {{"--probe --run x", "--probe --local", "--probe --raw", "--probe -W"}, "--probe takes a carrier"},
+      {{"--background -W", "--background --run x", "--background --json", "--background --probe"},
+       "--background leaves standard input and output"},
+      {{"--bring --local", "--bring --raw -- x"}, "--bring does not go with"},
+      {{"--local --bring-once", "--local --allow a:1", "--local --bring-dir x"}, "go with --bring\n"},
+      {{"--bring --bring-dir a\nb -- x"}, "not the path of a folder"},
+      {{"--local -W --run x"}, "-W and --run exclude each other"},
+      {{"--local -L 8080:[::1:80"}, "-L \"8080:[::1:80\": it is [BIND:]PORT:HOST:HOSTPORT"},
+      {{"--local -L 8080", "--local -L /run/x"}, "it is [BIND:]PORT:HOST:HOSTPORT"},
+      {{"--local --target unix:/run/./x"}, "no '..'"},
+      {{"--local -L /a:1:web:80"}, "neither a name nor an address"},
+      {{"--local --raw -L 8080:/run/x"}, "--raw: the frame format alone"},
+      {{"--local -L 65536:web:80"}, "a port is a decimal number"},
+      {{"--local -L 1:web:80 --target a:1"}, "--target goes with --listen"},
+      {{"-W 1:2:3 -- cat"}, "an IPv6 target reads"},
+      {{"-W a:1 --target b:1 -- cat"}, "-W HOST:PORT and --target exclude"},
+      {{"--local --reconnect --allow-channel-list"}, "opens ports that"},
+      {{"--local --listen unix:/x\ny --print ssh-config"}, "two lines"},
+      {{"--local -q -v"}, "-q and -v"},
   };
-  for (const auto& [line, complaint] : mistakes) {
-    testing::internal::CaptureStderr();
-    const auto result = Parse(line);
-    const std::string said = testing::internal::GetCapturedStderr();
-    ASSERT_TRUE(std::holds_alternative<int>(result)) << line;
-    EXPECT_EQ(std::get<int>(result), kExitUsage);
-    EXPECT_THAT(said, HasSubstr(complaint)) << line;
-    EXPECT_EQ(std::count(said.begin(), said.end(), '\n'), 2) << said;
+  for (const auto& [lines, complaint] : mistakes) {
+    for (const std::string& line : lines) {
+      testing::internal::CaptureStderr();
+      const auto result = Parse(line);
+      const std::string said = testing::internal::GetCapturedStderr();
+      ASSERT_TRUE(std::holds_alternative<int>(result)) << line;
+      EXPECT_EQ(std::get<int>(result), kExitUsage);
+      EXPECT_THAT(said, HasSubstr(complaint)) << line;
+      EXPECT_EQ(std::count(said.begin(), said.end(), '\n'), 2) << said;
+    }
   }
 }
 

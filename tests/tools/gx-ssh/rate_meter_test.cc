@@ -1,7 +1,5 @@
 #include "gx-ssh/rate_meter.h"
 
-#include <algorithm>
-
 #include "support/test.h"
 
 namespace gxtool {

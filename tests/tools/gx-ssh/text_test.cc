@@ -72,6 +72,8 @@ TEST(ReportTest, TellsOfTheLineWhatIsKnown) {
   EXPECT_EQ(LineText(idle), "line round trip 0.50 ms, 0 B under way");
   EXPECT_TRUE(
       StatusLines("", "", {}, 0, 0, busy).ends_with("\nline 97.7 KiB/s, round trip 42 ms, 3.9 KiB under way"));
+  EXPECT_EQ(LineObject(busy).Text(),
+            R"({"line_bytes_per_second":100000.0,"line_round_trip_ms":42.0,"line_under_way":4000})");
 }
 
 // Reading begins after more was added than the queue keeps.
