@@ -20,14 +20,23 @@ constexpr std::chrono::microseconds kLinger{50};
 // While calls of Write send the batches themselves, the flusher doubles its pause up to this.
 constexpr std::chrono::microseconds kLongestLinger{1000};
 
-// A keystroke waits for all that is in the socket and in the queue, so both hold what is sent in so many
-// seconds. On a fast line they are large, which saves context switches.
-constexpr double kUnreadSeconds = 0.0015;  // Linux allows twice as many bytes
-constexpr double kLeastUnreadBytes = 8 * 1024;
-constexpr double kMostUnreadBytes = 208 * 1024;
-constexpr double kQueueSeconds = 0.0005;
-constexpr double kLeastQueueBytes = kFullBlockBytes;
+// Limits of unread bytes in the socket. On a fast line a large one saves context switches. On a slow line it
+// would keep the descriptor full for many seconds, which the module would take for a stuck far side.
+constexpr int kUnreadBytes = 208 * 1024;
+constexpr int kUnreadBytesSlow = 8 * 1024;
+constexpr std::uint64_t kFastBytesPerMs = 1000;
 constexpr std::chrono::milliseconds kLook{20};
+
+// A keystroke waits for all that is in the socket and in the queue. Before a line whose rate is known both hold
+// what it carries in so many seconds.
+constexpr double kUnreadSeconds = 0.0015;  // Linux allows twice as many bytes
+constexpr double kQueueSeconds = 0.0005;
+
+// A reader that takes bytes in lumps, at intervals longer than that, finds too few, and the line seems slow. So
+// both hold twice as much when most of so many waits ended with an empty socket.
+constexpr int kWaits = 16;
+constexpr int kMostEmpty = 12;
+constexpr int kMostShares = 64;
 
 }  // namespace
 
@@ -36,9 +45,9 @@ PluginOutput::PluginOutput(int fd, StopSignal& stop, Handler& handler, LinePace:
       stop_(stop),
       handler_(handler),
       now_(now),
-      most_queued_(static_cast<std::size_t>(kLeastQueueBytes)),
+      is_local_(UnreadBytes(fd).has_value()),
       flusher_([this] { Flush(); }) {
-  SetUnreadBytes(fd_, static_cast<int>(kLeastUnreadBytes));
+  SetUnreadBytes(fd_, kUnreadBytesSlow);
 }
 
 PluginOutput::~PluginOutput() {
@@ -211,20 +220,39 @@ void PluginOutput::WaitForDescriptor(Lock& lock) {
   lock.unlock();
   stop_.WaitFor(fd_, POLLOUT);
   lock.lock();
+  LookAtReader();
+  LookAtRate();
   full_ = false;
   Send();
 }
 
+void PluginOutput::LookAtReader() {
+  empty_ += UnreadBytes(fd_) == 0 ? 1 : 0;
+  if (++waits_ < kWaits) return;
+  if (empty_ >= kMostEmpty) {
+    shares_ = std::min(2 * shares_, kMostShares);
+  } else if (empty_ == 0) {
+    shares_ = std::max(shares_ / 2, 1);
+  }
+  waits_ = empty_ = 0;
+}
+
 void PluginOutput::LookAtRate() {
+  const LinePace::View line = pace_.view();
+  if (!is_local_ || (!line.known && !full_)) return;
   const LinePace::Clock::time_point now = now_();
-  const auto passed = now - looked_at_;
+  const auto passed = std::chrono::duration_cast<std::chrono::milliseconds>(now - looked_at_);
   if (passed < kLook) return;
-  const double rate =
-      static_cast<double>(sent_ever_ - sent_then_) / std::chrono::duration<double>(passed).count();
-  const double unread = std::clamp(rate * kUnreadSeconds, kLeastUnreadBytes, kMostUnreadBytes);
-  SetUnreadBytes(fd_, static_cast<int>(unread));
-  most_queued_ = static_cast<std::size_t>(
-      std::clamp(rate * kQueueSeconds, kLeastQueueBytes, static_cast<double>(kQueueBytes)));
+  const auto of_line = [&](double seconds, double least, double most) {
+    return std::clamp(line.bytes_per_s * seconds * shares_, least, most);
+  };
+  if (line.known) {
+    SetUnreadBytes(fd_, static_cast<int>(of_line(kUnreadSeconds, kUnreadBytesSlow, kUnreadBytes)));
+    most_queued_ = static_cast<std::size_t>(of_line(kQueueSeconds, kFullBlockBytes, kQueueBytes));
+  } else {
+    const bool fast = sent_ever_ - sent_then_ >= kFastBytesPerMs * static_cast<std::uint64_t>(passed.count());
+    SetUnreadBytes(fd_, fast ? kUnreadBytes : kUnreadBytesSlow);
+  }
   looked_at_ = now;
   sent_then_ = sent_ever_;
 }

@@ -95,6 +95,7 @@ class PluginOutput : FrameReader::Handler {
   void WaitForRoom(Lock& lock, std::size_t bytes);
   void Flush();  // runs on the flusher thread
   void WaitForDescriptor(Lock& lock);
+  void LookAtReader();
   void LookAtRate();
   void Linger(Lock& lock);
   // Reports a new failure to the handler, without holding the lock. Returns false when the descriptor accepts
@@ -105,6 +106,7 @@ class PluginOutput : FrameReader::Handler {
   StopSignal& stop_;
   Handler& handler_;
   const LinePace::Now now_;
+  const bool is_local_;  // a local socket
 
   FrameReader scanner_{this};              // for the data of Write; used only there
   std::vector<gxmod::FrameHeader> begun_;  // frames that started in this call of Write; used only there
@@ -121,9 +123,12 @@ class PluginOutput : FrameReader::Handler {
   bool between_frames_ = true;
   bool full_ = false;  // the last write filled the descriptor
   std::uint64_t sent_ever_ = 0;
-  std::size_t most_queued_;  // more blocks Write; by the last measurement
-  std::chrono::steady_clock::time_point looked_at_{};
+  std::size_t most_queued_ = kQueueBytes;  // more blocks Write
+  LinePace::Clock::time_point looked_at_{};
   std::uint64_t sent_then_ = 0;
+  int shares_ = 1;             // the socket and the queue hold so many times what they should
+  int waits_ = 0;              // for the descriptor, in this round
+  int empty_ = 0;              // those of them that ended with an empty socket
   bool writer_waits_ = false;  // a caller is in WaitForRoom and sends the queue
   bool deferred_ = false;      // a frame was batched since the flusher last checked
   std::uint64_t sends_ = 0;    // number of calls of Send
