@@ -58,8 +58,8 @@ TEST_F(ConnectionsTest, TakeTurnsOnASlowLine) {
   }
 }
 
-// One Connect and one Close tell of each connection, however its client ends it, also when
-// the client could still receive, and all that it sent before it ended the connection arrives, but for a reset.
+// One Connect and one Close tell of each connection, whether its client closes it, resets it or only ends its
+// own sending, and all that it sent before arrives, unless it resets.
 TEST_F(ConnectionsTest, ComingAndGoingLeavesNothing) {
   int rounds = 0;
   const auto round_trip = [&] {
