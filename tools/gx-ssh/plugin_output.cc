@@ -227,6 +227,7 @@ void PluginOutput::WaitForDescriptor(Lock& lock) {
 }
 
 void PluginOutput::LookAtReader() {
+  if (most_queued_ >= kQueueBytes && shares_ == 1) return;  // both hold the maximum anyway
   empty_ += UnreadBytes(fd_) == 0 ? 1 : 0;
   if (++waits_ < kWaits) return;
   if (empty_ >= kMostEmpty) {
