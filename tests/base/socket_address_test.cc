@@ -31,6 +31,8 @@ TEST(SocketAddressTest, GoesToTheSystemsAddressesAndBack) {
   EXPECT_EQ(SocketAddress("1.2.3", 22).ToString(), "1.2.3:22") << "a name";
   IPAddress ip;
   EXPECT_FALSE(IPFromString(std::string("127.0.0.1\0.evil", 15), &ip)) << "a NUL hides the rest";
+  EXPECT_TRUE(IPFromString("0.0.0.0", &ip) && IPIsAny(ip));
+  EXPECT_TRUE(IPFromString("10.1.2.3", &ip) && !IPIsAny(ip));
 }
 
 }  // namespace
