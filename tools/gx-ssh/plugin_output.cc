@@ -29,8 +29,8 @@ constexpr std::chrono::milliseconds kLook{20};
 
 // A keystroke waits for all that is in the socket and in the queue. Before a line whose rate is known both hold
 // what it carries in so many seconds.
-constexpr double kUnreadSeconds = 0.0015;  // Linux allows twice as many bytes
-constexpr double kQueueSeconds = 0.0005;
+constexpr double kUnreadSeconds = 0.001;  // Linux allows twice as many bytes
+constexpr double kQueueSeconds = 0.0004;
 
 // A reader that takes bytes in lumps, at intervals longer than that, finds too few, and the line seems slow. So
 // both hold twice as much when most of so many waits ended with an empty socket.
