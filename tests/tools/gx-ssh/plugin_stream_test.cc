@@ -55,6 +55,7 @@ class PluginStreamTest : public testing::Test {
   PluginStreamTest() { signal(SIGPIPE, SIG_IGN); }
 
   void Open(StreamSettings settings = {}) {
+    stream_ = {};  // while its far side is there
     auto [mine, theirs] = MakeSocketPair();
     far_ = std::move(theirs);
     Descriptor copy = Duplicate(mine.get());
