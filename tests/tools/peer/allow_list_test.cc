@@ -23,13 +23,13 @@ TEST(AllowListTest, DefaultAndAny) {
   EXPECT_TRUE(Passes(AllowList::Default(), "localhost:22"));
   EXPECT_FALSE(Passes(AllowList::Default(), "127.0.0.1:80"));
   EXPECT_TRUE(Passes(AllowList::Any(), "10.1.2.3:4"));
-  EXPECT_TRUE(Passes(ListOf({"[2001:db8::af]:22"}), "[2001:DB8:0::AF]:22"));
   for (const AllowList& list : {AllowList::Any(), AllowList::Default(), ListOf({"*:22", "unix:*"})}) {
     EXPECT_FALSE(Passes(list, "unix:/run/docker.sock")) << "a socket has to be named";
   }
   AllowList list;
   std::string why;
-  for (const char* entry : {"*:*", "127.0.0.*:22", "127.0.0.1:22,80", "db.example.:22", "unix:/run/.."}) {
+  for (const char* entry :
+       {"*:*", "127.0.0.*:22", "127.0.0.1:22,80", "db.example.:22", "0xa:22", "unix:/run/.."}) {
     EXPECT_FALSE(list.Add(entry, &why)) << entry;
   }
 }
