@@ -310,10 +310,10 @@ TEST(PluginOutputTest, LittleWaitsForASlowLine) {
   Unconcerned handler;
   PluginOutput output(near.get(), stop, handler, &LineTime);
   std::uint64_t read = 0;
-  const auto carry = [&](std::chrono::milliseconds time, std::size_t most) {
+  const auto carry = [&, fd = far.get()](std::chrono::milliseconds time, std::size_t most) {
     g_line_time = g_line_time.load() + time;
     std::string bytes(most, '.');
-    read += static_cast<std::uint64_t>(std::max<ssize_t>(recv(far.get(), bytes.data(), most, MSG_DONTWAIT), 0));
+    read += static_cast<std::uint64_t>(std::max<ssize_t>(recv(fd, bytes.data(), most, MSG_DONTWAIT), 0));
     output.OnAcknowledgement({read, read + (8 << 20)});
   };
   carry({}, 1);

@@ -241,7 +241,8 @@ TEST(FrameOutputTest, WhatTheStreamDoesNotTakeAtOnceFollows) {
   }
   output.FlushNow();
   ASSERT_FALSE(output.idle());
-  auto read = std::async(std::launch::async, [&] { return ReadExactly(reader.get(), bytes).size(); });
+  auto read =
+      std::async(std::launch::async, [fd = reader.get(), bytes] { return ReadExactly(fd, bytes).size(); });
   while (!output.idle() && io.run_one_for(kPatience) != 0) {
   }
   EXPECT_EQ(read.get(), bytes);
