@@ -270,7 +270,8 @@ def tells(tools):
                 '"usable":1', '"noise":"Welcome\\\\n', "round_trip_median_ms", '"bytes_survive":1', '"queued_ms"',
                 "there_bytes_per_second", "back_bytes_per_second", "both_bytes_per_second")),
             (older, [], 0, ("rate back   unknown: ", "both ways")),
-            ("@PEER | stdbuf -o0 tr '\\200' '\\201'", ["--json"], 4, ("byte 0x80 comes back as 0x81",))):
+            ("@PEER | stdbuf -o0 tr '\\200-\\356' '\\201-\\357'", ["--json"], 4, (
+                '"bytes_survive":0', "byte 0x80 comes back as 0x81"))):
         done = run_to_the_end([tools.gx_ssh, "--probe", *form, "--", "sh", "-c",
                                through.replace("@PEER", tools.gx_ssh_peer)])
         judge(through, done, status, "")
