@@ -85,7 +85,7 @@ class Compare(unittest.TestCase):
     def test_all_modes_through_a_tunnel_and_without(self):
         wanted = ["up-1", "up-8", "down-1", "down-8", "trip", "trip-up", "trip-down", "connect-1", "connect-8",
                   "idle-100", "nothing"]
-        through = ["none", "gx-ssh", "gx-ssh --local", "bare relay"]
+        through = ["none", "gx-ssh", "gx-ssh --local", "bare relay", "bare multiplexer"]
         with tempfile.TemporaryDirectory() as folder:
             done = subprocess.run(
                 [f"{HERE}/compare", "--build", BUILD, "--tunnels", ",".join(through), "--rounds", "1",

@@ -83,8 +83,8 @@ class World:
     def __init__(self, build, folder, server, line=None, edges=None):
         self.folder = folder
         self.server = server
+        self.build = build
         self.load = f"{build}/bench/tunnel/tunnel"
-        self.relay = f"{build}/bench/relay/relay"
         self.gx_ssh = f"{build}/tools/gx-ssh/gx-ssh"
         self.gx_ssh_peer = f"{build}/tools/peer/gx-ssh-peer"
         self.line = [f"{build}/bench/line/line", *LINES[line]] if line else None
@@ -198,15 +198,19 @@ class Socat(Tunnel):
                 f"TCP:127.0.0.1:{onward},nodelay"]
 
 
-class BareRelay(Tunnel):
-    """Two processes per connection that only copy: the least cost of two programs."""
+class Bare(Tunnel):
+    """One of our own programs that only copy: the least cost of two programs, or of two that carry frames."""
 
-    most_connections = 100
+    def __init__(self, name, program, most_connections):
+        super().__init__(name)
+        self.program_name = program
+        self.most_connections = most_connections
 
     @contextlib.contextmanager
     def open(self, world):
         port = quiet_port()
-        with listening([world.relay, str(port), f"127.0.0.1:{world.target_port}"], port) as child:
+        program = f"{world.build}/bench/{self.program_name}/{self.program_name}"
+        with listening([program, str(port), f"127.0.0.1:{world.target_port}"], port) as child:
             yield port, [child.pid]
 
 
@@ -272,7 +276,8 @@ stream {{
 
 
 ALL = [NoTunnel("none"), GxSsh("gx-ssh"), GxSshLocal("gx-ssh --local"), Ssh("ssh -L"), Dbclient("dbclient -L"),
-       Socat("2 socat"), BareRelay("bare relay"), Haproxy("haproxy"), Nginx("nginx")]
+       Socat("2 socat"), Bare("bare relay", "relay", 100), Bare("bare multiplexer", "multiplexer", 1_000),
+       Haproxy("haproxy"), Nginx("nginx")]
 
 POLICY = "/usr/sbin/policy-rc.d"
 

@@ -6,7 +6,6 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include <array>
 #include <cerrno>
 #include <cstdio>
 #include <cstdlib>
@@ -55,15 +54,9 @@ void InChild(Work work) {
   std::_Exit(0);
 }
 
-std::pair<Socket, Socket> LocalSockets() {
-  std::array<int, 2> ends{};
-  if (socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, ends.data()) != 0) throw Failure("socketpair failed");
-  return {Socket(ends[0]), Socket(ends[1])};
-}
-
 // Each child inherits both ends of the local socket and must close the other's, to detect its end.
 void Carry(Socket client, const sockaddr_in& target) {
-  std::pair<Socket, Socket> local = LocalSockets();
+  std::pair<Socket, Socket> local = Socket::Pair();
   InChild([&] {
     local.second = {};
     CopyBothWays(client, local.first);

@@ -5,6 +5,7 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include <array>
 #include <cerrno>
 #include <charconv>
 #include <cstring>
@@ -64,6 +65,12 @@ Socket Socket::Connect(const sockaddr_in& address) {
   Socket made(NewSocket());
   if (connect(made.fd_, reinterpret_cast<const sockaddr*>(&address), sizeof address) != 0) Fail("connect");
   return made;
+}
+
+std::pair<Socket, Socket> Socket::Pair() {
+  std::array<int, 2> ends{};
+  if (socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, ends.data()) != 0) Fail("socketpair");
+  return {Socket(ends[0]), Socket(ends[1])};
 }
 
 void Socket::Send(std::span<const std::byte> bytes) {

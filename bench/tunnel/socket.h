@@ -36,6 +36,8 @@ class Socket {
   ~Socket();
 
   static Socket Connect(const sockaddr_in& address);
+  // The two ends of a local stream.
+  static std::pair<Socket, Socket> Pair();
 
   void Send(std::span<const std::byte> bytes);
   // Returns the number of received bytes; 0 at the end of the stream.
