@@ -15,13 +15,13 @@ bool IsLocal(int fd) {
 
 }  // namespace
 
-void SetUnreadBytes(int fd, int bytes) {
-  if (IsLocal(fd)) setsockopt(fd, SOL_SOCKET, SO_SNDBUF, &bytes, sizeof bytes);
+bool SetUnreadBytes(int fd, int bytes) {
+  return IsLocal(fd) && setsockopt(fd, SOL_SOCKET, SO_SNDBUF, &bytes, sizeof bytes) == 0;
 }
 
 std::optional<int> UnreadBytes(int fd) {
   int bytes = 0;
-  if (!IsLocal(fd) || ioctl(fd, SIOCOUTQ, &bytes) != 0) return std::nullopt;
+  if (ioctl(fd, SIOCOUTQ, &bytes) != 0) return std::nullopt;
   return bytes;
 }
 

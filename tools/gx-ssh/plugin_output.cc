@@ -41,12 +41,7 @@ constexpr int kMostShares = 64;
 }  // namespace
 
 PluginOutput::PluginOutput(int fd, StopSignal& stop, Handler& handler, LinePace::Now now)
-    : fd_(fd),
-      stop_(stop),
-      handler_(handler),
-      now_(now),
-      is_local_(UnreadBytes(fd).has_value()),
-      flusher_([this] { Flush(); }) {
+    : fd_(fd), stop_(stop), handler_(handler), now_(now), flusher_([this] { Flush(); }) {
   SetUnreadBytes(fd_, kUnreadBytesSlow);
 }
 
@@ -240,7 +235,7 @@ void PluginOutput::LookAtReader() {
 
 void PluginOutput::LookAtRate() {
   const LinePace::View line = pace_.view();
-  if (!is_local_ || (!line.known && !full_)) return;
+  if (!line.known && !full_) return;
   const LinePace::Clock::time_point now = now_();
   const auto passed = std::chrono::duration_cast<std::chrono::milliseconds>(now - looked_at_);
   if (passed < kLook) return;
@@ -248,8 +243,9 @@ void PluginOutput::LookAtRate() {
     return std::clamp(line.bytes_per_s * seconds * shares_, least, most);
   };
   if (line.known) {
-    SetUnreadBytes(fd_, static_cast<int>(of_line(kUnreadSeconds, kUnreadBytesSlow, kUnreadBytes)));
-    most_queued_ = static_cast<std::size_t>(of_line(kQueueSeconds, kFullBlockBytes, kQueueBytes));
+    // Other descriptors hold as much as they like, so a shorter queue before them would shorten no wait.
+    if (SetUnreadBytes(fd_, static_cast<int>(of_line(kUnreadSeconds, kUnreadBytesSlow, kUnreadBytes))))
+      most_queued_ = static_cast<std::size_t>(of_line(kQueueSeconds, kFullBlockBytes, kQueueBytes));
   } else {
     const bool fast = sent_ever_ - sent_then_ >= kFastBytesPerMs * static_cast<std::uint64_t>(passed.count());
     SetUnreadBytes(fd_, fast ? kUnreadBytes : kUnreadBytesSlow);

@@ -106,7 +106,6 @@ class PluginOutput : FrameReader::Handler {
   StopSignal& stop_;
   Handler& handler_;
   const LinePace::Now now_;
-  const bool is_local_;  // a local socket
 
   FrameReader scanner_{this};              // for the data of Write; used only there
   std::vector<gxmod::FrameHeader> begun_;  // frames that started in this call of Write; used only there
