@@ -87,9 +87,9 @@ void ResetSignals() {
     action.sa_handler = SIG_DFL;
     sigaction(number, &action, nullptr);
   }
-  sigset_t none;
-  sigemptyset(&none);
-  sigprocmask(SIG_SETMASK, &none, nullptr);
+  sigset_t all;
+  sigfillset(&all);
+  sigprocmask(SIG_UNBLOCK, &all, nullptr);
 }
 
 [[noreturn]] void Execute(const std::array<int, 3>& standard, char* const* arguments, int report) {
