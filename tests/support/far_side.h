@@ -29,8 +29,7 @@ class FarSide {
       if (rest == 0) stream.Send({gxmod::ConnectionType::Close, frame.id, ""});
     };
   }
-  // Answers nothing.
-  static void Sink(PluginStream&, const Frame&) {}
+
   explicit FarSide(CRefObj<PluginStream> stream, Answer answer = Echo)
       : stream_(std::move(stream)), answer_(std::move(answer)), thread_([this] { Run(); }) {}
   FarSide(const FarSide&) = delete;
