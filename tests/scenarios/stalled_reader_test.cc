@@ -8,45 +8,61 @@ namespace {
 
 constexpr std::size_t kFrameBytes = 64 * 1024;
 
-class StalledReaderTest : public ForwardingTest {};
-
-// A client takes nothing of what the far side floods it with. The module holds no more memory than the mark and
-// one frame, though each frame brings only 16 bytes. The others' uploads go on; their downloads go on when it
-// is cut. One line tells that the reader waits, one that it was cut.
-TEST_F(StalledReaderTest, IsBoundedAndCutInTheEnd) {
-  const std::size_t mark = Scale<std::size_t>(1, 64) * 1024 * 1024;
-  Start({.connection_bytes = mark,
-         .stuck_ms = 300,
-         .jam_ms = 500,
-         .stall_ms = Scale<std::uint64_t>(500, 60'000)});
-  stream_->Behave({.send_capacity = kFrameBytes});  // what the test would send is not on the heap
-  Connection stalled = Connect();
-  Connection other = Connect();
-  const CRefObj<MyHandler> connection = client_->FindStream(stalled.id);
-  ASSERT_TRUE(connection);
-  const std::size_t heap = HeapBytes();
-  std::atomic<bool> stop{false};
-  std::thread far([&] {
+// A client takes nothing of what the far side floods it with, 16 bytes a frame. Another one is served.
+class StalledReaderTest : public ForwardingTest {
+ protected:
+  void Flood(std::uint64_t stall_ms) {
+    Start({.connection_bytes = mark_, .stall_ms = stall_ms});
+    stream_->Behave({.send_capacity = kFrameBytes});  // what the test would send is not on the heap
+    stalled_ = Connect();
+    other_ = Connect();
+    heap_ = HeapBytes();
     std::string frames;
     while (frames.size() < kFrameBytes)
-      frames += Encode({ConnectionType::Data, stalled.id, std::string(16, 'x')});
-    while (!stop) stream_->Send(frames);
-  });
-  EXPECT_TRUE(Eventually([&] { return connection->Owed() > mark; }));
-  EXPECT_LE(connection->Owed(), mark + kFrameBytes + CFlowControl::kBlockBytes);
-  constexpr std::size_t kSlack = 1024 * 1024;  // the carrier and the test
-  EXPECT_LE(HeapBytes(), heap + mark + kFrameBytes + kSlack);
-  other.local.Send("up");
-  EXPECT_EQ(ReceiveData(other.id, 2), "up") << "only the road to the clients waits";
+      frames += Encode({ConnectionType::Data, stalled_->id, std::string(16, 'x')});
+    far_ = std::thread([this, frames] {
+      while (!stop_ && !stream_->IsClosed()) stream_->Send(frames);
+    });
+  }
+  void TearDown() override {
+    client_->ExitInstance();
+    far_.join();
+    stalled_.reset();
+    other_.reset();
+    ForwardingTest::TearDown();
+  }
 
-  EXPECT_EQ(stream_->Receive(), (Frame{ConnectionType::Close, stalled.id, ""}));
-  stop = true;
-  stream_->Send({ConnectionType::Data, other.id, "later"});
-  EXPECT_EQ(other.local.Receive(5), "later");
-  other.local.Send("up");
-  EXPECT_EQ(stream_->Receive(), (Frame{ConnectionType::Data, other.id, "up"})) << "one Close";
+  const std::size_t mark_ = Scale<std::size_t>(1, 64) * 1024 * 1024;
+  std::optional<Connection> stalled_;
+  std::optional<Connection> other_;
+  std::size_t heap_ = 0;
+  std::atomic<bool> stop_{false};
+  std::thread far_;
+};
+
+// The module holds no more memory than the mark and one frame. Only the road to the clients waits.
+TEST_F(StalledReaderTest, IsBounded) {
+  Flood(60'000);
+  const CRefObj<MyHandler> connection = client_->FindStream(stalled_->id);
+  ASSERT_TRUE(connection);
+  EXPECT_TRUE(Eventually([&] { return connection->Owed() > mark_; }));
+  EXPECT_LE(connection->Owed(), mark_ + kFrameBytes + CFlowControl::kBlockBytes);
+  constexpr std::size_t kSlack = 1024 * 1024;  // the carrier and the test
+  EXPECT_LE(HeapBytes(), heap_ + mark_ + kFrameBytes + kSlack);
+  other_->local.Send("up");
+  EXPECT_EQ(ReceiveData(other_->id, 2), "up");
+}
+
+// Then the others' downloads go on. One line tells that the reader waits, one that the client was cut.
+TEST_F(StalledReaderTest, IsCutInTheEnd) {
+  Flood(1);
+  EXPECT_EQ(stream_->Receive(), (Frame{ConnectionType::Close, stalled_->id, ""}));
+  stop_ = true;
+  stream_->Send({ConnectionType::Data, other_->id, "later"});
+  EXPECT_EQ(other_->local.Receive(5), "later");
+  other_->local.Send("up");
+  EXPECT_EQ(stream_->Receive(), (Frame{ConnectionType::Data, other_->id, "up"})) << "one Close";
   client_->ExitInstance();
-  far.join();
   EXPECT_THAT(log_.Lines(), testing::Contains(testing::Pair(kGXModLogWarning, testing::_)).Times(2));
 }
 
