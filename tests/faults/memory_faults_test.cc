@@ -120,16 +120,6 @@ class HostLog final : public LogKeeper {
   std::atomic<int> errors_{0};
 };
 
-bool AnySocketListens() {
-  for (int descriptor = 0; descriptor < FD_SETSIZE; ++descriptor) {
-    int listens = 0;
-    socklen_t length = sizeof listens;
-    getsockopt(descriptor, SOL_SOCKET, SO_ACCEPTCONN, &listens, &length);
-    if (listens != 0) return true;
-  }
-  return false;
-}
-
 class MemoryFaults : public gxtest::LeakGate {
  protected:
   // From `init` to `uninit`, with connections between where it comes to that. Though the n-th request for
@@ -159,11 +149,11 @@ class MemoryFaults : public gxtest::LeakGate {
       Use(plugin->GetLocalPort(), stream, resource);
     } else {
       EXPECT_GT(resource.Failed(), 0);
-      EXPECT_FALSE(AnySocketListens());
+      EXPECT_FALSE(gxtest::AnyPortListens());
       EXPECT_GT(log.errors_ + more, 0) << "the reason is in the log, if there was memory for that";
     }
     if (plugin) Inside(kModule, [&] { return plugin->ExitInstance(); });
-    EXPECT_FALSE(AnySocketListens());
+    EXPECT_FALSE(gxtest::AnyPortListens());
     const bool reached = resource.Failed() > 0;
     resource.Arm(kNever, 0);
     plugin = nullptr;

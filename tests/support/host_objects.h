@@ -4,6 +4,7 @@
 
 #include "gxmod/control_ssh.h"
 #include "object/creference.h"
+#include "support/leak_gate.h"
 #include "support/test.h"
 
 namespace gxtest {
@@ -36,16 +37,17 @@ class PluginListener final : public IControlSshListener, private CReference {
   explicit PluginListener(std::string target) : target_(std::move(target)) {}
   GX_FORWARD_REFERENCE();
   void OnLocalAddress(const char* address, std::uint16_t port) override {
-    told_port = port;
     calls.push_back(std::string(address) + ":" + std::to_string(port));
     if (throws) throw std::bad_alloc();
   }
-  void OnExit() override { calls.push_back("exit"); }
+  void OnExit() override {
+    calls.push_back(AnyPortListens() ? "exit too early" : "exit");
+    if (throws) throw std::bad_alloc();
+  }
   const char* GetRemoteAddress() override { return target_.c_str(); }
 
   std::vector<std::string> calls;
-  int told_port = 0;
-  bool throws = false;  // out of OnLocalAddress
+  bool throws = false;  // out of OnLocalAddress and OnExit
 
  private:
   const std::string target_;

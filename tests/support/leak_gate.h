@@ -3,6 +3,8 @@
 #define GX_TESTS_SUPPORT_LEAK_GATE_H
 
 #include <malloc.h>
+#include <sys/select.h>
+#include <sys/socket.h>
 #include <sys/wait.h>
 
 #include <filesystem>
@@ -24,6 +26,17 @@ inline int Threads() { return CountEntries("/proc/self/task"); }
 inline std::size_t HeapBytes() {
   const struct mallinfo2 info = mallinfo2();
   return info.uordblks + info.hblkhd;
+}
+
+// Asks the process's own sockets. A connection attempt could reach a program that has been given a port that
+// was just closed here.
+inline bool AnyPortListens() {
+  int listens = 0;
+  for (int descriptor = 0; descriptor < FD_SETSIZE && listens == 0; ++descriptor) {
+    socklen_t length = sizeof listens;
+    getsockopt(descriptor, SOL_SOCKET, SO_ACCEPTCONN, &listens, &length);
+  }
+  return listens != 0;
 }
 
 inline std::int64_t LiveObjects() {
