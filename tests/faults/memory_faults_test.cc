@@ -36,6 +36,7 @@ class Resource {
 
 Resource g_memory;
 Resource g_threads;
+std::atomic<long> g_blocks{0};  // of memory that are in use
 thread_local bool t_in_module = false;
 constexpr bool kHost = false;
 constexpr bool kModule = true;
@@ -64,7 +65,15 @@ void* RunInModule(void* memory) {
 extern "C" {
 void* __real_malloc(std::size_t size);
 void* __wrap_malloc(std::size_t size) {
-  return t_in_module && g_memory.Fails() ? nullptr : __real_malloc(size);
+  void* const block = t_in_module && g_memory.Fails() ? nullptr : __real_malloc(size);
+  if (block != nullptr) ++g_blocks;
+  return block;
+}
+
+void __real_free(void*);
+void __wrap_free(void* block) {
+  if (block != nullptr) --g_blocks;
+  __real_free(block);
 }
 
 int __real_pthread_create(pthread_t*, const pthread_attr_t*, void* (*)(void*), void*);
@@ -123,8 +132,8 @@ class HostLog final : public LogKeeper {
 class MemoryFaults : public gxtest::LeakGate {
  protected:
   // From `init` to `uninit`, with connections between where it comes to that. Though the n-th request for
-  // `resource` fails, results tell the truth, each failure costs one connection at most, and nothing is left:
-  // leaked memory is for the leak sanitizer. False: there were fewer requests.
+  // `resource` fails, results tell the truth, and each failure costs one connection at most. False: there were
+  // fewer requests.
   bool Live(const char* what, Resource& resource, long n, long more) {
     SCOPED_TRACE(what + std::to_string(n));
     HostLog log;
@@ -184,9 +193,14 @@ class MemoryFaults : public gxtest::LeakGate {
 TEST_F(MemoryFaults, AnyRequestMayFail) {
   const auto each_fails = [this](const char* what, Resource& resource, long more) {
     long n = 1;
-    while (n < 400 && Live(what, resource, n, more)) ++n;
+    const long blocks = g_blocks;
+    while (n < 400 && Live(what, resource, n, more)) {
+      EXPECT_EQ(g_blocks, blocks) << what << n << " leaked";
+      ++n;
+    }
     EXPECT_GT(n, 2);
   };
+  Live("nothing ", g_memory, kNever, 0);  // allocates what the process keeps
   each_fails("allocation ", g_memory, 0);
   each_fails("allocation and the next ", g_memory, 1);
   each_fails("thread ", g_threads, 0);
