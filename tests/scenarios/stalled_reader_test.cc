@@ -17,6 +17,7 @@ class StalledReaderTest : public ForwardingTest {
     stalled_ = Connect();
     other_ = Connect();
     heap_ = HeapBytes();
+    Fill(*stalled_, mark_ / 2);
     std::string frames;
     while (frames.size() < kFrameBytes)
       frames += Encode({ConnectionType::Data, stalled_->id, std::string(16, 'x')});

@@ -68,6 +68,17 @@ class ForwardingTest : public LeakGate {
     return data;
   }
 
+  // Sends so much to a client that takes nothing that the module holds `bytes` for it. Then the system's
+  // buffers are full.
+  void Fill(const Connection& stalled, std::uint64_t bytes) {
+    const CRefObj<MyHandler> connection = client_->FindStream(stalled.id);
+    ASSERT_TRUE(connection);
+    for (int blocks = 0; connection->Owed() < bytes; ++blocks) {
+      stream_->Send({ConnectionType::Data, stalled.id, std::string(64 * 1024, 'x')});
+      ASSERT_TRUE(blocks < 1000 && stream_->WaitUntilRead());
+    }
+  }
+
   LogCapture log_;
   CRefObj<PluginStream> stream_;
   CRefObj<CPortForwardClientRaw> client_;
