@@ -126,9 +126,9 @@ void Keeper::SetUpSignals() {
   // The terminal must not stop the process that cleans up when the others are gone.
   for (const int number : {SIGPIPE, SIGTSTP, SIGTTIN, SIGTTOU, SIGUSR1, SIGUSR2, SIGCONT})
     signal(number, SIG_IGN);
-  sigset_t none;
-  sigemptyset(&none);
-  sigprocmask(SIG_SETMASK, &none, nullptr);
+  sigset_t all;
+  sigfillset(&all);
+  sigprocmask(SIG_UNBLOCK, &all, nullptr);
 }
 
 void Keeper::Wait() {
