@@ -12,7 +12,7 @@ import tempfile
 
 from bringing import BUSYBOX, HERE
 from hosts import Host, Target, tunnel
-from throwaway import Child, Clients, expect, run, write, write_script
+from throwaway import Child, Clients, expect, run, run_to_the_end, write, write_script
 
 LONG_S = 900  # ssh's own time-out counts the transfer of the peer, too
 SERIAL = "import time\nterminal = True\nthere = back = lambda b: time.sleep(len(b) * 10 / 115200) or b"
@@ -56,7 +56,7 @@ def into_a_chroot(tools, server):
 
 
 def over_a_serial_line(tools, server):
-    """A terminal at 115200 baud, one way at a time; and such a line that loses the eighth bit."""
+    """A terminal at 115200 baud, one way at a time; such a line that loses the eighth bit; one too slow to measure."""
     home = f"{server.folder}/home"
     os.mkdir(home)
     line = [sys.executable, "-B", f"{HERE}/filter.py"]
@@ -66,6 +66,9 @@ def over_a_serial_line(tools, server):
     with Child(Brought(tools, server, *line, seven, *shell).command("ssh", "far", "true")) as session:
         session.expect(session.err, "the line changes bytes on the way there", LONG_S)
         session.expect_status(255)
+    slow = SERIAL.replace("115200", "4800").replace("terminal = True\n", "")
+    probe = run_to_the_end([tools.gx_ssh, "--probe", "--", *line, slow, tools.gx_ssh_peer], timeout=LONG_S)
+    expect(b"\ncut short   the rate there took more than 1" in probe.stdout and probe.returncode == 0, probe)
 
 
 def over_ssh(tools, server):
