@@ -105,7 +105,6 @@ COMMANDS = (
         ("'--no\nsuch\x1b'", "--no\\nsuch\\x1b"), ("word", "word"))),
     # Somebody adds options to those that a script gives: the last of each counts.
     ("@PEER --raw -q --keepalive 5s --keepalive 10s --target a:1 --target b:1", 0),
-    ("{ " + say(frame(PING, 0, b"8 bytes.")) + "} | @PEER --raw", 0),
     ("{ " + say(frame(CONNECT, 1, b"refused:1")) + "} | @PEER --raw -q", 0),
     ("@PEER --raw -vv && @PEER --version >&2", 0, "gx-ssh-peer: confines: ", "\nconfines: "),
     ("@PEER --raw -vv --no-confine", 0, "confines: nothing, as asked for"),

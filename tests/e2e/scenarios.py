@@ -1,4 +1,3 @@
-#!/usr/bin/env python3
 """What users do with the system, with the real programs: one scenario per call. The first is also the demo."""
 
 import argparse

@@ -1,4 +1,3 @@
-#!/usr/bin/env python3
 """Every option that a program's --help tells is in its manual page and in each completion, and no other is;
 docs/screens.md shows that help, and every test that SECURITY.md names exists. Arguments: ctest, the build's folder, the
 sources and the programs."""

@@ -1,4 +1,3 @@
-#!/usr/bin/env python3
 """The programs and the module, which are the arguments, are hardened as a distribution's packages are."""
 
 import re

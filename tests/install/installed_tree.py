@@ -1,4 +1,3 @@
-#!/usr/bin/env python3
 """Installs the build, moves the tree, builds the example host against it and sends bytes through.
 
 Arguments: the build's folder, cmake, the compiler and its flags.

@@ -1,4 +1,3 @@
-#!/usr/bin/env python3
 """Builds the Debian packages, looks into them, and can install and purge them below a folder of its own.
 
 Arguments: the build's folder, cmake and cpack; then --install, as root, of a tree that was configured for /usr.

@@ -1,4 +1,3 @@
-#!/usr/bin/env python3
 """The static gx-ssh-peer, in a folder that holds nothing else. Arguments: gx-ssh and that program."""
 
 import os
