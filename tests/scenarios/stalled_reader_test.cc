@@ -57,7 +57,7 @@ TEST_F(StalledReaderTest, IsBounded) {
 // Then the others' downloads go on. One line tells that the reader waits, one that the client was cut.
 TEST_F(StalledReaderTest, IsCutInTheEnd) {
   Flood(1);
-  EXPECT_EQ(stream_->Receive(), (Frame{ConnectionType::Close, stalled_->id, ""}));
+  ASSERT_EQ(stream_->Receive(), (Frame{ConnectionType::Close, stalled_->id, ""}));
   stop_ = true;
   stream_->Send({ConnectionType::Data, other_->id, "later"});
   EXPECT_EQ(other_->local.Receive(5), "later");
