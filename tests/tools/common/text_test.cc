@@ -9,7 +9,7 @@ namespace {
 
 using std::chrono::milliseconds;
 
-TEST(DurationTest, ReadsWhatItWrites) {
+TEST(DurationTest, ReadsWhatItWritesAndLittleElse) {
   const std::pair<const char*, std::int64_t> cases[] = {
       {"500ms", 500}, {"15s", 15'000}, {"90s", 90'000}, {"2m", 120'000}, {"10000h", 36'000'000'000}, {"0s", 0}};
   for (const auto& [text, count] : cases) {
@@ -17,9 +17,6 @@ TEST(DurationTest, ReadsWhatItWrites) {
     EXPECT_EQ(FormatDuration(milliseconds(count)), text);
   }
   EXPECT_EQ(ParseDuration("15"), milliseconds(15'000));
-}
-
-TEST(DurationTest, RefusesEverythingElse) {
   for (const char* text :
        {"", "s", "-1s", "+1s", " 1s", "1 s", "1s ", "1.5s", "1d", "1MS", "10001h", "4294967295h", "1s2m"}) {
     EXPECT_EQ(ParseDuration(text), std::nullopt) << text;
