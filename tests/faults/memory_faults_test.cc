@@ -1,6 +1,5 @@
 // Each request of the module for memory or a thread fails once, from `init` to `uninit`.
 #include <pthread.h>
-#include <sys/socket.h>
 
 #include "module/create.h"
 #include "module/ssh_client.h"

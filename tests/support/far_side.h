@@ -53,8 +53,8 @@ class FarSide {
     return totals_;
   }
   // Waits until so many connections have ended.
-  bool WaitForCloses(std::size_t count, std::chrono::milliseconds patience = kPatience) const {
-    return Eventually([&] { return Total().closes >= count; }, patience);
+  bool WaitForCloses(std::size_t count) const {
+    return Eventually([&] { return Total().closes >= count; });
   }
 
  private:
