@@ -334,11 +334,17 @@ def started_with(marker):
 
 @contextlib.contextmanager
 def nothing_left(folder):
-    """What is started inside has ended by itself when the block is left, and no sanitizer has complained."""
+    """What is started inside has ended by itself when the block is left, and no sanitizer has complained. What has not,
+    as after another failure, is killed."""
     os.environ["GX_SSH_TEST"] = marker = secrets.token_hex(16)
     for name in ("ASAN_OPTIONS", "TSAN_OPTIONS", "UBSAN_OPTIONS"):
         os.environ[name] = ":".join(filter(None, [os.environ.get(name), f"log_path={folder}/report"]))
-    yield
-    eventually(lambda: not started_with(marker), "something that was started still runs")
+    try:
+        yield
+        eventually(lambda: not started_with(marker), "something that was started still runs")
+    finally:
+        for process in started_with(marker):
+            with contextlib.suppress(ProcessLookupError):
+                os.kill(process, signal.SIGKILL)
     for path in glob.glob(f"{glob.escape(folder)}/report.*"):
         raise Failure(f"a sanitizer reported:\n{read(path)}")
