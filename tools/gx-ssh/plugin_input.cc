@@ -6,7 +6,6 @@
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
-#include <thread>
 
 #include "common/pieces.h"
 
@@ -165,7 +164,7 @@ std::size_t PluginInput::Receive(std::span<iovec> parts) {
 void PluginInput::Wait() {
   const Clock::time_point begin = Clock::now();
   intake_.BeginToWait(begin);
-  if (conversation_ < kLikely || !ComesBefore(begin + kAwake)) {
+  if (conversation_ < kLikely || spin_.pauses() || !ComesSoon()) {
     intake_.Sleep(between_frames_ ? wake_.read.get() : -1);
   }
   intake_.EndToWait();
@@ -173,14 +172,11 @@ void PluginInput::Wait() {
   conversation_ = Clock::now() - begin < soon ? std::min(conversation_ + 1, kCertain) : conversation_ / 2;
 }
 
-// Spins, and yields the processor to all other threads.
-bool PluginInput::ComesBefore(Clock::time_point end) const {
-  do {
+bool PluginInput::ComesSoon() {
+  return spin_.Wait(kAwake, [this] {
     pollfd wait{fd_, POLLIN, 0};
-    if (stop_.raised() || poll(&wait, 1, 0) != 0) return true;
-    std::this_thread::yield();
-  } while (Clock::now() < end);
-  return false;
+    return stop_.raised() || poll(&wait, 1, 0) != 0;
+  });
 }
 
 }  // namespace gxtool

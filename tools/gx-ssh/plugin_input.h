@@ -18,6 +18,7 @@
 #include <vector>
 
 #include "common/descriptor.h"
+#include "common/spin.h"
 #include "gx-ssh/intake.h"
 #include "gx-ssh/stop_signal.h"
 
@@ -75,7 +76,7 @@ class PluginInput {
   std::size_t ReadInTurn(void* data, std::size_t length);
   std::size_t Receive(std::span<iovec> parts);
   void Wait();
-  bool ComesBefore(std::chrono::steady_clock::time_point end) const;
+  bool ComesSoon();  // without sleeping
   std::size_t buffered() const { return end_ - begin_; }
 
   const int fd_;
@@ -87,7 +88,8 @@ class PluginInput {
   std::size_t end_ = 0;
   std::uint64_t passing_ = 0;  // bytes of the current frame that are still to be passed to the module
   bool drained_ = false;       // the descriptor had no more bytes
-  int conversation_ = 0;       // how interactive the traffic is, see kLikely
+  Spin spin_;
+  int conversation_ = 0;  // how interactive the traffic is, see kLikely
   std::string end_reason_;
   bool between_frames_ = false;  // Read waits for a header
 

@@ -1,7 +1,6 @@
 #include "peer/event_loop.h"
 
 #include <algorithm>
-#include <thread>
 
 namespace gxtool {
 namespace {
@@ -26,12 +25,8 @@ void EventLoop::Run() {
 void EventLoop::OnRead(std::size_t bytes) { transfers_ = transfers_ || bytes >= kMuchBytes; }
 
 void EventLoop::WaitAwake() {
-  const Clock::time_point end = Clock::now() + wait_;
-  bool came = false;
-  do {
-    std::this_thread::yield();
-    came = io_.poll() != 0;
-  } while (!came && Clock::now() < end);
+  if (spin_.pauses()) return;
+  const bool came = spin_.Wait(wait_, [this] { return io_.poll() != 0; });
   wait_ = came ? std::min(2 * wait_, kLongestWait) : std::max(wait_ / 2, kShortestWait);
 }
 

@@ -5,14 +5,14 @@
 #include <chrono>
 #include <cstddef>
 
+#include "common/spin.h"
 #include "peer/asio_types.h"
 
 namespace gxtool {
 
 // During a transfer the next bytes usually arrive within microseconds, and sleeping and waking costs both sides
-// more than a short spin. So the loop polls for at most kLongestWait before it sleeps, and yields the processor
-// to other threads meanwhile. Each spin without success halves the time of the next one.
-// Threads: the one that calls Run.
+// more than a short spin. So the loop polls for at most kLongestWait before it sleeps. Each spin without
+// success halves the time of the next one. Threads: the one that calls Run.
 class EventLoop {
  public:
   explicit EventLoop(asio::io_context& io) : io_(io) {}
@@ -29,6 +29,7 @@ class EventLoop {
   void WaitAwake();
 
   asio::io_context& io_;
+  Spin spin_;
   bool transfers_ = false;
   std::chrono::microseconds wait_ = kLongestWait;
 };
