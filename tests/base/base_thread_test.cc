@@ -2,6 +2,7 @@
 
 #include <signal.h>
 
+#include "base/event.h"
 #include "support/test.h"
 #include "support/wait.h"
 
@@ -57,6 +58,18 @@ TEST(BaseThreadTest, HooksSurroundTheStepsOfEachRun) {
   EXPECT_TRUE(worker.Stop());
   EXPECT_FALSE(worker.IsRunning());
   EXPECT_TRUE(worker.story_.ends_with("exit "));
+}
+
+TEST(EventTest, AWaitConsumesTheSignalOfAnEventWithAutomaticReset) {
+  for (const bool manual_reset : {false, true}) {
+    tarn::event_t* event = tarn::event_create(manual_reset, true);
+    EXPECT_EQ(tarn::event_timedwait(event, -1), tarn::event_ok) << "without a limit";
+    EXPECT_EQ(tarn::event_timedwait(event, -999), manual_reset ? tarn::event_ok : tarn::event_timeout);
+    EXPECT_EQ(tarn::event_set(event), tarn::event_ok);
+    EXPECT_EQ(tarn::event_reset(event), tarn::event_ok);
+    EXPECT_EQ(tarn::event_timedwait(event, 1), tarn::event_timeout);
+    tarn::event_destroy(event);
+  }
 }
 
 TEST(BaseThreadTest, TheHostsSignalsStayOnTheHostsThreads) {

@@ -3,6 +3,8 @@
 #include <arpa/inet.h>
 #include <time.h>
 
+#include <locale>
+
 #include "base/socket_address.h"
 #include "support/temp_dir.h"
 #include "support/test.h"
@@ -38,6 +40,14 @@ Ips Fill(const DnsRecord& record, int family) {
   return Walk(block->FillRecord(record, QueryFor(family)));
 }
 
+DnsRecord Crowd(const std::string& name) {
+  DnsRecord record{name, {}, 1};
+  for (int i = 0; i < 1000; ++i) {
+    record.ips.push_back((i % 3 == 0 ? "2001:db8::" : "10.0.0.") + std::to_string(1 + i % 250));
+  }
+  return record;
+}
+
 TEST(DnsAnswerTest, HoldsTheFamilyAskedInTheRecordsOrderAndAsManyAsFit) {
   const DnsRecord record{"a", {"1.1.1.1", "::2", "nonsense", "3.3.3.3", "::4"}, 1};
   EXPECT_EQ(Fill(record, AF_UNSPEC), (Ips{"1.1.1.1", "::2", "3.3.3.3", "::4"}));
@@ -46,14 +56,47 @@ TEST(DnsAnswerTest, HoldsTheFamilyAskedInTheRecordsOrderAndAsManyAsFit) {
   EXPECT_EQ(Fill(record, AF_UNIX), Ips{});
 
   constexpr std::size_t kBlock = 5120;
-  const DnsRecord crowd{"a", Ips(1000, "10.0.0.1"), 1};
+  const DnsRecord crowd = Crowd("a");
   EXPECT_EQ(Fill(crowd, AF_INET).size(), kBlock / (sizeof(addrinfo) + sizeof(sockaddr_in)));
+  EXPECT_EQ(Fill(crowd, AF_INET6).size(), kBlock / (sizeof(addrinfo) + (sizeof(sockaddr_in6) + 7) / 8 * 8));
+  const Ips mixed = Fill(crowd, AF_UNSPEC);
+  EXPECT_TRUE(std::equal(mixed.begin(), mixed.end() - 1, crowd.ips.begin()));
+}
+
+TEST(DnsAnswerTest, TheNameIsGivenOnRequest) {
+  DnsQuery query = QueryFor(AF_INET);
+  const auto block = std::make_unique<DnsAddrInfo>();
+  EXPECT_EQ(block->FillRecord(Crowd("a"), query)->ai_canonname, nullptr);
+  query.wants_name = true;
+  const addrinfo* list = block->FillRecord(Crowd(std::string(5055, 'n')), query);
+  ASSERT_NE(list, nullptr);
+  EXPECT_EQ(list->ai_canonname, std::string(5055, 'n'));
+  EXPECT_EQ(Walk(list), Ips{"10.0.0.2"}) << "there is room for one address beside the name";
+  EXPECT_EQ(block->FillRecord(Crowd(std::string(5056, 'n')), query), nullptr);
+}
+
+TEST(DnsQueryTest, TheSystemTellsPortTypeAndProtocol) {
+  addrinfo hints{};
+  hints.ai_family = AF_INET6;
+  hints.ai_protocol = IPPROTO_UDP;
+  hints.ai_flags = AI_NUMERICSERV | AI_CANONNAME;
+  const auto query = DnsQuery::Make("5353", &hints);
+  ASSERT_TRUE(query);
+  EXPECT_EQ(std::tie(query->family, query->socktype, query->protocol, query->port, query->wants_name),
+            std::tuple(AF_INET6, SOCK_DGRAM, IPPROTO_UDP, htons(5353), true));
+  EXPECT_FALSE(DnsQuery::Make("ssh", &hints)) << "no number";
+  EXPECT_EQ(DnsQuery::Make(nullptr, nullptr)->socktype, SOCK_STREAM);
 }
 
 // A document with one good record after the element under test: that record must be read.
 std::string Document(const std::string& element) {
   return R"({"cache": [)" + element + R"(, {"name": "z", "ips": ["9.9.9.9"], "timestamp": 9}]})";
 }
+
+struct GroupsDigits : std::numpunct<char> {
+  char do_thousands_sep() const override { return '.'; }
+  std::string do_grouping() const override { return "\3"; }
+};
 
 TEST(DnsRecordsTest, FormatAndParseAreInverseAndWhatIsNoRecordIsSkipped) {
   const std::pair<std::string, std::optional<std::uint32_t>> cases[] = {
@@ -74,9 +117,14 @@ TEST(DnsRecordsTest, FormatAndParseAreInverseAndWhatIsNoRecordIsSkipped) {
     EXPECT_EQ(ParseDnsRecords(text), DnsRecords()) << text;
   }
 
+  // The host may have set a locale that groups digits.
+  const std::locale before = std::locale::global(std::locale(std::locale::classic(), new GroupsDigits));
   const std::string name = "a \"quoted\"\n\xC3\xA4";
   const DnsRecords records{{name, {name, {"192.0.2.1", "2001:db8::1"}, 4294967295}}, {"", {"", {"::"}, 0}}};
-  EXPECT_EQ(ParseDnsRecords(FormatDnsRecords(records)), records);
+  const std::string text = FormatDnsRecords(records);
+  EXPECT_EQ(ParseDnsRecords(text), records);
+  EXPECT_NE(text.find("\"timestamp\" : 4294967295"), std::string::npos) << text;
+  std::locale::global(before);
 }
 
 class ScriptedStorage final : public DnsCacheStorage {
@@ -155,6 +203,22 @@ TEST_F(DnsCacheTest, AGoodAnswerIsSavedAndAnotherProcessAnswersFromIt) {
   Succeed("host.example", "2001:db8::1");
   EXPECT_EQ(Fail("host.example"), Ips{"2001:db8::1"}) << "the latest answer";
   EXPECT_EQ(Saved().at("host.example").ips, Ips{"2001:db8::1"}) << "and is saved at once";
+}
+
+TEST_F(DnsCacheTest, AHostEntryHoldsTheIpv4Addresses) {
+  EXPECT_EQ(cache_.gethostbyname_local("host", nullptr), nullptr) << "not enabled yet";
+  cache_.Init(&storage_, 0, 0);
+  storage_.text_ = Text("host", {"1.2.3.4", "::1", "5.6.7.8"}, 1);
+  hostent* host = cache_.gethostbyname_local("host", nullptr);
+  ASSERT_NE(host, nullptr);
+  EXPECT_STREQ(host->h_name, "host");
+  EXPECT_EQ(cache_.gethostbyname_local("other", host), host) << "a live answer";
+  EXPECT_EQ(Fail("other"), (Ips{"1.2.3.4", "5.6.7.8"}));
+  EXPECT_EQ(cache_.gethostbyname_local("nobody", nullptr), nullptr);
+  cache_.freehost_local(host);
+  const auto block = std::make_unique<DnsHostent>();
+  EXPECT_EQ(block->FillRecord({"name", {"::1"}, 1}), nullptr);
+  EXPECT_NE(block->FillRecord(Crowd("name")), nullptr) << "with as many addresses as fit";
 }
 
 TEST_F(DnsCacheTest, WhatCannotBeAnsweredKeepsTheResolversCode) {
