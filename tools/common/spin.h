@@ -9,7 +9,7 @@
 namespace gxtool {
 
 // On a busy machine a yield gives the processor away for a time slice, and a thread that sleeps gets it back
-// sooner. So after a yield of more than kLongYield there is no spinning for kPause. Threads: one.
+// sooner. So after a yield of more than kLongYield, Wait returns false at once for kPause. Threads: one.
 class Spin {
  public:
   using Clock = std::chrono::steady_clock;
@@ -20,11 +20,12 @@ class Spin {
 
   bool pauses() const { return now_() < resume_; }
 
-  // Yields, calls `happened`, and repeats this until it returns true or the time is over. Returns what it
-  // returned.
+  // Yields, calls `happened`, and repeats this until it returns true or the time is over. Returns true when it
+  // did.
   template <class Happened>
   bool Wait(Clock::duration time, Happened happened) {
     Clock::time_point now = now_();
+    if (now < resume_) return false;
     for (const Clock::time_point end = now + time; now < end;) {
       const Clock::time_point before = now;
       yield_();

@@ -164,7 +164,7 @@ std::size_t PluginInput::Receive(std::span<iovec> parts) {
 void PluginInput::Wait() {
   const Clock::time_point begin = Clock::now();
   intake_.BeginToWait(begin);
-  if (conversation_ < kLikely || spin_.pauses() || !ComesSoon()) {
+  if (conversation_ < kLikely || !ComesSoon()) {
     intake_.Sleep(between_frames_ ? wake_.read.get() : -1);
   }
   intake_.EndToWait();
@@ -173,10 +173,11 @@ void PluginInput::Wait() {
 }
 
 bool PluginInput::ComesSoon() {
-  return spin_.Wait(kAwake, [this] {
+  const auto is_here = [this] {
     pollfd wait{fd_, POLLIN, 0};
     return stop_.raised() || poll(&wait, 1, 0) != 0;
-  });
+  };
+  return is_here() || spin_.Wait(kAwake, is_here);
 }
 
 }  // namespace gxtool

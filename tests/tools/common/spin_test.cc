@@ -27,6 +27,7 @@ TEST(SpinTest, ASliceOfAnotherProgramEndsTheSpinningForAWhile) {
   EXPECT_TRUE(spin.Wait(50us, [] { return true; }));
   Processor::now += 99ms;
   EXPECT_TRUE(spin.pauses());
+  EXPECT_FALSE(spin.Wait(50us, [] { return true; }));
   Processor::now += 2ms;
   EXPECT_FALSE(spin.pauses());
 }
