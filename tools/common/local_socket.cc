@@ -15,13 +15,13 @@ bool IsLocal(int fd) {
 
 }  // namespace
 
-bool SetUnreadBytes(int fd, int bytes) {
-  return IsLocal(fd) && setsockopt(fd, SOL_SOCKET, SO_SNDBUF, &bytes, sizeof bytes) == 0;
+void SetUnreadBytes(int fd, int bytes) {
+  if (IsLocal(fd)) setsockopt(fd, SOL_SOCKET, SO_SNDBUF, &bytes, sizeof bytes);
 }
 
 std::optional<int> UnreadBytes(int fd) {
   int bytes = 0;
-  if (ioctl(fd, SIOCOUTQ, &bytes) != 0) return std::nullopt;
+  if (!IsLocal(fd) || ioctl(fd, SIOCOUTQ, &bytes) != 0) return std::nullopt;
   return bytes;
 }
 

@@ -7,12 +7,12 @@
 namespace gxtool {
 
 // Sets how many written bytes of `fd` may be unread, roughly: Linux allows twice as many. Larger values save
-// system calls and context switches; smaller values delay a small frame less. Returns false and changes nothing
-// unless `fd` is a local (AF_UNIX) socket: TCP sizes its own buffers, and a pipe's size is up to its creator. A
-// refusal by the system is harmless.
-bool SetUnreadBytes(int fd, int bytes);
+// system calls and context switches; smaller values delay a small frame less. Only changes local (AF_UNIX)
+// sockets: TCP sizes its own buffers, and a pipe's size is up to its creator. A refusal by the system is
+// harmless.
+void SetUnreadBytes(int fd, int bytes);
 
-// The number of written bytes of a local socket that are unread; nothing when the system does not tell.
+// The number of written bytes of `fd` that are unread; nothing when it is not a local socket.
 std::optional<int> UnreadBytes(int fd);
 
 }  // namespace gxtool

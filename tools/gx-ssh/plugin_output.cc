@@ -243,9 +243,8 @@ void PluginOutput::LookAtRate() {
     return std::clamp(line.bytes_per_s * seconds * shares_, least, most);
   };
   if (line.known) {
-    // Other descriptors hold as much as they like, so a shorter queue before them would shorten no wait.
-    if (SetUnreadBytes(fd_, static_cast<int>(of_line(kUnreadSeconds, kUnreadBytesSlow, kUnreadBytes))))
-      most_queued_ = static_cast<std::size_t>(of_line(kQueueSeconds, kFullBlockBytes, kQueueBytes));
+    SetUnreadBytes(fd_, static_cast<int>(of_line(kUnreadSeconds, kUnreadBytesSlow, kUnreadBytes)));
+    most_queued_ = static_cast<std::size_t>(of_line(kQueueSeconds, kFullBlockBytes, kQueueBytes));
   } else {
     const bool fast = sent_ever_ - sent_then_ >= kFastBytesPerMs * static_cast<std::uint64_t>(passed.count());
     SetUnreadBytes(fd_, fast ? kUnreadBytes : kUnreadBytesSlow);
