@@ -341,6 +341,7 @@ class Session final : FrameReader::Handler {
     payload_ += piece.substr(0, 2 * kAnsweredPayload - std::min(payload_.size(), 2 * kAnsweredPayload));
   }
   void OnFrameEnd() override {
+    if (io_.stopped()) return;  // the rest of a read, behind a failure
     if (frame_.type == kPongFrame) OnPong();
     if (frame_.type == kGoodbyeFrame) Fail("the far side ends: " + Escape(payload_));
     if (frame_.type != ConnectionType::TestRespond || payload_.size() < gxmod::kTestRespondHeaderBytes) return;
