@@ -77,19 +77,22 @@ std::vector<Process> WithDescendants(const std::vector<pid_t>& roots) {
 
 }  // namespace
 
-// When a process ends during a reading, its time may be missing: its own entry is gone, and its parent's was
-// read before. Two readings that find the same processes miss none.
+// When a process ends during a reading, its time may be missing, or count twice, as its parent's, too. So of
+// three readings in a row that find the same processes the middle one counts.
 double Processes::CpuSeconds() const {
   if (none()) return 0;
+  double ticks = 0;
   std::set<pid_t> before;
-  for (int reading = 0; reading < kMostReadings; ++reading) {
-    double ticks = 0;
+  for (int reading = 0, same = 0; reading < kMostReadings; ++reading) {
+    double sum = 0;
     std::set<pid_t> found;
     for (const Process& process : WithDescendants(roots_)) {
-      ticks += process.cpu_ticks;
+      sum += process.cpu_ticks;
       found.insert(process.pid);
     }
-    if (found == before) return ticks / static_cast<double>(sysconf(_SC_CLK_TCK));
+    same = found == before ? same + 1 : 1;
+    if (same == 3) return ticks / static_cast<double>(sysconf(_SC_CLK_TCK));
+    ticks = sum;
     before = std::move(found);
   }
   throw Failure("the tunnel's processes keep changing");
