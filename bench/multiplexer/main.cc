@@ -1,6 +1,6 @@
-// Carries all connections in frames through two processes with one thread each way, and does nothing else: the
-// least cost of the design of gx-ssh. As there, a frame on the way up holds 4,096 bytes and is copied once
-// more.
+// Carries all connections in frames through two processes with one thread each way, and does nothing else: for
+// few connections the least cost of the design of gx-ssh. As there, a frame on the way up holds 4,096 bytes and
+// is copied once more. A connection to the target is opened when its client sends the first byte.
 #include <poll.h>
 #include <signal.h>
 #include <sys/prctl.h>
@@ -226,7 +226,7 @@ class Scatterer {
   std::uint64_t left_ = 0;          // bytes of the current frame
 };
 
-// Ends the process when one of its two threads ends.
+// Ends the process when one of its threads ends.
 template <class Work>
 [[noreturn]] void UntilTheEnd(Work work) {
   try {
@@ -243,7 +243,7 @@ template <class Work>
   UntilTheEnd([&] { Scatterer(connections, stream, target).Run(); });
 }
 
-int Main(int count, char** words) {
+[[noreturn]] void Main(int count, char** words) {
   if (count != 3) throw Failure("usage: multiplexer PORT 127.0.0.1:TARGET");
   SetSockets({.patience_s = 0});  // the stream may be idle for any time
   Listener listener(static_cast<std::uint16_t>(std::stoi(words[1])));
@@ -259,11 +259,12 @@ int Main(int count, char** words) {
   }
   stream.second = {};
   std::thread([&] { RunThreads(connections, stream.first, kUpFrameBytes, target); }).detach();
-  std::uint32_t id = 0;
-  for (Socket client; listener.Accept(client); client = {}) {
-    connections.Add({.socket = std::move(client), .id = ++id});
-  }
-  return 0;
+  UntilTheEnd([&] {
+    std::uint32_t id = 0;
+    for (Socket client; listener.Accept(client); client = {}) {
+      connections.Add({.socket = std::move(client), .id = ++id});
+    }
+  });
 }
 
 }  // namespace
@@ -271,7 +272,7 @@ int Main(int count, char** words) {
 
 int main(int count, char** words) {
   try {
-    return gxbench::Main(count, words);
+    gxbench::Main(count, words);
   } catch (const std::exception& failure) {
     std::fprintf(stderr, "multiplexer: %s\n", failure.what());
     return 1;
