@@ -285,4 +285,17 @@ TEST_F(DnsCacheTest, WhatCannotBeReadOrSavedChangesNoResult) {
   EXPECT_EQ(Saved().count("last"), 1U) << "the file takes the place of the storage";
 }
 
+// The process-wide cache in front of the system's resolver.
+TEST_F(DnsCacheTest, LooksUpLiveRemembersAndFallsBack) {
+  dnscache_init(&storage_, 0, 0);
+  addrinfo* list = nullptr;
+  ASSERT_EQ(dnscache_getaddrinfo("::1", "22", nullptr, &list), 0);
+  EXPECT_EQ(ParseDnsRecords(storage_.text_).count("::1"), 1u) << storage_.text_;
+  // The label is too long for a query, so the system asks no name server.
+  EXPECT_NE(dnscache_getaddrinfo((std::string(70, 'x') + ".invalid").c_str(), nullptr, nullptr, &list), 0);
+  EXPECT_EQ(ParseDnsRecords(storage_.text_).size(), 1U) << "the list is that of the look-up before";
+  dnscache_freeaddrinfo(list);
+  dnscache_init(static_cast<DnsCacheStorage*>(nullptr), 0, 0);
+}
+
 }  // namespace

@@ -66,7 +66,7 @@ def over_a_serial_line(tools, server):
     with Child(Brought(tools, server, *line, seven, *shell).command("ssh", "far", "true")) as session:
         session.expect(session.err, "the line changes bytes on the way there", LONG_S)
         session.expect_status(255)
-    slow = SERIAL.replace("115200", "4800").replace("terminal = True\n", "")
+    slow = SERIAL.replace("115200", "9600").replace("terminal = True\n", "")
     probe = run_to_the_end([tools.gx_ssh, "--probe", "--", *line, slow, tools.gx_ssh_peer], timeout=LONG_S)
     expect(b"\ncut short   the rate there took more than 1" in probe.stdout and probe.returncode == 0, probe)
 

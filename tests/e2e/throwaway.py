@@ -332,6 +332,13 @@ def started_with(marker):
     return found
 
 
+def kill(processes):
+    for process in processes:
+        with contextlib.suppress(ProcessLookupError):
+            os.kill(process, signal.SIGKILL)
+    return processes
+
+
 @contextlib.contextmanager
 def nothing_left(folder):
     """What is started inside has ended by itself when the block is left, and no sanitizer has complained. What has not,
@@ -343,8 +350,6 @@ def nothing_left(folder):
         yield
         eventually(lambda: not started_with(marker), "something that was started still runs")
     finally:
-        for process in started_with(marker):
-            with contextlib.suppress(ProcessLookupError):
-                os.kill(process, signal.SIGKILL)
+        eventually(lambda: not kill(started_with(marker)), "something that was killed still runs")
     for path in glob.glob(f"{glob.escape(folder)}/report.*"):
         raise Failure(f"a sanitizer reported:\n{read(path)}")
