@@ -32,13 +32,30 @@ TEST_F(PortForwardClientTest, ChannelListFollowsEveryChange) {
   EXPECT_EQ(stream_->Receive(), (Frame{ConnectionType::TestChannel, 0, "works?"}));
 }
 
-// A channel may live longer than its client, and then does nothing.
-TEST_F(PortForwardClientTest, AChannelListensUntilTheStop) {
+// Neither a stop nor a change of sharing ends connections. A channel may live longer than its client, and then
+// does nothing.
+TEST_F(PortForwardClientTest, AChannelStopsAndMovesToAFreshPort) {
   const CRefObj<IChannelRaw> channel(client_->GetChannel(0));
+  Connection open = Connect();
+  const auto listens_elsewhere = [&] {
+    const int port = std::stoi(std::string(channel->get_LocalAddress()).substr(10));
+    return !gxbase::ScopedDescriptor(CSockAcceptor::ListenSock("127.0.0.2", port, false));
+  };
   EXPECT_TRUE(channel->Run());
   EXPECT_EQ(channel->get_LocalAddress(), address_) << "it runs already";
-  const int port = std::stoi(address_.substr(10));
-  EXPECT_TRUE(gxbase::ScopedDescriptor(CSockAcceptor::ListenSock("127.0.0.2", port, false))) << "local only";
+  EXPECT_FALSE(listens_elsewhere());
+  EXPECT_TRUE(channel->Stop());
+  EXPECT_FALSE(AnyPortListens());
+  EXPECT_TRUE(open.local.Send("still here"));
+  EXPECT_EQ(ReceiveData(open.id, 10), "still here");
+
+  EXPECT_TRUE(channel->Run());
+  EXPECT_TRUE(TcpClient(channel->get_LocalAddress()).IsConnected());
+  channel->put_AllowShare(1);
+  const std::string shared = channel->get_LocalAddress();
+  EXPECT_TRUE(TcpClient(shared).IsConnected()) << "listens at once";
+  EXPECT_TRUE(listens_elsewhere());
+
   Stop();
   EXPECT_FALSE(AnyPortListens());
   EXPECT_FALSE(channel->Run());
@@ -71,6 +88,16 @@ TEST_F(PortForwardClientTest, StartsAfreshAfterExit) {
   Connection connection = Connect();
   connection.local.Send("again");
   EXPECT_EQ(ReceiveData(connection.id, 5), "again");
+}
+
+// The reader and the connections end with their stream.
+TEST_F(PortForwardClientTest, AStreamInPlaceOfOneThatRunsStartsAfresh) {
+  Connection before = Connect();
+  const CRefObj<PluginStream> first = stream_;
+  RunOnAFreshStream();
+  EXPECT_TRUE(first->IsClosed());
+  EXPECT_TRUE(before.local.WaitForEnd());
+  Connection after = Connect();
 }
 
 // Released without ExitInstance the client does not close the stream; the host ends it.
