@@ -112,7 +112,7 @@ TEST_F(PortForwardClientTest, ReleasedWithoutExitInstance) {
 TEST(ChannelListTest, ReadsAndWrites) {
   const std::pair<const char*, const char*> cases[] = {
       {"name=b&pro=tcp&addr=x;name=a&pro=tcp&addr=y;", "name=a&pro=tcp&addr=y;name=b&pro=tcp&addr=x;"},
-      {"name=%4&addr=a+b%20c", "name=&pro=&addr=a%20b%20c;"},
+      {"name=%4&pro=09AZaz&addr=a+b%20c", "name=&pro=09AZaz&addr=a%20b%20c;"},
       {"name=%4G&pro=%GG&addr=%e4", "name=%04&pro=&addr=%E4;"},  // numbers as std::istream reads them
       {" name = a ;; bare", "name=&pro=&addr=;name=&pro=&addr=;name=%20a%20&pro=&addr=;"},
       {"name=first&name=second", "name=first&pro=&addr=;"},
