@@ -275,6 +275,8 @@ def tells(tools):
                                through.replace("@PEER", tools.gx_ssh_peer)])
         judge(through, done, status, "")
         expect(all(word in done.stdout.decode() for word in words), done.stdout)
+        if '"usable":1' in words:
+            expect(json.loads(done.stdout)["round_trip_median_ms"] <= 2000, done.stdout)  # all pings have 2 s
 
 
 def tells_managers(tools, target):
