@@ -18,10 +18,11 @@ class Spin {
 
   explicit Spin(Now now = &Clock::now, Yield yield = &std::this_thread::yield) : now_(now), yield_(yield) {}
 
+  // True for kPause after a long yield.
   bool pauses() const { return now_() < resume_; }
 
-  // Yields, calls `happened`, and repeats this until it returns true or the time is over. Returns true when it
-  // did.
+  // Yields and calls `happened`, again and again, until that returns true or the time is over. Returns whether
+  // it returned true.
   template <class Happened>
   bool Wait(Clock::duration time, Happened happened) {
     Clock::time_point now = now_();

@@ -25,7 +25,7 @@ void EventLoop::Run() {
 void EventLoop::OnRead(std::size_t bytes) { transfers_ = transfers_ || bytes >= kMuchBytes; }
 
 void EventLoop::WaitAwake() {
-  if (spin_.pauses()) return;  // this tells nothing about the time that a spin should take
+  if (spin_.pauses()) return;  // without a spin, wait_ stays as it is
   const bool came = spin_.Wait(wait_, [this] { return io_.poll() != 0; });
   wait_ = came ? std::min(2 * wait_, kLongestWait) : std::max(wait_ / 2, kShortestWait);
 }

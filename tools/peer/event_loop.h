@@ -11,8 +11,8 @@
 namespace gxtool {
 
 // During a transfer the next bytes usually arrive within microseconds, and sleeping and waking costs both sides
-// more than a short spin. So the loop polls for at most kLongestWait before it sleeps. Each spin without
-// success halves the time of the next one. Threads: the one that calls Run.
+// more than a short spin. So the loop polls for at most kLongestWait before it sleeps, unless `Spin`
+// pauses. Each spin without success halves the time of the next one. Threads: the one that calls Run.
 class EventLoop {
  public:
   explicit EventLoop(asio::io_context& io) : io_(io) {}
