@@ -42,6 +42,15 @@ class Recorder final : public IBaseStream::IBaseHandler {
   std::vector<unsigned> reasons;
 };
 
+// A stream whose clock is ahead by `ahead_ms`.
+class AheadStream final : public CSockStream {
+ public:
+  using CSockStream::CSockStream;
+  unsigned long timeleft(unsigned long now_ms) override { return CSockStream::timeleft(now_ms + ahead_ms); }
+
+  unsigned long ahead_ms = 0;
+};
+
 // A stream over one end of a socket pair; the test holds the other end.
 class SockStreamTest : public gxtest::LeakGate {
  protected:
@@ -58,7 +67,7 @@ class SockStreamTest : public gxtest::LeakGate {
     int ends[2];
     ASSERT_EQ(socketpair(AF_UNIX, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0, ends), 0);
     far_ = gxbase::ScopedDescriptor(ends[1]);
-    stream_ = new CSockStream(IBaseStream::StreamType{0});
+    stream_ = new AheadStream(IBaseStream::StreamType{0});
     stream_->SetSocket(ends[0], true);
     stream_->SetTracker(&tracker_);
     recorder_.sent = 0;
@@ -69,15 +78,19 @@ class SockStreamTest : public gxtest::LeakGate {
 
   KeepingTracker tracker_;
   Recorder recorder_;
-  CRefObj<CSockStream> stream_;
+  CRefObj<AheadStream> stream_;
   gxbase::ScopedDescriptor far_;
 };
 
 TEST_F(SockStreamTest, TaskTimeOutDisconnects) {
   LogCapture log;
-  stream_->Read(nullptr, 10, 1);
+  constexpr unsigned long kHourMs = 3'600'000;
+  stream_->Read(nullptr, 10, 2 * kHourMs);
   ASSERT_EQ(tracker_.tasks.size(), 1U);
-  EXPECT_TRUE(gxtest::Eventually([&] { return tracker_.tasks[0]->timeout(); }));
+  stream_->ahead_ms = kHourMs;
+  EXPECT_FALSE(tracker_.tasks[0]->timeout());
+  stream_->ahead_ms = 2 * kHourMs;
+  EXPECT_TRUE(tracker_.tasks[0]->timeout());
   tracker_.RunLast();
   EXPECT_THAT(recorder_.reasons, ElementsAre(kStreamTimeout));
   EXPECT_THAT(log.Lines(), Contains(Pair(kGXModLogError, "[CTCPStreamTask::timeout] read/write timeout")));
