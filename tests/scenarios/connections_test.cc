@@ -1,5 +1,8 @@
 // Many local connections.
 
+#include <linux/sockios.h>
+#include <sys/ioctl.h>
+
 #include "support/far_side.h"
 #include "support/forwarding.h"
 #include "support/test.h"
@@ -35,14 +38,21 @@ TEST_F(ConnectionsTest, NarrowCarrierNeverStandsStill) {
   EXPECT_EQ(total.bytes, kClients * bytes);
 }
 
-// On a slow line the host's Write takes a part of what it is given. Then two connections that both have 64 KiB
+// On a slow line the host's Write takes a part of what it is given. Then two connections that both have 32 KiB
 // to send take turns frame by frame.
 TEST_F(ConnectionsTest, TakeTurnsOnASlowLine) {
-  constexpr std::size_t kBytes = 64 * 1024;
+  constexpr std::size_t kBytes = 32 * 1024;
   Connection first = Connect();
   Connection second = Connect();
   stream_->Behave({.capacity = 1});
-  for (Connection* connection : {&first, &second}) connection->local.Send(Pattern(kBytes));
+  for (Connection* connection : {&first, &second}) {
+    connection->local.Send(Pattern(kBytes));
+    int under_way = 0;
+    const auto has_arrived = [&, fd = connection->local.socket_handle()] {
+      return ioctl(fd, SIOCOUTQ, &under_way) == 0 && under_way == 0;
+    };
+    ASSERT_TRUE(Eventually(has_arrived));
+  }
   ASSERT_TRUE(stream_->WaitUntilWriteBlocks());
   stream_->Behave({.write_at_most = 1000});
   std::size_t in_a_row = 0;

@@ -54,7 +54,8 @@ TEST_F(StalledReaderTest, IsBounded) {
   EXPECT_EQ(ReceiveData(other_->id, 2), "up");
 }
 
-// Then the others' downloads go on. One line tells that the reader waits, one that the client was cut.
+// Then the others' downloads go on. One line tells that the client was cut, and one that the reader waits; if
+// the system takes half of what is queued after all, it comes again.
 TEST_F(StalledReaderTest, IsCutInTheEnd) {
   Flood(1);
   ASSERT_EQ(stream_->Receive(), (Frame{ConnectionType::Close, stalled_->id, ""}));
@@ -64,7 +65,8 @@ TEST_F(StalledReaderTest, IsCutInTheEnd) {
   other_->local.Send("up");
   EXPECT_EQ(stream_->Receive(), (Frame{ConnectionType::Data, other_->id, "up"})) << "one Close";
   client_->ExitInstance();
-  EXPECT_THAT(log_.Lines(), testing::Contains(testing::Pair(kGXModLogWarning, testing::_)).Times(2));
+  const auto a_few = testing::AllOf(testing::Ge(2U), testing::Le(9U));
+  EXPECT_THAT(log_.Lines(), testing::Contains(testing::Pair(kGXModLogWarning, testing::_)).Times(a_few));
 }
 
 std::size_t ResidentBytes() {
