@@ -15,6 +15,7 @@
 #include "portfwd/channel_list.h"
 #include "portfwd/port_forward_client.h"
 #include "support/far_listener.h"
+#include "support/leak_gate.h"
 #include "support/log_capture.h"
 #include "support/plugin_stream.h"
 #include "support/tcp_client.h"
@@ -106,7 +107,7 @@ class Fixture {
     client_->ExitInstance();
     for (Connection& connection : connections_) Check(connection.local.WaitForEnd());
     connections_.clear();
-    Check(!TcpClient(address_).IsConnected());
+    Check(!gxtest::AnyPortListens());
   }
 
   Connection Open() {
