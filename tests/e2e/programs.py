@@ -2,9 +2,11 @@
 
 import contextlib
 import fcntl
+import functools
 import glob
 import json
 import os
+import queue
 import re
 import shutil
 import signal
@@ -12,6 +14,7 @@ import socket
 import stat
 import struct
 import subprocess
+import threading
 
 from hosts import ADDRESS, Host, Target, connect, expect_echo, expect_end
 from throwaway import READY_S, Child, eventually, expect, read, run_to_the_end, side_by_side, write
@@ -189,7 +192,7 @@ def ends(tools):
             expect(re.search(closed, host.err.text()) if options else not host.err.text(), host.err.text())
             expect("\n" not in host.out.text(), host.out.text())
     # The command ends at once; its child has as long to end as a command has.
-    child = "(trap 'sleep 0.7; echo saved; exit' TERM; echo up; while :; do sleep 0.1; done) & "
+    child = "(trap 'sleep 0.3; echo saved; exit' TERM; echo up; while :; do sleep 0.1; done) & "
     with Host(tools, target, "--run", "trap 'exit 7' TERM; " + child + "wait") as host:
         host.expect(host.out, "^up$")
         host.stop(status=7)
@@ -283,12 +286,18 @@ def tells_managers(tools, target):
     """By events, by the port file, at a signal, and as systemd wants to be told."""
     with socket.socket(socket.AF_UNIX, socket.SOCK_DGRAM) as manager:
         manager.bind(f"{tools.folder}/notify")
-        manager.settimeout(READY_S)
+        heard = queue.SimpleQueue()
 
-        def notified(*words):
-            while "systemd" in libraries and manager.recv(1000) not in words:
+        def hears():  # gx-ssh waits while the socket is full, which a few words fill
+            with contextlib.suppress(OSError):
+                while True:
+                    heard.put(manager.recv(1000))
+
+        def notified(word):
+            while "systemd" in libraries and heard.get(timeout=READY_S) != word:
                 pass
 
+        threading.Thread(target=hears, daemon=True).start()
         libraries = run_to_the_end(["ldd", tools.gx_ssh]).stdout.decode()
         with Host(tools, target, "--json", "--stats", "50ms", "--port-file", f"{tools.folder}/port", through=[
                 "env", f"NOTIFY_SOCKET={tools.folder}/notify", "WATCHDOG_USEC=200000"]) as host:
@@ -423,14 +432,12 @@ def peers(tools):
             client = exits.enter_context(socket.socket())
             client.setblocking(False)
             client.connect_ex(silent.getsockname())
-        for row in PEER_FRAMES:
-            plays(tools, places, *row)
-    with Child([tools.gx_ssh_peer, "--connect-timeout", "500ms"]) as peer:
-        peer.send("\x1b[1mwho are you?")
-        peer.expect(peer.err, r"within 500ms.*\\x1b\[1mwho are you")
-        peer.expect_status(4)
-    # The open file may be shared with a shell, which does not expect to find it non-blocking.
+        side_by_side(functools.partial(plays, tools, places), PEER_FRAMES)
     theirs, ours = os.pipe()
+    os.write(ours, b"\x1b[1mwho are you?")
+    done = run_to_the_end([tools.gx_ssh_peer, "--connect-timeout", "500ms"], stdin=theirs)
+    judge("silence", done, 4, "within 500ms", r"\x1b[1mwho are you")
+    # The open file may be shared with a shell, which does not expect to find it non-blocking.
     with Child(["bash", "-c", f'exec "$@" <&{theirs}', "bash", tools.gx_ssh_peer, "--raw"], pass_fds=[theirs]) as peer:
         os.write(ours, frame(PING, 0, b"8 bytes\n"))
         peer.expect(peer.out, "8 bytes$")
@@ -458,8 +465,8 @@ def caches_names(tools, port):
         for number, name in enumerate(names):
             peer.stdin.buffer.write(frame(CONNECT, number, f"{name}:{port}".encode()))
         peer.stdin.buffer.flush()
-        peer.expect(peer.err, f"connection 0 to known.invalid:{port} is open")
-        peer.expect(peer.err, "connection 2 to other.invalid.* could not be opened: ")
+        for what in ("0 to known.invalid.* is open", f"1 to {here}.* (is|could) ", "2 to other.invalid.* could not "):
+            peer.expect(peer.err, f"connection {what}")
         peer.stdin.close()
         peer.expect_status(0)
     expect("known.invalid" in read(cache) and "other" not in read(cache), read(cache))

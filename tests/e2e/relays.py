@@ -58,7 +58,7 @@ def modes(tools):
             address = f"127.0.0.1:{module_port(host)}"
             silent += [(way, exits.enter_context(connect(address))) for _ in range(STRANGERS)]
             bold = exits.enter_context(connect(address))
-            bold.sendall(b"x" * 100_000)
+            bold.send(b"x" * 100_000)  # what it takes before the connection is closed
             expect_end(bold, f"{way}: a stranger that talks")
         for way, host, target in hosts[1:]:
             for size in (5, len(text)):
@@ -106,8 +106,9 @@ def forwards(tools):
         addresses = host.addresses(len(targets))
         expect(read(f"{tools.folder}/addresses").split() == addresses, "the port file has others")
         # The connections come while the module waits for the far side; then it takes all at once.
-        os.kill(host.peer_pid, signal.SIGSTOP)
         with connect(addresses[0]) as filler:
+            expect_echo(filler, "the first connection")
+            os.kill(host.peer_pid, signal.SIGSTOP)
             filler.setblocking(False)
             while select.select([], [filler], [], 0.1)[1]:
                 with contextlib.suppress(BlockingIOError):

@@ -34,6 +34,7 @@ struct PeerOptions {
   std::chrono::milliseconds connect_timeout = std::chrono::seconds(10);  // also for the ready line; 0: no limit
   std::chrono::milliseconds idle_timeout{0};                             // of a connection; 0: no limit
   std::chrono::milliseconds stall_timeout = std::chrono::seconds(60);    // of a target that blocks all others
+  std::chrono::milliseconds stop_time{1700};                             // for pending work after Stop
   std::size_t max_connections = 1000;
   std::chrono::milliseconds keepalive =
       std::chrono::seconds(15);  // a ping is sent after this silence; 0: never
@@ -58,7 +59,7 @@ class Peer {
   // Works on the calling thread until the stream ends. Call it once.
   int Run();
 
-  // Thread: any, while the object exists. Finishes current work, for at most 2 s, then ends Run.
+  // Thread: any, while the object exists. Finishes current work, for at most stop_time, then ends Run.
   void Stop();
 
  private:

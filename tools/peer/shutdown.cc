@@ -8,7 +8,6 @@ namespace {
 using std::chrono::milliseconds;
 
 constexpr auto kCloseTime = std::chrono::seconds(5);  // for a target to take the queued bytes and to end
-constexpr auto kStopTime = milliseconds(1700);        // for pending work after a stop request
 constexpr auto kInputEndTime = milliseconds(1000);    // for pending work at the end of the input
 constexpr auto kEndTime = milliseconds(200);          // for the last frames
 
@@ -20,7 +19,7 @@ void Shutdown::Greet(milliseconds limit) {
 
 bool Shutdown::RequestStop() {
   if (std::exchange(stop_requested_, true)) return false;
-  if (IsWorking()) Drain(kStopTime);
+  if (IsWorking()) Drain(stop_time_);
   return true;
 }
 

@@ -26,7 +26,9 @@ class Shutdown {
   // The next thing to do.
   enum class Step { kNothing, kGiveGreetingUp, kEndAll, kLeave };
 
-  explicit Shutdown(bool raw) : phase_(raw ? Phase::kRunning : Phase::kGreeting) {}
+  // `stop_time`: for pending work after a stop request.
+  Shutdown(bool raw, Clock::duration stop_time)
+      : phase_(raw ? Phase::kRunning : Phase::kGreeting), stop_time_(stop_time) {}
 
   Phase phase() const { return phase_; }
   // True until the session is stopped, ended or lost.
@@ -53,6 +55,7 @@ class Shutdown {
   void Drain(Clock::duration time);
 
   Phase phase_;
+  const Clock::duration stop_time_;
   bool stop_requested_ = false;
   bool input_ended_ = false;
   Clock::time_point end_ = Clock::time_point::max();  // end of the phase

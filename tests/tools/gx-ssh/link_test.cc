@@ -100,10 +100,11 @@ TEST(LinkTest, FloodOfControlFramesLeavesLittleForTheEventLoop) {
 
 // All descendants of the child hold the pipe, so it ends when the last of them has ended.
 TEST(ChildTest, LeavesNothingBehind) {
-  const std::string stubborn = "trap '' TERM HUP INT; kill -USR1 $PPID; echo ready; while :; do sleep 60; done";
-  const std::string parent = "(" + stubborn + ") & ";
+  const std::string ready = "trap '' TERM HUP INT; kill -USR1 $PPID; echo ready; ";
+  const std::string stubborn = "while :; do sleep 60; done";
   for (const std::string& command :
-       {stubborn, parent + "wait", parent + "sleep 0.1", std::string("echo ready; sleep 60; :")}) {
+       {ready + stubborn, "(" + ready + stubborn + ") & wait",
+        "(" + ready + "kill -KILL $$; " + stubborn + ") & wait", std::string("echo ready; sleep 60; :")}) {
     Pipe pipe = MakePipe();
     Child child({{"sh", "-c", command}, 0, pipe.write.get(), 2});
     pipe.write.Reset();

@@ -327,15 +327,15 @@ TEST(PluginOutputTest, LittleWaitsForASlowLine) {
   // The line takes up to `most` bytes at these intervals, and the module writes all that fits in between.
   const auto carry_until = [&, fd = far.get()](auto condition, int interval_ms, std::size_t most) {
     std::string bytes(most, '.');
-    EXPECT_TRUE(Eventually([&] {
+    const auto turn = [&] {
       if (!IsAsleep(writer)) return false;
       if (condition()) return true;
       g_line_time = g_line_time.load() + std::chrono::milliseconds(interval_ms);
       taken += static_cast<std::uint64_t>(std::max<ssize_t>(recv(fd, bytes.data(), most, MSG_DONTWAIT), 0));
       output.OnAcknowledgement({taken, taken + (8 << 20)});
       return false;
-    })) << ahead()
-        << " bytes ahead";
+    };
+    EXPECT_TRUE(Eventually(turn, 3 * kPatience)) << ahead() << " bytes ahead";  // hundreds of turns
   };
   carry_until([&] { return taken >= 4'000'000; }, 1, 10'000);
   EXPECT_TRUE(output.line().known);

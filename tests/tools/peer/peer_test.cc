@@ -212,9 +212,8 @@ TEST_F(PeerTest, SmallFramesAreNotHeldBackByABulkTransfer) {
   const Descriptor talk = rig.Connect(2, target_);
   // The peer's queue and the socket pair.
   EXPECT_LT(BytesAhead(rig, bulk.get(), talk.get(), "one"), std::size_t{1} << 20);
-  BytesAhead(rig, bulk.get(), talk.get(), "two");
-  // Connection 2 counts as a conversation now, so the queue is shorter.
-  EXPECT_LT(BytesAhead(rig, bulk.get(), talk.get(), "three"), std::size_t{192} << 10);
+  // Then connection 2 counts as a conversation, unless a second passes, so the queue is shorter.
+  EXPECT_TRUE(Eventually([&] { return BytesAhead(rig, bulk.get(), talk.get(), "two") < 192U << 10; }));
 
   // When connection 2 has been silent for a while, frames have their full length again.
   EXPECT_TRUE(Eventually([&] {
@@ -390,13 +389,11 @@ TEST_F(PeerLinkTest, NoticesASilentLinkButNotAnAnsweringOne) {
 }
 
 TEST_F(PeerLinkTest, StopLetsWhatIsUnderWayFinish) {
+  options_.stop_time = std::chrono::hours(1);
   Rig rig(options_);
   Greet(rig);
   const Descriptor busy = rig.Connect(1, target_);
   const Descriptor idle = rig.Connect(2, target_);
-  // A small buffer, so that all of it gets through in time on a slow machine.
-  const int buffer = 64 * 1024;
-  ::setsockopt(busy.get(), SOL_SOCKET, SO_SNDBUF, &buffer, sizeof buffer);
   std::string bytes = Pattern(16 << 20, 1);
   bytes.resize(rig.WriteUntilStuck(busy.get(), bytes));
   rig.peer().Stop();
