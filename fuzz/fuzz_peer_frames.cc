@@ -11,6 +11,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <chrono>
 #include <csignal>
 #include <map>
 #include <string_view>
@@ -175,7 +176,14 @@ class Fixture {
     Replace(&wire, kPermitted, echo_.address());
     Replace(&wire, kForbidden, forbidden_.address());
     const bool raw = (options & kRaw) != 0;
-    std::string answer = Converse(raw, wire);
+    std::string answer;
+    // Again when this computer stood still: at the end of its input the peer waits only a second for its
+    // targets.
+    for (int left = 20; left > 0; --left) {
+      const auto start = std::chrono::steady_clock::now();
+      answer = Converse(raw, wire);
+      if (std::chrono::steady_clock::now() - start < std::chrono::milliseconds(200)) break;
+    }
     Check(forbidden_.Accept() < 0);
     std::string_view frames = wire;
     if (!raw) {
