@@ -1,5 +1,7 @@
 #include "peer/keepalive.h"
 
+#include <utility>
+
 namespace gxtool {
 
 void Keepalive::Start() {
@@ -19,11 +21,14 @@ void Keepalive::OnTimer() {
   const Clock::time_point now = Clock::now();
   const auto intervals = (now - last_received_) / interval_;
   if (owner_->IsDeaf()) {
-    last_received_ = now;
+    OnReceived();
     owner_->OnQuiet();
     return Arm(now + interval_);
   }
-  if (intervals >= count_) return owner_->OnSilent();
+  if (intervals >= count_) {
+    // While this process stood still bytes may have come: the event loop looks at the input before the timer.
+    return std::exchange(looks_again_, true) ? owner_->OnSilent() : Arm(now);
+  }
   if (intervals >= 1) owner_->OnQuiet();
   Arm(last_received_ + (intervals + 1) * interval_);
 }

@@ -30,7 +30,10 @@ class Keepalive {
       : timer_(io), interval_(interval), count_(count), owner_(owner) {}
 
   void Start();
-  void OnReceived() { last_received_ = Clock::now(); }
+  void OnReceived() {
+    last_received_ = Clock::now();
+    looks_again_ = false;
+  }
 
  private:
   void Arm(Clock::time_point when);
@@ -41,6 +44,7 @@ class Keepalive {
   const int count_;
   Owner* const owner_;
   Clock::time_point last_received_;
+  bool looks_again_ = false;
 };
 
 }  // namespace gxtool
