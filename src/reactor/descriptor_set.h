@@ -32,6 +32,19 @@ class DescriptorSet {
   void KeepOnly(const DescriptorSet& other) {
     Combine(other, [](std::uint64_t mine, std::uint64_t theirs) { return mine & theirs; });
   }
+  // Calls `predicate` with each descriptor, lowest first, until one call returns false; returns false then.
+  template <class Predicate>
+  bool AllOf(Predicate predicate) const {
+    const Words words = std::bit_cast<Words>(bits_);
+    for (int i = 0; i < FD_SETSIZE; ++i) {
+      if (words[static_cast<std::size_t>(i) / 64] == 0) {
+        i += 63;  // all descriptors of a word have their bits in the same eight bytes
+      } else if (Has(i) && !predicate(i)) {
+        return false;
+      }
+    }
+    return true;
+  }
   bool empty() const { return std::bit_cast<Words>(bits_) == Words{}; }
   bool Has(int descriptor) const { return IsSelectable(descriptor) && FD_ISSET(descriptor, &bits_); }
   fd_set* get() { return &bits_; }

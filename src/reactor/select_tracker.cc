@@ -184,10 +184,9 @@ template <class Task>
 bool select_tracker<Task>::SelectPass(Pass& pass, Task& out) {
   const int wake_up = OpenWakeUpSocket(pass);
   if (IsStopped()) return false;
-  const unsigned int wait_ms = WaitLimit(pass);
   SelectSets sets = waiting_.Sets();
   sets.Watch(wake_up);
-  const int result = sets.Select(wait_ms);
+  const int result = Select(pass, wake_up, sets);
   const int error = errno;
   std::list<Task> ready;
   if (result < 0) {
@@ -202,6 +201,22 @@ bool select_tracker<Task>::SelectPass(Pass& pass, Task& out) {
   ready.splice(ready.end(), pass.timed_out);
   HandOut(ready, out);
   return true;
+}
+
+// Of many tasks, select looks only at those with news. Otherwise, and when none of these is ready, it waits for
+// all: a descriptor that has hung up may have news in every pass, and one that was closed never has any. A full
+// pass has other tasks than the last one, and to arm these costs more than select.
+template <class Task>
+int select_tracker<Task>::Select(const Pass& pass, int wake_up, SelectSets& sets) {
+  if (waiting_.IsCrowded() && !pass.IsFull()) {
+    const SelectSets all = sets;
+    waiting_.AwaitNews(sets, wake_up, WaitLimit(pass));
+    DescriptorSet tasks = sets.failed;
+    tasks.Remove(wake_up);
+    if (const int result = tasks.empty() ? 0 : sets.Select(0); result != 0) return result;
+    sets = all;
+  }
+  return sets.Select(WaitLimit(pass));
 }
 
 // A pass begins only while completed_ is empty, so the first task of `ready` is the next one to run.

@@ -81,6 +81,7 @@ class select_tracker : public ITimer {
   bool SelectPass(Pass& pass, Task& out);
   void HandOut(std::list<Task>& ready, Task& out);
   int OpenWakeUpSocket(Pass& pass);
+  int Select(const Pass& pass, int wake_up, SelectSets& sets);
   void RepairAfter(int error);
   void HandleControlEvent(const SelectSets& sets, int handle);
   void EndPass(bool full);

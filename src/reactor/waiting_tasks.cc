@@ -56,6 +56,7 @@ void waiting_tasks<Task>::Enter(std::list<Task> fresh, std::list<Task>& late) {
   readers_.tasks.splice(readers_.tasks.begin(), readers);
   writers_.tasks.splice(writers_.tasks.begin(), writers);
   if (some_left || limited) WatchAnew();
+  epoll_.Fit(readers_.tasks.size() + writers_.tasks.size());
 }
 
 template <class Task>
@@ -78,6 +79,13 @@ SelectSets waiting_tasks<Task>::Sets() const {
 }
 
 template <class Task>
+void waiting_tasks<Task>::AwaitNews(SelectSets& sets, int wake_up, unsigned int wait_ms) {
+  epoll_.Disarm(wake_up);  // the socket may have been opened anew
+  const DescriptorSet news = epoll_.Wait(sets.read, sets.write, wait_ms);
+  for (DescriptorSet* set : {&sets.read, &sets.write, &sets.failed}) set->KeepOnly(news);
+}
+
+template <class Task>
 void waiting_tasks<Task>::TakeReady(const SelectSets& sets, std::list<Task>& ready) {
   TakeReady(readers_, sets.read, sets.failed, ready);
   TakeReady(writers_, sets.write, sets.failed, ready);
@@ -97,6 +105,7 @@ std::list<Task> waiting_tasks<Task>::TakeAll() {
   std::list<Task> all = std::exchange(came_, {});
   all.splice(all.end(), std::exchange(readers_, {}).tasks);
   all.splice(all.end(), std::exchange(writers_, {}).tasks);
+  epoll_.Close();
   highest_ = 0;
   deadline_ms_ = kNoDeadline;
   return all;
@@ -107,6 +116,7 @@ void waiting_tasks<Task>::Sort(std::list<Task> fresh, std::list<Task>& readers, 
                                std::list<Task>& late) {
   while (!fresh.empty()) {
     const Task& task = fresh.front();
+    epoll_.Disarm(task.socket());  // it may be another socket than the one that had this number before
     if (task && task->timeout()) {
       late.splice(late.end(), fresh, fresh.begin());
     } else if (task.type() == kWaitWritable) {

@@ -7,6 +7,7 @@
 #include <list>
 
 #include "reactor/descriptor_set.h"
+#include "reactor/epoll_set.h"
 #include "reactor/tcp_task.h"
 
 // The descriptors of one select: those to wait for, and after the call those that are ready or in error.
@@ -47,6 +48,11 @@ class waiting_tasks {
 
   // The descriptors to wait for.
   SelectSets Sets() const;
+  // True when so many descriptors wait that a pass calls AwaitNews before select.
+  bool IsCrowded() const { return epoll_.IsOpen(); }
+  // Waits for news of a descriptor in the sets, and removes those without. Leaves none when the time is up and
+  // after an error.
+  void AwaitNews(SelectSets& sets, int wake_up, unsigned int wait_ms);
   // Moves the tasks whose descriptors are ready or in error, according to the sets after select, to the back of
   // `ready`.
   void TakeReady(const SelectSets& sets, std::list<Task>& ready);
@@ -72,6 +78,7 @@ class waiting_tasks {
   template <class Condition>
   static void Take(Waiters& waiters, std::list<Task>& out, Condition condition);
 
+  EpollSet epoll_;
   std::list<Task> came_;  // added during the last pass
   Waiters readers_;
   Waiters writers_;

@@ -3,6 +3,10 @@
 #include <netinet/in.h>
 #include <poll.h>
 
+#include <chrono>
+#include <filesystem>
+#include <fstream>
+
 #include "base/scoped_descriptor.h"
 #include "reactor/udp_loopback.h"
 #include "reactor_support.h"
@@ -24,12 +28,11 @@ class SelectTrackerTest : public testing::Test {
   }
 
   // Runs passes up to the next ready task and returns its descriptor; -1: the tracker has stopped.
-  int Next(SelectOp* op = nullptr) {
+  int Next() {
     CTCPTask task;
     while (!task) {
       if (!tracker_.GetComeleted(task)) return -1;
     }
-    if (op != nullptr) *op = task.selectop();
     return task.socket();
   }
 
@@ -103,23 +106,6 @@ TEST_F(SelectTrackerTest, AnExceptionInAPassKeepsNobodyFromTheStop) {
   EXPECT_EQ(gone_, 3);
 }
 
-// select reports urgent data as an exceptional condition.
-TEST_F(SelectTrackerTest, AnExceptionalConditionIsAnError) {
-  const ScopedDescriptor listener(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
-  const ScopedDescriptor sender(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
-  sockaddr address{};
-  socklen_t length = sizeof address;
-  EXPECT_EQ(listen(listener.get(), 1), 0);
-  getsockname(listener.get(), &address, &length);
-  EXPECT_EQ(connect(sender.get(), &address, length), 0);
-  const ScopedDescriptor receiver(accept4(listener.get(), nullptr, nullptr, SOCK_CLOEXEC));
-  Add(receiver.get(), kSelectReadable);
-  EXPECT_EQ(send(sender.get(), "!", 1, MSG_OOB), 1);
-  SelectOp op = kSelectNone;
-  EXPECT_EQ(Next(&op), receiver.get());
-  EXPECT_EQ(op, kSelectError);
-}
-
 // A change between collecting the tasks and opening the wake-up socket can wake nobody, so the tracker must
 // look for it. The test makes the change in the destructor of a task that is dropped at that moment.
 TEST_F(SelectTrackerTest, AChangeBeforeTheWakeUpSocketOpensIsNotMissed) {
@@ -154,6 +140,144 @@ TEST_F(SelectTrackerTest, AChangeBeforeTheWakeUpSocketOpensIsNotMissed) {
   EXPECT_TRUE(tracker_.Start(0));
   change_while_opening([&] { tracker_.Shutdown(); });
   EXPECT_EQ(Next(), -1);
+}
+
+// Beside many waiting tasks, epoll tells select where to look.
+class CrowdTest : public SelectTrackerTest {
+ protected:
+  CrowdTest() { Wait(); }
+
+  void Wait() {
+    for (const SocketPair& each : crowd_) Add(each.descriptor(), kSelectReadable);
+  }
+  // Runs passes until a task is ready or the time is up. Returns the descriptor; -1: none.
+  int NextWithin(unsigned ms) {
+    bool late = false;
+    const CRefObj<ITask> timer = new FakeTimer([&] { late = true; });
+    tracker_.SetTimer(timer.get(), ms, false);  // again and again, because the pass that it fires in goes on
+    CTCPTask task;
+    for (passes_ = 0; !late && !task; ++passes_) EXPECT_TRUE(tracker_.GetComeleted(task));
+    tracker_.KillTimer(timer.get());
+    op_ = task.selectop();
+    return late ? -1 : task.socket();
+  }
+  // A pass whose time is up looks everywhere, so a task that comes then has waited in vain.
+  int NextInTime() {
+    const auto end = std::chrono::steady_clock::now() + std::chrono::seconds(10);
+    const int descriptor = NextWithin(10'000);
+    return std::chrono::steady_clock::now() < end ? descriptor : -1;
+  }
+  bool Sleeps() { return NextWithin(20) == -1 && passes_ <= 10; }
+
+  // The number of descriptors that epoll knows. A started program must not inherit epoll's own one.
+  static int KnownToEpoll() {
+    int known = 0;
+    for (int descriptor = 0; descriptor < FD_SETSIZE; ++descriptor) {
+      const std::string number = std::to_string(descriptor);
+      std::error_code error;
+      if (std::filesystem::read_symlink("/proc/self/fd/" + number, error) != "anon_inode:[eventpoll]") continue;
+      EXPECT_EQ(fcntl(descriptor, F_GETFD), FD_CLOEXEC);
+      std::ifstream info("/proc/self/fdinfo/" + number);
+      for (std::string line; std::getline(info, line);) known += line.starts_with("tfd:") ? 1 : 0;
+    }
+    return known;
+  }
+
+  std::vector<SocketPair> crowd_{70};
+  int passes_ = 0;
+  SelectOp op_ = kSelectNone;  // of the last task
+};
+
+// select reports urgent data as an exceptional condition.
+TEST_F(CrowdTest, AnExceptionalConditionIsAnError) {
+  const ScopedDescriptor listener(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
+  const ScopedDescriptor sender(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
+  sockaddr address{};
+  socklen_t length = sizeof address;
+  EXPECT_EQ(listen(listener.get(), 1), 0);
+  getsockname(listener.get(), &address, &length);
+  EXPECT_EQ(connect(sender.get(), &address, length), 0);
+  const ScopedDescriptor receiver(accept4(listener.get(), nullptr, nullptr, SOCK_CLOEXEC));
+  Add(receiver.get(), kSelectReadable);
+  EXPECT_EQ(send(sender.get(), "!", 1, MSG_OOB), 1);
+  EXPECT_EQ(NextInTime(), receiver.get());
+  EXPECT_EQ(op_, kSelectError);
+}
+
+// The old socket lives on in a copy, as in a child process, and still has news.
+TEST_F(CrowdTest, ANumberMayStandForAnotherSocket) {
+  const SocketPair old, other;
+  const auto task = Add(old.copy(), kSelectReadable);
+  EXPECT_TRUE(Sleeps());
+  task->timed_out = true;
+  EXPECT_EQ(NextInTime(), old.copy());
+  EXPECT_EQ(dup2(other.descriptor(), old.copy()), old.copy());
+  Add(old.copy(), kSelectReadable);
+  old.Send();
+  EXPECT_TRUE(Sleeps());
+  other.Send();
+  EXPECT_EQ(NextInTime(), old.copy());
+}
+
+TEST_F(CrowdTest, AHangUpAloneKeepsNobodyBusy) {
+  const SocketPair ended;
+  ended.MakeWritable(false);
+  Add(ended.descriptor(), kSelectWritable);
+  EXPECT_TRUE(Sleeps());
+  EXPECT_EQ(shutdown(ended.descriptor(), SHUT_RDWR), 0);
+  EXPECT_TRUE(Sleeps());
+  crowd_[7].Send();
+  EXPECT_EQ(NextInTime(), crowd_[7].descriptor());
+  ended.MakeWritable(true);
+  EXPECT_EQ(NextInTime(), ended.descriptor());
+}
+
+TEST_F(CrowdTest, ADescriptorThatWasClosedIsFound) {
+  SocketPair first, second, third;
+  const SocketPair writable;
+  Add(first.copy(), kSelectReadable);
+  EXPECT_TRUE(Sleeps());
+  first.CloseCopy();
+  EXPECT_TRUE(Sleeps());
+  EXPECT_EQ(gone_, 1) << "when the time is up";
+
+  Add(second.copy(), kSelectReadable);
+  second.CloseCopy();
+  EXPECT_TRUE(Sleeps());
+  EXPECT_EQ(gone_, 2) << "closed before its first pass";
+
+  // The repair opened a new wake-up socket. A change during a pass ends it.
+  Add(third.copy(), kSelectReadable);
+  bool change = false;
+  Add(third.descriptor(), kSelectReadable)->asked = [&] {
+    if (std::exchange(change, false)) Add(writable.descriptor(), kSelectWritable);
+  };
+  EXPECT_TRUE(Sleeps());
+  third.CloseCopy();
+  change = true;
+  EXPECT_EQ(NextInTime(), writable.descriptor());
+  EXPECT_EQ(gone_, 4) << "after a change, and the served task has gone as well";
+}
+
+TEST_F(CrowdTest, EpollKnowsThemOnlyWhileManyWait) {
+  const SocketPair quiet;  // waits all the time
+  Add(quiet.descriptor(), kSelectReadable);
+  for (const SocketPair& each : crowd_) {
+    each.Send();
+    EXPECT_EQ(NextInTime(), each.descriptor());
+    each.MakeReadable(false);
+    if (each.descriptor() == crowd_.front().descriptor()) {
+      EXPECT_GT(KnownToEpoll(), 70);
+    }
+  }
+  EXPECT_TRUE(Sleeps());
+  EXPECT_EQ(KnownToEpoll(), 0);
+  Wait();
+  quiet.Send();
+  EXPECT_EQ(NextInTime(), quiet.descriptor());
+  EXPECT_GT(KnownToEpoll(), 70);
+  tracker_.Shutdown();
+  EXPECT_EQ(KnownToEpoll(), 0);
 }
 
 constexpr std::size_t kMostTasks = 1023;
@@ -215,9 +339,10 @@ std::vector<std::string> Play(unsigned seed) {
   bool ending = false;
   std::mt19937 random(seed);
   const auto one_in = [&random](unsigned count) { return random() % count == 0; };
-  std::vector<SocketPair> sockets(12);
+  std::vector<SocketPair> sockets(12), crowd(seed % 4 == 0 ? 70 : 0);
   const SocketPair bell;  // always readable, so that no pass waits
   bell.Send();
+  const ScopedDescriptor file(open("/proc/self/exe", O_RDONLY | O_CLOEXEC));
   Tracker tracker;
   EXPECT_TRUE(tracker.Start(0));
   int names = 0;
@@ -247,12 +372,13 @@ std::vector<std::string> Play(unsigned seed) {
   for (int step = 0; step < 250; ++step) {
     SocketPair& some = sockets[random() % sockets.size()];
     const int interest = static_cast<int>(random() % 2);
-    switch (random() % 10) {
+    switch (random() % 14) {
       case 0:
         add(some.copy() != -1 ? some.copy() : some.descriptor(), interest, one_in(2) ? some.descriptor() : -1);
         break;
       case 1:
-        add(one_in(2) ? FD_SETSIZE + 1 : -1, one_in(5) ? 2 : interest);
+        // Select calls a file always ready, and epoll refuses it.
+        add(one_in(3) ? file.get() : one_in(2) ? FD_SETSIZE + 1 : -1, one_in(5) ? 2 : interest);
         break;
       case 2:
         some.MakeReadable(one_in(2));
@@ -265,21 +391,39 @@ std::vector<std::string> Play(unsigned seed) {
         break;
       case 5:
         if (one_in(5)) tasks.clear();  // the tracker holds the last references
-        if (one_in(5)) some.CloseCopy();
+        if (one_in(5)) {
+          some.CloseCopy();
+          // Beside many tasks, only a pass that does not wait is sure to see the closed one.
+          add(-1, kWaitReadable);
+          tasks.back()->timed_out = true;
+        }
         break;
-      case 6:  // with some seeds more tasks than a pass takes
+      case 6:
+        if (one_in(2)) break;
+        for (const SocketPair& each : crowd) {
+          each.MakeReadable(false);
+          add(each.descriptor(), kWaitReadable);
+        }
+        break;
+      case 7:
+        if (one_in(2)) break;
+        for (const SocketPair& each : crowd) each.Send();
+        break;
+      case 8:  // with some seeds more tasks than a pass takes
         for (unsigned more = seed % 8 == 0 ? 200 : 0; more > 0; --more) add(some.descriptor(), interest);
         break;
       default:
         add(some.descriptor(), interest);
     }
-    add(bell.descriptor(), kWaitReadable);
-    CTCPTask ready;
-    EXPECT_TRUE(tracker.GetComeleted(ready));
-    story.push_back("step " + std::to_string(step));
-    if (!ready) continue;
-    ready->Done();
-    story.push_back("for " + std::to_string(ready.selectop()));
+    for (int more = !crowd.empty() && one_in(10) ? 100 : 1; more > 0; --more) {
+      add(bell.descriptor(), kWaitReadable);
+      CTCPTask ready;
+      EXPECT_TRUE(tracker.GetComeleted(ready));
+      story.push_back("step " + std::to_string(step));
+      if (!ready) continue;
+      ready->Done();
+      story.push_back("for " + std::to_string(ready.selectop()));
+    }
   }
   ending = true;
   return story;
