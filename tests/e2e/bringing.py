@@ -250,7 +250,7 @@ def bring_refused(tools):
         (far, "10 bytes arrived of 20", [], "--peer-dir", short),
         (far, "no gx-ssh-peer to bring in", [], "--peer-dir", f"{folder}/none"),
         (far, "it has ended before a shell answered", ["false"]),
-        (far, "no shell has answered within 1s; it said", ["sh", "-c", "exec cat"], "--connect-timeout", "1s"),
+        (far, "no shell has answered within 3s; it said", ["sh", "-c", "exec cat"], "--connect-timeout", "3s"),
         (far, "the line changes bytes on the way there: sent 80 81 82",
          filtered(folder, "there = lambda b: bytes(x & 127 for x in b)")),
         (far, "sent 11 12 13", filtered(folder, "there = lambda b: b.replace(b'\\x11', b'')")),

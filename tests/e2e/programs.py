@@ -52,8 +52,8 @@ FAR_SIDES = (
      'gx-ssh: sh: oh\ngx-ssh: the far side is not ready: it has ended before it was ready; does it run gx-ssh-peer?; '
      'carrier "sh", exit status 3\n'),
     (["-q"], "echo oh >&2; exit 3", 4, "exit status 3: oh\n"),
-    (["--connect-timeout", "1s"], "printf 'Welcome\\033[1m\\n'; cat >/dev/null", 4,
-     'ready within 1s; does it run gx-ssh-peer, or something else that needs --raw?; it said "Welcome\\x1b[1m\\n"'),
+    (["--connect-timeout", "3s"], "printf 'Welcome\\033[1m\\n'; cat >/dev/null", 4,
+     'ready within 3s; does it run gx-ssh-peer, or something else that needs --raw?; it said "Welcome\\x1b[1m\\n"'),
     ([], "script -qec @PEER /dev/null", 4, "a terminal in between echoes"),
     ([], "printf 'GX-SSH-PEER 9\\n'; cat >/dev/null", 4, "it speaks version 9 of the protocol"),
     ([], "yes | tr -d '\\n'", 4, "it sends something else"),
