@@ -21,7 +21,8 @@
 namespace gxtool {
 namespace {
 
-constexpr std::chrono::milliseconds kLastChance{300};
+constexpr std::chrono::milliseconds kLastChance{300};  // for the reader
+constexpr std::chrono::seconds kLongestWrite{5};       // when there was room for it
 
 // A pipe that is ready takes this much without blocking.
 constexpr std::size_t kStepBytes = std::min<std::size_t>(PIPE_BUF, 4096);
@@ -30,6 +31,11 @@ ssize_t WriteStep(int fd, std::string_view text) {
   text = text.substr(0, kStepBytes);
   const ssize_t sent = send(fd, text.data(), text.size(), MSG_DONTWAIT | MSG_NOSIGNAL);
   return sent < 0 && errno == ENOTSOCK ? write(fd, text.data(), text.size()) : sent;
+}
+
+bool HasRoom(int fd) {
+  pollfd one{fd, POLLOUT, 0};
+  return poll(&one, 1, 0) == 1;
 }
 
 }  // namespace
@@ -67,8 +73,8 @@ class OutputQueue::Writer {
     return changed_.wait_for(lock, limit, [this] { return ended_ || (lines_.empty() && !writing_); });
   }
 
-  // Returns true when the thread has ended. Otherwise the thread is blocked, because another process filled the
-  // pipe first.
+  // Gives the reader a moment; then the thread writes only what there is room for. Returns true when the thread
+  // has ended. Otherwise a write blocks it, because another process filled the pipe first.
   bool Finish() {
     std::unique_lock lock(mutex_);
     finishing_ = true;
@@ -77,7 +83,7 @@ class OutputQueue::Writer {
     lock.unlock();
     stop_.Raise();
     lock.lock();
-    return changed_.wait_for(lock, kLastChance, [this] { return ended_; });
+    return changed_.wait_for(lock, kLongestWrite, [this] { return ended_; });
   }
 
  private:
@@ -115,10 +121,10 @@ class OutputQueue::Writer {
     return line;
   }
 
-  // Returns false when stopped. Skips a line that cannot be written; the next one may succeed.
+  // Returns false when stopped and without room. Skips a line that cannot be written; the next one may succeed.
   bool Write(std::string_view text) {
     while (!text.empty()) {
-      if (!stop_.WaitFor(fd_, POLLOUT)) return false;
+      if (!stop_.WaitFor(fd_, POLLOUT) && !HasRoom(fd_)) return false;
       const ssize_t taken = WriteStep(fd_, text);
       if (taken < 0 && errno != EAGAIN && errno != EINTR) return true;
       if (taken > 0) text.remove_prefix(static_cast<std::size_t>(taken));

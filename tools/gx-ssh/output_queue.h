@@ -22,7 +22,7 @@ class OutputQueue {
 
   // `fd` is borrowed and keeps its mode. `lost_line` formats the line that replaces dropped ones.
   OutputQueue(int fd, std::function<std::string(std::uint64_t lost)> lost_line);
-  // Gives the reader a moment to take the queued lines.
+  // Gives the reader a moment to take the queued lines. Drops those for which there is no room then.
   ~OutputQueue();
   OutputQueue(const OutputQueue&) = delete;
   OutputQueue& operator=(const OutputQueue&) = delete;
