@@ -27,6 +27,13 @@ inline constexpr int kPeerEnded = 0;     // the stream ended between two frames,
 inline constexpr int kPeerLinkLost = 1;  // the stream broke, ended inside a frame, or was silent for too long
 inline constexpr int kPeerNotReady = 4;  // no other side was found on the stream
 
+// What a session may take at most for pending work when it ends.
+struct EndTimes {
+  std::chrono::milliseconds stop{1700};        // after Stop
+  std::chrono::milliseconds input_end{1000};   // after the end of the input
+  std::chrono::milliseconds last_frames{200};  // after both
+};
+
 struct PeerOptions {
   AllowList allow = AllowList::Default();
   std::optional<Destination>
@@ -34,7 +41,7 @@ struct PeerOptions {
   std::chrono::milliseconds connect_timeout = std::chrono::seconds(10);  // also for the ready line; 0: no limit
   std::chrono::milliseconds idle_timeout{0};                             // of a connection; 0: no limit
   std::chrono::milliseconds stall_timeout = std::chrono::seconds(60);    // of a target that blocks all others
-  std::chrono::milliseconds stop_time{1700};                             // for pending work after Stop
+  EndTimes end_times;
   std::size_t max_connections = 1000;
   std::chrono::milliseconds keepalive =
       std::chrono::seconds(15);  // a ping is sent after this silence; 0: never
@@ -59,7 +66,7 @@ class Peer {
   // Works on the calling thread until the stream ends. Call it once.
   int Run();
 
-  // Thread: any, while the object exists. Finishes current work, for at most stop_time, then ends Run.
+  // Thread: any, while the object exists. Finishes current work, for at most end_times.stop, then ends Run.
   void Stop();
 
  private:

@@ -42,7 +42,7 @@ PeerSession::PeerSession(PeerOptions options, int read_fd, int write_fd)
       admission_(options_),
       closing_(options_.max_connections),
       receipts_timer_(io_),
-      shutdown_(options_.raw, options_.stop_time) {}
+      shutdown_(options_.raw, options_.end_times) {}
 
 int PeerSession::Run() {
   if (shutdown_.phase() == Phase::kGreeting) {

@@ -5,27 +5,23 @@
 namespace gxtool {
 namespace {
 
-using std::chrono::milliseconds;
-
 constexpr auto kCloseTime = std::chrono::seconds(5);  // for a target to take the queued bytes and to end
-constexpr auto kInputEndTime = milliseconds(1000);    // for pending work at the end of the input
-constexpr auto kEndTime = milliseconds(200);          // for the last frames
 
 }  // namespace
 
-void Shutdown::Greet(milliseconds limit) {
+void Shutdown::Greet(std::chrono::milliseconds limit) {
   if (limit.count() != 0) end_ = Clock::now() + limit;
 }
 
 bool Shutdown::RequestStop() {
   if (std::exchange(stop_requested_, true)) return false;
-  if (IsWorking()) Drain(stop_time_);
+  if (IsWorking()) Drain(times_.stop);
   return true;
 }
 
 void Shutdown::EndInput() {
   input_ended_ = true;
-  if (IsWorking()) Drain(kInputEndTime);
+  if (IsWorking()) Drain(times_.input_end);
 }
 
 void Shutdown::Drain(Clock::duration time) {
@@ -35,7 +31,7 @@ void Shutdown::Drain(Clock::duration time) {
 
 void Shutdown::End() {
   phase_ = Phase::kEnding;
-  end_ = Clock::now() + kEndTime;
+  end_ = Clock::now() + times_.last_frames;
 }
 
 Shutdown::Step Shutdown::Next(Clock::time_point now, bool under_way, bool done) const {

@@ -17,6 +17,7 @@
 #include <string_view>
 
 #include "peer/connection.h"
+#include "peer/peer.h"
 
 namespace gxtool {
 
@@ -26,9 +27,7 @@ class Shutdown {
   // The next thing to do.
   enum class Step { kNothing, kGiveGreetingUp, kEndAll, kLeave };
 
-  // `stop_time`: for pending work after a stop request.
-  Shutdown(bool raw, Clock::duration stop_time)
-      : phase_(raw ? Phase::kRunning : Phase::kGreeting), stop_time_(stop_time) {}
+  Shutdown(bool raw, const EndTimes& times) : phase_(raw ? Phase::kRunning : Phase::kGreeting), times_(times) {}
 
   Phase phase() const { return phase_; }
   // True until the session is stopped, ended or lost.
@@ -55,7 +54,7 @@ class Shutdown {
   void Drain(Clock::duration time);
 
   Phase phase_;
-  const Clock::duration stop_time_;
+  const EndTimes times_;
   bool stop_requested_ = false;
   bool input_ended_ = false;
   Clock::time_point end_ = Clock::time_point::max();  // end of the phase

@@ -390,7 +390,7 @@ TEST_F(PeerLinkTest, NoticesASilentLinkButNotAnAnsweringOne) {
 }
 
 TEST_F(PeerLinkTest, StopLetsWhatIsUnderWayFinish) {
-  options_.stop_time = std::chrono::hours(1);
+  options_.end_times.stop = std::chrono::hours(1);
   Rig rig(options_);
   Greet(rig);
   const Descriptor busy = rig.Connect(1, target_);
