@@ -23,15 +23,10 @@ class FlowControlTest : public testing::Test {
   }
 
   Filled Queue(Account& account, std::uint64_t blocks) {
-    Filled filled = Filled::kNothing;
-    while (blocks-- != 0) {
-      const Filled now = flow_.Queued(account, kBlock - CFlowControl::kBlockBytes);
-      if (now != Filled::kNothing) filled = now;
-    }
-    return filled;
+    return flow_.Queued(account, blocks * kBlock - CFlowControl::kBlockBytes);
   }
   void Release(Account& account, std::uint64_t blocks) {
-    while (blocks-- != 0) flow_.Released(account, kBlock - CFlowControl::kBlockBytes);
+    flow_.Released(account, blocks * kBlock - CFlowControl::kBlockBytes);
   }
   Verdict::Action Action(Account& account) { return flow_.Look(account).action; }
 

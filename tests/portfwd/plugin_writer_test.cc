@@ -3,7 +3,7 @@
 #include <unistd.h>
 
 #include "base/clock.h"
-#include "object/creference.h"
+#include "support/plugin_stream.h"
 #include "support/temp_dir.h"
 #include "support/test.h"
 #include "support/wait.h"
@@ -13,18 +13,14 @@ namespace {
 enum Result { kTakes, kTakesNothing, kFails };
 
 // A host's stream that takes one byte per call unless the test says otherwise.
-class ByteStream final : public IPluginStreamRaw, private CReference {
+class ByteStream final : public gxtest::PluginStream {
  public:
-  GX_FORWARD_REFERENCE();
-
-  std::uint32_t Read(void*, unsigned, unsigned*, unsigned) override { return 1; }
   std::uint32_t Write(const void* data, unsigned, unsigned* written, unsigned) override {
     const Result result = on_write();
     *written = result == kTakes ? 1 : 0;
     taken.append(static_cast<const char*>(data), *written);
     return result == kFails ? 1 : 0;
   }
-  std::uint32_t Close() override { return 0; }
 
   std::string taken;
   std::function<Result()> on_write = [] { return kTakes; };
