@@ -49,11 +49,12 @@ class PluginStream : public IPluginStreamRaw, private CReference {
 
   std::uint32_t Read(void* data, unsigned length, unsigned* got, unsigned) override {
     std::unique_lock lock(mutex_);
-    if (read_ended_) ++reads_behind_the_end_;
     changed_.wait(lock,
                   [&] { return closed_ || (behaviour_.read_at_most != 0 && (ended_ || !to_module_.empty())); });
-    read_ended_ = closed_ || to_module_.empty();
-    if (read_ended_) return 1;
+    if (closed_ || to_module_.empty()) {
+      ++reads_at_the_end;
+      return 1;
+    }
     const std::size_t count = Cut({length, to_module_.size(), behaviour_.read_at_most});
     std::copy_n(to_module_.begin(), count, static_cast<char*>(data));
     to_module_.erase(to_module_.begin(), to_module_.begin() + static_cast<std::ptrdiff_t>(count));
@@ -135,10 +136,6 @@ class PluginStream : public IPluginStreamRaw, private CReference {
   bool WaitUntilRead() {
     return WaitUntil([&] { return to_module_.empty(); });
   }
-  std::size_t ReadsBehindTheEnd() {
-    const std::lock_guard lock(mutex_);
-    return reads_behind_the_end_;
-  }
   bool WaitUntilWriteBlocks() {
     return WaitUntil([&] { return blocked_; });
   }
@@ -146,6 +143,8 @@ class PluginStream : public IPluginStreamRaw, private CReference {
     const std::lock_guard lock(mutex_);
     return closed_;
   }
+
+  std::atomic<int> reads_at_the_end{0};  // that the module was told about
 
  private:
   template <class Condition>
@@ -181,8 +180,6 @@ class PluginStream : public IPluginStreamRaw, private CReference {
   std::size_t taken_ = 0;
   bool closed_ = false;
   bool ended_ = false;
-  bool read_ended_ = false;
-  std::size_t reads_behind_the_end_ = 0;
   bool blocked_ = false;
 };
 
