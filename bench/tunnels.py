@@ -155,14 +155,15 @@ class Ssh(Tunnel):
     def open(self, world):
         port = quiet_port()
         with listening(self.command(world, f"127.0.0.1:{port}:127.0.0.1:{world.target_port}"), port) as child:
-            yield port, [child.pid, *children(world.server.pid)]
-        wait_until(lambda: not children(world.server.pid), "sshd's session ends")
+            yield port, [child.pid, *children(world.server.daemon.pid)]
+        wait_until(lambda: not children(world.server.daemon.pid), "sshd's session ends")
 
     @staticmethod
     def command(world, forward):
         way = ["HostName 127.0.0.1", f"Port {world.server.port}"]
         if world.line:
-            way = [f"ProxyCommand {shlex.join(world.along(*world.server.inetd_command()))}"]
+            one_session = world.along(find("sshd"), "-i", "-f", f"{world.folder}/sshd_config")
+            way = [f"ProxyCommand {shlex.join(one_session)}"]
         clients = Clients(world.server, *way)
         return clients.command("ssh", "-N", "-c", "aes128-gcm@openssh.com", "-L", forward, "far")
 

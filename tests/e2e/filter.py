@@ -8,7 +8,7 @@ terminal      the command gets a pseudo terminal
 import contextlib
 import os
 import pty
-import selectors
+import select
 import socket
 import subprocess
 import sys
@@ -24,20 +24,17 @@ def write(descriptor, data):
 def carry(settings, line):
     """Until one end has nothing more, or the line is cut."""
     left = settings["limit"]
-    with selectors.DefaultSelector() as ready:
-        ready.register(0, selectors.EVENT_READ)
-        ready.register(line, selectors.EVENT_READ)
-        while left:
-            for key, _ in ready.select():
-                data = os.read(key.fd, PIECE)
-                if not data:
-                    return
-                if key.fd == 0:
-                    data = data[:min(left, len(data))]
-                    left -= len(data)
-                    write(line, settings["there"](data))
-                else:
-                    write(1, settings["back"](data))
+    while left:
+        for end in select.select([0, line], [], [])[0]:
+            data = os.read(end, PIECE)
+            if not data:
+                return
+            if end == 0:
+                data = data[:min(left, len(data))]
+                left -= len(data)
+                write(line, settings["there"](data))
+            else:
+                write(1, settings["back"](data))
 
 
 def main():

@@ -61,7 +61,7 @@ class Host(Child):
     def __exit__(self, *failure):
         with contextlib.ExitStack() as exits:
             exits.push(super().__exit__)
-            if failure[0] is None and self.runs():
+            if failure[0] is None and self._process.poll() is None:
                 self.stop()
 
     @functools.cached_property
@@ -78,9 +78,6 @@ class Host(Child):
     @property
     def peer_pid(self):
         return int(read(self._pid_file))
-
-    def connect(self):
-        return connect(self.address)
 
     def converse(self, line="hello", ends=True):
         """Over its standard input and output: sends a line and gets it back."""

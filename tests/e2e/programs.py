@@ -8,7 +8,6 @@ import json
 import os
 import queue
 import re
-import shutil
 import signal
 import socket
 import stat
@@ -91,6 +90,8 @@ COMMANDS = (
     ("@GX -- /etc/passwd", 126, 'gx-ssh: cannot run "/etc/passwd'),
     ("@GX -W --target @TARGET --local </dev/zero >/dev/full", 1, "No space left on device"),
     ("@GX -W --target @TARGET --local </", 1, "Is a directory"),
+    # On a terminal an interrupt goes to both, and gx-ssh may hear of the carrier's end before it hears of the key.
+    ("script -qec '@GX -- sh -c \"kill -INT \\$\\$\"' /dev/null", 0),
     ("@GX --connect unix:/nowhere", 1, "No such file"),
     ("@GX --local --module /nowhere/module.so", 3, "/nowhere/module.so: cannot open"),
     ("@GX --local --module libc.so.6", 3, "./libc.so.6: cannot open"),
@@ -126,14 +127,14 @@ def closes(count):
 
 
 # Options of gx-ssh-peer, what it gets before frames, the frames, those that come out at the end of its input, and what
-# it tells. @DEAF refuses, @SILENT does not answer.
+# it tells. Nobody listens at port 9, and @SILENT does not answer.
 PEER_FRAMES = (
     (["--raw"], b"", connects("@TARGET", "127.0.0.1:22\0", "x" * 65536, "", "\x1b]0;pwned\a:22"), closes(5),
      ("--allow @TARGET", "127.0.0.1:22\\x00", '"xxx', '""', "\\x1b]0;pwned\\x07")),
     (["--raw"], b"", connects(*["10.0.0.1:22"] * 500), closes(500), ("only with -v",)),
     (["--raw", "--target", "@TARGET"], b"", [*connects("whatever this is"), (DATA, 1, "hello")],
      [(DATA, 1, "hello"), *closes(1)], ()),
-    (["--allow", "@DEAF"], b"banner\nGX-SSH-HOST 1\n", [*connects("@DEAF"), (DATA, 1, "lost")],
+    (["--allow", "127.0.0.1:9"], b"banner\nGX-SSH-HOST 1\n", [*connects("127.0.0.1:9"), (DATA, 1, "lost")],
      [(RESET, 1, "Connection refused"), *closes(1), (GOODBYE, 0, "end of input")], ("Connection refused",)),
     (["--raw", "--allow", "@SILENT", "--connect-timeout", "300ms"], b"", connects("@SILENT"), closes(1),
      ("within 300ms",)),
@@ -183,7 +184,7 @@ def ends(tools):
     target = Target()
     for number, *options in ((signal.SIGTERM,), (signal.SIGINT, "-v"),
                              (signal.SIGHUP, "-v", "--listen", "127.0.0.1:0")):
-        with Host(tools, target, *options) as host, host.connect() as client:
+        with Host(tools, target, *options) as host, connect(host.address) as client:
             expect_echo(client, number.name)
             host.stop(number)
             expect_end(client, number.name)
@@ -216,7 +217,7 @@ def names(tools):
     target, path = Target(), f"{tools.folder}/name"
     listen = ["--listen", f"unix:{path}"]
     for number, status in ((signal.SIGKILL, -9), (signal.SIGTERM, 0)):  # what a killed one left does not matter
-        with Host(tools, target, *listen) as host, host.connect() as client:
+        with Host(tools, target, *listen) as host, connect(host.address) as client:
             expect(host.address == f"unix:{path}", host.address)
             expect(stat.S_IMODE(os.stat(path).st_mode) == 0o600, "others may connect to the socket")
             expect_echo(client, "a Unix socket")
@@ -350,11 +351,7 @@ def listens(tools, target):
 def stalls(tools, target):
     """Nobody reads its events, or its words."""
     there, here = os.pipe()
-    os.set_blocking(here, False)
-    with contextlib.suppress(BlockingIOError):
-        while os.write(here, bytes(1 << 16)):
-            pass
-    os.set_blocking(here, True)
+    os.write(here, bytes(fcntl.fcntl(here, fcntl.F_GETPIPE_SZ)))
     said = f"{tools.folder}/said"
     loud = READY + f"yes $(printf %01000d) | head -n 200 >&2; echo >{said}; " + SILENT
     for descriptor, options, more in ((1, ["--json", "--port-file", said], {}), (2, [], {"shell": loud})):
@@ -392,18 +389,12 @@ def surroundings(tools):
 
 def cannot_be_ended(tools):
     """The carrier has become another user, and the end of its input means nothing to it."""
-    folder = f"{tools.folder}/public"
-    os.mkdir(folder)
-    for each in (tools.folder, folder):
-        os.chmod(each, 0o755)
-    module = glob.glob(f"{os.path.dirname(tools.gx_ssh)}/../../src/module/libgx-control-ssh.*")[0]
-    module, program, become = (shutil.copy(file, folder) for file in (module, tools.gx_ssh, "/usr/bin/setpriv"))
-    os.chmod(become, 0o4755)
-    with Child([become, "--reuid=65534", "--clear-groups", program, "--module", module, "--raw", "--", become,
-                "--reuid=65533", "--clear-groups", "sleep", "600"]) as host:
+    rights = "+setuid,+dac_override"  # to become another user and to read the programs, but not to end processes
+    with Child(["setpriv", "--reuid=65534", f"--inh-caps={rights}", f"--ambient-caps={rights}", tools.gx_ssh, "--raw",
+                "--", "setpriv", "--reuid=65533", "sleep", "600"]) as host:
         host.expect(host.out, ADDRESS)
         host.signal(signal.SIGTERM)
-        left = host.expect(host.err, f'cannot end "{become}": process (\\d+) goes on: Operation not permitted')
+        left = host.expect(host.err, r'cannot end "setpriv": process (\d+) goes on: Operation not permitted')
         os.kill(int(left.group(1)), signal.SIGKILL)
         host.expect_status(0)
 
@@ -423,15 +414,9 @@ def plays(tools, places, options, greeting, sent, came, said):
 def peers(tools):
     """gx-ssh-peer by itself: what it leaves behind, how it ends, and names that only its cache knows."""
     target = Target()
-    with socket.create_server(("127.0.0.1", 0), backlog=0) as silent, socket.socket() as deaf, \
-            contextlib.ExitStack() as exits:
-        deaf.bind(("127.0.0.1", 0))
-        refuses, waits = ("%s:%d" % each.getsockname() for each in (deaf, silent))
-        places = {"@TARGET": target.address, "@DEAF": refuses, "@SILENT": waits}
-        for _ in range(4):  # which fill its queue
-            client = exits.enter_context(socket.socket())
-            client.setblocking(False)
-            client.connect_ex(silent.getsockname())
+    # The one connection fills the queue.
+    with socket.create_server(("127.0.0.1", 0), backlog=0) as silent, socket.create_connection(silent.getsockname()):
+        places = {"@TARGET": target.address, "@SILENT": "%s:%d" % silent.getsockname()}
         side_by_side(functools.partial(plays, tools, places), PEER_FRAMES)
     theirs, ours = os.pipe()
     os.write(ours, b"\x1b[1mwho are you?")

@@ -33,7 +33,7 @@ def module_port(host):
 
 def expect_whole(host, text, what):
     """The answer that the target begins when it has heard all."""
-    with host.connect() as client:
+    with connect(host.address) as client:
         threading.Thread(target=lambda: (client.sendall(text), client.shutdown(socket.SHUT_WR))).start()
         expect_answer(client, text, what)
         expect_end(client, what)
@@ -81,13 +81,12 @@ def many(tools):
         target = Target()
         far_side = [] if "--local" in way else None
         limited = ["sh", "-c", 'ulimit -Sn 1024; exec "$@"', "sh"]
-        with Host(tools, target, *way, far_side=far_side, through=limited) as host:
-            with contextlib.ExitStack() as exits:
-                clients = [exits.enter_context(host.connect()) for _ in range(CONNECTIONS)]
-                for number, client in enumerate(clients):
-                    client.sendall(b"%d" % number)
-                for number, client in enumerate(clients):
-                    expect_answer(client, b"%d" % number, f"{way}, connection {number}")
+        with Host(tools, target, *way, far_side=far_side, through=limited) as host, contextlib.ExitStack() as exits:
+            clients = [exits.enter_context(connect(host.address)) for _ in range(CONNECTIONS)]
+            for number, client in enumerate(clients):
+                client.sendall(b"%d" % number)
+            for number, client in enumerate(clients):
+                expect_answer(client, b"%d" % number, f"{way}, connection {number}")
 
 
 def forwards(tools):
@@ -137,13 +136,13 @@ def user_only(tools):
         target = Target()
         with Host(tools, target, "--user-only", *way) as host:
             port = host.address.rpartition(":")[2]
-            with host.connect() as own:
+            with connect(host.address) as own:
                 expect_echo(own, "the same user")
             subprocess.run([*stranger, port, "waits"], user=NOBODY, check=False, stderr=subprocess.DEVNULL)
             host.signal(signal.SIGSTOP)  # so that it looks when the stranger has gone
             subprocess.run([*stranger, port], user=NOBODY, check=True)
             host.signal(signal.SIGCONT)
-            with host.connect() as own:
+            with connect(host.address) as own:
                 expect_echo(own, "the same user")
         expect(target.connections == 2, target.connections, "connections reached the target, and two of them were ours")
 

@@ -13,7 +13,8 @@ import programs
 import relays
 from hosts import Host, tunnel
 from terminal import terminal
-from throwaway import Clients, Failure, SshServer, bounded, nothing_left, write_script
+from throwaway import Clients, Failure, SshServer, bounded, nothing_left
+
 
 def say(text):
     print(text, flush=True)
@@ -37,8 +38,7 @@ def demo(tools, server):
 def proxies(tools, server):
     """As ssh's proxy: -W, and --connect to a Unix socket as --print ssh-config says, whatever its path is like."""
     peer = f"{tools.gx_ssh_peer} -q --allow {server.address}"
-    write_script(f"{server.folder}/proxy", f"exec {tools.gx_ssh} -q -W \"$1\" -- sh -c 'echo a banner; exec {peer}'")
-    proxy = f"ProxyCommand {server.folder}/proxy %h:%p"
+    proxy = f"ProxyCommand {tools.gx_ssh} -q -W %h:%p -- sh -c 'echo a banner; exec {peer}'"
     Clients(server, "HostName 127.0.0.1", f"Port {server.port}", proxy).expect_command()
     os.chdir(server.folder)
     with Host(tools, server, "--listen", "unix:it's 50%h of a $HOME", "--print", "ssh-config") as host:

@@ -16,7 +16,6 @@ import shutil
 import signal
 import socket
 import subprocess
-import tempfile
 import threading
 import time
 
@@ -148,9 +147,6 @@ class Child:
         self.stdin.write(text)
         self.stdin.flush()
 
-    def runs(self):
-        return self._process.poll() is None
-
     def signal(self, number):
         self._process.send_signal(number)
 
@@ -194,10 +190,6 @@ def write_script(path, text):
     os.chmod(path, 0o700)
 
 
-def user_name():
-    return pwd.getpwuid(os.geteuid()).pw_name
-
-
 class SshServer:
     """An OpenSSH server on 127.0.0.1 with keys of its own, which lets in whoever runs this and nobody else."""
 
@@ -211,27 +203,26 @@ class SshServer:
             os.makedirs("/run/sshd", exist_ok=True)
         for key in ("host_key", "user_key"):
             run(["ssh-keygen", "-q", "-t", "ed25519", "-N", "", "-C", key, "-f", f"{self.folder}/{key}"])
-        self._daemon = self._start()
+        self.daemon = self._start()
         return self
 
-    @property
-    def pid(self):
-        return self._daemon.pid
-
     def __exit__(self, *failure):
-        with self._daemon:
-            self._daemon.signal(signal.SIGTERM)
+        with self.daemon:
+            self.daemon.signal(signal.SIGTERM)
             if failure[0] is None:
-                self._daemon.wait()
+                self.daemon.wait()
 
     def _start(self):
+        # sshd runs itself anew for each connection and wants to be called by its full path.
+        program = shutil.which("sshd", path=os.environ.get("PATH", "") + ":/usr/sbin:/usr/local/sbin")
+        expect(program, "no sshd here; scripts/bootstrap installs it")
         # Another program may take the port between the probe and sshd's bind.
         for _ in range(5):
             with socket.create_server(("127.0.0.1", 0)) as probe:
                 self.port = probe.getsockname()[1]
             self.address = f"127.0.0.1:{self.port}"
             self._write_config()
-            daemon = Child([self._program(), "-D", "-e", "-f", f"{self.folder}/sshd_config"])
+            daemon = Child([program, "-D", "-e", "-f", f"{self.folder}/sshd_config"])
             if daemon.err.wait_for(r"^Server listening on ", READY_S):
                 return daemon
             with daemon:
@@ -239,26 +230,13 @@ class SshServer:
                 expect("Address already in use" in said, f"sshd does not start: {said}")
         raise Failure("no free port for sshd")
 
-    @staticmethod
-    def _program():
-        # sshd runs itself anew for each connection and wants to be called by its full path.
-        program = shutil.which("sshd", path=os.environ.get("PATH", "") + ":/usr/sbin:/usr/local/sbin")
-        expect(program, "no sshd here; scripts/bootstrap installs it")
-        return program
-
-    def inetd_command(self):
-        """The command line of the same server for one connection, on standard input and output."""
-        return [self._program(), "-i", "-f", f"{self.folder}/sshd_config"]
-
     def _write_config(self):
         # Without StrictModes, which rejects keys below a temporary folder that everybody may write to.
-        indent = "\n            "
-        write(f"{self.folder}/sshd_config", f"""
-            {indent.join(self._settings)}
+        write(f"{self.folder}/sshd_config", "\n".join(self._settings) + f"""
             ListenAddress {self.address}
             HostKey "{self.folder}/host_key"
             AuthorizedKeysFile "{self.folder}/user_key.pub"
-            AllowUsers {user_name()}
+            AllowUsers {pwd.getpwuid(os.geteuid()).pw_name}
             AuthenticationMethods publickey
             StrictModes no
             PidFile none
@@ -275,23 +253,17 @@ class Clients:
         self.server = server
         self.folder = server.folder
         write(f"{self.folder}/known_hosts", f"throwaway {read(f'{self.folder}/host_key.pub')}")
-        indent = "\n              "
-        with tempfile.NamedTemporaryFile("w", dir=self.folder, prefix="ssh_config.", delete=False) as file:
-            self.config = file.name
-            file.write(f"""
-            Host far
-              {indent.join(way)}
-              User {user_name()}
-              HostKeyAlias throwaway
-              UserKnownHostsFile "{self.folder}/known_hosts"
-              GlobalKnownHostsFile none
-              StrictHostKeyChecking yes
-              IdentityFile "{self.folder}/user_key"
-              IdentitiesOnly yes
-              IdentityAgent none
-              BatchMode yes
-              ConnectTimeout {READY_S}
-              LogLevel ERROR
+        self.config = f"{self.folder}/ssh_config.{secrets.token_hex(4)}"
+        write(self.config, "\n".join(["Host far", *way]) + f"""
+            HostKeyAlias throwaway
+            UserKnownHostsFile "{self.folder}/known_hosts"
+            GlobalKnownHostsFile none
+            StrictHostKeyChecking yes
+            IdentityFile "{self.folder}/user_key"
+            IdentityAgent none
+            BatchMode yes
+            ConnectTimeout {READY_S}
+            LogLevel ERROR
             """)
 
     def command(self, program, *arguments):
@@ -301,16 +273,16 @@ class Clients:
         return run(self.command(program, *arguments))
 
     def expect_command(self, timeout=END_S):
-        """A command's input, both its outputs and its status; returns what ssh and its proxy said beside it."""
+        """A command's input, both its outputs and its status; returns what came on standard error."""
         with Child(self.command("ssh", "far", "cat; echo err >&2; exit 42")) as session:
             session.send("hello\n")
             session.expect(session.out, "^hello$", timeout)
             session.stdin.close()
             session.expect_status(42, timeout)
-            said = session.err.text().splitlines()
-            expect(session.out.text() == "hello" and "err" in said, f"ssh printed {session.out.text()!r} and {said}")
-            said.remove("err")
-            return "\n".join(said)
+            said = session.err.text()
+            expect(session.out.text() == "hello" and "err" in said.splitlines(),
+                   f"ssh printed {session.out.text()!r} and {said!r}")
+            return said
 
     def expect_copies(self, size, folder=None):
         """A copy there and one back are the same. `folder` is one over there."""

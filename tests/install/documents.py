@@ -11,14 +11,6 @@ from tunnel import expect, read, run
 OPTION = r"--?[A-Za-z][A-Za-z-]*"
 
 
-def is_on_page(page, name, text):
-    """A screen ends where the next command or heading begins."""
-    lines = [line[4:] for line in page.splitlines(keepends=True) if line.startswith("    ") or line == "\n"]
-    screens = re.split(r"^\$ (.*)$", "".join(lines), flags=re.MULTILINE)
-    shown = dict(zip(screens[1::2], screens[2::2]))[f"{name} --help"]
-    return shown.split() == text.split()
-
-
 def of_page(text, _name):
     items = re.findall(r"^\.It (Fl .*)$", text, re.MULTILINE)
     return {"-" + option for item in items for option in re.findall(r"\bFl (-?[A-Za-z][A-Za-z-]*)", item)}
@@ -61,6 +53,7 @@ def missing_tests(page, tests):
 
 
 ctest, build, source, *programs = sys.argv[1:]
+screens = " ".join(read(f"{source}/docs/screens.md").split())
 named = set(re.findall(r"^\.Sy (\S+)", read(f"{source}/docs/man/gx-control-ssh.7"), re.MULTILINE))
 built = set(re.findall(r"gx_package\(\S+ (\S+)", read(f"{source}/cmake/GxPackage.cmake")))
 tests = re.findall(r"^ *Test +#\d+: (\S+)", run([ctest, "--test-dir", build, "-N"]), re.MULTILINE)
@@ -71,7 +64,7 @@ for program in programs:
     mistakes += [f"{name} {option} {kind}: bash completes files where it should not, or the other way round"
                  for option, kind in re.findall(r"^  (?:-\w,)?(--[a-z-]+) ([A-Z]\S*)", text, re.MULTILINE)
                  if offers_files(source, name, option) != (kind in ("FILE", "PATH"))]
-    if not is_on_page(read(f"{source}/docs/screens.md"), name, text):
+    if " ".join(["$", name, "--help", *text.split()]) not in screens:
         mistakes.append(f"docs/screens.md: {name} --help shows:\n{text}")
     heads = re.findall(r"^  (-\S+)", text, re.MULTILINE)
     told = {option for head in heads for option in re.findall(OPTION, head)}
