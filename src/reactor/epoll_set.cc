@@ -16,12 +16,13 @@ constexpr std::size_t kFew = 32;   // lower, so that it is not opened and closed
 
 }  // namespace
 
-void EpollSet::Fit(std::size_t waiting) {
-  if (IsOpen()) {
+bool EpollSet::Fit(std::size_t waiting) {
+  if (epoll_) {
     if (waiting < kFew) Close();
   } else if (waiting > kMany) {
     epoll_ = gxbase::ScopedDescriptor(epoll_create1(EPOLL_CLOEXEC));
   }
+  return static_cast<bool>(epoll_);
 }
 
 DescriptorSet EpollSet::Wait(const DescriptorSet& read, const DescriptorSet& write, unsigned int wait_ms) {
@@ -58,7 +59,7 @@ bool EpollSet::Arm(int descriptor, std::uint32_t events) {
 
 #else
 
-void EpollSet::Fit(std::size_t) {}
+bool EpollSet::Fit(std::size_t) { return false; }
 DescriptorSet EpollSet::Wait(const DescriptorSet&, const DescriptorSet&, unsigned int) { return {}; }
 
 #endif

@@ -14,18 +14,17 @@
 // epoll tells nothing of a descriptor that is closed while somebody waits for it. A caller that gets no name
 // therefore looks at all.
 //
-// Each descriptor is armed: epoll then names it once. One that is never ready all the same, or whose task is
-// gone, cannot keep a caller busy. The kernel forgets a closed descriptor, and its number may soon stand for
-// another socket, so Disarm is called for each task that starts to wait. Nothing is named while one cannot be
-// armed: a bad descriptor, a file that epoll refuses, want of memory.
+// Each descriptor is armed: epoll then names it once, also when its task has gone. A number may soon stand for
+// another socket, which epoll does not know yet or knows under the same number as the old one, so Disarm is
+// called for each task that starts to wait. Nothing is named while one cannot be armed: a bad descriptor, a
+// file that epoll refuses, want of memory.
 //
 // States: closed (initially, and always where the system has no epoll), open. Threads: one at a time.
 class EpollSet {
  public:
-  // Opens when many tasks wait, and closes when few do.
-  void Fit(std::size_t waiting);
+  // Opens when many tasks wait, and closes when few do. Returns true when open.
+  bool Fit(std::size_t waiting);
   void Close();
-  bool IsOpen() const { return static_cast<bool>(epoll_); }
 
   // The next Wait arms the descriptor again if it is in a set.
   void Disarm(int descriptor) { armed_.Remove(descriptor); }

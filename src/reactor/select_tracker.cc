@@ -95,7 +95,7 @@ void select_tracker<Task>::Shutdown() {
   std::list<Task> dropped;  // destroyed after the lock is released
   {
     CStdLock lock(passing_mutex_);
-    if (!passing_) dropped = waiting_.TakeAll();
+    if (!passing_) dropped = waiting_.Close();
   }
   uncompleted_.close();
   completed_.close();
@@ -205,10 +205,11 @@ bool select_tracker<Task>::SelectPass(Pass& pass, Task& out) {
 
 // Of many tasks, select looks only at those with news. Otherwise, and when none of these is ready, it waits for
 // all: a descriptor that has hung up may have news in every pass, and one that was closed never has any. A full
-// pass has other tasks than the last one, and to arm these costs more than select.
+// pass has other tasks than the last one, and to arm these costs more than select. Without a wake-up socket
+// each wait is short, and two would take twice as long.
 template <class Task>
 int select_tracker<Task>::Select(const Pass& pass, int wake_up, SelectSets& sets) {
-  if (waiting_.IsCrowded() && !pass.IsFull()) {
+  if (!pass.IsFull() && !deaf_ && waiting_.UseEpoll()) {
     const SelectSets all = sets;
     waiting_.AwaitNews(sets, wake_up, WaitLimit(pass));
     DescriptorSet tasks = sets.failed;
@@ -261,7 +262,7 @@ void select_tracker<Task>::EndPass(bool full) {
   std::list<Task> dropped;  // outlives the lock
   CStdLock lock(passing_mutex_);
   passing_ = false;
-  if (IsStopped()) dropped = waiting_.TakeAll();
+  if (IsStopped()) dropped = waiting_.Close();
 }
 
 // Reads one datagram per pass; further ones end the next selects.

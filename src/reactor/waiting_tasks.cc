@@ -56,7 +56,6 @@ void waiting_tasks<Task>::Enter(std::list<Task> fresh, std::list<Task>& late) {
   readers_.tasks.splice(readers_.tasks.begin(), readers);
   writers_.tasks.splice(writers_.tasks.begin(), writers);
   if (some_left || limited) WatchAnew();
-  epoll_.Fit(readers_.tasks.size() + writers_.tasks.size());
 }
 
 template <class Task>
@@ -105,10 +104,15 @@ std::list<Task> waiting_tasks<Task>::TakeAll() {
   std::list<Task> all = std::exchange(came_, {});
   all.splice(all.end(), std::exchange(readers_, {}).tasks);
   all.splice(all.end(), std::exchange(writers_, {}).tasks);
-  epoll_.Close();
   highest_ = 0;
   deadline_ms_ = kNoDeadline;
   return all;
+}
+
+template <class Task>
+std::list<Task> waiting_tasks<Task>::Close() {
+  epoll_.Close();
+  return TakeAll();
 }
 
 template <class Task>

@@ -48,8 +48,8 @@ class waiting_tasks {
 
   // The descriptors to wait for.
   SelectSets Sets() const;
-  // True when so many descriptors wait that a pass calls AwaitNews before select.
-  bool IsCrowded() const { return epoll_.IsOpen(); }
+  // True when so many tasks wait that AwaitNews costs less than to select among all.
+  bool UseEpoll() { return epoll_.Fit(readers_.tasks.size() + writers_.tasks.size()); }
   // Waits for news of a descriptor in the sets, and removes those without. Leaves none when the time is up and
   // after an error.
   void AwaitNews(SelectSets& sets, int wake_up, unsigned int wait_ms);
@@ -60,6 +60,8 @@ class waiting_tasks {
   void DropBad();
   // Removes and returns all tasks, in the order of service.
   std::list<Task> TakeAll();
+  // The same for a stop: keeps no descriptor open either.
+  std::list<Task> Close();
 
  private:
   // The tasks that wait for one kind of event.

@@ -183,6 +183,10 @@ TEST_F(CrowdTest, ANumberMayStandForAnotherSocket) {
   EXPECT_EQ(Next(), old.copy());
   EXPECT_EQ(dup2(other.descriptor(), old.copy()), old.copy());
   Add(old.copy(), kSelectReadable);
+  other.Send();
+  EXPECT_EQ(Next(), old.copy());
+  other.MakeReadable(false);
+  Add(old.copy(), kSelectReadable);
   old.Send();
   EXPECT_TRUE(Sleeps());
   other.Send();
