@@ -73,7 +73,7 @@ bool IsPortLost(int error) { return error == EBADF || error == EFAULT || error =
 
 }  // namespace
 
-CSockAcceptor::~CSockAcceptor() { CSockAcceptor::Stop(); }
+CSockAcceptor::~CSockAcceptor() { ClosePort(); }
 
 bool CSockAcceptor::StartListen(const char* host, int port, ITCPTaskTracker* tracker, bool reuse_port) {
   if (running_) return true;
@@ -107,13 +107,30 @@ bool CSockAcceptor::StartListen(const char* host_port, ITCPTaskTracker* tracker)
 }
 
 bool CSockAcceptor::Stop() {
+  if (ClosePort()) WakeTracker();
+  return true;
+}
+
+bool CSockAcceptor::ClosePort() {
   CStdLock lock(mutex_);
-  if (!running_) return true;
+  if (!running_) return false;
   running_ = false;
   stopped_.notify_all();
   shutdown(listen_socket_.get(), SHUT_RDWR);  // ends a select that waits for it
   listen_socket_.Close();
   return true;
+}
+
+// A tracker with many tasks may not hear of the closed socket, and the task that waits for it keeps the
+// acceptor. A task that is due at once makes the tracker look at all.
+void CSockAcceptor::WakeTracker() {
+  ITCPTaskTracker* const tracker = tracker_;
+  if (tracker == nullptr) return;
+  try {
+    tracker->AddTask(CTCPTask(new CTCPAcceptorTask(kNoSocket, nullptr, 0)));
+  } catch (const std::bad_alloc&) {
+    GXModLog(kGXModLogTrace, "[CSockAcceptor] no memory to wake the tracker after a stop");
+  }
 }
 
 bool CSockAcceptor::OnAccept(CRefObj<CSockStream> stream) {

@@ -80,6 +80,8 @@ class CSockAcceptor : public IReference {
   bool WaitAfter(Outcome outcome);
   bool WaitInTracker(Until until);
   bool Pause();
+  bool ClosePort();  // false when already stopped
+  void WakeTracker();
   void LogFailure(const char* tag, const char* what, int error, int line);
 
   std::string address_;
