@@ -22,7 +22,7 @@ namespace gxtool {
 namespace {
 
 constexpr std::chrono::milliseconds kLastChance{300};  // for the reader
-constexpr std::chrono::seconds kLongestWrite{5};       // when there was room for it
+constexpr std::chrono::seconds kLongestWrite{1};       // when there was room for it
 
 // A pipe that is ready takes this much without blocking.
 constexpr std::size_t kStepBytes = std::min<std::size_t>(PIPE_BUF, 4096);
@@ -74,7 +74,8 @@ class OutputQueue::Writer {
   }
 
   // Gives the reader a moment; then the thread writes only what there is room for. Returns true when the thread
-  // has ended. Otherwise a write blocks it, because another process filled the pipe first.
+  // has ended. Otherwise a write blocks it, because another process filled the pipe first or a terminal is
+  // slow.
   bool Finish() {
     std::unique_lock lock(mutex_);
     finishing_ = true;
