@@ -211,8 +211,8 @@ class Fixture {
       Check(options.allow.Add(entry, &why));
     }
     options.raw = raw;
-    constexpr auto kAnyTime = std::chrono::hours(1);  // the targets end by themselves
-    options.end_times = {kAnyTime, kAnyTime, kAnyTime};
+    constexpr auto kLongest = std::chrono::seconds(30);  // the targets end by themselves
+    options.end_times = {kLongest, kLongest, kLongest};
     options.max_connections = kConnections;
     options.names.lookup = LookUp;
     options.log = [](gxtool::LogLevel, const std::string& line) { CheckLine(line); };

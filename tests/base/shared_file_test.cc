@@ -49,7 +49,8 @@ TEST_F(SharedFileTest, ProgramsThatSaveAtOnceLoseNothing) {
       getaddrinfo("192.0.2.1", nullptr, nullptr, &answer);
       for (int i = 0; i < kNames; ++i) {
         const std::string name = std::to_string(program) + "-" + std::to_string(i);
-        while (ParseDnsRecords(FileText(path_)).count(name) == 0) {  // its turn may not come in time
+        // Its turn may not come in time.
+        for (int tries = 20; tries > 0 && ParseDnsRecords(FileText(path_)).count(name) == 0; --tries) {
           DnsCache cache;
           cache.Init(path_, 0, 0);
           addrinfo* list = answer;

@@ -2,7 +2,6 @@
 
 import contextlib
 import fcntl
-import functools
 import glob
 import json
 import os
@@ -417,7 +416,8 @@ def peers(tools):
     # The one connection fills the queue.
     with socket.create_server(("127.0.0.1", 0), backlog=0) as silent, socket.create_connection(silent.getsockname()):
         places = {"@TARGET": target.address, "@SILENT": "%s:%d" % silent.getsockname()}
-        side_by_side(functools.partial(plays, tools, places), PEER_FRAMES)
+        for row in PEER_FRAMES:
+            plays(tools, places, *row)
     theirs, ours = os.pipe()
     os.write(ours, b"\x1b[1mwho are you?")
     done = run_to_the_end([tools.gx_ssh_peer, "--connect-timeout", "500ms"], stdin=theirs)

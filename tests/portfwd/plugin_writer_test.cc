@@ -36,7 +36,7 @@ class PluginWriterTest : public testing::Test {
     writer_ = std::make_unique<CPluginWriter>(stream_.get(), flow_);
   }
 
-  // Its clock stands still: only the Writes that it is told of have a time, and none ever counts as too long.
+  // Its clock stands at 0, and no client counts as stalled, so Look tells the time of the running Write.
   CFlowControl flow_{{.stall_ms = 1ULL << 60}, [] { return std::uint64_t{0}; }};
   CRefObj<ByteStream> stream_;
   std::unique_ptr<CPluginWriter> writer_;

@@ -31,7 +31,7 @@ inline constexpr int kPeerNotReady = 4;  // no other side was found on the strea
 struct EndTimes {
   std::chrono::milliseconds stop{1700};        // after Stop
   std::chrono::milliseconds input_end{1000};   // after the end of the input
-  std::chrono::milliseconds last_frames{200};  // after both
+  std::chrono::milliseconds last_frames{200};  // after either
 };
 
 struct PeerOptions {
@@ -66,7 +66,7 @@ class Peer {
   // Works on the calling thread until the stream ends. Call it once.
   int Run();
 
-  // Thread: any, while the object exists. Finishes current work, for at most end_times.stop, then ends Run.
+  // Thread: any, while the object exists. Finishes current work within end_times, then ends Run.
   void Stop();
 
  private:

@@ -372,7 +372,7 @@ TEST_F(PeerLinkTest, FillsTheLineWithinBounds) {
 TEST_F(PeerLinkTest, NoticesASilentLinkButNotAnAnsweringOne) {
   options_.keepalive = std::chrono::milliseconds(100);
   Rig rig(options_);
-  Clock::time_point heard = Clock::now();  // at the earliest when the peer was told something last
+  Clock::time_point heard = Clock::now();  // not later than when the peer was last told something
   Clock::duration longest{};               // in which it may have heard nothing
   Greet(rig);
   Frame frame;
