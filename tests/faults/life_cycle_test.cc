@@ -97,15 +97,12 @@ TEST_F(CallOrders, EveryOrderHasItsResults) {
   } orders[] = {
       {"E", {0}, false},
       {"R", {1}, false},
-      {"IR", {0, 0}, true},
-      {"NR", {0, 0}, true},
       {"IRRE", {0, 0, 0, 0}, false},
       {"IER", {0, 0, kGXModFail}, false},
       {"IREEIR", {0, 0, 0, 0, 0, 0}, true},
       {"IRIR", {0, 0, 0, 0}, true},
-      {"IRNRE", {0, 0, 0, 0, 0}, false},
+      {"IRNR", {0, 0, 0, 0}, true},
       {"IF", {0, kGXModFail}, false},
-      {"TR", {0, 0}, true},
       {"TRE", {0, 0, 0}, false},
       {"IRX", {0, 0, 0}, false},
   };

@@ -75,6 +75,9 @@ struct Received {
     }
     return any;
   }
+  bool TakeUntil(int fd, auto condition) {
+    return Eventually([&] { return TakeAll(fd), condition(); });
+  }
 
   std::uint64_t bytes = 0;  // of the frames that are acknowledged
   std::string data;

@@ -10,7 +10,7 @@ using Clock = LinePace::Clock;
 using Seconds = std::chrono::duration<double>;
 constexpr std::chrono::microseconds kStep{250};
 
-Clock::time_point g_now{};
+Clock::time_point g_now{std::chrono::hours(1)};
 Clock::time_point Now() { return g_now; }
 
 // A simulated line with an unlimited buffer and its own clock, which moves in steps. One end sends as much as
@@ -18,7 +18,6 @@ Clock::time_point Now() { return g_now; }
 class Line {
  public:
   Line(double bytes_per_s, double delay_s) : rate(bytes_per_s), delay(delay_s) {
-    g_now = Clock::time_point(std::chrono::hours(1));
     receipts.Start();
     Acknowledge();
   }
@@ -131,12 +130,8 @@ TEST(LinePaceTest, LinesAreBusyAndNothingQueuesForLong) {
       EXPECT_LE(line.Queue(99), 0.055 + 0.3 * delay + 4 * 528 / rate) << rate;
     }
   }
-}
-
-// The window doubles eight times, once per round trip. A short queue behind a burst does not end the growth.
-TEST(LinePaceTest, ALongLineIsSoonBusy) {
-  Line line(10e6, 0.1);
-  EXPECT_GE(line.Used(2, 0.5), 0.95);
+  // The window doubles eight times, once per round trip. A short queue behind a burst does not end the growth.
+  EXPECT_GE(Line(10e6, 0.1).Used(2, 0.5), 0.95) << "a long line is soon busy";
 }
 
 TEST(LinePaceTest, FollowsALineThatChanges) {
@@ -160,7 +155,6 @@ TEST(LinePaceTest, FollowsALineThatChanges) {
 
 // Small messages in both directions, on a fast local line: acknowledgements ride along with them.
 TEST(ReceiptsTest, AConversationNeedsNoAcknowledgementOfItsOwn) {
-  g_now = Clock::time_point(std::chrono::hours(1));
   LinePace pace(&Now);
   Receipts receipts;
   receipts.Start();
@@ -207,33 +201,19 @@ TEST(LinePaceTest, KeystrokesMeasureNoLine) {
 }
 
 TEST(LinePaceTest, WhatNoHonestSideAcknowledgesCountsForNothing) {
-  g_now = Clock::time_point(std::chrono::hours(1));
   LinePace pace(&Now);
-  EXPECT_TRUE(pace.HasRoomFor(1 << 30)) << "nobody acknowledges";
   EXPECT_TRUE(pace.OnAcknowledgement({0, 1 << 20}));
-  const std::uint64_t room = pace.Room();
-  EXPECT_LT(room, std::uint64_t{64} << 10);
-  pace.OnSent(room);
-  EXPECT_EQ(pace.Room(), 0U);
+  pace.OnSent(pace.Room());
   EXPECT_FALSE(pace.HasRoomFor(1));
   g_now += std::chrono::milliseconds(10);
   EXPECT_TRUE(pace.OnAcknowledgement({1000, 1 << 20}));
   const std::uint64_t left = pace.Room();
   EXPECT_FALSE(pace.OnAcknowledgement({0, 1 << 20})) << "falls";
   EXPECT_FALSE(pace.OnAcknowledgement({1000, 0})) << "takes back";
+  pace.OnReceived(pace.sent() + 1);
   EXPECT_EQ(pace.Room(), left);
   EXPECT_FALSE(pace.OnAcknowledgement({~std::uint64_t{0}, ~std::uint64_t{0}})) << "was never sent";
   EXPECT_EQ(pace.view().under_way, 0U);
-  // From here on only pongs come: they acknowledge as well.
-  for (int time = 0; time < 5; ++time) {
-    while (pace.HasRoomFor(1000)) pace.OnSent(1000);
-    const std::uint64_t sent = pace.sent();
-    g_now += std::chrono::milliseconds(10);
-    pace.OnReceived(sent + 1);
-    EXPECT_FALSE(pace.HasRoomFor(1000)) << "was never sent";
-    pace.OnReceived(sent);
-    EXPECT_TRUE(pace.HasRoomFor(1000));
-  }
 }
 
 }  // namespace

@@ -10,7 +10,6 @@
 #include <filesystem>
 
 #include "support/tcp_client.h"
-#include "support/temp_dir.h"
 #include "support/test.h"
 #include "tools/kit.h"
 
